@@ -1,0 +1,3 @@
+#include "libostrel_impl.h"
+
+const char *ostrel_strerror(ostrel_error_t) { return ""; }
