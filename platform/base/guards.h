@@ -10,7 +10,8 @@
 #include <meridon/attrlist.h>
 
 // Owns a pointer that `Free` takes back; Free must accept NULL.
-template <typename T, auto Free> class Handle {
+template <typename T, auto Free>
+class Handle {
 public:
 	Handle() = default;
 	explicit Handle(T *value) : value_(value) {}
@@ -45,13 +46,20 @@ private:
 	T *value_ = nullptr;
 };
 
-inline void free_heap(void *memory) { ::free(memory); }
+inline void free_heap(void *memory)
+{
+	::free(memory);
+}
 // The result of a close here is of no interest: a stream that was written is closed by hand, with close_checked().
-inline void close_stream(FILE *stream) { (void) ::fclose(stream); }
+inline void close_stream(FILE *stream)
+{
+	(void) ::fclose(stream);
+}
 
 using AttrList = Handle<attrlist_t, attrlist_free>;
 using Stream = Handle<FILE, close_stream>;
-template <typename T> using Heap = Handle<T, free_heap>;
+template <typename T>
+using Heap = Handle<T, free_heap>;
 
 // Owns a file descriptor.
 class Fd {

@@ -71,9 +71,9 @@ typedef enum data_type MERIDON_ENUM32 {
 #define ATL_UNIQUE_NAME_TYPE 2 /* what attrlist_merge() is called with; it replaces by name all the same */
 #define ATL_ENCODE_XDR 1       /* the one packed form */
 
-#define ATTRLIST_DEPTH_MAX 64                 /* a list in a list in a list ...: the outermost counts as 1 */
-#define ATTRLIST_NAME_MAX 65535               /* bytes of a name, without its terminator */
-#define ATTRLIST_ELEMENTS_MAX 0x7fffffffU     /* elements of an array */
+#define ATTRLIST_DEPTH_MAX 64             /* a list in a list in a list ...: the outermost counts as 1 */
+#define ATTRLIST_NAME_MAX 65535           /* bytes of a name, without its terminator */
+#define ATTRLIST_ELEMENTS_MAX 0x7fffffffU /* elements of an array */
 
 typedef struct attrlist attrlist_t;
 typedef struct attrpair attrpair_t;
