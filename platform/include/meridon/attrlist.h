@@ -105,8 +105,10 @@ void attrlist_free(attrlist_t *list);
  */
 int attrlist_dup(attrlist_t *list, attrlist_t **outp, int zero);
 
-/* Adds a copy of every pair of `src` to `dst`, which replaces pairs of the same name. `src` may be `dst`: no change.
- * On ENOMEM the pairs before the one that failed stay added. */
+/*
+ * Adds a copy of every pair of `src` to `dst`, which replaces pairs of the same name, whatever `flag` says. `src` may be
+ * `dst` (no change), lie in it, or hold it: what is added is as `src` was before the call.
+ */
 int attrlist_merge(attrlist_t *dst, attrlist_t *src, int flag);
 
 /* Removes all pairs and keeps the memory for the next ones: for a scratch list that is filled again and again. */
