@@ -21,71 +21,345 @@ extern "C" {
 
 /* ---- Results ---- */
 
+/*
+ * What every operation says, unless it is stated otherwise: the returned value is the whole report, there is no
+ * last-error state. The numbers cross process boundaries and stay as they are.
+ */
 typedef enum ostrel_error MERIDON_ENUM32 {
 	OSTREL_SUCCESS = 0,
-	OSTREL_EPERM = 1,
-	OSTREL_INVALID_ARG = 2,
+	OSTREL_EPERM = 1,       /* permission denied */
+	OSTREL_INVALID_ARG = 2, /* a bad argument, or an operation that this kind of database doesn't have */
 	OSTREL_EXISTS = 3,
 	OSTREL_NOT_FOUND = 4,
-	OSTREL_WALK_HALTED = 5,
-	OSTREL_NO_MEMORY = 6,
-	OSTREL_FAILURE = 7,
+	OSTREL_WALK_HALTED = 5, /* a walk's callback stopped it */
+	OSTREL_NO_MEMORY = 6,   /* also no space on the device */
+	OSTREL_FAILURE = 7,     /* anything that has no value of its own */
 	OSTREL_NOTSUP = 8,
-	OSTREL_NEEDS_RETRY = 9
+	OSTREL_NEEDS_RETRY = 9 /* the store can't take the update now; nothing was changed */
 } ostrel_error_t;
 
+/*
+ * Gives the text of a result, translated by dgettext() in the domain "meridon_lib_libostrel"; "<unknown error>" for a
+ * value that is none of the ten.
+ *
+ * Owns:    the text is the library's, constant, and not to be freed.
+ * Threads: any. Depends on the locale of the process.
+ */
 const char *ostrel_strerror(ostrel_error_t err);
+
+/*
+ * Gives the result that stands for an errno value.
+ *
+ *   0                 OSTREL_SUCCESS        EFAULT, EINVAL  OSTREL_INVALID_ARG
+ *   EPERM, EACCES     OSTREL_EPERM          EEXIST          OSTREL_EXISTS
+ *   ENOENT, ENOTDIR   OSTREL_NOT_FOUND      ENOTSUP         OSTREL_NOTSUP
+ *   ENOMEM, ENOSPC    OSTREL_NO_MEMORY      all else, negative values too: OSTREL_FAILURE
+ *
+ * Threads: any.
+ */
 ostrel_error_t ostrel_errno2error(int err);
+
+/*
+ * Gives the errno value that stands for a result. Not the inverse of ostrel_errno2error(): OSTREL_EPERM is EACCES, and
+ * OSTREL_FAILURE, OSTREL_NEEDS_RETRY and unknown values are EINVAL like OSTREL_INVALID_ARG.
+ *
+ *   OSTREL_SUCCESS      0         OSTREL_NOT_FOUND    ENOENT
+ *   OSTREL_EPERM        EACCES    OSTREL_WALK_HALTED  ECANCELED
+ *   OSTREL_INVALID_ARG  EINVAL    OSTREL_NO_MEMORY    ENOMEM
+ *   OSTREL_EXISTS       EEXIST    OSTREL_NOTSUP       ENOTSUP
+ *
+ * Threads: any.
+ */
 int ostrel_error2errno(ostrel_error_t err);
 
 /* ---- Databases ---- */
 
+/*
+ * A handle of an open database. Many threads may use one at once. Nobody counts references: after ostrel_db_close() it
+ * is gone, so a database stays open for as long as any call on it runs, and as any update that was taken over for a
+ * later retry is in flight.
+ */
 typedef struct ostrel_db *ostrel_db_t;
+/* A back end: what kind of place a database lies in. There are the ones below and no others. */
 typedef const struct ostrel_db_cmds *ostrel_db_cmds_t;
 
 #define OSTREL_DB_NAME_MAX 1023 /* bytes of a database's name, without its terminator */
 
+/*
+ * Flags. There are two words, that of the open and that of each operation, and the same bit differs between them. Bits
+ * without a name below have no meaning; an open drops them.
+ */
 #define OSTREL_DB_CASE_SENSITIVE 0x2 /* at open: identifiers are compared with case */
 #define OSTREL_FLAG_EXACT_MATCH 0x1  /* an operation: all identifiers must be the same, no more and no fewer */
 #define OSTREL_FLAG_WITH_PROPS 0x2   /* an operation: objects come with their properties */
-#define OSTREL_FLAG_TEMPORARY 0x4    /* what the repository creates isn't persistent */
+#define OSTREL_FLAG_TEMPORARY 0x4    /* an operation: what the repository creates for it isn't persistent */
 
+/*
+ * Flat text files, one object a line. The database's name is the path of the file.
+ * Takes all operations.
+ */
 extern ostrel_db_cmds_t ostrel_files_db_cmds;
+
+/*
+ * Raw text files, read line by line: one object a line, with the line's number as the identifier object-rawline and its
+ * text as the property of that name. The database's name is the path of the file.
+ * Takes reads and walks; updates are OSTREL_INVALID_ARG.
+ */
 extern ostrel_db_cmds_t ostrel_rawfiles_db_cmds;
 
+/*
+ * Called by ostrel_db_walk() for one object: with the handle, the object's identifiers and properties, the flags as the
+ * walk's caller gave them, and the walk's `arg`. Anything but 0 halts the walk.
+ *
+ * Owns:    both lists are the walk's and go when the callback returns; it may change them, and copies what it keeps.
+ * Threads: the caller of the walk. No lock is held, so it may use the same database, and update it.
+ */
 typedef int ostrel_walkcb_t(ostrel_db_t db, attrlist_t *idl, attrlist_t *props, uint64_t flags, void *arg);
+
+/*
+ * Compares two objects for ostrel_db_walk(), as qsort() asks for it: negative, 0 or positive. Each argument points to
+ * an element of the array of objects; ostrel_object_get() looks inside.
+ */
 typedef int ostrel_sortcb_t(attrlist_t **a, attrlist_t **b);
 
+/*
+ * Opens the database `name` of the enclave `enclave` in the back end `cmds`. Whether the store is there is looked at
+ * now or at the first operation, as the back end does it; files are opened by each operation anew.
+ *
+ * Owns:    *dbp is new; close it with ostrel_db_close(). Untouched on failure. `name` is copied.
+ * Errors:  OSTREL_INVALID_ARG  `name`, `cmds` or `dbp` is NULL, or the name is too long
+ *          OSTREL_NO_MEMORY
+ *          any error of the back end's own open
+ * Threads: any.
+ * Limits:  OSTREL_DB_NAME_MAX. Of `flags` only OSTREL_DB_CASE_SENSITIVE and OSTREL_FLAG_TEMPORARY count.
+ */
 ostrel_error_t ostrel_db_open(
     const char *name, enclaveid_t enclave, ostrel_db_cmds_t cmds, uint64_t flags, ostrel_db_t *dbp);
+
+/*
+ * Closes a database and frees its handle. Waits for operations that hold the handle's lock, if the back end has
+ * anything to close; the caller sees to it that no other call on the handle runs or comes. NULL does nothing.
+ *
+ * Owns:    takes the handle back.
+ * Errors:  none can be reported.
+ * Threads: any, once.
+ */
 void ostrel_db_close(ostrel_db_t db);
+
+/*
+ * Reads the one object that `idl` selects, compared exactly: all its identifiers, no more and no fewer.
+ *
+ * Owns:    *objl is new: the object's properties; free it with attrlist_free(). Untouched on failure. `objl` may be
+ *          NULL. `idl` gains every stored identifier, in its stored spelling; it is unchanged on failure. (If memory
+ *          runs out there, the read succeeds all the same, and `idl` may lack some.)
+ * Errors:  OSTREL_NOT_FOUND    no object matches
+ *          OSTREL_INVALID_ARG  several match, `db` is NULL, or the back end doesn't read
+ *          OSTREL_NO_MEMORY
+ *          any error of the back end
+ * Threads: any. Takes the handle's lock for reading; readers share it and can keep an update waiting.
+ */
 ostrel_error_t ostrel_db_read(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t **objl);
+
+/*
+ * Creates the object `idl` with the properties `objl`, or replaces all properties of the one that is there.
+ *
+ * Success of an update that the store couldn't take at once means that it was taken over: a thread of the library
+ * repeats it, once a second and at most 100 times, and its final result reaches nobody. The lists were copied then.
+ *
+ * Owns:    both lists stay the caller's.
+ * Errors:  OSTREL_INVALID_ARG  `db` is NULL, or the database is read only
+ *          OSTREL_NO_MEMORY
+ *          any error of the back end; nothing was changed
+ * Threads: any. Takes the handle's lock for writing.
+ */
 ostrel_error_t ostrel_db_write(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *objl);
+
+/*
+ * Gives the object `idl` the identifiers `newidl`; its properties stay. Nobody looks whether an object of the new
+ * identifiers is there: flat files then hold two, the repository overwrites it. What ostrel_db_write() says about
+ * updates that are taken over holds here too.
+ *
+ * Owns:    both lists stay the caller's; in the repository `idl` gains the stored identifiers, as in a read.
+ * Errors:  OSTREL_INVALID_ARG  `db` is NULL, or the database is read only
+ *          OSTREL_NOT_FOUND    there is no such object
+ *          OSTREL_NO_MEMORY
+ *          any error of the back end; nothing was changed
+ * Threads: any. Takes the handle's lock for writing.
+ */
 ostrel_error_t ostrel_db_rename(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl);
+
+/*
+ * Removes the object `idl`. NULL means the whole database, file and all, to flat files, and nothing to the others. What
+ * ostrel_db_write() says about updates that are taken over holds here too.
+ *
+ * Owns:    the list stays the caller's.
+ * Errors:  OSTREL_INVALID_ARG  `db` is NULL, or the database is read only
+ *          OSTREL_NOT_FOUND    there is no such object
+ *          OSTREL_NO_MEMORY
+ *          any error of the back end; nothing was changed
+ * Threads: any. Takes the handle's lock for writing.
+ */
 ostrel_error_t ostrel_db_remove(ostrel_db_t db, attrlist_t *idl, uint64_t flags);
+
+/*
+ * Calls `cb` for every object that `idl` selects: those that have at least these identifiers, with these values, where
+ * an empty value stands for any. NULL selects what the back end takes it for, all objects in flat files. With
+ * OSTREL_FLAG_EXACT_MATCH the selection is that of a read. The order is the back end's, or that of `sortcb`.
+ *
+ * Owns:    `idl` stays the caller's, unchanged. `sortcb` and `cbret` may be NULL.
+ * Errors:  OSTREL_WALK_HALTED  a callback returned something other than 0; it stands in *cbret, which nothing else
+ *          writes
+ *          OSTREL_INVALID_ARG  `db` or `cb` is NULL, or the back end doesn't read
+ *          any error of the back end
+ *          No object at all is a success.
+ * Threads: any. Takes no lock; the back end reads all objects before the first callback, and an update beside it does
+ *          no harm.
+ */
 ostrel_error_t ostrel_db_walk(ostrel_db_t db, attrlist_t *idl, uint64_t flags, ostrel_walkcb_t *cb,
     ostrel_sortcb_t *sortcb, void *arg, int *cbret);
+
+/*
+ * Reads the one object that `idl` selects, like ostrel_db_read(), for some properties: each pair of *props, whose value
+ * doesn't matter, is replaced by the stored pair of that name, with its type, or removed if the object has none.
+ *
+ * Owns:    *props is and stays the caller's list. Unchanged if the read fails.
+ * Errors:  those of ostrel_db_read(); OSTREL_INVALID_ARG also if `props` or *props is NULL
+ *          OSTREL_NO_MEMORY    pairs that were done stay done
+ * Threads: any. Takes the handle's lock for reading.
+ */
 ostrel_error_t ostrel_db_get_object_props(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t **props);
+
+/*
+ * Asks the back end whether the caller may read (B_FALSE) or update (B_TRUE). Only a back end behind which another
+ * process owns the database has such a question; in all others this succeeds, and so it does for NULL.
+ *
+ * Errors:  OSTREL_EPERM        no
+ *          any error of the back end
+ * Threads: any. Takes no lock.
+ */
 ostrel_error_t ostrel_db_check_auth(ostrel_db_t db, boolean_t write);
 
 /* ---- Identifier lists ---- */
 
+/*
+ * An identifier list is an attribute list of text keys, the same for what is stored with an object and for a search.
+ * What the keys are called is the caller's business, but for these: object-db-name and object-id-string identify
+ * nothing and are passed over wherever identifiers are compared, counted or written; object-db-enclave is a number,
+ * counts, and equals nothing; object-pgname, object-pgtype and object-rawline have a meaning to one back end each.
+ *
+ * Threads, for all calls of this group: one thread at a time uses a list.
+ */
+
 #define OSTREL_IDSTR_SIZE 256 /* room for the text of an identifier list, with its terminator */
 
+/*
+ * Makes an identifier list. With a `db_name`, which may be NULL, an operation with this list goes to the store of that
+ * name in place of the handle's.
+ *
+ * Owns:    *idlp is new; free it with attrlist_free(). Untouched on failure.
+ * Errors:  OSTREL_INVALID_ARG  `idlp` is NULL
+ *          OSTREL_NO_MEMORY
+ */
 ostrel_error_t ostrel_idlist_init(attrlist_t **idlp, const char *db_name);
+
+/*
+ * Adds a key at the end, in place of one of that name. In a search an empty value stands for any; NULL is an empty
+ * value.
+ *
+ * Owns:    name and value are copied.
+ * Errors:  OSTREL_INVALID_ARG  `idl` or `name` is NULL, or the name is object-db-name or object-id-string
+ *          OSTREL_NO_MEMORY    nothing was changed
+ */
 ostrel_error_t ostrel_idlist_add(attrlist_t *idl, const char *name, const char *value);
+
+/*
+ * Adds the enclave in which to look for the object, in place of the handle's. Only the repository reads it; elsewhere
+ * such a list selects nothing.
+ *
+ * Errors:  OSTREL_INVALID_ARG  `idl` is NULL
+ *          OSTREL_NO_MEMORY    nothing was changed
+ */
 ostrel_error_t ostrel_idlist_add_enclaveid(attrlist_t *idl, enclaveid_t enclave);
+
+/*
+ * Gives the value of a text key.
+ *
+ * Owns:    *valuep lies in the list: valid until the list is changed or freed. Untouched on failure.
+ * Errors:  OSTREL_NOT_FOUND    there is no text key of that name
+ *          OSTREL_INVALID_ARG  an argument is NULL
+ */
 ostrel_error_t ostrel_idlist_get(attrlist_t *idl, const char *name, char **valuep);
+
+/*
+ * Gives what ostrel_idlist_add_enclaveid() added.
+ *
+ * Owns:    *enclavep is untouched on failure.
+ * Errors:  OSTREL_NOT_FOUND    the list names no enclave
+ *          OSTREL_INVALID_ARG  an argument is NULL
+ */
 ostrel_error_t ostrel_idlist_get_enclaveid(attrlist_t *idl, enclaveid_t *enclavep);
+
+/*
+ * Gives the `db_name` with which the list was made.
+ *
+ * Owns:    *namep lies in the list: valid until the list is changed or freed. Untouched on failure.
+ * Errors:  OSTREL_NOT_FOUND    it was made without one
+ *          OSTREL_INVALID_ARG  an argument is NULL
+ */
 ostrel_error_t ostrel_idlist_get_db_name(attrlist_t *idl, char **namep);
+
+/*
+ * Removes a text key.
+ *
+ * Errors:  OSTREL_NOT_FOUND    there is no text key of that name; the enclave is no text
+ *          OSTREL_INVALID_ARG  an argument is NULL
+ */
 ostrel_error_t ostrel_idlist_remove(attrlist_t *idl, const char *name);
+
+/*
+ * Writes the identifiers as text, "key=value;" for each in list order, with nothing escaped. A NULL list, or one that
+ * identifies nothing, is the empty text.
+ *
+ * Owns:    `buf` is the caller's and has room for OSTREL_IDSTR_SIZE bytes. On failure it holds what fitted.
+ * Errors:  OSTREL_INVALID_ARG  the text doesn't fit, a pair is no text, or `buf` is NULL
+ * Limits:  OSTREL_IDSTR_SIZE - 1 bytes of text
+ */
 ostrel_error_t ostrel_idlist2idstr(attrlist_t *idl, char *buf);
 
 /* ---- Objects ---- */
 
+/*
+ * Makes an object, an attribute list of the nested lists object-idlist and object-props. Without `props`, which may be
+ * NULL, it has no second list, and ostrel_object_get() refuses it.
+ *
+ * Owns:    *objp is new; free it with attrlist_free(). Untouched on failure. Both lists are copied.
+ * Errors:  OSTREL_INVALID_ARG  `idl` or `objp` is NULL, or a list is nested too deeply to fit into another
+ *          OSTREL_NO_MEMORY
+ * Threads: one thread at a time uses a list.
+ */
 ostrel_error_t ostrel_object_create(attrlist_t *idl, attrlist_t *props, attrlist_t **objp);
+
+/*
+ * Takes an object apart. Either of `idlp` and `propsp` may be NULL, but the object must have both lists.
+ *
+ * Owns:    *idlp and *propsp are new; free them with attrlist_free(). On failure *idlp is NULL, *propsp untouched.
+ * Errors:  OSTREL_NOT_FOUND    the object lacks one of its lists
+ *          OSTREL_INVALID_ARG  `obj` is NULL, or both `idlp` and `propsp` are
+ *          OSTREL_NO_MEMORY
+ * Threads: one thread at a time uses a list.
+ */
 ostrel_error_t ostrel_object_get(attrlist_t *obj, attrlist_t **idlp, attrlist_t **propsp);
 
+/*
+ * Give the value of a property of one value, which is stored as an array: from a list by its name, or from a pair. The
+ * pair must hold the array form of exactly this type.
+ *
+ * Owns:    a text lies in the list and is valid until the list is changed or freed. *valuep is untouched on failure.
+ * Errors:  errno values, 0 for success
+ *          ENOENT  from a list: there is no array of that name and type; from both: the array is empty
+ *          EINVAL  the array has several values, an argument is NULL; from a pair: it is of another type
+ * Threads: one thread at a time uses a list.
+ */
 int ostrel_atl_get_one_boolean(attrlist_t *list, const char *name, boolean_t *valuep);
 int ostrel_atl_get_one_int32(attrlist_t *list, const char *name, int32_t *valuep);
 int ostrel_atl_get_one_int64(attrlist_t *list, const char *name, int64_t *valuep);
@@ -93,6 +367,7 @@ int ostrel_atl_get_one_uint32(attrlist_t *list, const char *name, uint32_t *valu
 int ostrel_atl_get_one_uint64(attrlist_t *list, const char *name, uint64_t *valuep);
 int ostrel_atl_get_one_string(attrlist_t *list, const char *name, char **valuep);
 
+/* The same from a pair. */
 int ostrel_atp_get_one_boolean(attrpair_t *pair, boolean_t *valuep);
 int ostrel_atp_get_one_int32(attrpair_t *pair, int32_t *valuep);
 int ostrel_atp_get_one_int64(attrpair_t *pair, int64_t *valuep);
@@ -100,6 +375,15 @@ int ostrel_atp_get_one_uint32(attrpair_t *pair, uint32_t *valuep);
 int ostrel_atp_get_one_uint64(attrpair_t *pair, uint64_t *valuep);
 int ostrel_atp_get_one_string(attrpair_t *pair, char **valuep);
 
+/*
+ * Add a property of one value, as an array of one element, in place of a pair of that name.
+ *
+ * Owns:    name and value are copied.
+ * Errors:  errno values, 0 for success
+ *          EINVAL  an argument is NULL
+ *          ENOMEM  nothing was changed
+ * Threads: one thread at a time uses a list.
+ */
 int ostrel_atl_add_one_boolean(attrlist_t *list, const char *name, boolean_t value);
 int ostrel_atl_add_one_int32(attrlist_t *list, const char *name, int32_t value);
 int ostrel_atl_add_one_int64(attrlist_t *list, const char *name, int64_t value);

@@ -43,15 +43,16 @@ typedef ostrel_error_t ostrel_authcmd_t(ostrel_db_t db, boolean_t write);
 
 // A back end: what it receives and must return, slot by slot. An empty slot (NULL) means what stands in brackets.
 struct ostrel_db_cmds {
-	// At the end of ostrel_db_open(), on a complete handle that the caller can't see yet, with no lock held. Makes the
-	// private data. If it fails, the handle goes; what was allocated is to be released before. [nothing to do]
+	// At the end of ostrel_db_open(), on a complete handle that the caller can't see yet, with no lock held. Makes
+	// the private data. If it fails, the handle goes; what was allocated is to be released before. [nothing to do]
 	ostrel_opencmd_t *dbc_open;
-	// With db_lock held for writing; releases db_priv. The handle goes afterwards. [nothing to do, and no lock taken]
+	// With db_lock held for writing; releases db_priv. The handle goes afterwards. [nothing to do, and no lock
+	// taken]
 	ostrel_closecmd_t *dbc_close;
-	// With db_lock held for reading from ostrel_db_read(), with no lock from ostrel_db_walk() and a hatch server: it
-	// must stand by itself beside updates in other threads. On success it has stored an array (malloc family; NULL
-	// or valid if the count is 0) of objects made with ostrel_object_create(), which belong to the caller: Objects
-	// below. On failure nobody looks at the two, and nothing is left behind. [OSTREL_INVALID_ARG]
+	// With db_lock held for reading from ostrel_db_read(), with no lock from ostrel_db_walk() and a hatch server:
+	// it must stand by itself beside updates in other threads. On success it has stored an array (malloc family;
+	// NULL or valid if the count is 0) of objects made with ostrel_object_create(), which belong to the caller:
+	// Objects below. On failure nobody looks at the two, and nothing is left behind. [OSTREL_INVALID_ARG]
 	ostrel_readcmd_t *dbc_read;
 	// These three with db_lock held for writing. They own no list. One that has to read through ostrel_db_read()
 	// gives the lock up before and takes it again afterwards. OSTREL_NEEDS_RETRY: nothing was changed, and the same
@@ -83,7 +84,8 @@ struct ostrel_db {
 	void *db_priv;     // the back end's; NULL until it sets it
 };
 
-// With a NULL handle the first three give NULL, NULL and 0, and the privlock's two do nothing; the others need a handle.
+// With a NULL handle the first three give NULL, NULL and 0, and the privlock's two do nothing; the others need a
+// handle.
 const char *ostrel_db_get_name(ostrel_db_t db);
 ostrel_db_cmds_t ostrel_db_get_cmds(ostrel_db_t db);
 uint64_t ostrel_db_get_flags(ostrel_db_t db);
@@ -119,12 +121,13 @@ boolean_t ostrel_idlist_is_empty(attrlist_t *idl);
 boolean_t ostrel_idlist_match(ostrel_db_t db, attrlist_t *idl, attrlist_t *objidl, boolean_t exact);
 
 // Objects
-// Gives the two lists that lie in an object, in place, nothing copied. Errors: OSTREL_NOT_FOUND  one of the two is missing
+// Gives the two lists that lie in an object, in place, nothing copied. Errors: OSTREL_NOT_FOUND  one of the two is
+// missing
 ostrel_error_t ostrel_object_look(attrlist_t *obj, attrlist_t **idlp, attrlist_t **propsp);
 // Packs an array of objects into one list. Owns: objects are copied; *listp is new, NULL on failure.
 ostrel_error_t ostrel_object_list_create(attrlist_t **objs, unsigned int count, attrlist_t **listp);
-// Takes the objects out again. Owns: *objsp is a new array (malloc family) of copies, never NULL; `objsp` may be NULL if
-// only the count is wanted. Errors: OSTREL_NOT_FOUND  no objects in the list
+// Takes the objects out again. Owns: *objsp is a new array (malloc family) of copies, never NULL; `objsp` may be NULL
+// if only the count is wanted. Errors: OSTREL_NOT_FOUND  no objects in the list
 ostrel_error_t ostrel_object_list_get_objects(attrlist_t *list, attrlist_t ***objsp, unsigned int *countp);
 // One line of text, "name=value,value;" for each pair, cut where `buf` ends. Arrays of 64-bit integers, strings and
 // booleans have a value text (at most 511 bytes), all else is shown by name. Gives `buf`.
