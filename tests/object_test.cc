@@ -1,0 +1,299 @@
+// Objects, object lists, properties of one value, the text for traces, and the small helpers.
+#include <cerrno>
+#include <climits>
+#include <gtest/gtest.h>
+
+#include "libostrel_impl.h"
+#include "lists.h"
+
+namespace {
+
+TEST(Object, IsMadeOfCopiesAndTakenApartIntoCopies)
+{
+	AttrList idl = idl_of("a=x");
+	AttrList props = props_of("p=1;q=2");
+	AttrList object;
+	ASSERT_EQ(ostrel_object_create(idl.get(), props.get(), object.out()), OSTREL_SUCCESS);
+	ASSERT_EQ(ostrel_idlist_add(idl.get(), "a", "changed"), OSTREL_SUCCESS);
+
+	AttrList idl_back;
+	AttrList props_back;
+	ASSERT_EQ(ostrel_object_get(object.get(), idl_back.out(), props_back.out()), OSTREL_SUCCESS);
+	object.reset();
+	EXPECT_EQ(text_of(idl_back.get()), "a=x;");
+	EXPECT_EQ(text_of(props_back.get()), "p=1;q=2;");
+}
+
+TEST(Object, EitherHalfComesAlone)
+{
+	AttrList object = object_of("a=x", "");
+	AttrList half;
+	EXPECT_EQ(ostrel_object_get(object.get(), nullptr, half.out()), OSTREL_SUCCESS);
+	EXPECT_EQ(text_of(half.get()), "");
+	EXPECT_EQ(ostrel_object_get(object.get(), half.out(), nullptr), OSTREL_SUCCESS);
+	EXPECT_EQ(text_of(half.get()), "a=x;");
+	EXPECT_EQ(ostrel_object_get(object.get(), nullptr, nullptr), OSTREL_INVALID_ARG);
+}
+
+TEST(Object, WithoutItsPropertiesIsRefusedWhicheverHalfIsWanted)
+{
+	AttrList object;
+	ASSERT_EQ(ostrel_object_create(idl_of("a=x").get(), nullptr, object.out()), OSTREL_SUCCESS);
+	attrlist_t *const stale = object.get();
+	attrlist_t *idl = stale;
+	attrlist_t *props = stale;
+	EXPECT_EQ(ostrel_object_get(object.get(), &idl, nullptr), OSTREL_NOT_FOUND);
+	EXPECT_EQ(idl, nullptr);
+	EXPECT_EQ(ostrel_object_get(object.get(), nullptr, &props), OSTREL_NOT_FOUND);
+	EXPECT_EQ(props, stale);
+	EXPECT_EQ(ostrel_object_get(idl_of("a=x").get(), &idl, &props), OSTREL_NOT_FOUND);
+	EXPECT_EQ(ostrel_object_get(nullptr, &idl, &props), OSTREL_INVALID_ARG);
+}
+
+TEST(Object, NeedsIdentifiers)
+{
+	AttrList props = props_of("p=1");
+	attrlist_t *object = props.get();
+	EXPECT_EQ(ostrel_object_create(nullptr, props.get(), &object), OSTREL_INVALID_ARG);
+	EXPECT_EQ(object, props.get());
+	EXPECT_EQ(ostrel_object_create(props.get(), props.get(), nullptr), OSTREL_INVALID_ARG);
+}
+
+TEST(ObjectList, GivesBackWhatWasPacked)
+{
+	AttrList first = object_of("a=1", "p=x");
+	AttrList second = object_of("a=2", "p=y");
+	attrlist_t *objs[] = {first.get(), second.get()};
+	AttrList list;
+	ASSERT_EQ(ostrel_object_list_create(objs, 2, list.out()), OSTREL_SUCCESS);
+	first.reset();
+
+	unsigned int count = 99;
+	EXPECT_EQ(ostrel_object_list_get_objects(list.get(), nullptr, &count), OSTREL_SUCCESS);
+	EXPECT_EQ(count, 2U);
+	Objects back;
+	ASSERT_EQ(ostrel_object_list_get_objects(list.get(), back.out(), back.out_count()), OSTREL_SUCCESS);
+	list.reset();
+	attrlist_t *idl;
+	attrlist_t *props;
+	for (unsigned int i = 0; i < 2; i++) {
+		ASSERT_EQ(ostrel_object_look(back[i], &idl, &props), OSTREL_SUCCESS);
+		EXPECT_EQ(text_of(idl) + text_of(props), i == 0 ? "a=1;p=x;" : "a=2;p=y;");
+	}
+}
+
+TEST(ObjectList, OfNothingIsAnArrayThatCanBeFreed)
+{
+	AttrList list;
+	ASSERT_EQ(ostrel_object_list_create(nullptr, 0, list.out()), OSTREL_SUCCESS);
+	Objects back;
+	ASSERT_EQ(ostrel_object_list_get_objects(list.get(), back.out(), back.out_count()), OSTREL_SUCCESS);
+	EXPECT_EQ(back.count(), 0U);
+	EXPECT_NE(*back.out(), nullptr);
+}
+
+TEST(ObjectList, CountsWhatIsThereAndNotWhatItSays)
+{
+	AttrList object = object_of("a=1", "p=x");
+	attrlist_t *objs[] = {object.get()};
+	AttrList list;
+	ASSERT_EQ(ostrel_object_list_create(objs, 1, list.out()), OSTREL_SUCCESS);
+	uint64_t said = 0;
+	ASSERT_EQ(attrlist_lookup_uint64(list.get(), "object-count", &said), 0);
+	EXPECT_EQ(said, 1U);
+	ASSERT_EQ(attrlist_add_uint64(list.get(), "object-count", UINT64_MAX), 0);
+	Objects back;
+	ASSERT_EQ(ostrel_object_list_get_objects(list.get(), back.out(), back.out_count()), OSTREL_SUCCESS);
+	EXPECT_EQ(back.count(), 1U);
+
+	attrlist_t **unset = nullptr;
+	unsigned int count;
+	EXPECT_EQ(ostrel_object_list_get_objects(list.get(), &unset, nullptr), OSTREL_INVALID_ARG);
+	EXPECT_EQ(ostrel_object_list_get_objects(object.get(), &unset, &count), OSTREL_NOT_FOUND);
+	EXPECT_EQ(unset, nullptr);
+}
+
+// ---- Properties of one value, the same for each type ----
+
+template <typename T>
+struct OneValue;
+#define ONE_VALUE(suite, ctype, word, array_type, sample)                                                              \
+	template <>                                                                                                    \
+	struct OneValue<suite> {                                                                                       \
+		using Value = ctype;                                                                                   \
+		static constexpr auto add = ostrel_atl_add_one_##word;                                                 \
+		static constexpr auto from_list = ostrel_atl_get_one_##word;                                           \
+		static constexpr auto from_pair = ostrel_atp_get_one_##word;                                           \
+		static constexpr auto add_array = attrlist_add_##word##_array;                                         \
+		static constexpr data_type_t type = array_type;                                                        \
+		static ctype value() { return sample; }                                                                \
+	}
+struct Boolean;
+struct Int32;
+struct Int64;
+struct Uint32;
+struct Uint64;
+struct String;
+ONE_VALUE(Boolean, boolean_t, boolean, DATA_TYPE_BOOLEAN_ARRAY, B_TRUE);
+ONE_VALUE(Int32, int32_t, int32, DATA_TYPE_INT32_ARRAY, INT32_MIN);
+ONE_VALUE(Int64, int64_t, int64, DATA_TYPE_INT64_ARRAY, INT64_MIN);
+ONE_VALUE(Uint32, uint32_t, uint32, DATA_TYPE_UINT32_ARRAY, UINT32_MAX);
+ONE_VALUE(Uint64, uint64_t, uint64, DATA_TYPE_UINT64_ARRAY, UINT64_MAX);
+ONE_VALUE(String, char *, string, DATA_TYPE_STRING_ARRAY, const_cast<char *>("text"));
+
+bool same(const char *a, const char *b)
+{
+	return strcmp(a, b) == 0;
+}
+template <typename T>
+bool same(T a, T b)
+{
+	return a == b;
+}
+
+template <typename T>
+class OneValueTest : public testing::Test {};
+using OneValueTypes = testing::Types<Boolean, Int32, Int64, Uint32, Uint64, String>;
+TYPED_TEST_SUITE(OneValueTest, OneValueTypes);
+
+TYPED_TEST(OneValueTest, ComesBackFromListAndPairInItsArrayForm)
+{
+	using One = OneValue<TypeParam>;
+	AttrList list = idl_of("k=replaced");
+	ASSERT_EQ(One::add(list.get(), "k", One::value()), 0);
+	attrpair_t *pair;
+	ASSERT_EQ(attrlist_lookup_attrpair(list.get(), "k", &pair), 0);
+	EXPECT_EQ(attrpair_type(pair), One::type);
+	typename One::Value value{};
+	EXPECT_EQ(One::from_list(list.get(), "k", &value), 0);
+	EXPECT_TRUE(same(value, One::value()));
+	value = {};
+	EXPECT_EQ(One::from_pair(pair, &value), 0);
+	EXPECT_TRUE(same(value, One::value()));
+	EXPECT_EQ(One::from_list(list.get(), "k", nullptr), EINVAL);
+	EXPECT_EQ(One::from_pair(pair, nullptr), EINVAL);
+}
+
+TYPED_TEST(OneValueTest, IsRefusedUnlessThereIsExactlyOneOfTheType)
+{
+	using One = OneValue<TypeParam>;
+	AttrList list = idl_of("");
+	typename One::Value two[] = {One::value(), One::value()};
+	ASSERT_EQ(One::add_array(list.get(), "none", nullptr, 0), 0);
+	ASSERT_EQ(One::add_array(list.get(), "two", two, 2), 0);
+	ASSERT_EQ(attrlist_add_string(list.get(), "scalar", "text"), 0);
+	ASSERT_EQ(attrlist_add_attrlist_array(list.get(), "lists", nullptr, 0), 0);
+	const struct {
+		const char *name;
+		int list_error, pair_error;
+	} rows[] = {
+	    {"none", ENOENT, ENOENT}, {"two", EINVAL, EINVAL}, {"scalar", ENOENT, EINVAL}, {"lists", ENOENT, EINVAL}};
+	for (const auto &row : rows) {
+		typename One::Value value{};
+		attrpair_t *pair;
+		ASSERT_EQ(attrlist_lookup_attrpair(list.get(), row.name, &pair), 0);
+		EXPECT_EQ(One::from_list(list.get(), row.name, &value), row.list_error) << row.name;
+		EXPECT_EQ(One::from_pair(pair, &value), row.pair_error) << row.name;
+		EXPECT_EQ(value, typename One::Value{}) << row.name;
+	}
+	typename One::Value value{};
+	EXPECT_EQ(One::from_list(list.get(), "absent", &value), ENOENT);
+	EXPECT_EQ(One::from_list(nullptr, "absent", &value), EINVAL);
+	EXPECT_EQ(One::from_pair(nullptr, &value), EINVAL);
+	EXPECT_EQ(One::add(nullptr, "k", One::value()), EINVAL);
+	EXPECT_EQ(One::add(list.get(), nullptr, One::value()), EINVAL);
+}
+
+TEST(OneValueOfScalars, AreNotArrays)
+{
+	AttrList list = idl_of("");
+	ASSERT_EQ(attrlist_add_int32(list.get(), "n", 5), 0);
+	int32_t value = 0;
+	EXPECT_EQ(ostrel_atl_get_one_int32(list.get(), "n", &value), ENOENT);
+	EXPECT_EQ(ostrel_atl_add_one_string(list.get(), "s", nullptr), EINVAL);
+}
+
+// ---- Text for traces ----
+
+std::string trace_text(attrlist_t *list, size_t len)
+{
+	std::string buf(len + 1, '!');
+	EXPECT_EQ(ostrel_atl2str(list, buf.data(), len), buf.data());
+	EXPECT_EQ(buf[len], '!');
+	return buf.c_str();
+}
+
+TEST(TraceText, ShowsFourTypesWithTheirValuesAndTheRestByName)
+{
+	AttrList list = props_of("s=one");
+	int64_t ints[] = {INT64_MIN, 0, 7};
+	uint64_t uints[] = {UINT64_MAX};
+	boolean_t booleans[] = {B_TRUE, B_FALSE, static_cast<boolean_t>(5)};
+	char *strings[] = {const_cast<char *>("a,b"), const_cast<char *>("")};
+	int32_t small[] = {1};
+	ASSERT_EQ(attrlist_add_int64_array(list.get(), "i", ints, 3), 0);
+	ASSERT_EQ(attrlist_add_uint64_array(list.get(), "u", uints, 1), 0);
+	ASSERT_EQ(attrlist_add_boolean_array(list.get(), "b", booleans, 3), 0);
+	ASSERT_EQ(attrlist_add_string_array(list.get(), "t", strings, 2), 0);
+	ASSERT_EQ(attrlist_add_int32_array(list.get(), "n", small, 1), 0);
+	ASSERT_EQ(attrlist_add_string(list.get(), "scalar", "x"), 0);
+	ASSERT_EQ(attrlist_add_int64_array(list.get(), "e", nullptr, 0), 0);
+	const std::string whole = "s=one;i=-9223372036854775808,0,7;u=18446744073709551615;b=true,false,true;t=a,b,;n=;"
+				  "scalar=;e=;";
+	EXPECT_EQ(trace_text(list.get(), 512), whole);
+	for (size_t len = 1; len <= whole.size() + 1; len++)
+		ASSERT_EQ(trace_text(list.get(), len), whole.substr(0, len - 1));
+	EXPECT_EQ(trace_text(nullptr, 8), "");
+	EXPECT_EQ(trace_text(idl_of("").get(), 8), "");
+	char untouched = '!';
+	EXPECT_EQ(ostrel_atl2str(list.get(), &untouched, 0), &untouched);
+	EXPECT_EQ(untouched, '!');
+}
+
+TEST(TraceText, CutsOneValueAt511Bytes)
+{
+	AttrList list = props_of("a=" + std::string(600, 'x') + ";b=y");
+	EXPECT_EQ(trace_text(list.get(), 2000), "a=" + std::string(511, 'x') + ";b=y;");
+}
+
+// ---- Helpers ----
+
+TEST(GrowBuf, DoublesAndKeepsWhatIsThere)
+{
+	int count = 128;
+	void *buf = calloc(128, sizeof(int));
+	ASSERT_NE(buf, nullptr);
+	static_cast<int *>(buf)[127] = 42;
+	EXPECT_EQ(grow_buf(&buf, &count, sizeof(int)), OSTREL_SUCCESS);
+	EXPECT_EQ(count, 256);
+	EXPECT_EQ(static_cast<int *>(buf)[127], 42);
+	static_cast<int *>(buf)[255] = 1;
+
+	void *const old = buf;
+	for (int too_many : {INT_MAX / 2 + 1, INT_MAX, INT_MAX / 2}) {
+		count = too_many;
+		EXPECT_EQ(grow_buf(&buf, &count, SIZE_MAX / 4), OSTREL_NO_MEMORY);
+		EXPECT_EQ(count, too_many);
+		EXPECT_EQ(buf, old);
+	}
+	count = 0;
+	EXPECT_EQ(grow_buf(&buf, &count, 1), OSTREL_INVALID_ARG);
+	EXPECT_EQ(buf, old);
+	free(buf);
+}
+
+TEST(AddEntryVal, CopiesOnePairByNameWithItsType)
+{
+	AttrList from = props_of("p=1");
+	AttrList to = idl_of("p=old;q=2");
+	EXPECT_EQ(atl_add_entry_val(to.get(), "p", from.get()), OSTREL_SUCCESS);
+	from.reset();
+	char *value;
+	EXPECT_EQ(ostrel_atl_get_one_string(to.get(), "p", &value), 0);
+	EXPECT_STREQ(value, "1");
+	EXPECT_EQ(text_of(to.get()), "q=2;p=1;");
+	EXPECT_EQ(atl_add_entry_val(to.get(), "absent", to.get()), OSTREL_NOT_FOUND);
+	EXPECT_EQ(atl_add_entry_val(nullptr, "p", to.get()), OSTREL_INVALID_ARG);
+}
+
+} // namespace
