@@ -157,8 +157,8 @@ protected:
 	ostrel_db_t db = nullptr;
 };
 
-INSTANTIATE_TEST_SUITE_P(Traced, Dispatch, testing::Bool(),
-    [](const testing::TestParamInfo<bool> &info) { return info.param ? "Traced" : "Quiet"; });
+INSTANTIATE_TEST_SUITE_P(
+    Traced, Dispatch, testing::Bool(), [](const auto &instance) { return instance.param ? "Traced" : "Quiet"; });
 
 // ---- Open, close, the handle ----
 
@@ -406,12 +406,12 @@ TEST_P(Dispatch, AnUpdateAndItsAuditRunUnderOneWriteLockWithTheCallersFlags)
 TEST_P(Dispatch, AnUpdateSlotMayGiveUpTheLockToRead)
 {
 	struct ostrel_db_cmds cmds = all_slots;
-	cmds.dbc_rename = [](ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl) {
+	cmds.dbc_rename = [](ostrel_db_t handle, attrlist_t *idl, uint64_t flags, attrlist_t *newidl) {
 		AttrList props;
-		ostrel_db_unlock(db);
-		ostrel_error_t result = ostrel_db_read(db, idl, flags, props.out());
-		ostrel_db_wrlock(db);
-		return result != OSTREL_SUCCESS ? result : rename_slot(db, newidl, flags, props.get());
+		ostrel_db_unlock(handle);
+		ostrel_error_t result = ostrel_db_read(handle, idl, flags, props.out());
+		ostrel_db_wrlock(handle);
+		return result != OSTREL_SUCCESS ? result : rename_slot(handle, newidl, flags, props.get());
 	};
 	cmds.dbc_audit = nullptr;
 	open(0, &cmds);
@@ -502,7 +502,7 @@ TEST_P(Dispatch, AWalkOverNothingSucceedsAndAFailedOneEndsWhereItFails)
 	Visits visits;
 	int returned = 42;
 	auto expect = [&](ostrel_error_t expected, ostrel_walkcb_t *cb = Visits::visit) {
-		EXPECT_EQ(ostrel_db_walk(db, nullptr, 0, cb, by_identifiers, &visits, &returned), expected);
+		EXPECT_EQ(ostrel_db_walk(db, nullptr, 0, cb, nullptr, &visits, &returned), expected);
 	};
 	expect(OSTREL_SUCCESS);
 	backend.null_array = true;
