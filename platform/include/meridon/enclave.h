@@ -1,10 +1,17 @@
 /*
- * Enclaves: the operating system's isolated environments. 0 is the global enclave.
+ * Enclaves: the operating system's isolated environments, each a root directory, and, if one of its processes is
+ * known as its leader, that process's namespaces. 0 is the global enclave.
+ *
+ * The registry of a host holds one record for each of its enclaves.
  */
 #ifndef MERIDON_ENCLAVE_H
 #define MERIDON_ENCLAVE_H
 
+#include <stddef.h>
 #include <stdint.h>
+#include <sys/types.h>
+
+#include <meridon/attrlist.h> /* MERIDON_ENUM32 */
 
 #ifdef __cplusplus
 extern "C" {
@@ -13,8 +20,115 @@ extern "C" {
 
 typedef int32_t enclaveid_t;
 
-/* The enclave of the calling process, 0 for the global one. Looked up once. Threads: any. */
+#define ENCLAVE_ID_GLOBAL 0
+#define ENCLAVE_ID_MAX 9999   /* of an enclave in the registry */
+#define ENCLAVE_NAME_MAX 63   /* bytes of a name, without its terminator */
+#define ENCLAVE_ROOT_MAX 1023 /* bytes of a root's path, without its terminator */
+
+/* The state of an enclave. The numbers are fixed. Its word is the name in lower case, such as "shutting_down". */
+typedef enum enclave_state MERIDON_ENUM32 {
+	ENCLAVE_STATE_CONFIGURED = 0,
+	ENCLAVE_STATE_INCOMPLETE = 1,
+	ENCLAVE_STATE_UNAVAILABLE = 2,
+	ENCLAVE_STATE_INSTALLED = 3,
+	ENCLAVE_STATE_READY = 4,
+	ENCLAVE_STATE_RUNNING = 5,
+	ENCLAVE_STATE_SHUTTING_DOWN = 6,
+	ENCLAVE_STATE_DOWN = 7,
+	ENCLAVE_STATE_MOUNTED = 8,
+	ENCLAVE_STATE_INVALID = 9 /* no state: a record that can't be read, a word that names none */
+} enclave_state_t;
+
+/* ---- The calling process ---- */
+
+/*
+ * The enclave of the calling process, 0 for the global one. Looked up once, and anew by enclave_enter().
+ * Errors:  -1 if the mark of the enclave is there but can't be read: this process isn't in the global enclave, but
+ *          nobody knows where
+ * Threads: any
+ */
 enclaveid_t getenclaveid(void);
+
+/*
+ * Moves the calling process into an enclave for the rest of its life: into its leader's namespaces, if it has a
+ * leader, and into its root, so that paths resolve inside it. The working directory is the root afterwards, and the
+ * environment no longer has MERIDON_ROOT, which means something outside alone. Entering the process's own enclave
+ * does nothing.
+ *
+ * It is meant for the child of a fork, and makes system calls alone. After a failure the process may stand between
+ * the enclaves, and should end.
+ *
+ * Errors:  -1 with errno, which is never ENOENT or ENOTDIR: a caller would read them as a missing file
+ *          EINVAL  no enclave has that id
+ *          ESRCH   its state isn't ready, running or shutting down; its record can't be understood; its root is
+ *                  missing; its leader has ended
+ *          EPERM   the process lacks the privilege, or is in an enclave already; the record could have been
+ *                  written by others than root and the process's user
+ *          others of open(), setns() and chroot()
+ * Threads: only in a process of one thread
+ */
+int enclave_enter(enclaveid_t id);
+
+/* ---- The registry ---- */
+
+/* A record of the registry. */
+typedef struct enclave_info {
+	enclaveid_t ei_id;
+	enclave_state_t ei_state;
+	char ei_name[ENCLAVE_NAME_MAX + 1]; /* letters, digits, '.', '_', '-'; the first is a letter */
+	char ei_root[ENCLAVE_ROOT_MAX + 1]; /* an absolute path of the host, without control characters */
+	pid_t ei_leader;                    /* 0 if there is none */
+	uint64_t ei_leader_start;           /* its start time, against a reused pid; 0 if there is no leader */
+} enclave_info_t;
+
+/*
+ * What holds for the calls below, unless a comment says otherwise:
+ *   Errors:  0, or an errno value; nothing is changed on failure, and *info is untouched
+ *            EINVAL  a NULL argument, an id outside of 1 to ENCLAVE_ID_MAX, a field that breaks its rule above
+ *            ENOENT  no record of that id or name
+ *            EBADMSG the record can't be understood
+ *            EACCES  the process lacks the permission; EPERM if the record isn't root's or its own user's, or is
+ *                    writable by others
+ *            others of the system calls that read and write files
+ *   Threads: any, and any process: an update is one rename, durable when the call returns, and updates wait for
+ *            each other
+ */
+
+int enclave_registry_get(enclaveid_t id, enclave_info_t *info);
+
+/* Finds a record by its name. */
+int enclave_registry_find(const char *name, enclave_info_t *info);
+
+/*
+ * Lists all records by id. One that can't be read is listed with its id and ENCLAVE_STATE_INVALID alone.
+ * Owns:   *infos is new, free it with free(); not NULL, also if there are none
+ * Errors: ENOMEM
+ */
+int enclave_registry_list(enclave_info_t **infos, size_t *count);
+
+/* Adds a record. EEXIST if its id or its name is taken. */
+int enclave_registry_add(const enclave_info_t *info);
+
+/* Replaces the record of that id, also one that can't be understood. EEXIST if another one has its name. */
+int enclave_registry_replace(const enclave_info_t *info);
+
+/* Removes a record. What lies in the enclave's root stays. */
+int enclave_registry_remove(enclaveid_t id);
+
+/*
+ * Gives the start time of a process, in clock ticks since boot.
+ * Errors: ESRCH if there is no such process, or it has ended; ENOTSUP without /proc
+ */
+int enclave_leader_start(pid_t pid, uint64_t *startp);
+
+/* Whether the record names a leader that lives: a process of that id, and with that start time. Not an errno value. */
+int enclave_leader_alive(const enclave_info_t *info);
+
+/* The word of a state; "invalid" for what isn't one. Owns: constant text. */
+const char *enclave_state_name(enclave_state_t state);
+
+/* The state of a word; ENCLAVE_STATE_INVALID if it names none. */
+enclave_state_t enclave_state_by_name(const char *word);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

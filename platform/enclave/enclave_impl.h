@@ -1,0 +1,31 @@
+// What the sources of the enclave room share. Everything here makes system calls alone, so that a forked child may
+// use it, and reports in errno values.
+#ifndef MERIDON_ENCLAVE_IMPL_H
+#define MERIDON_ENCLAVE_IMPL_H
+
+#include <meridon/enclave.h>
+
+#include "base/guards.h"
+
+// Where the registry lies, and the mark of the enclave that a process is in; both behind the prefix.
+inline constexpr char enclave_registry_path[] = "run/enclaves";
+inline constexpr char enclave_mark_path[] = "run/enclave";
+
+// Reads a record; `dir` is the registry's directory.
+int enclave_read_record(int dir, enclaveid_t id, enclave_info_t *info);
+
+// Opens the registry's directory.
+int enclave_open_registry(Fd *dir);
+
+// A leader, held so that its process id can't come to mean another process.
+struct EnclaveLeader {
+	Fd process;
+	Fd root;               // its root directory
+	int namespaces = 0;    // those that differ from this process's, as CLONE_NEW... bits
+	bool confined = false; // its root isn't this process's root
+};
+
+// Opens the leader that a record names. ESRCH if it has ended.
+int enclave_open_leader(const enclave_info_t *info, EnclaveLeader *leader);
+
+#endif
