@@ -1,0 +1,343 @@
+// Long random runs of every changing operation, beside a plain model that is compared after each step.
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "base/guards.h"
+#include "list_text.h"
+
+namespace {
+
+struct ModelPair;
+using Model = std::vector<ModelPair>;
+
+struct ModelPair {
+	std::string name;
+	data_type_t type;
+	std::string value; // as list_text() prints it, but for nested lists
+	std::vector<Model> lists;
+};
+
+std::string text(const Model &model)
+{
+	std::string result;
+	for (const ModelPair &pair : model) {
+		result += pair.name + ":" + std::to_string(static_cast<uint32_t>(pair.type)) + "=" + pair.value;
+		for (size_t i = 0; i < pair.lists.size(); i++)
+			result.append(i > 0 ? ",{" : "{").append(text(pair.lists[i])).append("}");
+		result += ";";
+	}
+	return result;
+}
+
+size_t size_of(const Model &model)
+{
+	size_t size = model.size();
+	for (const ModelPair &pair : model)
+		for (const Model &list : pair.lists)
+			size += size_of(list);
+	return size;
+}
+
+bool erase(Model &model, const std::string &name)
+{
+	return std::erase_if(model, [&](const ModelPair &pair) { return pair.name == name; }) > 0;
+}
+
+void put(Model &model, ModelPair pair)
+{
+	erase(model, pair.name);
+	model.push_back(std::move(pair));
+}
+
+int depth_of(const Model &model)
+{
+	int depth = 1;
+	for (const ModelPair &pair : model)
+		for (const Model &list : pair.lists)
+			depth = std::max(depth, 1 + depth_of(list));
+	return depth;
+}
+
+// A list, the model of it, and how deep it lies.
+struct Both {
+	attrlist_t *list;
+	Model *model;
+	int level;
+};
+
+class Journey {
+public:
+	explicit Journey(uint32_t seed) : random_(seed)
+	{
+		EXPECT_EQ(attrlist_alloc(root_.out(), ATL_UNIQUE_NAME, 0), 0);
+		for (int i = 0; i < 40; i++)
+			names_.push_back(std::string("name").append(std::to_string(i)));
+		names_.insert(names_.end(), {"", "n", std::string(300, 'x'), std::string(5000, 'y')});
+	}
+
+	void step()
+	{
+		using Step = void (Journey::*)();
+		static constexpr Step steps[] = {&Journey::add_numbers, &Journey::add_numbers, &Journey::add_numbers,
+		    &Journey::add_texts, &Journey::add_texts, &Journey::add_scalar, &Journey::add_scalar,
+		    &Journey::add_list, &Journey::add_lists, &Journey::add_new_list, &Journey::add_pair,
+		    &Journey::remove, &Journey::remove, &Journey::merge, &Journey::clear, &Journey::replace_by_copy,
+		    &Journey::replace_by_unpacked};
+		(this->*steps[below(std::size(steps))])();
+		if (size_of(model_) > 400)
+			start_again();
+	}
+
+	std::string list() { return list_text(root_.get()); }
+	std::string model() { return text(model_); }
+
+private:
+	size_t below(size_t limit) { return random_() % limit; }
+	const std::string &any_name() { return names_[below(names_.size())]; }
+
+	// The outermost list, or some list in it.
+	Both any_list()
+	{
+		Both at = {root_.get(), &model_, 1};
+		while (below(3) != 0) {
+			std::vector<ModelPair *> nested;
+			for (ModelPair &pair : *at.model)
+				if (!pair.lists.empty())
+					nested.push_back(&pair);
+			if (nested.empty())
+				break;
+			ModelPair &pair = *nested[below(nested.size())];
+			size_t which = below(pair.lists.size());
+			at = {nested_list(at.list, pair, which), &pair.lists[which], at.level + 1};
+		}
+		return at;
+	}
+
+	static attrlist_t *nested_list(attrlist_t *list, const ModelPair &pair, size_t which)
+	{
+		attrlist_t *one = nullptr;
+		attrlist_t **many = nullptr;
+		uint_t count = 0;
+		if (pair.type == DATA_TYPE_ATTRLIST) {
+			EXPECT_EQ(attrlist_lookup_attrlist(list, pair.name.c_str(), &one), 0);
+			return one;
+		}
+		EXPECT_EQ(attrlist_lookup_attrlist_array(list, pair.name.c_str(), &many, &count), 0);
+		return many[which];
+	}
+
+	template <typename T>
+	void add_array(data_type_t type, int (*call)(attrlist_t *, const char *, const T *, uint_t))
+	{
+		static constexpr size_t counts[] = {0, 1, 1, 1, 2, 3, 40, 1500};
+		Both to = any_list();
+		ModelPair pair = {any_name(), type, "", {}};
+		std::vector<T> values(counts[below(std::size(counts))]);
+		for (T &value : values) {
+			value = static_cast<T>(random_() * (uint64_t{random_()} << 20));
+			pair.value.append(&value != values.data() ? "," : "").append(std::to_string(value));
+		}
+		ASSERT_EQ(call(to.list, pair.name.c_str(), values.data(), static_cast<uint_t>(values.size())), 0);
+		put(*to.model, pair);
+	}
+
+	void add_numbers()
+	{
+		switch (below(4)) {
+		case 0:
+			return add_array<int32_t>(DATA_TYPE_INT32_ARRAY, attrlist_add_int32_array);
+		case 1:
+			return add_array<uint32_t>(DATA_TYPE_UINT32_ARRAY, attrlist_add_uint32_array);
+		case 2:
+			return add_array<int64_t>(DATA_TYPE_INT64_ARRAY, attrlist_add_int64_array);
+		default:
+			return add_array<uint64_t>(DATA_TYPE_UINT64_ARRAY, attrlist_add_uint64_array);
+		}
+	}
+
+	std::string any_text()
+	{
+		static constexpr size_t lengths[] = {0, 1, 6, 7, 8, 9, 20, 100, 255, 256, 257, 900, 4000, 9000};
+		return std::string(lengths[below(std::size(lengths))], static_cast<char>('a' + below(26)));
+	}
+
+	void add_texts()
+	{
+		Both to = any_list();
+		std::vector<std::string> texts(below(4));
+		std::vector<char *> pointers;
+		ModelPair pair = {any_name(), DATA_TYPE_STRING_ARRAY, "", {}};
+		for (std::string &one : texts) {
+			one = any_text();
+			pair.value.append(&one != texts.data() ? ",'" : "'").append(one).append("'");
+			pointers.push_back(one.data());
+		}
+		uint_t count = static_cast<uint_t>(texts.size());
+		ASSERT_EQ(attrlist_add_string_array(to.list, pair.name.c_str(), pointers.data(), count), 0);
+		put(*to.model, pair);
+	}
+
+	void add_scalar()
+	{
+		Both to = any_list();
+		std::string name = any_name();
+		if (below(2) != 0) {
+			std::string value = any_text();
+			ASSERT_EQ(attrlist_add_string(to.list, name.c_str(), value.c_str()), 0);
+			put(*to.model, {name, DATA_TYPE_STRING, std::string("'").append(value).append("'"), {}});
+			return;
+		}
+		auto number = static_cast<int32_t>(random_());
+		ASSERT_EQ(attrlist_add_int32(to.list, name.c_str(), number), 0);
+		put(*to.model, {name, DATA_TYPE_INT32, std::to_string(number), {}});
+	}
+
+	// The value may be the list itself, lie in it, or hold it.
+	void add_list()
+	{
+		Both value = any_list();
+		Both to = any_list();
+		std::string name = any_name();
+		Model copy = *value.model;
+		bool deep = to.level + depth_of(copy) > ATTRLIST_DEPTH_MAX;
+		ASSERT_EQ(attrlist_add_attrlist(to.list, name.c_str(), value.list), deep ? EINVAL : 0);
+		if (!deep)
+			put(*to.model, {name, DATA_TYPE_ATTRLIST, "", {std::move(copy)}});
+	}
+
+	void add_lists()
+	{
+		std::vector<attrlist_t *> lists;
+		std::vector<Model> copies;
+		for (size_t left = below(3); left > 0; left--) {
+			Both value = any_list();
+			if (value.level + depth_of(*value.model) > 20)
+				continue;
+			lists.push_back(value.list);
+			copies.push_back(*value.model);
+		}
+		Both to = any_list();
+		std::string name = any_name();
+		uint_t count = static_cast<uint_t>(lists.size());
+		if (to.level > 20)
+			return;
+		ASSERT_EQ(attrlist_add_attrlist_array(to.list, name.c_str(), lists.data(), count), 0);
+		put(*to.model, {name, DATA_TYPE_ATTRLIST_ARRAY, "", std::move(copies)});
+	}
+
+	void add_new_list()
+	{
+		Both to = any_list();
+		std::string name = any_name();
+		attrlist_t *made = nullptr;
+		if (to.level == ATTRLIST_DEPTH_MAX)
+			return;
+		ASSERT_EQ(attrlist_add_new_attrlist(to.list, name.c_str(), &made), 0);
+		ASSERT_EQ(attrlist_add_int32(made, "n", 1), 0);
+		put(*to.model, {name, DATA_TYPE_ATTRLIST, "", {{{"n", DATA_TYPE_INT32, "1", {}}}}});
+	}
+
+	void add_pair()
+	{
+		Both from = any_list();
+		Both to = any_list();
+		if (from.model->empty())
+			return;
+		ModelPair copy = (*from.model)[below(from.model->size())];
+		attrpair_t *pair = nullptr;
+		ASSERT_EQ(attrlist_lookup_attrpair(from.list, copy.name.c_str(), &pair), 0);
+		if (to.level + depth_of({copy}) - 1 > ATTRLIST_DEPTH_MAX)
+			return;
+		ASSERT_EQ(attrlist_add_attrpair(to.list, pair), 0);
+		put(*to.model, std::move(copy));
+	}
+
+	void remove()
+	{
+		Both from = any_list();
+		std::string name = any_name();
+		bool there = erase(*from.model, name);
+		ASSERT_EQ(attrlist_exists(from.list, name.c_str()) != 0, there);
+		ASSERT_EQ(attrlist_remove_all(from.list, name.c_str()), there ? 0 : ENOENT);
+	}
+
+	void merge()
+	{
+		Both from = any_list();
+		Both to = any_list();
+		if (to.level + depth_of(*from.model) - 1 > ATTRLIST_DEPTH_MAX)
+			return;
+		Model copy = *from.model;
+		ASSERT_EQ(attrlist_merge(to.list, from.list, ATL_UNIQUE_NAME_TYPE), 0);
+		if (from.list == to.list)
+			return;
+		for (ModelPair &pair : copy)
+			put(*to.model, pair);
+	}
+
+	void clear()
+	{
+		Both what = any_list();
+		if (what.level == 1 && below(4) != 0)
+			return;
+		ASSERT_EQ(attrlist_clear(what.list), 0);
+		what.model->clear();
+	}
+
+	void replace_by_copy()
+	{
+		AttrList copy;
+		ASSERT_EQ(attrlist_dup(root_.get(), copy.out(), 0), 0);
+		root_ = std::move(copy);
+	}
+
+	void replace_by_unpacked()
+	{
+		Heap<char> bytes;
+		size_t size = 0;
+		AttrList copy;
+		ASSERT_EQ(attrlist_pack(root_.get(), bytes.out(), &size, ATL_ENCODE_XDR, 0), 0);
+		ASSERT_EQ(attrlist_unpack(bytes.get(), size, copy.out(), 0), 0);
+		root_ = std::move(copy);
+	}
+
+	// Outgrown: goes on with a part of it as the outermost list.
+	void start_again()
+	{
+		Both part = any_list();
+		Model model = *part.model;
+		AttrList copy;
+		ASSERT_EQ(attrlist_dup(part.list, copy.out(), 0), 0);
+		model_ = std::move(model);
+		root_ = std::move(copy);
+		if (size_of(model_) <= 200)
+			return;
+		ASSERT_EQ(attrlist_clear(root_.get()), 0);
+		model_.clear();
+	}
+
+	std::mt19937 random_;
+	std::vector<std::string> names_;
+	AttrList root_;
+	Model model_;
+};
+
+class AttrListModel : public testing::TestWithParam<uint32_t> {};
+
+TEST_P(AttrListModel, AgreesAfterEveryStep)
+{
+	Journey run(GetParam());
+	for (int step = 0; step < 3000; step++) {
+		run.step();
+		ASSERT_FALSE(HasFatalFailure()) << "step " << step;
+		ASSERT_EQ(run.list(), run.model()) << "step " << step;
+	}
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, AttrListModel, testing::Range(1U, 7U));
+
+} // namespace
