@@ -47,6 +47,16 @@ bool AllocFault::available()
 	return OWN_ALLOCATOR != 0;
 }
 
+AllocFaultPause::AllocFaultPause() : until_fault_(state.until_fault)
+{
+	state.until_fault = 0;
+}
+
+AllocFaultPause::~AllocFaultPause()
+{
+	state.until_fault = until_fault_;
+}
+
 HeapUse heap_use()
 {
 	return state.use;

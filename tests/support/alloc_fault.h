@@ -31,6 +31,18 @@ private:
 	bool fired_ = false;
 };
 
+// While it lives, an AllocFault of this thread neither counts nor fails: for what isn't under test, but lies in its way.
+class AllocFaultPause {
+public:
+	AllocFaultPause();
+	~AllocFaultPause();
+	AllocFaultPause(const AllocFaultPause &) = delete;
+	AllocFaultPause &operator=(const AllocFaultPause &) = delete;
+
+private:
+	long until_fault_;
+};
+
 // Blocks and bytes of the heap (with malloc's own overhead) that this thread took and didn't give back.
 struct HeapUse {
 	long blocks;
