@@ -8,6 +8,7 @@
 #ifndef LIBOSTREL_H
 #define LIBOSTREL_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -394,6 +395,139 @@ int ostrel_atl_add_one_string(attrlist_t *list, const char *name, const char *va
 /* ---- Text ---- */
 
 char *ostrel_tokenize_by_unescaped_delim(char *str, char delim, char **next);
+
+/* ---- Conversion of property lists ---- */
+
+#define OSTREL_PROP_VALUES_MAX 128 /* values of one property that a conversion takes or makes */
+#define OSTREL_PROP_TEXT_MAX 511   /* bytes of a delimited text, without its terminator */
+
+/* One named value. A table of values ends with an entry whose name is NULL. */
+typedef struct ostrel_valdesc {
+	const char *nvd_name;        /* the value's name in the store; "?" marks a number that isn't stored */
+	const char *nvd_description; /* the caller's own */
+	uint64_t nvd_val;            /* the number; in a bitfield, one or more bits */
+} ostrel_valdesc_t;
+
+#define OSTREL_PROP_BITFIELD 0x1   /* the number is a set of bits, and npd_vals names the bits */
+#define OSTREL_PROP_DELIMITED 0x2  /* one text with values between delimiters; stored as an array of these values */
+#define OSTREL_PROP_NO_CONVERT 0x4 /* the property is left alone, whatever else the descriptor says */
+
+/* One property. A table of properties ends with an entry whose name is NULL. What the library doesn't read is the
+ * caller's own. */
+typedef struct ostrel_propdesc {
+	const char *npd_name;                      /* the property's name in the list */
+	const char *npd_description;               /* not read */
+	uint64_t npd_type;                         /* the stored type: DATA_TYPE_BOOLEAN, _INT64, _UINT64 or _STRING;
+						      DATA_TYPE_UNKNOWN leaves it alone on the way to the store */
+	uint_t npd_min_vals;                       /* not read */
+	uint_t npd_max_vals;                       /* not read */
+	int64_t npd_min_range;                     /* not read */
+	int64_t npd_max_range;                     /* not read */
+	uint64_t npd_flags;                        /* OSTREL_PROP_* */
+	const char *npd_delimiters;                /* the delimiter characters of a delimited property */
+	const ostrel_valdesc_t *npd_legacy_names;  /* not read */
+	const ostrel_valdesc_t *npd_vals;          /* the names of values, or NULL */
+	uint_t npd_version;                        /* not read */
+	ostrel_valdesc_t npd_stability;            /* not read */
+} ostrel_propdesc_t;
+
+/*
+ * Converts the properties of a list to the form in which they are stored, in place. `descs` is the first descriptor of
+ * a table and `size` the bytes from one descriptor to the next, so that the descriptors may lie at the start of larger
+ * entries; the table ends with an entry whose first field is NULL. For each descriptor whose property is in the list,
+ * the first rule that applies:
+ *   - OSTREL_PROP_NO_CONVERT, or DATA_TYPE_UNKNOWN as its type: unchanged
+ *   - OSTREL_PROP_DELIMITED and a string array of one text: the text is split at each run of delimiters; a text beyond
+ *     OSTREL_PROP_TEXT_MAX is cut there; one without any value stays as it is
+ *   - a string array, and a type other than DATA_TYPE_STRING: each text becomes a value of that type, "true" and "false"
+ *     in any case or a number for a boolean, numbers as C writes them (0x10, 010) for the other two
+ *   - a uint64_t array with npd_vals: each number becomes the name of the first value that equals it; with
+ *     OSTREL_PROP_BITFIELD, the names of all values that have a bit of it. A property of nothing but "?" is removed
+ *   - a uint64_t array without npd_vals, of DATA_TYPE_STRING: each number becomes a decimal text
+ *
+ * Owns:    nothing is kept; names are copied into the list.
+ * Errors:  0, or an errno value. The first failure ends the conversion, and a message at LOG_DEBUG tells the reason: the
+ *          property is as it was, those before it in the table stay converted.
+ *          EINVAL  `props` or `descs` is NULL, or `size` is 0 (without a message); a text that isn't a value of its type;
+ *                  a number or a bit without a name; more values or names than OSTREL_PROP_VALUES_MAX; a delimited
+ *                  property without delimiters; an unknown npd_type with a string array
+ *          ENOMEM  memory ran out
+ * Threads: any; the list belongs to one at a time, the table is only read.
+ * Limits:  OSTREL_PROP_VALUES_MAX, OSTREL_PROP_TEXT_MAX
+ */
+int ostrel_proplist_convert_to_persist(attrlist_t *props, size_t size, const void *descs);
+
+/*
+ * The way back: converts string arrays, and nothing else, by the same table. For each descriptor whose property is a
+ * string array in the list, and which has no OSTREL_PROP_NO_CONVERT:
+ *   - OSTREL_PROP_DELIMITED: the texts become one, with the whole of npd_delimiters between them
+ *   - npd_vals: each text becomes the numbers of all values that bear its name, in any case; with OSTREL_PROP_BITFIELD,
+ *     all of them together one number
+ * Any other property stays as it is, also one of more than OSTREL_PROP_VALUES_MAX texts, or whose joined text would
+ * exceed OSTREL_PROP_TEXT_MAX: that leaves a message and is no failure.
+ *
+ * Owns:    nothing is kept.
+ * Errors:  as above
+ *          EINVAL  `props` or `descs` is NULL, or `size` is 0 (without a message); a text that no value bears as its
+ *                  name; names that repeat in the table and give more than OSTREL_PROP_VALUES_MAX numbers; a delimited
+ *                  property without delimiters
+ *          ENOMEM  memory ran out
+ * Threads: as above.
+ * Limits:  as above.
+ */
+int ostrel_proplist_convert_from_persist(attrlist_t *props, size_t size, const void *descs);
+
+/* The number of entries before the end of a table of values; 0 for NULL. Threads: any. */
+int ostrel_valdescs_count(const ostrel_valdesc_t *vals);
+
+/* ---- Files ---- */
+
+/*
+ * Sets files aside: renames each entry of the directory `dir` whose name matches `pattern` to the same name with
+ * ".obsolete" behind it. The pattern is an extended regular expression, as regcmp() takes it, and may match anywhere in
+ * the name. Directories are renamed too; a name that ends in ".obsolete" gets another one if it matches. An entry of the
+ * new name is replaced. It works in the enclave of the calling process.
+ *
+ * Owns:    nothing is kept. Neither argument is NULL.
+ * Errors:  in the log only, at LOG_ERR: a pattern that doesn't compile or a directory that can't be read (nothing is
+ *          renamed then), and each entry that couldn't be renamed. A directory that doesn't exist is no error.
+ * Threads: one call at a time in the whole process; a second one at the same time aborts.
+ * Limits:  paths of 1023 bytes, old and new; an entry beyond is left where it is, with a message
+ */
+void ostrel_make_files_obsolete(const char *dir, const char *pattern);
+
+/* ---- Log ---- */
+
+#define OSTREL_LOG_TEXT_MAX 1023 /* bytes of a message that ostrel_log() makes; what is longer is cut */
+
+/*
+ * Chooses where messages go: "msglog" (the message device, and syslog), "syslog" or "stderr". The type that was chosen
+ * before is closed first; the chosen one is left as it is. A name that isn't one of the three, case counting, chooses
+ * nothing. NULL does nothing.
+ *
+ * Until a type is chosen, each message looks for its name in the environment variable "OSTREL_LOG", and is dropped
+ * without it.
+ *
+ * Errors:  none. A message device that can't be opened leaves the syslog half of "msglog".
+ * Threads: any.
+ */
+void ostrel_log_open(const char *name);
+
+/* Closes the chosen type. The next message looks for a type as if none had been chosen. Threads: any. */
+void ostrel_log_close(void);
+
+/*
+ * Writes one message. `priority` is one of syslog's. On the message device and on standard error it is a line of the
+ * program's path, the priority as a number, and the text. A message is one record of the device, of fewer than 1024 bytes:
+ * where that isn't enough, the path is shortened before the text is. errno stays as it was.
+ *
+ * Owns:    nothing is kept. The text isn't NULL.
+ * Errors:  none; what can't be written is lost.
+ * Threads: any.
+ * Limits:  OSTREL_LOG_TEXT_MAX for ostrel_log(); ostrel_log_fmt() writes the text whole, but for the device's limit
+ */
+void ostrel_log(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void ostrel_log_fmt(int priority, const char *text);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

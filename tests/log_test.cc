@@ -1,0 +1,464 @@
+// The log: which output a message takes, in which form, and what happens between two outputs and between two threads.
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <functional>
+#include <pthread.h>
+#include <sched.h>
+#include <sstream>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <meridon/msglog.h>
+#include <meridon/progpath.h>
+
+#include "base/guards.h"
+#include "libostrel_log.h"
+#include "libostrel_trace.h"
+
+namespace {
+
+std::string program()
+{
+	return getprogpath();
+}
+
+std::string file_text(const std::string &path)
+{
+	std::ifstream in(path);
+	std::stringstream text;
+	text << in.rdbuf();
+	return text.str();
+}
+
+// Starts each test with nothing chosen, and a directory of its own as the root of the message device.
+class Log : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		char dir[] = "/tmp/ostrel_log_XXXXXX";
+		ASSERT_NE(mkdtemp(dir), nullptr);
+		root_ = dir;
+		ASSERT_EQ(mkdir((root_ + "/dev").c_str(), 0755), 0);
+		setenv("MERIDON_ROOT", dir, 1);
+		unsetenv("OSTREL_LOG");
+		ostrel_log_close();
+	}
+	void TearDown() override
+	{
+		ostrel_log_close();
+		unsetenv("OSTREL_LOG");
+		unsetenv("MERIDON_ROOT");
+		(void) unlink(device().c_str());
+		(void) rmdir((root_ + "/dev").c_str());
+		(void) rmdir(root_.c_str());
+	}
+	std::string device() const { return root_ + "/dev/msglog"; }
+	void make_device_file() const { ASSERT_TRUE(Fd(open(device().c_str(), O_WRONLY | O_CREAT, 0600))); }
+
+	static std::string on_stderr(const std::function<void()> &what)
+	{
+		testing::internal::CaptureStderr();
+		what();
+		return testing::internal::GetCapturedStderr();
+	}
+
+	std::string root_;
+};
+
+} // namespace
+
+TEST_F(Log, DropsMessagesUntilTheEnvironmentNamesAType)
+{
+	EXPECT_EQ(on_stderr([] { ostrel_log(3, "nobody"); }), "");
+	EXPECT_EQ(ostrel_log_type, nullptr);
+	for (const char *unknown : {"", "STDERR", "stderr ", "console"}) {
+		setenv("OSTREL_LOG", unknown, 1);
+		EXPECT_EQ(on_stderr([] { ostrel_log(3, "nobody"); }), "") << unknown;
+	}
+	setenv("OSTREL_LOG", "stderr", 1);
+	EXPECT_EQ(on_stderr([] { ostrel_log(3, "%s and %d", "text", 7); }), program() + ": 3: text and 7\n");
+	setenv("OSTREL_LOG", "console", 1);
+	EXPECT_EQ(on_stderr([] { ostrel_log_fmt(7, "100% still"); }), program() + ": 7: 100% still\n");
+}
+
+TEST_F(Log, TheProgramsChoiceWinsOverTheEnvironment)
+{
+	make_device_file();
+	setenv("OSTREL_LOG", "stderr", 1);
+	ostrel_log_open("msglog");
+	EXPECT_EQ(on_stderr([] { ostrel_log(3, "to the device"); }), "");
+	EXPECT_EQ(file_text(device()), program() + ": 3: to the device\n");
+}
+
+TEST_F(Log, CutsAMessageAt1023Bytes)
+{
+	ostrel_log_open("stderr");
+	std::string text(2000, 'x');
+	EXPECT_EQ(
+	    on_stderr([&] { ostrel_log(3, "%s", text.c_str()); }), program() + ": 3: " + text.substr(0, 1023) + "\n");
+}
+
+TEST_F(Log, KeepsErrno)
+{
+	ostrel_log_open("msglog"); // there is no device, and perhaps no syslog
+	errno = EDOM;
+	ostrel_log(3, "message");
+	EXPECT_EQ(errno, EDOM);
+}
+
+TEST_F(Log, OpensTheSameTypeOnceAndClosesItForAnother)
+{
+	make_device_file();
+	ostrel_log_open("msglog");
+	FILE *stream = ostrel_msglog_fp;
+	int fd = ostrel_msglog_fd;
+	ASSERT_NE(stream, nullptr);
+	EXPECT_EQ(fileno(stream), fd);
+	EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+	ostrel_log_open("msglog");
+	EXPECT_EQ(ostrel_msglog_fp, stream);
+	ostrel_log_open(nullptr);
+	EXPECT_EQ(ostrel_msglog_fp, stream);
+	ostrel_log_open("syslog");
+	EXPECT_EQ(ostrel_msglog_fp, nullptr);
+	EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+}
+
+// After either, the next message chooses again, and the same name opens the device again.
+TEST_F(Log, WritesNothingToWhatWasClosed)
+{
+	make_device_file();
+	auto close_it = [] { ostrel_log_close(); };
+	auto name_nothing = [] { ostrel_log_open("console"); };
+	for (const std::function<void()> &close :
+	    {std::function<void()>(close_it), std::function<void()>(name_nothing)}) {
+		ASSERT_EQ(truncate(device().c_str(), 0), 0);
+		ostrel_log_open("msglog");
+		close();
+		ostrel_log(3, "dropped");
+		setenv("OSTREL_LOG", "stderr", 1);
+		EXPECT_EQ(on_stderr([] { ostrel_log(3, "elsewhere"); }), program() + ": 3: elsewhere\n");
+		ostrel_log_open("msglog");
+		ostrel_log(3, "again");
+		EXPECT_EQ(file_text(device()), program() + ": 3: again\n");
+		unsetenv("OSTREL_LOG");
+		ostrel_log_close();
+	}
+}
+
+TEST_F(Log, MissingDeviceLosesOnlyTheDevicesHalf)
+{
+	ostrel_log_open("msglog");
+	EXPECT_EQ(ostrel_msglog_fp, nullptr);
+	EXPECT_EQ(ostrel_msglog_fd, -1);
+	ostrel_log(3, "to syslog only");
+	make_device_file();
+	ostrel_log_close();
+	ostrel_log_open("msglog");
+	ostrel_log(3, "to both");
+	EXPECT_EQ(file_text(device()), program() + ": 3: to both\n");
+}
+
+// ---- Records of the message device ----
+
+namespace {
+
+// Reads what is written to the device as records: a pipe in packet mode keeps the bounds of each write.
+class RecordReader {
+public:
+	explicit RecordReader(const std::string &path)
+	{
+		EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+		in_ = Fd(open(path.c_str(), O_RDONLY | O_NONBLOCK));
+		EXPECT_TRUE(in_);
+		ostrel_log_open("msglog");
+		EXPECT_EQ(fcntl(ostrel_msglog_fd, F_SETFL, O_DIRECT | O_APPEND), 0);
+	}
+	std::string next()
+	{
+		char record[4096];
+		ssize_t length = read(in_.get(), record, sizeof(record));
+		return length < 0 ? "nothing there" : std::string(record, static_cast<size_t>(length));
+	}
+
+private:
+	Fd in_;
+};
+
+} // namespace
+
+TEST_F(Log, MakesOneRecordOfAMessageAtOnce)
+{
+	RecordReader records(device());
+	for (int round = 0; round < 2; round++) { // the first write to a stream takes another way than the later ones
+		ostrel_log(3, "line one\nline two\n\nend");
+		EXPECT_EQ(records.next(), program() + ": 3: line one\nline two\n\nend\n");
+	}
+	EXPECT_EQ(records.next(), "nothing there");
+}
+
+TEST_F(Log, ShortensTheProgramsNameBeforeTheText)
+{
+	RecordReader records(device());
+	const std::string fixed = ": 3: \n";
+	std::string text(1023 - fixed.size() - 4, 'x');
+	ostrel_log_fmt(3, text.c_str());
+	EXPECT_EQ(records.next(), program().substr(program().size() - 4) + ": 3: " + text + "\n");
+	text.resize(1023, 'x');
+	ostrel_log_fmt(3, text.c_str());
+	EXPECT_EQ(records.next(), ": 3: " + text.substr(0, 1017) + "\n");
+	text.resize(5000, 'x');
+	ostrel_log_fmt(-2147483647 - 1, text.c_str());
+	EXPECT_EQ(records.next().size(), 1023u);
+}
+
+namespace {
+
+// A device that takes records of so many bytes and refuses longer ones, as kernels do.
+struct StrictDevice {
+	size_t limit;
+	std::vector<std::string> records;
+
+	static ssize_t write(void *device, const char *record, size_t length)
+	{
+		auto *self = static_cast<StrictDevice *>(device);
+		if (length > self->limit) {
+			errno = EINVAL;
+			return 0; // what a stream's own function says on failure
+		}
+		self->records.emplace_back(record, length);
+		return static_cast<ssize_t>(length);
+	}
+};
+
+} // namespace
+
+TEST_F(Log, RefusedRecordComesShorterAndSpoilsNothing)
+{
+	make_device_file();
+	ostrel_log_open("msglog");
+	StrictDevice device = {MSGLOG_RECORD_MAX_OLD, {}};
+	FILE *stream = fopencookie(&device, "a", {nullptr, StrictDevice::write, nullptr, nullptr});
+	ASSERT_NE(stream, nullptr);
+	setvbuf(stream, nullptr, _IONBF, 0);
+	FILE *real = std::exchange(ostrel_msglog_fp, stream);
+	std::string text(1000, 'x');
+	ostrel_log_fmt(3, text.c_str());
+	ostrel_log_fmt(3, "short");
+	device.limit = 3;
+	ostrel_log_fmt(3, "refused in any case");
+	device.limit = 1023;
+	ostrel_log_fmt(3, "last");
+	EXPECT_EQ(device.records, (std::vector<std::string>{": 3: " + text.substr(0, MSGLOG_RECORD_MAX_OLD - 6) + "\n",
+				      program() + ": 3: short\n", program() + ": 3: last\n"}));
+	ostrel_msglog_fp = real;
+	(void) fclose(stream);
+}
+
+// The kernel's own log stands in for the device, and what it took can be read from it again.
+TEST_F(Log, ReachesTheKernelsLogWhereThereIsNoOtherDevice)
+{
+	Fd kernel(open("/dev/kmsg", O_RDONLY | O_NONBLOCK));
+	if (!kernel || access("/dev/kmsg", W_OK) != 0 || access("/dev/msglog", F_OK) == 0)
+		GTEST_SKIP() << "/dev/kmsg can't be read and written, or isn't the message device here";
+	unsetenv("MERIDON_ROOT");
+	(void) lseek(kernel.get(), 0, SEEK_END);
+	std::string mark = "ostrel log test " + std::to_string(getpid()),
+		    text = mark + std::string(1023 - mark.size(), '-');
+	ostrel_log_open("msglog");
+	ASSERT_NE(ostrel_msglog_fp, nullptr);
+	ostrel_log_fmt(7, text.c_str());
+	std::string found;
+	char record[8192];
+	for (ssize_t length; (length = read(kernel.get(), record, sizeof(record))) > 0;) {
+		std::string line(record, static_cast<size_t>(length));
+		if (line.find(mark) != std::string::npos)
+			found = line.substr(line.find(';') + 1);
+	}
+	size_t length = found.find('\n');
+	EXPECT_TRUE(length == MSGLOG_RECORD_MAX - 1 || length == MSGLOG_RECORD_MAX_OLD - 1) << length;
+	EXPECT_EQ(found.substr(0, length), (": 7: " + text).substr(0, length));
+}
+
+// ---- Syslog ----
+
+namespace {
+
+// In a child with a /dev of its own: gives the datagrams that reach /dev/log there while `what` runs.
+std::vector<std::string> syslog_lines(const std::function<void()> &what, size_t expected)
+{
+	int out[2];
+	EXPECT_EQ(pipe(out), 0);
+	pid_t child = fork();
+	if (child == 0) {
+		sockaddr_un address = {AF_UNIX, "/dev/log"};
+		Fd log(socket(AF_UNIX, SOCK_DGRAM, 0));
+		timeval patience = {2, 0};
+		if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+		    mount("none", "/dev", "tmpfs", 0, nullptr) != 0 ||
+		    bind(log.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
+		    setsockopt(log.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience)) != 0)
+			_exit(77);
+		openlog(nullptr, 0, LOG_USER); // as in a process that never used syslog
+		closelog();
+		what();
+		char text[4096];
+		for (size_t i = 0; i < expected; i++) {
+			ssize_t length = recv(log.get(), text, sizeof(text) - 1, 0);
+			text[length < 0 ? 0 : length] = '\n';
+			if (length < 0 || write(out[1], text, static_cast<size_t>(length) + 1) < 0)
+				_exit(1);
+		}
+		_exit(0);
+	}
+	(void) close(out[1]);
+	Stream in(fdopen(out[0], "r"));
+	std::vector<std::string> lines;
+	char line[4096];
+	while (fgets(line, sizeof(line), in.get()) != nullptr)
+		lines.emplace_back(line, strlen(line) - 1);
+	int status = 0;
+	EXPECT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(status, 0);
+	for (std::string &got : lines) { // the time and the process number vary
+		got.erase(4, 16);
+		size_t from = got.find('['), to = got.find(']');
+		if (from != std::string::npos && to != std::string::npos)
+			got.erase(from + 1, to - from - 1);
+	}
+	return lines;
+}
+
+} // namespace
+
+TEST_F(Log, SyslogGetsTheTextAsItStandsUnderTheProgramsName)
+{
+	if (getuid() != 0)
+		GTEST_SKIP() << "a /dev of its own needs root";
+	std::vector<std::string> lines = syslog_lines(
+	    [] {
+		    ostrel_log_open("msglog"); // with the identity that the platform gives
+		    ostrel_log_fmt(LOG_DEBUG, "to both");
+		    ostrel_log_open("syslog");
+		    ostrel_log_fmt(LOG_ERR, "100%s %n done");
+	    },
+	    2);
+	std::string path = program(), name = path.substr(path.rfind('/') + 1);
+	EXPECT_EQ(lines, (std::vector<std::string>{"<15>" + name + ": to both", "<27>" + path + "[]: 100%s %n done"}));
+}
+
+// ---- Threads ----
+
+TEST_F(Log, ThreadsThatLogFirstAtTheSameMomentOpenOneDevice)
+{
+	make_device_file();
+	setenv("OSTREL_LOG", "msglog", 1);
+	constexpr int count = 8;
+	int before = dup(0);
+	(void) close(before);
+	std::atomic<int> ready = 0;
+	std::vector<std::thread> threads;
+	for (int i = 0; i < count; i++)
+		threads.emplace_back([&] {
+			ready++;
+			while (ready < count)
+				std::this_thread::yield();
+			ostrel_log(3, "first");
+		});
+	for (std::thread &thread : threads)
+		thread.join();
+	EXPECT_EQ(ostrel_msglog_fd, before) << "the lowest free descriptor: opened once";
+	std::string expected;
+	for (int i = 0; i < count; i++)
+		expected += program() + ": 3: first\n";
+	EXPECT_EQ(file_text(device()), expected);
+}
+
+TEST_F(Log, IsClosedAndReopenedUnderThreadsThatWrite)
+{
+	make_device_file();
+	std::atomic<bool> stop = false;
+	std::vector<std::thread> threads;
+	for (int i = 0; i < 3; i++)
+		threads.emplace_back([&] {
+			while (!stop)
+				ostrel_log(3, "line");
+		});
+	for (int i = 0; i < 300; i++) {
+		ostrel_log_open(i % 2 == 0 ? "msglog" : "console");
+		ostrel_log_close();
+	}
+	ostrel_log_open("msglog");
+	stop = true;
+	for (std::thread &thread : threads)
+		thread.join();
+	ostrel_log(3, "last");
+	std::istringstream lines(file_text(device()));
+	std::string line, last;
+	for (; std::getline(lines, line); last = line)
+		ASSERT_TRUE(line == program() + ": 3: line" || line == program() + ": 3: last") << line;
+	EXPECT_EQ(last, program() + ": 3: last");
+}
+
+// A thread that is cancelled while it writes lets go of the log all the same.
+TEST_F(Log, OutlivesAThreadThatIsCancelledInAMessage)
+{
+	ASSERT_EQ(mkfifo(device().c_str(), 0600), 0);
+	Fd in(open(device().c_str(), O_RDONLY | O_NONBLOCK));
+	ostrel_log_open("msglog");
+	pthread_t thread;
+	ASSERT_EQ(pthread_create(
+		      &thread, nullptr,
+		      [](void *) -> void * {
+			      for (;; pthread_testcancel()) // until the pipe is full
+				      ostrel_log(3, "%1000d", 1);
+		      },
+		      nullptr),
+	    0);
+	int waiting = 0, seen = -1;
+	while (ioctl(in.get(), FIONREAD, &waiting) == 0 && (waiting == 0 || waiting != seen)) {
+		seen = waiting;
+		usleep(20000);
+	}
+	ASSERT_EQ(pthread_cancel(thread), 0);
+	char drain[65536];
+	std::thread reader([&] {
+		for (int i = 0; i < 100; i++) {
+			while (read(in.get(), drain, sizeof(drain)) > 0) {
+			}
+			usleep(1000);
+		}
+	});
+	void *result = nullptr;
+	ASSERT_EQ(pthread_join(thread, &result), 0);
+	EXPECT_EQ(result, PTHREAD_CANCELED);
+	reader.join();
+	ostrel_log(3, "free");
+	ssize_t length = read(in.get(), drain, sizeof(drain));
+	ASSERT_GT(length, 0);
+	EXPECT_EQ(std::string(drain, static_cast<size_t>(length)), program() + ": 3: free\n");
+}
+
+// ---- The running program ----
+
+TEST(ProgramPath, IsThatOfTheRunningFile)
+{
+	char path[4096];
+	ssize_t length = readlink("/proc/self/exe", path, sizeof(path));
+	ASSERT_GT(length, 0);
+	EXPECT_EQ(program(), std::string(path, static_cast<size_t>(length)));
+}
