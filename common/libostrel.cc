@@ -355,7 +355,7 @@ ostrel_error_t ostrel_db_write(ostrel_db_t db, attrlist_t *idl, uint64_t flags, 
 		result = update_locked(
 		    db, TRL_ostrel_update, idl, [=] { return db->db_cmds->dbc_write(db, idl, flags, objl); });
 	if (result == OSTREL_NEEDS_RETRY)
-		return result;
+		return ostrel_create_update_thread(OSTREL_OP_WRITE, db, idl, flags, objl);
 	if (OSTREL_TRACED(db__write))
 		ostrel_trace_db_write(result, db, idl, objl);
 	return result;
@@ -370,7 +370,7 @@ ostrel_error_t ostrel_db_rename(ostrel_db_t db, attrlist_t *idl, uint64_t flags,
 		result = update_locked(
 		    db, TRL_ostrel_update, idl, [=] { return db->db_cmds->dbc_rename(db, idl, flags, newidl); });
 	if (result == OSTREL_NEEDS_RETRY)
-		return result;
+		return ostrel_create_update_thread(OSTREL_OP_RENAME, db, idl, flags, newidl);
 	if (OSTREL_TRACED(db__rename))
 		ostrel_trace_db_rename(result, db, idl, newidl);
 	return result;
@@ -383,7 +383,7 @@ ostrel_error_t ostrel_db_remove(ostrel_db_t db, attrlist_t *idl, uint64_t flags)
 	ostrel_error_t result =
 	    update_locked(db, TRL_ostrel_remove, idl, [=] { return db->db_cmds->dbc_remove(db, idl, flags); });
 	if (result == OSTREL_NEEDS_RETRY)
-		return result;
+		return ostrel_create_update_thread(OSTREL_OP_REMOVE, db, idl, flags, nullptr);
 	if (OSTREL_TRACED(db__remove))
 		ostrel_trace_db_remove(result, db, idl);
 	return result;

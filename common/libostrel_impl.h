@@ -146,8 +146,7 @@ public:
 	Objects &operator=(const Objects &) = delete;
 	~Objects()
 	{
-		// A call that failed may have stored its count ahead of the array.
-		for (unsigned int i = 0; objs_ != nullptr && i < count_; i++)
+		for (unsigned int i = 0; i < count_; i++)
 			attrlist_free(objs_[i]);
 		free(objs_);
 	}
@@ -200,5 +199,31 @@ int ostrel_zopen(const char *path, int oflag, mode_t mode, enclaveid_t enclave, 
 FILE *ostrel_zfopen(const char *path, const char *mode, enclaveid_t enclave, int *err);
 int ostrel_zrename(const char *from, const char *to, enclaveid_t enclave);
 int ostrel_zunlink(const char *path, enclaveid_t enclave);
+
+// Deferred updates. The first two are never deferred.
+typedef enum ostrel_op MERIDON_ENUM32 {
+	OSTREL_OP_READ = 0,
+	OSTREL_OP_WALK = 1,
+	OSTREL_OP_WRITE = 2,
+	OSTREL_OP_RENAME = 3,
+	OSTREL_OP_REMOVE = 4
+} ostrel_op_t;
+
+// What a deferred update carries; it belongs to the update's thread.
+typedef struct ostrel_update_arg {
+	ostrel_op_t nua_op;
+	ostrel_db_t nua_db; // a plain pointer: the database stays open until the update has ended
+	attrlist_t *nua_idl;
+	uint64_t nua_flags;
+	attrlist_t *nua_objl; // properties of a write, new identifiers of a rename, NULL for a remove
+} ostrel_update_arg_t;
+
+// Hands an update to a thread of its own, which tries it at once and then once a second, 100 times at most. Called with
+// no lock held. Owns: the lists are copied. Errors: OSTREL_NEEDS_RETRY  the caller is such a thread itself, whose loop
+// goes on; what copying a list or making a thread gave; OSTREL_INVALID_ARG  `idl` is NULL
+ostrel_error_t ostrel_create_update_thread(
+    ostrel_op_t op, ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *objl);
+// The thread's function; `arg` is an ostrel_update_arg_t, which it frees.
+void *ostrel_update_thread(void *arg);
 
 #endif

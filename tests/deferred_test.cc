@@ -1,0 +1,336 @@
+// Deferred updates: a store of the test's own asks for retries, and the seconds between them pass at once.
+#include <atomic>
+#include <csignal>
+#include <dirent.h>
+#include <functional>
+#include <malloc.h>
+#include <map>
+#include <mutex>
+#include <pthread.h>
+#include <set>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "alloc_fault.h"
+#include "base/guards.h"
+#include "log_capture.h"
+
+namespace {
+
+std::atomic<unsigned int> seconds_slept;
+std::atomic<int> sleeps;
+std::atomic<bool> hold_sleepers; // a second lasts until this is false
+
+} // namespace
+
+// The library's sleep ends up here.
+extern "C" unsigned int sleep(unsigned int seconds)
+{
+	seconds_slept += seconds;
+	sleeps++;
+	hold_sleepers.wait(true);
+	return 0;
+}
+
+namespace {
+
+// What reached the store in one call.
+struct Call {
+	std::string op, idl, second;
+	uint64_t flags;
+	pthread_t thread;
+	char thread_name[16];
+	bool takes_signals;
+};
+
+struct Store {
+	std::mutex mutex;
+	std::function<ostrel_error_t(size_t call)> answer;
+	std::vector<Call> calls;
+	int audits = 0;
+} store;
+
+std::string text_of(attrlist_t *list)
+{
+	char text[512];
+	return list == nullptr ? "none" : ostrel_atl2str(list, text, sizeof(text));
+}
+
+std::string ids_of(attrlist_t *idl)
+{
+	char text[OSTREL_IDSTR_SIZE] = "";
+	return ostrel_idlist2idstr(idl, text) == OSTREL_SUCCESS ? text : "none";
+}
+
+ostrel_error_t take(const char *op, attrlist_t *idl, uint64_t flags, const std::string &second)
+{
+	Call call = {op, ids_of(idl), second, flags, pthread_self(), "", false};
+	pthread_getname_np(pthread_self(), call.thread_name, sizeof(call.thread_name));
+	sigset_t blocked;
+	pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+	call.takes_signals = !sigismember(&blocked, SIGHUP);
+	std::lock_guard<std::mutex> lock(store.mutex);
+	store.calls.push_back(call);
+	return store.answer(store.calls.size() - 1);
+}
+
+const struct ostrel_db_cmds store_cmds = {
+    .dbc_open = nullptr,
+    .dbc_close = nullptr,
+    .dbc_read = [](ostrel_db_t, attrlist_t *idl, uint64_t flags, attrlist_t ***,
+		    unsigned int *) { return take("read", idl, flags, ""); },
+    .dbc_write = [](ostrel_db_t, attrlist_t *idl, uint64_t flags,
+		     attrlist_t *props) { return take("write", idl, flags, text_of(props)); },
+    .dbc_rename = [](ostrel_db_t, attrlist_t *idl, uint64_t flags,
+		      attrlist_t *newidl) { return take("rename", idl, flags, ids_of(newidl)); },
+    .dbc_remove = [](ostrel_db_t, attrlist_t *idl, uint64_t flags) { return take("remove", idl, flags, "none"); },
+    .dbc_audit = [](ostrel_db_t, unsigned short, attrlist_t *, ostrel_error_t) { store.audits++; },
+    .dbc_auth = nullptr,
+};
+
+int threads_alive()
+{
+	Handle<DIR, [](DIR *dir) { (void) closedir(dir); }> tasks(opendir("/proc/self/task"));
+	int count = -2; // . and ..
+	while (readdir(tasks.get()) != nullptr)
+		count++;
+	return count;
+}
+
+// Waits until as many threads as before the test are left, 60 seconds at most.
+void wait_for_threads(int expected)
+{
+	for (int i = 0; i < 60000 && threads_alive() > expected; i++)
+		usleep(1000);
+	ASSERT_EQ(threads_alive(), expected);
+}
+
+AttrList ids(const std::string &value)
+{
+	AttrList idl;
+	EXPECT_EQ(ostrel_idlist_init(idl.out(), nullptr), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_idlist_add(idl.get(), "name", value.c_str()), OSTREL_SUCCESS);
+	return idl;
+}
+
+AttrList props(const std::string &value)
+{
+	AttrList list;
+	EXPECT_EQ(attrlist_alloc(list.out(), ATL_UNIQUE_NAME, 0), 0);
+	EXPECT_EQ(ostrel_atl_add_one_string(list.get(), "prop", value.c_str()), 0);
+	return list;
+}
+
+class Deferred : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		store.calls.clear();
+		store.audits = 0;
+		sleeps = 0;
+		seconds_slept = 0;
+		threads_ = threads_alive();
+		ASSERT_EQ(ostrel_db_open("store", 0, &store_cmds, 0, &db_), OSTREL_SUCCESS);
+	}
+	void TearDown() override
+	{
+		finish();
+		ostrel_db_close(db_);
+	}
+	void finish() const { wait_for_threads(threads_); }
+	// The answers in turn; the last one for ever.
+	static void answer(std::vector<ostrel_error_t> results)
+	{
+		store.answer = [=](size_t call) { return results[std::min(call, results.size() - 1)]; };
+	}
+
+	ostrel_db_t db_ = nullptr;
+	int threads_ = 0;
+	LogCapture log_;
+};
+
+// The three operations that can be deferred, as a caller makes them: its lists are gone when the call returns.
+struct Operation {
+	const char *word, *second;
+	ostrel_error_t (*run)(ostrel_db_t db);
+};
+
+const Operation operations[] = {
+    {"write", "prop=value;",
+	[](ostrel_db_t db) { return ostrel_db_write(db, ids("x").get(), 4, props("value").get()); }},
+    {"rename", "name=y;", [](ostrel_db_t db) { return ostrel_db_rename(db, ids("x").get(), 4, ids("y").get()); }},
+    {"remove", "none", [](ostrel_db_t db) { return ostrel_db_remove(db, ids("x").get(), 4); }},
+};
+
+class EachDeferred : public Deferred, public testing::WithParamInterface<Operation> {};
+INSTANTIATE_TEST_SUITE_P(, EachDeferred, testing::ValuesIn(operations),
+    [](const testing::TestParamInfo<Operation> &operation) { return operation.param.word; });
+
+} // namespace
+
+TEST_P(EachDeferred, IsRepeatedAtOnceOnAThreadWithCopiesOfItsLists)
+{
+	answer({OSTREL_NEEDS_RETRY, OSTREL_SUCCESS});
+	EXPECT_EQ(GetParam().run(db_), OSTREL_SUCCESS);
+	finish();
+	ASSERT_EQ(store.calls.size(), 2u);
+	for (const Call &call : store.calls) {
+		EXPECT_EQ(call.op, GetParam().word);
+		EXPECT_EQ(call.idl, "name=x;");
+		EXPECT_EQ(call.second, GetParam().second);
+		EXPECT_EQ(call.flags, 4u);
+	}
+	EXPECT_TRUE(pthread_equal(store.calls[0].thread, pthread_self()));
+	EXPECT_FALSE(pthread_equal(store.calls[1].thread, pthread_self()));
+	EXPECT_STREQ(store.calls[1].thread_name, "ostrel_update");
+	EXPECT_TRUE(store.calls[0].takes_signals);
+	EXPECT_FALSE(store.calls[1].takes_signals);
+	EXPECT_EQ(sleeps, 0);
+	EXPECT_TRUE(log_.lines().empty());
+}
+
+TEST_P(EachDeferred, GivesUpAfter100RetriesASecondApart)
+{
+	answer({OSTREL_NEEDS_RETRY});
+	EXPECT_EQ(GetParam().run(db_), OSTREL_SUCCESS);
+	finish();
+	EXPECT_EQ(store.calls.size(), 101u);
+	EXPECT_EQ(store.audits, 101);
+	EXPECT_EQ(sleeps, 100);
+	EXPECT_EQ(seconds_slept, 100u);
+	for (size_t i = 2; i < store.calls.size(); i++)
+		ASSERT_TRUE(pthread_equal(store.calls[i].thread, store.calls[1].thread))
+		    << "one thread for all attempts";
+	EXPECT_EQ(log_.lines(), std::vector<std::string>{std::string("3: maximum number of retries exceeded for ") +
+							 GetParam().word + " operation, giving up"});
+}
+
+TEST_F(Deferred, EndsAtAnotherErrorWithoutAMessage)
+{
+	answer({OSTREL_NEEDS_RETRY, OSTREL_NEEDS_RETRY, OSTREL_EPERM, OSTREL_SUCCESS});
+	EXPECT_EQ(ostrel_db_remove(db_, ids("x").get(), 0), OSTREL_SUCCESS);
+	finish();
+	EXPECT_EQ(store.calls.size(), 3u);
+	EXPECT_EQ(sleeps, 1);
+	EXPECT_TRUE(log_.lines().empty());
+}
+
+TEST_F(Deferred, IsNotWhatAReadOrAWalkBecomes)
+{
+	answer({OSTREL_NEEDS_RETRY});
+	auto never = [](ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *) { return 0; };
+	EXPECT_EQ(ostrel_db_read(db_, ids("x").get(), 0, nullptr), OSTREL_NEEDS_RETRY);
+	EXPECT_EQ(ostrel_db_walk(db_, nullptr, 0, never, nullptr, nullptr, nullptr), OSTREL_NEEDS_RETRY);
+	finish();
+	EXPECT_EQ(store.calls.size(), 2u);
+}
+
+// Only the library's own mark makes a thread an update thread.
+TEST_F(Deferred, WorksOnACallersThreadOfTheSameName)
+{
+	answer({OSTREL_NEEDS_RETRY, OSTREL_SUCCESS});
+	ostrel_error_t result = OSTREL_FAILURE;
+	std::thread caller([&] {
+		pthread_setname_np(pthread_self(), "ostrel_update");
+		result = ostrel_db_remove(db_, ids("x").get(), 0);
+	});
+	caller.join();
+	EXPECT_EQ(result, OSTREL_SUCCESS);
+	finish();
+	EXPECT_EQ(store.calls.size(), 2u);
+}
+
+TEST_F(Deferred, TellsTheCallerWhatCantBeTakenOver)
+{
+	answer({OSTREL_NEEDS_RETRY});
+	EXPECT_EQ(ostrel_db_remove(db_, nullptr, 0), OSTREL_INVALID_ARG);
+
+	pthread_attr_t usual, huge; // a stack for which there is no room
+	ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
+	ASSERT_EQ(pthread_getattr_default_np(&huge), 0);
+	ASSERT_EQ(pthread_attr_setstacksize(&huge, 1UL << 47), 0);
+	ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+	EXPECT_EQ(ostrel_db_write(db_, ids("x").get(), 0, props("v").get()), OSTREL_FAILURE);
+	ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
+	finish();
+	EXPECT_EQ(store.calls.size(), 2u) << "neither is tried again";
+}
+
+TEST_F(Deferred, ReportsEachAllocationThatFailsAndLeavesNothing)
+{
+	SKIP_WITHOUT_ALLOC_FAULTS();
+	answer({OSTREL_SUCCESS});
+	AttrList idl = ids("x"), list = props("v");
+	for (int nth = 1;; nth++) {
+		AllocFault fault(nth);
+		ostrel_error_t result = ostrel_create_update_thread(OSTREL_OP_WRITE, db_, idl.get(), 0, list.get());
+		fault.stop();
+		finish();
+		if (!fault.fired()) {
+			EXPECT_EQ(result, OSTREL_SUCCESS);
+			EXPECT_GT(nth, 3);
+			break;
+		}
+		// The last one is in the making of the thread, and comes as the thread's own failure.
+		EXPECT_TRUE(result == OSTREL_NO_MEMORY || result == OSTREL_FAILURE) << result;
+	}
+	EXPECT_EQ(store.calls.size(), 1u);
+}
+
+// ---- Many at once ----
+
+namespace {
+
+// Takes `count` updates while the store can't be written, and lets them all land together.
+void defer_many(ostrel_db_t db, int count, int threads_before)
+{
+	hold_sleepers = true;
+	store.calls.clear();
+	for (int i = 0; i < count; i++)
+		ASSERT_EQ(ostrel_db_write(db, ids(std::to_string(i)).get(), 0, props("v").get()), OSTREL_SUCCESS);
+	EXPECT_EQ(threads_alive(), threads_before + count) << "all are in flight";
+	hold_sleepers = false;
+	hold_sleepers.notify_all();
+	wait_for_threads(threads_before);
+}
+
+size_t heap_bytes()
+{
+	return mallinfo2().uordblks;
+}
+
+} // namespace
+
+TEST_F(Deferred, ThousandInFlightAllLandAndLeaveNothing)
+{
+	constexpr int count = 1000;
+	std::set<std::string> landed; // guarded by the store's mutex
+	int landings = 0;
+	store.answer = [&](size_t) {
+		Call call = store.calls.back();
+		store.calls.clear();
+		if (hold_sleepers)
+			return OSTREL_NEEDS_RETRY;
+		landed.insert(call.idl + call.second);
+		landings++;
+		return OSTREL_SUCCESS;
+	};
+	size_t bytes = 0;
+	for (int round = 0; round < 3; round++) { // the first round fills the caches of the C library
+		landed.clear();
+		landings = 0;
+		defer_many(db_, count, threads_);
+		EXPECT_EQ(landings, count);
+		EXPECT_EQ(landed.size(), static_cast<size_t>(count));
+		EXPECT_EQ(landed.count("name=999;prop=v;"), 1u);
+		landed.clear();
+		if (round == 0)
+			bytes = heap_bytes();
+	}
+	EXPECT_LT(heap_bytes(), bytes + count * 16) << "less than a small block for each update";
+	EXPECT_TRUE(log_.lines().empty());
+}
