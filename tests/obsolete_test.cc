@@ -1,0 +1,227 @@
+// Patterns, and the files that are set aside by them.
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <regex.h>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <meridon/regcmp.h>
+
+#include "alloc_fault.h"
+#include "base/guards.h"
+#include "libostrel_obsolete.h"
+#include "log_capture.h"
+
+// This C library's regcomp() loses memory, or frees it twice, where its own allocations fail. So faults pass it by here,
+// and a failure of it is planned by itself: before the n-th call from now on, for n above 0.
+static int regcomp_until_fault;
+
+extern "C" int regcomp(regex_t *compiled, const char *pattern, int flags)
+{
+	if (regcomp_until_fault > 0 && --regcomp_until_fault == 0)
+		return REG_ESPACE;
+	AllocFaultPause pause;
+	static auto real = reinterpret_cast<decltype(&regcomp)>(dlsym(RTLD_NEXT, "regcomp"));
+	return real(compiled, pattern, flags);
+}
+
+// ---- Patterns ----
+
+namespace {
+
+using Pattern = Heap<char>;
+
+// The part of the subject up to the end of the match, or "none".
+std::string match(const char *pattern, const char *subject)
+{
+	Pattern compiled(regcmp(pattern, nullptr));
+	const char *end = compiled ? regex(compiled.get(), subject) : nullptr;
+	return end == nullptr ? "none" : std::string(subject, end);
+}
+
+} // namespace
+
+TEST(Patterns, AreExtendedExpressionsThatMatchAnywhere)
+{
+	EXPECT_EQ(match("o+", "foo.conf"), "foo");
+	EXPECT_EQ(match("^o", "foo.conf"), "none");
+	EXPECT_EQ(match("(a|b)[0-9]{2}$", "x-b17"), "x-b17");
+	EXPECT_EQ(match("a?c", "bc"), "bc");
+	EXPECT_EQ(match("\\.", "x"), "none");
+	EXPECT_EQ(match("x*", "abc"), "") << "an empty match is one";
+	EXPECT_EQ(match("", ""), "");
+}
+
+TEST(Patterns, AreRefusedWhereTheyDontCompile)
+{
+	for (const char *bad : {"(", "[a", "a{2", "*a", "a{2,1}", "\\"}) {
+		errno = 0;
+		EXPECT_EQ(regcmp(bad, nullptr), nullptr) << bad;
+		EXPECT_EQ(errno, EINVAL) << bad;
+	}
+	EXPECT_EQ(regcmp(nullptr), nullptr);
+	EXPECT_EQ(regex(nullptr, "x"), nullptr);
+	EXPECT_EQ(regex("x", nullptr), nullptr);
+}
+
+TEST(Patterns, ComeInPartsAndGoWithOneFree)
+{
+	Pattern compiled(regcmp("^net", "[0-9]", "+$", nullptr));
+	ASSERT_TRUE(compiled);
+	EXPECT_NE(regex(compiled.get(), "net42"), nullptr);
+	EXPECT_EQ(regex(compiled.get(), "net42x"), nullptr);
+	regcomp_until_fault = 1;
+	EXPECT_EQ(regcmp("a", nullptr), nullptr);
+	EXPECT_EQ(errno, ENOMEM);
+	SKIP_WITHOUT_ALLOC_FAULTS();
+	sweep_allocations([] { return 0; }, [](int) { return Pattern(regcmp("(a|b)+[c-e]*", nullptr)); },
+	    [](int, const Pattern &made, bool failed) { EXPECT_NE(static_cast<bool>(made), failed); });
+}
+
+// ---- Files ----
+
+namespace fs = std::filesystem;
+using Names = std::set<std::string>;
+
+namespace {
+
+class Obsolete : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		char dir[] = "/tmp/ostrel_obsolete_XXXXXX";
+		ASSERT_NE(mkdtemp(dir), nullptr);
+		dir_ = dir;
+	}
+	void TearDown() override { fs::remove_all(dir_); }
+
+	void make(const Names &names) const
+	{
+		for (const std::string &name : names)
+			ASSERT_TRUE(Fd(open((dir_ + "/" + name).c_str(), O_WRONLY | O_CREAT, 0600))) << name;
+	}
+	Names names() const
+	{
+		Names found;
+		for (const auto &entry : fs::directory_iterator(dir_))
+			found.insert(entry.path().filename());
+		return found;
+	}
+	// Gives the log's messages.
+	std::vector<std::string> set_aside(const char *pattern) const { return set_aside(dir_, pattern); }
+	static std::vector<std::string> set_aside(const std::string &dir, const char *pattern)
+	{
+		LogCapture log;
+		ostrel_make_files_obsolete(dir.c_str(), pattern);
+		EXPECT_EQ(ostrel_file_regexp, nullptr);
+		return log.lines();
+	}
+
+	std::string dir_;
+	const std::vector<std::string> silence_;
+};
+
+} // namespace
+
+TEST_F(Obsolete, WhatMatchesGetsItsNewNameAndNothingElse)
+{
+	make({"net0.conf", "net1.conf", "net0.conf~", "other", "net2.conf.obsolete"});
+	fs::create_directory(dir_ + "/net9.conf");
+	EXPECT_EQ(set_aside("^net[0-9]\\.conf$"), silence_);
+	EXPECT_EQ(names(), (Names{"net0.conf.obsolete", "net1.conf.obsolete", "net9.conf.obsolete", "net0.conf~",
+			       "other", "net2.conf.obsolete"}));
+	EXPECT_EQ(set_aside("^net[0-9]\\.conf$"), silence_) << "nothing matches any more";
+	EXPECT_EQ(set_aside("^net2"), silence_);
+	EXPECT_EQ(names().count("net2.conf.obsolete.obsolete"), 1u);
+}
+
+TEST_F(Obsolete, MissingDirectoryIsSilentAndOthersAreNot)
+{
+	make({"file"});
+	EXPECT_EQ(set_aside(dir_ + "/missing", "x"), silence_);
+	EXPECT_EQ(set_aside(dir_ + "/file", "x"),
+	    std::vector<std::string>{"3: Rename obsolete files in " + dir_ + "/file failed: Not a directory"});
+	EXPECT_EQ(set_aside("^file$"), silence_) << "a failed scan leaves nothing behind";
+	EXPECT_EQ(names(), Names{"file.obsolete"});
+}
+
+TEST_F(Obsolete, PatternThatDoesntCompileRenamesNothing)
+{
+	make({"a", "("});
+	EXPECT_EQ(set_aside("("),
+	    std::vector<std::string>{"3: Rename obsolete files in " + dir_ + " failed: pattern (: Invalid argument"});
+	EXPECT_EQ(names(), (Names{"a", "("}));
+}
+
+// The directory and its parent are offered too, and can't be renamed.
+TEST_F(Obsolete, FailedEntryIsLoggedAndTheOthersGoOn)
+{
+	make({"a", "b"});
+	fs::create_directory(dir_ + "/a.obsolete"); // in the way of the file
+	std::vector<std::string> log = set_aside("^(.|..)$");
+	std::set<std::string> expected;
+	for (const char *name : {".", "..", "a"})
+		expected.insert("3: Rename obsolete file " + dir_ + "/" + name + " failed");
+	EXPECT_EQ(std::set<std::string>(log.begin(), log.end()), expected);
+	EXPECT_EQ(names(), (Names{"a", "a.obsolete", "b.obsolete"}));
+}
+
+// Paths of 1023 bytes fit, the new one included.
+TEST_F(Obsolete, PathThatIsTooLongIsLoggedAndSkipped)
+{
+	while (dir_.size() < 1023 - 200)
+		dir_ += "/" + std::string(99, 'd');
+	fs::create_directories(dir_);
+	size_t room = 1023 - dir_.size() - 1 - strlen(".obsolete");
+	std::string fits(room, 'f'), slightly(room + 1, 'g'), far(room + 12, 'h');
+	make({fits, slightly, far, "short"});
+	std::vector<std::string> log = set_aside("^[^.]");
+	EXPECT_EQ(names(), (Names{fits + ".obsolete", slightly, far, "short.obsolete"}));
+	ASSERT_EQ(log.size(), 2u);
+	for (const std::string &line : log) // the message itself is cut at its end
+		EXPECT_EQ(line.compare(0, 100, "3: Rename obsolete file " + dir_, 0, 100), 0) << line;
+	dir_ = dir_.substr(0, dir_.find('/', 5));
+}
+
+TEST_F(Obsolete, SecondCallAtTheSameTimeAborts)
+{
+	testing::FLAGS_gtest_death_test_style = "threadsafe";
+	char busy[] = "pattern of the first";
+	EXPECT_DEATH(
+	    {
+		    ostrel_file_regexp = busy;
+		    ostrel_make_files_obsolete(dir_.c_str(), "x");
+	    },
+	    "ostrel_file_regexp == NULL");
+}
+
+// Where memory runs out, each file is either renamed or where it was, and the call ends as if nothing had been.
+TEST_F(Obsolete, LosesNoFileAndNoMemoryWhereAllocationsFail)
+{
+	SKIP_WITHOUT_ALLOC_FAULTS();
+	make({"a1", "a2", "keep"});
+	sweep_allocations([] { return 0; },
+	    [&](int) {
+		    ostrel_make_files_obsolete(dir_.c_str(), "^a[12]$");
+		    return 0;
+	    },
+	    [&](int, int, bool failed) {
+		    EXPECT_EQ(ostrel_file_regexp, nullptr);
+		    if (!failed) {
+			    EXPECT_EQ(names(), (Names{"a1.obsolete", "a2.obsolete", "keep"}));
+			    return;
+		    }
+		    for (const char *name : {"a1", "a2"})
+			    (void) rename((dir_ + "/" + name + ".obsolete").c_str(), (dir_ + "/" + name).c_str());
+		    EXPECT_EQ(names(), (Names{"a1", "a2", "keep"}));
+	    });
+}
