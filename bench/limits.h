@@ -58,8 +58,7 @@ private:
 		for (; at + 32 <= last + 1; at += 32) {
 			const char *place = data + at;
 			__m256i head = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(place));
-			__m256i tail =
-			    _mm256_loadu_si256(reinterpret_cast<const __m256i *>(place + text_.size() - 1));
+			__m256i tail = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(place + text_.size() - 1));
 			__m256i fits = _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_or_si256(head, first_fold), first),
 			    _mm256_cmpeq_epi8(_mm256_or_si256(tail, last_fold), final));
 			unsigned mask = static_cast<unsigned>(_mm256_movemask_epi8(fits));
@@ -115,7 +114,8 @@ private:
 		if (bytes_ == nullptr)
 			abort();
 	}
-	template <typename T> void put(T value)
+	template <typename T>
+	void put(T value)
 	{
 		memcpy(bytes_ + used_, &value, sizeof(value));
 		used_ += sizeof(value);
