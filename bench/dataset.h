@@ -14,12 +14,12 @@
 namespace dataset {
 
 struct Object {
-	char linkname[12];
+	char linkname[16];
 	char zone[4];
 	uint32_t mtu;
 	bool on;
 	char site[12]; // the first of two tags, with a comma
-	char role[8];
+	char role[16];
 	int64_t ctr;
 };
 
