@@ -1,5 +1,6 @@
 // The line format in both directions.
 #include "libostrel_lines.h"
+#include "test_paths.h"
 
 #include <cerrno>
 #include <cstring>
