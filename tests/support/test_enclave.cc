@@ -4,7 +4,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -31,6 +30,9 @@ static void must(bool ok, const char *what)
 int in_child(const std::function<int()> &body)
 {
 	fflush(nullptr);
+	struct sigaction usual = {}, before = {};
+	usual.sa_handler = SIG_DFL;
+	must(sigaction(SIGCHLD, &usual, &before) == 0, "sigaction");
 	pid_t pid = fork();
 	must(pid >= 0, "fork");
 	if (pid == 0) {
@@ -40,18 +42,8 @@ int in_child(const std::function<int()> &body)
 	}
 	int status;
 	must(waitpid(pid, &status, 0) == pid, "waitpid");
+	must(sigaction(SIGCHLD, &before, nullptr) == 0, "sigaction");
 	return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-}
-
-int open_descriptors()
-{
-	DIR *dir = opendir("/proc/self/fd");
-	must(dir != nullptr, "/proc/self/fd");
-	int count = 0;
-	while (readdir(dir) != nullptr)
-		count++;
-	closedir(dir);
-	return count;
 }
 
 const char *why_no_enclaves(TestEnclave::Kind kind)

@@ -60,9 +60,7 @@ const char *why_no_enclaves(TestEnclave::Kind kind = TestEnclave::RootOnly);
 	GTEST_SKIP() << why
 
 // Runs something in a forked child and gives its result, cut to 8 bits; 1000 and the signal's number if one ended it.
+// Works in a process that ignores SIGCHLD too.
 int in_child(const std::function<int()> &body);
-
-// How many descriptors this process has open.
-int open_descriptors();
 
 #endif

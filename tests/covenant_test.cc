@@ -1,0 +1,192 @@
+// Covenants and the fork that honours them.
+#include <meridon/covenant.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "base/guards.h"
+#include "scratch.h"
+#include "syscall_fault.h"
+
+namespace {
+
+class Covenant : public ::testing::Test {
+protected:
+	Fd tmpl{covenant_open(COVENANT_PROCESS_TEMPLATE, O_RDWR)};
+
+	void SetUp() override
+	{
+		ASSERT_TRUE(tmpl);
+		ASSERT_EQ(cv_pr_tmpl_set_param(tmpl.get(), COVENANT_PR_PGRPONLY), 0);
+	}
+	void TearDown() override { (void) cv_tmpl_clear(tmpl.get()); }
+};
+
+// The exit status of a child, which a plain wait finds or not.
+int status_of(pid_t pid, int options)
+{
+	siginfo_t info = {};
+	if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | options) == -1)
+		return -errno;
+	return info.si_status;
+}
+
+// In a child: says by its end whether it has a group of its own.
+[[noreturn]] void end_child()
+{
+	_exit(getpgrp() == getpid() ? 1 : 0);
+}
+
+} // namespace
+
+TEST_F(Covenant, ATemplateTakesOnlyWhatIsSupported)
+{
+	EXPECT_EQ(fcntl(tmpl.get(), F_GETFD), FD_CLOEXEC);
+	EXPECT_EQ(cv_tmpl_set_critical(tmpl.get(), 0), 0);
+	EXPECT_EQ(cv_tmpl_set_critical(tmpl.get(), 1), EINVAL);
+	EXPECT_EQ(cv_tmpl_set_informative(tmpl.get(), 0x20), EINVAL);
+	EXPECT_EQ(cv_pr_tmpl_set_fatal(tmpl.get(), COVENANT_EV_HWERR), 0);
+	EXPECT_EQ(cv_pr_tmpl_set_fatal(tmpl.get(), COVENANT_EV_HWERR | 1), EINVAL);
+	EXPECT_EQ(cv_pr_tmpl_set_param(tmpl.get(), 8), EINVAL);
+
+	Scratch scratch;
+	Fd file(open(scratch.write("f", std::string(100, 'x')).c_str(), O_RDWR));
+	Fd directory(open("/", O_RDONLY));
+	int ends[2];
+	ASSERT_EQ(pipe(ends), 0);
+	for (int fd : {file.get(), directory.get(), ends[0]}) {
+		EXPECT_EQ(cv_tmpl_set_critical(fd, 0), EINVAL);
+		EXPECT_EQ(cv_tmpl_activate(fd), EINVAL);
+	}
+	EXPECT_EQ(file_text(scratch.path("f")), std::string(100, 'x'));
+	close(ends[0]);
+	close(ends[1]);
+	EXPECT_EQ(cv_tmpl_activate(-1), EBADF);
+	EXPECT_EQ(cv_tmpl_clear(tmpl.get()), EINVAL); // nothing is active
+}
+
+TEST_F(Covenant, OnlyTheTemplateIsOpenedAndNoFailureReadsAsAMissingFile)
+{
+	for (const char *path : {"/system/covenant/other", "", "/etc/passwd"}) {
+		EXPECT_EQ(covenant_open(path, O_RDWR), -1);
+		EXPECT_EQ(errno, EINVAL) << path;
+	}
+	EXPECT_EQ(covenant_open(COVENANT_PROCESS_TEMPLATE, O_RDONLY), -1);
+	EXPECT_EQ(errno, EINVAL);
+	FailNth fault(FailNth::Memfd, 1, ENFILE);
+	EXPECT_EQ(covenant_open(COVENANT_PROCESS_TEMPLATE, O_RDWR), -1);
+	EXPECT_EQ(errno, ENFILE);
+}
+
+TEST_F(Covenant, OnlyTheForksOfTheActivatingThreadMakeOne)
+{
+	ASSERT_EQ(cv_tmpl_activate(tmpl.get()), 0);
+	std::thread other([] {
+		pid_t pid = fork();
+		if (pid == 0)
+			end_child();
+		EXPECT_EQ(status_of(pid, 0), 0);
+		covenant_id_t id;
+		EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), -1);
+		EXPECT_EQ(errno, ESRCH);
+	});
+	other.join();
+
+	pid_t pid = fork();
+	if (pid == 0)
+		end_child();
+	covenant_id_t id = 0;
+	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), 0);
+	EXPECT_EQ(id, pid);
+	EXPECT_EQ(status_of(pid, 0), 1);
+
+	EXPECT_EQ(covenant_abandon_id(id + 1), -1);
+	EXPECT_EQ(covenant_abandon_id(id), 0);
+	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), -1);
+	EXPECT_EQ(covenant_latest(2, &id), -1);
+	EXPECT_EQ(errno, EINVAL);
+
+	ASSERT_EQ(cv_tmpl_clear(tmpl.get()), 0);
+	pid = fork();
+	if (pid == 0)
+		end_child();
+	EXPECT_EQ(status_of(pid, 0), 0);
+	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), -1);
+}
+
+TEST_F(Covenant, ItsForkHonoursTheTemplateAsItWasWhenActivated)
+{
+	ASSERT_EQ(cv_tmpl_activate(tmpl.get()), 0);
+	tmpl.reset(); // a copy is active: nothing is read from what may be another file by now
+	pid_t pid = covenant_fork();
+	if (pid == 0)
+		end_child();
+	covenant_id_t id = 0;
+	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), 0);
+	EXPECT_EQ(id, pid);
+	EXPECT_EQ(status_of(pid, __WALL), 1);
+
+	Fd without(covenant_open(COVENANT_PROCESS_TEMPLATE, O_RDWR));
+	ASSERT_EQ(cv_tmpl_activate(without.get()), 0);
+	pid = covenant_fork();
+	if (pid == 0)
+		end_child();
+	EXPECT_EQ(status_of(pid, __WALL), 0);
+	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), -1);
+	EXPECT_EQ(cv_tmpl_clear(without.get()), 0);
+}
+
+TEST_F(Covenant, ItsForkIsInvisibleToOthersAndKeepsTheSignalMask)
+{
+	sigset_t before, after;
+	sigset_t usr1;
+	sigemptyset(&usr1);
+	sigaddset(&usr1, SIGUSR1);
+	ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &usr1, &before), 0);
+	pid_t pid = covenant_fork();
+	if (pid == 0) {
+		sigset_t mask;
+		sigprocmask(SIG_BLOCK, nullptr, &mask);
+		_exit(sigismember(&mask, SIGUSR1) == 1 && sigismember(&mask, SIGTERM) == 0 ? 9 : 0);
+	}
+	ASSERT_GT(pid, 0);
+	EXPECT_EQ(status_of(pid, 0), -ECHILD);
+	EXPECT_EQ(waitpid(-1, nullptr, 0), -1);
+	EXPECT_EQ(status_of(pid, __WALL), 9);
+	ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &before, &after), 0);
+	EXPECT_EQ(sigismember(&after, SIGUSR1), 1);
+	EXPECT_EQ(sigismember(&after, SIGTERM), 0);
+
+	FailNth fault(FailNth::Fork, 1, EAGAIN);
+	EXPECT_EQ(covenant_fork(), -1);
+	EXPECT_EQ(errno, EAGAIN);
+	ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &after), 0);
+	EXPECT_EQ(sigismember(&after, SIGTERM), 0);
+}
+
+TEST_F(Covenant, WhatKillsTheParentsGroupDoesNotReachTheChild)
+{
+	pid_t parent = fork(); // a group to kill that isn't the test's own
+	if (parent == 0) {
+		setpgid(0, 0);
+		signal(SIGTERM, SIG_IGN);
+		(void) cv_tmpl_activate(tmpl.get());
+		pid_t child = covenant_fork();
+		if (child == 0) {
+			signal(SIGTERM, SIG_DFL);
+			usleep(100000);
+			_exit(3);
+		}
+		kill(0, SIGTERM);
+		_exit(status_of(child, __WALL));
+	}
+	EXPECT_EQ(status_of(parent, 0), 3);
+}

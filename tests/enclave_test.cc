@@ -1,0 +1,394 @@
+// The registry of enclaves, and what a process knows of its own.
+#include <meridon/enclave.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "base/files.h"
+#include "base/guards.h"
+#include "scratch.h"
+#include "syscall_fault.h"
+#include "test_enclave.h"
+
+namespace {
+
+enclave_info_t record(enclaveid_t id, const std::string &name, const std::string &root = "/srv/x")
+{
+	enclave_info_t info = {};
+	info.ei_id = id;
+	info.ei_state = ENCLAVE_STATE_READY;
+	snprintf(info.ei_name, sizeof info.ei_name, "%s", name.c_str());
+	snprintf(info.ei_root, sizeof info.ei_root, "%s", root.c_str());
+	return info;
+}
+
+int add(const enclave_info_t &info)
+{
+	return enclave_registry_add(&info);
+}
+
+class Registry : public ::testing::Test {
+protected:
+	Scratch scratch;
+
+	void SetUp() override { setenv("MERIDON_ROOT", scratch.directory().c_str(), 1); }
+	void TearDown() override { unsetenv("MERIDON_ROOT"); }
+
+	std::string file(const std::string &name) const { return scratch.path("run/enclaves/" + name); }
+	void write_record(const std::string &name, const std::string &text) const
+	{
+		scratch.write("run/enclaves/" + name, text);
+		ASSERT_EQ(chmod(file(name).c_str(), 0644), 0);
+	}
+	// "3:web 5:db", and "7!" for a record that can't be read.
+	static std::string listing()
+	{
+		enclave_info_t *infos = nullptr;
+		size_t count = 0;
+		int error = enclave_registry_list(&infos, &count);
+		if (error != 0)
+			return "error " + std::to_string(error);
+		Heap<enclave_info_t> owner(infos);
+		std::string text;
+		for (size_t i = 0; i < count; i++) {
+			const char *mark = infos[i].ei_state == ENCLAVE_STATE_INVALID ? "!" : ":";
+			text += std::to_string(infos[i].ei_id) + mark + infos[i].ei_name + " ";
+		}
+		return text;
+	}
+};
+
+} // namespace
+
+TEST_F(Registry, ARecordComesBackAsItWasWritten)
+{
+	EXPECT_EQ(listing(), "") << "no registry yet";
+	enclave_info_t full = record(5, "web-1.x_y", "/srv/with blank=and equals/é");
+	full.ei_state = ENCLAVE_STATE_SHUTTING_DOWN;
+	full.ei_leader = 77;
+	full.ei_leader_start = UINT64_MAX;
+	mode_t mask = umask(077);
+	EXPECT_EQ(add(full), 0);
+	umask(mask);
+	enclave_info_t found;
+	memset(&found, 0xff, sizeof found);
+	ASSERT_EQ(enclave_registry_get(5, &found), 0);
+	EXPECT_EQ(memcmp(&found, &full, sizeof found), 0);
+	ASSERT_EQ(enclave_registry_find("web-1.x_y", &found), 0);
+	EXPECT_EQ(found.ei_id, 5);
+	EXPECT_EQ(file_text(file("5")), "name=web-1.x_y\nroot=/srv/with blank=and equals/é\nstate=shutting_down\n"
+					"leader=77\nleader_start=18446744073709551615\n");
+	struct stat st;
+	ASSERT_EQ(stat(file("5").c_str(), &st), 0);
+	EXPECT_EQ(st.st_mode & 07777, 0644U);
+}
+
+TEST_F(Registry, IdsAndNamesAreTakenOnce)
+{
+	ASSERT_EQ(add(record(10, "web")), 0);
+	ASSERT_EQ(add(record(9, "db")), 0);
+	EXPECT_EQ(add(record(10, "other")), EEXIST);
+	EXPECT_EQ(add(record(11, "web")), EEXIST);
+	enclave_info_t renamed = record(9, "web");
+	EXPECT_EQ(enclave_registry_replace(&renamed), EEXIST);
+	renamed = record(9, "store");
+	EXPECT_EQ(enclave_registry_replace(&renamed), 0);
+	renamed = record(12, "new");
+	EXPECT_EQ(enclave_registry_replace(&renamed), ENOENT);
+	EXPECT_EQ(listing(), "9:store 10:web ");
+	EXPECT_EQ(enclave_registry_remove(10), 0);
+	EXPECT_EQ(enclave_registry_remove(10), ENOENT);
+	enclave_info_t found = record(1, "untouched");
+	EXPECT_EQ(enclave_registry_get(10, &found), ENOENT);
+	EXPECT_EQ(enclave_registry_find("web", &found), ENOENT);
+	EXPECT_STREQ(found.ei_name, "untouched");
+	EXPECT_EQ(listing(), "9:store ");
+}
+
+TEST_F(Registry, NothingIsWrittenThatWouldNotReadBack)
+{
+	const std::string long_name(ENCLAVE_NAME_MAX, 'a'), long_root = "/" + std::string(ENCLAVE_ROOT_MAX - 1, 'r');
+	EXPECT_EQ(add(record(1, long_name, long_root)), 0);
+	EXPECT_EQ(enclave_registry_remove(1), 0);
+	for (const char *name : {"", "5", "5web", "-x", "a/b", "a b", "a\nstate=ready", "é", "global"})
+		EXPECT_EQ(add(record(1, name)), EINVAL) << name;
+	for (const char *root : {"", "relative", "/a\nb", "/a\tb", "/\x7f"})
+		EXPECT_EQ(add(record(1, "x", root)), EINVAL) << root;
+	for (enclaveid_t id : {0, -1, 10000, INT32_MIN})
+		EXPECT_EQ(add(record(id, "x")), EINVAL) << id;
+	enclave_info_t info = record(1, "x");
+	info.ei_state = static_cast<enclave_state_t>(10);
+	EXPECT_EQ(add(info), EINVAL);
+	info = record(1, "x");
+	memset(info.ei_root, 'r', sizeof info.ei_root); // no terminator
+	info.ei_root[0] = '/';
+	EXPECT_EQ(add(info), EINVAL);
+	EXPECT_EQ(listing(), "");
+}
+
+TEST_F(Registry, ABadRecordIsListedAsSuchAndCanBeReplacedOrRemoved)
+{
+	ASSERT_EQ(add(record(3, "good")), 0);
+	const std::string good = "name=x\nroot=/r\nstate=ready\n";
+	const std::string bad[] = {"", "name=x\n", good + "name=y\n", good + "no equals sign\n",
+	    "state=READY\nname=x\nroot=/r\n", good + "leader=0\n", good + "leader=-1\n", good + "leader=4x\n",
+	    good + "leader=99999999999\n", good + "leader_start=18446744073709551616\n", good + std::string(5000, '#'),
+	    std::string("name=x\0", 7) + good};
+	for (const std::string &text : bad) {
+		write_record("7", text);
+		EXPECT_EQ(listing(), "3:good 7! ") << text;
+		enclave_info_t found;
+		EXPECT_EQ(enclave_registry_get(7, &found), EBADMSG) << text;
+	}
+	write_record("8", "# a comment\n\n" + good + "later_key=1\nleader=4");
+	write_record("007", good);
+	write_record("0", good);
+	write_record("10000", good);
+	write_record(".9.new", good);
+	ASSERT_EQ(mkdir(file("11").c_str(), 0755), 0);
+	EXPECT_EQ(listing(), "3:good 7! 8:x 11! ");
+	enclave_info_t repaired = record(7, "seven");
+	EXPECT_EQ(enclave_registry_replace(&repaired), 0);
+	EXPECT_EQ(enclave_registry_remove(8), 0);
+	EXPECT_EQ(listing(), "3:good 7:seven 11! ");
+}
+
+TEST_F(Registry, AFailedUpdateLeavesTheOldRecordOrTheNewOneAndNoOther)
+{
+	enclave_info_t old = record(3, "old"), fresh = record(3, "fresh");
+	const std::string old_text = "name=old\nroot=/srv/x\nstate=ready\n",
+			  new_text = "name=fresh\nroot=/srv/x\nstate=ready\n";
+	ASSERT_EQ(add(old), 0);
+	int hits = 0, descriptors = open_descriptors();
+	for (FailNth::Call call :
+	    {FailNth::Open, FailNth::Read, FailNth::Write, FailNth::Fchmod, FailNth::Rename, FailNth::Fsync}) {
+		for (int nth = 1; nth < 50; nth++) {
+			ASSERT_EQ(enclave_registry_replace(&old), 0);
+			FailNth fault(call, nth, ENOSPC);
+			int error = enclave_registry_replace(&fresh);
+			fault.stop();
+			std::string text = file_text(file("3"));
+			EXPECT_FALSE(scratch.has("run/enclaves/.3.new")) << call << " " << nth;
+			EXPECT_EQ(open_descriptors(), descriptors);
+			if (!fault.fired()) {
+				EXPECT_EQ(error, 0);
+				EXPECT_EQ(text, new_text);
+				break;
+			}
+			hits++;
+			EXPECT_EQ(error, ENOSPC) << call << " " << nth;
+			bool after_rename = call == FailNth::Fsync && nth == 2; // the directory
+			EXPECT_EQ(text, after_rename ? new_text : old_text) << call << " " << nth;
+		}
+	}
+	EXPECT_GE(hits, 8);
+	ASSERT_EQ(enclave_registry_replace(&old), 0);
+	FailNth cut_short(FailNth::Write, 1, FailNth::Short, 3);
+	EXPECT_EQ(enclave_registry_replace(&fresh), 0);
+	EXPECT_EQ(file_text(file("3")), new_text);
+}
+
+TEST_F(Registry, AnUpdateThatIsKilledLeavesTheOldRecordOrTheNewOne)
+{
+	enclave_info_t old = record(3, "old"), fresh = record(3, "fresh");
+	ASSERT_EQ(add(old), 0);
+	for (FailNth::Call call : {FailNth::Write, FailNth::Fsync, FailNth::Rename, FailNth::Close}) {
+		ASSERT_EQ(enclave_registry_replace(&old), 0);
+		FailNth fault(call, 1, FailNth::Kill);
+		EXPECT_EQ(in_child([&] { return enclave_registry_replace(&fresh); }), 1000 + SIGKILL) << call;
+		EXPECT_EQ(listing(), "3:old ") << call;
+		EXPECT_EQ(enclave_registry_replace(&fresh), 0) << "what the dead one left is no obstacle";
+		EXPECT_EQ(listing(), "3:fresh ");
+	}
+}
+
+TEST_F(Registry, ConcurrentAddsOfOneNameHaveOneWinner)
+{
+	std::atomic<int> added{0}, taken{0};
+	std::vector<std::thread> threads;
+	for (int t = 0; t < 8; t++)
+		threads.emplace_back([&, t] {
+			int error = add(record(100 + t, "same"));
+			added += error == 0;
+			taken += error == EEXIST;
+		});
+	for (std::thread &thread : threads)
+		thread.join();
+	EXPECT_EQ(added, 1);
+	EXPECT_EQ(taken, 7);
+}
+
+TEST_F(Registry, StatesHaveWords)
+{
+	for (uint32_t i = 0; i < ENCLAVE_STATE_INVALID; i++) {
+		enclave_state_t state = static_cast<enclave_state_t>(i);
+		EXPECT_EQ(enclave_state_by_name(enclave_state_name(state)), state);
+	}
+	EXPECT_STREQ(enclave_state_name(ENCLAVE_STATE_SHUTTING_DOWN), "shutting_down");
+	EXPECT_STREQ(enclave_state_name(static_cast<enclave_state_t>(4711)), "invalid");
+	for (const char *word : {"", "Ready", "invalid", "read"})
+		EXPECT_EQ(enclave_state_by_name(word), ENCLAVE_STATE_INVALID) << word;
+	EXPECT_EQ(enclave_state_by_name(nullptr), ENCLAVE_STATE_INVALID);
+}
+
+/* ---- Leaders ---- */
+
+TEST(Leader, LivesAsLongAsItsProcess)
+{
+	// A name that looks like the end of the name's field.
+	pid_t pid = fork();
+	if (pid == 0) {
+		(void) pthread_setname_np(pthread_self(), "a) Z 1 (b");
+		pause();
+		_exit(0);
+	}
+	while (file_text("/proc/" + std::to_string(pid) + "/comm") != "a) Z 1 (b\n")
+		usleep(1000);
+	enclave_info_t info = {};
+	info.ei_leader = pid;
+	ASSERT_EQ(enclave_leader_start(pid, &info.ei_leader_start), 0);
+	uint64_t own_start;
+	ASSERT_EQ(enclave_leader_start(getpid(), &own_start), 0);
+	EXPECT_GE(info.ei_leader_start, own_start);
+	EXPECT_TRUE(enclave_leader_alive(&info));
+	info.ei_leader_start++;
+	EXPECT_FALSE(enclave_leader_alive(&info)) << "another process that got the id";
+	info.ei_leader_start--;
+	kill(pid, SIGKILL);
+	siginfo_t died;
+	ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &died, WEXITED | WNOWAIT), 0);
+	EXPECT_FALSE(enclave_leader_alive(&info)) << "a zombie leads nothing";
+	ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
+	EXPECT_FALSE(enclave_leader_alive(&info));
+	EXPECT_EQ(enclave_leader_start(pid, &own_start), ESRCH);
+	EXPECT_EQ(enclave_leader_start(0, &own_start), EINVAL);
+	info.ei_leader = 0;
+	EXPECT_FALSE(enclave_leader_alive(&info));
+}
+
+/* ---- The enclave of a process. It is looked up once, so each look needs a process of its own. ---- */
+
+// Started with this variable, the program says where it is and ends.
+__attribute__((constructor)) static void say_where()
+{
+	if (getenv("ENCLAVE_TEST_WHERE") == nullptr)
+		return;
+	int first = getenclaveid();
+	unsetenv("MERIDON_ROOT"); // too late
+	_exit(getenclaveid() != first ? 250 : first == -1 ? 251 : first);
+}
+
+static int where(const std::string &prefix)
+{
+	pid_t pid = fork();
+	if (pid == 0) {
+		setenv("MERIDON_ROOT", prefix.c_str(), 1);
+		setenv("ENCLAVE_TEST_WHERE", "1", 1);
+		execl("/proc/self/exe", "where", nullptr);
+		_exit(252);
+	}
+	int status;
+	EXPECT_EQ(waitpid(pid, &status, 0), pid);
+	return WIFEXITED(status) ? WEXITSTATUS(status) : 253;
+}
+
+TEST(OwnEnclave, IsWhatTheMarkSaysAndNeverTheGlobalOneByAMistake)
+{
+	constexpr int unknown = 251;
+	Scratch scratch;
+	EXPECT_EQ(where(scratch.directory()), 0);
+	ASSERT_EQ(mkdir(scratch.path("run").c_str(), 0755), 0);
+	EXPECT_EQ(where(scratch.directory()), 0);
+	const struct {
+		const char *text;
+		int enclave;
+	} rows[] = {{"5\n", 5}, {"200", 200}, {"0\n", 0}, {"", unknown}, {"5 \n", unknown}, {"five", unknown},
+	    {"-3\n", unknown}, {"05\n", unknown}, {"10000", unknown}, {"5\n6\n", unknown},
+	    {"55555555555555555555", unknown}};
+	for (const auto &row : rows) {
+		scratch.write("run/enclave", row.text);
+		EXPECT_EQ(where(scratch.directory()), row.enclave) << row.text;
+	}
+	ASSERT_EQ(unlink(scratch.path("run/enclave").c_str()), 0);
+	ASSERT_EQ(mkfifo(scratch.path("run/enclave").c_str(), 0644), 0);
+	EXPECT_EQ(where(scratch.directory()), unknown);
+}
+
+TEST(OwnEnclave, IsAnotherOneAfterEntering)
+{
+	SKIP_WITHOUT_ENCLAVES();
+	TestEnclave enclave;
+	setenv("MERIDON_ROOTS", "kept", 1);
+	EXPECT_EQ(in_child([&] {
+		if (getenclaveid() != 0 || enclave_enter(0) != 0)
+			return 1;
+		if (enclave_enter(enclave.id()) != 0)
+			return 2;
+		char cwd[64];
+		if (getenclaveid() != enclave.id() || getcwd(cwd, sizeof cwd) == nullptr || strcmp(cwd, "/") != 0)
+			return 3;
+		if (getenv("MERIDON_ROOT") != nullptr || getenv("MERIDON_ROOTS") == nullptr)
+			return 4;
+		if (enclave_enter(enclave.id()) != 0)
+			return 5;
+		// From here there is no way to another one, nor back.
+		if (enclave_enter(6) != -1 || errno != EPERM || enclave_enter(0) != -1 || errno != EPERM)
+			return 6;
+		return 0;
+	}),
+	    0);
+}
+
+TEST(Prefix, IsPutBeforeFixedPathsUnlessItIsTooLong)
+{
+	char path[PATH_MAX];
+	setenv("MERIDON_ROOT", "/some/where", 1);
+	EXPECT_EQ(meridon_path("run/enclave", path), 0);
+	EXPECT_STREQ(path, "/some/where/run/enclave");
+	setenv("MERIDON_ROOT", std::string(PATH_MAX - 13, 'x').c_str(), 1);
+	EXPECT_EQ(meridon_path("run/enclave", path), 0);
+	EXPECT_EQ(strlen(path), PATH_MAX - 1U);
+	setenv("MERIDON_ROOT", std::string(PATH_MAX - 12, 'x').c_str(), 1);
+	EXPECT_EQ(meridon_path("run/enclave", path), ENAMETOOLONG);
+	unsetenv("MERIDON_ROOT");
+	EXPECT_EQ(meridon_path("run/enclave", path), 0);
+	EXPECT_STREQ(path, "/run/enclave");
+}
+
+// A program with another user's rights doesn't let its caller choose where the registry is.
+TEST(Prefix, DoesNotCountInAProgramThatGainedPrivileges)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "needs root to make a program that changes its user";
+	Scratch scratch("/var/tmp");
+	ASSERT_EQ(chmod(scratch.directory().c_str(), 0755), 0);
+	ASSERT_EQ(mkdir(scratch.path("run").c_str(), 0755), 0);
+	scratch.write("run/enclave", "5\n");
+	std::string program = scratch.path("program");
+	ASSERT_EQ(system(("cp /proc/" + std::to_string(getpid()) + "/exe " + program).c_str()), 0);
+	auto where_as_user = [&] {
+		return in_child([&] {
+			if (setresgid(1000, 1000, 1000) != 0 || setresuid(1000, 1000, 1000) != 0)
+				return 254;
+			setenv("MERIDON_ROOT", scratch.directory().c_str(), 1);
+			setenv("ENCLAVE_TEST_WHERE", "1", 1);
+			execl(program.c_str(), "where", nullptr);
+			return 252;
+		});
+	};
+	ASSERT_EQ(chmod(program.c_str(), 0755), 0);
+	EXPECT_EQ(where_as_user(), 5);
+	ASSERT_EQ(chmod(program.c_str(), 04755), 0);
+	EXPECT_EQ(where_as_user(), 0) << "the variable counted (or the file system ignores the mode bit)";
+}
