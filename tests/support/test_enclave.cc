@@ -54,6 +54,9 @@ const char *why_no_enclaves(TestEnclave::Kind kind)
 		return "needs the capability to change the root directory";
 	if (kind == TestEnclave::RootOnly)
 		return nullptr;
+#ifdef __SANITIZE_THREAD__
+	return "ThreadSanitizer runs a thread of its own in a forked child, which then may not join namespaces";
+#endif
 	if (in_child([] {
 		    return unshare(CLONE_NEWNS) == 0 && mount("t", "/", "", MS_REC | MS_PRIVATE, "") == 0 ? 0 : 1;
 	    }) != 0)

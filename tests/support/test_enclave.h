@@ -52,8 +52,14 @@ private:
 	void start_leader(Kind kind);
 };
 
-// Why there can be no enclaves here, or NULL.
+// Why there can be no enclaves of that kind here, or NULL.
 const char *why_no_enclaves(TestEnclave::Kind kind = TestEnclave::RootOnly);
+
+// The fullest kind that can be had, for a test that goes with any.
+inline TestEnclave::Kind fullest_enclave()
+{
+	return why_no_enclaves(TestEnclave::Leader) == nullptr ? TestEnclave::Leader : TestEnclave::RootOnly;
+}
 
 #define SKIP_WITHOUT_ENCLAVES(...)                                                                                     \
 	if (const char *why = why_no_enclaves(__VA_ARGS__))                                                            \
