@@ -146,7 +146,8 @@ public:
 	Objects &operator=(const Objects &) = delete;
 	~Objects()
 	{
-		for (unsigned int i = 0; i < count_; i++)
+		// A call that failed may have stored its count ahead of the array.
+		for (unsigned int i = 0; objs_ != nullptr && i < count_; i++)
 			attrlist_free(objs_[i]);
 		free(objs_);
 	}

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "lists.h"
+#include "test_paths.h"
 
 namespace {
 
@@ -154,7 +155,7 @@ protected:
 		const std::string trouble = tracefs_.open();
 		if (!trouble.empty())
 			GTEST_SKIP() << "trace points can't be watched here: " << trouble;
-		ASSERT_NO_FATAL_FAILURE(tracefs_.attach(TEST_LIBOSTREL));
+		ASSERT_NO_FATAL_FAILURE(tracefs_.attach(TEST_BINARY_DIR "/common/libostrel.so.1"));
 		ASSERT_NE(mkdtemp(dir_.data()), nullptr);
 		path_ = dir_ + "/some.db";
 		open(path_);
