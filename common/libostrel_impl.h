@@ -28,8 +28,19 @@ extern const struct ostrel_error_info ostrel_errors[OSTREL_ERROR_COUNT];
 
 // Results: raise where the library finds a failure, with file and line; forward unchanged afterwards.
 ostrel_error_t ostrel_seterror_verbose(const char *file, int line, ostrel_error_t err);
-#define SETERROR(err) ostrel_seterror_verbose(__FILE__, __LINE__, (err))
-#define SETERRNO(err) ostrel_seterror_verbose(__FILE__, __LINE__, ostrel_errno2error(err))
+#define SETERROR(err) ostrel_seterror_verbose(ostrel_source_name(__FILE__), __LINE__, (err))
+#define SETERRNO(err) SETERROR(ostrel_errno2error(err))
+
+// The name of a source without its folders, the same wherever and however it was compiled.
+consteval const char *ostrel_source_name(const char *path)
+{
+	const char *name = path;
+	for (; *path != '\0'; path++) {
+		if (*path == '/')
+			name = path + 1;
+	}
+	return name;
+}
 
 typedef ostrel_error_t ostrel_opencmd_t(ostrel_db_t db);
 typedef void ostrel_closecmd_t(ostrel_db_t db);

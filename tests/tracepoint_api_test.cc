@@ -293,7 +293,7 @@ TEST_F(Tracepoints, AFailureIsReportedWithItsPlaceAndASuccessIsNot)
 	ASSERT_EQ(hits.size(), 1U);
 	EXPECT_EQ(hits[0].probe, "seterror");
 	EXPECT_EQ(hits[0]["a0"], std::to_string(OSTREL_INVALID_ARG));
-	EXPECT_EQ(hits[0]["s1"], "common/libostrel.cc");
+	EXPECT_EQ(hits[0]["s1"], "libostrel.cc");
 	// The line is that of the report itself.
 	std::ifstream source(TEST_SOURCE_DIR "/common/libostrel.cc");
 	std::string line;
