@@ -1,0 +1,102 @@
+# What the tests of the tool share: running it, in a directory of the test's own, and on a terminal of its own.
+import json
+import os
+import pty
+import select
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+import termios
+import fcntl
+import unittest
+
+BUILD = sys.argv[1] if len(sys.argv) > 1 else "build/release"
+SOURCE = sys.argv[2] if len(sys.argv) > 2 else "."
+OSTREL = os.path.join(os.path.abspath(BUILD), "tools", "ostrel")
+
+
+# Whether the tool was built with sanitizers, which reserve memory and take time of their own.
+def sanitized():
+    with open(os.path.join(BUILD, "CMakeCache.txt")) as f:
+        return any(line.startswith("OSTREL_SANITIZE:") and line.rstrip()[-1] != "=" for line in f)
+
+
+class Result:
+    def __init__(self, code, out, err):
+        self.code, self.out, self.err = code, out, err
+
+    def json(self):
+        return json.loads(self.out)
+
+    def error(self):
+        return json.loads(self.err.decode().splitlines()[-1])["error"]
+
+
+class ToolTest(unittest.TestCase):
+    def setUp(self):
+        memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+        self.dir = tempfile.mkdtemp(prefix="ostrel-tool-", dir=memory)
+        self.scratch = tempfile.mkdtemp(prefix="ostrel-scratch-", dir=memory)
+        for made in (self.dir, self.scratch):
+            self.addCleanup(shutil.rmtree, made, ignore_errors=True)
+        os.chmod(self.scratch, 0o1777)
+        self.env = {k: v for k, v in os.environ.items() if k not in ("NO_COLOR", "COLUMNS", "MERIDON_ROOT")}
+        self.env.update(TERM="xterm", TMPDIR=self.scratch)
+
+    def path(self, name):
+        return os.path.join(self.dir, name)
+
+    def write(self, name, content):
+        with open(self.path(name), "wb") as f:
+            f.write(content if isinstance(content, bytes) else content.encode())
+        return self.path(name)
+
+    def read(self, name):
+        with open(self.path(name), "rb") as f:
+            return f.read()
+
+    def run_tool(self, *words, stdin=b"", **more):
+        done = subprocess.run([OSTREL, *words], input=stdin, capture_output=True, cwd=self.dir, env=self.env,
+                              timeout=60, **more)
+        return Result(done.returncode, done.stdout, done.stderr)
+
+    # Runs the tool and demands an exit code; gives what it printed.
+    def tool(self, *words, code=0, **more):
+        result = self.run_tool(*words, **more)
+        self.assertEqual(result.code, code, f"ostrel {words}: {result.out!r} {result.err!r}")
+        return result
+
+    def text(self, *words, **more):
+        return self.tool(*words, **more).out.decode()
+
+    # The error of a run that has to fail with this code, as its JSON form says it.
+    def error(self, code, *words, **more):
+        result = self.tool("--json", *words, code=code, **more)
+        self.assertEqual(result.error()["code"], code)
+        return result.error()
+
+    # What a run prints with its standard output and error on a terminal of that many columns.
+    def on_terminal(self, *words, columns=80, code=0):
+        leader, follower = pty.openpty()
+        fcntl.ioctl(follower, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        child = subprocess.Popen([OSTREL, *words], stdin=subprocess.DEVNULL, stdout=follower, stderr=follower,
+                                 cwd=self.dir, env=self.env)
+        os.close(follower)
+        seen = b""
+        try:
+            while select.select([leader], [], [], 60)[0]:
+                part = os.read(leader, 65536)
+                if not part:
+                    break
+                seen += part
+        except OSError:  # the other end is closed: that is how a terminal ends
+            pass
+        os.close(leader)
+        self.assertEqual(child.wait(60), code)
+        return seen.replace(b"\r\n", b"\n")
+
+
+def main():
+    unittest.main(argv=sys.argv[:1] + sys.argv[3:])

@@ -1,0 +1,168 @@
+# What is wrong with a file: the findings of check, and paths that aren't plain files.
+import os
+import subprocess
+import threading
+
+import ostrel_tool as t
+
+
+class Check(t.ToolTest):
+    def findings(self, name="d", code=10):
+        return [(f.get("line", 0), f["kind"], f["message"])
+                for f in self.tool("--json", "check", name, code=code).json()["findings"]]
+
+    def test_sound_files_have_no_findings(self):
+        self.write("d", b"# comment\n\n  a=1;\tx=uint32,-1,4294967295;y=BOOLEAN,TRUE;z=string,,\\,;e=int32;\n"
+                        b"a=2;\na=3\na=4;\tx=uint64,-1;s=string,a\tb\xff;")
+        self.assertEqual(self.findings(code=0), [])
+        self.assertEqual(self.text("check", "d"), "")
+        longest = b"a=1;\t" + b"".join(b"p%d=string,%s;" % (i, b"x" * 480) for i in range(4))
+        self.write("long", longest + b"q=string," + b"y" * (2046 - len(longest) - 10) + b";\n")
+        self.assertEqual(len(self.read("long")), 2047)
+        self.assertEqual(self.findings("long", code=0), [])
+
+    def test_each_fault_is_found_on_its_line(self):
+        cases = [
+            (b"a=1;\tx;", "syntax", "'x' has no type"),
+            (b"a=1;\tx=;", "syntax", "'x' has no type"),
+            (b"a=1;\tx=float,1;", "syntax", "'float'"),
+            (b"a=1;\tx=boolean,yes;", "syntax", "neither true nor false"),
+            (b"a=1;\tx=int32,1;;y=int32,2;", "syntax", "empty property"),
+            (b"object-db-name=x;\t", "syntax", "object-db-name"),
+            (b"a=1;\tx=int32,abc;", "number", "abc"),
+            (b"a=1;\tx=int32,,5;", "number", "''"),
+            (b"a=1;\tx=uint32,4294967296;", "number", "4294967296"),
+            (b"a=1;\tx=int32,2147483648;", "number", "2147483648"),
+            (b"a=1;\tx=uint64,18446744073709551615;", "number", "18446744073709551615"),
+            (b"a=1;a=2;\t", "repeated", "twice"),
+            (b"a=1;\tx=int32,1;x=int32,2;", "repeated", "twice"),
+            (b"a=1;;b=2;\t", "identifier", "''"),
+            (b"a=1; ", "identifier", "' '"),
+            (b"a=1;\tx=string,a\0b;", "nul", "column 16"),
+            (b"a=1;\tx=string," + b"y" * 2100 + b";", "long", "bytes"),
+        ]
+        for line, kind, told in cases:
+            with self.subTest(line[:60]):
+                self.write("d", b"# first\nok=1;\t\n" + line + b"\nok=2;\t\n")
+                found = self.findings()
+                self.assertEqual([(n, k) for n, k, _ in found], [(3, kind)])
+                self.assertIn(told, found[0][2])
+        self.assertTrue(self.tool("check", "d", code=10).out.startswith(b"d:3: long: "))
+
+    def test_carriage_returns_doubled_objects_and_a_temporary_file(self):
+        self.write("d", b"a=1;\tx=int32,1;\r\nb=1;\t\nB=1;\t\nb=1;c=2;\t\nb=1;\t\n")
+        os.symlink("elsewhere", self.path("d.new"))
+        found = self.findings()
+        self.assertEqual([(n, k) for n, k, _ in found],
+                         [(1, "crlf"), (1, "syntax"), (5, "doubled"), (0, "temporary")])
+        self.assertIn("line 2", found[2][2])
+        self.assertIn("isn't a plain file", found[3][2])
+        self.write("e", b"b=1;\nb=X;\nB=1;\nb=x;\n")
+        self.assertEqual([(n, k) for n, k, _ in self.findings("e")], [(4, "doubled")])
+        self.tool("check", "--case", "e")
+
+    # What check says isn't read must be just what the library doesn't read.
+    def test_check_and_the_library_agree_about_lines(self):
+        corpus = os.path.join(t.SOURCE, "tests", "golden", "lines")
+        lines = [b"a=1;\tx;", b"a=1", b"a=1;\tx=string,a\\;", b"#x", b"\t#x", b"a=1;\tx=boolean,TRUE;", b"a=1;\t;", b";",
+                 b"a=1;\tx=INT32,1", b"=1;\tx=int32,1;", b"a=1;\tx=int32,1;\r", b"x" * 3000, b"a\\;b=1;\tx=int32"]
+        for folder, _, names in os.walk(corpus):
+            for name in names:
+                with open(os.path.join(folder, name), "rb") as f:
+                    lines += f.read().split(b"\n")
+        for line in lines:
+            self.write("d", line + b"\n")
+            read = len(self.tool("walk", "d", "--json").json()["objects"])
+            found = [k for _, k, _ in self.findings(code=self.run_tool("check", "d").code)]
+            stripped = line.lstrip(b" \t\v\f\r").split(b"\0")[0]
+            object_line = bool(stripped) and not stripped.startswith(b"#")
+            with self.subTest(line[:80]):
+                self.assertEqual(read == 0, not object_line or "syntax" in found or "long" in found)
+
+    def test_several_databases_are_checked_though_one_cannot_be(self):
+        self.write("a", b"x;\ty;\n")
+        self.write("raw", b"a\0b\n# fine\n")
+        result = self.tool("--json", "check", "missing", "a", "raw:raw", ".", code=6)
+        self.assertEqual([f["kind"] for f in result.json()["findings"]], ["syntax", "nul"])
+        self.assertEqual(len(result.err.splitlines()), 2)
+
+
+class OddPaths(t.ToolTest):
+    # Refused as an update, with the file untouched and a word that names the kind.
+    def refused(self, name, word):
+        for words in (["put", name, "a=1", "--", "x=1"], ["remove", name, "--all", "--yes"], ["import", name]):
+            with self.subTest(words):
+                self.assertIn(word, self.error(6, *words)["message"])
+
+    def test_directories(self):
+        os.mkdir(self.path("dir"))
+        for words in (["walk", "dir"], ["get", "dir", "a=1"], ["export", "dir"], ["check", "dir"], ["walk", "raw:dir"]):
+            with self.subTest(words):
+                self.assertIn("irectory", self.error(6, *words)["message"])
+        self.refused("dir", "directory")
+        self.assertEqual(os.listdir(self.dir), ["dir"])
+
+    def test_fifos_and_process_substitutions_can_be_read_but_not_updated(self):
+        os.mkfifo(self.path("fifo"))
+
+        def feed():
+            with open(self.path("fifo"), "wb") as f:
+                f.write(b"a=1;\tx=int32,5;\n")
+        feeder = threading.Thread(target=feed)
+        feeder.start()
+        self.assertEqual(self.text("walk", "fifo"), "a=1\tx=5\n")
+        feeder.join()
+        self.refused("fifo", "FIFO")
+        script = f"{t.OSTREL} walk <(echo a=1); {t.OSTREL} check <(echo a=1); {t.OSTREL} put <(echo a=1) a=1 -- x=1"
+        done = subprocess.run(["bash", "-c", script], cwd=self.dir, capture_output=True, timeout=60)
+        self.assertEqual((done.stdout, done.returncode), (b"a=1\n", 6))
+        self.assertIn(b"FIFO", done.stderr)
+
+    def test_devices(self):
+        self.assertEqual(self.text("walk", "/dev/null"), "")
+        self.refused("/dev/null", "device")
+        self.assertIn("/dev/zero", self.error(6, "walk", "/dev/zero")["where"])
+
+    def test_links(self):
+        os.symlink("nowhere", self.path("dangling"))
+        error = self.error(4, "walk", "dangling")
+        self.assertIn("nowhere", error["message"])
+        self.write("real", "a=1;\t\n")
+        os.symlink("real", self.path("link"))
+        self.assertEqual(self.text("walk", "link"), "a=1\n")
+        os.symlink("loop", self.path("loop"))
+        self.error(1, "walk", "loop")
+
+    def test_missing_things_are_told_apart(self):
+        self.assertIn("no such file", self.error(4, "walk", "none")["message"])
+        self.assertIn("no directory", self.error(4, "walk", "none/none")["message"])
+        self.assertIn("no directory", self.error(4, "put", "none/none", "a=1", "--", "x=1")["message"])
+        self.error(2, "walk", "")
+        self.error(2, "walk", "file:")
+        self.error(6, "walk", "x" * 1024)
+        self.error(8, "walk", "repo:network/physical")
+        self.error(8, "walk", "hatch:/run/x")
+        self.write("repo:x", "a=1;\t\n")
+        self.assertEqual(self.text("walk", "./repo:x"), self.text("walk", "file:repo:x"))
+        self.error(4, "walk", "-E", "no-such-enclave", "x")
+        self.error(2, "walk", "-E", "10000", "x")
+
+    @t.unittest.skipUnless(os.getuid() == 0, "needs root, to become somebody else")
+    def test_a_file_of_somebody_else(self):
+        os.chmod(self.dir, 0o755)
+        self.write("d", "a=1;\t\n")
+        before = self.read("d")
+        drop = {"user": 65534, "group": 65534, "extra_groups": []}
+        self.assertEqual(self.text("walk", "d", **drop), "a=1\n")
+        for words in (["put", "d", "a=1", "--", "x=1"], ["import", "d"], ["remove", "d", "--all", "--yes"]):
+            text = b'{"format":"ostrel-objects","version":1,"objects":[{"id":{"b":"1"},"props":{}}]}'
+            self.assertIn("ermission", self.error(3, *words, stdin=text, **drop)["message"])
+        os.chmod(self.path("d"), 0o600)
+        error = self.error(3, "walk", "d", **drop)
+        self.assertIn("ls -ld", error["hint"])
+        self.assertEqual(self.read("d"), before)
+        self.assertEqual(os.listdir(self.dir), ["d"])
+
+
+if __name__ == "__main__":
+    t.main()

@@ -1,0 +1,204 @@
+# What the tool prints where: terminals, JSON, exit codes, completion, the manual page.
+import json
+import os
+import re
+import shutil
+import subprocess
+
+import ostrel_tool as t
+
+
+class Terminal(t.ToolTest):
+    def plain(self, *words, **more):
+        return re.sub(rb"\x1b\[[0-9;]*m", b"", self.on_terminal(*words, **more)).decode()
+
+    def test_a_table_is_aligned_by_columns_and_not_by_bytes(self):
+        self.write("d", "n=ä;\tx=string,1;\nn=日本;\tx=string,2;\nn=e\u0301e;\tx=string,3;\n")
+        self.assertEqual(self.plain("walk", "d"), "n     x\nä     1\n日本  2\ne\u0301e    3\n")
+
+    def test_wide_tables_wrap_their_last_column(self):
+        self.write("d", "n=a;\t" + "".join(f"prop{i}=int32,{i};" for i in range(12)) + "\n")
+        lines = self.plain("walk", "d", columns=40).splitlines()
+        self.assertEqual(lines[0], "n  properties")
+        self.assertTrue(all(len(line) <= 40 for line in lines), lines)
+        self.assertEqual(" ".join(line[3:] for line in lines[1:]), " ".join(f"prop{i}={i}" for i in range(12)))
+        self.assertEqual(self.plain("walk", "d", "-p", "prop3", columns=40), "n  prop3\na  3\n")
+        self.assertEqual(len(self.plain("walk", "d", columns=200).splitlines()), 2)
+
+    # A stored value must not be able to move a cursor, set a title, or turn the writing round.
+    def test_control_characters_never_reach_a_terminal(self):
+        evil = b"\x1b[2J\x07\x9b\xff\xc2\x9bx\xe2\x80\xaey\x7f\x08\r"
+        self.write("d", b"n=" + evil.replace(b"\r", b"") + b";\tx=string," + evil + b";" + evil + b"=string,1;\n")
+        os.rename(self.path("d"), self.path("db"))
+        shown = [self.on_terminal("walk", "db"), self.on_terminal("check", "./db", code=0)]
+        name = self.tool("export", "db").json()["objects"][0]["id"]["n"]
+        ident = b"n=" + bytes.fromhex(name[1:]) if name[0] == "\0" else b"n=" + name.encode()
+        shown += [self.on_terminal("get", "db", ident), self.on_terminal("get", "db", ident, "-p", "x"),
+                  self.on_terminal("get", "db", b"a=" + evil, code=4), self.on_terminal("walk", b"no" + evil, code=4),
+                  self.on_terminal(b"com" + evil, code=2), self.on_terminal("diff", "db", "/dev/null", code=10),
+                  self.on_terminal("put", "-n", "db", ident, "--", b"x=" + evil)]
+        self.assertIn(rb"\x1b[2J\x07\x9b\xff\xc2\x9bx\xe2\x80\xaey\x7f\x08\r", shown[3])
+        for text in shown:
+            text = re.sub(rb"\x1b\[[0-9;]*m", b"", text)  # the tool's own colours
+            self.assertIsNone(re.search(rb"[\x00-\x08\x0b-\x1f\x7f]|\xc2[\x80-\x9f]|\xe2\x80\xae", text), text)
+            text.decode()
+        # A script gets the bytes as they are.
+        self.assertEqual(self.tool("get", "db", ident, "-p", "x").out, evil + b"\n")
+
+    def test_colour_is_for_terminals_that_want_it(self):
+        self.write("d", "n=a;\tx=int32,1;\n")
+        self.assertIn(b"\x1b[1m", self.on_terminal("walk", "d"))
+        self.assertNotIn(b"\x1b", self.tool("walk", "d").out)
+        self.env["NO_COLOR"] = "1"
+        self.assertNotIn(b"\x1b", self.on_terminal("walk", "d"))
+        self.env.pop("NO_COLOR")
+        self.env["TERM"] = "dumb"
+        self.assertNotIn(b"\x1b", self.on_terminal("walk", "d"))
+
+
+class Ends(t.ToolTest):
+    def test_errors_as_json_name_code_place_and_next_step(self):
+        error = self.error(4, "walk", "none")
+        self.assertEqual((error["name"], error["where"]), ("not_found", "none"))
+        self.assertTrue(error["message"] and error["hint"])
+        self.assertEqual(self.run_tool("--json", "walk", "none").out, b"")
+        for words in (["walk", "--json"], ["nonsense", "--json"], ["--json"], ["walk", "d", "--nonsense", "--json"]):
+            self.assertEqual(json.loads(self.tool(*words, code=2).err)["error"]["name"], "usage")
+        text = self.tool("walk", "none", code=4).err.decode().splitlines()
+        self.assertEqual([line.split(": ")[1] for line in text], ["error", "hint"])
+
+    def test_output_that_cannot_be_written_is_a_failure(self):
+        self.write("d", "n=a;\tx=int32,1;\n" * 3)
+        for words in (["walk", "d"], ["export", "d"], ["version"], ["walk", "d", "--json"]):
+            with open("/dev/full", "w") as full:
+                done = subprocess.run([t.OSTREL, *words], stdout=full, stderr=subprocess.PIPE, cwd=self.dir)
+            self.assertEqual(done.returncode, 1, words)
+            self.assertIn(b"can't be written", done.stderr)
+
+    def test_running_out_of_memory_ends_with_its_code(self):
+        self.write("d", "".join(f"n={i};\tx=string,{'y' * 400};\n" for i in range(100000)))
+        if t.sanitized():
+            self.skipTest("sanitizers need more memory than this test leaves")
+        script = f"ulimit -v 60000; exec {t.OSTREL} --json walk d --sort n"
+        done = subprocess.run(["bash", "-c", script], cwd=self.dir, capture_output=True, timeout=60)
+        self.assertEqual((done.returncode, done.stdout), (9, b""), done.stderr)
+        self.assertEqual(json.loads(done.stderr)["error"]["name"], "memory")
+
+    def test_a_full_disk_is_told_apart_and_keeps_the_database(self):
+        if os.getuid() != 0 or shutil.which("unshare") is None:
+            self.skipTest("needs root, to mount a small file system")
+        os.mkdir(self.path("small"))
+        script = f"""set -e
+mount -t tmpfs -o size=64k t small
+{t.OSTREL} put small/d a=1 -- x=1
+cp small/d copy
+dd if=/dev/zero of=small/fill bs=4k 2>/dev/null || true
+code=0; {t.OSTREL} --json import small/d big || code=$?
+cmp small/d copy; ls small; echo $code
+code=0; {t.OSTREL} --json set small/d a=1 -- x=2 || code=$?
+cmp small/d copy; echo $code"""
+        objects = [{"id": {"n": str(i)}, "props": {}} for i in range(9000)]
+        self.write("big", json.dumps({"format": "ostrel-objects", "version": 1, "objects": objects}))
+        done = subprocess.run(["unshare", "-m", "bash", "-c", script], cwd=self.dir, capture_output=True, timeout=120)
+        self.assertEqual(done.stdout.split(), [b"d", b"fill", b"9", b"9"], done.stderr)
+        for line in done.stderr.splitlines():
+            self.assertIn("no space", json.loads(line)["error"]["message"])
+
+    def test_version_and_help(self):
+        self.assertRegex(self.text("version"), r"^ostrel \d+\.\d+\.\d+\n$")
+        self.assertEqual("ostrel " + self.tool("version", "--json").json()["version"] + "\n", self.text("--version"))
+        for command in re.findall(r"^  (\w+)", self.text("--help").partition("Subcommands:")[2], re.M):
+            self.assertIn("Usage", self.text(command, "--help"))
+
+
+class Enclaves(t.ToolTest):
+    def setUp(self):
+        super().setUp()
+        if os.getuid() != 0:
+            self.skipTest("entering an enclave needs root")
+        self.env["MERIDON_ROOT"] = self.path("host")
+        os.makedirs(self.path("host/run/enclaves"))
+        os.makedirs(self.path("inside/etc"))
+        self.write("host/run/enclaves/7", f"name=web\nroot={self.path('inside')}\nstate=running\n")
+
+    def test_every_command_reaches_a_database_inside_an_enclave(self):
+        here = ["-E", "web", "/etc/d"]
+        self.assertEqual(self.tool("--json", "enclaves").json()["enclaves"],
+                         [{"id": 7, "name": "web", "state": "running", "root": self.path("inside")}])
+        self.assertEqual(self.text("enclaves"), f"7\tweb\trunning\t{self.path('inside')}\n")
+        self.tool("put", *here, "n=1", "--", "x=1")
+        self.assertEqual(self.read("inside/etc/d"), b"n=1;\tx=string,1;\n")
+        self.assertEqual(self.text("walk", "-E", "7", "/etc/d"), "n=1\tx=1\n")
+        exported = self.tool("export", *here).out
+        self.tool("import", "-E", "web", "/etc/e", stdin=exported)
+        self.assertEqual(self.read("inside/etc/e"), self.read("inside/etc/d"))
+        made = os.stat(self.path("inside/etc/e"))
+        self.assertEqual((made.st_uid, made.st_gid, made.st_mode & 0o777), (17, 65, 0o644))
+        self.tool("copy", *here, "outside")
+        self.tool("diff", "outside", "/etc/d", "--other-enclave", "web")
+        self.tool("check", *here)
+        self.write("inside/etc/bad", "a=1;\tx\n")
+        self.assertIn("/etc/bad:1: syntax", self.text("check", "-E", "web", "/etc/bad", code=10))
+        os.mkfifo(self.path("inside/etc/fifo"))
+        self.error(6, "check", "-E", "web", "/etc/fifo")
+        self.assertEqual(self.error(4, "walk", "-E", "web", "/etc/none")["where"], "/etc/none")
+        self.error(4, "get", *here, "n=2")
+        self.tool("remove", *here, "--all", "--yes")
+        self.assertFalse(os.path.exists(self.path("inside/etc/d")))
+
+    def test_an_enclave_that_is_down_is_no_missing_file(self):
+        self.write("host/run/enclaves/7", f"name=web\nroot={self.path('inside')}\nstate=down\n")
+        for words in (["walk", "-E", "7", "/etc/d"], ["put", "-E", "7", "/etc/d", "n=1", "--", "x=1"]):
+            error = self.error(1, *words)
+            self.assertIn("ostrel enclaves", error["hint"])
+
+
+class Texts(t.ToolTest):
+    def complete(self, *words):
+        script = f"""source <({t.OSTREL} completion bash)
+PATH={os.path.dirname(t.OSTREL)}:$PATH
+COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _ostrel 2>/dev/null; printf '%s\\n' "${{COMPREPLY[@]}}" """
+        done = subprocess.run(["bash", "-uc", script, "bash", *words], cwd=self.dir, capture_output=True, timeout=60)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        return done.stdout.decode().split()
+
+    def test_bash_completes_commands_options_and_files(self):
+        self.write("links.db", "")
+        self.assertEqual(set(self.complete("ostrel", "re")), {"rename", "remove"})
+        self.assertEqual(self.complete("ostrel", "--json", "wa"), ["walk"])
+        self.assertEqual(self.complete("ostrel", "walk", "--so"), ["--sort"])
+        self.assertEqual(self.complete("ostrel", "ls", "--so"), ["--sort"])
+        self.assertEqual(self.complete("ostrel", "put", "--so"), [])
+        self.assertEqual(self.complete("ostrel", "get", "li"), ["links.db"])
+        self.assertEqual(self.complete("ostrel", "get", "file", ":", "li"), ["links.db"])
+        self.assertEqual(self.complete("ostrel", "completion", "f"), ["fish"])
+        self.assertEqual(self.complete("ostrel", "version", ""), [])
+
+    def test_completion_scripts_parse(self):
+        for shell, check in (("bash", ["bash", "-n"]), ("zsh", ["zsh", "-n"]), ("fish", ["fish", "-n"])):
+            script = self.tool("completion", shell).out
+            self.assertIn(b"ostrel", script)
+            self.assertIn(b"completion", script)
+            if shutil.which(shell):
+                done = subprocess.run([*check, self.write("script", script)], capture_output=True)
+                self.assertEqual((done.returncode, done.stderr), (0, b""), shell)
+        self.error(2, "completion", "csh")
+
+    def test_the_manual_page_names_every_command_and_option(self):
+        page = os.path.join(t.SOURCE, "docs", "man", "ostrel.1")
+        with open(page) as f:
+            text = f.read()
+        commands = re.findall(r"^  (\w+)", self.text("--help").partition("Subcommands:")[2], re.M)
+        self.assertGreater(len(commands), 10)
+        for command in commands:
+            self.assertRegex(text, rf"(?m)^\.(It )?(Ic|Cm|Nm|Xo|Ss).*\b{command}\b", command)
+            for option in re.findall(r"^ .*--([\w-]+)", self.text(command, "--help"), re.M):
+                if option not in ("help", "json"):
+                    self.assertIn("-" + option.replace("-", "\\-"), text, f"{command} --{option}")
+        if shutil.which("mandoc"):
+            done = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", page], capture_output=True)
+            self.assertEqual((done.returncode, done.stdout), (0, b""))
+
+
+if __name__ == "__main__":
+    t.main()

@@ -1,0 +1,245 @@
+// Many objects at once. An update through the library rewrites the whole file, so that one update for each object
+// would take time with the square of their number, and would show half of the work if it failed in the middle. So
+// each object's line is made by the library in a scratch file of one object, the lines are put together (a database
+// file is nothing but its objects' lines), and the file is replaced by one rename.
+#include "bulk.h"
+
+#include <algorithm>
+#include <csignal>
+#include <optional>
+#include <unordered_map>
+
+#include <fmt/format.h>
+
+#include "document.h"
+#include "scratch.h"
+#include "terminal.h"
+
+namespace {
+
+// ---- Interruption ----
+
+volatile std::sig_atomic_t interrupted = 0;
+
+void note_signal(int)
+{
+	interrupted = 1;
+}
+
+// For the time of the work a signal ends it between two objects, so that nothing is left in the scratch place.
+class SignalGuard {
+public:
+	SignalGuard()
+	{
+		struct sigaction action = {};
+		action.sa_handler = note_signal;
+		for (size_t i = 0; i < count; i++)
+			(void) sigaction(numbers[i], &action, &before_[i]); // fails for numbers alone that don't exist
+	}
+	~SignalGuard()
+	{
+		for (size_t i = 0; i < count; i++)
+			(void) sigaction(numbers[i], &before_[i], nullptr);
+	}
+	SignalGuard(const SignalGuard &) = delete;
+	SignalGuard &operator=(const SignalGuard &) = delete;
+
+	static void check()
+	{
+		if (interrupted != 0)
+			throw Failure(Exit::failure, "interrupted; nothing was changed");
+	}
+
+private:
+	static constexpr int numbers[] = {SIGINT, SIGTERM, SIGHUP};
+	static constexpr size_t count = 3;
+	struct sigaction before_[count] = {};
+};
+
+// ---- The plan ----
+
+struct Slot {
+	Object object;
+	std::string line; // empty: not made yet
+};
+
+bool same_props(const std::vector<Property> &a, const std::vector<Property> &b)
+{
+	return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+	    [](const Property &x, const Property &y) { return x.name == y.name && same_value(x, y); });
+}
+
+bool same_objects(const std::vector<Object> &a, const std::vector<Object> &b)
+{
+	return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+	    [](const Object &x, const Object &y) { return x.id == y.id && same_props(x.props, y.props); });
+}
+
+class Plan {
+public:
+	Plan(Database &database, Complaints &complaints, bool replace)
+	    : database_(database), complaints_(complaints), replace_(replace)
+	{
+		std::optional<std::vector<Object>> before = database.objects_if_any();
+		is_new_ = !before.has_value();
+		before_ = std::move(before).value_or(std::vector<Object>());
+		slots_.reserve(before_.size());
+		for (size_t i = 0; i < before_.size(); i++) {
+			stored_.emplace(key(before_[i].id), i);
+			if (!replace)
+				slots_.push_back({before_[i], ""});
+		}
+	}
+
+	void add(Incoming &&incoming)
+	{
+		try {
+			place(std::move(incoming));
+		} catch (Failure &failure) {
+			if (failure.code != Exit::invalid)
+				throw;
+			complaints_.take(failure.at(incoming.place));
+		}
+	}
+
+	// The whole file.
+	std::string text()
+	{
+		std::string all;
+		for (Slot &slot : slots_) {
+			SignalGuard::check();
+			all += slot.line.empty() ? maker_.line(slot.object) : slot.line;
+		}
+		return all;
+	}
+
+	bool changes() const { return is_new_ || added + replaced + removed() > 0; }
+	size_t removed() const { return replace_ ? before_.size() - kept_ : 0; }
+	// The database isn't what it was when the plan was made.
+	bool outdated()
+	{
+		std::optional<std::vector<Object>> now = database_.objects_if_any();
+		return now.has_value() == is_new_ || (now && !same_objects(before_, *now));
+	}
+
+	size_t added = 0, replaced = 0, unchanged = 0;
+
+private:
+	std::string key(const Identifiers &id) const { return identity(id, database_.case_sensitive()); }
+
+	void place(Incoming &&incoming)
+	{
+		std::string name = key(incoming.object.id);
+		auto [first, fresh] = seen_.emplace(name, incoming.place);
+		if (!fresh)
+			throw Failure(Exit::invalid, fmt::format("{} has the same identifiers as {}",
+							 id_text(incoming.object.id), first->second));
+		Slot slot = {std::move(incoming.object), ""};
+		try {
+			slot.line = maker_.line(slot.object);
+		} catch (...) {
+			seen_.erase(first); // what can't be stored takes no place
+			throw;
+		}
+		warn_of_loss(database_, slot.object, maker_.stored());
+		auto [begin, end] = stored_.equal_range(name);
+		if (begin == end) {
+			added++;
+			slots_.push_back(std::move(slot));
+		} else if (replace_) {
+			count(begin->second, slot.object);
+			slots_.push_back({{before_[begin->second].id, std::move(slot.object.props)}, ""});
+		} else {
+			for (auto match = begin; match != end; ++match)
+				if (count(match->second, slot.object))
+					slots_[match->second].object.props = slot.object.props;
+		}
+	}
+
+	// Counts an object that is stored already: it keeps its place, and the spelling of its identifiers. True: it changes.
+	bool count(size_t index, const Object &object)
+	{
+		kept_++;
+		bool same = same_props(before_[index].props, object.props);
+		(same ? unchanged : replaced)++;
+		return !same;
+	}
+
+	Database &database_;
+	Complaints &complaints_;
+	bool replace_;
+	bool is_new_ = false;
+	std::vector<Object> before_;
+	std::vector<Slot> slots_;
+	std::unordered_multimap<std::string, size_t> stored_;
+	std::unordered_map<std::string, std::string> seen_;
+	size_t kept_ = 0;
+	LineMaker maker_;
+};
+
+void tell(const Plan &plan, const Complaints &complaints, const Options &options)
+{
+	if (options.json) {
+		Json json;
+		json["dry_run"] = options.dry_run;
+		json["added"] = plan.added;
+		json["replaced"] = plan.replaced;
+		json["unchanged"] = plan.unchanged;
+		json["removed"] = plan.removed();
+		json["refused"] = complaints.count();
+		fmt::print("{}\n", json.dump());
+		return;
+	}
+	std::string text = fmt::format("{} added, {} replaced, {} unchanged, {} removed, {} refused", plan.added,
+	    plan.replaced, plan.unchanged, plan.removed(), complaints.count());
+	if (options.dry_run)
+		fmt::print("would be: {}\n", text);
+	else
+		note(text);
+}
+
+} // namespace
+
+void declare_bulk(CLI::App &app, Options &options)
+{
+	declare_dry_run(app, options);
+	app.add_flag("--replace", options.replace, "Remove the objects that don't come along");
+	app.add_flag("-k,--keep-going", options.keep_going, "Pass over objects that can't be stored");
+}
+
+void Complaints::take(const Failure &failure)
+{
+	if (!keep_going_)
+		throw Failure(failure).next("nothing was changed; with --keep-going such objects are passed over");
+	count_++;
+	warn(failure);
+}
+
+Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints &complaints, const Options &options)
+{
+	database.require_updates();
+	SignalGuard signals;
+	Plan plan(database, complaints, options.replace);
+	Progress progress("object", objects.size());
+	for (Incoming &incoming : objects) {
+		SignalGuard::check();
+		plan.add(std::move(incoming));
+		progress.step();
+	}
+	std::string text = plan.text();
+	if (!options.dry_run && plan.changes()) {
+		if (plan.outdated())
+			throw Failure(
+			    Exit::deferred, "the database was changed by somebody else meanwhile; nothing was done")
+			    .in(database.label())
+			    .next("run the command again");
+		try {
+			replace_file(database.name(), database.enclave(), text);
+		} catch (Failure &failure) {
+			failure.in(database.label());
+			throw;
+		}
+	}
+	tell(plan, complaints, options);
+	return complaints.count() > 0 ? Exit::invalid : Exit::done;
+}

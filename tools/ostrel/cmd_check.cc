@@ -1,0 +1,371 @@
+// ostrel check: what is wrong with a database file, line by line. It reads the file itself, with the library's own
+// parser, since the library passes over damaged lines in silence.
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unordered_map>
+
+#include <fmt/format.h>
+
+#include "command.h"
+#include "database.h"
+#include "document.h"
+#include "enclave_child.h"
+#include "libostrel_lines.h"
+#include "terminal.h"
+#include "text.h"
+
+namespace {
+
+void declare(CLI::App &app, Options &options)
+{
+	app.add_option("DB", options.words, "The databases")->required();
+	app.add_option("-E,--enclave", options.enclave, "The enclave in which the databases lie")->type_name("NAME|ID");
+	app.add_flag("--case", options.case_sensitive, "Compare identifiers with case");
+}
+
+// ---- Findings ----
+
+struct Finding {
+	size_t line; // 0: the file as a whole
+	const char *kind;
+	std::string message;
+};
+
+class Findings {
+public:
+	Findings(std::string database, Json &list) : database_(std::move(database)), list_(list) {}
+
+	void add(const Finding &finding)
+	{
+		count_++;
+		if (reporting_json()) {
+			Json row;
+			row["database"] = text_to_json(database_);
+			if (finding.line != 0)
+				row["line"] = finding.line;
+			row["kind"] = finding.kind;
+			row["message"] = visible(finding.message);
+			list_.push_back(row);
+			return;
+		}
+		fmt::print("{}{}: {}: {}\n", visible(database_),
+		    finding.line == 0 ? "" : fmt::format(":{}", finding.line), finding.kind, visible(finding.message));
+	}
+	size_t count() const { return count_; }
+
+private:
+	std::string database_;
+	Json &list_;
+	size_t count_ = 0;
+};
+
+// ---- Pieces of a line ----
+
+// Pieces are cut by the library's tokenizer, in a copy: it writes into what it cuts.
+std::vector<std::string> cut(std::string text, char delimiter)
+{
+	std::vector<std::string> pieces;
+	char *next = text.data();
+	while (char *piece = ostrel_tokenize_by_unescaped_delim(next, delimiter, &next))
+		pieces.emplace_back(piece);
+	return pieces;
+}
+
+// A text in front of its first unescaped delimiter, and what stands behind it.
+std::pair<std::string, std::string> cut_once(std::string text, char delimiter)
+{
+	char *rest = nullptr;
+	std::string first = ostrel_tokenize_by_unescaped_delim(text.data(), delimiter, &rest);
+	return {first, rest == nullptr ? "" : rest};
+}
+
+List empty_list()
+{
+	attrlist_t *list = nullptr;
+	if (attrlist_alloc(&list, ATL_UNIQUE_NAME, 0) != 0)
+		throw std::bad_alloc();
+	return List(list);
+}
+
+bool piece_parses(std::string piece, ostrel_error_t (*parse)(char *piece, attrlist_t **list))
+{
+	List list = empty_list();
+	attrlist_t *target = list.get();
+	ostrel_error_t result = parse(piece.data(), &target);
+	if (result == OSTREL_NO_MEMORY)
+		throw std::bad_alloc();
+	return result == OSTREL_SUCCESS;
+}
+
+std::string why_property_fails(const std::string &piece)
+{
+	auto [name, rest] = cut_once(piece, '=');
+	if (piece.empty())
+		return "an empty property: a ; too many";
+	if (rest.empty())
+		return fmt::format("the property '{}' has no type", name);
+	std::string word = cut_once(rest, ',').first;
+	if (str2data_type(word.c_str()) == DATA_TYPE_UNKNOWN)
+		return fmt::format("the type '{}' of the property {} isn't known", word, name);
+	return fmt::format("a value of the property {} is neither true nor false", name);
+}
+
+std::string why_line_fails(const std::string &line)
+{
+	auto [identifiers, properties] = cut_once(line, '\t');
+	for (const std::string &piece : cut(identifiers, ';'))
+		if (!piece_parses(piece, ostrel_parse_nvstr))
+			return fmt::format("{} can't be the name of an identifier", cut_once(piece, '=').first);
+	for (const std::string &piece : cut(properties, ';'))
+		if (!piece_parses(piece, ostrel_parse_ntv))
+			return why_property_fails(piece);
+	return "the line doesn't parse";
+}
+
+// ---- Values ----
+
+// What the numbers of a type may be on a line: unsigned ones are written with the sign of their bits.
+constexpr struct {
+	data_type_t type;
+	int64_t least, greatest;
+} number_ranges[] = {
+    {DATA_TYPE_INT32_ARRAY, INT32_MIN, INT32_MAX},
+    {DATA_TYPE_UINT32_ARRAY, INT32_MIN, UINT32_MAX},
+    {DATA_TYPE_INT64_ARRAY, INT64_MIN, INT64_MAX},
+    {DATA_TYPE_UINT64_ARRAY, INT64_MIN, INT64_MAX},
+};
+
+bool number_is_read_as_written(const std::string &text, int64_t least, int64_t greatest)
+{
+	int64_t value = 0;
+	auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+	return error == std::errc() && end == text.data() + text.size() && value >= least && value <= greatest;
+}
+
+void check_numbers(const std::string &piece, size_t number, Findings &findings)
+{
+	auto [name, rest] = cut_once(piece, '=');
+	auto [word, values] = cut_once(rest, ',');
+	data_type_t type = str2data_type(word.c_str());
+	for (const auto &range : number_ranges) {
+		if (range.type != type || values.empty())
+			continue;
+		for (const std::string &value : cut(values, ','))
+			if (!number_is_read_as_written(value, range.least, range.greatest))
+				findings.add({number, "number",
+				    fmt::format("'{}' in the property {} isn't read as it stands: it is no {}", value,
+					name, word)});
+	}
+}
+
+// ---- Lines ----
+
+class LineChecker {
+public:
+	LineChecker(Findings &findings, bool case_sensitive) : findings_(findings), case_sensitive_(case_sensitive) {}
+
+	void check(size_t number, std::string_view bytes)
+	{
+		size_t length = bytes.size();
+		if (!bytes.empty() && bytes.back() == '\n')
+			bytes.remove_suffix(1);
+		if (length > OSTREL_LINE_SIZE - 1) {
+			findings_.add({number, "long",
+			    fmt::format(
+				"the line has {} bytes, more than {}, and isn't read", length, OSTREL_LINE_SIZE - 1)});
+			return;
+		}
+		size_t nul = bytes.find('\0');
+		if (nul != std::string_view::npos) {
+			findings_.add({number, "nul",
+			    fmt::format("a NUL byte at column {} ends what is read of the line", nul + 1)});
+			bytes = bytes.substr(0, nul);
+		}
+		while (!bytes.empty() && ostrel_line_space(bytes[0]))
+			bytes.remove_prefix(1);
+		if (bytes.empty() || bytes[0] == '#')
+			return;
+		if (bytes.back() == '\r')
+			findings_.add({number, "crlf", "the line ends in CR LF, and the CR counts as a part of it"});
+		check_object(number, std::string(bytes));
+	}
+
+private:
+	void check_object(size_t number, const std::string &line)
+	{
+		std::string copy = line;
+		attrlist_t *id = nullptr, *props = nullptr;
+		ostrel_error_t result = ostrel_line2attrlist(copy.data(), &id, &props);
+		List owned_id(id), owned_props(props);
+		if (result == OSTREL_NO_MEMORY)
+			throw std::bad_alloc();
+		if (result != OSTREL_SUCCESS) {
+			findings_.add({number, "syntax", why_line_fails(line) + "; the line isn't read"});
+			return;
+		}
+		Object object = object_from_lists(id, props);
+		auto [identifiers, properties] = cut_once(line, '\t');
+		check_names(number, cut(identifiers, ';').size(), cut_properties(properties).size(), object);
+		for (const std::string &piece : cut_properties(properties))
+			check_numbers(piece, number, findings_);
+		auto [first, fresh] = lines_.emplace(identity(object.id, case_sensitive_), number);
+		if (!fresh)
+			findings_.add({number, "doubled",
+			    fmt::format("line {} has the same identifiers: {}", first->second, id_text(object.id))});
+	}
+
+	// Without a TAB there are no properties, not one that is empty.
+	static std::vector<std::string> cut_properties(const std::string &text)
+	{
+		return text.empty() ? std::vector<std::string>() : cut(text, ';');
+	}
+
+	void check_names(size_t number, size_t identifiers, size_t properties, const Object &object)
+	{
+		if (identifiers != object.id.size() || properties != object.props.size())
+			findings_.add(
+			    {number, "repeated", "a name stands twice in the line; only the last one is read"});
+		for (const auto &[name, value] : object.id)
+			if (name.empty() || name.find_first_of("\r ") != std::string::npos)
+				findings_.add(
+				    {number, "identifier", fmt::format("'{}' is an odd name of an identifier", name)});
+	}
+
+	Findings &findings_;
+	bool case_sensitive_;
+	std::unordered_map<std::string, size_t> lines_;
+};
+
+// ---- Files ----
+
+struct CloseFile {
+	void operator()(FILE *stream) const { (void) fclose(stream); } // it was only read
+};
+using Stream = std::unique_ptr<FILE, CloseFile>;
+
+int copy_bytes(int from, int to)
+{
+	char buffer[65536];
+	for (;;) {
+		ssize_t count = read(from, buffer, sizeof(buffer));
+		if (count == 0)
+			return lseek(to, 0, SEEK_SET) < 0 ? errno : 0;
+		if (count < 0)
+			return errno;
+		for (ssize_t done = 0; done < count;) {
+			ssize_t part = write(to, buffer + done, static_cast<size_t>(count - done));
+			if (part < 0)
+				return errno;
+			done += part;
+		}
+	}
+}
+
+// What a file in another enclave holds, brought here; only a regular file is opened there.
+int fetch(const Database &database, int to)
+{
+	const char *path = database.name().c_str();
+	return in_enclave(database.enclave(), [&] {
+		int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+		struct stat status;
+		if (fd < 0 || fstat(fd, &status) != 0)
+			return errno;
+		return S_ISREG(status.st_mode) ? copy_bytes(fd, to) : EINVAL;
+	});
+}
+
+Stream open_file(const Database &database)
+{
+	int error = 0;
+	int fd = database.here() ? open(database.name().c_str(), O_RDONLY | O_CLOEXEC)
+				 : memfd_create("ostrel-check", MFD_CLOEXEC);
+	if (fd < 0)
+		error = errno;
+	else if (!database.here())
+		error = fetch(database, fd);
+	struct stat status;
+	if (error == 0 && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode))
+		error = EISDIR;
+	Stream stream(error == 0 ? fdopen(fd, "r") : nullptr);
+	if (!stream && fd >= 0)
+		(void) close(fd); // nothing was written through it
+	if (!stream)
+		throw Failure(error == EISDIR ? Exit::invalid : exit_of(ostrel_errno2error(error)), strerror(error))
+		    .in(database.label());
+	return stream;
+}
+
+template <typename Visit>
+void each_line(const Database &database, const Visit &visit)
+{
+	Stream stream = open_file(database);
+	char *line = nullptr;
+	size_t room = 0, number = 0;
+	std::unique_ptr<char *, void (*)(char **)> owned(&line, [](char **memory) { free(*memory); });
+	for (ssize_t length; (length = getline(&line, &room, stream.get())) >= 0;)
+		visit(++number, std::string_view(line, static_cast<size_t>(length)));
+	if (ferror(stream.get()) != 0 || feof(stream.get()) == 0)
+		throw Failure(Exit::failure, fmt::format("can't be read: {}", strerror(errno)))
+		    .in(database.label())
+		    .on_line(number + 1);
+}
+
+void check_temporary(const Database &database, Findings &findings)
+{
+	std::string path = database.name() + ".new";
+	struct stat status;
+	if (!database.here() || lstat(path.c_str(), &status) != 0)
+		return;
+	bool usable = S_ISREG(status.st_mode) && status.st_nlink == 1;
+	findings.add({0, "temporary",
+	    usable ? fmt::format(
+			 "{} is left from an update that failed, or that runs now; the next one uses it again", path)
+		   : fmt::format("{} isn't a plain file, and keeps every update from being made; move it away", path)});
+}
+
+size_t check_database(const Database &database, Json &list)
+{
+	Findings findings(database.label(), list);
+	// Not by the table: what is checked is one format, and a raw file has none.
+	if (!database.back_end().updates) {
+		each_line(database, [&](size_t number, std::string_view bytes) {
+			if (bytes.find('\0') != std::string_view::npos)
+				findings.add({number, "nul", "a NUL byte ends what is read of the line"});
+		});
+		return findings.count();
+	}
+	LineChecker checker(findings, database.case_sensitive());
+	each_line(database, [&](size_t number, std::string_view bytes) { checker.check(number, bytes); });
+	check_temporary(database, findings);
+	return findings.count();
+}
+
+Exit run(const Options &options)
+{
+	Exit code = Exit::done;
+	Json list = Json::array();
+	for (const std::string &name : options.words) {
+		try {
+			Database database(name, enclave_option(options.enclave), options.case_sensitive);
+			if (check_database(database, list) > 0 && code == Exit::done)
+				code = Exit::differences;
+		} catch (const Failure &failure) { // the others are still checked
+			report(failure);
+			code = failure.code;
+		}
+	}
+	if (options.json)
+		fmt::print("{}\n", Json{{"findings", list}}.dump());
+	return code;
+}
+
+} // namespace
+
+const Command check_command = {
+    "check", nullptr, "Tell what is wrong with database files, line by line", declare, run, nullptr};

@@ -1,0 +1,31 @@
+// ostrel export: all objects as one JSON document.
+#include "command.h"
+#include "database.h"
+#include "document.h"
+
+namespace {
+
+void declare(CLI::App &app, Options &options)
+{
+	declare_database(app, options);
+}
+
+Exit run(const Options &options)
+{
+	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	// The document begins with the first object: a database that can't be read leaves no half of one.
+	std::optional<DocumentWriter> document;
+	database.walk({}, false, [&](Object &&object) {
+		if (!document)
+			document.emplace();
+		document->add(object);
+	});
+	if (!document)
+		document.emplace();
+	document->finish();
+	return Exit::done;
+}
+
+} // namespace
+
+const Command export_command = {"export", nullptr, "Print all objects as a JSON document", declare, run, nullptr};

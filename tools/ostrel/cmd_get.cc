@@ -1,0 +1,70 @@
+// ostrel get: one object, or single properties of it.
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "command.h"
+#include "database.h"
+#include "document.h"
+#include "terminal.h"
+#include "text.h"
+#include "word.h"
+
+namespace {
+
+void declare(CLI::App &app, Options &options)
+{
+	declare_database(app, options);
+	declare_identifiers(app, options);
+	app.add_option("-p,--prop", options.props, "Print the values of this property, one a line; can be repeated")
+	    ->type_name("PROP")
+	    ->allow_extra_args(false);
+}
+
+// A script gets the bytes as they are; a terminal never gets them raw.
+void print_values(const Property &property)
+{
+	bool terminal = is_terminal(STDOUT_FILENO);
+	for (const std::string &value : property.values)
+		fmt::print("{}\n", terminal ? visible(value) : value);
+}
+
+void print_all(const Object &object)
+{
+	for (const auto &[name, value] : object.id)
+		fmt::print("{}={}\n", escape(name), escape(value));
+	for (const Property &property : object.props)
+		fmt::print("  {}:{}={}\n", escape(property.name), property.type->word, value_text(property));
+}
+
+Exit run(const Options &options)
+{
+	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	Identifiers id = parse_identifiers(options.words);
+	if (id.empty())
+		throw Failure(Exit::usage, "get needs the identifiers of an object")
+		    .next(fmt::format("ostrel walk {} lists the objects", options.database));
+	Object object = database.get(id);
+
+	Object chosen = {object.id, {}};
+	for (const std::string &name : options.props) {
+		const Property *property = object.find(name);
+		if (property == nullptr)
+			throw Failure(Exit::not_found, fmt::format("{} has no property {}", id_text(object.id), name))
+			    .in(database.label());
+		chosen.props.push_back(*property);
+	}
+	const Object &shown = options.props.empty() ? object : chosen;
+	if (options.json)
+		fmt::print("{}\n", object_to_json(shown).dump());
+	else if (options.props.empty())
+		print_all(shown);
+	else
+		for (const Property &property : shown.props)
+			print_values(property);
+	return Exit::done;
+}
+
+} // namespace
+
+const Command get_command = {"get", nullptr, "Print one object, or single properties of it", declare, run, nullptr};

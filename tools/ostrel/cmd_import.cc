@@ -1,0 +1,60 @@
+// ostrel import: a JSON document into a database.
+#include <fstream>
+#include <iostream>
+
+#include <fmt/format.h>
+
+#include "bulk.h"
+#include "command.h"
+#include "database.h"
+#include "document.h"
+
+namespace {
+
+void declare(CLI::App &app, Options &options)
+{
+	declare_database(app, options);
+	app.add_option("FILE", options.other, "The document; - or nothing means the standard input");
+	declare_bulk(app, options);
+}
+
+std::vector<DocumentObject> read_input(const std::string &path, Complaints &complaints)
+{
+	bool standard = path.empty() || path == "-";
+	std::string name = standard ? "standard input" : path;
+	std::ifstream file;
+	if (!standard) {
+		errno = 0;
+		file.open(path, std::ios::binary);
+		if (!file || file.peek() == std::ifstream::traits_type::eof()) {
+			int error = errno;
+			if (error != 0)
+				throw Failure(exit_of(ostrel_errno2error(error)), strerror(error)).in(name);
+		}
+	}
+	try {
+		return read_document(standard ? std::cin : file, [&](const Failure &failure) {
+			Failure placed = failure;
+			complaints.take(placed.in(name));
+		});
+	} catch (Failure &failure) {
+		failure.in(name);
+		throw;
+	}
+}
+
+Exit run(const Options &options)
+{
+	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	database.require_updates();
+	Complaints complaints(options.keep_going);
+	std::vector<Incoming> objects;
+	for (DocumentObject &element : read_input(options.other, complaints))
+		objects.push_back({std::move(element.object), std::move(element.path)});
+	return write_many(database, std::move(objects), complaints, options);
+}
+
+} // namespace
+
+const Command import_command = {
+    "import", nullptr, "Write the objects of a JSON document, all or none", declare, run, nullptr};

@@ -1,0 +1,40 @@
+// ostrel put: makes an object, or replaces all its properties.
+#include <fmt/format.h>
+
+#include "command.h"
+#include "database.h"
+#include "word.h"
+
+namespace {
+
+void declare(CLI::App &app, Options &options)
+{
+	declare_database(app, options);
+	declare_identifiers(app, options);
+	declare_dry_run(app, options);
+	app.add_flag("--new", options.only_new, "Only if there is no such object yet");
+}
+
+Exit run(const Options &options)
+{
+	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	Object object = {parse_identifiers(options.words), parse_properties(options.tail)};
+	if (object.id.empty())
+		throw Failure(Exit::usage, "put needs the identifiers of an object before --");
+	database.require_updates();
+	std::optional<std::vector<Object>> same = database.objects_if_any(object.id, true);
+	bool there = same && !same->empty();
+	if (there && options.only_new)
+		throw Failure(Exit::exists, fmt::format("there is an object {}", id_text(object.id)))
+		    .in(database.label())
+		    .next("without --new its properties are replaced; ostrel set changes some of them");
+	rehearse(database, object);
+	if (!options.dry_run)
+		database.put(object);
+	return tell_update(options, there ? "replaced" : "created", object);
+}
+
+} // namespace
+
+const Command put_command = {"put", nullptr, "Make an object, or replace all its properties", declare, run,
+    "the properties: name[:type]=value[,value...]"};

@@ -1,0 +1,41 @@
+// ostrel rename: gives an object other identifiers.
+#include <fmt/format.h>
+
+#include "command.h"
+#include "database.h"
+#include "word.h"
+
+namespace {
+
+void declare(CLI::App &app, Options &options)
+{
+	declare_database(app, options);
+	declare_identifiers(app, options);
+	declare_dry_run(app, options);
+}
+
+Exit run(const Options &options)
+{
+	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	Identifiers from = parse_identifiers(options.words), to = parse_identifiers(options.tail);
+	if (from.empty() || to.empty())
+		throw Failure(Exit::usage, "rename needs the old identifiers before --, and the new ones behind it");
+	database.require_updates();
+	Object object = database.get(from);
+	bool same = identity(from, options.case_sensitive) == identity(to, options.case_sensitive);
+	// The store itself would let two objects have the same identifiers.
+	if (!same && !database.objects(to, true).empty())
+		throw Failure(Exit::exists, fmt::format("there is an object {}", id_text(to)))
+		    .in(database.label())
+		    .next("remove it first, or choose other identifiers");
+	object.id = to;
+	rehearse(database, object);
+	if (!options.dry_run)
+		database.rename(from, to);
+	return tell_update(options, "renamed", object);
+}
+
+} // namespace
+
+const Command rename_command = {
+    "rename", nullptr, "Give an object other identifiers", declare, run, "the new identifiers: key=value"};

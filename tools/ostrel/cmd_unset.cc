@@ -1,0 +1,45 @@
+// ostrel unset: drops properties of an object.
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "command.h"
+#include "database.h"
+#include "word.h"
+
+namespace {
+
+void declare(CLI::App &app, Options &options)
+{
+	declare_database(app, options);
+	declare_identifiers(app, options);
+	declare_dry_run(app, options);
+}
+
+Exit run(const Options &options)
+{
+	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	Identifiers id = parse_identifiers(options.words);
+	if (id.empty() || options.tail.empty())
+		throw Failure(Exit::usage, "unset needs identifiers before --, and names of properties behind it");
+	database.require_updates();
+	Object object = database.get(id);
+	for (const std::string &name : options.tail) {
+		auto found = std::find_if(
+		    object.props.begin(), object.props.end(), [&](const Property &p) { return p.name == name; });
+		if (found == object.props.end())
+			throw Failure(Exit::not_found, fmt::format("{} has no property {}", id_text(object.id), name))
+			    .in(database.label())
+			    .next(fmt::format("nothing was changed; ostrel get {} shows the object", database.label()));
+		object.props.erase(found);
+	}
+	rehearse(database, object);
+	if (!options.dry_run)
+		database.put(object);
+	return tell_update(options, "changed", object);
+}
+
+} // namespace
+
+const Command unset_command = {
+    "unset", nullptr, "Drop properties of an object", declare, run, "the names of the properties"};

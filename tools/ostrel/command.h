@@ -1,0 +1,74 @@
+// A command: its name, its options, and what it does. One source for each, one table for all.
+#ifndef OSTREL_TOOL_COMMAND_H
+#define OSTREL_TOOL_COMMAND_H
+
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "failure.h"
+
+// What was given on the command line. Commands use what they declare.
+struct Options {
+	std::string database;
+	std::string other;              // a second database, or a file
+	std::vector<std::string> words; // identifiers, databases
+	std::vector<std::string> tail;  // what stands behind --
+	std::vector<std::string> props;
+	std::string enclave;
+	std::string other_enclave;
+	std::string sort;
+	bool json = false;
+	bool case_sensitive = false;
+	bool dry_run = false;
+	bool exact = false;
+	bool types = false;
+	bool all = false;
+	bool yes = false;
+	bool replace = false;
+	bool keep_going = false;
+	bool only_new = false;
+};
+
+struct Command {
+	const char *name;
+	const char *alias; // NULL: none
+	const char *summary;
+	void (*declare)(CLI::App &app, Options &options);
+	Exit (*run)(const Options &options);
+	const char *tail; // what the words behind -- are; NULL: they are words like any other
+};
+
+extern const Command walk_command, get_command, put_command, set_command, unset_command, rename_command, remove_command,
+    export_command, import_command, copy_command, diff_command, check_command, enclaves_command, completion_command,
+    version_command;
+
+// All commands, in the order in which help lists them; ends with a NULL.
+extern const Command *const commands[];
+
+// The whole command line as CLI11 knows it.
+void declare_all(CLI::App &app, Options &options);
+
+// ---- What several commands declare ----
+
+void declare_database(CLI::App &app, Options &options);
+void declare_identifiers(CLI::App &app, Options &options);
+void declare_dry_run(CLI::App &app, Options &options);
+
+// ---- What several commands do ----
+
+class Database;
+struct Object;
+
+// The enclave that an option names; the one of this process, if it's empty.
+int enclave_option(const std::string &text);
+// Prints what an update did, or would do: as JSON if asked for, as a line in a dry run, otherwise not at all.
+Exit tell_update(const Options &options, const char *done, const Object &object);
+// Checks an update without making it, on a scratch database: whether the object can be stored, and whether it comes
+// back as it was given, of which it warns. A refused update would leave its temporary file beside the database.
+void rehearse(const Database &database, const Object &object);
+// Warns if the object, once stored, isn't what was asked for.
+void warn_of_loss(const Database &database, const Object &wanted, const Object &stored);
+
+#endif

@@ -1,0 +1,315 @@
+// Databases: the table of back ends, the operations, and the diagnosis of a failed one.
+#include "database.h"
+
+#include <cerrno>
+#include <exception>
+#include <new>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "failure.h"
+#include "scratch.h"
+#include "text.h"
+
+namespace {
+
+constexpr BackEnd back_ends[] = {
+    {"file", &ostrel_files_db_cmds, true, true, true},
+    {"raw", &ostrel_rawfiles_db_cmds, false, false, true},
+    {"repo", nullptr, true, true, false},
+    {"hatch", nullptr, true, true, false},
+};
+
+const BackEnd *back_end_by_prefix(std::string_view prefix)
+{
+	for (const BackEnd &row : back_ends)
+		if (prefix == row.prefix)
+			return &row;
+	return nullptr;
+}
+
+// A walk's callback lives inside a C library: what it throws is kept, and thrown again outside.
+struct WalkState {
+	const Database::Visit *visit;
+	std::exception_ptr thrown;
+};
+
+int visit_object(ostrel_db_t, attrlist_t *id, attrlist_t *props, uint64_t, void *arg)
+{
+	auto *state = static_cast<WalkState *>(arg);
+	try {
+		(*state->visit)(object_from_lists(id, props));
+		return 0;
+	} catch (...) {
+		state->thrown = std::current_exception();
+		return 1;
+	}
+}
+
+struct Diagnosis {
+	Exit code;
+	std::string message;
+	std::string hint;
+};
+
+constexpr struct {
+	mode_t kind;
+	const char *word;
+} file_kinds[] = {{S_IFDIR, "a directory"}, {S_IFIFO, "a FIFO"}, {S_IFSOCK, "a socket"}, {S_IFCHR, "a device"},
+    {S_IFBLK, "a device"}};
+
+// The word for a thing that isn't a regular file; NULL for one that is.
+const char *odd_kind(const struct stat &status)
+{
+	for (const auto &row : file_kinds)
+		if ((status.st_mode & S_IFMT) == row.kind)
+			return row.word;
+	return nullptr;
+}
+
+std::string parent_of(const std::string &path)
+{
+	size_t slash = path.rfind('/');
+	if (slash == std::string::npos)
+		return ".";
+	return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+Diagnosis diagnose_missing(const std::string &path)
+{
+	struct stat status;
+	if (lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+		char target[4096];
+		ssize_t length = readlink(path.c_str(), target, sizeof(target));
+		std::string_view text(target, length < 0 ? 0 : static_cast<size_t>(length));
+		return {Exit::not_found, fmt::format("is a link to {}, which doesn't exist", text),
+		    "repair or remove the link"};
+	}
+	if (stat(parent_of(path).c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+		return {
+		    Exit::not_found, fmt::format("there is no directory {}", parent_of(path)), "make the directory"};
+	return {Exit::not_found, "there is no such file",
+	    "ostrel put or ostrel import makes a database where there is none"};
+}
+
+bool disk_is_full(const std::string &path)
+{
+	struct statvfs fs;
+	return statvfs(parent_of(path).c_str(), &fs) == 0 && (fs.f_bavail == 0 || (fs.f_files > 0 && fs.f_favail == 0));
+}
+
+// What can be seen of a file that an operation failed on. Nothing is opened: a FIFO would make the tool wait.
+std::optional<Diagnosis> diagnose_path(const std::string &path, ostrel_error_t result)
+{
+	struct stat status;
+	if (stat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR))
+		return result == OSTREL_NOT_FOUND ? std::optional(diagnose_missing(path)) : std::nullopt;
+	if (S_ISDIR(status.st_mode))
+		return Diagnosis{Exit::invalid, "is a directory, not a database file", "give the path of a file"};
+	if (result == OSTREL_EPERM)
+		return Diagnosis{Exit::permission, "permission denied",
+		    fmt::format(
+			"look at the rights with ls -ld {} {}; updates also need the right to write to the directory",
+			path, parent_of(path))};
+	if (result == OSTREL_NO_MEMORY && disk_is_full(path))
+		return Diagnosis{Exit::memory, "there is no space left on the file system", "make room, and try again"};
+	return std::nullopt;
+}
+
+std::string shell_words(const Identifiers &id)
+{
+	std::string words;
+	for (const auto &[name, value] : id)
+		words += fmt::format(" '{}={}'", visible(name), visible(value));
+	return words;
+}
+
+} // namespace
+
+Database::Database(const std::string &name, enclaveid_t enclave, bool case_sensitive)
+    : label_(name), name_(name), back_(&back_ends[0]), enclave_(enclave), case_sensitive_(case_sensitive)
+{
+	size_t colon = name.find(':');
+	const BackEnd *prefixed =
+	    colon == std::string::npos ? nullptr : back_end_by_prefix(std::string_view(name).substr(0, colon));
+	if (prefixed != nullptr) {
+		back_ = prefixed;
+		name_ = name.substr(colon + 1);
+	}
+	if (name_.empty())
+		throw Failure(Exit::usage, "a database needs a name")
+		    .in(label_)
+		    .next("write PATH, file:PATH or raw:PATH");
+	if (back_->table == nullptr)
+		throw Failure(
+		    Exit::unsupported, fmt::format("this build has no back end for {}: databases", back_->prefix))
+		    .in(label_)
+		    .next(fmt::format("use file:PATH or raw:PATH; a file of this name is written ./{}", label_));
+	if (name_.size() > OSTREL_DB_NAME_MAX)
+		throw Failure(Exit::invalid,
+		    fmt::format("the name has {} bytes; {} are possible", name_.size(), OSTREL_DB_NAME_MAX))
+		    .in(name_.substr(0, 40) + "...");
+	ostrel_error_t result =
+	    ostrel_db_open(name_.c_str(), enclave, *back_->table, case_sensitive ? OSTREL_DB_CASE_SENSITIVE : 0, &db_);
+	if (result != OSTREL_SUCCESS)
+		fail(result, "can't be opened");
+}
+
+Database::~Database()
+{
+	ostrel_db_close(db_);
+}
+
+bool Database::here() const
+{
+	return back_->is_path && (enclave_ == 0 || getenclaveid() != 0);
+}
+
+void Database::require_selection() const
+{
+	if (!back_->selects)
+		throw Failure(Exit::invalid, "the lines of a raw file can't be selected by identifiers")
+		    .in(label_)
+		    .next(fmt::format("ostrel walk {} shows all of them", label_));
+}
+
+void Database::fail(ostrel_error_t result, const std::string &what)
+{
+	if (here()) {
+		if (std::optional<Diagnosis> found = diagnose_path(name_, result))
+			throw Failure(found->code, found->message).in(label_).next(found->hint);
+	}
+	if (result == OSTREL_NO_MEMORY)
+		throw Failure(Exit::memory, fmt::format("{}: there is no memory, or no space left", what)).in(label_);
+	Failure failure(exit_of(result), fmt::format("{}: {}", what, ostrel_strerror(result)));
+	if (enclave_ != 0)
+		failure.next(fmt::format("ostrel enclaves tells whether enclave {} is running", enclave_));
+	throw failure.in(label_);
+}
+
+ostrel_error_t Database::try_walk(const Identifiers &id, bool exact, const Visit &visit)
+{
+	List list = id_list(id);
+	WalkState state = {&visit, nullptr};
+	ostrel_error_t result = ostrel_db_walk(
+	    db_, list.get(), exact ? OSTREL_FLAG_EXACT_MATCH : 0, visit_object, nullptr, &state, nullptr);
+	if (state.thrown)
+		std::rethrow_exception(state.thrown);
+	return result;
+}
+
+void Database::walk(const Identifiers &id, bool exact, const Visit &visit)
+{
+	if (!id.empty())
+		require_selection();
+	ostrel_error_t result = try_walk(id, exact, visit);
+	if (result != OSTREL_SUCCESS)
+		fail(result, "can't be read");
+}
+
+std::vector<Object> Database::objects(const Identifiers &id, bool exact)
+{
+	std::vector<Object> all;
+	walk(id, exact, [&](Object &&object) { all.push_back(std::move(object)); });
+	return all;
+}
+
+std::optional<std::vector<Object>> Database::objects_if_any(const Identifiers &id, bool exact)
+{
+	std::vector<Object> all;
+	ostrel_error_t result = try_walk(id, exact, [&](Object &&object) { all.push_back(std::move(object)); });
+	if (result == OSTREL_NOT_FOUND)
+		return std::nullopt;
+	if (result != OSTREL_SUCCESS)
+		fail(result, "can't be read");
+	return all;
+}
+
+std::optional<Object> Database::find(const Identifiers &id)
+{
+	List list = id_list(id);
+	attrlist_t *props = nullptr;
+	ostrel_error_t result = ostrel_db_read(db_, list.get(), 0, &props);
+	if (result == OSTREL_NOT_FOUND)
+		return std::nullopt;
+	if (result == OSTREL_INVALID_ARG && objects(id, true).size() > 1)
+		throw Failure(Exit::invalid, fmt::format("several objects have the identifiers {}", id_text(id)))
+		    .in(label_)
+		    .next(fmt::format("ostrel check {} names their lines", label_));
+	if (result != OSTREL_SUCCESS)
+		fail(result, fmt::format("{} can't be read", id_text(id)));
+	List owned(props);
+	return object_from_lists(list.get(), props);
+}
+
+Object Database::get(const Identifiers &id)
+{
+	require_selection();
+	if (std::optional<Object> found = find(id))
+		return std::move(*found);
+	std::vector<Object> near = objects(id); // a missing file ends here, with its own message
+	Failure missing(Exit::not_found, fmt::format("there is no object {}", id_text(id)));
+	if (near.empty())
+		missing.next(fmt::format("ostrel walk {} lists what is there", label_));
+	else if (near.size() == 1)
+		missing.next(fmt::format("an object is named by all its identifiers:{}", shell_words(near[0].id)));
+	else
+		missing.next(
+		    fmt::format("an object is named by all its identifiers; {} objects have these among theirs: "
+				"ostrel walk {}{}",
+			near.size(), label_, shell_words(id)));
+	throw missing.in(label_);
+}
+
+void Database::require_updates()
+{
+	if (!back_->updates)
+		throw Failure(Exit::unsupported, fmt::format("{}: databases are read only", back_->prefix)).in(label_);
+	struct stat status;
+	if (!here() || stat(name_.c_str(), &status) != 0)
+		return;
+	if (const char *kind = odd_kind(status))
+		throw Failure(Exit::invalid, fmt::format("is {}, which can't be updated", kind))
+		    .in(label_)
+		    .next("give the path of a regular file, or of one that doesn't exist yet");
+}
+
+void Database::put(const Object &object)
+{
+	List list = id_list(object.id);
+	List props = props_list(object.props);
+	ostrel_error_t result = ostrel_db_write(db_, list.get(), 0, props.get());
+	if (result == OSTREL_INVALID_ARG)
+		throw unstorable(object).in(label_);
+	if (result != OSTREL_SUCCESS)
+		fail(result, fmt::format("{} can't be written", id_text(object.id)));
+}
+
+void Database::rename(const Identifiers &from, const Identifiers &to)
+{
+	List old_list = id_list(from);
+	List new_list = id_list(to);
+	ostrel_error_t result = ostrel_db_rename(db_, old_list.get(), 0, new_list.get());
+	if (result == OSTREL_INVALID_ARG)
+		throw unstorable({to, {}}).in(label_);
+	if (result != OSTREL_SUCCESS)
+		fail(result, fmt::format("{} can't be renamed", id_text(from)));
+}
+
+void Database::remove(const Identifiers &id)
+{
+	List list = id_list(id);
+	ostrel_error_t result = ostrel_db_remove(db_, list.get(), 0);
+	if (result != OSTREL_SUCCESS)
+		fail(result, fmt::format("{} can't be removed", id_text(id)));
+}
+
+void Database::destroy()
+{
+	ostrel_error_t result = ostrel_db_remove(db_, nullptr, 0);
+	if (result != OSTREL_SUCCESS)
+		fail(result, "can't be removed");
+}

@@ -1,0 +1,70 @@
+// A database as the user names it, opened through the library, with errors that say what is wrong with it.
+#ifndef OSTREL_TOOL_DATABASE_H
+#define OSTREL_TOOL_DATABASE_H
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <libostrel.h>
+
+#include "object.h"
+
+// A kind of store. One without a table is known by its name, but not part of this build.
+struct BackEnd {
+	const char *prefix;
+	const ostrel_db_cmds_t *table;
+	bool updates;
+	bool selects; // objects can be asked for by their identifiers
+	bool is_path; // the name is the path of a file, opened by the library at each operation
+};
+
+class Database {
+public:
+	// `name` is `PREFIX:NAME` or a bare path. Throws Failure; a missing file is found at the first operation.
+	Database(const std::string &name, enclaveid_t enclave, bool case_sensitive);
+	~Database();
+	Database(const Database &) = delete;
+	Database &operator=(const Database &) = delete;
+
+	using Visit = std::function<void(Object &&)>;
+	// Calls `visit` for each object selected, in the order of the store.
+	void walk(const Identifiers &id, bool exact, const Visit &visit);
+	std::vector<Object> objects(const Identifiers &id = {}, bool exact = false);
+	// The one object with exactly these identifiers, or nothing.
+	std::optional<Object> find(const Identifiers &id);
+	// The same; a missing object is a Failure that says what is there instead.
+	Object get(const Identifiers &id);
+
+	// Throws Failure unless the store can be updated.
+	void require_updates();
+	void put(const Object &object);
+	void rename(const Identifiers &from, const Identifiers &to);
+	void remove(const Identifiers &id);
+	void destroy();
+	// As objects(), or nothing if the database isn't there yet.
+	std::optional<std::vector<Object>> objects_if_any(const Identifiers &id = {}, bool exact = false);
+
+	const std::string &label() const { return label_; }
+	const std::string &name() const { return name_; }
+	enclaveid_t enclave() const { return enclave_; }
+	bool case_sensitive() const { return case_sensitive_; }
+	const BackEnd &back_end() const { return *back_; }
+	// Whether the name is a path in this process's own file system, where the tool can look at it.
+	bool here() const;
+
+private:
+	void require_selection() const;
+	[[noreturn]] void fail(ostrel_error_t result, const std::string &what);
+	ostrel_error_t try_walk(const Identifiers &id, bool exact, const Visit &visit);
+
+	std::string label_;
+	std::string name_;
+	const BackEnd *back_ = nullptr;
+	enclaveid_t enclave_;
+	bool case_sensitive_;
+	ostrel_db_t db_ = nullptr;
+};
+
+#endif

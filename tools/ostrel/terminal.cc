@@ -1,0 +1,147 @@
+// Terminals: colour, width, tables, progress.
+#include "terminal.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "failure.h"
+#include "text.h"
+
+namespace {
+
+constexpr size_t gap = 2;                // columns between two columns of a table
+constexpr size_t narrowest_wrapped = 16; // a narrower last column isn't wrapped: it would be unreadable
+
+std::vector<size_t> column_widths(const Table &table)
+{
+	std::vector<size_t> widths(table.head.size(), 0);
+	auto widen = [&](const std::vector<std::string> &cells) {
+		for (size_t i = 0; i < cells.size(); i++)
+			widths[i] = std::max(widths[i], display_width(cells[i]));
+	};
+	widen(table.head);
+	for (const auto &row : table.rows)
+		widen(row);
+	return widths;
+}
+
+size_t width_before_last(const std::vector<size_t> &widths)
+{
+	size_t width = 0;
+	for (size_t i = 0; i + 1 < widths.size(); i++)
+		width += widths[i] + gap;
+	return width;
+}
+
+// How much of `text` goes on this line. Breaks behind a blank if there is one in the line's second half.
+size_t line_break(const std::string &text, size_t room)
+{
+	if (display_width(text) <= room)
+		return text.size();
+	size_t fits = fitting_prefix(text, room);
+	size_t blank = text.rfind(' ', fits);
+	return blank != std::string::npos && blank > fits / 2 ? blank + 1 : fits;
+}
+
+void append_row(std::string &out, const std::vector<std::string> &cells, const std::vector<size_t> &widths, size_t room)
+{
+	size_t indent = width_before_last(widths);
+	for (size_t i = 0; i + 1 < cells.size(); i++)
+		out += cells[i] + std::string(widths[i] + gap - display_width(cells[i]), ' ');
+	std::string rest = cells.empty() ? "" : cells.back();
+	for (;;) {
+		size_t taken = line_break(rest, room);
+		out += rest.substr(0, taken);
+		while (!out.empty() && out.back() == ' ')
+			out.pop_back();
+		out += '\n';
+		rest.erase(0, taken);
+		if (rest.empty())
+			return;
+		out.append(indent, ' ');
+	}
+}
+
+} // namespace
+
+bool is_terminal(int fd)
+{
+	return isatty(fd) != 0;
+}
+
+bool terminal_colour(int fd)
+{
+	const char *refused = std::getenv("NO_COLOR");
+	const char *term = std::getenv("TERM");
+	return isatty(fd) != 0 && (refused == nullptr || refused[0] == '\0') && term != nullptr &&
+	       std::strcmp(term, "dumb") != 0;
+}
+
+size_t terminal_width(int fd)
+{
+	struct winsize size = {};
+	if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+		return size.ws_col;
+	const char *columns = std::getenv("COLUMNS");
+	size_t width = 0;
+	if (columns != nullptr && std::from_chars(columns, columns + std::strlen(columns), width).ec == std::errc() &&
+	    width > 0)
+		return width;
+	return 80;
+}
+
+size_t table_width(const Table &table)
+{
+	std::vector<size_t> widths = column_widths(table);
+	return widths.empty() ? 0 : width_before_last(widths) + widths.back();
+}
+
+void print_table(const Table &table)
+{
+	std::vector<size_t> widths = column_widths(table);
+	size_t columns = terminal_width(STDOUT_FILENO);
+	size_t indent = width_before_last(widths);
+	size_t room = columns >= indent + narrowest_wrapped ? columns - indent : static_cast<size_t>(-1);
+	bool colour = terminal_colour(STDOUT_FILENO);
+
+	std::string out;
+	append_row(out, table.head, widths, room);
+	if (colour)
+		out = "\033[1m" + out.substr(0, out.size() - 1) + "\033[0m\n";
+	for (const auto &row : table.rows)
+		append_row(out, row, widths, room);
+	(void) std::fwrite(out.data(), 1, out.size(), stdout); // a failure stays in the stream and is seen at the end
+}
+
+Progress::Progress(const char *doing, size_t total)
+    : doing_(doing), total_(total), wanted_(is_terminal(STDERR_FILENO) && !reporting_json()),
+      next_(std::chrono::steady_clock::now() + std::chrono::milliseconds(500))
+{}
+
+Progress::~Progress()
+{
+	if (shown_)
+		(void) std::fputs("\r\033[K", stderr);
+}
+
+void Progress::step()
+{
+	done_++;
+	if (!wanted_ || done_ % 64 != 0 || std::chrono::steady_clock::now() < next_)
+		return;
+	next_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+	shown_ = true;
+	try {
+		fmt::print(stderr, "\r{} {} of {} ({}%)\033[K", doing_, done_, total_,
+		    done_ * 100 / std::max<size_t>(total_, 1));
+	} catch (const std::system_error &) {
+		wanted_ = false; // a terminal that has gone is no reason to stop the work
+	}
+}

@@ -1,0 +1,33 @@
+// Texts as a person sees and types them: escapes, widths, lists of values.
+#ifndef OSTREL_TOOL_TEXT_H
+#define OSTREL_TOOL_TEXT_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+bool is_utf8(std::string_view text);
+
+// A copy that can go to a terminal: control characters, what turns the direction of writing, and bytes that aren't
+// UTF-8 appear as \n, \t, \r or \xHH. Backslashes stay.
+std::string visible(std::string_view text);
+// The same, with a backslash before each backslash and each comma: unescape() gives the text back.
+std::string escape(std::string_view text);
+// The values of a property as one word, which split_values() takes apart.
+std::string join_values(const std::vector<std::string> &values);
+
+// Where the first byte out of `stops` stands that no backslash hides; npos if there is none.
+size_t find_unescaped(std::string_view text, std::string_view stops, size_t from = 0);
+// Takes a backslash before a punctuation mark or a blank away, and \n \t \r \xHH back. Throws Failure (usage) for
+// any other escape.
+std::string unescape(std::string_view text);
+// Cuts at each unescaped comma and unescapes the pieces. An empty text is one empty value.
+std::vector<std::string> split_values(std::string_view text);
+
+// Columns that a visible text takes on a terminal.
+size_t display_width(std::string_view text);
+// The longest start of `text` that takes at most `width` columns, at least one character of it.
+size_t fitting_prefix(std::string_view text, size_t width);
+
+#endif
