@@ -104,10 +104,13 @@ ostrel_error_t ostrel_object_list_get_objects(attrlist_t *list, attrlist_t ***ob
 
 // ---- Properties of one value: stored as arrays, in errno values ----
 
-template <typename T>
-static int the_one(int error, const T *array, uint_t count, T *valuep)
+// `lookup` finds the array, by a list and a name or by a pair.
+template <typename T, typename Lookup, typename... Place>
+static int get_one(T *valuep, Lookup lookup, Place... place)
 {
-	if (error != 0)
+	T *array = nullptr;
+	uint_t count = 0;
+	if (int error = lookup(place..., &array, &count))
 		return error;
 	if (count == 0)
 		return ENOENT;
@@ -117,49 +120,96 @@ static int the_one(int error, const T *array, uint_t count, T *valuep)
 	return 0;
 }
 
-#define ONE_VALUE(type, word)                                                                                          \
-	int ostrel_atl_get_one_##word(attrlist_t *list, const char *name, type *valuep)                                \
-	{                                                                                                              \
-		type *array = nullptr;                                                                                 \
-		uint_t count = 0;                                                                                      \
-		int error = attrlist_lookup_##word##_array(list, name, &array, &count);                                \
-		return the_one(error, array, count, valuep);                                                           \
-	}                                                                                                              \
-	int ostrel_atp_get_one_##word(attrpair_t *pair, type *valuep)                                                  \
-	{                                                                                                              \
-		type *array = nullptr;                                                                                 \
-		uint_t count = 0;                                                                                      \
-		int error = attrpair_value_##word##_array(pair, &array, &count);                                       \
-		return the_one(error, array, count, valuep);                                                           \
-	}
+int ostrel_atl_get_one_boolean(attrlist_t *list, const char *name, boolean_t *valuep)
+{
+	return get_one(valuep, attrlist_lookup_boolean_array, list, name);
+}
 
-#define ADD_ONE_VALUE(type, word)                                                                                      \
-	int ostrel_atl_add_one_##word(attrlist_t *list, const char *name, type value)                                  \
-	{                                                                                                              \
-		return attrlist_add_##word##_array(list, name, &value, 1);                                             \
-	}
+int ostrel_atl_get_one_int32(attrlist_t *list, const char *name, int32_t *valuep)
+{
+	return get_one(valuep, attrlist_lookup_int32_array, list, name);
+}
 
-ONE_VALUE(boolean_t, boolean)
-ONE_VALUE(int32_t, int32)
-ONE_VALUE(int64_t, int64)
-ONE_VALUE(uint32_t, uint32)
-ONE_VALUE(uint64_t, uint64)
-ONE_VALUE(char *, string)
+int ostrel_atl_get_one_int64(attrlist_t *list, const char *name, int64_t *valuep)
+{
+	return get_one(valuep, attrlist_lookup_int64_array, list, name);
+}
 
-ADD_ONE_VALUE(boolean_t, boolean)
-ADD_ONE_VALUE(int32_t, int32)
-ADD_ONE_VALUE(int64_t, int64)
-ADD_ONE_VALUE(uint32_t, uint32)
-ADD_ONE_VALUE(uint64_t, uint64)
+int ostrel_atl_get_one_uint32(attrlist_t *list, const char *name, uint32_t *valuep)
+{
+	return get_one(valuep, attrlist_lookup_uint32_array, list, name);
+}
+
+int ostrel_atl_get_one_uint64(attrlist_t *list, const char *name, uint64_t *valuep)
+{
+	return get_one(valuep, attrlist_lookup_uint64_array, list, name);
+}
+
+int ostrel_atl_get_one_string(attrlist_t *list, const char *name, char **valuep)
+{
+	return get_one(valuep, attrlist_lookup_string_array, list, name);
+}
+
+int ostrel_atp_get_one_boolean(attrpair_t *pair, boolean_t *valuep)
+{
+	return get_one(valuep, attrpair_value_boolean_array, pair);
+}
+
+int ostrel_atp_get_one_int32(attrpair_t *pair, int32_t *valuep)
+{
+	return get_one(valuep, attrpair_value_int32_array, pair);
+}
+
+int ostrel_atp_get_one_int64(attrpair_t *pair, int64_t *valuep)
+{
+	return get_one(valuep, attrpair_value_int64_array, pair);
+}
+
+int ostrel_atp_get_one_uint32(attrpair_t *pair, uint32_t *valuep)
+{
+	return get_one(valuep, attrpair_value_uint32_array, pair);
+}
+
+int ostrel_atp_get_one_uint64(attrpair_t *pair, uint64_t *valuep)
+{
+	return get_one(valuep, attrpair_value_uint64_array, pair);
+}
+
+int ostrel_atp_get_one_string(attrpair_t *pair, char **valuep)
+{
+	return get_one(valuep, attrpair_value_string_array, pair);
+}
+
+int ostrel_atl_add_one_boolean(attrlist_t *list, const char *name, boolean_t value)
+{
+	return attrlist_add_boolean_array(list, name, &value, 1);
+}
+
+int ostrel_atl_add_one_int32(attrlist_t *list, const char *name, int32_t value)
+{
+	return attrlist_add_int32_array(list, name, &value, 1);
+}
+
+int ostrel_atl_add_one_int64(attrlist_t *list, const char *name, int64_t value)
+{
+	return attrlist_add_int64_array(list, name, &value, 1);
+}
+
+int ostrel_atl_add_one_uint32(attrlist_t *list, const char *name, uint32_t value)
+{
+	return attrlist_add_uint32_array(list, name, &value, 1);
+}
+
+int ostrel_atl_add_one_uint64(attrlist_t *list, const char *name, uint64_t value)
+{
+	return attrlist_add_uint64_array(list, name, &value, 1);
+}
 
 int ostrel_atl_add_one_string(attrlist_t *list, const char *name, const char *value)
 {
 	char *element = const_cast<char *>(value); // only read
 	return attrlist_add_string_array(list, name, &element, 1);
 }
-
-#undef ONE_VALUE
-#undef ADD_ONE_VALUE
 
 // ---- The text of a list, for trace points ----
 

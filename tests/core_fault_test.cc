@@ -1,6 +1,7 @@
 // Memory that runs out in each operation of handle, identifier lists and objects, at each of its allocations: the result
 // says so and nothing of the caller's changes, or the operation copes; and nothing is left on the heap.
 #include <cerrno>
+#include <climits>
 #include <gtest/gtest.h>
 #include <memory>
 
@@ -231,6 +232,19 @@ TEST_F(CoreFaults, AWalkFailsBeforeItsFirstCallbackOrVisitsAllInOrder)
 		    EXPECT_TRUE(result == OSTREL_SUCCESS || (failed && result == OSTREL_NO_MEMORY));
 		    expect_unchanged(s);
 	    });
+}
+
+TEST_F(CoreFaults, AWalkGivesEachObjectBackBehindItsCallback)
+{
+	SubjectPtr subject = make_subject(100);
+	long bytes = LONG_MAX;
+	auto shrinks = [](ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *arg) {
+		long *before = static_cast<long *>(arg);
+		const bool less = heap_use().bytes < *before;
+		*before = heap_use().bytes;
+		return less ? 0 : 1;
+	};
+	EXPECT_EQ(ostrel_db_walk(subject->db, nullptr, 0, shrinks, nullptr, &bytes, nullptr), OSTREL_SUCCESS);
 }
 
 TEST_F(CoreFaults, NamedPropertiesStayNamedWhenFillingInFails)

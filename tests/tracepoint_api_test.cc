@@ -302,4 +302,15 @@ TEST_F(Tracepoints, AFailureIsReportedWithItsPlaceAndASuccessIsNot)
 	EXPECT_NE(line.find("SETERROR(OSTREL_INVALID_ARG)"), std::string::npos) << line;
 }
 
+TEST_F(Tracepoints, AMessageIsSeenAlsoWhenNoOutputTakesIt)
+{
+	ASSERT_EQ(unsetenv("OSTREL_LOG"), 0);
+	ostrel_log(3, "%d %s", 42, "words");
+	std::vector<Hit> hits = tracefs_.hits();
+	ASSERT_EQ(hits.size(), 1U);
+	EXPECT_EQ(hits[0].probe, "log");
+	EXPECT_EQ(hits[0]["a0"], "3");
+	EXPECT_EQ(hits[0]["s1"], "42 words");
+}
+
 } // namespace
