@@ -51,6 +51,10 @@ typedef ostrel_error_t ostrel_renamecmd_t(ostrel_db_t db, attrlist_t *idl, uint6
 typedef ostrel_error_t ostrel_removecmd_t(ostrel_db_t db, attrlist_t *idl, uint64_t flags);
 typedef void ostrel_auditcmd_t(ostrel_db_t db, unsigned short event, attrlist_t *idl, ostrel_error_t result);
 typedef ostrel_error_t ostrel_authcmd_t(ostrel_db_t db, boolean_t write);
+// Gets one object with its properties; anything but OSTREL_SUCCESS ends the visit. It may change the object, not free it.
+typedef ostrel_error_t ostrel_visit_t(attrlist_t *object, void *arg);
+typedef ostrel_error_t ostrel_visitcmd_t(
+    ostrel_db_t db, attrlist_t *idl, uint64_t flags, ostrel_visit_t *visit, void *arg);
 
 // A back end: what it receives and must return, slot by slot. An empty slot (NULL) means what stands in brackets.
 struct ostrel_db_cmds {
@@ -75,6 +79,10 @@ struct ostrel_db_cmds {
 	ostrel_auditcmd_t *dbc_audit;
 	// With no lock held; B_TRUE for an update. [OSTREL_SUCCESS without any test]
 	ostrel_authcmd_t *dbc_auth;
+	// For a walk in the store's order: as dbc_read with properties, but the objects are made one by one, so that
+	// they needn't all be in memory. What can fail in the store has been done before the first visit, and the
+	// objects are those of one moment. Gives what the visit gave. [dbc_read serves]
+	ostrel_visitcmd_t *dbc_visit = nullptr;
 };
 
 // The events that dbc_audit gets: the one for a write or a rename, the other for a remove.
@@ -205,6 +213,7 @@ ostrel_readcmd_t ostrel_read_objects_from_rawfile;
 ostrel_writecmd_t ostrel_write_object_to_file;
 ostrel_renamecmd_t ostrel_rename_object_in_file;
 ostrel_removecmd_t ostrel_remove_object_from_file;
+ostrel_visitcmd_t ostrel_visit_objects_of_file;
 
 // File operations in another enclave, in errno values
 int ostrel_zopen(const char *path, int oflag, mode_t mode, enclaveid_t enclave, int *err);
