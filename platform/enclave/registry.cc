@@ -209,15 +209,6 @@ int enclave_read_record(int dir, enclaveid_t id, enclave_info_t *info)
 
 namespace {
 
-int check_record(const enclave_info_t *info)
-{
-	if (info == nullptr || !is_id(info->ei_id) || info->ei_state >= ENCLAVE_STATE_INVALID || info->ei_leader < 0)
-		return EINVAL;
-	string_view name(info->ei_name, strnlen(info->ei_name, sizeof info->ei_name));
-	string_view root(info->ei_root, strnlen(info->ei_root, sizeof info->ei_root));
-	return is_name(name) && is_root(root) ? 0 : EINVAL;
-}
-
 // The text of a record. Its fields were checked, so it fits.
 struct RecordText {
 	char text[record_max];
@@ -452,9 +443,18 @@ int enclave_registry_find(const char *name, enclave_info_t *info)
 	return ENOENT;
 }
 
+int enclave_registry_check(const enclave_info_t *info)
+{
+	if (info == nullptr || !is_id(info->ei_id) || info->ei_state >= ENCLAVE_STATE_INVALID || info->ei_leader < 0)
+		return EINVAL;
+	string_view name(info->ei_name, strnlen(info->ei_name, sizeof info->ei_name));
+	string_view root(info->ei_root, strnlen(info->ei_root, sizeof info->ei_root));
+	return is_name(name) && is_root(root) ? 0 : EINVAL;
+}
+
 int enclave_registry_add(const enclave_info_t *info)
 {
-	if (int error = check_record(info))
+	if (int error = enclave_registry_check(info))
 		return error;
 	LockedRegistry registry;
 	if (int error = registry.open(true))
@@ -469,7 +469,7 @@ int enclave_registry_add(const enclave_info_t *info)
 
 int enclave_registry_replace(const enclave_info_t *info)
 {
-	if (int error = check_record(info))
+	if (int error = enclave_registry_check(info))
 		return error;
 	LockedRegistry registry;
 	if (int error = registry.open(false))

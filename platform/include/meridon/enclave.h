@@ -106,6 +106,9 @@ int enclave_registry_find(const char *name, enclave_info_t *info);
  */
 int enclave_registry_list(enclave_info_t **infos, size_t *count);
 
+/* Whether a record may be written: 0, or EINVAL. Nothing is looked up. */
+int enclave_registry_check(const enclave_info_t *info);
+
 /* Adds a record. EEXIST if its id or its name is taken. */
 int enclave_registry_add(const enclave_info_t *info);
 
