@@ -122,29 +122,6 @@ int lookup_array(attrlist_t *list, const char *name, uint8_t type, T **arrayp, u
 	return 0;
 }
 
-size_t memory_size(attrlist_t *list);
-
-size_t memory_size(const attrpair_t *pair)
-{
-	TypeInfo info = atl::info_of(pair->type);
-	size_t size =
-	    atl::record_size(atl::front_size(info, pair->count), pair->name_length, atl::back_size(pair, info));
-	if (info.kind == Kind::List)
-		size += memory_size(pair->value.list);
-	for (uint32_t i = 0; info.kind == Kind::Lists && i < pair->count; i++)
-		size += memory_size(pair->value.lists[i]);
-	return size;
-}
-
-// What the records of a list take in a block of exact size.
-size_t memory_size(attrlist_t *list)
-{
-	size_t size = atl::index_size(list->count);
-	for (const attrpair_t *pair = atl::first_of(list); pair != nullptr; pair = atl::after(list, pair))
-		size += memory_size(pair);
-	return size;
-}
-
 // Replaces the pairs of `dst` by those of `from`, one after the other; `from` shares the arena and is empty afterwards.
 void splice(attrlist_t *dst, attrlist_t *from)
 {
@@ -218,7 +195,7 @@ int attrlist_dup(attrlist_t *list, attrlist_t **outp, int zero)
 	if (list == nullptr || outp == nullptr || zero != 0)
 		return EINVAL;
 	atl::Arena arena;
-	attrlist_t *copy = atl::open_exact(memory_size(list), &arena);
+	attrlist_t *copy = atl::open_exact(atl::memory_size(list), &arena);
 	if (copy == nullptr)
 		return ENOMEM;
 	(void) atl::copy_pairs(copy, list); // the memory is there, and the depth can't grow

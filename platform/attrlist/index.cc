@@ -76,6 +76,11 @@ size_t slots_for(size_t count)
 	return slots;
 }
 
+size_t size_with(size_t slots)
+{
+	return rounded(sizeof(Index) + slots * sizeof(Slot));
+}
+
 attrpair *pair_of(attrlist *list, const Slot &slot)
 {
 	return slot.before != nullptr ? slot.before->next : list->index->last->next;
@@ -105,7 +110,7 @@ Index *take_index(attrlist *list, size_t slots)
 	Arena *arena = arena_of(root_of(list));
 	if (arena == nullptr)
 		return nullptr;
-	size_t size = rounded(sizeof(Index) + slots * sizeof(Slot));
+	size_t size = size_with(slots);
 	auto *index = static_cast<Index *>(arena_take(arena, size));
 	if (index == nullptr)
 		return nullptr;
@@ -165,9 +170,9 @@ uint32_t hash_name(const char *name, size_t length)
 	return static_cast<uint32_t>(state.a ^ state.b ^ state.c ^ state.d) | 0x80000000U;
 }
 
-size_t index_size(size_t count)
+size_t long_index_size(size_t count)
 {
-	return count <= linear_max ? 0 : rounded(sizeof(Index) + slots_for(count) * sizeof(Slot));
+	return size_with(slots_for(count));
 }
 
 Place find_in_index(attrlist *list, const Key &key)
@@ -184,26 +189,32 @@ Place find_in_index(attrlist *list, const Key &key)
 	return {};
 }
 
-int reserve_index(attrlist *list, size_t more)
+int grow_index(attrlist *list, size_t more)
 {
 	size_t count = list->count + more;
 	if (count > ATTRLIST_ELEMENTS_MAX)
 		return EINVAL;
 	bool indexed = (list->flags & LIST_INDEXED) != 0;
-	if (indexed ? count * 4 <= (list->index->mask + 1) * 3 : count <= linear_max)
+	if (indexed && count * 4 <= (list->index->mask + 1) * 3)
 		return 0;
 	Index *index = take_index(list, slots_for(count));
 	if (index == nullptr)
 		return ENOMEM;
 	fill_index(list, index);
-	if (indexed) {
-		Index *old = list->index;
-		size_t size = rounded(sizeof(Index) + (old->mask + 1) * sizeof(Slot));
-		arena_give(arena_of(root_of(list)), old, size, old->large);
-	}
+	release_index(list);
 	list->index = index;
 	list->flags |= LIST_INDEXED;
 	return 0;
+}
+
+void release_index(attrlist *list)
+{
+	if ((list->flags & LIST_INDEXED) == 0)
+		return;
+	Index *index = list->index;
+	list->flags &= static_cast<uint8_t>(~LIST_INDEXED);
+	if (Arena *arena = arena_of(root_of(list)))
+		arena_give(arena, index, size_with(index->mask + 1), index->large);
 }
 
 void insert_in_index(attrlist *list, attrpair *before, uint32_t hash)

@@ -1,107 +1,99 @@
 // Making, copying, linking and giving back pairs.
-#include "attrlist/list.h"
-
 #include <cstdlib>
+
+#include "attrlist/list.h"
 
 namespace atl {
 
 namespace {
 
-// The pairs' values that point into their own record follow it to its new place.
-void move_pointers(attrpair *copy, const attrpair *pair, TypeInfo info)
-{
-	ptrdiff_t distance = reinterpret_cast<char *>(copy) - reinterpret_cast<const char *>(pair);
-	copy->value.text += distance;
-	if (info.kind != Kind::Texts)
-		return;
-	for (uint32_t i = 0; i < copy->count; i++)
-		copy->value.texts[i] = pair->value.texts[i] + distance;
-}
-
-attrpair *copy_flat(attrlist *root, const attrpair *pair, TypeInfo info)
+attrpair *take_pair(attrlist *root, const Key &key, const Draft &draft, size_t front, size_t back)
 {
 	Arena *arena = arena_of(root);
 	if (arena == nullptr)
 		return nullptr;
-	size_t front = front_size(info, pair->count);
-	size_t back = back_size(pair, info);
-	size_t bytes = front + sizeof(attrpair) + pair->name_length + 1 + back;
-	size_t size = rounded(bytes);
+	size_t size = record_size(front, key.length, back);
 	auto *record = static_cast<char *>(arena_take(arena, size));
 	if (record == nullptr)
 		return nullptr;
-	memcpy(record, reinterpret_cast<const char *>(pair) - front, bytes);
-	auto *copy = reinterpret_cast<attrpair *>(record + front);
-	copy->flags = size > record_max && !arena->exact ? PAIR_LARGE : 0;
-	if (front != 0 || (info.kind == Kind::Text && back != 0))
-		move_pointers(copy, pair, info);
-	return copy;
+	auto *pair = reinterpret_cast<attrpair *>(record + front);
+	pair->value.data = record;
+	pair->count = static_cast<uint32_t>(draft.count);
+	pair->type = draft.type;
+	pair->eighths = eighths_of(size, arena);
+	put_name(pair, key);
+	return pair;
 }
 
-void set_texts(attrpair *pair, char *const *texts, size_t front)
-{
-	pair->value.texts = reinterpret_cast<char **>(reinterpret_cast<char *>(pair) - front);
-	char *at = name_of(pair) + pair->name_length + 1;
-	for (uint32_t i = 0; i < pair->count; i++) {
-		pair->value.texts[i] = at;
-		at = stpcpy(at, texts[i]) + 1;
-	}
-}
-
-void set_bytes(attrpair *pair, const void *data, size_t bytes, void *apart, bool inside)
-{
-	void *to = pair->value.bytes;
-	if (!inside)
-		to = pair->value.data = apart;
-	if (bytes > 0)
-		memcpy(to, data, bytes);
-}
-
-int make_flat(attrlist *root, const Key &key, const Draft &draft, TypeInfo info, attrpair **pairp)
+attrpair *make_numbers(attrlist *root, const Key &key, const Draft &draft, TypeInfo info)
 {
 	size_t front = front_size(info, draft.count);
-	size_t back = info.kind == Kind::Text ? text_size(draft.count) : 0;
-	auto *texts = static_cast<char *const *>(draft.data);
-	if (info.kind == Kind::Texts)
-		for (size_t i = 0; i < draft.count; i++)
-			back += strlen(texts[i]) + 1;
-	attrpair *pair = take_pair(root, key.name, key.length, draft, front, back);
-	if (pair == nullptr)
-		return ENOMEM;
-	if (info.kind == Kind::Texts)
-		set_texts(pair, texts, front);
-	else if (info.kind == Kind::Text)
-		set_bytes(pair, draft.data, draft.count + 1, name_of(pair) + key.length + 1, back == 0);
-	else
-		set_bytes(
-		    pair, draft.data, draft.count * info.width, reinterpret_cast<char *>(pair) - front, front == 0);
-	*pairp = pair;
-	return 0;
+	attrpair *pair = take_pair(root, key, draft, front, 0);
+	if (pair != nullptr)
+		copy_bytes(front != 0 ? pair->value.data : pair->value.bytes, draft.data, draft.count * info.width);
+	return pair;
 }
 
-// A pair of nested lists: first all headers, so that it can be given back at any time, then their pairs.
-int make_nested(attrlist *list, const Key &key, const Draft &draft, attrlist *const *lists, attrpair **pairp)
+attrpair *make_text(attrlist *root, const Key &key, const Draft &draft)
+{
+	size_t back = text_size(draft.count);
+	attrpair *pair = take_pair(root, key, draft, 0, back);
+	if (pair == nullptr)
+		return nullptr;
+	if (back != 0)
+		pair->value.text = name_of(pair) + key.length + 1;
+	copy_bytes(back != 0 ? pair->value.text : pair->value.bytes, draft.data, draft.count + 1);
+	return pair;
+}
+
+attrpair *make_texts(attrlist *root, const Key &key, const Draft &draft)
+{
+	auto *texts = static_cast<char *const *>(draft.data);
+	size_t back = 0;
+	for (size_t i = 0; i < draft.count; i++)
+		back += strlen(texts[i]) + 1;
+	attrpair *pair = take_pair(root, key, draft, draft.count * sizeof(char *), back);
+	if (pair == nullptr)
+		return nullptr;
+	char *at = name_of(pair) + key.length + 1;
+	for (size_t i = 0; i < draft.count; i++) {
+		size_t size = strlen(texts[i]) + 1;
+		pair->value.texts[i] = at;
+		copy_bytes(at, texts[i], size);
+		at += size;
+	}
+	return pair;
+}
+
+// A pair of nested lists, still empty, so that it can be given back at any time.
+attrpair *make_empty_lists(attrlist *list, const Key &key, const Draft &draft, TypeInfo info)
+{
+	attrpair *pair = take_pair(root_of(list), key, draft, front_size(info, draft.count), 0);
+	if (pair == nullptr)
+		return nullptr;
+	attrlist *lists = pair->value.list;
+	if (info.kind == Kind::Lists)
+		pair->value.lists = reinterpret_cast<attrlist **>(lists + pair->count);
+	for (uint32_t i = 0; i < pair->count; i++) {
+		start_list(&lists[i], list);
+		if (info.kind == Kind::Lists)
+			pair->value.lists[i] = &lists[i];
+	}
+	return pair;
+}
+
+int make_lists(attrlist *list, const Key &key, const Draft &draft, attrpair **pairp)
 {
 	if (list->level >= ATTRLIST_DEPTH_MAX && draft.count > 0)
 		return EINVAL;
-	attrlist *root = root_of(list);
-	bool array = draft.type == DATA_TYPE_ATTRLIST_ARRAY;
-	size_t front = front_size(info_of(draft.type), draft.count);
-	attrpair *pair = take_pair(root, key.name, key.length, draft, front, 0);
+	TypeInfo info = info_of(draft.type);
+	attrpair *pair = make_empty_lists(list, key, draft, info);
 	if (pair == nullptr)
 		return ENOMEM;
-	auto *headers = reinterpret_cast<attrlist *>(reinterpret_cast<char *>(pair) - front);
-	for (uint32_t i = 0; i < pair->count; i++)
-		start_list(&headers[i], list);
-	pair->value.list = headers;
-	if (array) {
-		pair->value.lists = reinterpret_cast<attrlist **>(headers + pair->count);
-		for (uint32_t i = 0; i < pair->count; i++)
-			pair->value.lists[i] = &headers[i];
-	}
-	for (uint32_t i = 0; lists != nullptr && i < pair->count; i++) {
-		if (int error = copy_pairs(&headers[i], lists[i])) {
-			release_pair(root, pair);
+	auto *from = static_cast<attrlist *const *>(draft.data);
+	for (uint32_t i = 0; from != nullptr && i < pair->count; i++) {
+		if (int error = copy_pairs(&lists_of(pair, info)[i], from[i])) {
+			release_pair(root_of(list), pair);
 			return error;
 		}
 	}
@@ -109,12 +101,59 @@ int make_nested(attrlist *list, const Key &key, const Draft &draft, attrlist *co
 	return 0;
 }
 
+// Pointers into their own record follow it to its new place.
+void move_pointers(attrpair *copy, TypeInfo info, ptrdiff_t distance)
+{
+	copy->value.text += distance;
+	for (uint32_t i = 0; info.kind == Kind::Texts && i < copy->count; i++)
+		copy->value.texts[i] += distance;
+}
+
+// A pair without nested lists is copied as the record that it is.
+attrpair *copy_record(attrlist *root, const attrpair *pair, TypeInfo info)
+{
+	Arena *arena = arena_of(root);
+	if (arena == nullptr)
+		return nullptr;
+	size_t size = record_size(pair);
+	auto *record = static_cast<char *>(arena_take(arena, size));
+	if (record == nullptr)
+		return nullptr;
+	size_t front = front_size(info, pair->count);
+	copy_words(record, reinterpret_cast<const char *>(pair) - front, size);
+	auto *copy = reinterpret_cast<attrpair *>(record + front);
+	copy->eighths = eighths_of(size, arena);
+	if (lies_apart(pair, info))
+		move_pointers(copy, info, reinterpret_cast<char *>(copy) - reinterpret_cast<const char *>(pair));
+	return copy;
+}
+
+size_t pair_memory(const attrpair *pair)
+{
+	size_t size = record_size(pair);
+	TypeInfo info = info_of(pair->type);
+	if (holds_lists(info))
+		for (uint32_t i = 0; i < pair->count; i++)
+			size += memory_size(&lists_of(pair, info)[i]);
+	return size;
+}
+
 } // namespace
 
-Arena *arena_of(attrlist *root)
+size_t long_record_size(const attrpair *pair)
 {
-	if (root->arena != nullptr)
-		return root->arena;
+	TypeInfo info = info_of(pair->type);
+	size_t back = info.kind == Kind::Text ? text_size(pair->count) : 0;
+	if (info.kind == Kind::Texts && pair->count > 0) {
+		// The texts lie one behind the other, after the name.
+		const char *last = pair->value.texts[pair->count - 1];
+		back = static_cast<size_t>(last - name_of(pair)) + strlen(last) - pair->name_length;
+	}
+	return record_size(front_size(info, pair->count), pair->name_length, back);
+}
+
+Arena *make_arena(attrlist *root)
+{
 	auto *arena = static_cast<Arena *>(malloc(sizeof(Arena) + first_room));
 	if (arena != nullptr)
 		arena_start(arena);
@@ -122,44 +161,36 @@ Arena *arena_of(attrlist *root)
 	return arena;
 }
 
-attrpair *take_pair(attrlist *root, const char *name, size_t name_length, Draft draft, size_t front, size_t back)
-{
-	Arena *arena = arena_of(root);
-	if (arena == nullptr)
-		return nullptr;
-	size_t size = record_size(front, name_length, back);
-	auto *record = static_cast<char *>(arena_take(arena, size));
-	if (record == nullptr)
-		return nullptr;
-	auto *pair = reinterpret_cast<attrpair *>(record + front);
-	pair->next = nullptr;
-	pair->value.data = nullptr;
-	pair->count = static_cast<uint32_t>(draft.count);
-	pair->name_length = static_cast<uint16_t>(name_length);
-	pair->type = draft.type;
-	pair->flags = size > record_max && !arena->exact ? PAIR_LARGE : 0;
-	memcpy(name_of(pair), name, name_length);
-	name_of(pair)[name_length] = '\0';
-	return pair;
-}
-
 int make_pair(attrlist *list, const Key &key, const Draft &draft, attrpair **pairp)
 {
+	attrlist *root = root_of(list);
 	TypeInfo info = info_of(draft.type);
-	if (info.kind == Kind::List || info.kind == Kind::Lists)
-		return make_nested(list, key, draft, static_cast<attrlist *const *>(draft.data), pairp);
-	return make_flat(root_of(list), key, draft, info, pairp);
+	switch (info.kind) {
+	case Kind::Scalar:
+	case Kind::Numbers:
+		*pairp = make_numbers(root, key, draft, info);
+		break;
+	case Kind::Text:
+		*pairp = make_text(root, key, draft);
+		break;
+	case Kind::Texts:
+		*pairp = make_texts(root, key, draft);
+		break;
+	default:
+		return make_lists(list, key, draft, pairp);
+	}
+	return *pairp != nullptr ? 0 : ENOMEM;
 }
 
 int copy_pair(attrlist *list, const attrpair *pair, attrpair **copyp)
 {
 	TypeInfo info = info_of(pair->type);
-	if (info.kind == Kind::List || info.kind == Kind::Lists) {
+	if (holds_lists(info)) {
 		attrlist *const *lists = info.kind == Kind::List ? &pair->value.list : pair->value.lists;
-		return make_nested(
-		    list, {name_of(pair), pair->name_length, 0}, {pair->type, nullptr, pair->count}, lists, copyp);
+		return make_lists(
+		    list, key_for(list, name_of(pair), pair->name_length), {pair->type, lists, pair->count}, copyp);
 	}
-	*copyp = copy_flat(root_of(list), pair, info);
+	*copyp = copy_record(root_of(list), pair, info);
 	return *copyp != nullptr ? 0 : ENOMEM;
 }
 
@@ -171,16 +202,9 @@ int copy_pairs(attrlist *to, attrlist *from)
 		attrpair *copy;
 		if (int error = copy_pair(to, pair, &copy))
 			return error;
-		append(to, copy, key_for(to, name_of(copy), copy->name_length).hash);
+		append(to, copy, hash_for(to, name_of(copy), copy->name_length));
 	}
 	return 0;
-}
-
-void put_pair(attrlist *list, const Key &key, attrpair *pair)
-{
-	if (Place old = find(list, key); old.pair != nullptr)
-		remove_at(list, old);
-	append(list, pair, key.hash);
 }
 
 void remove_at(attrlist *list, const Place &place)
@@ -198,35 +222,34 @@ void remove_at(attrlist *list, const Place &place)
 void release_pair(attrlist *root, attrpair *pair)
 {
 	TypeInfo info = info_of(pair->type);
-	size_t front = front_size(info, pair->count);
-	char *record = reinterpret_cast<char *>(pair) - front;
-	if (info.kind == Kind::List || info.kind == Kind::Lists)
+	if (holds_lists(info))
 		for (uint32_t i = 0; i < pair->count; i++)
-			release_pairs(reinterpret_cast<attrlist *>(record) + i);
-	size_t size = record_size(front, pair->name_length, back_size(pair, info));
+			release_pairs(&lists_of(pair, info)[i]);
+	char *record = reinterpret_cast<char *>(pair) - front_size(info, pair->count);
 	if (Arena *arena = arena_of(root))
-		arena_give(arena, record, size, (pair->flags & PAIR_LARGE) != 0);
+		arena_give(arena, record, record_size(pair), pair->eighths == EIGHTHS_LARGE);
 }
 
 void release_pairs(attrlist *list)
 {
 	attrlist *root = root_of(list);
-	attrpair *last = last_of(list);
 	attrpair *pair = first_of(list);
 	for (uint32_t left = list->count; left > 0; left--) {
-		attrpair *next = pair == last ? nullptr : pair->next;
+		attrpair *next = pair->next;
 		release_pair(root, pair);
 		pair = next;
 	}
-	if ((list->flags & LIST_INDEXED) != 0) {
-		Index *index = list->index;
-		size_t size = rounded(sizeof(Index) + (index->mask + 1) * sizeof(Slot));
-		if (Arena *arena = arena_of(root))
-			arena_give(arena, index, size, index->large);
-	}
-	list->flags &= static_cast<uint8_t>(~LIST_INDEXED);
+	release_index(list);
 	list->last = nullptr;
 	list->count = 0;
+}
+
+size_t memory_size(attrlist *list)
+{
+	size_t size = index_size(list->count);
+	for (const attrpair *pair = first_of(list); pair != nullptr; pair = after(list, pair))
+		size += pair_memory(pair);
+	return size;
 }
 
 attrlist *open_exact(size_t size, Arena *arena)
