@@ -58,7 +58,9 @@ bool add_chunk(Arena *arena, size_t size)
 		return false;
 	*chunk = {arena->chunks, room};
 	arena->chunks = chunk;
+	bool first = arena->run == arena->at;
 	use(arena, chunk);
+	arena->run = first ? arena->at : nullptr;
 	if (room < chunk_last)
 		arena->next_chunk = static_cast<uint32_t>(room) * 2 + 16;
 	return true;
@@ -87,7 +89,12 @@ void free_large(Arena *arena)
 void arena_start(Arena *arena)
 {
 	char *room = reinterpret_cast<char *>(arena + 1);
-	*arena = {room, room + first_room, nullptr, nullptr, nullptr, chunk_first, false};
+	*arena = {room, room + first_room, nullptr, nullptr, nullptr, room, chunk_first, false};
+}
+
+void arena_start_exact(Arena *arena, char *room, size_t size)
+{
+	*arena = {room, room + size, nullptr, nullptr, nullptr, nullptr, 0, true};
 }
 
 void *arena_take_slowly(Arena *arena, size_t size)
@@ -136,12 +143,13 @@ void arena_reset(Arena *arena)
 	arena->free_lists = nullptr;
 	if (arena->chunks == nullptr) {
 		arena->at = reinterpret_cast<char *>(arena + 1);
-		return;
+	} else {
+		// The newest chunk is the largest one.
+		free_chunks(arena->chunks->next);
+		arena->chunks->next = nullptr;
+		use(arena, arena->chunks);
 	}
-	// Chunks grow, so the newest is the largest.
-	free_chunks(arena->chunks->next);
-	arena->chunks->next = nullptr;
-	use(arena, arena->chunks);
+	arena->run = arena->at;
 }
 
 void arena_end(Arena *arena)

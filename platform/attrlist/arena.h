@@ -41,6 +41,7 @@ struct Arena {
 	Chunk *chunks; // the newest first
 	Large *large;
 	FreeLists *free_lists; // made when the first record is given back
+	char *run;             // where the records begin, if all of them lie in one run up to `at`; else NULL
 	uint32_t next_chunk;
 	bool exact; // the room was measured beforehand and takes large records too
 };
@@ -56,6 +57,13 @@ inline size_t rounded(size_t size)
 
 // Sets up the arena that lies in front of first_room bytes.
 void arena_start(Arena *arena);
+// Sets up an arena for records that were measured, which are all it ever gives.
+void arena_start_exact(Arena *arena, char *room, size_t size);
+// Whether the bytes from `run` to `at` are all records, and nothing but records.
+inline bool arena_is_run(const Arena *arena)
+{
+	return arena->run != nullptr && arena->large == nullptr && arena->free_lists == nullptr;
+}
 // Takes a record, `size` being rounded; NULL without memory. Above record_max it is large, but in an exact arena.
 void *arena_take_slowly(Arena *arena, size_t size);
 inline void *arena_take(Arena *arena, size_t size)

@@ -2,55 +2,63 @@
 #include <cstdlib>
 #include <type_traits>
 
-#include "attrlist/list.h"
+#include "attrlist/make.h"
 
-using atl::Draft;
-using atl::Kind;
+using atl::Key;
+using atl::Made;
 using atl::TypeInfo;
 
 namespace {
 
-// The key of a name that is to be added; false if it's too long.
-bool make_key(attrlist_t *list, const char *name, atl::Key *key)
+// Adds the pair that make(root, key) gives.
+template <typename Make>
+Made add(attrlist_t *list, const char *name, Make make)
 {
-	size_t length = strlen(name);
-	*key = atl::key_for(list, name, length);
-	return length <= ATTRLIST_NAME_MAX;
-}
-
-int add(attrlist_t *list, const char *name, const Draft &draft, attrpair_t **pairp = nullptr)
-{
-	if (list == nullptr || name == nullptr || draft.count > ATTRLIST_ELEMENTS_MAX)
-		return EINVAL;
+	if (list == nullptr || name == nullptr)
+		return {nullptr, EINVAL};
 	if (int error = atl::reserve_index(list, 1))
-		return error;
-	atl::Key key;
-	if (!make_key(list, name, &key))
-		return EINVAL;
-	attrpair_t *pair;
-	if (int error = atl::make_pair(list, key, draft, &pair))
-		return error;
-	atl::put_pair(list, key, pair);
-	if (pairp != nullptr)
-		*pairp = pair;
-	return 0;
+		return {nullptr, error};
+	size_t length = strlen(name);
+	if (length > ATTRLIST_NAME_MAX)
+		return {nullptr, EINVAL};
+	Key key = atl::key_for(list, name, length);
+	Made made = make(atl::root_of(list), key);
+	if (made.pair != nullptr)
+		atl::put_pair(list, key, made.pair);
+	return made;
 }
 
-int add_array(attrlist_t *list, const char *name, uint8_t type, const void *array, uint_t count)
+Made made_or_no_memory(attrpair_t *pair)
 {
-	if (array == nullptr && count > 0)
-		return EINVAL;
-	return add(list, name, {type, array, count});
+	return {pair, pair != nullptr ? 0 : ENOMEM};
 }
 
-// Arrays of pointers, of which none may be NULL.
-int add_pointers(attrlist_t *list, const char *name, uint8_t type, const void *array, uint_t count)
+int add_numbers(attrlist_t *list, const char *name, uint8_t type, const void *numbers, uint_t count)
 {
-	auto *pointers = static_cast<const void *const *>(array);
-	for (uint_t i = 0; pointers != nullptr && i < count; i++)
-		if (pointers[i] == nullptr)
-			return EINVAL;
-	return add_array(list, name, type, array, count);
+	if (count > ATTRLIST_ELEMENTS_MAX || (numbers == nullptr && count > 0))
+		return EINVAL;
+	auto make = [&](attrlist_t *root, const Key &key) {
+		return made_or_no_memory(atl::make_numbers(root, key, type, numbers, count));
+	};
+	return add(list, name, make).error;
+}
+
+Made add_lists(attrlist_t *list, const char *name, uint8_t type, attrlist_t *const *lists, uint_t count)
+{
+	return add(
+	    list, name, [&](attrlist_t *, const Key &key) { return atl::make_lists(list, key, type, lists, count); });
+}
+
+// An array of pointers, of which none may be NULL.
+template <typename T>
+bool is_good_array(T *const *array, uint_t count)
+{
+	if (count > ATTRLIST_ELEMENTS_MAX || (array == nullptr && count > 0))
+		return false;
+	for (uint_t i = 0; i < count; i++)
+		if (array[i] == nullptr)
+			return false;
+	return true;
 }
 
 attrpair_t *find_pair(attrlist_t *list, const char *name)
@@ -194,12 +202,9 @@ int attrlist_dup(attrlist_t *list, attrlist_t **outp, int zero)
 {
 	if (list == nullptr || outp == nullptr || zero != 0)
 		return EINVAL;
-	atl::Arena arena;
-	attrlist_t *copy = atl::open_exact(atl::memory_size(list), &arena);
+	attrlist_t *copy = atl::copy_exactly(list);
 	if (copy == nullptr)
 		return ENOMEM;
-	(void) atl::copy_pairs(copy, list); // the memory is there, and the depth can't grow
-	atl::close_exact(copy);
 	*outp = copy;
 	return 0;
 }
@@ -245,33 +250,44 @@ int attrlist_clear(attrlist_t *list)
 
 int attrlist_add_string(attrlist_t *list, const char *name, const char *value)
 {
-	return value == nullptr ? EINVAL : add(list, name, {DATA_TYPE_STRING, value, strlen(value)});
-}
-
-int attrlist_add_attrlist(attrlist_t *list, const char *name, attrlist_t *value)
-{
-	return value == nullptr ? EINVAL : add(list, name, {DATA_TYPE_ATTRLIST, &value, 1});
-}
-
-int attrlist_add_new_attrlist(attrlist_t *list, const char *name, attrlist_t **valuep)
-{
-	attrpair_t *pair;
-	if (valuep == nullptr)
+	size_t length = value == nullptr ? 0 : strlen(value);
+	if (value == nullptr || length > ATTRLIST_ELEMENTS_MAX)
 		return EINVAL;
-	if (int error = add(list, name, {DATA_TYPE_ATTRLIST, nullptr, 1}, &pair))
-		return error;
-	*valuep = pair->value.list;
-	return 0;
+	auto make = [&](attrlist_t *root, const Key &key) {
+		return made_or_no_memory(atl::make_text(root, key, value, length));
+	};
+	return add(list, name, make).error;
 }
 
 int attrlist_add_string_array(attrlist_t *list, const char *name, char *const *array, uint_t count)
 {
-	return add_pointers(list, name, DATA_TYPE_STRING_ARRAY, array, count);
+	if (!is_good_array(array, count))
+		return EINVAL;
+	auto make = [&](attrlist_t *root, const Key &key) {
+		return made_or_no_memory(atl::make_texts(root, key, array, count));
+	};
+	return add(list, name, make).error;
+}
+
+int attrlist_add_attrlist(attrlist_t *list, const char *name, attrlist_t *value)
+{
+	return value == nullptr ? EINVAL : add_lists(list, name, DATA_TYPE_ATTRLIST, &value, 1).error;
+}
+
+int attrlist_add_new_attrlist(attrlist_t *list, const char *name, attrlist_t **valuep)
+{
+	if (valuep == nullptr)
+		return EINVAL;
+	Made made = add_lists(list, name, DATA_TYPE_ATTRLIST, nullptr, 1);
+	if (made.pair != nullptr)
+		*valuep = made.pair->value.list;
+	return made.error;
 }
 
 int attrlist_add_attrlist_array(attrlist_t *list, const char *name, attrlist_t *const *array, uint_t count)
 {
-	return add_pointers(list, name, DATA_TYPE_ATTRLIST_ARRAY, array, count);
+	return is_good_array(array, count) ? add_lists(list, name, DATA_TYPE_ATTRLIST_ARRAY, array, count).error
+					   : EINVAL;
 }
 
 int attrlist_add_attrpair(attrlist_t *list, const attrpair_t *pair)
@@ -280,11 +296,10 @@ int attrlist_add_attrpair(attrlist_t *list, const attrpair_t *pair)
 		return EINVAL;
 	if (int error = atl::reserve_index(list, 1))
 		return error;
-	attrpair_t *copy;
-	if (int error = atl::copy_pair(list, pair, &copy))
-		return error;
-	atl::put_pair(list, atl::key_for(list, atl::name_of(copy), copy->name_length), copy);
-	return 0;
+	Made copy = atl::copy_pair(list, pair);
+	if (copy.pair != nullptr)
+		atl::put_pair(list, atl::key_for(list, atl::name_of(copy.pair), copy.pair->name_length), copy.pair);
+	return copy.error;
 }
 
 // ---- Removing ----
@@ -328,7 +343,7 @@ int attrlist_lookup_attrpair(attrlist_t *list, const char *name, attrpair_t **pa
 #define ADD_SCALAR(word, T, type)                                                                                      \
 	int attrlist_add_##word(attrlist_t *list, const char *name, T value)                                           \
 	{                                                                                                              \
-		return add(list, name, {type, &value, 1});                                                             \
+		return add_numbers(list, name, type, &value, 1);                                                       \
 	}
 #define GET_VALUE(word, T, type)                                                                                       \
 	int attrlist_lookup_##word(attrlist_t *list, const char *name, T *valuep)                                      \
@@ -342,7 +357,7 @@ int attrlist_lookup_attrpair(attrlist_t *list, const char *name, attrpair_t **pa
 #define ADD_ARRAY(word, T, type)                                                                                       \
 	int attrlist_add_##word(attrlist_t *list, const char *name, const T *array, uint_t count)                      \
 	{                                                                                                              \
-		return add_array(list, name, type, array, count);                                                      \
+		return add_numbers(list, name, type, array, count);                                                    \
 	}
 #define GET_ARRAY(word, T, type)                                                                                       \
 	int attrlist_lookup_##word(attrlist_t *list, const char *name, T **arrayp, uint_t *countp)                     \

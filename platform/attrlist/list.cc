@@ -1,74 +1,17 @@
 // Making, copying, linking and giving back pairs.
 #include <cstdlib>
 
-#include "attrlist/list.h"
+#include "attrlist/make.h"
 
 namespace atl {
 
 namespace {
 
-attrpair *take_pair(attrlist *root, const Key &key, const Draft &draft, size_t front, size_t back)
-{
-	Arena *arena = arena_of(root);
-	if (arena == nullptr)
-		return nullptr;
-	size_t size = record_size(front, key.length, back);
-	auto *record = static_cast<char *>(arena_take(arena, size));
-	if (record == nullptr)
-		return nullptr;
-	auto *pair = reinterpret_cast<attrpair *>(record + front);
-	pair->value.data = record;
-	pair->count = static_cast<uint32_t>(draft.count);
-	pair->type = draft.type;
-	pair->eighths = eighths_of(size, arena);
-	put_name(pair, key);
-	return pair;
-}
-
-attrpair *make_numbers(attrlist *root, const Key &key, const Draft &draft, TypeInfo info)
-{
-	size_t front = front_size(info, draft.count);
-	attrpair *pair = take_pair(root, key, draft, front, 0);
-	if (pair != nullptr)
-		copy_bytes(front != 0 ? pair->value.data : pair->value.bytes, draft.data, draft.count * info.width);
-	return pair;
-}
-
-attrpair *make_text(attrlist *root, const Key &key, const Draft &draft)
-{
-	size_t back = text_size(draft.count);
-	attrpair *pair = take_pair(root, key, draft, 0, back);
-	if (pair == nullptr)
-		return nullptr;
-	if (back != 0)
-		pair->value.text = name_of(pair) + key.length + 1;
-	copy_bytes(back != 0 ? pair->value.text : pair->value.bytes, draft.data, draft.count + 1);
-	return pair;
-}
-
-attrpair *make_texts(attrlist *root, const Key &key, const Draft &draft)
-{
-	auto *texts = static_cast<char *const *>(draft.data);
-	size_t back = 0;
-	for (size_t i = 0; i < draft.count; i++)
-		back += strlen(texts[i]) + 1;
-	attrpair *pair = take_pair(root, key, draft, draft.count * sizeof(char *), back);
-	if (pair == nullptr)
-		return nullptr;
-	char *at = name_of(pair) + key.length + 1;
-	for (size_t i = 0; i < draft.count; i++) {
-		size_t size = strlen(texts[i]) + 1;
-		pair->value.texts[i] = at;
-		copy_bytes(at, texts[i], size);
-		at += size;
-	}
-	return pair;
-}
-
 // A pair of nested lists, still empty, so that it can be given back at any time.
-attrpair *make_empty_lists(attrlist *list, const Key &key, const Draft &draft, TypeInfo info)
+attrpair *make_empty_lists(attrlist *list, const Key &key, uint8_t type, size_t count)
 {
-	attrpair *pair = take_pair(root_of(list), key, draft, front_size(info, draft.count), 0);
+	TypeInfo info = info_of(type);
+	attrpair *pair = take_pair(root_of(list), key, type, count, front_size(info, count), 0);
 	if (pair == nullptr)
 		return nullptr;
 	attrlist *lists = pair->value.list;
@@ -80,25 +23,6 @@ attrpair *make_empty_lists(attrlist *list, const Key &key, const Draft &draft, T
 			pair->value.lists[i] = &lists[i];
 	}
 	return pair;
-}
-
-int make_lists(attrlist *list, const Key &key, const Draft &draft, attrpair **pairp)
-{
-	if (list->level >= ATTRLIST_DEPTH_MAX && draft.count > 0)
-		return EINVAL;
-	TypeInfo info = info_of(draft.type);
-	attrpair *pair = make_empty_lists(list, key, draft, info);
-	if (pair == nullptr)
-		return ENOMEM;
-	auto *from = static_cast<attrlist *const *>(draft.data);
-	for (uint32_t i = 0; from != nullptr && i < pair->count; i++) {
-		if (int error = copy_pairs(&lists_of(pair, info)[i], from[i])) {
-			release_pair(root_of(list), pair);
-			return error;
-		}
-	}
-	*pairp = pair;
-	return 0;
 }
 
 // Pointers into their own record follow it to its new place.
@@ -128,16 +52,6 @@ attrpair *copy_record(attrlist *root, const attrpair *pair, TypeInfo info)
 	return copy;
 }
 
-size_t pair_memory(const attrpair *pair)
-{
-	size_t size = record_size(pair);
-	TypeInfo info = info_of(pair->type);
-	if (holds_lists(info))
-		for (uint32_t i = 0; i < pair->count; i++)
-			size += memory_size(&lists_of(pair, info)[i]);
-	return size;
-}
-
 } // namespace
 
 size_t long_record_size(const attrpair *pair)
@@ -155,43 +69,41 @@ size_t long_record_size(const attrpair *pair)
 Arena *make_arena(attrlist *root)
 {
 	auto *arena = static_cast<Arena *>(malloc(sizeof(Arena) + first_room));
-	if (arena != nullptr)
-		arena_start(arena);
 	root->arena = arena;
+	if (arena == nullptr)
+		return nullptr;
+	arena_start(arena);
+	arena->run = nullptr; // there are records in the list's own block already
 	return arena;
 }
 
-int make_pair(attrlist *list, const Key &key, const Draft &draft, attrpair **pairp)
+Made make_lists(attrlist *list, const Key &key, uint8_t type, attrlist *const *from, size_t count)
 {
-	attrlist *root = root_of(list);
-	TypeInfo info = info_of(draft.type);
-	switch (info.kind) {
-	case Kind::Scalar:
-	case Kind::Numbers:
-		*pairp = make_numbers(root, key, draft, info);
-		break;
-	case Kind::Text:
-		*pairp = make_text(root, key, draft);
-		break;
-	case Kind::Texts:
-		*pairp = make_texts(root, key, draft);
-		break;
-	default:
-		return make_lists(list, key, draft, pairp);
+	if (list->level >= ATTRLIST_DEPTH_MAX && count > 0)
+		return {nullptr, EINVAL};
+	attrpair *pair = make_empty_lists(list, key, type, count);
+	if (pair == nullptr)
+		return {nullptr, ENOMEM};
+	attrlist *lists = lists_of(pair, info_of(type));
+	for (size_t i = 0; from != nullptr && i < count; i++) {
+		if (int error = copy_pairs(&lists[i], from[i])) {
+			release_pair(root_of(list), pair);
+			return {nullptr, error};
+		}
 	}
-	return *pairp != nullptr ? 0 : ENOMEM;
+	return {pair, 0};
 }
 
-int copy_pair(attrlist *list, const attrpair *pair, attrpair **copyp)
+Made copy_pair(attrlist *list, const attrpair *pair)
 {
 	TypeInfo info = info_of(pair->type);
 	if (holds_lists(info)) {
 		attrlist *const *lists = info.kind == Kind::List ? &pair->value.list : pair->value.lists;
 		return make_lists(
-		    list, key_for(list, name_of(pair), pair->name_length), {pair->type, lists, pair->count}, copyp);
+		    list, key_for(list, name_of(pair), pair->name_length), pair->type, lists, pair->count);
 	}
-	*copyp = copy_record(root_of(list), pair, info);
-	return *copyp != nullptr ? 0 : ENOMEM;
+	attrpair *copy = copy_record(root_of(list), pair, info);
+	return {copy, copy != nullptr ? 0 : ENOMEM};
 }
 
 int copy_pairs(attrlist *to, attrlist *from)
@@ -199,10 +111,10 @@ int copy_pairs(attrlist *to, attrlist *from)
 	if (int error = reserve_index(to, from->count))
 		return error;
 	for (attrpair *pair = first_of(from); pair != nullptr; pair = after(from, pair)) {
-		attrpair *copy;
-		if (int error = copy_pair(to, pair, &copy))
-			return error;
-		append(to, copy, hash_for(to, name_of(copy), copy->name_length));
+		Made copy = copy_pair(to, pair);
+		if (copy.pair == nullptr)
+			return copy.error;
+		append(to, copy.pair, hash_for(to, name_of(pair), pair->name_length));
 	}
 	return 0;
 }
@@ -242,32 +154,6 @@ void release_pairs(attrlist *list)
 	release_index(list);
 	list->last = nullptr;
 	list->count = 0;
-}
-
-size_t memory_size(attrlist *list)
-{
-	size_t size = index_size(list->count);
-	for (const attrpair *pair = first_of(list); pair != nullptr; pair = after(list, pair))
-		size += pair_memory(pair);
-	return size;
-}
-
-attrlist *open_exact(size_t size, Arena *arena)
-{
-	auto *root = static_cast<attrlist *>(malloc(sizeof(attrlist) + size));
-	if (root == nullptr)
-		return nullptr;
-	char *room = reinterpret_cast<char *>(root + 1);
-	*arena = {room, room + size, nullptr, nullptr, nullptr, 0, true};
-	*root = {};
-	root->level = 1;
-	root->arena = arena;
-	return root;
-}
-
-void close_exact(attrlist *root)
-{
-	root->arena = nullptr;
 }
 
 } // namespace atl

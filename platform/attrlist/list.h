@@ -9,13 +9,6 @@
 
 namespace atl {
 
-// A pair to be made. `data` points to the value, to the array, or to the text itself; `count` is a text's length.
-struct Draft {
-	uint8_t type;
-	const void *data;
-	size_t count;
-};
-
 struct Slot {
 	attrpair *before; // the pair before the one of this slot; NULL for the list's first
 	uint32_t hash;    // 0 for an empty slot
@@ -142,10 +135,16 @@ inline Arena *arena_of(attrlist *root)
 	return root->arena != nullptr ? root->arena : make_arena(root);
 }
 
-// Makes a pair for `list`, not yet in its ring. 0, ENOMEM, EINVAL (too deep).
-int make_pair(attrlist *list, const Key &key, const Draft &draft, attrpair **pairp);
-int copy_pair(attrlist *list, const attrpair *pair, attrpair **copyp);
-// Appends copies of all pairs of `from` to the empty list `to`. After a failure `to` holds some of them.
+// A pair that isn't in a ring yet; without one, why.
+struct Made {
+	attrpair *pair;
+	int error; // ENOMEM, or EINVAL for lists that would lie too deep
+};
+
+// Makes a pair of nested lists for `list`: copies, or empty ones if `from` is NULL.
+Made make_lists(attrlist *list, const Key &key, uint8_t type, attrlist *const *from, size_t count);
+Made copy_pair(attrlist *list, const attrpair *pair);
+// Appends copies of all pairs of `from` to the empty list `to`. 0 or an error; after one, `to` holds some of them.
 int copy_pairs(attrlist *to, attrlist *from);
 
 // Puts a made pair at the end of the list, in place of one with its name. The index has room.
@@ -156,12 +155,12 @@ inline void put_pair(attrlist *list, const Key &key, attrpair *pair)
 	append(list, pair, key.hash);
 }
 
-// What the records of a list take in a block of exact size.
-size_t memory_size(attrlist *list);
 // Makes an outermost list with room of exactly `size` bytes behind it; `arena` is the caller's, and in use until
 // close_exact().
 attrlist *open_exact(size_t size, Arena *arena);
 void close_exact(attrlist *root);
+// Makes a copy of exact size. NULL without memory.
+attrlist *copy_exactly(attrlist *list);
 
 } // namespace atl
 

@@ -5,6 +5,8 @@
 #ifndef MERIDON_ATTRLIST_PAIR_H
 #define MERIDON_ATTRLIST_PAIR_H
 
+#include <cstddef>
+
 #include <meridon/attrlist.h>
 
 #include "attrlist/arena.h"
@@ -45,6 +47,8 @@ struct attrlist {
 };
 
 static_assert(sizeof(attrpair) == 24 && sizeof(attrlist) == 24, "the sizes that memory was planned with");
+static_assert(
+    offsetof(attrpair, count) == 16 && offsetof(attrpair, eighths) == 23, "set_head() writes them as one word");
 static_assert(sizeof(size_t) == 8, "the sums of sizes below can't overflow 64 bits");
 
 namespace atl {
@@ -190,13 +194,26 @@ inline bool has_name(const attrpair *pair, const Key &key)
 	return key.length <= 8 || memcmp(name_of(pair) + 8, key.name + 8, key.length - 8) == 0;
 }
 
-inline void put_name(attrpair *pair, const Key &key)
+// Sets four fields by one word, since whoever copies the record next reads them as one.
+inline void set_head(attrpair *pair, uint64_t count, uint64_t name_length, uint64_t type, uint64_t eighths)
 {
-	pair->name_length = static_cast<uint16_t>(key.length);
-	if (key.length < 8)
-		store(name_of(pair), key.head);
-	else
-		copy_bytes(name_of(pair), key.name, key.length + 1);
+#if __BYTE_ORDER == __LITTLE_ENDIAN
+	store(&pair->count, count | name_length << 32 | type << 48 | eighths << 56);
+#else
+	store(&pair->count, count << 32 | name_length << 16 | type << 8 | eighths);
+#endif
+}
+
+// Makes the pair of a new record: its name, and a value that is still a pointer to the front of the record.
+inline attrpair *start_pair(void *record, size_t front, const Key &key, uint8_t type, size_t count, uint8_t eighths)
+{
+	auto *pair = reinterpret_cast<attrpair *>(static_cast<char *>(record) + front);
+	pair->value.data = record;
+	set_head(pair, count, key.length, type, eighths);
+	store(name_of(pair), key.head);
+	if (key.length >= 8)
+		copy_padded(name_of(pair) + 8, key.name + 8, key.length - 7);
+	return pair;
 }
 
 } // namespace atl

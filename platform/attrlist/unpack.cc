@@ -185,11 +185,7 @@ bool build_pair(Build &build, attrlist *list)
 		return false;
 	build.in += sizeof(PairHeader) + key.length + 1;
 	char *record = build.arena->at;
-	auto *pair = reinterpret_cast<attrpair *>(record + front_size(info, head.count));
-	pair->value.data = record;
-	pair->count = head.count;
-	pair->type = head.type;
-	put_name(pair, key);
+	attrpair *pair = start_pair(record, front_size(info, head.count), key, head.type, head.count, 0);
 	append(list, pair, key.hash);
 	bool lists = holds_lists(info);
 	char *end = lists ? name_of(pair) + key.length + 1 : build_value(build, pair, info);

@@ -56,6 +56,22 @@ inline uint64_t load_head(const char *text, size_t length)
 #endif
 }
 
+// Copies exactly so many bytes by words, and fills the last word with zeros: `to` has room for 7 bytes more. A reader
+// by words that follows at once finds each word in one piece.
+inline void copy_padded(void *to, const void *from, size_t size)
+{
+	auto *out = static_cast<char *>(to);
+	auto *in = static_cast<const char *>(from);
+	if (size > 64) {
+		memcpy(to, from, size);
+		return;
+	}
+	for (; size >= 8; size -= 8, in += 8, out += 8)
+		store(out, load<uint64_t>(in));
+	if (size > 0)
+		store(out, load_head(in, size));
+}
+
 // Copies exactly so many bytes.
 inline void copy_bytes(void *to, const void *from, size_t size)
 {
