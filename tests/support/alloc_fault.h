@@ -51,8 +51,10 @@ struct HeapUse {
 HeapUse heap_use();
 
 #define SKIP_WITHOUT_ALLOC_FAULTS()                                                                                    \
-	if (!AllocFault::available())                                                                                  \
-	GTEST_SKIP() << "a sanitizer owns the allocator of this build"
+	do {                                                                                                           \
+		if (!AllocFault::available())                                                                          \
+			GTEST_SKIP() << "a sanitizer owns the allocator of this build";                                \
+	} while (0)
 
 // Calls `operation` with its first, second, third ... allocation failing, until it runs without a hit.
 //   prepare()                 makes what the operation works on, before anything fails
