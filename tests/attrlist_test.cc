@@ -287,16 +287,28 @@ TEST(AttrList, DepthHasALimit)
 	EXPECT_EQ(list_text(copy.get()), list_text(deepest.get()));
 }
 
+// From the second round on the pairs lie in one run of memory, with and without an index.
 TEST(AttrList, ClearedListIsAsGoodAsNew)
 {
 	AttrList list = make_list();
-	for (int round = 0; round < 3; round++) {
+	for (int round = 0; round < 6; round++) {
 		ASSERT_EQ(attrlist_clear(list.get()), 0);
 		AttrList rich = make_rich_list(), copy;
 		ASSERT_EQ(attrlist_merge(list.get(), rich.get(), ATL_UNIQUE_NAME_TYPE), 0);
+		std::string expected = rich_text;
+		for (int more = 0; more < round; more++) {
+			std::string name(1, static_cast<char>('A' + more));
+			ASSERT_EQ(attrlist_add_int32(list.get(), name.c_str(), more), 0);
+			expected += name + ":5=" + std::to_string(more) + ";";
+		}
 		ASSERT_EQ(attrlist_dup(list.get(), copy.out(), 0), 0);
-		EXPECT_EQ(list_text(list.get()), rich_text);
-		EXPECT_EQ(list_text(copy.get()), rich_text);
+		EXPECT_EQ(list_text(copy.get()), expected);
+		// Both can be changed, each for itself.
+		ASSERT_EQ(attrlist_remove_all(copy.get(), "u32"), 0);
+		ASSERT_EQ(attrlist_add_string(copy.get(), "s", "new"), 0);
+		EXPECT_EQ(list_text(list.get()), expected);
+		ASSERT_EQ(attrlist_clear(list.get()), 0);
+		EXPECT_EQ(list_text(copy.get()).find("lost"), std::string::npos);
 	}
 }
 
@@ -435,6 +447,8 @@ TEST(AttrListMemory, ReplacedValuesAreUsedAgain)
 	attrlist_t *nested = nullptr;
 	ASSERT_EQ(attrlist_lookup_attrlist(list.get(), "l", &nested), 0);
 	attrlist_t *copies[] = {inner.get(), inner.get()};
+	attrlist_t *innermost = nullptr;
+	AttrList deepest = make_deep(ATTRLIST_DEPTH_MAX, &innermost);
 	std::string text(3000, 'x');
 	long settled = 0;
 	for (int round = 0; round < 100000; round++) {
@@ -446,6 +460,10 @@ TEST(AttrListMemory, ReplacedValuesAreUsedAgain)
 		    attrlist_add_uint64_array(list.get(), "u64s", many_numbers, static_cast<uint_t>(round % 1000)), 0);
 		if (round % 20 == 0) {
 			ASSERT_EQ(attrlist_add_attrlist_array(list.get(), "copies", copies, 2), 0);
+		}
+		// What was made before a failure is used again too.
+		if (round % 20 == 0) {
+			ASSERT_EQ(attrlist_add_attrlist(list.get(), "too deep", deepest.get()), EINVAL);
 		}
 		if (round == 20000)
 			settled = heap_use().bytes;
