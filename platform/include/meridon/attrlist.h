@@ -5,10 +5,13 @@
  * pair, whatever its type, and the new pair takes the last place. Pairs keep their order of insertion.
  *
  * Rules that hold for every call below, unless its comment says otherwise:
- *   Owns:    what is added is copied, deeply; the caller keeps what it added. What a look-up or a pair-value call
- *            gives points into the list: it stays valid until the list is changed or freed, and is never freed.
- *   Errors:  0, or an errno value; nothing is changed on failure.
- *            EINVAL  a NULL list, name, value or out-parameter; an array that is NULL with a count above 0
+ *   Owns:    what is added is copied, deeply; the caller keeps what it added, which may lie in the same list. What a
+ *            look-up or a pair-value call gives points into the list and is only read, but for a nested list, which may be
+ *            changed in its place. It stays where it is until its pair is removed or replaced, or the list is freed, and
+ *            is never freed by itself. Memory of removed pairs is used again, and given back when the outermost list goes.
+ *   Errors:  0, or an errno value; nothing is changed on failure, and no out-parameter is written.
+ *            EINVAL  a NULL list, name, value or out-parameter; an array that is NULL with a count above 0; more than a
+ *                    limit below allows
  *            ENOMEM  memory ran out
  *            ENOENT  a look-up or a removal found no pair of that name and type
  *   Limits:  ATTRLIST_DEPTH_MAX, ATTRLIST_NAME_MAX, ATTRLIST_ELEMENTS_MAX
@@ -80,7 +83,7 @@ typedef struct attrpair attrpair_t;
 
 /* ---- Walking. These have no errno result; a NULL argument gives NULL, DATA_TYPE_UNKNOWN or 0. ---- */
 
-/* The pair after `pair`, the first one if `pair` is NULL, NULL at the end. Doesn't survive a change of the list. */
+/* The pair after `pair`, the first one if `pair` is NULL, NULL at the end. `pair` is to be in the list still. */
 attrpair_t *attrlist_next_attrpair(attrlist_t *list, const attrpair_t *pair);
 /* The name, which the pair owns. */
 char *attrpair_name(const attrpair_t *pair);
@@ -111,7 +114,7 @@ int attrlist_dup(attrlist_t *list, attrlist_t **outp, int zero);
  */
 int attrlist_merge(attrlist_t *dst, attrlist_t *src, int flag);
 
-/* Removes all pairs and keeps the memory for the next ones: for a scratch list that is filled again and again. */
+/* Removes all pairs and keeps memory for the next ones: for a scratch list that is filled again and again. */
 int attrlist_clear(attrlist_t *list);
 
 /* ---- Building a whole list at once ---- */
@@ -152,7 +155,8 @@ int attrlist_pack(attrlist_t *list, char **bufp, size_t *lenp, int encoding, int
 
 /*
  * Makes a new list from packed bytes: same pairs, types, order and mode. The bytes may come from a stranger:
- * whatever isn't exactly what attrlist_pack() writes is EINVAL, and no length is believed before it is proven.
+ * whatever isn't exactly what attrlist_pack() writes is EINVAL, and no length is believed before it is proven. A list
+ * takes at most 9 times the bytes that it's made from.
  * Owns: *outp is new; free it with attrlist_free(). Untouched on failure.
  */
 int attrlist_unpack(const char *buf, size_t len, attrlist_t **outp, int zero);
@@ -165,7 +169,7 @@ int attrlist_add_uint32(attrlist_t *list, const char *name, uint32_t value);
 int attrlist_add_int64(attrlist_t *list, const char *name, int64_t value);
 int attrlist_add_uint64(attrlist_t *list, const char *name, uint64_t value);
 int attrlist_add_string(attrlist_t *list, const char *name, const char *value);
-/* EINVAL also if the result would be deeper than ATTRLIST_DEPTH_MAX. `value` may be `list` itself: its copy is added. */
+/* EINVAL also if the result were deeper than ATTRLIST_DEPTH_MAX. `value` may be `list` itself: its copy is added. */
 int attrlist_add_attrlist(attrlist_t *list, const char *name, attrlist_t *value);
 /* Adds an empty nested list and hands it out, to be filled in place: *valuep lies in `list`. */
 int attrlist_add_new_attrlist(attrlist_t *list, const char *name, attrlist_t **valuep);
