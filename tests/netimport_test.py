@@ -14,7 +14,7 @@ class NetImport(t.ToolTest):
             self.write("resolv.conf", resolver)
 
     def netimport(self, code=0):
-        program = os.path.join(os.path.abspath(t.BUILD), "examples", "netimport")
+        program = os.path.join(os.path.abspath(t.BUILD), "examples", "netimport", "netimport")
         done = subprocess.run([program, "net.db", "."], cwd=self.dir, capture_output=True, timeout=60)
         self.assertEqual(done.returncode, code, done.stderr)
         return done

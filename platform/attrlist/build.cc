@@ -152,10 +152,14 @@ attrpair *put_pair(Block *block, attrlist *list, TypeInfo info, const attrdraft_
 	pair->count = draft.count;
 	pair->name_length = static_cast<uint16_t>(draft.name.length);
 	pair->type = static_cast<uint8_t>(draft.type);
-	pair->flags = 0;
 	(void) put_text(atl::name_of(pair), draft.name);
 	char *end = set_value(list, pair, info, draft, front);
-	block->at = front + atl::rounded(static_cast<size_t>(end - front));
+	size_t size = atl::rounded(static_cast<size_t>(end - front));
+	// However large, a record of this block goes with the block.
+	pair->eighths = atl::EIGHTHS_MANY;
+	if (size / 8 < atl::EIGHTHS_MANY)
+		pair->eighths = static_cast<uint8_t>(size / 8);
+	block->at = front + size;
 	return pair;
 }
 
