@@ -127,7 +127,7 @@ protected:
 	}
 
 	std::string dir_;
-	const std::vector<std::string> silence_;
+	std::vector<std::string> silence_;
 };
 
 } // namespace
