@@ -105,6 +105,7 @@ static constexpr struct ostrel_db_cmds files_db_cmds = {
     .dbc_remove = ostrel_remove_object_from_file,
     .dbc_audit = nullptr,
     .dbc_auth = nullptr,
+    .dbc_visit = ostrel_visit_objects_of_file,
 };
 
 // Read only, by having no slots to update with.
@@ -398,24 +399,48 @@ static int compare_objects(const void *a, const void *b, void *sortcb)
 	return (*static_cast<ostrel_sortcb_t **>(sortcb))(element(a), element(b));
 }
 
-// Calls back for each object. The callback gets the lists that lie in the object, which nobody else will look at again,
-// and the object goes when the callback is done.
-static ostrel_error_t call_back(
-    ostrel_db_t db, Objects &objs, uint64_t flags, ostrel_walkcb_t *cb, void *arg, int *cbret)
+// What a walk was called with.
+struct Walk {
+	ostrel_db_t db;
+	uint64_t flags;
+	ostrel_walkcb_t *cb;
+	void *arg;
+	int *cbret;
+};
+
+// Calls back for one object. The callback gets the lists that lie in it, which nobody else will look at again.
+static ostrel_error_t call_back(attrlist_t *object, void *arg)
 {
+	const Walk *walk = static_cast<const Walk *>(arg);
+	attrlist_t *idl;
+	attrlist_t *props;
+	if (ostrel_error_t result = ostrel_object_look(object, &idl, &props))
+		return result;
+	const int returned = walk->cb(walk->db, idl, props, walk->flags, walk->arg);
+	if (OSTREL_TRACED(db__walk__cb))
+		ostrel_trace_db_walk_cb(returned, walk->db, idl, props, walk->arg);
+	if (returned == 0)
+		return OSTREL_SUCCESS;
+	if (walk->cbret != nullptr)
+		*walk->cbret = returned;
+	return OSTREL_WALK_HALTED;
+}
+
+static ostrel_error_t walk_array(Walk *walk, attrlist_t *idl, ostrel_sortcb_t *sortcb)
+{
+	Objects objs;
+	ostrel_error_t result = walk->db->db_cmds->dbc_read(
+	    walk->db, idl, walk->flags | OSTREL_FLAG_WITH_PROPS, objs.out(), objs.out_count());
+	if (result != OSTREL_SUCCESS) {
+		objs.forget();
+		return result;
+	}
+	if (sortcb != nullptr && objs.count() > 1)
+		qsort_r(&objs[0], objs.count(), sizeof(attrlist_t *), compare_objects, &sortcb);
 	for (unsigned int i = 0; i < objs.count(); i++) {
-		attrlist_t *idl;
-		attrlist_t *props;
-		if (ostrel_error_t result = ostrel_object_look(objs[i], &idl, &props))
+		result = call_back(objs[i], walk);
+		if (result != OSTREL_SUCCESS)
 			return result;
-		const int returned = cb(db, idl, props, flags, arg);
-		if (OSTREL_TRACED(db__walk__cb))
-			ostrel_trace_db_walk_cb(returned, db, idl, props, arg);
-		if (returned != 0) {
-			if (cbret != nullptr)
-				*cbret = returned;
-			return OSTREL_WALK_HALTED;
-		}
 		objs.drop(i);
 	}
 	return OSTREL_SUCCESS;
@@ -427,16 +452,10 @@ static ostrel_error_t walk(ostrel_db_t db, attrlist_t *idl, uint64_t flags, ostr
 {
 	if (db == nullptr || db->db_cmds->dbc_read == nullptr || cb == nullptr)
 		return SETERROR(OSTREL_INVALID_ARG);
-	Objects objs;
-	ostrel_error_t result =
-	    db->db_cmds->dbc_read(db, idl, flags | OSTREL_FLAG_WITH_PROPS, objs.out(), objs.out_count());
-	if (result != OSTREL_SUCCESS) {
-		objs.forget();
-		return result;
-	}
-	if (sortcb != nullptr && objs.count() > 1)
-		qsort_r(&objs[0], objs.count(), sizeof(attrlist_t *), compare_objects, &sortcb);
-	return call_back(db, objs, flags, cb, arg, cbret);
+	Walk all = {db, flags, cb, arg, cbret};
+	if (sortcb == nullptr && db->db_cmds->dbc_visit != nullptr)
+		return db->db_cmds->dbc_visit(db, idl, flags | OSTREL_FLAG_WITH_PROPS, call_back, &all);
+	return walk_array(&all, idl, sortcb);
 }
 
 ostrel_error_t ostrel_db_walk(ostrel_db_t db, attrlist_t *idl, uint64_t flags, ostrel_walkcb_t *cb,

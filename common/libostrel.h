@@ -415,20 +415,20 @@ typedef struct ostrel_valdesc {
 /* One property. A table of properties ends with an entry whose name is NULL. What the library doesn't read is the
  * caller's own. */
 typedef struct ostrel_propdesc {
-	const char *npd_name;                      /* the property's name in the list */
-	const char *npd_description;               /* not read */
-	uint64_t npd_type;                         /* the stored type: DATA_TYPE_BOOLEAN, _INT64, _UINT64 or _STRING;
+	const char *npd_name;                     /* the property's name in the list */
+	const char *npd_description;              /* not read */
+	uint64_t npd_type;                        /* the stored type: DATA_TYPE_BOOLEAN, _INT64, _UINT64 or _STRING;
 						      DATA_TYPE_UNKNOWN leaves it alone on the way to the store */
-	uint_t npd_min_vals;                       /* not read */
-	uint_t npd_max_vals;                       /* not read */
-	int64_t npd_min_range;                     /* not read */
-	int64_t npd_max_range;                     /* not read */
-	uint64_t npd_flags;                        /* OSTREL_PROP_* */
-	const char *npd_delimiters;                /* the delimiter characters of a delimited property */
-	const ostrel_valdesc_t *npd_legacy_names;  /* not read */
-	const ostrel_valdesc_t *npd_vals;          /* the names of values, or NULL */
-	uint_t npd_version;                        /* not read */
-	ostrel_valdesc_t npd_stability;            /* not read */
+	uint_t npd_min_vals;                      /* not read */
+	uint_t npd_max_vals;                      /* not read */
+	int64_t npd_min_range;                    /* not read */
+	int64_t npd_max_range;                    /* not read */
+	uint64_t npd_flags;                       /* OSTREL_PROP_* */
+	const char *npd_delimiters;               /* the delimiter characters of a delimited property */
+	const ostrel_valdesc_t *npd_legacy_names; /* not read */
+	const ostrel_valdesc_t *npd_vals;         /* the names of values, or NULL */
+	uint_t npd_version;                       /* not read */
+	ostrel_valdesc_t npd_stability;           /* not read */
 } ostrel_propdesc_t;
 
 /*

@@ -107,6 +107,7 @@ void BlockReader::take_lines(size_t length, ostrel_block *block)
 	char *begin = fresh - tail_length_;
 	offset_ += static_cast<off_t>(length);
 	block->begin = block->end = begin;
+	block->open = false;
 	if (dropping_) {
 		char *newline = static_cast<char *>(memchr(fresh, '\n', length));
 		if (newline == nullptr)
@@ -123,6 +124,18 @@ void BlockReader::take_lines(size_t length, ostrel_block *block)
 	keep_tail(after, end);
 }
 
+// The last line, if it has no newline.
+void BlockReader::end_file(ostrel_block *block)
+{
+	block->begin = memory_ + head_ - tail_length_;
+	block->end = memory_ + head_;
+	block->offset = offset_ - static_cast<off_t>(tail_length_);
+	block->open = tail_length_ > 0;
+	if (block->open)
+		*block->end++ = '\n';
+	tail_length_ = 0;
+}
+
 int BlockReader::next(ostrel_block *block)
 {
 	for (;;) {
@@ -132,10 +145,7 @@ int BlockReader::next(ostrel_block *block)
 		if (int error = fill(&length))
 			return error;
 		if (length == 0) {
-			block->begin = memory_ + head_ - tail_length_;
-			block->end = memory_ + head_;
-			block->offset = offset_ - static_cast<off_t>(tail_length_);
-			tail_length_ = 0;
+			end_file(block);
 			return 0;
 		}
 		take_lines(length, block);

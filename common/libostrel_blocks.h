@@ -18,11 +18,18 @@
 // What becomes of lines that are longer than OSTREL_LINE_MAX and reach beyond a block.
 enum class LongLines { Drop, Keep };
 
-// A run of whole lines. The last line of a file may lack its newline. The bytes may be changed until the next block.
+// A run of whole lines, each with its newline. The bytes may be changed until the next block.
 struct ostrel_block {
 	char *begin;
 	char *end;    // begin == end: the file has ended
 	off_t offset; // of `begin` in the file
+	bool open;    // the newline of the last line isn't the file's: the file ends without one
+
+	// The bytes of a line in the file, its newline included.
+	size_t size_of(const char *line, const char *newline) const
+	{
+		return static_cast<size_t>(newline - line) + (open && newline + 1 == end ? 0 : 1);
+	}
 };
 
 class BlockReader {
@@ -45,6 +52,7 @@ private:
 	int fill(size_t *length);
 	void take_lines(size_t length, ostrel_block *block);
 	void keep_tail(char *from, char *to);
+	void end_file(ostrel_block *block);
 
 	int fd_;
 	LongLines long_lines_;

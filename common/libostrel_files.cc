@@ -9,6 +9,7 @@
 #include "base/guards.h"
 #include "libostrel_blocks.h"
 #include "libostrel_lines.h"
+#include "libostrel_select.h"
 
 // The result of a read while it grows: all or nothing.
 class ObjectArray {
@@ -34,7 +35,8 @@ public:
 	}
 	int count() const { return used_; }
 
-	ostrel_error_t add(attrlist_t *idlist, attrlist_t *props)
+	// A place for one more object, which counts when it is kept().
+	ostrel_error_t place(attrlist_t ***place)
 	{
 		if (used_ == room_) {
 			void *grown = objects_;
@@ -42,11 +44,10 @@ public:
 				return SETERROR(bad);
 			objects_ = static_cast<attrlist_t **>(grown);
 		}
-		if (ostrel_error_t bad = ostrel_object_create(idlist, props, &objects_[used_]))
-			return SETERROR(bad);
-		used_++;
+		*place = &objects_[used_];
 		return OSTREL_SUCCESS;
 	}
+	void kept() { used_++; }
 
 	void hand_out(attrlist_t ***objects, uint_t *count)
 	{
@@ -60,14 +61,6 @@ private:
 	attrlist_t **objects_ = nullptr;
 	int room_ = 0;
 	int used_ = 0;
-};
-
-// What a read looks for.
-struct Search {
-	ostrel_db_t db;
-	attrlist_t *idlist;
-	bool with_props;
-	boolean_t exact;
 };
 
 const char *ostrel_file_path(ostrel_db_t db, attrlist_t *idlist)
@@ -88,64 +81,85 @@ int ostrel_open_db_file(ostrel_db_t db, const char *path, int oflag, int *err)
 	return fd;
 }
 
-// The text of one line: what stands before its newline, or before a NUL byte.
-static char *cut_line(char *begin, char *end, char **next)
+static ostrel_error_t keep_object(ObjectArray *objects, attrlist_t *idlist, attrlist_t *props)
 {
-	char *newline = static_cast<char *>(memchr(begin, '\n', static_cast<size_t>(end - begin)));
-	char *stop = newline != nullptr ? newline : end;
-	*next = newline != nullptr ? newline + 1 : end;
-	*stop = '\0'; // behind the last line of a file there is slack
-	return begin;
+	attrlist_t **place = nullptr;
+	if (ostrel_error_t bad = objects->place(&place))
+		return bad;
+	if (ostrel_error_t bad = ostrel_object_create(idlist, props, place))
+		return SETERROR(bad);
+	objects->kept();
+	return OSTREL_SUCCESS;
 }
 
-static ostrel_error_t take_object_line(const Search &search, char *line, ObjectArray *objects)
+static char *newline_of(char *line, char *end)
 {
-	while (ostrel_line_space(*line))
-		line++;
-	if (*line == '#' || *line == '\0')
-		return OSTREL_SUCCESS;
-	AttrList idlist;
-	AttrList props;
-	ostrel_error_t result = ostrel_line2attrlist(line, idlist.out(), props.out());
-	if (result == OSTREL_INVALID_ARG)
-		return OSTREL_SUCCESS;
-	if (result != OSTREL_SUCCESS)
-		return SETERROR(result);
-	if (search.idlist != nullptr && !ostrel_idlist_match(search.db, search.idlist, idlist.get(), search.exact))
-		return OSTREL_SUCCESS;
-	return objects->add(idlist.get(), search.with_props ? props.get() : nullptr);
+	return static_cast<char *>(memchr(line, '\n', static_cast<size_t>(end - line)));
 }
 
-static ostrel_error_t take_raw_line(const Search &search, const char *line, ObjectArray *objects)
+// ---- Raw files ----
+
+static ostrel_error_t keep_raw_line(const char *line, bool with_props, ObjectArray *objects)
 {
 	AttrList idlist;
 	AttrList props;
 	uint_t lineno = static_cast<uint_t>(objects->count()) + 1;
 	if (ostrel_error_t bad = ostrel_rawline2attrlist(line, lineno, idlist.out(), props.out()))
 		return bad;
-	return objects->add(idlist.get(), search.with_props ? props.get() : nullptr);
+	return keep_object(objects, idlist.get(), with_props ? props.get() : nullptr);
 }
 
-static ostrel_error_t read_lines(bool raw, const Search &search, int fd, ObjectArray *objects)
+static ostrel_error_t read_raw_lines(int fd, bool with_props, ObjectArray *objects)
 {
-	BlockReader reader(fd, raw ? LongLines::Keep : LongLines::Drop);
+	BlockReader reader(fd, LongLines::Keep);
 	for (;;) {
 		ostrel_block block;
 		if (int error = reader.next(&block))
 			return SETERRNO(error);
 		if (block.begin == block.end)
 			return OSTREL_SUCCESS;
-		char *next = block.begin;
-		while (next < block.end) {
-			char *line = cut_line(next, block.end, &next);
-			if (!raw && next - line > OSTREL_LINE_MAX)
-				continue;
-			ostrel_error_t result =
-			    raw ? take_raw_line(search, line, objects) : take_object_line(search, line, objects);
-			if (result != OSTREL_SUCCESS)
-				return result;
+		for (char *line = block.begin; line < block.end;) {
+			char *newline = newline_of(line, block.end);
+			*newline = '\0';
+			if (ostrel_error_t bad = keep_raw_line(line, with_props, objects))
+				return bad;
+			line = newline + 1;
 		}
 	}
+}
+
+// ---- Flat files ----
+
+// Makes objects of the selected lines.
+class ObjectSink final : public LineSink {
+public:
+	ObjectSink(bool with_props, ObjectArray *objects) : with_props_(with_props), objects_(objects) {}
+
+	ostrel_error_t plain_line(ostrel_fields *fields, const char *) override
+	{
+		attrlist_t **place = nullptr;
+		if (ostrel_error_t bad = objects_->place(&place))
+			return bad;
+		if (ostrel_error_t bad = ostrel_make_object(fields, with_props_, place))
+			return SETERROR(bad);
+		objects_->kept();
+		return OSTREL_SUCCESS;
+	}
+	ostrel_error_t odd_line(const char *, const char *, attrlist_t *idlist, attrlist_t *props) override
+	{
+		return keep_object(objects_, idlist, with_props_ ? props : nullptr);
+	}
+
+private:
+	bool with_props_;
+	ObjectArray *objects_;
+};
+
+static ostrel_error_t read_objects(
+    int fd, ostrel_db_t db, attrlist_t *idlist, uint64_t flags, bool with_props, ObjectArray *objects)
+{
+	ObjectSink sink(with_props, objects);
+	return LineSelection(db, idlist, (flags & OSTREL_FLAG_EXACT_MATCH) != 0, &sink).read(fd);
 }
 
 ostrel_error_t ostrel_read_objects_from_file_common(
@@ -168,10 +182,11 @@ ostrel_error_t ostrel_read_objects_from_file_common(
 	ObjectArray objects;
 	if (ostrel_error_t bad = objects.init())
 		return bad;
-	Search search = {db, idlist, (flags & OSTREL_FLAG_WITH_PROPS) != 0,
-	    (flags & OSTREL_FLAG_EXACT_MATCH) != 0 ? B_TRUE : B_FALSE};
-	if (ostrel_error_t bad = read_lines(raw != B_FALSE, search, file.get(), &objects))
-		return bad;
+	bool with_props = (flags & OSTREL_FLAG_WITH_PROPS) != 0;
+	ostrel_error_t result = raw != B_FALSE ? read_raw_lines(file.get(), with_props, &objects)
+					       : read_objects(file.get(), db, idlist, flags, with_props, &objects);
+	if (result != OSTREL_SUCCESS)
+		return result;
 	objects.hand_out(objlist, nobjs);
 	return OSTREL_SUCCESS;
 }

@@ -28,19 +28,8 @@ extern const struct ostrel_error_info ostrel_errors[OSTREL_ERROR_COUNT];
 
 // Results: raise where the library finds a failure, with file and line; forward unchanged afterwards.
 ostrel_error_t ostrel_seterror_verbose(const char *file, int line, ostrel_error_t err);
-#define SETERROR(err) ostrel_seterror_verbose(ostrel_source_name(__FILE__), __LINE__, (err))
-#define SETERRNO(err) SETERROR(ostrel_errno2error(err))
-
-// The name of a source without its folders, the same wherever and however it was compiled.
-consteval const char *ostrel_source_name(const char *path)
-{
-	const char *name = path;
-	for (; *path != '\0'; path++) {
-		if (*path == '/')
-			name = path + 1;
-	}
-	return name;
-}
+#define SETERROR(err) ostrel_seterror_verbose(__FILE__, __LINE__, (err))
+#define SETERRNO(err) ostrel_seterror_verbose(__FILE__, __LINE__, ostrel_errno2error(err))
 
 typedef ostrel_error_t ostrel_opencmd_t(ostrel_db_t db);
 typedef void ostrel_closecmd_t(ostrel_db_t db);
@@ -51,6 +40,10 @@ typedef ostrel_error_t ostrel_renamecmd_t(ostrel_db_t db, attrlist_t *idl, uint6
 typedef ostrel_error_t ostrel_removecmd_t(ostrel_db_t db, attrlist_t *idl, uint64_t flags);
 typedef void ostrel_auditcmd_t(ostrel_db_t db, unsigned short event, attrlist_t *idl, ostrel_error_t result);
 typedef ostrel_error_t ostrel_authcmd_t(ostrel_db_t db, boolean_t write);
+// Gets one object with its properties; anything but OSTREL_SUCCESS ends the visit. It may change the object, not free it.
+typedef ostrel_error_t ostrel_visit_t(attrlist_t *object, void *arg);
+typedef ostrel_error_t ostrel_visitcmd_t(
+    ostrel_db_t db, attrlist_t *idl, uint64_t flags, ostrel_visit_t *visit, void *arg);
 
 // A back end: what it receives and must return, slot by slot. An empty slot (NULL) means what stands in brackets.
 struct ostrel_db_cmds {
@@ -75,6 +68,10 @@ struct ostrel_db_cmds {
 	ostrel_auditcmd_t *dbc_audit;
 	// With no lock held; B_TRUE for an update. [OSTREL_SUCCESS without any test]
 	ostrel_authcmd_t *dbc_auth;
+	// For a walk in the store's order: as dbc_read with properties, but the objects are made one by one, so that
+	// they needn't all be in memory. What can fail in the store has been done before the first visit, and the
+	// objects are those of one moment. Gives what the visit gave. [dbc_read serves]
+	ostrel_visitcmd_t *dbc_visit = nullptr;
 };
 
 // The events that dbc_audit gets: the one for a write or a rename, the other for a remove.
@@ -157,8 +154,7 @@ public:
 	Objects &operator=(const Objects &) = delete;
 	~Objects()
 	{
-		// A call that failed may have stored its count ahead of the array.
-		for (unsigned int i = 0; objs_ != nullptr && i < count_; i++)
+		for (unsigned int i = 0; i < count_; i++)
 			attrlist_free(objs_[i]);
 		free(objs_);
 	}
@@ -205,6 +201,7 @@ ostrel_readcmd_t ostrel_read_objects_from_rawfile;
 ostrel_writecmd_t ostrel_write_object_to_file;
 ostrel_renamecmd_t ostrel_rename_object_in_file;
 ostrel_removecmd_t ostrel_remove_object_from_file;
+ostrel_visitcmd_t ostrel_visit_objects_of_file;
 
 // File operations in another enclave, in errno values
 int ostrel_zopen(const char *path, int oflag, mode_t mode, enclaveid_t enclave, int *err);

@@ -36,8 +36,8 @@ ostrel_error_t ostrel_object_look(attrlist_t *obj, attrlist_t **idlp, attrlist_t
 
 ostrel_error_t ostrel_object_get(attrlist_t *obj, attrlist_t **idlp, attrlist_t **propsp)
 {
-	attrlist_t *idl = nullptr;
-	attrlist_t *props = nullptr;
+	attrlist_t *idl;
+	attrlist_t *props;
 
 	if (idlp == nullptr && propsp == nullptr)
 		return OSTREL_INVALID_ARG;

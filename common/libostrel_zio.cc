@@ -79,7 +79,6 @@ int ostrel_zfork(enclaveid_t enclave, boolean_t enter, pid_t *pid)
 	*pid = 0;
 	if (enclave == ENCLAVE_ID_GLOBAL)
 		return 0;
-	(void) getenclaveid(); // looked up here, so that no child has to
 	Fd tmpl(covenant_open(COVENANT_PROCESS_TEMPLATE, O_RDWR | O_CLOEXEC));
 	if (!tmpl)
 		return errno;

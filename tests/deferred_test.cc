@@ -51,7 +51,7 @@ struct Store {
 	std::mutex mutex;
 	std::function<ostrel_error_t(size_t call)> answer;
 	std::vector<Call> calls;
-	std::atomic<int> audits;
+	int audits = 0;
 } store;
 
 std::string text_of(attrlist_t *list)
@@ -127,12 +127,6 @@ AttrList props(const std::string &value)
 
 class Deferred : public testing::Test {
 protected:
-	// With a sanitizer, the first thread brings one of its own along, which stays.
-	static void SetUpTestSuite()
-	{
-		std::thread([] {}).join();
-		usleep(20000);
-	}
 	void SetUp() override
 	{
 		store.calls.clear();
@@ -147,14 +141,7 @@ protected:
 		finish();
 		ostrel_db_close(db_);
 	}
-	// Afterwards the test may look at what the threads wrote: it has taken the locks under which they did.
-	void finish() const
-	{
-		wait_for_threads(threads_);
-		ostrel_db_wrlock(db_);
-		std::lock_guard<std::mutex> lock(store.mutex);
-		ostrel_db_unlock(db_);
-	}
+	void finish() const { wait_for_threads(threads_); }
 	// The answers in turn; the last one for ever.
 	static void answer(std::vector<ostrel_error_t> results)
 	{
@@ -302,6 +289,7 @@ namespace {
 void defer_many(ostrel_db_t db, int count, int threads_before)
 {
 	hold_sleepers = true;
+	store.calls.clear();
 	for (int i = 0; i < count; i++)
 		ASSERT_EQ(ostrel_db_write(db, ids(std::to_string(i)).get(), 0, props("v").get()), OSTREL_SUCCESS);
 	EXPECT_EQ(threads_alive(), threads_before + count) << "all are in flight";
@@ -332,10 +320,10 @@ TEST_F(Deferred, ThousandInFlightAllLandAndLeaveNothing)
 		return OSTREL_SUCCESS;
 	};
 	size_t bytes = 0;
-	for (int round = 0; round < 2; round++) { // the first round fills the caches of the C library
+	for (int round = 0; round < 3; round++) { // the first round fills the caches of the C library
+		landed.clear();
 		landings = 0;
 		defer_many(db_, count, threads_);
-		finish();
 		EXPECT_EQ(landings, count);
 		EXPECT_EQ(landed.size(), static_cast<size_t>(count));
 		EXPECT_EQ(landed.count("name=999;prop=v;"), 1u);

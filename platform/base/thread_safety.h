@@ -86,12 +86,11 @@ private:
 	RwLock &lock_;
 };
 
-// Gives up a mutex for a while, a wait for instance, and takes it again. To the analysis the destructor of a scoped guard
-// undoes what its constructor did, and the attribute for that is RELEASE whichever way round it is.
+// Gives up a mutex for a while, a wait for instance, and takes it again.
 class SCOPED_CAPABILITY Unlocked {
 public:
 	explicit Unlocked(Mutex &mutex) RELEASE(mutex) : mutex_(mutex) { mutex_.unlock(); }
-	~Unlocked() RELEASE() { mutex_.lock(); }
+	~Unlocked() ACQUIRE() { mutex_.lock(); }
 	Unlocked(const Unlocked &) = delete;
 	Unlocked &operator=(const Unlocked &) = delete;
 

@@ -69,19 +69,11 @@ struct ThreadState {
 
 thread_local ThreadState state;
 
-// Some hosts refuse a memory file that could hold a program; older kernels don't know how to promise that it can't.
-int make_memory_file(const char *name)
-{
-	constexpr unsigned no_exec_seal = 0x8; // MFD_NOEXEC_SEAL
-	int fd = memfd_create(name, MFD_CLOEXEC | no_exec_seal);
-	return fd == -1 && errno == EINVAL ? memfd_create(name, MFD_CLOEXEC) : fd;
-}
-
 int read_template(int fd, Template *tmpl)
 {
 	ssize_t got = pread(fd, tmpl, sizeof *tmpl, 0);
 	if (got == -1)
-		return errno == ESPIPE || errno == EISDIR ? EINVAL : errno; // a pipe, a directory: no template
+		return errno == EBADF ? EBADF : EINVAL; // ESPIPE, EISDIR: no template
 	return got == static_cast<ssize_t>(sizeof *tmpl) && tmpl->magic == template_magic ? 0 : EINVAL;
 }
 
@@ -95,8 +87,8 @@ int set_field(int fd, uint32_t Template::*field, uint32_t value, uint32_t suppor
 	tmpl.*field = value;
 	ssize_t put = pwrite(fd, &tmpl, sizeof tmpl, 0);
 	if (put == -1)
-		return errno;
-	return put == static_cast<ssize_t>(sizeof tmpl) ? 0 : EIO;
+		return errno == EBADF ? EBADF : EINVAL;
+	return put == static_cast<ssize_t>(sizeof tmpl) ? 0 : EINVAL;
 }
 
 // A plain fork() doesn't tell its handlers the child's id, so the child says it in shared memory.
@@ -160,7 +152,7 @@ int covenant_open(const char *path, int oflag)
 		errno = EINVAL;
 		return -1;
 	}
-	Fd file(make_memory_file("covenant template"));
+	Fd file(memfd_create("covenant template", MFD_CLOEXEC));
 	if (!file)
 		return -1;
 	Template tmpl;

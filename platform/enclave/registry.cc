@@ -352,10 +352,10 @@ int list_entry(int dir, const char *name, RecordArray *records)
 	int error = enclave_read_record(dir, info.ei_id, &info);
 	if (error == ENOENT)
 		return 0; // removed in the meantime
-	if (error == EBADMSG || error == EPERM || error == EACCES)
-		info.ei_state = ENCLAVE_STATE_INVALID;
-	else if (error != 0)
+	if (error == EMFILE || error == ENFILE || error == ENOMEM)
 		return error;
+	if (error != 0)
+		info.ei_state = ENCLAVE_STATE_INVALID;
 	return records->add(info);
 }
 

@@ -51,8 +51,6 @@ public:
 	FailNth(const FailNth &) = delete;
 	FailNth &operator=(const FailNth &) = delete;
 
-	// Ends the trouble before the assertions, which make calls too.
-	void stop() { nth_ = 0; }
 	// Whether the n-th call was made, here or in a forked child.
 	bool fired() const;
 	// How many calls were seen so far, the failed one included.

@@ -52,21 +52,17 @@ private:
 	void start_leader(Kind kind);
 };
 
-// Why there can be no enclaves of that kind here, or NULL.
+// Why there can be no enclaves here, or NULL.
 const char *why_no_enclaves(TestEnclave::Kind kind = TestEnclave::RootOnly);
-
-// The fullest kind that can be had, for a test that goes with any.
-inline TestEnclave::Kind fullest_enclave()
-{
-	return why_no_enclaves(TestEnclave::Leader) == nullptr ? TestEnclave::Leader : TestEnclave::RootOnly;
-}
 
 #define SKIP_WITHOUT_ENCLAVES(...)                                                                                     \
 	if (const char *why = why_no_enclaves(__VA_ARGS__))                                                            \
 	GTEST_SKIP() << why
 
 // Runs something in a forked child and gives its result, cut to 8 bits; 1000 and the signal's number if one ended it.
-// Works in a process that ignores SIGCHLD too.
 int in_child(const std::function<int()> &body);
+
+// How many descriptors this process has open.
+int open_descriptors();
 
 #endif

@@ -114,6 +114,33 @@ int attrlist_merge(attrlist_t *dst, attrlist_t *src, int flag);
 /* Removes all pairs and keeps the memory for the next ones: for a scratch list that is filled again and again. */
 int attrlist_clear(attrlist_t *list);
 
+/* ---- Building a whole list at once ---- */
+
+/* Bytes that need no terminator. They hold no NUL. */
+typedef struct attrtext {
+	const char *text;
+	size_t length;
+} attrtext_t;
+
+#define ATTRDRAFT_PAIRS_MAX 32 /* pairs of a list that is drafted */
+
+/* A pair to be: of an array of numbers or booleans, a string, an array of strings, or a nested list. */
+typedef struct attrdraft {
+	attrtext_t name;
+	data_type_t type;
+	uint_t count;         /* elements; 1 for a string; for a nested list the drafts of its pairs */
+	const void *elements; /* the numbers, attrtext_t for strings, attrdraft_t for a nested list */
+} attrdraft_t;
+
+/*
+ * Makes a list of the drafted pairs, in one block of exactly the size needed. For a reader that has the parts of a list
+ * at hand: it is several times as quick as adding them one by one.
+ * Owns:   *listp is new; free it with attrlist_free(). The drafts are only read.
+ * Errors: EINVAL also for another type, or too many pairs. That the names of a list differ is for the caller to know.
+ * Limits: ATTRDRAFT_PAIRS_MAX
+ */
+int attrlist_build(attrlist_t **listp, const attrdraft_t *drafts, uint_t count);
+
 /* ---- Packing ---- */
 
 /*

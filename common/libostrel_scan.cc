@@ -1,0 +1,154 @@
+// The search for candidates. A place fits if the `=` and the last two bytes of the value are where they should be; there
+// the rest is compared.
+#include "libostrel_scan.h"
+
+#include <cctype>
+#include <cstring>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+// After so many places that led to nothing, another value is tried.
+static constexpr unsigned patience = 8;
+
+static unsigned char folded(char c)
+{
+	unsigned char byte = static_cast<unsigned char>(c);
+	return byte >= 'A' && byte <= 'Z' ? static_cast<unsigned char>(byte | 0x20) : byte;
+}
+
+static bool is_letter(char c)
+{
+	return folded(c) >= 'a' && folded(c) <= 'z';
+}
+
+// Whether the comparison without case, which follows the locale, takes ASCII bytes for equal in their usual pairs only.
+static bool locale_folds_as_usual()
+{
+#ifdef __GLIBC__
+	const int *lower = *__ctype_tolower_loc();
+	int unusual = 0;
+	for (int c = 0; c < 128; c++)
+		unusual |= lower[c] ^ (c + (c >= 'A' && c <= 'Z' ? 0x20 : 0));
+	for (int c = 128; c < 256; c++)
+		unusual |= lower[c] < 128;
+	return unusual == 0;
+#else
+	for (int c = 0; c < 256; c++)
+		if (c < 128 ? tolower(c) != folded(static_cast<char>(c)) : tolower(c) < 128)
+			return false;
+	return true;
+#endif
+}
+
+static bool can_be_searched(const attrtext_t &value, bool with_case)
+{
+	if (value.length == 0 || value.length > OSTREL_LINE_MAX)
+		return false;
+	for (size_t i = 0; i < value.length; i++)
+		if (value.text[i] == '\\' || (!with_case && static_cast<unsigned char>(value.text[i]) >= 0x80))
+			return false;
+	return true;
+}
+
+bool CandidateScan::prepare(const FieldMatch &match)
+{
+	with_case_ = match.with_case();
+	if (!with_case_ && !locale_folds_as_usual())
+		return false;
+	for (size_t i = 0; i < match.count(); i++) {
+		const ostrel_wanted &wanted = match.wanted(i);
+		if (!can_be_searched(wanted.value, with_case_))
+			continue;
+		// The longest first.
+		size_t place = count_++;
+		for (; place > 0 && needles_[place - 1].value.length < wanted.value.length; place--)
+			needles_[place] = needles_[place - 1];
+		needles_[place] = wanted;
+	}
+	return count_ > 0;
+}
+
+void CandidateScan::disappointed()
+{
+	if (++disappointments_ < patience)
+		return;
+	disappointments_ = 0;
+	current_ = (current_ + 1) % count_;
+}
+
+// Whether the rest of the identifier stands around its `=`.
+bool CandidateScan::stands_at(const char *equals, const char *end) const
+{
+	const ostrel_wanted &needle = needles_[current_];
+	const char *value = equals + 1;
+	const char *behind = value + needle.value.length;
+	if (behind < end && *behind != ';' && *behind != '\t' && *behind != '\n' && *behind != '\0')
+		return false;
+	if (with_case_)
+		return memcmp(value, needle.value.text, needle.value.length) == 0;
+	for (size_t i = 0; i < needle.value.length; i++)
+		if (folded(value[i]) != folded(needle.value.text[i]))
+			return false;
+	return true;
+}
+
+#ifdef __SSE2__
+
+// The places among 16 that fit a byte of the value, whose case is folded by `fold`.
+static __m128i fits(const char *bytes, __m128i wanted, __m128i fold)
+{
+	const __m128i data = _mm_loadu_si128(reinterpret_cast<const __m128i *>(bytes));
+	return _mm_cmpeq_epi8(_mm_or_si128(data, fold), wanted);
+}
+
+const char *CandidateScan::next_fit(const char *from, const char *limit) const
+{
+	const attrtext_t &value = needles_[current_].value;
+	const size_t far = value.length;
+	const size_t near = value.length > 1 ? value.length - 1 : 1;
+	auto fold_of = [&](char c) { return _mm_set1_epi8(!with_case_ && is_letter(c) ? 0x20 : 0); };
+	auto byte_of = [&](char c) { return _mm_set1_epi8(static_cast<char>(with_case_ ? c : folded(c))); };
+	const __m128i none = _mm_setzero_si128();
+	const __m128i equals = _mm_set1_epi8('=');
+	const __m128i near_byte = byte_of(value.text[near - 1]), near_fold = fold_of(value.text[near - 1]);
+	const __m128i far_byte = byte_of(value.text[far - 1]), far_fold = fold_of(value.text[far - 1]);
+	auto fit = [&](const char *at) {
+		__m128i all = _mm_and_si128(fits(at, equals, none), fits(at + far, far_byte, far_fold));
+		return static_cast<unsigned>(
+		    _mm_movemask_epi8(_mm_and_si128(all, fits(at + near, near_byte, near_fold))));
+	};
+	for (; from < limit; from += 32) {
+		unsigned places = fit(from) | fit(from + 16) << 16;
+		if (places != 0)
+			return from + __builtin_ctz(places);
+	}
+	return limit;
+}
+
+#else
+
+const char *CandidateScan::next_fit(const char *from, const char *limit) const
+{
+	const void *found = from < limit ? memchr(from, '=', static_cast<size_t>(limit - from)) : nullptr;
+	return found != nullptr ? static_cast<const char *>(found) : limit;
+}
+
+#endif
+
+const char *CandidateScan::next(const char *from, const char *end) const
+{
+	const ostrel_wanted &needle = needles_[current_];
+	if (end - from <= static_cast<ptrdiff_t>(needle.value.length))
+		return end;
+	const char *limit = end - needle.value.length; // behind the last place of a `=`
+	for (const char *at = from; (at = next_fit(at, limit)) < limit; at++) {
+		if (!stands_at(at, end))
+			continue;
+		size_t before = static_cast<size_t>(at - from);
+		if (before >= needle.name.length &&
+		    memcmp(at - needle.name.length, needle.name.text, needle.name.length) == 0)
+			return at;
+	}
+	return end;
+}
