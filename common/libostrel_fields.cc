@@ -395,6 +395,17 @@ bool ostrel_take_apart(const char *line, StructureCursor *cursor, ostrel_fields 
 	return true;
 }
 
+bool ostrel_is_as_written(const ostrel_fields &fields)
+{
+	const attrtext_t &last = fields.identifier_values[fields.identifier_count - 1];
+	if (!fields.as_written || last.text + last.length + 1 - fields.begin >= OSTREL_IDSTR_SIZE)
+		return false;
+	for (uint_t i = 0; i < fields.text_count; i++)
+		if (fields.texts[i].length >= OSTREL_ESCAPED_SIZE)
+			return false;
+	return true;
+}
+
 // ---- Making the object ----
 
 // Drops each backslash and takes the byte after it as it is.

@@ -85,6 +85,9 @@ struct ostrel_fields {
  */
 bool ostrel_take_apart(const char *line, StructureCursor *cursor, ostrel_fields *fields, const char **newline);
 
+// Whether the writer makes the very bytes of the line from its object, and refuses none of them.
+bool ostrel_is_as_written(const ostrel_fields &fields);
+
 // Makes the object. Takes the backslashes out of the texts, where they lie: the line can't be taken apart again.
 ostrel_error_t ostrel_make_object(ostrel_fields *fields, bool with_props, attrlist_t **object);
 

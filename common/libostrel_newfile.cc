@@ -102,19 +102,46 @@ int NewFile::write_all(const char *text, size_t length)
 	return 0;
 }
 
+int NewFile::flush()
+{
+	int error = write_all(buffer_.get(), used_);
+	used_ = 0;
+	return error;
+}
+
 ostrel_error_t NewFile::append(const char *text, size_t length)
 {
-	if (used_ + length > buffer_size) {
-		if (int error = write_all(buffer_.get(), used_))
-			return SETERRNO(error);
-		used_ = 0;
+	while (length > 0) {
+		if (used_ == buffer_size) {
+			if (int error = flush())
+				return SETERRNO(error);
+		}
+		size_t part = length < buffer_size - used_ ? length : buffer_size - used_;
+		memcpy(buffer_.get() + used_, text, part);
+		used_ += part;
+		text += part;
+		length -= part;
 	}
-	if (length > buffer_size) {
-		int error = write_all(text, length);
-		return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
+	return OSTREL_SUCCESS;
+}
+
+ostrel_error_t NewFile::copy(int from, off_t begin, off_t end)
+{
+	while (begin < end) {
+		if (used_ == buffer_size) {
+			if (int error = flush())
+				return SETERRNO(error);
+		}
+		size_t left = static_cast<size_t>(end - begin);
+		size_t part = left < buffer_size - used_ ? left : buffer_size - used_;
+		ssize_t got = pread(from, buffer_.get() + used_, part, begin);
+		if (got < 0 && errno == EINTR)
+			continue;
+		if (got <= 0)
+			return SETERRNO(got < 0 ? errno : EIO);
+		used_ += static_cast<size_t>(got);
+		begin += got;
 	}
-	memcpy(buffer_.get() + used_, text, length);
-	used_ += length;
 	return OSTREL_SUCCESS;
 }
 
@@ -144,7 +171,7 @@ int NewFile::put_in_place()
 
 ostrel_error_t NewFile::commit()
 {
-	if (int error = write_all(buffer_.get(), used_))
+	if (int error = flush())
 		return SETERRNO(error);
 	if (fsync(fd_.get()) != 0)
 		return SETERRNO(errno);

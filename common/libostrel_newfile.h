@@ -29,6 +29,10 @@ public:
 	// Puts bytes behind those written before. Errors: those of the write, mapped.
 	ostrel_error_t append(const char *text, size_t length);
 
+	// Puts the bytes [begin, end) of another file behind those written before. Errors: those of the read and the
+	// write, mapped; OSTREL_FAILURE if the file is shorter.
+	ostrel_error_t copy(int from, off_t begin, off_t end);
+
 	/*
 	 * Brings all to the disk, closes the file, renames it over the database, and brings the rename to the disk.
 	 * Errors: those of each step, mapped. If only the last step fails, the new file stands.
@@ -38,6 +42,7 @@ public:
 private:
 	ostrel_error_t open_temporary();
 	int write_all(const char *text, size_t length);
+	int flush();
 	int put_in_place();
 
 	const char *path_ = nullptr;

@@ -34,6 +34,14 @@ public:
 	// Goes through the lines of a block.
 	ostrel_error_t take(const ostrel_block &block);
 
+	// For the sink, of the line that it was given:
+	// Reads a plain line by the general reader, and gives it on as an odd one.
+	ostrel_error_t take_as_odd(const char *line, const char *newline) { return take_odd_line(line, newline); }
+	// Where a byte is in the file.
+	off_t offset_of(const char *byte) const { return block_.offset + (byte - block_.begin); }
+	// Whether the newline is in the file.
+	bool has_newline(const char *newline) const { return !block_.open || newline + 1 != block_.end; }
+
 private:
 	ostrel_error_t take_candidates();
 	ostrel_error_t take_lines(char *begin, char *end);

@@ -1,6 +1,9 @@
-// Flat files: updates. Every update reads the whole file, changes what matches, and replaces the file.
+// Flat files: updates. The old file is gone through once, to find what changes and to see that every other line can be
+// written again; then the new file is put together. Lines that are in the writer's form already are copied as they stand,
+// straight from the old file, so an update needs memory for what it writes anew only.
 #include <cassert>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -8,43 +11,271 @@
 #include "libostrel_files.h"
 #include "libostrel_lines.h"
 #include "libostrel_newfile.h"
+#include "libostrel_select.h"
 
-// Objects that a read handed out.
-class ReadObjects {
+// ---- Lines to be written ----
+
+// Formats an object's line. Errors: OSTREL_INVALID_ARG if it wouldn't be read back as this object.
+static ostrel_error_t format_object(attrlist_t *idlist, attrlist_t *props, ostrel_line *line)
+{
+	char idstr[1024];
+	if (ostrel_error_t bad = ostrel_check_identifiers(idlist))
+		return bad;
+	if (ostrel_error_t bad = ostrel_idlist2idstr(idlist, idstr))
+		return bad;
+	return ostrel_format_line(line, idstr, props);
+}
+
+// Bytes that grow.
+class Bytes {
 public:
-	ReadObjects() = default;
-	ReadObjects(const ReadObjects &) = delete;
-	ReadObjects &operator=(const ReadObjects &) = delete;
-	~ReadObjects()
-	{
-		for (uint_t i = 0; i < count; i++)
-			attrlist_free(items[i]);
-		free(items);
-	}
+	Bytes() = default;
+	Bytes(const Bytes &) = delete;
+	Bytes &operator=(const Bytes &) = delete;
+	~Bytes() { free(bytes_); }
 
-	ostrel_error_t append(attrlist_t *idlist, attrlist_t *props)
+	ostrel_error_t append(const void *bytes, size_t length)
 	{
-		attrlist_t **grown =
-		    static_cast<attrlist_t **>(realloc(items, (static_cast<size_t>(count) + 1) * sizeof(*items)));
-		if (grown == nullptr)
-			return SETERROR(OSTREL_NO_MEMORY);
-		items = grown;
-		if (ostrel_error_t bad = ostrel_object_create(idlist, props, &items[count]))
-			return bad;
-		count++;
+		if (length > room_ - used_) {
+			size_t room = 2 * room_ + length + 256;
+			char *grown = static_cast<char *>(realloc(bytes_, room));
+			if (grown == nullptr)
+				return SETERROR(OSTREL_NO_MEMORY);
+			bytes_ = grown;
+			room_ = room;
+		}
+		memcpy(bytes_ + used_, bytes, length);
+		used_ += length;
 		return OSTREL_SUCCESS;
 	}
+	char *begin() const { return bytes_; }
+	size_t size() const { return used_; }
 
-	attrlist_t **items = nullptr;
-	uint_t count = 0;
+private:
+	char *bytes_ = nullptr;
+	size_t room_ = 0;
+	size_t used_ = 0;
 };
+
+// ---- The plan of a new file ----
+
+// A stretch of the new file: bytes of the old file, or of the lines that are written anew.
+struct Stretch {
+	bool copied;
+	off_t begin;
+	off_t end;
+};
+
+class Plan {
+public:
+	ostrel_error_t copy(off_t begin, off_t end) { return add({true, begin, end}); }
+	ostrel_error_t write(const char *text, size_t length)
+	{
+		off_t begin = static_cast<off_t>(text_.size());
+		if (ostrel_error_t bad = text_.append(text, length))
+			return bad;
+		return add({false, begin, begin + static_cast<off_t>(length)});
+	}
+	ostrel_error_t carry_out(int old_file, NewFile *file) const;
+
+private:
+	size_t count() const { return stretches_.size() / sizeof(Stretch); }
+	Stretch *stretches() const { return reinterpret_cast<Stretch *>(stretches_.begin()); }
+
+	ostrel_error_t add(const Stretch &stretch)
+	{
+		if (count() > 0) {
+			Stretch *last = stretches() + count() - 1;
+			if (last->copied == stretch.copied && last->end == stretch.begin) {
+				last->end = stretch.end;
+				return OSTREL_SUCCESS;
+			}
+		}
+		return stretches_.append(&stretch, sizeof(stretch));
+	}
+
+	Bytes stretches_;
+	Bytes text_;
+};
+
+ostrel_error_t Plan::carry_out(int old_file, NewFile *file) const
+{
+	for (size_t i = 0; i < count(); i++) {
+		const Stretch &stretch = stretches()[i];
+		ostrel_error_t bad = stretch.copied ? file->copy(old_file, stretch.begin, stretch.end)
+						    : file->append(text_.begin() + stretch.begin,
+							  static_cast<size_t>(stretch.end - stretch.begin));
+		if (bad != OSTREL_SUCCESS)
+			return bad;
+	}
+	return OSTREL_SUCCESS;
+}
+
+// ---- The update ----
 
 // One update; which of the lists are given tells its kind.
 struct Update {
+	ostrel_db_t db;
 	attrlist_t *idlist;
 	attrlist_t *newidlist; // of a rename
 	attrlist_t *props;     // of a write
 };
+
+// Goes through the old file and makes the plan.
+class Planner final : public LineSink {
+public:
+	Planner(const Update &update, Plan *plan)
+	    : update_(update), plan_(plan), lines_(update.db, nullptr, false, this)
+	{
+		comparing_ = match_.prepare(update.db, update.idlist, true);
+	}
+
+	ostrel_error_t read(int fd) { return lines_.read(fd); }
+	bool matched() const { return matched_; }
+	bool empty() const { return !seen_; }
+	// Whether every line of the new file can be written.
+	bool writable() const { return writable_; }
+
+	// Plans the line of an object that is to be written.
+	ostrel_error_t write(attrlist_t *idlist, attrlist_t *props);
+
+	ostrel_error_t plain_line(ostrel_fields *fields, const char *newline) override;
+	ostrel_error_t odd_line(const char *, const char *, attrlist_t *idlist, attrlist_t *props) override;
+
+private:
+	const Update &update_;
+	Plan *plan_;
+	LineSelection lines_;
+	FieldMatch match_;
+	bool comparing_; // match_ can tell what matches
+	bool matched_ = false;
+	bool seen_ = false;
+	bool writable_ = true;
+};
+
+ostrel_error_t Planner::write(attrlist_t *idlist, attrlist_t *props)
+{
+	ostrel_line line;
+	ostrel_error_t result = format_object(idlist, props, &line);
+	if (result == OSTREL_SUCCESS)
+		return plan_->write(line.text, line.length);
+	if (result != OSTREL_INVALID_ARG)
+		return SETERROR(result);
+	// It matters only if the update gets as far as writing.
+	writable_ = false;
+	return OSTREL_SUCCESS;
+}
+
+ostrel_error_t Planner::plain_line(ostrel_fields *fields, const char *newline)
+{
+	if (comparing_ && !match_.selects(*fields) && ostrel_is_as_written(*fields) && lines_.has_newline(newline)) {
+		seen_ = true;
+		return plan_->copy(lines_.offset_of(fields->begin), lines_.offset_of(newline + 1));
+	}
+	return lines_.take_as_odd(fields->begin, newline);
+}
+
+ostrel_error_t Planner::odd_line(const char *, const char *, attrlist_t *idlist, attrlist_t *props)
+{
+	seen_ = true;
+	if (!ostrel_idlist_match(update_.db, update_.idlist, idlist, B_TRUE))
+		return write(idlist, props);
+	matched_ = true;
+	if (update_.newidlist != nullptr)
+		return write(update_.newidlist, props);
+	if (update_.props != nullptr)
+		return write(idlist, update_.props);
+	return OSTREL_SUCCESS;
+}
+
+// The old file, which stays open between the two times that it is read.
+class OldFile {
+public:
+	// Only a regular file is replaced, and what else stands at the path is found out before anything waits for it.
+	// A missing file is no failure: exists() tells.
+	ostrel_error_t open(ostrel_db_t db, const char *path)
+	{
+		int error = 0;
+		fd_.reset(ostrel_open_db_file(db, path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, &error));
+		if (!fd_) {
+			ostrel_error_t result = ostrel_errno2error(error);
+			return result == OSTREL_NOT_FOUND ? OSTREL_SUCCESS : SETERROR(result);
+		}
+		if (fstat(fd_.get(), &opened_) != 0)
+			return SETERRNO(errno);
+		if (S_ISREG(opened_.st_mode))
+			return OSTREL_SUCCESS;
+		return SETERRNO(S_ISDIR(opened_.st_mode) ? EISDIR : EINVAL);
+	}
+	bool exists() const { return static_cast<bool>(fd_); }
+	int fd() const { return fd_.get(); }
+
+	// Databases are replaced whole. A file that somebody changed in place meanwhile may have been read in two versions.
+	ostrel_error_t check_unchanged() const
+	{
+		struct stat now;
+		if (fstat(fd_.get(), &now) != 0)
+			return SETERRNO(errno);
+		bool same = now.st_size == opened_.st_size && now.st_mtim.tv_sec == opened_.st_mtim.tv_sec &&
+			    now.st_mtim.tv_nsec == opened_.st_mtim.tv_nsec;
+		return same ? OSTREL_SUCCESS : SETERRNO(EBUSY);
+	}
+
+private:
+	Fd fd_;
+	struct stat opened_ = {};
+};
+
+static ostrel_error_t write_first_object(ostrel_db_t db, const char *path, attrlist_t *idlist, attrlist_t *props)
+{
+	AttrList object;
+	if (ostrel_error_t bad = ostrel_object_create(idlist, props, object.out()))
+		return bad;
+	attrlist_t *objects[] = {object.get()};
+	return ostrel_write_objects_to_file(db, path, objects, 1);
+}
+
+ostrel_error_t ostrel_update_object_in_file(
+    ostrel_db_t db, attrlist_t *idlist, attrlist_t *newidlist, uint64_t, attrlist_t *props)
+{
+	[[maybe_unused]] bool rename = newidlist != nullptr && props == nullptr;
+	[[maybe_unused]] bool remove = newidlist == nullptr && props == nullptr;
+	bool write = newidlist == nullptr && props != nullptr;
+	assert(rename || remove || write);
+	const char *path = ostrel_file_path(db, idlist);
+	if (path == nullptr)
+		return SETERROR(OSTREL_INVALID_ARG);
+
+	OldFile old_file;
+	if (ostrel_error_t bad = old_file.open(db, path))
+		return bad;
+	Update update = {db, idlist, newidlist, props};
+	Plan plan;
+	Planner planner(update, &plan);
+	if (old_file.exists()) {
+		if (ostrel_error_t bad = planner.read(old_file.fd()))
+			return bad;
+	}
+	if (!planner.matched() && !write)
+		return OSTREL_NOT_FOUND;
+	if (planner.empty())
+		return write_first_object(db, path, idlist, props);
+	if (!planner.matched()) {
+		if (ostrel_error_t bad = planner.write(idlist, props))
+			return bad;
+	}
+
+	NewFile new_file;
+	if (ostrel_error_t bad = new_file.open(db, path))
+		return bad;
+	if (!planner.writable())
+		return SETERROR(OSTREL_INVALID_ARG);
+	if (ostrel_error_t bad = plan.carry_out(old_file.fd(), &new_file))
+		return bad;
+	if (ostrel_error_t bad = old_file.check_unchanged())
+		return bad;
+	return new_file.commit();
+}
 
 static ostrel_error_t write_object(NewFile *file, attrlist_t *object)
 {
@@ -52,13 +283,8 @@ static ostrel_error_t write_object(NewFile *file, attrlist_t *object)
 	AttrList props;
 	if (ostrel_error_t bad = ostrel_object_get(object, idlist.out(), props.out()))
 		return SETERROR(bad);
-	char idstr[1024];
-	if (ostrel_error_t bad = ostrel_check_identifiers(idlist.get()))
-		return SETERROR(bad);
-	if (ostrel_error_t bad = ostrel_idlist2idstr(idlist.get(), idstr))
-		return SETERROR(bad);
 	ostrel_line line;
-	if (ostrel_error_t bad = ostrel_format_line(&line, idstr, props.get()))
+	if (ostrel_error_t bad = format_object(idlist.get(), props.get(), &line))
 		return SETERROR(bad);
 	return file->append(line.text, line.length);
 }
@@ -75,93 +301,6 @@ ostrel_error_t ostrel_write_objects_to_file(ostrel_db_t db, const char *dbname, 
 			return bad;
 	}
 	return file.commit();
-}
-
-static ostrel_error_t change_object(const Update &update, attrlist_t *idlist, attrlist_t *props, attrlist_t **slot)
-{
-	AttrList changed;
-	bool remove = update.newidlist == nullptr && update.props == nullptr;
-	if (!remove) {
-		attrlist_t *ids = update.newidlist != nullptr ? update.newidlist : idlist;
-		attrlist_t *values = update.props != nullptr ? update.props : props;
-		if (ostrel_error_t bad = ostrel_object_create(ids, values, changed.out()))
-			return bad;
-	}
-	attrlist_free(*slot);
-	*slot = changed.release();
-	return OSTREL_SUCCESS;
-}
-
-static ostrel_error_t change_matches(ostrel_db_t db, const Update &update, ReadObjects *objects, bool *matched)
-{
-	for (uint_t i = 0; i < objects->count; i++) {
-		AttrList idlist;
-		AttrList props;
-		if (ostrel_error_t bad = ostrel_object_get(objects->items[i], idlist.out(), props.out()))
-			return bad;
-		if (!ostrel_idlist_match(db, update.idlist, idlist.get(), B_TRUE))
-			continue;
-		*matched = true;
-		if (ostrel_error_t bad = change_object(update, idlist.get(), props.get(), &objects->items[i]))
-			return bad;
-	}
-	return OSTREL_SUCCESS;
-}
-
-// Only a regular file is replaced; what else stands at the path is found out before anything waits for it.
-static ostrel_error_t check_kind(ostrel_db_t db, const char *path)
-{
-	int error = 0;
-	Fd file(ostrel_open_db_file(db, path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, &error));
-	if (!file)
-		return ostrel_errno2error(error);
-	struct stat kind;
-	if (fstat(file.get(), &kind) != 0)
-		return ostrel_errno2error(errno);
-	if (S_ISDIR(kind.st_mode))
-		return ostrel_errno2error(EISDIR);
-	return S_ISREG(kind.st_mode) ? OSTREL_SUCCESS : OSTREL_INVALID_ARG;
-}
-
-static ostrel_error_t read_all(ostrel_db_t db, const char *path, ReadObjects *objects)
-{
-	ostrel_error_t kind = check_kind(db, path);
-	if (kind == OSTREL_NOT_FOUND)
-		return OSTREL_SUCCESS;
-	if (kind != OSTREL_SUCCESS)
-		return SETERROR(kind);
-	AttrList everything;
-	if (ostrel_error_t bad = ostrel_idlist_init(everything.out(), path))
-		return SETERROR(bad);
-	ostrel_error_t result = ostrel_read_objects_from_file(
-	    db, everything.get(), OSTREL_FLAG_WITH_PROPS, &objects->items, &objects->count);
-	return result == OSTREL_NOT_FOUND ? OSTREL_SUCCESS : result;
-}
-
-ostrel_error_t ostrel_update_object_in_file(
-    ostrel_db_t db, attrlist_t *idlist, attrlist_t *newidlist, uint64_t, attrlist_t *props)
-{
-	[[maybe_unused]] bool rename = newidlist != nullptr && props == nullptr;
-	[[maybe_unused]] bool remove = newidlist == nullptr && props == nullptr;
-	bool write = newidlist == nullptr && props != nullptr;
-	assert(rename || remove || write);
-	const char *path = ostrel_file_path(db, idlist);
-	if (path == nullptr)
-		return SETERROR(OSTREL_INVALID_ARG);
-
-	ReadObjects objects;
-	if (ostrel_error_t bad = read_all(db, path, &objects))
-		return bad;
-	bool matched = false;
-	if (ostrel_error_t bad = change_matches(db, {idlist, newidlist, props}, &objects, &matched))
-		return bad;
-	if (!matched && !write)
-		return OSTREL_NOT_FOUND;
-	if (!matched) {
-		if (ostrel_error_t bad = objects.append(idlist, props))
-			return bad;
-	}
-	return ostrel_write_objects_to_file(db, path, objects.items, objects.count);
 }
 
 ostrel_error_t ostrel_write_object_to_file(ostrel_db_t db, attrlist_t *idlist, uint64_t flags, attrlist_t *props)
