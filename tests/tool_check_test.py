@@ -130,8 +130,24 @@ class OddPaths(t.ToolTest):
         self.write("real", "a=1;\t\n")
         os.symlink("real", self.path("link"))
         self.assertEqual(self.text("walk", "link"), "a=1\n")
+        # An update would put a file in the place of the link.
+        self.refused("link", "link to real")
+        self.refused("dangling", "link to nowhere")
+        self.assertEqual(sorted(os.listdir(self.dir)), ["dangling", "link", "real"])
         os.symlink("loop", self.path("loop"))
-        self.error(1, "walk", "loop")
+        self.assertIn("symbolic links", self.error(1, "walk", "loop")["message"])
+
+    def test_what_keeps_an_update_from_being_made(self):
+        self.write("d", "a=1;\t\n")
+        self.write("other", "mine\n")
+        os.link(self.path("other"), self.path("d.new"))
+        for words in (["put", "d", "b=1", "--", "x=1"], ["rename", "d", "a=1", "--", "a=2"], ["remove", "d", "a=1"]):
+            self.assertIn("d.new is in the way", self.error(6, *words)["message"])
+        self.assertEqual((self.read("d"), self.read("other")), (b"a=1;\t\n", b"mine\n"))
+        deep = "/".join(["x" * 200] * 5)
+        os.makedirs(self.path(deep))
+        self.tool("put", deep + "/" + "y" * 14, "a=1", "--", "x=1")
+        self.assertIn("too long", self.error(6, "put", deep + "/" + "y" * 15, "a=1", "--", "x=1")["message"])
 
     def test_missing_things_are_told_apart(self):
         self.assertIn("no such file", self.error(4, "walk", "none")["message"])

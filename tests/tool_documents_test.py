@@ -160,6 +160,11 @@ class Documents(t.ToolTest):
         self.tool("import", "a", "doc")
         self.assertEqual(self.read("a").count(b"\n"), 30001)
 
+    def test_a_long_import_shows_its_progress_on_a_terminal_alone(self):
+        self.write("doc", document(*[thing(f"n{i}", x="1") for i in range(40000)]))
+        self.assertIn(b" of 40000 (", self.on_terminal("import", "a", "doc"))
+        self.assertEqual(self.tool("import", "b", "doc").err, b"")
+
     def test_a_raw_file_is_exported_and_copied_line_by_line(self):
         self.write("raw", "# one\n\n  three\tx\n")
         objects = self.tool("export", "raw:raw").json()["objects"]

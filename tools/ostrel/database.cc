@@ -2,6 +2,7 @@
 #include "database.h"
 
 #include <cerrno>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <sys/stat.h>
@@ -11,7 +12,6 @@
 #include <fmt/format.h>
 
 #include "failure.h"
-#include "scratch.h"
 #include "text.h"
 
 namespace {
@@ -78,16 +78,22 @@ std::string parent_of(const std::string &path)
 	return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// Where a link leads; nothing if it's no link.
+std::optional<std::string> link_target(const std::string &path)
+{
+	char target[4096];
+	ssize_t length = readlink(path.c_str(), target, sizeof(target));
+	if (length < 0)
+		return std::nullopt;
+	return std::string(target, static_cast<size_t>(length));
+}
+
 Diagnosis diagnose_missing(const std::string &path)
 {
 	struct stat status;
-	if (lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
-		char target[4096];
-		ssize_t length = readlink(path.c_str(), target, sizeof(target));
-		std::string_view text(target, length < 0 ? 0 : static_cast<size_t>(length));
-		return {Exit::not_found, fmt::format("is a link to {}, which doesn't exist", text),
+	if (std::optional<std::string> target = link_target(path))
+		return {Exit::not_found, fmt::format("is a link to {}, which doesn't exist", *target),
 		    "repair or remove the link"};
-	}
 	if (stat(parent_of(path).c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
 		return {
 		    Exit::not_found, fmt::format("there is no directory {}", parent_of(path)), "make the directory"};
@@ -105,8 +111,11 @@ bool disk_is_full(const std::string &path)
 std::optional<Diagnosis> diagnose_path(const std::string &path, ostrel_error_t result)
 {
 	struct stat status;
-	if (stat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR))
+	int found = stat(path.c_str(), &status);
+	if (found != 0 && (errno == ENOENT || errno == ENOTDIR))
 		return result == OSTREL_NOT_FOUND ? std::optional(diagnose_missing(path)) : std::nullopt;
+	if (found != 0)
+		return Diagnosis{exit_of(result), std::strerror(errno), "give another path"};
 	if (S_ISDIR(status.st_mode))
 		return Diagnosis{Exit::invalid, "is a directory, not a database file", "give the path of a file"};
 	if (result == OSTREL_EPERM)
@@ -184,6 +193,8 @@ void Database::fail(ostrel_error_t result, const std::string &what)
 	}
 	if (result == OSTREL_NO_MEMORY)
 		throw Failure(Exit::memory, fmt::format("{}: there is no memory, or no space left", what)).in(label_);
+	if (result == OSTREL_NOT_FOUND && back_->is_path)
+		throw Failure(Exit::not_found, fmt::format("there is no such file in enclave {}", enclave_)).in(label_);
 	Failure failure(exit_of(result), fmt::format("{}: {}", what, ostrel_strerror(result)));
 	if (enclave_ != 0)
 		failure.next(fmt::format("ostrel enclaves tells whether enclave {} is running", enclave_));
@@ -268,13 +279,32 @@ void Database::require_updates()
 {
 	if (!back_->updates)
 		throw Failure(Exit::unsupported, fmt::format("{}: databases are read only", back_->prefix)).in(label_);
-	struct stat status;
-	if (!here() || stat(name_.c_str(), &status) != 0)
+	if (!here())
 		return;
-	if (const char *kind = odd_kind(status))
+	struct stat status;
+	if (const char *kind = stat(name_.c_str(), &status) == 0 ? odd_kind(status) : nullptr)
 		throw Failure(Exit::invalid, fmt::format("is {}, which can't be updated", kind))
 		    .in(label_)
 		    .next("give the path of a regular file, or of one that doesn't exist yet");
+	if (std::optional<std::string> target = link_target(name_))
+		throw Failure(Exit::invalid,
+		    fmt::format("is a link to {}: an update would replace the link, not that file", *target))
+		    .in(label_)
+		    .next("give the path of the file itself");
+}
+
+// What the library refuses though the object itself can be stored.
+Failure Database::refused() const
+{
+	std::string temporary = name_ + ".new";
+	struct stat status;
+	if (temporary.size() > OSTREL_DB_NAME_MAX)
+		return {Exit::invalid, "the path is too long for the name of a temporary file beside it"};
+	if (here() && lstat(temporary.c_str(), &status) == 0 && (!S_ISREG(status.st_mode) || status.st_nlink != 1))
+		return Failure(Exit::invalid, fmt::format("{} is in the way: it isn't a plain file", temporary))
+		    .next("move it away: updates are made under this name");
+	return Failure(Exit::invalid, "another object of the database can't be written back")
+	    .next(fmt::format("ostrel check {} tells which lines are damaged", label_));
 }
 
 void Database::put(const Object &object)
@@ -283,7 +313,7 @@ void Database::put(const Object &object)
 	List props = props_list(object.props);
 	ostrel_error_t result = ostrel_db_write(db_, list.get(), 0, props.get());
 	if (result == OSTREL_INVALID_ARG)
-		throw unstorable(object).in(label_);
+		throw refused().in(label_);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be written", id_text(object.id)));
 }
@@ -294,7 +324,7 @@ void Database::rename(const Identifiers &from, const Identifiers &to)
 	List new_list = id_list(to);
 	ostrel_error_t result = ostrel_db_rename(db_, old_list.get(), 0, new_list.get());
 	if (result == OSTREL_INVALID_ARG)
-		throw unstorable({to, {}}).in(label_);
+		throw refused().in(label_);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be renamed", id_text(from)));
 }
@@ -303,6 +333,8 @@ void Database::remove(const Identifiers &id)
 {
 	List list = id_list(id);
 	ostrel_error_t result = ostrel_db_remove(db_, list.get(), 0);
+	if (result == OSTREL_INVALID_ARG)
+		throw refused().in(label_);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be removed", id_text(id)));
 }

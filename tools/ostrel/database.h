@@ -9,6 +9,7 @@
 
 #include <libostrel.h>
 
+#include "failure.h"
 #include "object.h"
 
 // A kind of store. One without a table is known by its name, but not part of this build.
@@ -56,6 +57,7 @@ public:
 
 private:
 	void require_selection() const;
+	Failure refused() const;
 	[[noreturn]] void fail(ostrel_error_t result, const std::string &what);
 	ostrel_error_t try_walk(const Identifiers &id, bool exact, const Visit &visit);
 
