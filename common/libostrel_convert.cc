@@ -186,7 +186,7 @@ struct Names {
 	uint64_t bits = 0;    // those that the names of a bitfield stand for, over all its numbers
 	bool too_many = false;
 
-	void take(const char *name) { too_many = !values.add(name) || too_many; }
+	void take(const char *name) { too_many = !values.add(name); }
 	void take_or_mark(const char *name)
 	{
 		if (strcmp(name, "?") == 0)
@@ -347,7 +347,7 @@ int make_numbers(attrlist_t *props, char **texts, uint_t count, const ostrel_pro
 	Values<uint64_t> numbers;
 	bool fits = true;
 	for (uint_t i = 0; i < count; i++) {
-		if (int error = find_numbers(texts[i], desc, [&](uint64_t val) { fits = numbers.add(val) && fits; }))
+		if (int error = find_numbers(texts[i], desc, [&](uint64_t val) { fits = numbers.add(val); }))
 			return error;
 	}
 	if (!fits) { // names that repeat in the table give more numbers than there are texts

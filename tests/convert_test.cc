@@ -70,7 +70,7 @@ void show_array(std::ostream &out, attrpair_t *pair, char letter, Get get)
 	ASSERT_EQ(get(pair, &array, &count), 0);
 	out << attrpair_name(pair) << "=" << letter;
 	for (uint_t i = 0; i < count; i++)
-		out << (i == 0 ? ":" : ",") << array[i];
+		out << (i == 0 ? ":" : "|") << array[i];
 	out << ";";
 }
 
@@ -129,12 +129,18 @@ Texts many(size_t count, const char *text)
 	return Texts(count, text);
 }
 
-std::string joined(size_t count, const char *text)
+std::string joined(size_t count, const char *text, const char *between = ",")
 {
 	std::string all;
 	for (size_t i = 0; i < count; i++)
-		all += (i == 0 ? "" : ",") + std::string(text);
+		all += (i == 0 ? "" : between) + std::string(text);
 	return all;
+}
+
+// An array as it is shown.
+std::string shown(size_t count, const char *text)
+{
+	return joined(count, text, "|");
 }
 
 struct Converted {
@@ -186,24 +192,24 @@ Converted fails(const std::string &list, const std::string &message)
 TEST(ToPersist, DelimitedTextBecomesItsValues)
 {
 	const Table table(DATA_TYPE_STRING, OSTREL_PROP_DELIMITED, nullptr, ", ");
-	EXPECT_EQ(to_persist(List().texts("p", {"a, b,c"}), table), ok("p=s:a,b,c;"));
+	EXPECT_EQ(to_persist(List().texts("p", {"a, b,c"}), table), ok("p=s:a|b|c;"));
 	EXPECT_EQ(to_persist(List().texts("p", {"alone"}), table), ok("p=s:alone;"));
 	EXPECT_EQ(to_persist(List().texts("p", {" ,, "}), table), ok("p=s: ,, ;")) << "no value in it: unchanged";
 	EXPECT_EQ(to_persist(List().texts("p", {""}), table), ok("p=s:;"));
-	EXPECT_EQ(to_persist(List().texts("p", {"a,b", "c"}), table), ok("p=s:a,b,c;")) << "two texts aren't split";
+	EXPECT_EQ(to_persist(List().texts("p", {"a,b", "c"}), table), ok("p=s:a,b|c;")) << "two texts aren't split";
 }
 
 TEST(ToPersist, DelimitedTextOfTwoMembersFallsToTheNextRules)
 {
 	const Table table(DATA_TYPE_UINT64, OSTREL_PROP_DELIMITED, nullptr, ",");
-	EXPECT_EQ(to_persist(List().texts("p", {"1", "2"}), table), ok("p=u:1,2;"));
-	EXPECT_EQ(to_persist(List().texts("p", {"1,2"}), table), ok("p=s:1,2;"));
+	EXPECT_EQ(to_persist(List().texts("p", {"1", "2"}), table), ok("p=u:1|2;"));
+	EXPECT_EQ(to_persist(List().texts("p", {"1,2"}), table), ok("p=s:1|2;"));
 }
 
 TEST(ToPersist, DelimitedTextHoldsTo128ValuesAnd511Bytes)
 {
 	const Table table(DATA_TYPE_STRING, OSTREL_PROP_DELIMITED, nullptr, ",");
-	EXPECT_EQ(to_persist(List().texts("p", {joined(128, "ab")}), table), ok("p=s:" + joined(128, "ab") + ";"));
+	EXPECT_EQ(to_persist(List().texts("p", {joined(128, "ab")}), table), ok("p=s:" + shown(128, "ab") + ";"));
 	std::string text = joined(129, "ab");
 	EXPECT_EQ(to_persist(List().texts("p", {text}), table),
 	    fails("p=s:" + text + ";", "could not convert " + text + " to persistent type: too many delimited values"));
@@ -216,19 +222,19 @@ TEST(ToPersist, DelimitedTextHoldsTo128ValuesAnd511Bytes)
 TEST(ToPersist, TextsBecomeValuesOfTheStoredType)
 {
 	const Table boolean(DATA_TYPE_BOOLEAN, 0), int64(DATA_TYPE_INT64, 0), uint64(DATA_TYPE_UINT64, 0);
-	EXPECT_EQ(to_persist(List().texts("p", {"TRUE", "False", "2", "0x0"}), boolean), ok("p=b:1,0,2,0;"));
+	EXPECT_EQ(to_persist(List().texts("p", {"TRUE", "False", "2", "0x0"}), boolean), ok("p=b:1|0|2|0;"));
 	EXPECT_EQ(to_persist(List().texts("p", {"0x10", "010", "-9223372036854775808"}), int64),
-	    ok("p=i:16,8,-9223372036854775808;"));
+	    ok("p=i:16|8|-9223372036854775808;"));
 	EXPECT_EQ(to_persist(List().texts("p", {"18446744073709551615"}), uint64), ok("p=u:18446744073709551615;"));
 	EXPECT_EQ(to_persist(List().texts("p", {}), int64), ok("p=i;"));
-	EXPECT_EQ(to_persist(List().texts("p", many(128, "7")), int64), ok("p=i:" + joined(128, "7") + ";"));
+	EXPECT_EQ(to_persist(List().texts("p", many(128, "7")), int64), ok("p=i:" + shown(128, "7") + ";"));
 }
 
 TEST(ToPersist, TextThatIsNoValueIsRefusedAndThePropertyStays)
 {
 	const Table boolean(DATA_TYPE_BOOLEAN, 0), int64(DATA_TYPE_INT64, 0), uint64(DATA_TYPE_UINT64, 0);
 	EXPECT_EQ(to_persist(List().texts("p", {"1", "yes"}), boolean),
-	    fails("p=s:1,yes;", "could not convert yes to persistent type boolean"));
+	    fails("p=s:1|yes;", "could not convert yes to persistent type boolean"));
 	EXPECT_EQ(to_persist(List().texts("p", {"12abc"}), int64),
 	    fails("p=s:12abc;", "could not convert 12abc to persistent type int64"));
 	EXPECT_EQ(to_persist(List().texts("p", {"9223372036854775808"}), int64),
@@ -236,23 +242,23 @@ TEST(ToPersist, TextThatIsNoValueIsRefusedAndThePropertyStays)
 	EXPECT_EQ(to_persist(List().texts("p", {"18446744073709551616"}), uint64),
 	    fails("p=s:18446744073709551616;", "could not convert 18446744073709551616 to persistent type uint64"));
 	EXPECT_EQ(to_persist(List().texts("p", many(129, "7")), int64),
-	    fails("p=s:" + joined(129, "7") + ";", "could not convert to persistent type: too many values"));
+	    fails("p=s:" + shown(129, "7") + ";", "could not convert to persistent type: too many values"));
 	const Table strange(DATA_TYPE_INT32, 0);
 	EXPECT_EQ(to_persist(List().texts("p", {"1", "2"}), strange),
-	    fails("p=s:1,2;", "could not add 2 unknown to proplist"));
+	    fails("p=s:1|2;", "could not add 2 unknown to proplist"));
 }
 
 TEST(ToPersist, NumbersBecomeTheirNames)
 {
 	const Table table(DATA_TYPE_STRING, 0, ab_none);
-	EXPECT_EQ(to_persist(List().numbers("p", {2, 1, 2}), table), ok("p=s:b,a,b;"));
+	EXPECT_EQ(to_persist(List().numbers("p", {2, 1, 2}), table), ok("p=s:b|a|b;"));
 	EXPECT_EQ(to_persist(List().numbers("p", {1, 0}), table), ok("p=s:a;")) << "? leaves no trace beside a name";
 	EXPECT_EQ(to_persist(List().numbers("p", {0}), table), ok("")) << "nothing but ? has no stored form";
 	EXPECT_EQ(to_persist(List().numbers("p", {}), table), ok("p=u;"));
-	EXPECT_EQ(to_persist(List().numbers("p", {1, 3}), table), fails("p=u:1,3;", "could not convert value 3"));
-	EXPECT_EQ(to_persist(List().numbers("p", many(128, 1)), table), ok("p=s:" + joined(128, "a") + ";"));
+	EXPECT_EQ(to_persist(List().numbers("p", {1, 3}), table), fails("p=u:1|3;", "could not convert value 3"));
+	EXPECT_EQ(to_persist(List().numbers("p", many(128, 1)), table), ok("p=s:" + shown(128, "a") + ";"));
 	EXPECT_EQ(to_persist(List().numbers("p", many(129, 1)), table),
-	    fails("p=u:" + joined(129, "1") + ";", "could not convert to persistent type: too many values"));
+	    fails("p=u:" + shown(129, "1") + ";", "could not convert to persistent type: too many values"));
 	const Table empty(DATA_TYPE_STRING, 0, none);
 	EXPECT_EQ(to_persist(List().numbers("p", {1}), empty), fails("p=u:1;", "could not convert value 1"));
 }
@@ -260,7 +266,7 @@ TEST(ToPersist, NumbersBecomeTheirNames)
 TEST(ToPersist, NumbersWithoutATableBecomeDecimalTexts)
 {
 	const Table text(DATA_TYPE_STRING, 0), number(DATA_TYPE_UINT64, 0);
-	EXPECT_EQ(to_persist(List().numbers("p", {5, UINT64_MAX}), text), ok("p=s:5,18446744073709551615;"));
+	EXPECT_EQ(to_persist(List().numbers("p", {5, UINT64_MAX}), text), ok("p=s:5|18446744073709551615;"));
 	EXPECT_EQ(to_persist(List().numbers("p", many(128, UINT64_MAX)), text).result, 0);
 	EXPECT_EQ(to_persist(List().numbers("p", {5}), number), ok("p=u:5;"));
 	EXPECT_EQ(to_persist(List().numbers("p", many(129, 5)), number).result, EINVAL);
@@ -269,13 +275,13 @@ TEST(ToPersist, NumbersWithoutATableBecomeDecimalTexts)
 TEST(ToPersist, BitfieldTakesTheNamesOfAllItsBits)
 {
 	const Table table(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, ab);
-	EXPECT_EQ(to_persist(List().numbers("p", {3}), table), ok("p=s:a,b;"));
+	EXPECT_EQ(to_persist(List().numbers("p", {3}), table), ok("p=s:a|b;"));
 	EXPECT_EQ(to_persist(List().numbers("p", {4}), table), fails("p=u:4;", "could not convert bitfield 4"));
 	EXPECT_EQ(to_persist(List().numbers("p", {0}), table), ok("p=u:0;")) << "0 without an entry stays";
-	EXPECT_EQ(to_persist(List().numbers("p", {1, 3}), table), ok("p=s:a,a,b;")) << "all bits of the first";
-	EXPECT_EQ(to_persist(List().numbers("p", {1, 2}), table), fails("p=u:1,2;", "could not convert bitfield 2"));
+	EXPECT_EQ(to_persist(List().numbers("p", {1, 3}), table), ok("p=s:a|a|b;")) << "all bits of the first";
+	EXPECT_EQ(to_persist(List().numbers("p", {1, 2}), table), fails("p=u:1|2;", "could not convert bitfield 2"));
 	const Table wide(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, ab_both);
-	EXPECT_EQ(to_persist(List().numbers("p", {3}), wide), ok("p=s:a,b,ab;"));
+	EXPECT_EQ(to_persist(List().numbers("p", {3}), wide), ok("p=s:a|b|ab;"));
 	EXPECT_EQ(to_persist(List().numbers("p", {1}), wide), fails("p=u:1;", "could not convert bitfield 1"));
 	const Table zero(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, ab_none);
 	EXPECT_EQ(to_persist(List().numbers("p", {0}), zero), ok(""));
@@ -289,14 +295,14 @@ TEST(ToPersist, BitfieldWithMoreNamesThanRoomIsRefused)
 	EXPECT_EQ(to_persist(List().numbers("p", {1}), table),
 	    fails("p=u:1;", "could not convert to persistent type: too many values"));
 	const Table fits(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, vals.data() + 1);
-	EXPECT_EQ(to_persist(List().numbers("p", {1}), fits), ok("p=s:" + joined(128, "again") + ";"));
+	EXPECT_EQ(to_persist(List().numbers("p", {1}), fits), ok("p=s:" + shown(128, "again") + ";"));
 }
 
 TEST(ToPersist, WhatNoRuleNamesStays)
 {
 	const Table text(DATA_TYPE_STRING, 0, ab), left(DATA_TYPE_UNKNOWN, OSTREL_PROP_DELIMITED, ab, ",");
 	const Table never(DATA_TYPE_UINT64, OSTREL_PROP_NO_CONVERT | OSTREL_PROP_DELIMITED, ab, ",");
-	EXPECT_EQ(to_persist(List().texts("p", {"1", "a"}), text), ok("p=s:1,a;"));
+	EXPECT_EQ(to_persist(List().texts("p", {"1", "a"}), text), ok("p=s:1|a;"));
 	EXPECT_EQ(to_persist(List().texts("p", {"1,2"}), left), ok("p=s:1,2;"));
 	EXPECT_EQ(to_persist(List().numbers("p", {99}), never), ok("p=u:99;"));
 	EXPECT_EQ(to_persist(List().texts("q", {"no number"}), Table(DATA_TYPE_UINT64, 0)), ok("q=s:no number;"));
@@ -337,12 +343,12 @@ TEST(FromPersist, JoinedTextOf511BytesFitsAndOneMoreStays)
 TEST(FromPersist, NamesBecomeTheirNumbersInAnyCase)
 {
 	const Table numbers(DATA_TYPE_STRING, 0, ab_both), bits(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, ab_both);
-	EXPECT_EQ(from_persist(List().texts("p", {"A", "b", "Ab"}), numbers), ok("p=u:1,2,3;"));
+	EXPECT_EQ(from_persist(List().texts("p", {"A", "b", "Ab"}), numbers), ok("p=u:1|2|3;"));
 	EXPECT_EQ(from_persist(List().texts("p", {"A", "b"}), bits), ok("p=u:3;"));
 	EXPECT_EQ(from_persist(List().texts("p", {}), numbers), ok("p=u;"));
 	EXPECT_EQ(from_persist(List().texts("p", {}), bits), ok("p=u:0;"));
 	EXPECT_EQ(from_persist(List().texts("p", {"a", "c"}), numbers),
-	    fails("p=s:a,c;", "could not convert value string c to valid value"));
+	    fails("p=s:a|c;", "could not convert value string c to valid value"));
 	EXPECT_EQ(from_persist(List().texts("p", {"c"}), bits),
 	    fails("p=s:c;", "could not convert value string c to valid value"));
 }
@@ -351,10 +357,10 @@ TEST(FromPersist, NamesThatRepeatGiveANumberEachButNeverMoreThanFit)
 {
 	std::vector<ostrel_valdesc_t> vals = {{"x", nullptr, 1}, {"X", nullptr, 2}, {nullptr, nullptr, 0}};
 	const Table table(DATA_TYPE_STRING, 0, vals.data());
-	EXPECT_EQ(from_persist(List().texts("p", {"x"}), table), ok("p=u:1,2;"));
+	EXPECT_EQ(from_persist(List().texts("p", {"x"}), table), ok("p=u:1|2;"));
 	EXPECT_EQ(from_persist(List().texts("p", many(64, "x")), table).result, 0);
 	EXPECT_EQ(from_persist(List().texts("p", many(65, "x")), table),
-	    fails("p=s:" + joined(65, "x") + ";", "could not convert from persistent type: too many values"));
+	    fails("p=s:" + shown(65, "x") + ";", "could not convert from persistent type: too many values"));
 	const Table bits(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, vals.data());
 	EXPECT_EQ(from_persist(List().texts("p", many(65, "x")), bits), ok("p=u:3;"));
 }
@@ -370,10 +376,10 @@ TEST(FromPersist, TooManyMembersStayWithAMessageAndTheRestGoesOn)
 	list.texts("p", many(129, "a")).texts("q", {"b"});
 	Converted left = from_persist(list, descs);
 	EXPECT_EQ(left.result, 0);
-	EXPECT_EQ(left.list, "p=s:" + joined(129, "a") + ";q=u:2;");
+	EXPECT_EQ(left.list, "p=s:" + shown(129, "a") + ";q=u:2;");
 	EXPECT_EQ(left.log, Texts{"7: p: could not convert from persistent type: too many values"});
 	descs[0].npd_flags = OSTREL_PROP_NO_CONVERT;
-	EXPECT_EQ(from_persist(List().texts("p", many(129, "a")), descs), ok("p=s:" + joined(129, "a") + ";"));
+	EXPECT_EQ(from_persist(List().texts("p", many(129, "a")), descs), ok("p=s:" + shown(129, "a") + ";"));
 }
 
 TEST(FromPersist, WhatIsNoStringArrayOrHasNoTableStays)
@@ -382,7 +388,7 @@ TEST(FromPersist, WhatIsNoStringArrayOrHasNoTableStays)
 	EXPECT_EQ(from_persist(List().numbers("p", {7}), table), ok("p=u:7;"));
 	EXPECT_EQ(from_persist(List().texts("p", {"7"}), plain), ok("p=s:7;"));
 	const Table never(DATA_TYPE_STRING, OSTREL_PROP_NO_CONVERT | OSTREL_PROP_DELIMITED, ab, ",");
-	EXPECT_EQ(from_persist(List().texts("p", {"a", "zz"}), never), ok("p=s:a,zz;"));
+	EXPECT_EQ(from_persist(List().texts("p", {"a", "zz"}), never), ok("p=s:a|zz;"));
 }
 
 // ---- Both ways ----
@@ -407,7 +413,7 @@ TEST(Conversion, DelimitedPropertyWithoutDelimitersIsRefused)
 	EXPECT_EQ(to_persist(List().texts("p", {"a,b"}), table),
 	    fails("p=s:a,b;", "could not convert to persistent type: no delimiters"));
 	EXPECT_EQ(from_persist(List().texts("p", {"a", "b"}), table),
-	    fails("p=s:a,b;", "could not convert from persistent type: no delimiters"));
+	    fails("p=s:a|b;", "could not convert from persistent type: no delimiters"));
 }
 
 // A caller's table, whose entries hold more than the descriptor; the last one is a bare end mark.
@@ -445,8 +451,8 @@ TEST(Conversion, ComesBackFromTheStoreAsItWas)
 	descs[0].npd_vals = descs[1].npd_vals = ab;
 	List list;
 	list.numbers("mode", {2, 1}).numbers("flags", {3}).texts("servers", {"x,y , z"});
-	EXPECT_EQ(to_persist(list, descs), ok("mode=s:b,a;flags=s:a,b;servers=s:x,y,z;"));
-	EXPECT_EQ(from_persist(list, descs), ok("mode=u:2,1;flags=u:3;servers=s:x, y, z;"));
+	EXPECT_EQ(to_persist(list, descs), ok("mode=s:b|a;flags=s:a|b;servers=s:x|y|z;"));
+	EXPECT_EQ(from_persist(list, descs), ok("mode=u:2|1;flags=u:3;servers=s:x, y, z;"));
 }
 
 TEST(Conversion, CountsTheNamesOfValues)
