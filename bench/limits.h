@@ -70,8 +70,8 @@ private:
 			const char *place = data + at;
 			__m256i fits = _mm256_set1_epi8(-1);
 			for (int i = 0; i < 3; i++) {
-				__m256i bytes_there = _mm256_loadu_si256(
-				    reinterpret_cast<const __m256i *>(place + marks[i].distance));
+				__m256i bytes_there =
+				    _mm256_loadu_si256(reinterpret_cast<const __m256i *>(place + marks[i].distance));
 				fits = _mm256_and_si256(
 				    fits, _mm256_cmpeq_epi8(_mm256_or_si256(bytes_there, folds[i]), bytes[i]));
 			}

@@ -9,12 +9,12 @@
 
 static int failures;
 
-#define EXPECT(condition) \
-	do { \
-		if (!(condition)) { \
-			failures++; \
-			fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition); \
-		} \
+#define EXPECT(condition)                                                                                              \
+	do {                                                                                                           \
+		if (!(condition)) {                                                                                    \
+			failures++;                                                                                    \
+			fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition);                        \
+		}                                                                                                      \
 	} while (0)
 
 #define OK(call) EXPECT((call) == OSTREL_SUCCESS)
