@@ -29,14 +29,6 @@ void print_values(const Property &property)
 		fmt::print("{}\n", terminal ? visible(value) : value);
 }
 
-void print_all(const Object &object)
-{
-	for (const auto &[name, value] : object.id)
-		fmt::print("{}={}\n", escape(name), escape(value));
-	for (const Property &property : object.props)
-		fmt::print("  {}:{}={}\n", escape(property.name), property.type->word, value_text(property));
-}
-
 Exit run(const Options &options)
 {
 	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
@@ -58,7 +50,7 @@ Exit run(const Options &options)
 	if (options.json)
 		fmt::print("{}\n", object_to_json(shown).dump());
 	else if (options.props.empty())
-		print_all(shown);
+		print_object(shown);
 	else
 		for (const Property &property : shown.props)
 			print_values(property);

@@ -25,6 +25,8 @@ const Command *const commands[] = {
     &copy_command,
     &diff_command,
     &check_command,
+    &convert_command,
+    &obsolete_command,
     &enclaves_command,
     &completion_command,
     &version_command,
@@ -86,6 +88,14 @@ int enclave_option(const std::string &text)
 		    fmt::format("there is no enclave {}", text))
 		    .next("ostrel enclaves lists them");
 	return info.ei_id;
+}
+
+void print_object(const Object &object)
+{
+	for (const auto &[name, value] : object.id)
+		fmt::print("{}={}\n", escape(name), escape(value));
+	for (const Property &property : object.props)
+		fmt::print("  {}:{}={}\n", escape(property.name), property.type->word, value_text(property));
 }
 
 Exit tell_update(const Options &options, const char *done, const Object &object)

@@ -19,6 +19,7 @@ struct Options {
 	std::string enclave;
 	std::string other_enclave;
 	std::string sort;
+	std::string table; // the file of property descriptors
 	bool json = false;
 	bool case_sensitive = false;
 	bool dry_run = false;
@@ -29,6 +30,8 @@ struct Options {
 	bool replace = false;
 	bool keep_going = false;
 	bool only_new = false;
+	bool to_persist = false;
+	bool from_persist = false;
 };
 
 struct Command {
@@ -41,8 +44,8 @@ struct Command {
 };
 
 extern const Command walk_command, get_command, put_command, set_command, unset_command, rename_command, remove_command,
-    export_command, import_command, copy_command, diff_command, check_command, enclaves_command, completion_command,
-    version_command;
+    export_command, import_command, copy_command, diff_command, check_command, convert_command,
+    obsolete_command, enclaves_command, completion_command, version_command;
 
 // All commands, in the order in which help lists them; ends with a NULL.
 extern const Command *const commands[];
@@ -63,6 +66,8 @@ struct Object;
 
 // The enclave that an option names; the one of this process, if it's empty.
 int enclave_option(const std::string &text);
+// Prints an object as text: a line for each identifier, and one for each property.
+void print_object(const Object &object);
 // Prints what an update did, or would do: as JSON if asked for, as a line in a dry run, otherwise not at all.
 Exit tell_update(const Options &options, const char *done, const Object &object);
 // Checks an update without making it, on a scratch database: whether the object can be stored, and whether it comes
