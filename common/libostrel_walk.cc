@@ -30,6 +30,7 @@ public:
 			if (ostrel_error_t bad = add_chunk(length))
 				return bad;
 		}
+		// NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): add_chunk() has set last_
 		memcpy(last_->text() + last_->used, text, length);
 		last_->used += length;
 		return OSTREL_SUCCESS;

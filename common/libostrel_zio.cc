@@ -261,7 +261,9 @@ int ostrel_zopen_impl(const char *path, enclaveid_t enclave, zfcb_t *cb, zfoparg
 		return error;
 	Fd receiver(ends[0]), sender(ends[1]);
 	oparg->zfop_openarg.zopen_pipe = ends;
-	return ostrel_zfop(path, enclave, cb, oparg);
+	int result = ostrel_zfop(path, enclave, cb, oparg);
+	oparg->zfop_openarg.zopen_pipe = nullptr;
+	return result;
 }
 
 int ostrel_zopen(const char *path, int oflag, mode_t mode, enclaveid_t enclave, int *err)

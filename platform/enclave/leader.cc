@@ -116,7 +116,7 @@ int enclave_leader_start(pid_t pid, uint64_t *startp)
 
 int enclave_leader_alive(const enclave_info_t *info)
 {
-	uint64_t start;
+	uint64_t start = 0;
 	return info != nullptr && info->ei_leader > 0 && enclave_leader_start(info->ei_leader, &start) == 0 &&
 	       start == info->ei_leader_start;
 }
@@ -127,7 +127,7 @@ int enclave_open_leader(const enclave_info_t *info, EnclaveLeader *leader)
 	if (!leader->process)
 		return errno;
 	// Looked at after the process is held: from here on its id stays its own.
-	uint64_t start;
+	uint64_t start = 0;
 	if (int error = enclave_leader_start(info->ei_leader, &start))
 		return error;
 	if (start != info->ei_leader_start)

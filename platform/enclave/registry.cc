@@ -429,8 +429,8 @@ int enclave_registry_find(const char *name, enclave_info_t *info)
 {
 	if (name == nullptr || info == nullptr)
 		return EINVAL;
-	enclave_info_t *infos;
-	size_t count;
+	enclave_info_t *infos = nullptr;
+	size_t count = 0;
 	if (int error = enclave_registry_list(&infos, &count))
 		return error;
 	Heap<enclave_info_t> owner(infos);
