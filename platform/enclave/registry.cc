@@ -435,6 +435,7 @@ int enclave_registry_find(const char *name, enclave_info_t *info)
 		return error;
 	Heap<enclave_info_t> owner(infos);
 	for (size_t i = 0; i < count; i++) {
+		// NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): the list has filled `count` of them
 		if (infos[i].ei_state == ENCLAVE_STATE_INVALID || strcmp(infos[i].ei_name, name) != 0)
 			continue;
 		*info = infos[i];

@@ -44,8 +44,8 @@ struct Command {
 };
 
 extern const Command walk_command, get_command, put_command, set_command, unset_command, rename_command, remove_command,
-    export_command, import_command, copy_command, diff_command, check_command, convert_command,
-    obsolete_command, enclaves_command, completion_command, version_command;
+    export_command, import_command, copy_command, diff_command, check_command, convert_command, obsolete_command,
+    enclaves_command, completion_command, version_command;
 
 // All commands, in the order in which help lists them; ends with a NULL.
 extern const Command *const commands[];
