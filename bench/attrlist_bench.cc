@@ -94,6 +94,29 @@ void object_filled_and_copied(benchmark::State &state)
 }
 BENCHMARK(object_filled_and_copied);
 
+// The same object from drafts, as the reader of a database makes it.
+void object_built(benchmark::State &state)
+{
+	dataset::Object o = dataset::object(23);
+	auto text = [](const char *bytes) { return attrtext_t{bytes, strlen(bytes)}; };
+	boolean_t on = o.on ? B_TRUE : B_FALSE;
+	attrtext_t values[] = {text(o.linkname), text(o.zone)}, tags[] = {text(o.site), text(o.role)};
+	attrdraft_t ids[] = {
+	    {text("linkname"), DATA_TYPE_STRING, 1, &values[0]}, {text("zone"), DATA_TYPE_STRING, 1, &values[1]}};
+	attrdraft_t props[] = {{text("mtu"), DATA_TYPE_UINT32_ARRAY, 1, &o.mtu},
+	    {text("on"), DATA_TYPE_BOOLEAN_ARRAY, 1, &on}, {text("tags"), DATA_TYPE_STRING_ARRAY, 2, tags},
+	    {text("ctr"), DATA_TYPE_INT64_ARRAY, 1, &o.ctr}};
+	attrdraft_t parts[] = {
+	    {text("object-idlist"), DATA_TYPE_ATTRLIST, 2, ids}, {text("object-props"), DATA_TYPE_ATTRLIST, 4, props}};
+	for (auto _ : state) {
+		attrlist_t *object;
+		must(attrlist_build(&object, parts, 2));
+		benchmark::DoNotOptimize(object);
+		attrlist_free(object);
+	}
+}
+BENCHMARK(object_built);
+
 void object_filled(benchmark::State &state)
 {
 	dataset::Object o = dataset::object(23);

@@ -340,7 +340,6 @@ int attrlist_lookup_attrpair(attrlist_t *list, const char *name, attrpair_t **pa
 }
 
 // The three calls on single values, and the three on arrays, of each type.
-// NOLINTBEGIN(bugprone-macro-parentheses): T is a type
 #define ADD_SCALAR(word, T, type)                                                                                      \
 	int attrlist_add_##word(attrlist_t *list, const char *name, T value)                                           \
 	{                                                                                                              \
@@ -374,8 +373,6 @@ int attrlist_lookup_attrpair(attrlist_t *list, const char *name, attrpair_t **pa
 	GET_VALUE(word, T, DATA_TYPE_##type)                                                                           \
 	ADD_ARRAY(word##_array, T, DATA_TYPE_##type##_ARRAY)                                                           \
 	GET_ARRAY(word##_array, T, DATA_TYPE_##type##_ARRAY)
-
-// NOLINTEND(bugprone-macro-parentheses)
 
 NUMBER_CALLS(int32, int32_t, INT32)
 NUMBER_CALLS(uint32, uint32_t, UINT32)

@@ -28,8 +28,9 @@ bool is_drafted(TypeInfo info, const attrdraft_t &draft)
 {
 	bool known = info.kind == Kind::Numbers || info.kind == Kind::Text || info.kind == Kind::Texts ||
 		     info.kind == Kind::List;
-	bool one = info.kind != Kind::Text || draft.count == 1;
-	return known && one && draft.name.length <= ATTRLIST_NAME_MAX && draft.count <= ATTRLIST_ELEMENTS_MAX;
+	if (!known || draft.name.length > ATTRLIST_NAME_MAX || draft.count > ATTRLIST_ELEMENTS_MAX)
+		return false;
+	return info.kind != Kind::Text || (draft.count == 1 && texts_of(draft)->length <= ATTRLIST_ELEMENTS_MAX);
 }
 
 size_t back_of(TypeInfo info, const attrdraft_t &draft)
@@ -64,32 +65,11 @@ bool measure(Drafts drafts, int level, size_t *size)
 	return true;
 }
 
-// Most texts are short: two copies that may overlap cost less than a call.
-template <typename Word>
-void copy_ends(char *to, const char *from, size_t length)
-{
-	Word first;
-	Word last;
-	memcpy(&first, from, sizeof(Word));
-	memcpy(&last, from + length - sizeof(Word), sizeof(Word));
-	memcpy(to, &first, sizeof(Word));
-	memcpy(to + length - sizeof(Word), &last, sizeof(Word));
-}
-
 char *put_text(char *to, const attrtext_t &text)
 {
-	size_t length = text.length;
-	if (length > 16)
-		memcpy(to, text.text, length);
-	else if (length >= 8)
-		copy_ends<uint64_t>(to, text.text, length);
-	else if (length >= 4)
-		copy_ends<uint32_t>(to, text.text, length);
-	else
-		for (size_t i = 0; i < length; i++)
-			to[i] = text.text[i];
-	to[length] = '\0';
-	return to + length + 1;
+	atl::copy_bytes(to, text.text, text.length);
+	to[text.length] = '\0';
+	return to + text.length + 1;
 }
 
 // The block being filled: records are cut from it one behind the other.
@@ -100,66 +80,53 @@ struct Block {
 
 void fill(Block *block, attrlist *list, Drafts drafts);
 
-// Gives the end of the record.
-char *set_value(attrlist *list, attrpair *pair, TypeInfo info, const attrdraft_t &draft, char *front)
+// The value of a new pair, which is a pointer to the front of its record.
+void set_value(attrlist *list, attrpair *pair, TypeInfo info, const attrdraft_t &draft)
 {
 	char *behind = atl::name_of(pair) + draft.name.length + 1;
-	const attrtext_t *texts = texts_of(draft);
 	switch (info.kind) {
 	case Kind::Text:
-		pair->count = static_cast<uint32_t>(texts->length);
-		if (atl::text_size(texts->length) == 0) {
-			(void) put_text(pair->value.bytes, *texts);
-			return behind;
-		}
 		pair->value.text = behind;
-		return put_text(behind, *texts);
+		(void) put_text(atl::lies_apart(pair, info) ? behind : pair->value.bytes, *texts_of(draft));
+		break;
 	case Kind::Texts:
-		pair->value.texts = reinterpret_cast<char **>(front);
 		for (uint32_t i = 0; i < draft.count; i++) {
 			pair->value.texts[i] = behind;
-			behind = put_text(behind, texts[i]);
+			behind = put_text(behind, texts_of(draft)[i]);
 		}
-		return behind;
-	case Kind::List:
-		pair->count = 1;
-		pair->value.list = reinterpret_cast<attrlist *>(front);
-		atl::start_list(pair->value.list, list);
-		return behind;
-	default:
 		break;
+	case Kind::List:
+		atl::start_list(pair->value.list, list);
+		break;
+	default:
+		atl::copy_padded(atl::lies_apart(pair, info) ? pair->value.data : pair->value.bytes, draft.elements,
+		    draft.count * info.width);
 	}
-	char *to = front;
-	if (front == reinterpret_cast<char *>(pair))
-		to = pair->value.bytes;
-	else
-		pair->value.data = front;
-	size_t bytes = draft.count * info.width;
-	if (bytes == sizeof(uint64_t))
-		memcpy(to, draft.elements, sizeof(uint64_t));
-	else if (bytes == sizeof(uint32_t))
-		memcpy(to, draft.elements, sizeof(uint32_t));
-	else if (bytes > 0)
-		memcpy(to, draft.elements, bytes);
-	return behind;
+}
+
+// What a pair counts: a text's bytes, and one list, whatever its pairs.
+size_t count_of(TypeInfo info, const attrdraft_t &draft)
+{
+	if (info.kind == Kind::Text)
+		return texts_of(draft)->length;
+	return info.kind == Kind::List ? 1 : draft.count;
 }
 
 attrpair *put_pair(Block *block, attrlist *list, TypeInfo info, const attrdraft_t &draft)
 {
-	char *front = block->at;
-	auto *pair = reinterpret_cast<attrpair *>(front + front_of(info, draft));
-	pair->value.data = nullptr;
-	pair->count = draft.count;
-	pair->name_length = static_cast<uint16_t>(draft.name.length);
-	pair->type = static_cast<uint8_t>(draft.type);
-	(void) put_text(atl::name_of(pair), draft.name);
-	char *end = set_value(list, pair, info, draft, front);
-	size_t size = atl::rounded(static_cast<size_t>(end - front));
+	char *record = block->at;
+	size_t front = front_of(info, draft);
+	size_t size = atl::record_size(front, draft.name.length, back_of(info, draft));
 	// However large, a record of this block goes with the block.
-	pair->eighths = atl::EIGHTHS_MANY;
+	uint8_t eighths = atl::EIGHTHS_MANY;
 	if (size / 8 < atl::EIGHTHS_MANY)
-		pair->eighths = static_cast<uint8_t>(size / 8);
-	block->at = front + size;
+		eighths = static_cast<uint8_t>(size / 8);
+	auto *pair = reinterpret_cast<attrpair *>(record + front);
+	pair->value.data = record;
+	atl::set_head(pair, count_of(info, draft), draft.name.length, draft.type, eighths);
+	(void) put_text(atl::name_of(pair), draft.name);
+	set_value(list, pair, info, draft);
+	block->at = record + size;
 	return pair;
 }
 

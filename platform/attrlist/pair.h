@@ -75,31 +75,31 @@ inline constexpr TypeInfo numbers64 = {Kind::Numbers, 8, 8, 8};
 
 // By data_type_t. What no call adds is no_type.
 inline constexpr TypeInfo type_infos[] = {
-    no_type,                                                // unknown
-    no_type,                                                // boolean without a value
-    no_type,                                                // byte
-    no_type,                                                // int16
-    no_type,                                                // uint16
-    scalar32,                                               // int32
-    scalar32,                                               // uint32
-    scalar64,                                               // int64
-    scalar64,                                               // uint64
-    {Kind::Text, 0, 0, 0},                                  // string
-    no_type,                                                // byte array
-    no_type,                                                // int16 array
-    no_type,                                                // uint16 array
-    numbers32,                                              // int32 array
-    numbers32,                                              // uint32 array
-    numbers64,                                              // int64 array
-    numbers64,                                              // uint64 array
-    {Kind::Texts, 0, sizeof(void *), 0},                    // string array
-    no_type,                                                // reserved
-    {Kind::List, 0, sizeof(attrlist), 0},                   // list
-    {Kind::Lists, 0, sizeof(attrlist) + sizeof(void *), 0}, // list array
-    scalar32,                                               // boolean value
-    no_type,                                                // int8
-    no_type,                                                // uint8
-    numbers32,                                              // boolean array
+    no_type,                                                    // unknown
+    no_type,                                                    // boolean without a value
+    no_type,                                                    // byte
+    no_type,                                                    // int16
+    no_type,                                                    // uint16
+    scalar32,                                                   // int32
+    scalar32,                                                   // uint32
+    scalar64,                                                   // int64
+    scalar64,                                                   // uint64
+    {Kind::Text, 0, 0, 0},                                      // string
+    no_type,                                                    // byte array
+    no_type,                                                    // int16 array
+    no_type,                                                    // uint16 array
+    numbers32,                                                  // int32 array
+    numbers32,                                                  // uint32 array
+    numbers64,                                                  // int64 array
+    numbers64,                                                  // uint64 array
+    {Kind::Texts, 0, sizeof(char *), 0},                        // string array
+    no_type,                                                    // reserved
+    {Kind::List, 0, sizeof(attrlist), 0},                       // list
+    {Kind::Lists, 0, sizeof(attrlist) + sizeof(attrlist *), 0}, // list array
+    scalar32,                                                   // boolean value
+    no_type,                                                    // int8
+    no_type,                                                    // uint8
+    numbers32,                                                  // boolean array
 };
 
 inline TypeInfo info_of(uint32_t type)
