@@ -118,6 +118,7 @@ REFUSED = {
     "array_above_limit": one(INT32S, 0x80000000, u32(1)),
     "array_wraps": one(UINT64S, 0x20000001, b"x" * 8),
     "array_a_byte_short": one(UINT64S, 2, b"x" * 15),
+    "array_short_of_the_next_pair": u32(2) + pair(b"a", UINT64S, 2, b"x" * 15),
     "lists_huge": one(LISTS, 0x7fffffff, plist()),
     "texts_huge": one(TEXTS, 0x7fffffff, u32(0) + b"\0"),
     "text_without_terminator": one(TEXT, 3, b"abcd"),
