@@ -17,6 +17,8 @@ int main(int argc, char **argv)
 				continue;
 			std::ifstream in(entry.path(), std::ios::binary);
 			std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
+			// A sanitizer sees a read behind the last byte only if the block ends there.
+			bytes.shrink_to_fit();
 			// The name first, so that it stands above a crash.
 			std::printf("%s\n", entry.path().c_str());
 			std::fflush(stdout);
