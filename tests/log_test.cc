@@ -25,6 +25,7 @@
 #include <meridon/msglog.h>
 #include <meridon/progpath.h>
 
+#include "alloc_fault.h"
 #include "base/guards.h"
 #include "libostrel_log.h"
 #include "libostrel_trace.h"
@@ -163,6 +164,38 @@ TEST_F(Log, MissingDeviceLosesOnlyTheDevicesHalf)
 	ostrel_log_open("msglog");
 	ostrel_log(3, "to both");
 	EXPECT_EQ(file_text(device()), program() + ": 3: to both\n");
+}
+
+// Where memory runs out the device's half is lost, and nothing else: no descriptor, no memory, no later message.
+TEST_F(Log, GivesBackAllItTookWhereAllocationsFail)
+{
+	SKIP_WITHOUT_ALLOC_FAULTS();
+	make_device_file();
+	ostrel_log_fmt(3, "what the C library keeps for good is made by now");
+	ostrel_log_open("msglog");
+	ostrel_log_fmt(3, "first");
+	ostrel_log_close();
+	int free_fd = dup(0);
+	(void) close(free_fd);
+	int lost = 0;
+	sweep_allocations([] { return 0; },
+	    [](int) {
+		    ostrel_log_open("msglog");
+		    ostrel_log(3, "%s", "message");
+		    ostrel_log_close();
+		    return 0;
+	    },
+	    [&](int, int, bool) {
+		    lost += file_text(device()).find("message") == std::string::npos;
+		    ASSERT_EQ(truncate(device().c_str(), 0), 0);
+		    int now = dup(0);
+		    (void) close(now);
+		    EXPECT_EQ(now, free_fd);
+	    });
+	EXPECT_GT(lost, 0);
+	ostrel_log_open("msglog");
+	ostrel_log(3, "last");
+	EXPECT_EQ(file_text(device()), program() + ": 3: last\n");
 }
 
 // ---- Records of the message device ----
