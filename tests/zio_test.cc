@@ -8,6 +8,7 @@
 #include <functional>
 #include <string>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -358,6 +359,13 @@ TEST(ZioEnter, JoinsTheNamespacesOfALeaderAndItsRoot)
 		bool mapped = kind == TestEnclave::UserNamespace;
 		EXPECT_EQ(st.st_uid, mapped ? 100017U : 17U);
 		EXPECT_EQ(st.st_gid, mapped ? 100065U : 65U);
+
+		// The enclave's root may not look into a child, which is a copy of a process of the host.
+		pid_t pid = -1;
+		int status = ostrel_zfork(enclave.id(), B_TRUE, &pid);
+		if (pid == 0 && status == 0)
+			ostrel_zexit(enclave.id(), pid, prctl(PR_GET_DUMPABLE) == 1 ? 41 : 42);
+		EXPECT_EQ(status, mapped ? 42 : 41);
 
 		enclave.kill_leader();
 		EXPECT_EQ(read_error("/db", enclave.id()), ESRCH) << kind;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -71,6 +72,9 @@ int join_namespaces(const EnclaveLeader &leader)
 {
 	if (leader.namespaces == 0)
 		return 0;
+	// Root of the enclave may trace its own processes. This one holds a copy of its parent's memory and descriptors.
+	if ((leader.namespaces & CLONE_NEWUSER) != 0 && prctl(PR_SET_DUMPABLE, 0) == -1)
+		return entry_error(errno);
 	if (setns(leader.process.get(), leader.namespaces) == -1)
 		return entry_error(errno);
 	if ((leader.namespaces & CLONE_NEWUSER) == 0)
