@@ -50,7 +50,7 @@ fi
 # A tool that lies is found out: here one that doesn't change what it is told to.
 mkdir -p "$scratch/bad/tools" "$scratch/bad/examples/netimport"
 ln -s "$build/tools/enclavectl" "$scratch/bad/tools/enclavectl"
-ln -s "$build/examples/netimport/netimport" "$scratch/bad/examples/netimport"
+ln -s "$build/examples/netimport/netimport" "$scratch/bad/examples/netimport/netimport"
 printf '#!/bin/sh\n[ "$1" = set ] || exec %s "$@"\n' "$build/tools/ostrel" >"$scratch/bad/tools/ostrel"
 chmod +x "$scratch/bad/tools/ostrel"
 code=0

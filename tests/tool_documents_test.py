@@ -160,6 +160,20 @@ class Documents(t.ToolTest):
         self.tool("import", "a", "doc")
         self.assertEqual(self.read("a").count(b"\n"), 30001)
 
+    def test_an_update_by_somebody_else_is_not_overwritten(self):
+        self.write("a", "name=old;\t\n")
+        self.write("doc", document(*[thing(f"n{i}", x="1") for i in range(40000)]))
+        child = subprocess.Popen([t.OSTREL, "--json", "import", "a", "doc"], cwd=self.dir, env=self.env,
+                                 stderr=subprocess.PIPE)
+        self.addCleanup(child.stderr.close)
+        while child.poll() is None and not any(names for _, _, names in os.walk(self.scratch)):
+            time.sleep(0.01)
+        self.write("other", "name=new;\t\n")
+        os.rename(self.path("other"), self.path("a"))
+        self.assertEqual(child.wait(60), 7)
+        self.assertEqual(json.loads(child.stderr.read())["error"]["code"], 7)
+        self.assertEqual(self.read("a"), b"name=new;\t\n")
+
     def test_a_long_import_shows_its_progress_on_a_terminal_alone(self):
         self.write("doc", document(*[thing(f"n{i}", x="1") for i in range(40000)]))
         self.assertIn(b" of 40000 (", self.on_terminal("import", "a", "doc"))

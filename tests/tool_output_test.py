@@ -143,6 +143,7 @@ class Enclaves(t.ToolTest):
         self.error(6, "check", "-E", "web", "/etc/fifo")
         self.assertEqual(self.error(4, "walk", "-E", "web", "/etc/none")["where"], "/etc/none")
         self.error(4, "get", *here, "n=2")
+        self.assertIn("no enclave 8", self.error(4, "walk", "-E", "8", "/etc/d")["message"])
         self.tool("remove", *here, "--all", "--yes")
         self.assertFalse(os.path.exists(self.path("inside/etc/d")))
 

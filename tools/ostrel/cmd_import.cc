@@ -1,6 +1,7 @@
 // ostrel import: a JSON document into a database.
 #include <fstream>
 #include <iostream>
+#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -8,6 +9,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
+#include "terminal.h"
 
 namespace {
 
@@ -22,6 +24,8 @@ std::vector<DocumentObject> read_input(const std::string &path, Complaints &comp
 {
 	bool standard = path.empty() || path == "-";
 	std::string name = standard ? "standard input" : path;
+	if (standard && is_terminal(STDIN_FILENO))
+		note("reading a document from the terminal; Ctrl-D ends it");
 	std::ifstream file;
 	if (!standard) {
 		errno = 0;

@@ -76,13 +76,16 @@ int enclave_option(const std::string &text)
 		return 0;
 	enclaveid_t id = 0;
 	const char *end = text.data() + text.size();
-	if (auto [stop, error] = std::from_chars(text.data(), end, id); error == std::errc() && stop == end) {
-		if (id < 0 || id > ENCLAVE_ID_MAX)
-			throw Failure(Exit::usage, fmt::format("enclaves have the numbers 1 to {}", ENCLAVE_ID_MAX));
+	auto [stop, bad_number] = std::from_chars(text.data(), end, id);
+	bool number = bad_number == std::errc() && stop == end;
+	if (number && (id < 0 || id > ENCLAVE_ID_MAX))
+		throw Failure(Exit::usage, fmt::format("enclaves have the numbers 1 to {}", ENCLAVE_ID_MAX));
+	if (number && (id == 0 || id == getenclaveid()))
 		return id;
-	}
 	enclave_info_t info;
-	int error = enclave_registry_find(text.c_str(), &info);
+	int error = number ? enclave_registry_get(id, &info) : enclave_registry_find(text.c_str(), &info);
+	if (number && error == EBADMSG) // the enclave is there; what is wrong with it shows when it is entered
+		return id;
 	if (error != 0)
 		throw Failure(error == EINVAL ? Exit::not_found : exit_of(ostrel_errno2error(error)),
 		    fmt::format("there is no enclave {}", text))
