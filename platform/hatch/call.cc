@@ -1,0 +1,272 @@
+// The client: one message out, one message in, on a connection that is kept for the next call.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <meridon/hatch.h>
+
+#include "hatch/connections.h"
+#include "hatch/server.h"
+#include "hatch/wire.h"
+
+namespace hatch {
+namespace {
+
+// A call that is cancelled half-way would leave its connection to nobody.
+class NotCancelled {
+public:
+	NotCancelled() { (void) pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+	~NotCancelled() { (void) pthread_setcancelstate(before_, nullptr); }
+	NotCancelled(const NotCancelled &) = delete;
+	NotCancelled &operator=(const NotCancelled &) = delete;
+
+private:
+	int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// What a call came to: its errno value, and whether the connection can serve another one.
+struct Outcome {
+	int error;
+	bool reusable;
+};
+
+constexpr Outcome broken(int error)
+{
+	return {error, false};
+}
+
+// A connection that fails has lost its server; only what the caller can do something about keeps its own name.
+int connection_error(int error)
+{
+	return error == EINTR || error == ENOMEM ? error : error == ENOBUFS ? ENOMEM : EBADF;
+}
+
+int send_first(const Connection &connection, const hatch_arg_t &arg, size_t *sent)
+{
+	RequestHead head = {wire_magic, 0, arg.data_size};
+	size_t size = std::min(arg.data_size, connection.piece);
+	iovec parts[] = {{&head, sizeof head}, {arg.data_ptr, size}};
+	*sent = size;
+	return send_message(connection.socket.get(), parts, size == 0 ? 1 : 2, 0);
+}
+
+int send_rest(const Connection &connection, const hatch_arg_t &arg, size_t sent)
+{
+	while (sent < arg.data_size) {
+		size_t size = std::min(arg.data_size - sent, connection.piece);
+		iovec part = {arg.data_ptr + sent, size};
+		if (int error = send_message(connection.socket.get(), &part, 1, 0))
+			return connection_error(error);
+		sent += size;
+	}
+	return 0;
+}
+
+// Receives `size` bytes that follow the first message.
+int receive_rest(int fd, char *data, size_t size)
+{
+	while (size > 0) {
+		fill_pages(data, std::min(size, piece_max));
+		iovec part = {data, size};
+		Message message = receive_message(fd, &part, 1, 0);
+		if (message.size <= 0)
+			return message.size == 0 ? EBADF : connection_error(errno);
+		if (!message.whole)
+			return EPROTO;
+		data += message.size;
+		size -= static_cast<size_t>(message.size);
+	}
+	return 0;
+}
+
+// The first message of a reply: its head, and where its payload lies.
+struct Landed {
+	ReplyHead head;
+	size_t size;      // payload bytes in this message
+	size_t in_buffer; // how many of them lie in the caller's buffer; the others lie in the connection's landing
+};
+
+int receive_first(Connection *connection, const hatch_arg_t &arg, Landed *landed)
+{
+	size_t room = arg.rbuf == nullptr ? 0 : arg.rsize;
+	if (room < piece_max && !connection->landing && !connection->landing.map(piece_max, Fill::on_use))
+		return ENOMEM;
+	iovec parts[] = {
+	    {&landed->head, sizeof landed->head}, {arg.rbuf, room}, {connection->landing.data(), piece_max}};
+	if (room == 0)
+		parts[1] = parts[2];
+	size_t count = room == 0 || room >= piece_max ? 2 : 3;
+	Message message = receive_message(connection->socket.get(), parts, count, 0);
+	if (message.size <= 0)
+		return message.size == 0 ? EBADF : connection_error(errno);
+	if (!message.whole || message.size < static_cast<ssize_t>(head_size) || landed->head.magic != wire_magic)
+		return EPROTO;
+	landed->size = static_cast<size_t>(message.size) - head_size;
+	landed->in_buffer = std::min(landed->size, room);
+	return landed->size <= landed->head.size ? 0 : EPROTO;
+}
+
+// Makes the fresh mapping of a reply that the caller has no room for.
+int gather(Connection *connection, const hatch_arg_t &arg, const Landed &landed, Mapping *reply)
+{
+	size_t size = landed.head.size;
+	// What has not arrived yet is only a claim.
+	if (!reply->map(size, landed.size == size ? Fill::now : Fill::on_use))
+		return ENOMEM;
+	if (landed.size < size)
+		fill_pages(reply->data(), landed.size);
+	if (landed.in_buffer > 0)
+		memcpy(reply->data(), arg.rbuf, landed.in_buffer);
+	size_t others = landed.size - landed.in_buffer;
+	if (others > 0)
+		memcpy(reply->data() + landed.in_buffer, connection->landing.data(), others);
+	return receive_rest(connection->socket.get(), reply->data() + landed.size, size - landed.size);
+}
+
+Outcome receive_reply(Connection *connection, hatch_arg_t *arg)
+{
+	Landed landed;
+	if (int error = receive_first(connection, *arg, &landed))
+		return broken(error);
+	if (landed.head.refusal != 0)
+		return {refusal_errno(landed.head.refusal), landed.head.size == 0};
+	size_t size = landed.head.size;
+	if (size == 0 || (arg->rbuf != nullptr && size <= arg->rsize)) {
+		if (int error = receive_rest(connection->socket.get(), arg->rbuf + landed.size, size - landed.size))
+			return broken(error);
+		arg->data_ptr = arg->rbuf;
+	} else {
+		Mapping reply;
+		if (int error = gather(connection, *arg, landed, &reply))
+			return broken(error);
+		arg->data_ptr = arg->rbuf = reply.release();
+		arg->rsize = size;
+	}
+	arg->data_size = size;
+	return {0, true};
+}
+
+// How often a new connection may be dropped by a server that has too many, before anything was sent over it.
+constexpr int attempts_max = 20;
+
+// Sends the first message over a connection that was kept, or a new one. One that the server hung up before doesn't
+// count: nothing of the call was sent over it.
+int begin_call(int fd, const Attachment &attachment, const hatch_arg_t &arg, Connection **out, size_t *sent)
+{
+	int error = EBADF;
+	for (int attempt = 0; attempt < attempts_max;) {
+		*out = take_connection(attachment);
+		if (*out == nullptr) {
+			attempt++;
+			if (int no_road = make_connection(fd, attachment, Waiting::yes, out))
+				return no_road;
+		}
+		error = send_first(**out, arg, sent);
+		if (error == 0)
+			return 0;
+		drop_connection(*out);
+		if (error != EPIPE && error != ECONNRESET)
+			break;
+	}
+	return connection_error(error);
+}
+
+int call(int fd, hatch_arg_t *arg)
+{
+	Look look;
+	if (!look_at(fd, &look))
+		return EBADF;
+	Connection *connection;
+	size_t sent;
+	if (int error = begin_call(fd, look.attachment, *arg, &connection, &sent))
+		return error;
+	Outcome outcome = broken(send_rest(*connection, *arg, sent));
+	if (outcome.error == 0)
+		outcome = receive_reply(connection, arg);
+	if (!outcome.reusable) {
+		drop_connection(connection);
+		return outcome.error;
+	}
+	keep_connection(connection);
+	if (!look.marked)
+		set_mark(fd, look.attachment.mark);
+	return outcome.error;
+}
+
+// Tells whether the server of an attachment is there, connecting to it if that was never done.
+int find_server(int fd, const Attachment &attachment, pid_t *server)
+{
+	*server = 0;
+	if (!record_is_locked(fd))
+		return EBADF;
+	if (known_server(attachment, server))
+		return 0;
+	Connection *connection;
+	int error = make_connection(fd, attachment, Waiting::no, &connection);
+	if (error != 0) // a server that can't be asked now is there all the same
+		return error == EBADF || error == EINTR ? error : 0;
+	keep_connection(connection);
+	(void) known_server(attachment, server);
+	return 0;
+}
+
+int info_of(int fd, hatch_info_t *info)
+{
+	*info = {0, HATCH_REFUSE_DESC};
+	Look look;
+	int error = look_at(fd, &look) ? find_server(fd, look.attachment, &info->di_target) : EBADF;
+	if (error == 0 && !look.marked)
+		set_mark(fd, look.attachment.mark);
+	if (error != EBADF)
+		return error;
+	if (is_own_hatch(fd)) {
+		info->di_target = getpid();
+		return 0;
+	}
+	if (!has_mark(fd) && !was_replaced(fd))
+		return EBADF;
+	info->di_attributes |= HATCH_REVOKED;
+	return 0;
+}
+
+int fail_with(int error)
+{
+	if (error == 0)
+		return 0;
+	errno = error;
+	return -1;
+}
+
+} // namespace
+} // namespace hatch
+
+int hatch_call(int fd, hatch_arg_t *arg)
+{
+	hatch::NotCancelled guard;
+	if (arg == nullptr || (arg->data_ptr == nullptr && arg->data_size != 0))
+		return hatch::fail_with(EFAULT);
+	if (arg->desc_num != 0)
+		return hatch::fail_with(ENOTSUP);
+	return hatch::fail_with(hatch::call(fd, arg));
+}
+
+int hatch_info(int fd, hatch_info_t *info)
+{
+	hatch::NotCancelled guard;
+	if (info == nullptr)
+		return hatch::fail_with(EFAULT);
+	hatch_info_t found;
+	int error = hatch::info_of(fd, &found);
+	if (error == 0)
+		*info = found;
+	return hatch::fail_with(error);
+}
+
+void hatch_forget(int fd)
+{
+	hatch::Look look;
+	if (hatch::look_at(fd, &look))
+		hatch::forget_connections(look.attachment);
+}

@@ -1,0 +1,216 @@
+// One table for the process: the idle connections in the order of their last use, a list of those in use, and a ring
+// of servers met. A forked child closes what it inherited and begins anew.
+#include "hatch/connections.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <poll.h>
+#include <pthread.h>
+
+#include "base/thread_safety.h"
+#include "hatch/epoch.h"
+#include "hatch/wire.h"
+
+namespace hatch {
+namespace {
+
+constexpr size_t servers_max = 64;
+
+struct Server {
+	Attachment attachment;
+	pid_t pid;
+};
+
+struct Table {
+	uint64_t epoch;
+	Connection *idle[kept_max]; // the last is the one used last
+	size_t idle_count;
+	Connection *used;
+	Server servers[servers_max];
+	size_t servers_met; // all in all: the next one takes the place servers_met % servers_max
+};
+
+Mutex table_lock;
+Table table GUARDED_BY(table_lock);
+pthread_once_t fork_once = PTHREAD_ONCE_INIT;
+
+void close_all() REQUIRES(table_lock)
+{
+	for (size_t i = 0; i < table.idle_count; i++)
+		delete table.idle[i];
+	table.idle_count = 0;
+	// Those in use belong to threads that a child doesn't have, or to a call that a signal handler's fork interrupted:
+	// that one goes on in the child, and fails.
+	while (Connection *connection = table.used) {
+		table.used = connection->next;
+		connection->next = connection->prev = nullptr;
+		connection->socket.reset();
+	}
+}
+
+// A child that was forked past the handlers below still must not touch its parent's connections.
+Table &own_table() REQUIRES(table_lock)
+{
+	uint64_t now = epoch();
+	if (table.epoch != now) {
+		close_all();
+		table.epoch = now;
+	}
+	return table;
+}
+
+void before_fork() ACQUIRE(table_lock) NO_THREAD_SAFETY_ANALYSIS
+{
+	table_lock.lock();
+}
+
+void in_parent() RELEASE(table_lock) NO_THREAD_SAFETY_ANALYSIS
+{
+	table_lock.unlock();
+}
+
+void in_child() RELEASE(table_lock) NO_THREAD_SAFETY_ANALYSIS
+{
+	close_all();
+	table_lock.unlock();
+}
+
+void watch_forks()
+{
+	(void) pthread_atfork(before_fork, in_parent, in_child);
+}
+
+Connection *remove_idle(size_t i) REQUIRES(table_lock)
+{
+	Connection *connection = table.idle[i];
+	std::move(table.idle + i + 1, table.idle + table.idle_count, table.idle + i);
+	table.idle_count--;
+	return connection;
+}
+
+void link_used(Connection *connection) REQUIRES(table_lock)
+{
+	connection->prev = nullptr;
+	connection->next = table.used;
+	if (table.used != nullptr)
+		table.used->prev = connection;
+	table.used = connection;
+}
+
+void unlink_used(Connection *connection) REQUIRES(table_lock)
+{
+	if (connection->prev != nullptr)
+		connection->prev->next = connection->next;
+	else
+		table.used = connection->next;
+	if (connection->next != nullptr)
+		connection->next->prev = connection->prev;
+}
+
+Server *find_server(const Attachment &attachment) REQUIRES(table_lock)
+{
+	size_t count = std::min(table.servers_met, servers_max);
+	for (size_t i = 0; i < count; i++) {
+		if (table.servers[i].attachment == attachment)
+			return &table.servers[i];
+	}
+	return nullptr;
+}
+
+void note_server(const Attachment &attachment, pid_t pid) REQUIRES(table_lock)
+{
+	if (find_server(attachment) == nullptr)
+		table.servers[table.servers_met++ % servers_max] = {attachment, pid};
+}
+
+// Servers that have gone leave connections that no call would ever find again.
+void drop_hung_up() REQUIRES(table_lock)
+{
+	struct pollfd looks[kept_max];
+	size_t count = table.idle_count;
+	for (size_t i = 0; i < count; i++)
+		looks[i] = {table.idle[i]->socket.get(), 0, 0};
+	if (poll(looks, count, 0) <= 0)
+		return;
+	for (size_t i = count; i-- > 0;) {
+		if ((looks[i].revents & (POLLHUP | POLLERR)) != 0)
+			delete remove_idle(i);
+	}
+}
+
+} // namespace
+
+Connection *take_connection(const Attachment &attachment)
+{
+	MutexLock hold(table_lock);
+	Table &own = own_table();
+	for (size_t i = own.idle_count; i-- > 0;) {
+		if (own.idle[i]->attachment == attachment) {
+			Connection *connection = remove_idle(i);
+			link_used(connection);
+			return connection;
+		}
+	}
+	return nullptr;
+}
+
+int make_connection(int fd, const Attachment &attachment, Waiting waiting, Connection **out)
+{
+	(void) pthread_once(&fork_once, watch_forks);
+	auto *connection = new (std::nothrow) Connection{};
+	if (connection == nullptr)
+		return ENOMEM;
+	pid_t server;
+	int error = connect_road(fd, attachment, waiting, &connection->socket, &server);
+	if (error != 0) {
+		delete connection;
+		return error;
+	}
+	connection->attachment = attachment;
+	connection->piece = prepare_sending(connection->socket.get());
+	MutexLock hold(table_lock);
+	(void) own_table();
+	drop_hung_up();
+	note_server(attachment, server);
+	link_used(connection);
+	*out = connection;
+	return 0;
+}
+
+void keep_connection(Connection *connection)
+{
+	MutexLock hold(table_lock);
+	unlink_used(connection);
+	if (table.idle_count == kept_max)
+		delete remove_idle(0);
+	table.idle[table.idle_count++] = connection;
+}
+
+void drop_connection(Connection *connection)
+{
+	MutexLock hold(table_lock);
+	unlink_used(connection);
+	delete connection;
+}
+
+void forget_connections(const Attachment &attachment)
+{
+	MutexLock hold(table_lock);
+	Table &own = own_table();
+	for (size_t i = own.idle_count; i-- > 0;) {
+		if (own.idle[i]->attachment == attachment)
+			delete remove_idle(i);
+	}
+}
+
+bool known_server(const Attachment &attachment, pid_t *server)
+{
+	MutexLock hold(table_lock);
+	const Server *found = find_server(attachment);
+	if (found != nullptr)
+		*server = found->pid;
+	return found != nullptr;
+}
+
+} // namespace hatch

@@ -1,0 +1,220 @@
+// Calls: the handler's frame, what it may ask of the layer, and how its reply leaves.
+//
+// hatch_return() leaves the handler by a jump. Between the frame that set it and the handler's own, nothing has a
+// destructor: the functions on that way hold plain values only.
+#include <algorithm>
+#include <cerrno>
+#include <csetjmp>
+#include <cstdlib>
+#include <cstring>
+#include <poll.h>
+#include <unistd.h>
+
+#include "hatch/epoch.h"
+#include "hatch/server.h"
+#include "peercred/peercred.h"
+
+namespace hatch {
+namespace {
+
+// For how long a handler's thread waits for a client to take more of its reply, before the rest is put aside.
+constexpr int patience_ms = 20;
+// Memory for replies up to this size stays with the thread.
+constexpr size_t memory_kept = 1U << 20;
+
+struct Call {
+	sigjmp_buf back;
+	Hatch *hatch;
+	Peer *peer;
+	uint64_t epoch;
+	bool answered;
+};
+
+struct ReplyMemory {
+	char *data;
+	size_t size;
+};
+
+thread_local constinit Call *current = nullptr;
+thread_local constinit ReplyMemory memory = {nullptr, 0};
+
+extern "C" void hatch_enter_handler(Call *call, char *data, size_t size) __attribute__((noinline));
+
+extern "C" void hatch_enter_handler(Call *call, char *data, size_t size)
+{
+	if (sigsetjmp(call->back, 0) == 0)
+		call->hatch->handler(call->hatch->cookie, data, size, nullptr, 0);
+}
+
+Call *running_call()
+{
+	return current != nullptr && !current->answered && current->epoch == epoch() ? current : nullptr;
+}
+
+// True if the client made room within the time that a thread may wait for it; revoking ends the wait.
+bool room_soon(const Hatch &hatch, const Peer &peer)
+{
+	struct pollfd looks[] = {{peer.socket.get(), POLLOUT, 0}, {hatch.stop.get(), POLLIN, 0}};
+	int count;
+	do
+		count = poll(looks, 2, patience_ms);
+	while (count == -1 && errno == EINTR);
+	return count > 0 && looks[1].revents == 0;
+}
+
+// Sends pieces until there is no room. Errors: 0, or an errno value; EAGAIN with *sent as far as it went.
+int send_pieces(const Peer &peer, const char *data, size_t size, size_t *sent)
+{
+	while (*sent < size) {
+		size_t piece = std::min(size - *sent, peer.piece);
+		iovec part = {const_cast<char *>(data) + *sent, piece}; // only read
+		int error = send_message(peer.socket.get(), &part, 1, MSG_DONTWAIT);
+		if (error == EINTR)
+			continue;
+		if (error != 0)
+			return error;
+		*sent += piece;
+	}
+	return 0;
+}
+
+void put_aside(Hatch *hatch, Peer *peer, const char *data, size_t size)
+{
+	if (!peer->rest.map(size, Fill::now)) {
+		peer->finished = true;
+		return;
+	}
+	memcpy(peer->rest.data(), data, size);
+	peer->rest_sent = 0;
+	hold(hatch, peer, size);
+}
+
+int send_head(const Peer &peer, const ReplyHead &head, const char *data, size_t size)
+{
+	iovec parts[] = {{const_cast<ReplyHead *>(&head), sizeof head}, {const_cast<char *>(data), size}};
+	int error;
+	do
+		error = send_message(peer.socket.get(), parts, size == 0 ? 1 : 2, MSG_DONTWAIT);
+	while (error == EINTR);
+	return error;
+}
+
+void give_up_large_memory()
+{
+	if (memory.size > memory_kept)
+		free_reply_memory();
+}
+
+} // namespace
+
+Hatch *running_hatch()
+{
+	Call *call = current;
+	return call == nullptr ? nullptr : call->hatch;
+}
+
+void leave_call()
+{
+	current = nullptr;
+}
+
+void free_reply_memory()
+{
+	if (memory.data != nullptr)
+		(void) munmap(memory.data, memory.size);
+	memory = {nullptr, 0};
+}
+
+void run_call(Hatch *hatch, Peer *peer, char *data, size_t size)
+{
+	Call call;
+	call.hatch = hatch;
+	call.peer = peer;
+	call.epoch = epoch();
+	call.answered = false;
+	current = &call;
+	hatch_enter_handler(&call, data, size);
+	current = nullptr;
+	if (call.epoch != epoch())
+		_exit(
+		    EXIT_FAILURE); // a forked child has nobody to reply to, and must not touch what it shares with its parent
+	if (!call.answered)
+		send_reply(hatch, peer, Refusal::no_reply, nullptr, 0);
+	give_up_large_memory();
+}
+
+void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, size_t size)
+{
+	size_t sent = std::min(size, peer->piece);
+	int error = send_head(*peer, {wire_magic, static_cast<uint32_t>(refusal), size}, data, sent);
+	// A client that didn't read its last reply gets no further one.
+	while (error == 0 && sent < size) {
+		error = send_pieces(*peer, data, size, &sent);
+		if (error != EAGAIN)
+			continue;
+		if (!room_soon(*hatch, *peer))
+			return put_aside(hatch, peer, data + sent, size - sent);
+		error = 0;
+	}
+	peer->finished |= error != 0;
+}
+
+void send_rest(Hatch *hatch, Peer *peer)
+{
+	size_t size = peer->rest.size();
+	int error = send_pieces(*peer, peer->rest.data(), size, &peer->rest_sent);
+	if (error == EAGAIN)
+		return hold(hatch, peer, size);
+	peer->finished |= error != 0;
+	peer->rest.reset();
+	unhold(hatch, peer);
+}
+
+} // namespace hatch
+
+int hatch_return(const char *data, size_t size, hatch_desc_t *descs, unsigned int ndescs)
+{
+	(void) descs;
+	hatch::Call *call = hatch::running_call();
+	errno = call == nullptr ? EINVAL : ndescs != 0 ? ENOTSUP : EFAULT;
+	if (call == nullptr || ndescs != 0 || (data == nullptr && size != 0))
+		return -1;
+	hatch::send_reply(call->hatch, call->peer, hatch::Refusal::none, data, size);
+	call->answered = true;
+	siglongjmp(call->back, 1);
+}
+
+void *hatch_reply_memory(size_t size)
+{
+	if (hatch::running_call() == nullptr) {
+		errno = EINVAL;
+		return nullptr;
+	}
+	if (size > hatch::memory.size || hatch::memory.data == nullptr) {
+		hatch::free_reply_memory();
+		hatch::Mapping fresh;
+		if (!fresh.map(hatch::round_to_page(std::max(size, size_t{1})), hatch::Fill::now)) {
+			errno = ENOMEM;
+			return nullptr;
+		}
+		hatch::memory.size = fresh.size();
+		hatch::memory.data = fresh.release();
+	}
+	return hatch::memory.data;
+}
+
+int hatch_peercred(peercred_t **cred)
+{
+	hatch::Call *call = cred == nullptr ? nullptr : hatch::running_call();
+	if (call == nullptr) {
+		errno = EINVAL;
+		return -1;
+	}
+	peercred_t *made = peercred_make(call->peer->sender);
+	if (made == nullptr) {
+		errno = ENOMEM;
+		return -1;
+	}
+	*cred = made;
+	return 0;
+}

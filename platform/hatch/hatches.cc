@@ -1,0 +1,277 @@
+// The hatches of this process: making, parameters, revoking, and what a fork does to them.
+#include <cerrno>
+#include <csignal>
+#include <new>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include "hatch/place.h"
+#include "hatch/server.h"
+
+namespace hatch {
+namespace {
+
+Mutex list_lock;
+Hatch *list GUARDED_BY(list_lock);
+Hatch *inherited GUARDED_BY(list_lock); // in a forked child: its parent's, closed
+pthread_once_t fork_once = PTHREAD_ONCE_INIT;
+
+// The number alone doesn't tell: its owner may have closed it, and it may stand for something else by now.
+bool inode_of(int fd, ino_t *inode)
+{
+	struct stat st;
+	if (fstat(fd, &st) == -1 || !S_ISSOCK(st.st_mode))
+		return false;
+	*inode = st.st_ino;
+	return true;
+}
+
+Hatch **find_locked(int fd) REQUIRES(list_lock)
+{
+	ino_t inode;
+	if (!inode_of(fd, &inode))
+		return nullptr;
+	for (Hatch **link = &list; *link != nullptr; link = &(*link)->next) {
+		if ((*link)->fd == fd && (*link)->inode == inode && !(*link)->revoked)
+			return link;
+	}
+	return nullptr;
+}
+
+void before_fork() NO_THREAD_SAFETY_ANALYSIS
+{
+	list_lock.lock();
+	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next)
+		hatch->lock.lock();
+}
+
+void in_parent() NO_THREAD_SAFETY_ANALYSIS
+{
+	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next)
+		hatch->lock.unlock();
+	list_lock.unlock();
+}
+
+// The child closes its copies, and so neither holds a lock nor a connection of its parent's. The memory stays: threads
+// that it doesn't have point into it.
+void in_child() NO_THREAD_SAFETY_ANALYSIS
+{
+	leave_call();
+	Hatch *last = nullptr;
+	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next) {
+		hatch->place = Place{};
+		hatch->events.reset();
+		hatch->stop.reset();
+		hatch->timer.reset();
+		for (Peer *peer = hatch->peers; peer != nullptr; peer = peer->next)
+			peer->socket.reset();
+		hatch->lock.unlock();
+		last = hatch;
+	}
+	if (last != nullptr) {
+		last->next = inherited;
+		inherited = list;
+		list = nullptr;
+	}
+	list_lock.unlock();
+}
+
+void watch_forks()
+{
+	(void) pthread_atfork(before_fork, in_parent, in_child);
+}
+
+int watch(const Hatch &hatch, const Fd &fd, uint32_t how)
+{
+	struct epoll_event event = {};
+	event.events = how;
+	event.data.ptr = const_cast<Fd *>(&fd);
+	return epoll_ctl(hatch.events.get(), EPOLL_CTL_ADD, fd.get(), &event) == -1 ? errno : 0;
+}
+
+int open_all(Hatch *hatch)
+{
+	hatch->events.reset(epoll_create1(EPOLL_CLOEXEC));
+	if (!hatch->events)
+		return errno;
+	hatch->stop.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+	if (!hatch->stop)
+		return errno;
+	hatch->timer.reset(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+	if (!hatch->timer)
+		return errno;
+	if (int error = watch(*hatch, hatch->stop, EPOLLIN))
+		return error;
+	return watch(*hatch, hatch->timer, EPOLLIN | EPOLLET);
+}
+
+int make(hatch_handler_t *handler, void *cookie, int *fd)
+{
+	auto *hatch = new (std::nothrow) Hatch{};
+	if (hatch == nullptr)
+		return ENOMEM;
+	hatch->handler = handler;
+	hatch->cookie = cookie;
+	hatch->lock.init();
+	(void) pthread_cond_init(&hatch->ended, nullptr);
+	// The descriptor is a socket that is used for nothing: it has a number of its own that tells it from any other.
+	Fd handle(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+	int error = handle ? open_all(hatch) : errno;
+	if (error == 0 && !inode_of(handle.get(), &hatch->inode))
+		error = EBADF;
+	if (error != 0) {
+		destroy(hatch);
+		return error;
+	}
+	hatch->fd = *fd = handle.release();
+	MutexLock hold(list_lock);
+	hatch->next = list;
+	list = hatch;
+	return 0;
+}
+
+// Claims the revocation: of two that come at once, the second finds no hatch.
+Hatch *begin_revoke(int fd)
+{
+	FoundHatch found(fd);
+	if (!found)
+		return nullptr;
+	found->revoked = true;
+	return &*found;
+}
+
+void unlist(Hatch *hatch)
+{
+	MutexLock hold(list_lock);
+	Hatch **link = &list;
+	while (*link != hatch)
+		link = &(*link)->next;
+	*link = hatch->next;
+}
+
+// Returns when no other thread of the hatch is left. True if the calling one isn't one of them either.
+bool wait_for_threads(Hatch *hatch)
+{
+	int own = running_hatch() == hatch ? 1 : 0;
+	MutexLock hold(hatch->lock);
+	while (hatch->threads > own)
+		(void) pthread_cond_wait(&hatch->ended, &hatch->lock.raw);
+	hatch->orphan = own != 0;
+	return own == 0;
+}
+
+void end(Hatch *hatch)
+{
+	{
+		MutexLock hold(hatch->lock);
+		leave_place(&hatch->place);
+		hang_up(hatch);
+	}
+	unlist(hatch);                              // only now: a child that was forked until here has closed all of it
+	(void) eventfd_write(hatch->stop.get(), 1); // an empty counter takes it
+	if (wait_for_threads(hatch))
+		destroy(hatch);
+}
+
+int attach_locked(Hatch *hatch, const char *path) REQUIRES(hatch->lock)
+{
+	if (holds_place(hatch->place))
+		return EBUSY;
+	leave_place(&hatch->place);
+	if (int error = take_place(path, &hatch->place))
+		return error;
+	(void) pthread_sigmask(SIG_SETMASK, nullptr, &hatch->signals);
+	int error = watch_listener(hatch);
+	if (error == 0 && hatch->threads == 0)
+		error = start_thread(hatch);
+	if (error != 0)
+		leave_place(&hatch->place);
+	return error;
+}
+
+int attach(Hatch *hatch, const char *path)
+{
+	MutexLock hold(hatch->lock);
+	return attach_locked(hatch, path);
+}
+
+int fail_with(int error)
+{
+	errno = error;
+	return -1;
+}
+
+} // namespace
+
+FoundHatch::FoundHatch(int fd) NO_THREAD_SAFETY_ANALYSIS
+{
+	list_lock.lock();
+	Hatch **link = find_locked(fd);
+	hatch_ = link == nullptr ? nullptr : *link;
+}
+
+FoundHatch::~FoundHatch() NO_THREAD_SAFETY_ANALYSIS
+{
+	list_lock.unlock();
+}
+
+bool is_own_hatch(int fd)
+{
+	return static_cast<bool>(FoundHatch(fd));
+}
+
+void destroy(Hatch *hatch) NO_THREAD_SAFETY_ANALYSIS
+{
+	while (Peer *peer = hatch->peers) {
+		hatch->peers = peer->next;
+		delete peer;
+	}
+	hatch->lock.destroy();
+	(void) pthread_cond_destroy(&hatch->ended);
+	delete hatch;
+}
+
+} // namespace hatch
+
+int hatch_create(hatch_handler_t *handler, void *cookie, unsigned int attributes)
+{
+	if (handler == nullptr || (attributes & ~HATCH_REFUSE_DESC) != 0)
+		return hatch::fail_with(EINVAL);
+	(void) pthread_once(&hatch::fork_once, hatch::watch_forks);
+	int fd = -1;
+	if (int error = hatch::make(handler, cookie, &fd))
+		return hatch::fail_with(error);
+	return fd;
+}
+
+int hatch_setparam(int fd, int parameter, size_t value)
+{
+	hatch::FoundHatch found(fd);
+	if (!found)
+		return hatch::fail_with(EBADF);
+	if (parameter != HATCH_PARAM_DATA_MIN)
+		return hatch::fail_with(EINVAL);
+	found->data_min = value;
+	return 0;
+}
+
+int fattach(int fd, const char *path)
+{
+	hatch::FoundHatch found(fd);
+	int error = found ? hatch::attach(&*found, path) : EBADF;
+	return error == 0 ? 0 : hatch::fail_with(error);
+}
+
+int hatch_revoke(int fd)
+{
+	hatch::Hatch *hatch = hatch::begin_revoke(fd);
+	if (hatch == nullptr)
+		return hatch::fail_with(EBADF);
+	(void) close(fd); // nothing was ever written to it
+	hatch::end(hatch);
+	return 0;
+}

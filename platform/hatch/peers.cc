@@ -1,0 +1,318 @@
+// Connections: accepting, receiving requests, and who is dropped when something runs out.
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <ctime>
+#include <new>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+
+#include "hatch/server.h"
+
+namespace hatch {
+namespace {
+
+constexpr int accept_batch = 64;
+
+int arm(const Hatch &hatch, int how, int fd, uint32_t events, void *what)
+{
+	struct epoll_event event = {};
+	event.events = events | EPOLLONESHOT;
+	event.data.ptr = what;
+	return epoll_ctl(hatch.events.get(), how, fd, &event) == -1 ? errno : 0;
+}
+
+void run_timer(Hatch *hatch, bool run) REQUIRES(hatch->lock)
+{
+	if (hatch->timer_runs == run)
+		return;
+	struct itimerspec each = {};
+	each.it_value.tv_sec = each.it_interval.tv_sec = run ? 1 : 0;
+	hatch->timer_runs = timerfd_settime(hatch->timer.get(), 0, &each, nullptr) == 0 && run;
+}
+
+void link_peer(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock)
+{
+	peer->next = hatch->peers;
+	if (peer->next != nullptr)
+		peer->next->prev = peer;
+	hatch->peers = peer;
+	hatch->peer_count++;
+}
+
+void unlink_peer(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock)
+{
+	if (peer->prev != nullptr)
+		peer->prev->next = peer->next;
+	else
+		hatch->peers = peer->next;
+	if (peer->next != nullptr)
+		peer->next->prev = peer->prev;
+	hatch->peer_count--;
+}
+
+// Ends a connection from outside: its owner-to-be closes it. What an idle one has sent already is still served, and
+// what it sends from now on fails at its end, so that no call is lost.
+void drop(Peer *peer)
+{
+	(void) shutdown(peer->socket.get(), peer->held > 0 ? SHUT_RDWR : SHUT_RD);
+	peer->since = INT64_MAX; // not the next one again
+}
+
+enum class Only { holders, any };
+
+// Drops the connection whose last call ended first, of those that no thread deals with.
+void drop_oldest(Hatch *hatch, Only which, const Peer *but) REQUIRES(hatch->lock)
+{
+	Peer *oldest = nullptr;
+	for (Peer *peer = hatch->peers; peer != nullptr; peer = peer->next) {
+		if (peer == but || peer->in_hand || (which == Only::holders && peer->held == 0))
+			continue;
+		if (oldest == nullptr || peer->since < oldest->since)
+			oldest = peer;
+	}
+	if (oldest != nullptr && oldest->since != INT64_MAX)
+		drop(oldest);
+}
+
+// Connections take at most half of the descriptors that the process may have: handlers need some too.
+bool is_crowded(const Hatch &hatch) REQUIRES(hatch.lock)
+{
+	struct rlimit limit;
+	return getrlimit(RLIMIT_NOFILE, &limit) == 0 && hatch.peer_count > limit.rlim_cur / 2;
+}
+
+void add_peer(Hatch *hatch, Fd socket) REQUIRES(hatch->lock)
+{
+	auto *peer = new (std::nothrow) Peer{};
+	if (peer == nullptr)
+		return;
+	int fd = socket.get();
+	peer->socket = std::move(socket);
+	peer->piece = prepare_sending(fd);
+	peer->since = now_ns();
+	link_peer(hatch, peer);
+	if (arm(*hatch, EPOLL_CTL_ADD, fd, EPOLLIN, peer) != 0) {
+		unlink_peer(hatch, peer);
+		delete peer;
+	}
+	if (is_crowded(*hatch))
+		drop_oldest(hatch, Only::any, peer);
+}
+
+bool accept_one(Hatch *hatch) REQUIRES(hatch->lock)
+{
+	Fd socket(accept4(hatch->place.listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+	if (socket) {
+		add_peer(hatch, std::move(socket));
+		return true;
+	}
+	if (errno == EINTR || errno == ECONNABORTED)
+		return true;
+	if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+		// Nothing is accepted until a connection is closed, or the timer says to try again.
+		drop_oldest(hatch, Only::any, nullptr);
+		hatch->paused = true;
+		run_timer(hatch, true);
+	}
+	return false;
+}
+
+void resume_accepting(Hatch *hatch) REQUIRES(hatch->lock)
+{
+	hatch->paused = false;
+	if (hatch->place.listener)
+		(void) arm(*hatch, EPOLL_CTL_MOD, hatch->place.listener.get(), EPOLLIN, &hatch->place.listener);
+}
+
+// A refused request: the connection serves on, if the request has been read to its end.
+void refuse(Hatch *hatch, Peer *peer, Refusal refusal, bool whole)
+{
+	send_reply(hatch, peer, refusal, nullptr, 0);
+	peer->finished |= !whole;
+}
+
+void complete(Hatch *hatch, Peer *peer, char *data, size_t size)
+{
+	if (size < hatch->data_min)
+		return refuse(hatch, peer, Refusal::too_short, true);
+	ensure_waiting(hatch);
+	run_call(hatch, peer, data, size);
+}
+
+bool same_user(const struct ucred &a, const struct ucred &b)
+{
+	return a.uid == b.uid && a.gid == b.gid;
+}
+
+// Looks at what receiving gave. False if there is nothing to go on with now, or ever.
+bool received(Peer *peer, const Message &message)
+{
+	if (message.size > 0 && message.whole && message.signed_)
+		return true;
+	bool later = message.size == -1 && (errno == EAGAIN || errno == EINTR);
+	peer->finished |= !later;
+	return false;
+}
+
+void receive_rest(Hatch *hatch, Peer *peer)
+{
+	while (peer->request_have < peer->request_size) {
+		iovec part = {peer->request.data() + peer->request_have, peer->request_size - peer->request_have};
+		fill_pages(static_cast<char *>(part.iov_base), std::min(part.iov_len, piece_max));
+		Message message = receive_message(peer->socket.get(), &part, 1, MSG_DONTWAIT);
+		if (!received(peer, message))
+			return peer->finished ? void() : hold(hatch, peer, peer->request_have + piece_max);
+		// One request has one sender.
+		if (message.descriptors || !same_user(message.sender, peer->sender)) {
+			peer->finished = true;
+			return;
+		}
+		peer->request_have += static_cast<size_t>(message.size);
+	}
+	Mapping request = std::move(peer->request);
+	unhold(hatch, peer);
+	complete(hatch, peer, request.data(), peer->request_size);
+}
+
+void receive_long(Hatch *hatch, Peer *peer, const char *data, size_t have, uint64_t size)
+{
+	if (!peer->request.map(size, Fill::on_use))
+		return refuse(hatch, peer, Refusal::no_memory, false);
+	memcpy(peer->request.data(), data, have);
+	peer->request_size = size;
+	peer->request_have = have;
+	receive_rest(hatch, peer);
+}
+
+void receive_first(Hatch *hatch, Peer *peer, Mapping *buffer)
+{
+	if (!*buffer && !buffer->map(head_size + piece_max, Fill::on_use)) {
+		peer->finished = true;
+		return;
+	}
+	iovec part = {buffer->data(), buffer->size()};
+	Message message = receive_message(peer->socket.get(), &part, 1, MSG_DONTWAIT);
+	if (!received(peer, message))
+		return;
+	RequestHead head = {};
+	memcpy(&head, buffer->data(), head_size);
+	size_t have = static_cast<size_t>(message.size) - head_size;
+	if (message.size < static_cast<ssize_t>(head_size) || head.magic != wire_magic || head.zero != 0 ||
+	    have > head.size) {
+		peer->finished = true;
+		return;
+	}
+	peer->sender = message.sender;
+	char *data = buffer->data() + head_size;
+	if (message.descriptors)
+		refuse(hatch, peer, Refusal::descriptors, have == head.size);
+	else if (have == head.size)
+		complete(hatch, peer, data, have);
+	else
+		receive_long(hatch, peer, data, have, head.size);
+}
+
+} // namespace
+
+int64_t now_ns()
+{
+	struct timespec now = {};
+	(void) clock_gettime(CLOCK_MONOTONIC, &now);
+	return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+int watch_listener(Hatch *hatch)
+{
+	return arm(*hatch, EPOLL_CTL_ADD, hatch->place.listener.get(), EPOLLIN, &hatch->place.listener);
+}
+
+void accept_peers(Hatch *hatch)
+{
+	MutexLock hold_lock(hatch->lock);
+	if (!hatch->place.listener)
+		return;
+	for (int i = 0; i < accept_batch; i++) {
+		if (!accept_one(hatch))
+			break;
+	}
+	if (!hatch->paused)
+		resume_accepting(hatch);
+}
+
+void serve_peer(Hatch *hatch, Peer *peer, Mapping *buffer)
+{
+	// What the last owner left is seen by this one: it wrote `in_hand` last.
+	(void) peer->in_hand.exchange(true);
+	if (peer->rest)
+		send_rest(hatch, peer);
+	else if (peer->request)
+		receive_rest(hatch, peer);
+	else
+		receive_first(hatch, peer, buffer);
+	if (peer->held == 0)
+		peer->since = now_ns();
+	if (!peer->finished) {
+		peer->in_hand = false;
+		uint32_t events = peer->rest ? EPOLLOUT : EPOLLIN;
+		if (arm(*hatch, EPOLL_CTL_MOD, peer->socket.get(), events, peer) == 0)
+			return;
+	}
+	close_peer(hatch, peer);
+}
+
+void close_peer(Hatch *hatch, Peer *peer)
+{
+	unhold(hatch, peer);
+	MutexLock hold_lock(hatch->lock);
+	unlink_peer(hatch, peer);
+	delete peer;
+	if (hatch->paused)
+		resume_accepting(hatch);
+}
+
+void tick(Hatch *hatch)
+{
+	MutexLock hold_lock(hatch->lock);
+	bool needed = hatch->paused;
+	int64_t too_old = now_ns() - held_ns_max;
+	for (Peer *peer = hatch->peers; peer != nullptr; peer = peer->next) {
+		if (peer->held == 0)
+			continue;
+		needed = true;
+		if (!peer->in_hand && peer->since < too_old)
+			drop(peer);
+	}
+	if (hatch->paused)
+		resume_accepting(hatch);
+	if (!needed)
+		run_timer(hatch, false);
+}
+
+void hang_up(Hatch *hatch)
+{
+	for (Peer *peer = hatch->peers; peer != nullptr; peer = peer->next)
+		(void) shutdown(peer->socket.get(), peer->in_hand ? SHUT_RD : SHUT_RDWR);
+}
+
+void hold(Hatch *hatch, Peer *peer, size_t bytes)
+{
+	size_t before = peer->held.exchange(bytes);
+	if (before == 0)
+		peer->since = now_ns();
+	hatch->held += bytes - before;
+	MutexLock hold_lock(hatch->lock);
+	run_timer(hatch, true);
+	if (hatch->held > held_max)
+		drop_oldest(hatch, Only::holders, peer);
+}
+
+void unhold(Hatch *hatch, Peer *peer)
+{
+	hatch->held -= peer->held.exchange(0);
+}
+
+} // namespace hatch

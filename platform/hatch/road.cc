@@ -1,0 +1,120 @@
+// Nothing on this road is trusted: links are not followed out of the directory in which the attached file lies, and the
+// file must be there under one name only. Else a record that somebody copied or linked into a directory of their own
+// would lead to a socket of theirs.
+#include "hatch/road.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace hatch {
+namespace {
+
+// Callers read most errno values as something about an object of theirs: a road that can't be gone is EBADF.
+int road_error(int error)
+{
+	switch (error) {
+	case EINTR:
+	case ENOMEM:
+	case EMFILE:
+	case ENFILE:
+	case EAGAIN:
+		return error;
+	case ENOBUFS:
+		return ENOMEM;
+	default:
+		return EBADF;
+	}
+}
+
+// Opens the directory of the file behind `fd` and cuts `path` down to the file's name in it.
+int open_directory(int fd, char (&path)[PATH_MAX], const char **name, Fd *directory)
+{
+	char link[48];
+	(void) snprintf(link, sizeof link, "/proc/thread-self/fd/%d", fd);
+	ssize_t len = readlink(link, path, sizeof path - 1);
+	if (len == -1)
+		return errno;
+	path[len] = '\0';
+	char *slash = strrchr(path, '/');
+	if (slash == nullptr || *path != '/')
+		return EBADF;
+	*name = slash + 1;
+	*slash = '\0';
+	directory->reset(open(slash == path ? "/" : path, O_PATH | O_DIRECTORY | O_CLOEXEC));
+	return *directory ? 0 : errno;
+}
+
+bool lies_in(const Attachment &attachment, int directory, const char *name)
+{
+	struct stat st;
+	if (fstatat(directory, name, &st, AT_SYMLINK_NOFOLLOW) == -1)
+		return false;
+	return st.st_dev == attachment.device && st.st_ino == attachment.inode && st.st_nlink == 1;
+}
+
+int open_socket_file(int directory, const Id &id, Fd *out)
+{
+	out->reset(openat(directory, socket_name(id).text, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+	if (!*out)
+		return errno;
+	struct stat st;
+	if (fstat(out->get(), &st) == -1)
+		return errno;
+	return S_ISSOCK(st.st_mode) ? 0 : EBADF;
+}
+
+int connect_file(int file, Waiting waiting, Fd *out)
+{
+	Fd socket_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | (waiting == Waiting::no ? SOCK_NONBLOCK : 0), 0));
+	if (!socket_fd)
+		return errno;
+	struct sockaddr_un address = {};
+	address.sun_family = AF_UNIX;
+	(void) snprintf(address.sun_path, sizeof address.sun_path, "/proc/thread-self/fd/%d", file);
+	if (connect(socket_fd.get(), reinterpret_cast<struct sockaddr *>(&address), sizeof address) == -1)
+		return errno;
+	if (waiting == Waiting::no && fcntl(socket_fd.get(), F_SETFL, 0) == -1)
+		return errno;
+	*out = std::move(socket_fd);
+	return 0;
+}
+
+pid_t server_of(int socket_fd)
+{
+	struct ucred ids = {};
+	socklen_t len = sizeof ids;
+	if (getsockopt(socket_fd, SOL_SOCKET, SO_PEERCRED, &ids, &len) == -1 || ids.pid < 0)
+		return 0;
+	return ids.pid;
+}
+
+} // namespace
+
+int connect_road(int fd, const Attachment &attachment, Waiting waiting, Fd *out, pid_t *server)
+{
+	char path[PATH_MAX];
+	const char *name = nullptr;
+	Fd directory, file;
+	Id id;
+	if (!read_record(fd, &id) || mark_of(id) != attachment.mark)
+		return EBADF;
+	if (int error = open_directory(fd, path, &name, &directory))
+		return road_error(error);
+	if (!lies_in(attachment, directory.get(), name))
+		return EBADF;
+	if (int error = open_socket_file(directory.get(), id, &file))
+		return road_error(error);
+	if (int error = connect_file(file.get(), waiting, out))
+		return road_error(error);
+	*server = server_of(out->get());
+	return 0;
+}
+
+} // namespace hatch

@@ -1,0 +1,198 @@
+/*
+ * Hatches: calls between processes of one host. A server makes a hatch and attaches it to a file; a client opens the
+ * file and calls. Each call runs the hatch's handler on a thread of the server's, and gives the client its reply.
+ *
+ * Rules that hold for every call below, unless its comment says otherwise:
+ *   Errors:  0, or -1 with errno.
+ *   Threads: any, any number at once, on one descriptor too. None of them is a cancellation point.
+ *   Forks:   a forked child makes connections of its own, and serves none of its parent's hatches: there the
+ *            descriptors of those are EBADF. A child that a handler forks is no handler, and ends if it returns from one.
+ *   Needs:   /proc, on the client's side.
+ */
+#ifndef MERIDON_HATCH_H
+#define MERIDON_HATCH_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <meridon/peercred.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/* A descriptor in a call. No hatch carries any: the type is there for the argument lists. */
+typedef struct hatch_desc {
+	uint32_t d_attributes;
+	int d_descriptor;
+} hatch_desc_t;
+
+/* A call: what is sent, and where the reply lies. See hatch_call(). */
+typedef struct hatch_arg {
+	char *data_ptr;
+	size_t data_size;
+	hatch_desc_t *desc_ptr;
+	unsigned int desc_num;
+	char *rbuf;
+	size_t rsize;
+} hatch_arg_t;
+
+typedef struct {
+	pid_t di_target;           /* the server's process id as seen from here; 0 if it can't be seen or has gone */
+	unsigned int di_attributes;
+} hatch_info_t;
+
+#define HATCH_REVOKED 0x8U      /* in di_attributes: the hatch was revoked, or its server has gone */
+#define HATCH_REFUSE_DESC 0x40U /* in di_attributes, and for hatch_create(): calls that pass descriptors are refused */
+
+#define HATCH_PARAM_DATA_MIN 3  /* the fewest bytes that a call must have; 0 at first */
+
+#define HATCH_THREADS_MAX 256   /* handlers of one hatch that run at once; calls beyond wait in their sockets */
+
+/*
+ * What a hatch runs for each call, with the cookie that the hatch was made with. `arg` points to `arg_size` bytes, is
+ * aligned for any type and may be written to; it lives until the handler ends. `descs` is NULL and `ndescs` 0.
+ *
+ * A handler ends with hatch_return(). One that simply returns has given no reply, and its caller gets ECONNABORTED.
+ * It runs on a thread with a stack of 2 MiB and with the signal mask of the thread that attached the hatch. It must
+ * not end its thread.
+ */
+typedef void hatch_handler_t(void *cookie, char *arg, size_t arg_size, hatch_desc_t *descs, unsigned int ndescs);
+
+/* ---- Serving ---- */
+
+/*
+ * Makes a hatch and returns its descriptor. `attributes` is HATCH_REFUSE_DESC or 0; no hatch takes descriptors either way.
+ *
+ * Owns:    the descriptor is the caller's until hatch_revoke(), which closes it. It is close-on-exec.
+ * Errors:  EINVAL  no handler, or an unknown attribute
+ *          ENOMEM, EMFILE, ENFILE
+ */
+int hatch_create(hatch_handler_t *handler, void *cookie, unsigned int attributes);
+
+/*
+ * Sets a parameter. HATCH_PARAM_DATA_MIN is the only one: calls with fewer bytes are refused with ENOBUFS, and the
+ * handler doesn't run.
+ *
+ * Errors:  EBADF   not a hatch of this process
+ *          EINVAL  another parameter
+ */
+int hatch_setparam(int hatch, int parameter, size_t value);
+
+/*
+ * Attaches a hatch to an existing file, so that open() on `path` yields the hatch, and begins to serve.
+ *
+ * The file stays a regular file with its owner and mode, and holds a record that names the hatch; a socket lies beside
+ * it. What a dead server left there is cleared away. Processes that open the path need read permission for it, and
+ * nothing else: who may do what is the handler's to decide.
+ *
+ * Errors:  EBADF   not a hatch of this process
+ *          EBUSY   the file holds a living hatch, or something that isn't a hatch at all; or this hatch is attached
+ *          EINVAL  not a regular file
+ *          what the file system says about the path; ENOMEM, EMFILE, ENFILE, EAGAIN (no thread)
+ * Limits:  the directory must be writable; its path may be as long as the system allows
+ */
+int fattach(int hatch, const char *path);
+
+/*
+ * Drops the attachment of a path, of any process: the file is an empty one again. Descriptors of the path that are open
+ * see HATCH_REVOKED. The hatch itself lives on, and can be attached again.
+ *
+ * Errors:  EINVAL  the file holds no hatch's record
+ *          what the file system says about the path
+ */
+int fdetach(const char *path);
+
+/*
+ * Ends a hatch for all clients. New calls are refused at once, and calls that have not begun fail; the attached file is
+ * empty again, if it is still this hatch's. Returns when no handler of this hatch runs any more, the calling one
+ * excepted, so that what the cookie points to can be given up. Replies of handlers that run still reach their clients
+ * unless sending would have to wait.
+ *
+ * Owns:    closes the descriptor.
+ * Errors:  EBADF  not a hatch of this process, or revoked already
+ */
+int hatch_revoke(int hatch);
+
+/* ---- Within a handler ---- */
+
+/*
+ * Ends the call and hands `size` bytes from `data` to the client. On success it doesn't come back: what the handler
+ * holds must be released before, and no object with a destructor may be alive. That the client has gone is a success.
+ *
+ * Errors:  EINVAL   not in a handler, or in a child that a handler forked
+ *          ENOTSUP  descriptors
+ *          EFAULT   data is NULL and size isn't 0
+ */
+int hatch_return(const char *data, size_t size, hatch_desc_t *descs, unsigned int ndescs);
+
+/*
+ * Gives `size` bytes of memory for a reply that is too large for a stack. It belongs to the handler's thread: it is not
+ * freed, is lost with hatch_return(), and each call takes back what the last one gave. The bytes aren't zeroed.
+ *
+ * Errors:  NULL with errno  EINVAL  not in a handler
+ *                           ENOMEM
+ */
+void *hatch_reply_memory(size_t size);
+
+/*
+ * Gives the credential of the caller of the running call: what the kernel said of the thread that sent it.
+ *
+ * Owns:    *cred is new; free it with peercred_free(). Untouched on failure.
+ * Errors:  EINVAL  not in a handler, or cred is NULL
+ *          ENOMEM
+ */
+int hatch_peercred(peercred_t **cred);
+
+/* ---- Calling ---- */
+
+/*
+ * Calls the hatch that `hatch`, an open descriptor of an attached path, stands for, and waits for the reply.
+ *
+ * Sends `data_size` bytes from `data_ptr`. On success `data_ptr` and `data_size` describe the reply. A reply that fits
+ * in the `rsize` bytes at `rbuf` lies there. Any other one lies in a fresh mapping: `rbuf` and `rsize` describe it then,
+ * and the caller gives it up with munmap(rbuf, rsize). `rsize` is the reply's length there, and munmap() rounds it up.
+ * A reply without data leaves `rbuf` and `rsize` alone.
+ *
+ * Owns:    a fresh mapping is the caller's. On failure there is none, `arg` is as it was, and the bytes of the caller's
+ *          own buffer may have changed.
+ * Errors:  EBADF         no hatch, or none any more: not an open descriptor, a plain file, a server that has gone before
+ *                        or during the call. Never ENOENT, ENOTDIR, EACCES, EPERM, EEXIST or EINVAL.
+ *          EINTR         a signal handler ran that doesn't restart calls. The call may have been carried out or not.
+ *          ECONNABORTED  the handler gave no reply
+ *          ENOBUFS       fewer bytes than the hatch takes
+ *          ENOTSUP       descriptors
+ *          EPROTO        the other end doesn't speak as a hatch does
+ *          EFAULT        arg is NULL, or data_ptr is NULL and data_size isn't 0
+ *          ENOMEM, EMFILE, ENFILE
+ * Limits:  requests and replies of any length that memory allows
+ */
+int hatch_call(int hatch, hatch_arg_t *arg);
+
+/*
+ * Tells about a hatch: `hatch` is a descriptor of an attached path, or one from hatch_create() in this process.
+ *
+ * HATCH_REVOKED in di_attributes says that the hatch was revoked or its server has gone: found without a call. A
+ * descriptor that was opened after that is no hatch, but one of the plain file that stays; neither is one that no call
+ * here has seen alive, unless another attachment has replaced it.
+ *
+ * Errors:  EBADF   not a hatch
+ *          EFAULT  info is NULL
+ *          EINTR   before the hatch was reached for the first time
+ */
+int hatch_info(int hatch, hatch_info_t *info);
+
+/*
+ * Closes the connections to this hatch that are kept for later calls, as when its descriptor is about to be closed.
+ * Later calls connect anew. A process keeps at most 32 connections in all, and never more to one hatch than it had calls
+ * to it at once. What isn't a hatch is left alone.
+ */
+void hatch_forget(int hatch);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,420 @@
+// Calls: what goes out, what comes back, what a handler may do, and what a call can fail with.
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <latch>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <thread>
+#include <vector>
+
+#include "hatch/wire.h"
+#include "hatch_peer.h"
+#include "scratch.h"
+
+using hatch::piece_max;
+
+namespace {
+
+class HatchCall : public testing::Test {
+protected:
+	Scratch scratch_;
+	std::string path_ = attachable(scratch_.path("hatch"));
+};
+
+// Sizes on both sides of every border: nothing, a buffer, a page, a message, many messages.
+const size_t sizes[] = {0, 1, 15, 16, 17, 39, 40, 4095, 4096, 4097, 65536, piece_max - 17, piece_max - 1, piece_max,
+    piece_max + 1, 2 * piece_max, 3 * piece_max + 5, size_t{sanitized ? 1 : 8} << 20};
+
+TEST_F(HatchCall, RequestsAndRepliesOfEveryLengthComeThroughWhole)
+{
+	Process server = serve(path_);
+	Fd fd = open_hatch(path_);
+	for (size_t size : sizes) {
+		std::string request = test_bytes(size);
+		if (size >= sizeof(Ask))
+			memset(request.data(), 0, sizeof(Ask)); // Do::Echo
+		Answer answer = call(fd.get(), request);
+		EXPECT_EQ(answer.error, 0) << size;
+		EXPECT_TRUE(answer.data == request) << size;
+		EXPECT_EQ(answer.mapped, size != 0);
+		answer = call(fd.get(), Ask{Do::Size, 0, size});
+		EXPECT_EQ(answer.error, 0) << size;
+		EXPECT_TRUE(answer.data == test_bytes(size)) << size;
+	}
+}
+
+TEST_F(HatchCall, SixtyFourMegabytesGoBothWays)
+{
+	Process server = serve(path_);
+	Fd fd = open_hatch(path_);
+	std::string request(size_t{sanitized ? 4 : 64} << 20, '\0');
+	memcpy(request.data() + request.size() - 9, "last byte", 9);
+	Answer answer = call(fd.get(), request);
+	EXPECT_EQ(answer.error, 0);
+	EXPECT_TRUE(answer.data == request);
+}
+
+TEST_F(HatchCall, AReplyLiesInTheCallersBufferExactlyIfItFits)
+{
+	LocalHatch served(path_);
+	Fd fd = open_hatch(path_);
+	for (size_t size :
+	    {size_t{1}, size_t{100}, size_t{5000}, piece_max - 16, piece_max, piece_max + 1, 3 * piece_max}) {
+		std::string expected = test_bytes(size);
+		for (size_t room : {size / 2, size - 1, size, size + 1, size + 2 * piece_max}) {
+			Answer answer = call(fd.get(), Ask{Do::Size, 0, size}, room);
+			EXPECT_EQ(answer.mapped, room < size) << size << " in " << room;
+			EXPECT_TRUE(answer.data == expected) << size << " in " << room;
+		}
+	}
+}
+
+TEST_F(HatchCall, AFreshMappingIsDescribedToThePage)
+{
+	LocalHatch served(path_);
+	Fd fd = open_hatch(path_);
+	Ask ask = {Do::Size, 0, 5000};
+	hatch_arg_t arg = {reinterpret_cast<char *>(&ask), sizeof ask, nullptr, 0, nullptr, 1};
+	ASSERT_EQ(hatch_call(fd.get(), &arg), 0);
+	EXPECT_EQ(arg.rsize, 5000U);
+	EXPECT_EQ(arg.data_ptr, arg.rbuf);
+	EXPECT_EQ(arg.data_size, 5000U);
+	arg.rbuf[8191] = 'x'; // the whole of its last page is the caller's
+	ASSERT_EQ(munmap(arg.rbuf, arg.rsize), 0);
+	unsigned char resident[2];
+	EXPECT_EQ(mincore(arg.rbuf, 8192, resident), -1);
+	EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST_F(HatchCall, AReplyWithoutDataLeavesTheBufferAlone)
+{
+	LocalHatch served(path_);
+	Fd fd = open_hatch(path_);
+	Ask ask = {Do::Size, 0, 0};
+	hatch_arg_t arg = {reinterpret_cast<char *>(&ask), sizeof ask, nullptr, 0, nullptr, 1};
+	ASSERT_EQ(hatch_call(fd.get(), &arg), 0);
+	EXPECT_EQ(arg.rbuf, nullptr);
+	EXPECT_EQ(arg.rsize, 1U);
+	EXPECT_EQ(arg.data_size, 0U);
+}
+
+TEST_F(HatchCall, TheHandlerGetsItsCookieAndAnAlignedRequest)
+{
+	struct Seen {
+		uintptr_t address;
+		size_t size;
+		hatch_desc_t *descs;
+		unsigned int ndescs;
+	} seen = {};
+	auto look = [](void *cookie, char *arg, size_t size, hatch_desc_t *descs, unsigned int ndescs) {
+		*static_cast<Seen *>(cookie) = {reinterpret_cast<uintptr_t>(arg), size, descs, ndescs};
+		hatch_return(nullptr, 0, nullptr, 0);
+	};
+	LocalHatch served(path_, look, &seen);
+	Fd fd = open_hatch(path_);
+	for (size_t size : {size_t{3}, size_t{70000}, 2 * piece_max}) {
+		EXPECT_EQ(call(fd.get(), std::string(size, 'x')).error, 0);
+		EXPECT_EQ(seen.size, size);
+		EXPECT_EQ(seen.address % alignof(max_align_t), 0U);
+		EXPECT_EQ(seen.descs, nullptr);
+		EXPECT_EQ(seen.ndescs, 0U);
+	}
+}
+
+TEST_F(HatchCall, FewerBytesThanTheHatchTakesAreRefusedAndNeverReachTheHandler)
+{
+	std::atomic<int> calls = 0;
+	auto count = [](void *cookie, char *, size_t size, hatch_desc_t *, unsigned int) {
+		++*static_cast<std::atomic<int> *>(cookie);
+		hatch_return(size == 4 ? "good" : "bad", 4, nullptr, 0);
+	};
+	LocalHatch served(path_, count, &calls);
+	ASSERT_EQ(hatch_setparam(served.fd(), HATCH_PARAM_DATA_MIN, 4), 0);
+	Fd fd = open_hatch(path_);
+	for (size_t size : {0, 1, 2, 3})
+		EXPECT_EQ(call(fd.get(), std::string(size, 'x')).error, ENOBUFS);
+	EXPECT_EQ(call(fd.get(), std::string("four")).data, "good");
+	EXPECT_EQ(calls, 1);
+}
+
+TEST_F(HatchCall, ParametersAndAttributesThatAreNotThereAreRefused)
+{
+	LocalHatch served(path_);
+	EXPECT_EQ(hatch_setparam(served.fd(), HATCH_PARAM_DATA_MIN + 1, 4), -1);
+	EXPECT_EQ(errno, EINVAL);
+	Fd plain = open_hatch(path_);
+	EXPECT_EQ(hatch_setparam(plain.get(), HATCH_PARAM_DATA_MIN, 4), -1);
+	EXPECT_EQ(errno, EBADF);
+	EXPECT_EQ(hatch_create(obey, nullptr, HATCH_REVOKED), -1);
+	EXPECT_EQ(errno, EINVAL);
+	EXPECT_EQ(hatch_create(nullptr, nullptr, HATCH_REFUSE_DESC), -1);
+	EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(HatchCall, DescriptorsAndBadArgumentsAreRefusedBeforeAnythingIsSent)
+{
+	LocalHatch served(path_);
+	Fd fd = open_hatch(path_);
+	hatch_desc_t desc = {0, fd.get()};
+	hatch_arg_t arg = {nullptr, 0, &desc, 1, nullptr, 1};
+	EXPECT_EQ(hatch_call(fd.get(), &arg), -1);
+	EXPECT_EQ(errno, ENOTSUP);
+	arg = {nullptr, 5, nullptr, 0, nullptr, 1};
+	EXPECT_EQ(hatch_call(fd.get(), &arg), -1);
+	EXPECT_EQ(errno, EFAULT);
+	EXPECT_EQ(hatch_call(fd.get(), nullptr), -1);
+	EXPECT_EQ(errno, EFAULT);
+	EXPECT_EQ(hatch_info(fd.get(), nullptr), -1);
+	EXPECT_EQ(errno, EFAULT);
+}
+
+TEST_F(HatchCall, AHandlerThatGivesNoReplyIsToldFromAServerThatHasGone)
+{
+	LocalHatch served(path_);
+	Fd fd = open_hatch(path_);
+	EXPECT_EQ(call(fd.get(), Ask{Do::NoReply, 0, 0}).error, ECONNABORTED);
+	EXPECT_EQ(call(fd.get(), std::string("next")).data, "next");
+}
+
+TEST_F(HatchCall, AReturnThatFailsComesBackAndTheNextOneReplies)
+{
+	LocalHatch served(path_);
+	Fd fd = open_hatch(path_);
+	int seen[2] = {0, 0};
+	Answer answer = call(fd.get(), Ask{Do::ReturnBadly, 0, 0});
+	ASSERT_EQ(answer.data.size(), sizeof seen);
+	memcpy(seen, answer.data.data(), sizeof seen);
+	EXPECT_EQ(seen[0], EFAULT);
+	EXPECT_EQ(seen[1], ENOTSUP);
+}
+
+TEST_F(HatchCall, OutsideOfAHandlerItsCallsFail)
+{
+	peercred_t *cred = nullptr;
+	EXPECT_EQ(hatch_peercred(&cred), -1);
+	EXPECT_EQ(errno, EINVAL);
+	EXPECT_EQ(cred, nullptr);
+	EXPECT_EQ(hatch_return("x", 1, nullptr, 0), -1);
+	EXPECT_EQ(errno, EINVAL);
+	EXPECT_EQ(hatch_reply_memory(10), nullptr);
+	EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(HatchCall, AHandlersForkedChildIsNoHandler)
+{
+	LocalHatch served(path_);
+	Fd fd = open_hatch(path_);
+	int status = 0;
+	Answer answer = call(fd.get(), Ask{Do::Fork, 0, 0});
+	ASSERT_EQ(answer.data.size(), sizeof status);
+	memcpy(&status, answer.data.data(), sizeof status);
+	EXPECT_EQ(status, 7);
+	EXPECT_EQ(call(fd.get(), std::string("next")).data, "next");
+}
+
+TEST_F(HatchCall, AHandlerCanCallAnotherHatchAndStillReplies)
+{
+	std::string inner_path = scratch_.path("inner");
+	LocalHatch inner(inner_path);
+	Fd inner_fd = open_hatch(inner_path);
+	int number = inner_fd.get();
+	auto relay = [](void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int) {
+		char buffer[100];
+		hatch_arg_t call = {arg, size, nullptr, 0, buffer, sizeof buffer};
+		if (hatch_call(*static_cast<int *>(cookie), &call) == 0)
+			hatch_return(call.data_ptr, call.data_size, nullptr, 0);
+	};
+	LocalHatch outer(path_, relay, &number);
+	Fd fd = open_hatch(path_);
+	EXPECT_EQ(call(fd.get(), std::string("through both")).data, "through both");
+}
+
+TEST_F(HatchCall, NoDescriptorButAHatchsCanBeCalled)
+{
+	int pipe_ends[2];
+	ASSERT_EQ(pipe(pipe_ends), 0);
+	Fd reader(pipe_ends[0]), writer(pipe_ends[1]);
+	Fd plain = open_hatch(scratch_.write("plain", "some text"));
+	Fd copy = open_hatch(scratch_.write("copy", "MERIDON-HATCH 1 0123456789abcdef0123456789abcdef\n"));
+	Fd directory(open(scratch_.directory().c_str(), O_RDONLY | O_DIRECTORY));
+	Fd path_only(open(path_.c_str(), O_PATH));
+	Fd zero(open("/dev/zero", O_RDONLY));
+	for (int fd : {-1, 99999, reader.get(), writer.get(), plain.get(), copy.get(), directory.get(), path_only.get(),
+		 zero.get()}) {
+		hatch_info_t info;
+		EXPECT_EQ(call(fd, std::string("x")).error, EBADF) << fd;
+		EXPECT_EQ(hatch_info(fd, &info), -1);
+		EXPECT_EQ(errno, EBADF);
+		hatch_forget(fd);
+	}
+	EXPECT_EQ(lseek(copy.get(), 0, SEEK_CUR), 0) << "a file that never was a hatch is marked as one";
+}
+
+TEST_F(HatchCall, InfoNamesTheServer)
+{
+	Process server = serve(path_);
+	Fd fd = open_hatch(path_);
+	for (int round = 0; round < 2; round++) {
+		hatch_info_t info = {};
+		ASSERT_EQ(hatch_info(fd.get(), &info), 0);
+		EXPECT_EQ(info.di_target, server.pid());
+		EXPECT_EQ(info.di_attributes, HATCH_REFUSE_DESC);
+	}
+	LocalHatch own(scratch_.path("own"));
+	hatch_info_t info = {};
+	ASSERT_EQ(hatch_info(own.fd(), &info), 0);
+	EXPECT_EQ(info.di_target, getpid());
+}
+
+TEST_F(HatchCall, ManyThreadsShareADescriptorAndEachGetsItsOwnReply)
+{
+	Process server = serve(path_);
+	Fd fd = open_hatch(path_);
+	std::atomic<int> wrong = 0;
+	std::vector<std::thread> threads;
+	for (size_t t = 0; t < 16; t++) {
+		threads.emplace_back([&, t] {
+			for (size_t i = 0; i < (sanitized ? 20 : 60); i++) {
+				std::string request = std::string(16, '\0') + std::to_string(t * 1000 + i);
+				request.resize(20 + (i % 7) * 50'000, 'x');
+				Answer answer = call(fd.get(), request, i % 2 == 0 ? 0 : 60'000);
+				wrong += answer.error != 0 || answer.data != request;
+			}
+		});
+	}
+	for (std::thread &thread : threads)
+		thread.join();
+	EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(HatchCall, HandlersThatBlockHoldNobodyUpUntilThereAreTooManyAndThenCallsWait)
+{
+	LocalHatch served(path_);
+	Fd fd = open_hatch(path_);
+	std::vector<std::thread> threads;
+	std::atomic<int> failed = 0;
+	auto blocked = [&] { failed += call(fd.get(), Ask{Do::Block, 0, 0}).error != 0; };
+	auto add = [&](int count) {
+		for (int i = 0; i < count; i++)
+			threads.emplace_back(blocked);
+	};
+	add(HATCH_THREADS_MAX - 1);
+	EXPECT_TRUE(eventually([&] { return blocked_calls() == HATCH_THREADS_MAX - 1; }));
+	EXPECT_EQ(call(fd.get(), std::string("still here")).data, "still here");
+	add(10);
+	EXPECT_TRUE(eventually([&] { return blocked_calls() == HATCH_THREADS_MAX; }));
+	std::this_thread::sleep_for(std::chrono::milliseconds(20));
+	EXPECT_EQ(blocked_calls(), HATCH_THREADS_MAX);
+	release_blocked();
+	for (std::thread &thread : threads)
+		thread.join();
+	EXPECT_EQ(failed, 0);
+	EXPECT_EQ(call(fd.get(), std::string("after")).data, "after");
+}
+
+TEST_F(HatchCall, MemoryForLargeRepliesIsUsedAgain)
+{
+	LocalHatch served(path_);
+	Fd fd = open_hatch(path_);
+	size_t size = size_t{1} << 20;
+	auto once = [&] { return call(fd.get(), Ask{Do::Size, 0, size}, size).data.size() == size; };
+	ASSERT_TRUE(once());
+	long before = anonymous_kib();
+	for (int i = 0; i < (sanitized ? 10 : 300); i++)
+		ASSERT_TRUE(once());
+	if (!sanitized) {
+		EXPECT_LT(anonymous_kib() - before, 8 * 1024);
+	}
+}
+
+void note_signal(int) {}
+
+class Interrupted : public HatchCall, public testing::WithParamInterface<int> {};
+
+TEST_P(Interrupted, CallEndsWithEintrExactlyIfTheHandlerDoesNotRestart)
+{
+	Process server = serve(path_);
+	Fd fd = open_hatch(path_);
+	struct sigaction action = {};
+	action.sa_handler = note_signal;
+	action.sa_flags = GetParam();
+	ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
+	struct itimerval soon = {};
+	soon.it_value.tv_usec = 50'000;
+	ASSERT_EQ(setitimer(ITIMER_REAL, &soon, nullptr), 0);
+	Answer answer = call(fd.get(), Ask{Do::Sleep, 300, 0});
+	EXPECT_EQ(answer.error, GetParam() == SA_RESTART ? 0 : EINTR);
+	// The reply of the call that was given up belongs to nobody: the next call has its own.
+	EXPECT_EQ(call(fd.get(), std::string("next")).data, "next");
+}
+
+INSTANTIATE_TEST_SUITE_P(Hatch, Interrupted, testing::Values(0, SA_RESTART));
+
+// In a frame of its own: a thread that is cancelled never ends the frames that it leaves, as a sanitizer sees them.
+__attribute__((noinline)) void sleep_in_call(int fd)
+{
+	(void) call(fd, Ask{Do::Sleep, 100, 0});
+}
+
+TEST_F(HatchCall, ACancelledThreadLeavesNoConnectionBehind)
+{
+	LocalHatch served(path_);
+	Fd fd = open_hatch(path_);
+	ASSERT_EQ(call(fd.get(), std::string("warm")).error, 0);
+	int before = open_descriptors();
+	pthread_t thread;
+	auto run = [](void *argument) -> void * {
+		sleep_in_call(*static_cast<int *>(argument));
+		pthread_testcancel();
+		return nullptr;
+	};
+	int number = fd.get();
+	ASSERT_EQ(pthread_create(&thread, nullptr, run, &number), 0);
+	ASSERT_EQ(pthread_cancel(thread), 0);
+	void *result = nullptr;
+	ASSERT_EQ(pthread_join(thread, &result), 0);
+	EXPECT_EQ(result, PTHREAD_CANCELED);
+	EXPECT_EQ(open_descriptors(), before);
+	EXPECT_EQ(call(fd.get(), std::string("next")).data, "next");
+}
+
+TEST_F(HatchCall, CyclesAndFailuresLeaveNothingBehind)
+{
+	Process server = serve(path_);
+	auto cycle = [&] {
+		Fd fd = open_hatch(path_);
+		bool good = call(fd.get(), std::string(100, 'x'), 200).error == 0;
+		hatch_forget(fd.get());
+		return good;
+	};
+	Fd plain = open_hatch(scratch_.write("plain", "x"));
+	auto fail = [&] { return call(plain.get(), std::string("x")).error == EBADF; };
+	ASSERT_TRUE(cycle() && fail());
+	int own = open_descriptors();
+	long own_kib = anonymous_kib();
+	long server_kib = anonymous_kib(server.pid());
+	for (int i = 0; i < 1000; i++)
+		ASSERT_TRUE(cycle());
+	for (int i = 0; i < 10'000; i++)
+		ASSERT_TRUE(fail());
+	Fd fd = open_hatch(path_);
+	for (int i = 0; i < 10'000; i++)
+		ASSERT_EQ(call(fd.get(), Ask{Do::NoReply, 0, 0}).error, ECONNABORTED);
+	hatch_forget(fd.get());
+	fd.reset();
+	EXPECT_EQ(open_descriptors(), own);
+	// What the process had open was its three streams, its set, its place and its threads: no connection stays.
+	EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) <= own + 12; }));
+	if (!sanitized) {
+		EXPECT_LT(anonymous_kib() - own_kib, 2048);
+		EXPECT_LT(anonymous_kib(server.pid()) - server_kib, 2048);
+	}
+}
+
+} // namespace

@@ -1,0 +1,110 @@
+// Who calls: the kernel's word for each message, for users, threads and changed ids. They need root.
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+
+#include "hatch_peer.h"
+#include "scratch.h"
+
+namespace {
+
+Caller caller_at(int fd)
+{
+	Caller caller = {};
+	Answer answer = call(fd, Ask{Do::Who, 0, 0}, sizeof caller);
+	if (answer.data.size() == sizeof caller)
+		memcpy(&caller, answer.data.data(), sizeof caller);
+	return caller;
+}
+
+class HatchUsers : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		if (geteuid() != 0)
+			GTEST_SKIP() << "changing user ids needs root";
+		ASSERT_EQ(chmod(scratch_.directory().c_str(), 0755), 0);
+	}
+
+	Scratch scratch_;
+	std::string path_ = attachable(scratch_.path("hatch"));
+};
+
+TEST_F(HatchUsers, TheRealIdsCountWhateverTheEffectiveOnesAre)
+{
+	Process server = serve(path_);
+	struct Case {
+		uid_t real, effective;
+	};
+	// An ordinary user, one above 2^31, a program that gained root on exec, a root daemon that gave up its rights.
+	for (Case ids : {Case{1000, 1000}, Case{3'000'000'000U, 3'000'000'000U}, Case{1001, 0}, Case{0, 1001}}) {
+		Process client([&] {
+			become(ids.real, ids.effective);
+			Fd fd = open_hatch(path_);
+			Caller caller = caller_at(fd.get());
+			bool same = caller.uid == ids.real && caller.gid == ids.real && caller.pid == getpid();
+			return same ? 0 : 1;
+		});
+		EXPECT_EQ(client.wait(), 0) << ids.real << " as " << ids.effective;
+	}
+}
+
+TEST_F(HatchUsers, EachMessageHasItsOwnSenderOnOneConnection)
+{
+	Process server = serve(path_);
+	Fd fd = open_hatch(path_);
+	ASSERT_EQ(caller_at(fd.get()).uid, 0U);
+	int connections = open_descriptors();
+	// One thread changes its ids, the others don't; they use the same kept connection after each other.
+	std::thread other([&] {
+		become(1002, 1002);
+		EXPECT_EQ(caller_at(fd.get()).uid, 1002U);
+	});
+	other.join();
+	EXPECT_EQ(caller_at(fd.get()).uid, 0U);
+	EXPECT_EQ(open_descriptors(), connections);
+}
+
+TEST_F(HatchUsers, AnUnprivilegedUserReachesAHatchThatItMayOnlyRead)
+{
+	ASSERT_EQ(chown(path_.c_str(), 16, 65), 0);
+	Process server = serve(path_);
+	Process client([&] {
+		become(1000, 1000);
+		Fd fd = open_hatch(path_);
+		hatch_info_t info = {};
+		if (hatch_info(fd.get(), &info) != 0 || info.di_target != server.pid())
+			return 1;
+		if (open(path_.c_str(), O_RDWR) != -1 || fdetach(path_.c_str()) != -1)
+			return 2;
+		return call(fd.get(), std::string(100'000, 'x')).data.size() == 100'000 ? 0 : 3;
+	});
+	EXPECT_EQ(client.wait(), 0);
+}
+
+TEST_F(HatchUsers, AnUnprivilegedServerServesRootAndItself)
+{
+	ASSERT_EQ(chown(scratch_.directory().c_str(), 1000, 1000), 0);
+	ASSERT_EQ(chown(path_.c_str(), 1000, 1000), 0);
+	int ready[2];
+	ASSERT_EQ(pipe(ready), 0);
+	Process server([&] {
+		become(1000, 1000);
+		LocalHatch served(path_);
+		(void) !write(ready[1], "x", 1);
+		for (;;)
+			pause();
+		return 0;
+	});
+	char byte;
+	ASSERT_EQ(read(ready[0], &byte, 1), 1);
+	Fd fd = open_hatch(path_);
+	EXPECT_EQ(caller_at(fd.get()).uid, 0U);
+	EXPECT_TRUE(call(fd.get(), Ask{Do::Size, 0, 3'000'000}).data == test_bytes(3'000'000));
+}
+
+} // namespace

@@ -1,0 +1,313 @@
+// The servers and clients of hatch tests.
+#include "hatch_peer.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <mutex>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#if defined(__SANITIZE_THREAD__)
+// Servers in tests are forked from processes that may have threads.
+extern "C" __attribute__((visibility("default"))) const char *__tsan_default_options();
+extern "C" const char *__tsan_default_options()
+{
+	return "die_after_fork=0";
+}
+#endif
+
+namespace {
+
+std::mutex block_lock;
+std::condition_variable block_changed;
+int blocked;
+bool released;
+
+template <typename T>
+void reply_with(const T &value)
+{
+	hatch_return(reinterpret_cast<const char *>(&value), sizeof value, nullptr, 0);
+}
+
+void must(bool good, const char *what)
+{
+	if (good)
+		return;
+	perror(what);
+	abort();
+}
+
+void block()
+{
+	std::unique_lock<std::mutex> hold(block_lock);
+	blocked++;
+	block_changed.wait(hold, [] { return released; });
+	blocked--;
+}
+
+Caller caller()
+{
+	peercred_t *cred = nullptr;
+	must(hatch_peercred(&cred) == 0, "hatch_peercred");
+	Caller found = {peercred_getruid(cred), peercred_getrgid(cred), peercred_getpid(cred)};
+	peercred_free(cred);
+	return found;
+}
+
+// The errno values of a handler's calls in a child that it forked, as the child's exit status would have them.
+int in_forked_child()
+{
+	pid_t child = fork();
+	if (child == 0) {
+		peercred_t *cred = nullptr;
+		bool none = hatch_peercred(&cred) == -1 && errno == EINVAL;
+		none = hatch_return("x", 1, nullptr, 0) == -1 && errno == EINVAL && none;
+		none = hatch_reply_memory(1) == nullptr && errno == EINVAL && none;
+		_exit(none ? 7 : 8);
+	}
+	int status = 0;
+	must(waitpid(child, &status, 0) == child, "waitpid");
+	return WEXITSTATUS(status);
+}
+
+void reply_sized(size_t size)
+{
+	constexpr size_t on_stack = 4096;
+	char small[on_stack];
+	char *bytes = size <= on_stack ? small : static_cast<char *>(hatch_reply_memory(size));
+	must(bytes != nullptr, "hatch_reply_memory");
+	{
+		std::string text = test_bytes(size);
+		memcpy(bytes, text.data(), size);
+	}
+	hatch_return(bytes, size, nullptr, 0);
+}
+
+struct BadReturns {
+	int null_data;
+	int descriptors;
+};
+
+void return_badly()
+{
+	BadReturns seen = {0, 0};
+	hatch_desc_t desc = {};
+	if (hatch_return(nullptr, 1, nullptr, 0) == -1)
+		seen.null_data = errno;
+	if (hatch_return("x", 1, &desc, 1) == -1)
+		seen.descriptors = errno;
+	reply_with(seen);
+}
+
+} // namespace
+
+void obey(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
+{
+	Ask ask = {Do::Echo, 0, 0};
+	if (size >= sizeof ask)
+		memcpy(&ask, arg, sizeof ask);
+	switch (ask.what) {
+	case Do::Size:
+		return reply_sized(ask.size);
+	case Do::Sleep:
+		std::this_thread::sleep_for(std::chrono::milliseconds(ask.number));
+		hatch_return(nullptr, 0, nullptr, 0);
+		return;
+	case Do::NoReply:
+		return;
+	case Do::Who:
+		return reply_with(caller());
+	case Do::ReturnBadly:
+		return return_badly();
+	case Do::Fork:
+		return reply_with(in_forked_child());
+	case Do::Revoke:
+		return reply_with(hatch_revoke(static_cast<int>(ask.number)));
+	case Do::Block:
+		block();
+		hatch_return(nullptr, 0, nullptr, 0);
+		return;
+	default:
+		hatch_return(arg, size, nullptr, 0);
+	}
+}
+
+int blocked_calls()
+{
+	std::lock_guard<std::mutex> hold(block_lock);
+	return blocked;
+}
+
+void release_blocked()
+{
+	std::lock_guard<std::mutex> hold(block_lock);
+	released = true;
+	block_changed.notify_all();
+}
+
+std::string test_bytes(size_t size)
+{
+	std::string bytes(size, '\0');
+	uint32_t state = 1;
+	for (char &byte : bytes) {
+		state = state * 1664525 + 1013904223;
+		byte = static_cast<char>(state >> 24);
+	}
+	return bytes;
+}
+
+std::string attachable(const std::string &path, mode_t mode)
+{
+	Fd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode));
+	must(static_cast<bool>(file) && fchmod(file.get(), mode) == 0, path.c_str());
+	return path;
+}
+
+LocalHatch::LocalHatch(const std::string &path, hatch_handler_t *handler, void *cookie)
+    : fd_(hatch_create(handler, cookie, HATCH_REFUSE_DESC))
+{
+	must(fd_ != -1, "hatch_create");
+	must(fattach(fd_, (access(path.c_str(), F_OK) == 0 ? path : attachable(path)).c_str()) == 0, "fattach");
+}
+
+void LocalHatch::revoke()
+{
+	if (fd_ != -1)
+		must(hatch_revoke(fd_) == 0, "hatch_revoke");
+	fd_ = -1;
+}
+
+Process::Process(const std::function<int()> &run) : pid_(fork())
+{
+	must(pid_ != -1, "fork");
+	if (pid_ != 0)
+		return;
+	(void) prctl(PR_SET_PDEATHSIG, SIGKILL);
+	_exit(run());
+}
+
+Process &Process::operator=(Process &&other) noexcept
+{
+	kill();
+	pid_ = std::exchange(other.pid_, -1);
+	return *this;
+}
+
+int Process::wait()
+{
+	int status = 0;
+	must(waitpid(pid_, &status, 0) == pid_, "waitpid");
+	pid_ = -1;
+	return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+}
+
+void Process::kill()
+{
+	if (pid_ == -1)
+		return;
+	(void) ::kill(pid_, SIGKILL);
+	(void) wait();
+}
+
+Process serve(const std::string &path)
+{
+	int ready[2];
+	must(pipe2(ready, O_CLOEXEC) == 0, "pipe2");
+	Process server([&] {
+		int hatch = hatch_create(obey, nullptr, HATCH_REFUSE_DESC);
+		must(hatch != -1, "hatch_create");
+		must(fattach(hatch, path.c_str()) == 0, "fattach");
+		must(write(ready[1], "x", 1) == 1, "write");
+		for (;;)
+			pause();
+		return 0;
+	});
+	(void) close(ready[1]);
+	char byte;
+	must(read(ready[0], &byte, 1) == 1, "the server didn't come up");
+	(void) close(ready[0]);
+	return server;
+}
+
+Answer call(int hatch, const std::string &request, size_t room)
+{
+	std::string buffer(room, '\0');
+	std::string sent = request;
+	hatch_arg_t arg = {
+	    sent.data(), sent.size(), nullptr, 0, room == 0 ? nullptr : buffer.data(), room == 0 ? 1 : room};
+	if (hatch_call(hatch, &arg) == -1)
+		return {errno, {}, false};
+	if (arg.data_size == 0)
+		return {0, {}, false};
+	Answer answer = {0, std::string(arg.data_ptr, arg.data_size), arg.data_ptr != buffer.data()};
+	if (answer.mapped)
+		must(arg.rbuf == arg.data_ptr && munmap(arg.rbuf, arg.rsize) == 0, "munmap");
+	return answer;
+}
+
+Answer call(int hatch, Ask ask, size_t room)
+{
+	return call(hatch, std::string(reinterpret_cast<const char *>(&ask), sizeof ask), room);
+}
+
+Fd open_hatch(const std::string &path)
+{
+	Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	must(static_cast<bool>(fd), path.c_str());
+	return fd;
+}
+
+int descriptors_of(pid_t pid)
+{
+	std::string directory = "/proc/" + std::to_string(pid) + "/fd";
+	DIR *entries = opendir(directory.c_str());
+	must(entries != nullptr, directory.c_str());
+	int count = 0;
+	while (readdir(entries) != nullptr)
+		count++;
+	(void) closedir(entries);
+	return count;
+}
+
+long anonymous_kib(pid_t pid)
+{
+	std::ifstream status("/proc/" + (pid == 0 ? "self" : std::to_string(pid)) + "/status");
+	std::string line;
+	while (std::getline(status, line)) {
+		if (line.starts_with("RssAnon:"))
+			return atol(line.c_str() + strlen("RssAnon:"));
+	}
+	abort();
+}
+
+bool eventually(const std::function<bool()> &done)
+{
+	auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+	while (!done()) {
+		if (std::chrono::steady_clock::now() > end)
+			return false;
+		std::this_thread::sleep_for(std::chrono::milliseconds(2));
+	}
+	return true;
+}
+
+void become(uid_t real, uid_t effective)
+{
+	must(syscall(SYS_setresgid, real, effective, effective) == 0, "setresgid");
+	must(syscall(SYS_setresuid, real, effective, effective) == 0, "setresuid");
+}

@@ -1,0 +1,119 @@
+// Both ends of a hatch for tests: a handler that does what the request asks for, a server process, and calls.
+#ifndef TESTS_HATCH_PEER_H
+#define TESTS_HATCH_PEER_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <sys/types.h>
+
+#include <meridon/hatch.h>
+
+#include "base/guards.h"
+
+// What a request begins with. What follows it is of no interest, but for Echo.
+enum class Do : uint32_t {
+	Echo,        // gives the request back
+	Size,        // replies with `size` bytes of test_bytes(), out of the reply memory if they are many
+	Sleep,       // replies with nothing after `number` ms
+	NoReply,     // returns without a reply
+	Who,         // replies with a Caller
+	ReturnBadly, // tries hatch_return() with a NULL and with descriptors, then replies with both errno values
+	Fork,        // forks; replies with what the calls of a handler gave in the child
+	Revoke,      // revokes the hatch `number` that it runs for, then replies
+	Block,       // waits until Release was called as often as there are blocked ones
+	Release,
+	Count, // replies with the number of calls so far
+};
+
+struct Ask {
+	Do what;
+	uint32_t number;
+	uint64_t size;
+};
+
+struct Caller {
+	uid_t uid;
+	gid_t gid;
+	pid_t pid;
+};
+
+void obey(void *cookie, char *arg, size_t size, hatch_desc_t *descs, unsigned int ndescs);
+
+// The calls that wait in Block.
+int blocked_calls();
+void release_blocked();
+
+// `size` bytes that differ from their neighbours at every distance that a piece or a page has.
+std::string test_bytes(size_t size);
+
+// An empty file, to attach to.
+std::string attachable(const std::string &path, mode_t mode = 0644);
+
+// A hatch of this process, attached; revoked at the end.
+class LocalHatch {
+public:
+	explicit LocalHatch(const std::string &path, hatch_handler_t *handler = obey, void *cookie = nullptr);
+	~LocalHatch() { revoke(); }
+	LocalHatch(const LocalHatch &) = delete;
+	LocalHatch &operator=(const LocalHatch &) = delete;
+	int fd() const { return fd_; }
+	void revoke();
+
+private:
+	int fd_;
+};
+
+// A process of its own, which ends with its parent at the latest. `run` gives its exit status.
+class Process {
+public:
+	explicit Process(const std::function<int()> &run);
+	~Process() { kill(); }
+	Process(Process &&other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
+	Process &operator=(Process &&other) noexcept;
+	Process(const Process &) = delete;
+	Process &operator=(const Process &) = delete;
+	pid_t pid() const { return pid_; }
+	// The exit status, or 1000 and the signal.
+	int wait();
+	void kill();
+
+private:
+	pid_t pid_;
+};
+
+// A process that serves `obey` at a path, from the moment that this returns on. Without fdetach() before, and it doesn't
+// wait for anybody at its end.
+Process serve(const std::string &path);
+
+// What a call came to: its errno value and the reply.
+struct Answer {
+	int error;
+	std::string data;
+	bool mapped; // it came in a fresh mapping
+};
+
+// Calls with no buffer for the reply, or with one of `room` bytes.
+Answer call(int hatch, const std::string &request, size_t room = 0);
+Answer call(int hatch, Ask ask, size_t room = 0);
+
+Fd open_hatch(const std::string &path);
+
+// Sanitizers need memory and time of their own: there, memory isn't measured and large things are smaller.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool sanitized = true;
+#else
+inline constexpr bool sanitized = false;
+#endif
+
+// Counts for leaks: open descriptors, and anonymous memory in KiB, of a process.
+int descriptors_of(pid_t pid);
+long anonymous_kib(pid_t pid = 0);
+
+// True once `done` is; asked again and again for 20 s at most.
+bool eventually(const std::function<bool()> &done);
+
+// Changes the real and effective ids of the calling thread alone, as the kernel does it.
+void become(uid_t real, uid_t effective);
+
+#endif
