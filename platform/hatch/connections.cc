@@ -33,7 +33,6 @@ struct Table {
 
 Mutex table_lock;
 Table table GUARDED_BY(table_lock);
-pthread_once_t fork_once = PTHREAD_ONCE_INIT;
 
 void close_all() REQUIRES(table_lock)
 {
@@ -76,9 +75,11 @@ void in_child() RELEASE(table_lock) NO_THREAD_SAFETY_ANALYSIS
 	table_lock.unlock();
 }
 
+// Before the lock is taken for the first time: a child forked meanwhile would have it locked for good.
 void watch_forks()
 {
-	(void) pthread_atfork(before_fork, in_parent, in_child);
+	static pthread_once_t once = PTHREAD_ONCE_INIT;
+	(void) pthread_once(&once, [] { (void) pthread_atfork(before_fork, in_parent, in_child); });
 }
 
 Connection *remove_idle(size_t i) REQUIRES(table_lock)
@@ -143,6 +144,7 @@ void drop_hung_up() REQUIRES(table_lock)
 
 Connection *take_connection(const Attachment &attachment)
 {
+	watch_forks();
 	MutexLock hold(table_lock);
 	Table &own = own_table();
 	for (size_t i = own.idle_count; i-- > 0;) {
@@ -157,7 +159,6 @@ Connection *take_connection(const Attachment &attachment)
 
 int make_connection(int fd, const Attachment &attachment, Waiting waiting, Connection **out)
 {
-	(void) pthread_once(&fork_once, watch_forks);
 	auto *connection = new (std::nothrow) Connection{};
 	if (connection == nullptr)
 		return ENOMEM;
@@ -196,6 +197,7 @@ void drop_connection(Connection *connection)
 
 void forget_connections(const Attachment &attachment)
 {
+	watch_forks();
 	MutexLock hold(table_lock);
 	Table &own = own_table();
 	for (size_t i = own.idle_count; i-- > 0;) {
@@ -206,6 +208,7 @@ void forget_connections(const Attachment &attachment)
 
 bool known_server(const Attachment &attachment, pid_t *server)
 {
+	watch_forks();
 	MutexLock hold(table_lock);
 	const Server *found = find_server(attachment);
 	if (found != nullptr)

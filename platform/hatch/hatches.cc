@@ -18,7 +18,6 @@ namespace {
 Mutex list_lock;
 Hatch *list GUARDED_BY(list_lock);
 Hatch *inherited GUARDED_BY(list_lock); // in a forked child: its parent's, closed
-pthread_once_t fork_once = PTHREAD_ONCE_INIT;
 
 // The number alone doesn't tell: its owner may have closed it, and it may stand for something else by now.
 bool inode_of(int fd, ino_t *inode)
@@ -80,9 +79,11 @@ void in_child() NO_THREAD_SAFETY_ANALYSIS
 	list_lock.unlock();
 }
 
+// Before the list is locked for the first time, by a client too: a child forked meanwhile would have it locked for good.
 void watch_forks()
 {
-	(void) pthread_atfork(before_fork, in_parent, in_child);
+	static pthread_once_t once = PTHREAD_ONCE_INIT;
+	(void) pthread_once(&once, [] { (void) pthread_atfork(before_fork, in_parent, in_child); });
 }
 
 int watch(const Hatch &hatch, const Fd &fd, uint32_t how)
@@ -209,6 +210,7 @@ int fail_with(int error)
 
 FoundHatch::FoundHatch(int fd) NO_THREAD_SAFETY_ANALYSIS
 {
+	watch_forks();
 	list_lock.lock();
 	Hatch **link = find_locked(fd);
 	hatch_ = link == nullptr ? nullptr : *link;
@@ -241,7 +243,7 @@ int hatch_create(hatch_handler_t *handler, void *cookie, unsigned int attributes
 {
 	if (handler == nullptr || (attributes & ~HATCH_REFUSE_DESC) != 0)
 		return hatch::fail_with(EINVAL);
-	(void) pthread_once(&hatch::fork_once, hatch::watch_forks);
+	hatch::watch_forks();
 	int fd = -1;
 	if (int error = hatch::make(handler, cookie, &fd))
 		return hatch::fail_with(error);
