@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <strings.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -121,12 +122,20 @@ public:
 private:
 	static constexpr size_t first_room = 65536;
 
+	// Large blocks lie in large pages: faults would cost more than the parsing.
 	void grow()
 	{
+		constexpr size_t huge_page = 2 << 20;
 		room_ *= 2;
-		bytes_ = static_cast<char *>(realloc(bytes_, room_));
-		if (bytes_ == nullptr)
+		bool large = room_ >= 2 * huge_page;
+		char *grown = static_cast<char *>(large ? aligned_alloc(huge_page, room_) : malloc(room_));
+		if (grown == nullptr)
 			abort();
+		if (large)
+			(void) madvise(grown, room_, MADV_HUGEPAGE);
+		memcpy(grown, bytes_, used_);
+		free(bytes_);
+		bytes_ = grown;
 	}
 	template <typename T>
 	void put(T value)

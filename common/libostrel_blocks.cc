@@ -79,6 +79,7 @@ int BlockReader::fill(size_t *length)
 	if (got < 0)
 		return errno;
 	*length = static_cast<size_t>(got);
+	reads_ += got > 0;
 	if (*length < OSTREL_BLOCK_SIZE || looked_at_kind_)
 		return 0;
 	// More than a block: a device such as the one of zeros would never end.
@@ -131,8 +132,10 @@ void BlockReader::end_file(ostrel_block *block)
 	block->end = memory_ + head_;
 	block->offset = offset_ - static_cast<off_t>(tail_length_);
 	block->open = tail_length_ > 0;
-	if (block->open)
+	if (block->open) {
 		*block->end++ = '\n';
+		added_newline_ = true;
+	}
 	tail_length_ = 0;
 }
 

@@ -40,12 +40,18 @@ public:
 	BlockReader &operator=(const BlockReader &) = delete;
 	~BlockReader();
 
+	// For a reader that is there before the file is open.
+	void set_file(int fd) { fd_ = fd; }
+
 	/*
 	 * Gives the next block, or one without bytes at the end of the file.
 	 * Errors: errno values: ENOMEM; EINVAL for a device that doesn't end within the first block; those of read()
 	 * Limits: LongLines::Drop never holds more than OSTREL_BLOCK_SIZE and a line
 	 */
 	int next(ostrel_block *block);
+
+	// At the end of the file: its text, if one read brought it all and nothing was added. Else NULL.
+	const char *whole_text() const { return reads_ == 1 && !added_newline_ ? memory_ + head_ : nullptr; }
 
 private:
 	int prepare();
@@ -62,6 +68,8 @@ private:
 	char *tail_ = nullptr;   // the beginning of a line that goes on in the next block
 	size_t tail_length_ = 0;
 	off_t offset_ = 0; // of the next byte to be read
+	size_t reads_ = 0; // that brought something
+	bool added_newline_ = false;
 	bool dropping_ = false;
 	bool looked_at_kind_ = false;
 	int spare_ = -1; // the kept buffer that memory_ is, if it is one

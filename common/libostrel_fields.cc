@@ -3,6 +3,7 @@
 #include "libostrel_fields.h"
 
 #include <bit>
+#include <cctype>
 #include <climits>
 #include <cstring>
 #include <strings.h>
@@ -49,21 +50,25 @@ static uint64_t structure_of_64(const char *bytes)
 void StructureIndex::build(const char *begin, const char *end)
 {
 	begin_ = begin;
-	size_t word = 0;
+	uint64_t *bits = bits_;
 	for (const char *at = begin; at < end; at += 64)
-		bits_[word++] = structure_of_64(at);
+		*bits++ = structure_of_64(at);
 }
 
 // ---- Values ----
 
-// The eight bytes at `text`, of which those behind `length` are replaced by leading zeros: digits of one number.
+// Up to eight digits as they stand in memory, the first one lowest, with zeros in front.
 static uint64_t eight_digits(const char *text, size_t length)
 {
 	static constexpr uint64_t zeros = 0x3030303030303030;
-	uint64_t bytes;
-	memcpy(&bytes, text, sizeof(bytes));
-	if (length < 8)
-		bytes = bytes << (64 - 8 * length) | zeros >> (8 * length);
+	if constexpr (std::endian::native == std::endian::little) {
+		uint64_t bytes;
+		memcpy(&bytes, text, sizeof(bytes)); // what is behind the digits is shifted out
+		return length < 8 ? bytes << (64 - 8 * length) | zeros >> (8 * length) : bytes;
+	}
+	uint64_t bytes = zeros;
+	for (size_t i = 0; i < length; i++)
+		bytes = bytes >> 8 | static_cast<uint64_t>(static_cast<unsigned char>(text[i])) << 56;
 	return bytes;
 }
 
@@ -81,56 +86,57 @@ static uint64_t value_of_digits(uint64_t bytes)
 	return (bytes & 0x0000ffff0000ffff) * 42949672960001 >> 32;
 }
 
-// One to 18 digits; false for anything else.
-static bool parse_digits(const char *text, size_t length, uint64_t *value)
+// Whether there are only digits, 1 to 18 of them.
+static bool are_digits(const char *text, size_t length)
 {
 	if (length == 0 || length > 18)
 		return false;
-	*value = 0;
-	if constexpr (std::endian::native == std::endian::little) {
-		for (size_t chunk = (length - 1) % 8 + 1; length > 0; chunk = 8) {
-			uint64_t bytes = eight_digits(text, chunk);
-			if (!all_digits(bytes))
-				return false;
-			*value = *value * 100000000 + value_of_digits(bytes);
-			text += chunk;
-			length -= chunk;
-		}
-		return true;
-	}
-	for (; length > 0; length--, text++) {
-		if (*text < '0' || *text > '9')
+	for (size_t chunk = (length - 1) % 8 + 1; length > 0; chunk = 8) {
+		if (!all_digits(eight_digits(text, chunk)))
 			return false;
-		*value = *value * 10 + static_cast<uint64_t>(*text - '0');
+		text += chunk;
+		length -= chunk;
 	}
 	return true;
 }
 
-// False for what only the general reader takes. *as_written: the writer prints the number like this.
-static bool parse_number(const char *text, const char *end, bool wide, int64_t *number, bool *as_written)
+// The value of digits, perhaps behind a minus sign.
+static int64_t value_of_number(const attrtext_t &number)
 {
-	bool negative = *text == '-';
-	const char *digits = text + negative;
-	uint64_t value;
-	if (!parse_digits(digits, static_cast<size_t>(end - digits), &value))
+	bool negative = *number.text == '-';
+	const char *digits = number.text + negative;
+	size_t length = number.length - negative;
+	int64_t value = 0;
+	for (size_t chunk = (length - 1) % 8 + 1; length > 0; chunk = 8) {
+		value = value * 100000000 + static_cast<int64_t>(value_of_digits(eight_digits(digits, chunk)));
+		digits += chunk;
+		length -= chunk;
+	}
+	return negative ? -value : value;
+}
+
+// Whether it is a number of the usual form; another is for the general reader. *as_written: the writer prints it so.
+static bool is_number(const attrtext_t &number, bool wide, bool *as_written)
+{
+	bool negative = *number.text == '-';
+	size_t length = number.length - negative;
+	const char *digits = number.text + negative;
+	if (!are_digits(digits, length))
 		return false;
-	*number = negative ? -static_cast<int64_t>(value) : static_cast<int64_t>(value);
-	bool leading_zero = *digits == '0' && (negative || end - digits > 1);
-	if (leading_zero || (!wide && (*number < INT32_MIN || *number > INT32_MAX)))
+	if (*digits == '0' && (negative || length > 1))
 		*as_written = false;
+	if (!wide && length > 9) {
+		int64_t value = value_of_number(number);
+		if (value < INT32_MIN || value > INT32_MAX)
+			*as_written = false;
+	}
 	return true;
 }
 
-static bool parse_boolean(const char *text, const char *end, int64_t *number)
+static bool is_boolean(const attrtext_t &word)
 {
-	uint32_t first;
-	memcpy(&first, text, sizeof(first));
-	uint32_t last;
-	memcpy(&last, end - sizeof(last), sizeof(last));
-	uint32_t words[2]; // "true" and the end of "false"
-	memcpy(words, "truealse", sizeof(words));
-	*number = end - text == 4 && first == words[0];
-	return *number != 0 || (end - text == 5 && *text == 'f' && last == words[1]);
+	return (word.length == 4 && memcmp(word.text, "true", 4) == 0) ||
+	       (word.length == 5 && memcmp(word.text, "false", 5) == 0);
 }
 
 // ---- Properties ----
@@ -179,14 +185,46 @@ static data_type_t type_of(const char *word, const char *end)
 	return DATA_TYPE_UNKNOWN;
 }
 
-// A line on its way into its fields.
+// A line on its way into its fields. What is counted here goes into the fields at the end: in the loops below, all of this
+// stays in registers, as long as its address isn't handed to a function that isn't inlined.
 struct Taking {
 	StructureCursor cursor;
-	ostrel_fields *fields;
 	const char *at; // the byte of structure that was reached
+	ostrel_fields *fields;
+	uint_t identifiers = 0;
+	uint_t properties = 0;
+	uint_t values = 0;
+	// As long as each piece begins as that of the line before did, its name and type are known, and the names differ.
+	uint_t alike_identifiers = fields->known_identifiers;
+	uint_t alike_properties = fields->known_properties;
+	bool has_escapes = false;
+	bool as_written = true;
 
 	void advance() { at = cursor.next(); }
 };
+
+#define HOT [[gnu::always_inline]] static inline
+
+static uint64_t eight_bytes(const char *text)
+{
+	uint64_t bytes;
+	memcpy(&bytes, text, sizeof(bytes));
+	return bytes;
+}
+
+// Whether both texts, which lie in a block, begin with the same bytes.
+HOT bool begin_alike(const char *a, const char *b, size_t length)
+{
+	if (length > 16)
+		return memcmp(a, b, length) == 0;
+	if (length >= 8)
+		return ((eight_bytes(a) ^ eight_bytes(b)) |
+			   (eight_bytes(a + length - 8) ^ eight_bytes(b + length - 8))) == 0;
+	for (size_t i = 0; i < length; i++)
+		if (a[i] != b[i])
+			return false;
+	return true;
+}
 
 static attrtext_t text_between(const char *begin, const char *end)
 {
@@ -194,19 +232,16 @@ static attrtext_t text_between(const char *begin, const char *end)
 }
 
 // Goes to the end of a string value. False: odd.
-static bool take_string(Taking *line)
+HOT bool take_string(Taking *line, attrtext_t *value)
 {
-	ostrel_fields *fields = line->fields;
 	const char *begin = line->at + 1;
-	if (fields->text_count == ostrel_fields::values_max)
-		return false;
 	for (;;) {
 		line->advance();
 		switch (*line->at) {
 		case ',':
 		case ';':
 		case '\n':
-			fields->texts[fields->text_count++] = text_between(begin, line->at);
+			*value = text_between(begin, line->at);
 			return true;
 		case '=':
 		case '\t':
@@ -216,60 +251,53 @@ static bool take_string(Taking *line)
 		default:
 			return false;
 		}
-		fields->has_escapes = true;
+		line->has_escapes = true;
 		const char *hidden = line->at + 1;
 		if (*hidden == ',' || *hidden == ';' || *hidden == '\\') {
 			line->advance();
 			continue;
 		}
-		fields->as_written = false;
+		line->as_written = false;
 		if (*hidden == '\n' || *hidden == '\0')
 			return false;
-		line->cursor.seek(hidden + 1);
+		line->cursor.skip_to(hidden + 1);
 	}
 }
 
-// Goes to the end of a number or boolean, which becomes element `index` of the numbers. False: odd.
-static bool take_number(Taking *line, data_type_t type, uint_t index, int64_t *numbers)
+// Goes to the end of a number or boolean. False: odd.
+HOT bool take_plain_value(Taking *line, data_type_t type, attrtext_t *value)
 {
 	const char *begin = line->at + 1;
-	int64_t number;
 	line->advance();
-	if (type == DATA_TYPE_INT64_ARRAY || type == DATA_TYPE_UINT64_ARRAY)
-		return parse_number(begin, line->at, true, &numbers[index], &line->fields->as_written);
-	bool taken = type == DATA_TYPE_BOOLEAN_ARRAY
-			 ? parse_boolean(begin, line->at, &number)
-			 : parse_number(begin, line->at, false, &number, &line->fields->as_written);
-	if (!taken)
-		return false;
-	int32_t narrow = static_cast<int32_t>(number);
-	memcpy(reinterpret_cast<char *>(numbers) + index * sizeof(narrow), &narrow, sizeof(narrow));
-	return true;
+	*value = text_between(begin, line->at);
+	if (type == DATA_TYPE_BOOLEAN_ARRAY)
+		return is_boolean(*value);
+	bool wide = type == DATA_TYPE_INT64_ARRAY || type == DATA_TYPE_UINT64_ARRAY;
+	return is_number(*value, wide, &line->as_written);
 }
 
 // The values of a property, each behind a comma; ends at what closes the property.
-static bool take_values(Taking *line, attrdraft_t *property)
+HOT bool take_values(Taking *line, attrdraft_t *property)
 {
-	ostrel_fields *fields = line->fields;
-	bool strings = property->type == DATA_TYPE_STRING_ARRAY;
-	int64_t *numbers = fields->numbers + fields->number_count;
-	uint_t count = 0;
-	property->elements = strings ? static_cast<const void *>(fields->texts + fields->text_count) : numbers;
-	for (; *line->at == ','; count++) {
+	attrtext_t *first = &line->fields->values[line->values];
+	attrtext_t *value = first;
+	for (; *line->at == ','; value++) {
 		if (line->at[1] == ';' || line->at[1] == '\n') {
 			// A comma at the very end starts no value.
-			fields->as_written = false;
+			line->as_written = false;
 			line->advance();
 			break;
 		}
-		if (!strings && fields->number_count + count == ostrel_fields::values_max)
+		if (value == line->fields->values + ostrel_fields::values_max)
 			return false;
-		if (!(strings ? take_string(line) : take_number(line, property->type, count, numbers)))
+		bool taken = property->type == DATA_TYPE_STRING_ARRAY ? take_string(line, value)
+								      : take_plain_value(line, property->type, value);
+		if (!taken)
 			return false;
 	}
-	property->count = count;
-	if (!strings)
-		fields->number_count += count;
+	property->elements = first;
+	property->count = static_cast<uint_t>(value - first);
+	line->values += property->count;
 	return *line->at == ';' || *line->at == '\n';
 }
 
@@ -281,36 +309,58 @@ static bool same_text(const attrtext_t &a, const attrtext_t &b)
 	return a.text[a.length - 1] == b.text[a.length - 1] && memcmp(a.text, b.text, a.length) == 0;
 }
 
-// One property, from behind the byte that was reached.
-static bool take_property(Taking *line)
+// The name and type of a property, from `name`. Ends behind the type.
+[[gnu::noinline]] static bool take_head(Taking *line, const char *name)
 {
-	ostrel_fields *fields = line->fields;
-	if (fields->property_count == ostrel_fields::properties_max)
-		return false;
-	attrdraft_t *property = &fields->properties[fields->property_count];
-	const char *name = line->at + 1;
+	attrdraft_t *property = &line->fields->properties[line->properties];
 	line->advance();
 	if (*line->at != '=')
 		return false;
 	property->name = text_between(name, line->at);
-	for (size_t i = 0; i < fields->property_count; i++)
-		if (same_text(fields->properties[i].name, property->name))
+	for (uint_t i = 0; i < line->properties; i++)
+		if (same_text(line->fields->properties[i].name, property->name))
 			return false;
-	fields->property_count++;
 	const char *word = line->at + 1;
 	line->advance();
 	property->type = type_of(word, line->at);
-	return property->type != DATA_TYPE_UNKNOWN && take_values(line, property);
+	line->fields->property_heads[line->properties] = static_cast<uint16_t>(line->at - name);
+	line->alike_properties = 0;
+	return property->type != DATA_TYPE_UNKNOWN;
+}
+
+// One property, from behind the byte that was reached.
+HOT bool take_property(Taking *line)
+{
+	if (line->properties == ostrel_fields::properties_max)
+		return false;
+	attrdraft_t *property = &line->fields->properties[line->properties];
+	size_t head = line->fields->property_heads[line->properties];
+	const char *name = line->at + 1;
+	if (line->properties < line->alike_properties && begin_alike(name, property->name.text, head)) {
+		property->name.text = name;
+		(void) line->cursor.next(); // the `=`
+		line->advance();
+		if (line->at != name + head)
+			return false; // the word goes on
+	} else {
+		Taking copy = *line;
+		bool taken = take_head(&copy, name);
+		*line = copy;
+		if (!taken)
+			return false;
+	}
+	line->properties++;
+	return take_values(line, property);
 }
 
 // From the TAB to the newline.
-static bool take_properties(Taking *line)
+HOT bool take_properties(Taking *line)
 {
 	while (line->at[1] != '\n') {
 		if (!take_property(line))
 			return false;
 		if (*line->at == '\n') {
-			line->fields->as_written = false; // the last piece isn't closed
+			line->as_written = false; // the last piece isn't closed
 			return true;
 		}
 	}
@@ -330,41 +380,61 @@ static bool is_reserved(const attrtext_t &name)
 	return same_text(name, reserved[0]) || same_text(name, reserved[1]);
 }
 
-// One identifier, from `begin`. Ends at what closes it.
-static bool take_identifier(Taking *line, const char *begin)
+// The name of an identifier, from `begin`. Ends at the `=`.
+[[gnu::noinline]] static bool take_name(Taking *line, const char *begin)
 {
-	ostrel_fields *fields = line->fields;
-	if (fields->identifier_count == ostrel_fields::identifiers_max)
-		return false;
-	attrdraft_t *identifier = &fields->identifiers[fields->identifier_count];
-	line->advance();
-	while (*line->at == ',')
+	attrdraft_t *identifier = &line->fields->identifiers[line->identifiers];
+	do
 		line->advance();
+	while (*line->at == ',');
 	if (*line->at != '=')
 		return false;
 	identifier->name = text_between(begin, line->at);
+	for (uint_t i = 0; i < line->identifiers; i++)
+		if (same_text(line->fields->identifiers[i].name, identifier->name))
+			return false;
+	identifier->type = DATA_TYPE_STRING;
+	identifier->count = 1;
+	identifier->elements = &line->fields->identifier_values[line->identifiers];
+	line->alike_identifiers = 0;
+	return !is_reserved(identifier->name);
+}
+
+// One identifier, from `begin`. Ends at what closes it.
+HOT bool take_identifier(Taking *line, const char *begin)
+{
+	if (line->identifiers == ostrel_fields::identifiers_max)
+		return false;
+	attrdraft_t *identifier = &line->fields->identifiers[line->identifiers];
+	size_t head = identifier->name.length + 1; // with the `=`
+	if (line->identifiers < line->alike_identifiers && begin_alike(begin, identifier->name.text, head)) {
+		identifier->name.text = begin;
+		do
+			line->advance();
+		while (*line->at == ',');
+	} else {
+		Taking copy = *line;
+		bool taken = take_name(&copy, begin);
+		*line = copy;
+		if (!taken)
+			return false;
+	}
 	const char *value = line->at + 1;
 	do
 		line->advance();
 	while (*line->at == '=' || *line->at == ',');
-	for (uint_t i = 0; i < fields->identifier_count; i++)
-		if (same_text(fields->identifiers[i].name, identifier->name))
-			return false;
-	identifier->type = DATA_TYPE_STRING;
-	identifier->count = 1;
-	identifier->elements = &fields->identifier_values[fields->identifier_count];
-	fields->identifier_values[fields->identifier_count++] = text_between(value, line->at);
-	return !is_reserved(identifier->name);
+	line->fields->identifier_values[line->identifiers++] = text_between(value, line->at);
+	return true;
 }
 
 // From the first byte to the TAB, or to the newline if there is none. False: odd.
-static bool take_identifiers(Taking *line, const char *begin)
+HOT bool take_identifiers(Taking *line, const char *begin)
 {
 	for (;;) {
 		if (!take_identifier(line, begin))
 			return false;
 		if (*line->at != ';') {
-			line->fields->as_written = false; // the last piece isn't closed
+			line->as_written = false; // the last piece isn't closed
 			return *line->at == '\t' || *line->at == '\n';
 		}
 		begin = line->at + 1;
@@ -377,31 +447,36 @@ static bool take_identifiers(Taking *line, const char *begin)
 
 bool ostrel_take_apart(const char *line, StructureCursor *cursor, ostrel_fields *fields, const char **newline)
 {
-	fields->identifier_count = fields->property_count = fields->text_count = fields->number_count = 0;
-	fields->has_escapes = false;
-	fields->as_written = true;
-	fields->begin = line;
 	if (ostrel_line_space(*line) || *line == '#')
 		return false;
-	Taking taking = {*cursor, fields, line};
+	Taking taking = {*cursor, line, fields};
+	fields->forget();
 	if (!take_identifiers(&taking, line))
 		return false;
 	if (*taking.at == '\n')
-		fields->as_written = false; // the writer ends the identifiers with a TAB
+		taking.as_written = false; // the writer ends the identifiers with a TAB
 	else if (!take_properties(&taking))
 		return false;
+	fields->known_identifiers = fields->identifier_count = taking.identifiers;
+	fields->known_properties = fields->property_count = taking.properties;
+	fields->value_count = taking.values;
+	fields->begin = line;
+	fields->has_escapes = taking.has_escapes;
+	fields->as_written = taking.as_written;
 	*newline = taking.at;
 	*cursor = taking.cursor;
 	return true;
 }
 
-bool ostrel_is_as_written(const ostrel_fields &fields)
+bool ostrel_is_as_written(const ostrel_fields &fields, const char *newline)
 {
+	if (!fields.as_written || newline - fields.begin < OSTREL_IDSTR_SIZE)
+		return fields.as_written; // too short for anything in it to be too long
 	const attrtext_t &last = fields.identifier_values[fields.identifier_count - 1];
-	if (!fields.as_written || last.text + last.length + 1 - fields.begin >= OSTREL_IDSTR_SIZE)
+	if (last.text + last.length + 1 - fields.begin >= OSTREL_IDSTR_SIZE)
 		return false;
-	for (uint_t i = 0; i < fields.text_count; i++)
-		if (fields.texts[i].length >= OSTREL_ESCAPED_SIZE)
+	for (uint_t i = 0; i < fields.value_count; i++)
+		if (fields.values[i].length >= OSTREL_ESCAPED_SIZE)
 			return false;
 	return true;
 }
@@ -424,10 +499,49 @@ static void remove_escapes(attrtext_t *text)
 	text->length = static_cast<size_t>(to - text->text);
 }
 
+// Room for the elements of all numbers of a line.
+struct Numbers {
+	int64_t elements[ostrel_fields::values_max];
+	size_t used; // each property takes whole elements
+};
+
+template <typename T>
+static void convert_elements(attrdraft_t *property, Numbers *numbers)
+{
+	const attrtext_t *values = static_cast<const attrtext_t *>(property->elements);
+	T *elements = reinterpret_cast<T *>(numbers->elements + numbers->used);
+	bool words = property->type == DATA_TYPE_BOOLEAN_ARRAY;
+	for (uint_t i = 0; i < property->count; i++)
+		elements[i] = static_cast<T>(words ? *values[i].text == 't' : value_of_number(values[i]));
+	property->elements = elements;
+	numbers->used += property->count;
+}
+
+// Gives a property its elements, in place of their texts.
+static void convert(attrdraft_t *property, bool has_escapes, Numbers *numbers)
+{
+	attrtext_t *values = static_cast<attrtext_t *>(const_cast<void *>(property->elements));
+	switch (property->type) {
+	case DATA_TYPE_STRING_ARRAY:
+		for (uint_t i = 0; has_escapes && i < property->count; i++)
+			remove_escapes(&values[i]);
+		break;
+	case DATA_TYPE_INT64_ARRAY:
+	case DATA_TYPE_UINT64_ARRAY:
+		convert_elements<int64_t>(property, numbers);
+		break;
+	default:
+		convert_elements<int32_t>(property, numbers);
+		break;
+	}
+}
+
 ostrel_error_t ostrel_make_object(ostrel_fields *fields, bool with_props, attrlist_t **object)
 {
-	for (uint_t i = 0; fields->has_escapes && i < fields->text_count; i++)
-		remove_escapes(&fields->texts[i]);
+	Numbers numbers;
+	numbers.used = 0;
+	for (uint_t i = 0; with_props && i < fields->property_count; i++)
+		convert(&fields->properties[i], fields->has_escapes, &numbers);
 	attrdraft_t parts[] = {
 	    {{OSTREL_OBJECT_IDLIST, sizeof(OSTREL_OBJECT_IDLIST) - 1}, DATA_TYPE_ATTRLIST, fields->identifier_count,
 		fields->identifiers},
@@ -439,10 +553,30 @@ ostrel_error_t ostrel_make_object(ostrel_fields *fields, bool with_props, attrli
 
 // ---- Comparing identifiers ----
 
+// Whether the comparison without case, which follows the locale, takes ASCII bytes for equal in their usual pairs only.
+static bool locale_folds_as_usual()
+{
+#ifdef __GLIBC__
+	const int *lower = *__ctype_tolower_loc();
+	int unusual = 0;
+	for (int c = 0; c < 128; c++)
+		unusual |= lower[c] ^ (c + (c >= 'A' && c <= 'Z' ? 0x20 : 0));
+	for (int c = 128; c < 256; c++)
+		unusual |= lower[c] < 128;
+	return unusual == 0;
+#else
+	for (int c = 0; c < 256; c++)
+		if (c < 128 ? tolower(c) != c + (c >= 'A' && c <= 'Z' ? 0x20 : 0) : tolower(c) < 128)
+			return false;
+	return true;
+#endif
+}
+
 bool FieldMatch::prepare(ostrel_db_t db, attrlist_t *idlist, bool exact)
 {
 	exact_ = exact;
 	with_case_ = (ostrel_db_get_flags(db) & OSTREL_DB_CASE_SENSITIVE) != 0;
+	usual_case_ = with_case_ || locale_folds_as_usual();
 	for (attrpair_t *pair = nullptr; (pair = attrlist_next_attrpair(idlist, pair)) != nullptr;) {
 		const char *name = attrpair_name(pair);
 		ostrel_wanted wanted = {{name, strlen(name)}, {nullptr, 0}};
@@ -455,6 +589,12 @@ bool FieldMatch::prepare(ostrel_db_t db, attrlist_t *idlist, bool exact)
 		wanted_[count_++] = wanted;
 	}
 	return true;
+}
+
+// Tells most values apart, without a call: ASCII bytes that differ in more than case, where it is folded as usual.
+bool FieldMatch::ends_differ(char a, char b) const
+{
+	return usual_case_ && ((a | b) & 0x80) == 0 && ((a ^ b) & ~0x20) != 0;
 }
 
 bool FieldMatch::selects(const ostrel_fields &fields) const
@@ -475,6 +615,8 @@ bool FieldMatch::selects(const ostrel_fields &fields) const
 			return false;
 		const char *a = stored.text;
 		const char *b = wanted.value.text;
+		if (stored.length > 0 && ends_differ(a[stored.length - 1], b[stored.length - 1]))
+			return false;
 		if (with_case_ ? memcmp(a, b, stored.length) != 0 : strncasecmp(a, b, stored.length) != 0)
 			return false;
 	}

@@ -13,49 +13,53 @@
 #include "libostrel_blocks.h"
 #include "libostrel_impl.h"
 
-// Where the bytes are that the format gives a meaning: one bit for each byte of a block.
+// Where the bytes are that the format gives a meaning: one bit for each byte of a stretch of text.
 class StructureIndex {
 public:
-	// Indexes the bytes of [begin, end), at most those of a block. Up to OSTREL_BLOCK_SLACK bytes behind are read.
+	static constexpr size_t bytes_max = 16384;
+
+	// Indexes the bytes of [begin, end), bytes_max of them at most. Up to OSTREL_BLOCK_SLACK bytes behind are read.
 	void build(const char *begin, const char *end);
 
 private:
 	friend class StructureCursor;
-	static constexpr size_t bytes_max = OSTREL_BLOCK_SIZE + OSTREL_LINE_MAX + OSTREL_BLOCK_SLACK;
 
 	const char *begin_;
-	uint64_t bits_[bytes_max / 64 + 1];
+	uint64_t bits_[bytes_max / 64];
 };
 
 // Goes from one of these bytes to the next.
 class StructureCursor {
 public:
-	StructureCursor(const StructureIndex &index, const char *at) : begin_(index.begin_), words_(index.bits_)
-	{
-		seek(at);
-	}
+	explicit StructureCursor(const StructureIndex &index) : at_(index.begin_), word_(index.bits_), bits_(*word_) {}
 
-	// The first such byte at `at` or behind it is the next.
-	void seek(const char *at)
-	{
-		size_t distance = static_cast<size_t>(at - begin_);
-		word_ = distance / 64;
-		bits_ = words_[word_] & (~uint64_t{0} << (distance % 64));
-	}
 	// There has to be one.
 	const char *next()
 	{
 		while (bits_ == 0)
-			bits_ = words_[++word_];
-		const char *found = begin_ + word_ * 64 + static_cast<size_t>(__builtin_ctzll(bits_));
+			next_word();
+		const char *found = at_ + __builtin_ctzll(bits_);
 		bits_ &= bits_ - 1;
 		return found;
 	}
+	// Passes over those before `at`; one at `at` or behind it has to be there.
+	void skip_to(const char *at)
+	{
+		while (at - at_ >= 64)
+			next_word();
+		if (at > at_)
+			bits_ &= ~uint64_t{0} << (at - at_);
+	}
 
 private:
-	const char *begin_;
-	const uint64_t *words_;
-	size_t word_;
+	void next_word()
+	{
+		at_ += 64;
+		bits_ = *++word_;
+	}
+
+	const char *at_; // of the first bit
+	const uint64_t *word_;
 	uint64_t bits_;
 };
 
@@ -67,16 +71,22 @@ struct ostrel_fields {
 
 	attrdraft_t identifiers[identifiers_max]; // strings
 	attrtext_t identifier_values[identifiers_max];
-	attrdraft_t properties[properties_max]; // arrays
-	attrtext_t texts[values_max];           // with their backslashes
-	int64_t numbers[values_max];            // packed as the elements of their types
+	attrdraft_t properties[properties_max]; // arrays, whose elements are values
+	attrtext_t values[values_max];          // of all types, as they stand in the line
 	uint_t identifier_count;
 	uint_t property_count;
-	uint_t text_count;
-	uint_t number_count; // each takes 8 bytes of room
-	const char *begin;   // of the object
-	bool has_escapes;    // in texts
-	bool as_written;     // the writer would make the same bytes of it
+	uint_t value_count;
+	const char *begin; // of the object
+	bool has_escapes;  // in values
+	bool as_written;   // the writer would make the same bytes of it
+
+	// What is left of the line before, which the next one is likely to resemble: its first identifiers and properties.
+	uint_t known_identifiers;
+	uint_t known_properties;
+	uint16_t property_heads[properties_max]; // bytes of `name=type`
+
+	// To be called before the text of the line before goes away.
+	void forget() { known_identifiers = known_properties = 0; }
 };
 
 /*
@@ -86,7 +96,7 @@ struct ostrel_fields {
 bool ostrel_take_apart(const char *line, StructureCursor *cursor, ostrel_fields *fields, const char **newline);
 
 // Whether the writer makes the very bytes of the line from its object, and refuses none of them.
-bool ostrel_is_as_written(const ostrel_fields &fields);
+bool ostrel_is_as_written(const ostrel_fields &fields, const char *newline);
 
 // Makes the object. Takes the backslashes out of the texts, where they lie: the line can't be taken apart again.
 ostrel_error_t ostrel_make_object(ostrel_fields *fields, bool with_props, attrlist_t **object);
@@ -109,12 +119,17 @@ public:
 	size_t count() const { return count_; }
 	const ostrel_wanted &wanted(size_t i) const { return wanted_[i]; }
 	bool with_case() const { return with_case_; }
+	// Whether ASCII bytes are equal only if they are the same, or the same letter.
+	bool usual_case() const { return usual_case_; }
 
 private:
+	bool ends_differ(char a, char b) const;
+
 	ostrel_wanted wanted_[ostrel_fields::identifiers_max];
 	size_t count_ = 0;
 	bool exact_ = false;
 	bool with_case_ = false;
+	bool usual_case_ = false;
 };
 
 #endif

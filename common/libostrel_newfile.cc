@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 static constexpr size_t buffer_size = 131072;
+static constexpr size_t small_buffer_size = 8192;
 
 // The directory of a path, open for a sync. A directory that may be written but not read can't be opened: then it is
 // `stand_in`, a file of the same file system, of which all is synced.
@@ -44,7 +45,7 @@ static int refusal(int error)
 	return error == ELOOP || error == ENXIO || error == ENODEV ? EINVAL : error;
 }
 
-ostrel_error_t NewFile::open(ostrel_db_t db, const char *path)
+ostrel_error_t NewFile::open(ostrel_db_t db, const char *path, size_t expected)
 {
 	static constexpr char suffix[] = ".new";
 	size_t length = strlen(path);
@@ -55,7 +56,8 @@ ostrel_error_t NewFile::open(ostrel_db_t db, const char *path)
 	path_ = path;
 	enclave_ = getenclaveid() == 0 ? ostrel_db_get_enclaveid(db) : 0;
 	used_ = 0;
-	buffer_.reset(static_cast<char *>(malloc(buffer_size)));
+	room_ = expected < buffer_size - small_buffer_size ? expected + small_buffer_size : buffer_size;
+	buffer_.reset(static_cast<char *>(malloc(room_)));
 	if (!buffer_)
 		return SETERROR(OSTREL_NO_MEMORY);
 	return open_temporary();
@@ -112,11 +114,11 @@ int NewFile::flush()
 ostrel_error_t NewFile::append(const char *text, size_t length)
 {
 	while (length > 0) {
-		if (used_ == buffer_size) {
+		if (used_ == room_) {
 			if (int error = flush())
 				return SETERRNO(error);
 		}
-		size_t part = length < buffer_size - used_ ? length : buffer_size - used_;
+		size_t part = length < room_ - used_ ? length : room_ - used_;
 		memcpy(buffer_.get() + used_, text, part);
 		used_ += part;
 		text += part;
@@ -128,12 +130,12 @@ ostrel_error_t NewFile::append(const char *text, size_t length)
 ostrel_error_t NewFile::copy(int from, off_t begin, off_t end)
 {
 	while (begin < end) {
-		if (used_ == buffer_size) {
+		if (used_ == room_) {
 			if (int error = flush())
 				return SETERRNO(error);
 		}
 		size_t left = static_cast<size_t>(end - begin);
-		size_t part = left < buffer_size - used_ ? left : buffer_size - used_;
+		size_t part = left < room_ - used_ ? left : room_ - used_;
 		ssize_t got = pread(from, buffer_.get() + used_, part, begin);
 		if (got < 0 && errno == EINTR)
 			continue;

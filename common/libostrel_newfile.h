@@ -19,12 +19,12 @@ public:
 
 	/*
 	 * Opens the temporary file of `path` in the place that `db` names, and empties it. Only a regular file with one
-	 * name is taken for one that an earlier update left.
+	 * name is taken for one that an earlier update left. About `expected` bytes will be written.
 	 * Owns:   `path` is kept as a pointer and has to outlive this.
 	 * Errors: OSTREL_INVALID_ARG  the name is too long, or something else is in the file's place
 	 *         those of the open, mapped
 	 */
-	ostrel_error_t open(ostrel_db_t db, const char *path);
+	ostrel_error_t open(ostrel_db_t db, const char *path, size_t expected);
 
 	// Puts bytes behind those written before. Errors: those of the write, mapped.
 	ostrel_error_t append(const char *text, size_t length);
@@ -50,6 +50,7 @@ private:
 	enclaveid_t enclave_ = 0; // 0: reached by its path in this process
 	Fd fd_;
 	Heap<char> buffer_;
+	size_t room_ = 0;
 	size_t used_ = 0;
 };
 

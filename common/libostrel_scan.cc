@@ -2,7 +2,6 @@
 // the rest is compared.
 #include "libostrel_scan.h"
 
-#include <cctype>
 #include <cstring>
 #ifdef __SSE2__
 #include <emmintrin.h>
@@ -22,25 +21,6 @@ static bool is_letter(char c)
 	return folded(c) >= 'a' && folded(c) <= 'z';
 }
 
-// Whether the comparison without case, which follows the locale, takes ASCII bytes for equal in their usual pairs only.
-static bool locale_folds_as_usual()
-{
-#ifdef __GLIBC__
-	const int *lower = *__ctype_tolower_loc();
-	int unusual = 0;
-	for (int c = 0; c < 128; c++)
-		unusual |= lower[c] ^ (c + (c >= 'A' && c <= 'Z' ? 0x20 : 0));
-	for (int c = 128; c < 256; c++)
-		unusual |= lower[c] < 128;
-	return unusual == 0;
-#else
-	for (int c = 0; c < 256; c++)
-		if (c < 128 ? tolower(c) != folded(static_cast<char>(c)) : tolower(c) < 128)
-			return false;
-	return true;
-#endif
-}
-
 static bool can_be_searched(const attrtext_t &value, bool with_case)
 {
 	if (value.length == 0 || value.length > OSTREL_LINE_MAX)
@@ -54,7 +34,7 @@ static bool can_be_searched(const attrtext_t &value, bool with_case)
 bool CandidateScan::prepare(const FieldMatch &match)
 {
 	with_case_ = match.with_case();
-	if (!with_case_ && !locale_folds_as_usual())
+	if (!match.usual_case())
 		return false;
 	for (size_t i = 0; i < match.count(); i++) {
 		const ostrel_wanted &wanted = match.wanted(i);

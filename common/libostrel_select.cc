@@ -16,9 +16,14 @@ LineSelection::LineSelection(ostrel_db_t db, attrlist_t *idlist, bool exact, Lin
 ostrel_error_t LineSelection::read(int fd)
 {
 	BlockReader reader(fd, LongLines::Drop);
+	return read(&reader);
+}
+
+ostrel_error_t LineSelection::read(BlockReader *reader)
+{
 	for (;;) {
 		ostrel_block block;
-		if (int error = reader.next(&block))
+		if (int error = reader->next(&block))
 			return SETERRNO(error);
 		if (block.begin == block.end)
 			return OSTREL_SUCCESS;
@@ -30,6 +35,7 @@ ostrel_error_t LineSelection::read(int fd)
 ostrel_error_t LineSelection::take(const ostrel_block &block)
 {
 	block_ = block;
+	fields_.forget();
 	return scanning_ ? take_candidates() : take_lines(block.begin, block.end);
 }
 
@@ -59,14 +65,33 @@ ostrel_error_t LineSelection::take_candidates()
 
 ostrel_error_t LineSelection::take_lines(char *begin, char *end)
 {
+	while (begin < end) {
+		char *stop = end;
+		if (end - begin > static_cast<ptrdiff_t>(StructureIndex::bytes_max)) {
+			const void *last = memrchr(begin, '\n', StructureIndex::bytes_max);
+			if (last == nullptr) {
+				begin = newline_of(begin, end) + 1; // much too long a line
+				continue;
+			}
+			stop = static_cast<char *>(const_cast<void *>(last)) + 1;
+		}
+		if (ostrel_error_t bad = take_stretch(begin, stop))
+			return bad;
+		begin = stop;
+	}
+	return OSTREL_SUCCESS;
+}
+
+ostrel_error_t LineSelection::take_stretch(char *begin, char *end)
+{
 	index_.build(begin, end);
-	StructureCursor cursor(index_, begin);
+	StructureCursor cursor(index_);
 	for (char *line = begin; line < end;) {
 		char *object = line;
 		while (*object != '\n' && ostrel_line_space(*object))
 			object++;
 		if (object != line)
-			cursor.seek(object);
+			cursor.skip_to(object);
 		const char *newline = nullptr;
 		bool plain = comparing_ && ostrel_take_apart(object, &cursor, &fields_, &newline);
 		if (!plain)
@@ -74,7 +99,7 @@ ostrel_error_t LineSelection::take_lines(char *begin, char *end)
 		bool whole = block_.size_of(line, newline) <= OSTREL_LINE_MAX;
 		line += newline + 1 - line;
 		if (!plain && line < end)
-			cursor.seek(line);
+			cursor.skip_to(line);
 		if (!whole)
 			continue;
 		ostrel_error_t bad = plain ? take_plain_line(newline) : take_odd_line(object, newline);

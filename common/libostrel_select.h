@@ -31,6 +31,7 @@ public:
 
 	// Reads a file to its end. Errors: those of the file, mapped; OSTREL_NO_MEMORY; those of the sink.
 	ostrel_error_t read(int fd);
+	ostrel_error_t read(BlockReader *reader); // of LongLines::Drop
 	// Goes through the lines of a block.
 	ostrel_error_t take(const ostrel_block &block);
 
@@ -45,6 +46,7 @@ public:
 private:
 	ostrel_error_t take_candidates();
 	ostrel_error_t take_lines(char *begin, char *end);
+	ostrel_error_t take_stretch(char *begin, char *end);
 	ostrel_error_t take_plain_line(const char *newline);
 	ostrel_error_t take_odd_line(const char *line, const char *newline);
 

@@ -57,6 +57,62 @@ private:
 	size_t used_ = 0;
 };
 
+// ---- The old file ----
+
+// The old file: read once to plan, and once more to copy from it, if it isn't so short that it is at hand still.
+class OldFile {
+public:
+	// Only a regular file is replaced, and what else stands at the path is found out before anything waits for it.
+	// A missing file is no failure: exists() tells.
+	ostrel_error_t open(ostrel_db_t db, const char *path)
+	{
+		int error = 0;
+		fd_.reset(ostrel_open_db_file(db, path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, &error));
+		if (!fd_) {
+			ostrel_error_t result = ostrel_errno2error(error);
+			return result == OSTREL_NOT_FOUND ? OSTREL_SUCCESS : SETERROR(result);
+		}
+		if (fstat(fd_.get(), &opened_) != 0)
+			return SETERRNO(errno);
+		if (S_ISREG(opened_.st_mode))
+			return OSTREL_SUCCESS;
+		return SETERRNO(S_ISDIR(opened_.st_mode) ? EISDIR : EINVAL);
+	}
+	void close() { fd_.reset(); }
+	bool exists() const { return static_cast<bool>(fd_); }
+	size_t size() const { return static_cast<size_t>(opened_.st_size); }
+
+	ostrel_error_t read(LineSelection *lines)
+	{
+		reader_.set_file(fd_.get());
+		return lines->read(&reader_);
+	}
+	ostrel_error_t copy(off_t begin, off_t end, NewFile *to) const
+	{
+		if (const char *text = reader_.whole_text())
+			return to->append(text + begin, static_cast<size_t>(end - begin));
+		return to->copy(fd_.get(), begin, end);
+	}
+
+	// Databases are replaced whole. A file that somebody changed in place meanwhile may have been read in two versions.
+	ostrel_error_t check_unchanged() const
+	{
+		if (reader_.whole_text() != nullptr)
+			return OSTREL_SUCCESS;
+		struct stat now;
+		if (fstat(fd_.get(), &now) != 0)
+			return SETERRNO(errno);
+		bool same = now.st_size == opened_.st_size && now.st_mtim.tv_sec == opened_.st_mtim.tv_sec &&
+			    now.st_mtim.tv_nsec == opened_.st_mtim.tv_nsec;
+		return same ? OSTREL_SUCCESS : SETERRNO(EBUSY);
+	}
+
+private:
+	Fd fd_;
+	struct stat opened_ = {};
+	BlockReader reader_{-1, LongLines::Drop};
+};
+
 // ---- The plan of a new file ----
 
 // A stretch of the new file: bytes of the old file, or of the lines that are written anew.
@@ -76,7 +132,7 @@ public:
 			return bad;
 		return add({false, begin, begin + static_cast<off_t>(length)});
 	}
-	ostrel_error_t carry_out(int old_file, NewFile *file) const;
+	ostrel_error_t carry_out(const OldFile &old_file, NewFile *file) const;
 
 private:
 	size_t count() const { return stretches_.size() / sizeof(Stretch); }
@@ -98,11 +154,11 @@ private:
 	Bytes text_;
 };
 
-ostrel_error_t Plan::carry_out(int old_file, NewFile *file) const
+ostrel_error_t Plan::carry_out(const OldFile &old_file, NewFile *file) const
 {
 	for (size_t i = 0; i < count(); i++) {
 		const Stretch &stretch = stretches()[i];
-		ostrel_error_t bad = stretch.copied ? file->copy(old_file, stretch.begin, stretch.end)
+		ostrel_error_t bad = stretch.copied ? old_file.copy(stretch.begin, stretch.end, file)
 						    : file->append(text_.begin() + stretch.begin,
 							  static_cast<size_t>(stretch.end - stretch.begin));
 		if (bad != OSTREL_SUCCESS)
@@ -130,7 +186,7 @@ public:
 		comparing_ = match_.prepare(update.db, update.idlist, true);
 	}
 
-	ostrel_error_t read(int fd) { return lines_.read(fd); }
+	ostrel_error_t read(OldFile *old_file) { return old_file->read(&lines_); }
 	bool matched() const { return matched_; }
 	bool empty() const { return !seen_; }
 	// Whether every line of the new file can be written.
@@ -168,7 +224,8 @@ ostrel_error_t Planner::write(attrlist_t *idlist, attrlist_t *props)
 
 ostrel_error_t Planner::plain_line(ostrel_fields *fields, const char *newline)
 {
-	if (comparing_ && !match_.selects(*fields) && ostrel_is_as_written(*fields) && lines_.has_newline(newline)) {
+	if (comparing_ && !match_.selects(*fields) && ostrel_is_as_written(*fields, newline) &&
+	    lines_.has_newline(newline)) {
 		seen_ = true;
 		return plan_->copy(lines_.offset_of(fields->begin), lines_.offset_of(newline + 1));
 	}
@@ -187,44 +244,6 @@ ostrel_error_t Planner::odd_line(const char *, const char *, attrlist_t *idlist,
 		return write(idlist, update_.props);
 	return OSTREL_SUCCESS;
 }
-
-// The old file, which stays open between the two times that it is read.
-class OldFile {
-public:
-	// Only a regular file is replaced, and what else stands at the path is found out before anything waits for it.
-	// A missing file is no failure: exists() tells.
-	ostrel_error_t open(ostrel_db_t db, const char *path)
-	{
-		int error = 0;
-		fd_.reset(ostrel_open_db_file(db, path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, &error));
-		if (!fd_) {
-			ostrel_error_t result = ostrel_errno2error(error);
-			return result == OSTREL_NOT_FOUND ? OSTREL_SUCCESS : SETERROR(result);
-		}
-		if (fstat(fd_.get(), &opened_) != 0)
-			return SETERRNO(errno);
-		if (S_ISREG(opened_.st_mode))
-			return OSTREL_SUCCESS;
-		return SETERRNO(S_ISDIR(opened_.st_mode) ? EISDIR : EINVAL);
-	}
-	bool exists() const { return static_cast<bool>(fd_); }
-	int fd() const { return fd_.get(); }
-
-	// Databases are replaced whole. A file that somebody changed in place meanwhile may have been read in two versions.
-	ostrel_error_t check_unchanged() const
-	{
-		struct stat now;
-		if (fstat(fd_.get(), &now) != 0)
-			return SETERRNO(errno);
-		bool same = now.st_size == opened_.st_size && now.st_mtim.tv_sec == opened_.st_mtim.tv_sec &&
-			    now.st_mtim.tv_nsec == opened_.st_mtim.tv_nsec;
-		return same ? OSTREL_SUCCESS : SETERRNO(EBUSY);
-	}
-
-private:
-	Fd fd_;
-	struct stat opened_ = {};
-};
 
 static ostrel_error_t write_first_object(ostrel_db_t db, const char *path, attrlist_t *idlist, attrlist_t *props)
 {
@@ -253,7 +272,7 @@ ostrel_error_t ostrel_update_object_in_file(
 	Plan plan;
 	Planner planner(update, &plan);
 	if (old_file.exists()) {
-		if (ostrel_error_t bad = planner.read(old_file.fd()))
+		if (ostrel_error_t bad = planner.read(&old_file))
 			return bad;
 	}
 	if (!planner.matched() && !write)
@@ -266,14 +285,16 @@ ostrel_error_t ostrel_update_object_in_file(
 	}
 
 	NewFile new_file;
-	if (ostrel_error_t bad = new_file.open(db, path))
+	if (ostrel_error_t bad = new_file.open(db, path, old_file.size()))
 		return bad;
 	if (!planner.writable())
 		return SETERROR(OSTREL_INVALID_ARG);
-	if (ostrel_error_t bad = plan.carry_out(old_file.fd(), &new_file))
+	if (ostrel_error_t bad = plan.carry_out(old_file, &new_file))
 		return bad;
 	if (ostrel_error_t bad = old_file.check_unchanged())
 		return bad;
+	// A file that is still open when the new one takes its place costs the file system an orphan to look after.
+	old_file.close();
 	return new_file.commit();
 }
 
@@ -292,7 +313,7 @@ static ostrel_error_t write_object(NewFile *file, attrlist_t *object)
 ostrel_error_t ostrel_write_objects_to_file(ostrel_db_t db, const char *dbname, attrlist_t **objs, uint_t nobjs)
 {
 	NewFile file;
-	if (ostrel_error_t bad = file.open(db, dbname))
+	if (ostrel_error_t bad = file.open(db, dbname, 0))
 		return bad;
 	for (uint_t i = 0; i < nobjs; i++) {
 		if (objs[i] == nullptr)
