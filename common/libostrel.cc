@@ -120,8 +120,21 @@ static constexpr struct ostrel_db_cmds rawfiles_db_cmds = {
     .dbc_auth = nullptr,
 };
 
+// No audit records here: the server's back end makes them.
+static constexpr struct ostrel_db_cmds hatches_db_cmds = {
+    .dbc_open = ostrel_hatch_db_open,
+    .dbc_close = ostrel_hatch_db_close,
+    .dbc_read = ostrel_read_objects_from_hatch,
+    .dbc_write = ostrel_write_object_to_hatch,
+    .dbc_rename = ostrel_rename_object_in_hatch,
+    .dbc_remove = ostrel_remove_object_from_hatch,
+    .dbc_audit = nullptr,
+    .dbc_auth = ostrel_hatch_check_auth,
+};
+
 ostrel_db_cmds_t ostrel_files_db_cmds = &files_db_cmds;
 ostrel_db_cmds_t ostrel_rawfiles_db_cmds = &rawfiles_db_cmds;
+ostrel_db_cmds_t ostrel_hatches_db_cmds = &hatches_db_cmds;
 
 // ---- The handle ----
 

@@ -109,6 +109,20 @@ extern ostrel_db_cmds_t ostrel_files_db_cmds;
 extern ostrel_db_cmds_t ostrel_rawfiles_db_cmds;
 
 /*
+ * A database of another process, which serves it with ostrel_hatchserver_create(). The database's name is the path of
+ * the server's hatch. Each operation is one call of it, carried out there by the rights of the calling thread's real
+ * user, and gives the server's result. The open fails if nothing is at the path. A server that was restarted is found
+ * again by the next operation.
+ *
+ * Takes all operations that the served database takes, with these results of its own:
+ *          OSTREL_EPERM        the user doesn't hold the right, or the list names another file
+ *          OSTREL_FAILURE      there is no server: a plain file, or the server went before or during the call (an
+ *                              update may then have been carried out); a signal handler that doesn't restart calls
+ *          OSTREL_NOT_FOUND    also: nothing is at the path any more
+ */
+extern ostrel_db_cmds_t ostrel_hatches_db_cmds;
+
+/*
  * Called by ostrel_db_walk() for one object: with the handle, the object's identifiers and properties, the flags as the
  * walk's caller gave them, and the walk's `arg`. Anything but 0 halts the walk.
  *
@@ -495,6 +509,44 @@ int ostrel_valdescs_count(const ostrel_valdesc_t *vals);
  * Limits:  paths of 1023 bytes, old and new; an entry beyond is left where it is, with a message
  */
 void ostrel_make_files_obsolete(const char *dir, const char *pattern);
+
+/* ---- Serving a database ---- */
+
+#define OSTREL_AUTH_MAX 1023 /* bytes of an authorization's name, without its terminator */
+
+/*
+ * Serves an open database to other processes, which open `path` with ostrel_hatches_db_cmds. A caller needs the right
+ * `read_auth` to read and `write_auth` to update (see chkrightattr_peercred()); NULL or an empty name lets everybody.
+ * A database in a file can't be made to touch another one. Whoever may update may also remove the whole database.
+ *
+ * The directory of the path is made if it isn't there, and gets mode 0755 and the owner 16:65 in any case; the file gets
+ * mode 0644, and may be left over from an earlier server, even one that lives: its clients come here then. A path
+ * without a directory means the current one.
+ *
+ * Owns:    *hatch_fd is the server; end it with ostrel_hatchserver_destroy(). Untouched on failure. The texts are
+ *          copied. `db` stays the caller's, and open until then; a handle has one server at a time.
+ * Errors:  OSTREL_INVALID_ARG  an argument but the rights is NULL or empty, the database's name is empty; or what is at
+ *                              the path isn't a regular file with one name
+ *          OSTREL_EPERM        the directory's owner can't be changed: serving needs privilege
+ *          OSTREL_FAILURE      the file holds something that is no hatch
+ *          OSTREL_NO_MEMORY
+ *          what the file system says about the path
+ *          `db` has the new rights also after a failure.
+ * Threads: one for each handle. Calls are served on threads of the platform's, up to HATCH_THREADS_MAX at once.
+ * Limits:  OSTREL_AUTH_MAX: a longer name is cut there. The directory is that of the first 1023 bytes of the path.
+ */
+ostrel_error_t ostrel_hatchserver_create(
+    const char *path, const char *read_auth, const char *write_auth, ostrel_db_t db, int *hatch_fd);
+
+/*
+ * Ends a server: its clients' calls fail from now on, those that run have ended when this returns, and the file is
+ * gone. With a hatch_fd of -1 it removes the file only.
+ *
+ * Owns:    takes hatch_fd back. The database stays open.
+ * Errors:  none can be reported.
+ * Threads: any, once.
+ */
+void ostrel_hatchserver_destroy(const char *path, int hatch_fd);
 
 /* ---- Log ---- */
 

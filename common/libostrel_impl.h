@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <meridon/peercred.h>
+
 #include "base/thread_safety.h"
 #include "libostrel.h"
 
@@ -122,6 +124,12 @@ void ostrel_db_unlock(ostrel_db_t db) RELEASE_GENERIC(db->db_lock);
 void ostrel_db_lock_priv(ostrel_db_t db) ACQUIRE(db->db_privlock);
 void ostrel_db_unlock_priv(ostrel_db_t db) RELEASE(db->db_privlock);
 
+// Whether the caller with this credential may read, or update, by the authorization text of the handle; a NULL handle
+// and an empty text are open to everybody. Errors: OSTREL_EPERM  no, or an unknown user; what the user database failed
+// with
+ostrel_error_t ostrel_db_check_read_auth(ostrel_db_t db, const peercred_t *cred);
+ostrel_error_t ostrel_db_check_write_auth(ostrel_db_t db, const peercred_t *cred);
+
 // For the analysis: what takes the handle's lock isn't called by who holds it, since the lock isn't recursive.
 extern "C" {
 ostrel_error_t ostrel_db_read(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t **objl) EXCLUDES(db->db_lock);
@@ -214,6 +222,15 @@ ostrel_writecmd_t ostrel_write_object_to_file;
 ostrel_renamecmd_t ostrel_rename_object_in_file;
 ostrel_removecmd_t ostrel_remove_object_from_file;
 ostrel_visitcmd_t ostrel_visit_objects_of_file;
+
+// Hatches: as above, in libostrel_hatches.cc
+ostrel_opencmd_t ostrel_hatch_db_open;
+ostrel_closecmd_t ostrel_hatch_db_close;
+ostrel_readcmd_t ostrel_read_objects_from_hatch;
+ostrel_writecmd_t ostrel_write_object_to_hatch;
+ostrel_renamecmd_t ostrel_rename_object_in_hatch;
+ostrel_removecmd_t ostrel_remove_object_from_hatch;
+ostrel_authcmd_t ostrel_hatch_check_auth;
 
 // File operations in another enclave, in errno values
 int ostrel_zopen(const char *path, int oflag, mode_t mode, enclaveid_t enclave, int *err);

@@ -1,0 +1,277 @@
+// The hatch server: a database of this process, served to others. In this order: a request carried out; the handler,
+// which sends the answer; the server made and destroyed.
+#include "libostrel_hatches.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <libgen.h>
+#include <sys/stat.h>
+
+#include "base/guards.h"
+
+namespace {
+
+// ---- A request ----
+
+struct Request {
+	ostrel_db_t db;
+	uint64_t flags;
+	AttrList data;
+	AttrList reply;
+	AttrList ids;
+	Handle<peercred_t, peercred_free> cred;
+};
+
+ostrel_error_t read_objects(Request &request)
+{
+	if (request.db->db_cmds->dbc_read == nullptr)
+		return OSTREL_INVALID_ARG;
+	Objects objs;
+	ostrel_error_t result =
+	    request.db->db_cmds->dbc_read(request.db, request.ids.get(), request.flags, objs.out(), objs.out_count());
+	if (result != OSTREL_SUCCESS) {
+		objs.forget();
+		return result;
+	}
+	return ostrel_object_list_create(objs.count() > 0 ? &objs[0] : nullptr, objs.count(), request.reply.out());
+}
+
+ostrel_error_t write_object(Request &request)
+{
+	return ostrel_db_write(request.db, request.ids.get(), request.flags, request.data.get());
+}
+
+ostrel_error_t rename_object(Request &request)
+{
+	return ostrel_db_rename(request.db, request.ids.get(), request.flags, request.data.get());
+}
+
+ostrel_error_t remove_object(Request &request)
+{
+	return ostrel_db_remove(request.db, request.ids.get(), request.flags);
+}
+
+// The commands: whom they are for, and what they do. One that does nothing asks for the authorization alone.
+constexpr struct Command {
+	ostrel_hatch_cmd_t cmd;
+	ostrel_error_t (*check)(ostrel_db_t db, const peercred_t *cred);
+	ostrel_error_t (*run)(Request &request);
+} commands[] = {
+    {OSTREL_HATCH_CMD_READ_REQ, ostrel_db_check_read_auth, read_objects},
+    {OSTREL_HATCH_CMD_WRITE_REQ, ostrel_db_check_write_auth, write_object},
+    {OSTREL_HATCH_CMD_RENAME_REQ, ostrel_db_check_write_auth, rename_object},
+    {OSTREL_HATCH_CMD_REMOVE_REQ, ostrel_db_check_write_auth, remove_object},
+    {OSTREL_HATCH_CMD_CHECK_READ_AUTH_REQ, ostrel_db_check_read_auth, nullptr},
+    {OSTREL_HATCH_CMD_CHECK_WRITE_AUTH_REQ, ostrel_db_check_write_auth, nullptr},
+};
+
+const Command *find_command(ostrel_hatch_cmd_t cmd)
+{
+	for (const Command &command : commands) {
+		if (command.cmd == cmd)
+			return &command;
+	}
+	return nullptr;
+}
+
+// The file back ends go to the file that the identifiers name. A caller from outside would have any file of the server's
+// that way, by the rights that it has on this one.
+bool names_another_file(const Request &request)
+{
+	char *name;
+	const ostrel_db_cmds_t cmds = ostrel_db_get_cmds(request.db);
+	return (cmds == ostrel_files_db_cmds || cmds == ostrel_rawfiles_db_cmds) &&
+	       ostrel_idlist_get_db_name(request.ids.get(), &name) == OSTREL_SUCCESS &&
+	       strcmp(name, ostrel_db_get_name(request.db)) != 0;
+}
+
+ostrel_error_t carry_out(ostrel_hatch_cmd_t cmd, Request &request)
+{
+	const Command *command = find_command(cmd);
+	if (command == nullptr)
+		return OSTREL_INVALID_ARG;
+	if (ostrel_error_t result = command->check(request.db, request.cred.get()))
+		return result;
+	if (command->run == nullptr)
+		return OSTREL_SUCCESS;
+	return names_another_file(request) ? OSTREL_EPERM : command->run(request);
+}
+
+// The bytes are the client's: nothing is believed before the lengths are seen to add up.
+bool is_request(const ostrel_hatch_arg_t *head, size_t size)
+{
+	size_t said;
+	return size >= sizeof(*head) && ostrel_hatch_block_size(head, &said) && said == size;
+}
+
+ostrel_error_t serve(ostrel_db_t db, const ostrel_hatch_arg_t *arg, size_t size, Request &request)
+{
+	if (ostrel_db_get_cmds(db) == nullptr || !is_request(arg, size))
+		return OSTREL_INVALID_ARG;
+	if (hatch_peercred(request.cred.out()) == -1)
+		return ostrel_errno2error(errno);
+	if (ostrel_error_t result = ostrel_read_lists_from_hatch_arg(arg, request.ids.out(), request.data.out()))
+		return result;
+	request.db = db;
+	request.flags = arg->nda_flags;
+	return carry_out(arg->nda_cmd, request);
+}
+
+// ---- The answer ----
+
+// A plain value: hatch_return() leaves the handler by a jump, past all destructors.
+struct Answer {
+	ostrel_hatch_arg_t head;
+	char *packed; // nda_datalen bytes, or NULL
+};
+
+// What the reply has of its request: as much as there is of it.
+ostrel_hatch_arg_t echo_of(const ostrel_hatch_arg_t *arg, size_t size)
+{
+	ostrel_hatch_arg_t head = {};
+	if (size >= sizeof(head.nda_cmd))
+		head.nda_cmd = arg->nda_cmd;
+	if (size >= sizeof(head))
+		head.nda_flags = arg->nda_flags;
+	return head;
+}
+
+// Does all of a request but to send its answer. Nothing is left when it returns but the packed list.
+__attribute__((noinline)) void make_answer(ostrel_db_t db, const ostrel_hatch_arg_t *arg, size_t size, Answer *answer)
+{
+	Request request = {};
+	*answer = {echo_of(arg, size), nullptr};
+	answer->head.nda_result = serve(db, arg, size, request);
+	if (answer->head.nda_result != OSTREL_SUCCESS || !request.reply)
+		return;
+	size_t packed = 0;
+	int error = attrlist_pack(request.reply.get(), &answer->packed, &packed, ATL_ENCODE_XDR, 0);
+	answer->head.nda_result = ostrel_errno2error(error);
+	answer->head.nda_datalen = error == 0 ? packed : 0;
+}
+
+// Answers that don't fit on a handler's stack, with room for what it calls, go through memory of the thread's.
+constexpr size_t stack_max = 65536;
+constexpr size_t stack_alignment_bits = 16 * 8;
+
+} // namespace
+
+void ostrel_hatch_handler(void *cookie, char *arg, size_t arg_size, hatch_desc_t *, unsigned int)
+{
+	Answer answer;
+	make_answer(static_cast<ostrel_db_t>(cookie), reinterpret_cast<ostrel_hatch_arg_t *>(arg), arg_size, &answer);
+	size_t size = sizeof(answer.head) + answer.head.nda_datalen;
+	void *block =
+	    size <= stack_max ? __builtin_alloca_with_align(size, stack_alignment_bits) : hatch_reply_memory(size);
+	if (block == nullptr) {
+		answer.head.nda_result = OSTREL_NO_MEMORY;
+		answer.head.nda_datalen = 0;
+		size = sizeof(answer.head);
+		block = &answer.head;
+	} else {
+		memcpy(block, &answer.head, sizeof(answer.head));
+	}
+	if (answer.head.nda_datalen > 0)
+		memcpy(static_cast<char *>(block) + sizeof(answer.head), answer.packed, answer.head.nda_datalen);
+	free(answer.packed);
+	(void) hatch_return(static_cast<char *>(block), size, nullptr, 0); // on success it doesn't come back
+}
+
+// ---- The server ----
+
+namespace {
+
+// The place of hatches: its mode, and the user and group that own it.
+constexpr mode_t directory_mode = 0755;
+constexpr uid_t directory_owner = 16;
+constexpr gid_t directory_group = 65;
+constexpr mode_t file_mode_first = 0444;
+constexpr mode_t file_mode = 0644;
+constexpr size_t path_max = 1023; // the copy that the directory is taken from is cut there
+constexpr size_t request_min = sizeof(ostrel_hatch_cmd_t);
+
+ostrel_error_t prepare_directory(const char *path)
+{
+	char copy[path_max + 1];
+	const size_t length = strnlen(path, path_max);
+	memcpy(copy, path, length);
+	copy[length] = '\0';
+	const char *directory = dirname(copy);
+	if (directory == nullptr)
+		return OSTREL_INVALID_ARG;
+	struct stat st;
+	if (stat(directory, &st) == -1 && mkdir(directory, directory_mode) == -1)
+		return ostrel_errno2error(errno);
+	if (chmod(directory, directory_mode) == -1 || chown(directory, directory_owner, directory_group) == -1)
+		return ostrel_errno2error(errno);
+	return OSTREL_SUCCESS;
+}
+
+// The file only has to be there, as a place to attach to. One that was there belongs to who owns the directory: through
+// a link, or a second name, its mode would be changed for some other file.
+ostrel_error_t prepare_file(const char *path)
+{
+	constexpr int flags = O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
+	struct stat st;
+	Fd file(open(path, O_RDWR | O_CREAT | O_EXCL | flags, file_mode_first));
+	if (!file && errno == EEXIST)
+		file.reset(open(path, O_RDONLY | flags));
+	if (!file || fstat(file.get(), &st) == -1)
+		return ostrel_errno2error(errno);
+	if (!S_ISREG(st.st_mode) || st.st_nlink != 1)
+		return OSTREL_INVALID_ARG;
+	return fchmod(file.get(), file_mode) == -1 ? ostrel_errno2error(errno) : OSTREL_SUCCESS;
+}
+
+// A hatch that is revoked, unless it was handed over.
+class NewHatch {
+public:
+	explicit NewHatch(int fd) : fd_(fd) {}
+	NewHatch(const NewHatch &) = delete;
+	NewHatch &operator=(const NewHatch &) = delete;
+	~NewHatch()
+	{
+		if (fd_ != -1)
+			(void) hatch_revoke(fd_); // it is one
+	}
+	int get() const { return fd_; }
+	int release() { return std::exchange(fd_, -1); }
+
+private:
+	int fd_;
+};
+
+} // namespace
+
+ostrel_error_t ostrel_hatchserver_create(
+    const char *path, const char *read_auth, const char *write_auth, ostrel_db_t db, int *hatch_fd)
+{
+	if (db == nullptr || *ostrel_db_get_name(db) == '\0' || hatch_fd == nullptr)
+		return OSTREL_INVALID_ARG;
+	ostrel_db_set_read_auth(db, read_auth);
+	ostrel_db_set_write_auth(db, write_auth);
+	if (path == nullptr || *path == '\0') // the current directory would be made the place of hatches
+		return OSTREL_INVALID_ARG;
+	if (ostrel_error_t result = prepare_directory(path))
+		return result;
+	if (ostrel_error_t result = prepare_file(path))
+		return result;
+
+	NewHatch hatch(hatch_create(ostrel_hatch_handler, db, HATCH_REFUSE_DESC));
+	if (hatch.get() == -1 || hatch_setparam(hatch.get(), HATCH_PARAM_DATA_MIN, request_min) == -1)
+		return ostrel_errno2error(errno);
+	(void) fdetach(path); // what an older or dead server left there; there may be nothing
+	if (fattach(hatch.get(), path) == -1)
+		return ostrel_errno2error(errno);
+	*hatch_fd = hatch.release();
+	return OSTREL_SUCCESS;
+}
+
+void ostrel_hatchserver_destroy(const char *path, int hatch_fd)
+{
+	if (hatch_fd != -1)
+		(void) hatch_revoke(hatch_fd);
+	if (path != nullptr)
+		(void) unlink(path);
+}

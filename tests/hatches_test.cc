@@ -1,0 +1,353 @@
+// The hatch back end: databases of other processes, servers that come and go, and answers that no server should give.
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <thread>
+#include <vector>
+
+#include "alloc_fault.h"
+#include "served_db.h"
+
+namespace {
+
+class HatchDatabase : public testing::Test {
+protected:
+	void SetUp() override { SKIP_WITHOUT_ROOT(); }
+
+	ServedFile file_;
+};
+
+ostrel_error_t write(const Database &db, const std::string &ids, const std::string &props)
+{
+	return ostrel_db_write(db.get(), idl_of(ids).get(), 0, props_of(props).get());
+}
+
+// What a read gives: the result, or "identifiers|properties".
+std::string read(const Database &db, const std::string &ids)
+{
+	AttrList idl = idl_of(ids);
+	AttrList props;
+	ostrel_error_t result = ostrel_db_read(db.get(), idl.get(), 0, props.out());
+	return result == OSTREL_SUCCESS ? text_of(idl.get()) + "|" + text_of(props.get())
+					: std::string("? ") + ostrel_strerror(result);
+}
+
+int note(ostrel_db_t, attrlist_t *idl, attrlist_t *props, uint64_t, void *arg)
+{
+	*static_cast<std::string *>(arg) += text_of(idl) + "|" + text_of(props) + " ";
+	return 0;
+}
+
+std::string walk(const Database &db, attrlist_t *idl)
+{
+	std::string seen;
+	ostrel_error_t result = ostrel_db_walk(db.get(), idl, 0, note, nullptr, &seen, nullptr);
+	return result == OSTREL_SUCCESS ? seen : std::string("? ") + ostrel_strerror(result);
+}
+
+TEST_F(HatchDatabase, EveryOperationReachesTheServersFile)
+{
+	file_.write("a=1;b=x;\tp=string,one;\na=2;b=x;\tp=string,two;\n");
+	Process server = serve_file(file_);
+	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
+	EXPECT_EQ(read(db, "b=X;a=1"), "a=1;b=x;|p=one;") << "with the stored spelling";
+	EXPECT_EQ(read(db, "a=1"), "? object not found") << "a read selects exactly";
+	EXPECT_EQ(walk(db, nullptr), "a=1;b=x;|p=one; a=2;b=x;|p=two; ");
+	EXPECT_EQ(walk(db, idl_of("a=2").get()), "a=2;b=x;|p=two; ");
+	EXPECT_EQ(walk(db, idl_of("a=3").get()), "");
+
+	EXPECT_EQ(write(db, "a=3", "p=three"), OSTREL_SUCCESS);
+	EXPECT_EQ(write(db, "a=1;b=x", "q=new"), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_rename(db.get(), idl_of("a=3").get(), 0, idl_of("a=4;c=y").get()), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_remove(db.get(), idl_of("a=2;b=x").get(), 0), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_remove(db.get(), idl_of("a=2;b=x").get(), 0), OSTREL_NOT_FOUND);
+	EXPECT_EQ(file_.text(), "a=1;b=x;\tq=string,new;\na=4;c=y;\tp=string,three;\n");
+	EXPECT_EQ(ostrel_db_check_auth(db.get(), B_FALSE), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_check_auth(db.get(), B_TRUE), OSTREL_SUCCESS);
+
+	EXPECT_EQ(ostrel_db_remove(db.get(), nullptr, 0), OSTREL_SUCCESS);
+	EXPECT_FALSE(file_.scratch.has("db"));
+}
+
+TEST_F(HatchDatabase, ResultsOfTheServedDatabaseComeBackUnchanged)
+{
+	file_.write("a=1;\tp=string,x;\na=1;\tp=string,y;\n");
+	Process server = serve_file(file_);
+	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
+	EXPECT_EQ(read(db, "a=1"), "? invalid argument") << "two objects match";
+	EXPECT_EQ(write(db, "a=tab\there", "p=x"), OSTREL_INVALID_ARG);
+	EXPECT_EQ(ostrel_db_rename(db.get(), idl_of("a=9").get(), 0, idl_of("a=8").get()), OSTREL_NOT_FOUND);
+	EXPECT_EQ(unlink(file_.path.c_str()), 0);
+	EXPECT_EQ(read(db, "a=1"), "? object not found");
+}
+
+TEST_F(HatchDatabase, CaseIsComparedAsTheServersHandleSays)
+{
+	file_.write("a=x;\tp=string,x;\n");
+	Process server = serve_file(file_);
+	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds, OSTREL_DB_CASE_SENSITIVE);
+	EXPECT_EQ(read(db, "a=X"), "a=x;|p=x;");
+}
+
+TEST_F(HatchDatabase, ManyThreadsShareAHandle)
+{
+	constexpr int threads_count = 8;
+	Process server = serve_file(file_);
+	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
+	ASSERT_EQ(write(db, "a=first", "p=x"), OSTREL_SUCCESS);
+	std::atomic<int> wrong = 0;
+	std::vector<std::thread> threads;
+	for (int t = 0; t < threads_count; t++) {
+		threads.emplace_back([&, t] {
+			const std::string ids = "a=" + std::to_string(t);
+			for (int i = 0; i < 10; i++) {
+				const std::string value = "p=" + std::to_string(i);
+				wrong += write(db, ids, value) != OSTREL_SUCCESS;
+				wrong += read(db, ids) != ids + ";|" + value + ";";
+			}
+		});
+	}
+	for (std::thread &thread : threads)
+		thread.join();
+	EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(HatchDatabase, AKilledServerFailsCallsAtOnceAndTheNextOneIsFoundByTheFirstCall)
+{
+	file_.write("a=1;\tp=string,one;\n");
+	Process server = serve_file(file_);
+	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
+	for (int round = 0; round < 3; round++) {
+		EXPECT_EQ(read(db, "a=1"), "a=1;|p=one;");
+		const int before = open_descriptors();
+		server.kill();
+		EXPECT_EQ(read(db, "a=1"), "? failure");
+		EXPECT_EQ(write(db, "a=1", "p=two"), OSTREL_FAILURE);
+		server = serve_file(file_);
+		EXPECT_EQ(read(db, "a=1"), "a=1;|p=one;");
+		EXPECT_EQ(open_descriptors(), before);
+	}
+}
+
+TEST_F(HatchDatabase, AServerThatEndsInOrderTakesItsPathWithIt)
+{
+	file_.write("a=1;\tp=string,one;\n");
+	LocalServer server(file_);
+	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
+	EXPECT_EQ(read(db, "a=1"), "a=1;|p=one;");
+	const int before = open_descriptors();
+	server.stop();
+	EXPECT_EQ(ostrel_db_check_auth(db.get(), B_TRUE), OSTREL_NOT_FOUND);
+	EXPECT_EQ(ostrel_db_check_auth(db.get(), B_TRUE), OSTREL_NOT_FOUND) << "it stays broken, and goes on trying";
+	EXPECT_LT(open_descriptors(), before);
+	ASSERT_EQ(symlink("db", file_.hatch.c_str()), 0); // to itself: ELOOP has no result of its own
+	EXPECT_EQ(ostrel_db_check_auth(db.get(), B_TRUE), OSTREL_INVALID_ARG);
+	ASSERT_EQ(unlink(file_.hatch.c_str()), 0);
+	LocalServer again(file_);
+	EXPECT_EQ(read(db, "a=1"), "a=1;|p=one;");
+}
+
+TEST_F(HatchDatabase, OpensOnlyAPathThatIsThere)
+{
+	ostrel_db_t db = nullptr;
+	const int before = open_descriptors();
+	EXPECT_EQ(ostrel_db_open(file_.hatch.c_str(), 0, ostrel_hatches_db_cmds, 0, &db), OSTREL_NOT_FOUND);
+	EXPECT_EQ(ostrel_db_open("", 0, ostrel_hatches_db_cmds, 0, &db), OSTREL_NOT_FOUND);
+	EXPECT_EQ(db, nullptr);
+	EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(HatchDatabase, WhatIsNoHatchIsFoundOutByTheFirstCall)
+{
+	file_.write("a=1;\tp=string,one;\n");
+	ASSERT_EQ(mkfifo(file_.scratch.path("fifo").c_str(), 0644), 0);
+	for (const std::string &path : {file_.path, file_.scratch.path("fifo"), file_.scratch.directory()}) {
+		const int before = open_descriptors();
+		{
+			Database db = open_database(path, ostrel_hatches_db_cmds);
+			for (int i = 0; i < 3; i++)
+				EXPECT_EQ(read(db, "a=1"), "? failure") << path;
+			EXPECT_EQ(open_descriptors(), before + 1) << path;
+		}
+		EXPECT_EQ(open_descriptors(), before) << path;
+	}
+	EXPECT_EQ(file_.text(), "a=1;\tp=string,one;\n");
+}
+
+TEST_F(HatchDatabase, CyclesLeaveNoDescriptorBehind)
+{
+	file_.write("a=1;\tp=string,one;\n");
+	Process server = serve_file(file_);
+	auto cycle = [&] { return read(open_database(file_.hatch, ostrel_hatches_db_cmds), "a=1") == "a=1;|p=one;"; };
+	ASSERT_TRUE(cycle());
+	const int before = open_descriptors();
+	for (int i = 0; i < (sanitized ? 100 : 1000); i++)
+		ASSERT_TRUE(cycle());
+	EXPECT_EQ(open_descriptors(), before);
+}
+
+// ---- What goes out, and what may come back ----
+
+// A server of the test's own: keeps the last request, and answers with the same bytes each time.
+struct Canned {
+	std::string request;
+	int calls = 0;
+	std::string reply;
+};
+
+void answer_canned(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
+{
+	auto *canned = static_cast<Canned *>(cookie);
+	canned->request.assign(arg, size);
+	canned->calls++;
+	hatch_return(canned->reply.data(), canned->reply.size(), nullptr, 0);
+}
+
+class HatchBlocks : public testing::Test {
+protected:
+	Scratch scratch_;
+	Canned canned_;
+	LocalHatch hatch_{scratch_.path("hatch"), answer_canned, &canned_};
+	Database db_ = open_database(scratch_.path("hatch"), ostrel_hatches_db_cmds, OSTREL_FLAG_TEMPORARY);
+};
+
+void expect_request(const Canned &canned, Block block, uint64_t flags, enclaveid_t enclave = 0)
+{
+	block.head.nda_flags = flags;
+	block.head.nda_enclaveid = enclave;
+	EXPECT_TRUE(canned.request == block.bytes()) << "command " << block.head.nda_cmd;
+}
+
+TEST_F(HatchBlocks, EachOperationSendsItsBlock)
+{
+	// An identifier list of every length up to a word, so that the data list begins everywhere.
+	for (size_t length = 0; length < 8; length++) {
+		AttrList idl = idl_of("key=" + std::string(length, 'v'));
+		AttrList other = idl_of("a=new");
+		AttrList props = props_of("p=x");
+		const std::string ids = packed(idl.get());
+		EXPECT_EQ(ostrel_db_write(db_.get(), idl.get(), 0x10, props.get()), OSTREL_SUCCESS);
+		expect_request(canned_, Block(OSTREL_HATCH_CMD_WRITE_REQ, ids, packed(props.get())), 0x10);
+		EXPECT_EQ(ostrel_db_rename(db_.get(), idl.get(), 0x20, other.get()), OSTREL_SUCCESS);
+		expect_request(canned_, Block(OSTREL_HATCH_CMD_RENAME_REQ, ids, packed(other.get())), 0x20);
+		EXPECT_EQ(ostrel_db_remove(db_.get(), idl.get(), 0x40), OSTREL_SUCCESS);
+		expect_request(canned_, Block(OSTREL_HATCH_CMD_REMOVE_REQ, ids), 0x40);
+		// No list of objects comes back, which a read can't do without.
+		EXPECT_EQ(ostrel_db_read(db_.get(), idl.get(), 0x80, nullptr), OSTREL_INVALID_ARG);
+		expect_request(canned_, Block(OSTREL_HATCH_CMD_READ_REQ, ids), 0x80 | 0x4 | 0x3);
+		EXPECT_EQ(
+		    ostrel_db_walk(db_.get(), idl.get(), 0x80, note, nullptr, nullptr, nullptr), OSTREL_INVALID_ARG);
+		expect_request(canned_, Block(OSTREL_HATCH_CMD_READ_REQ, ids), 0x80 | 0x2);
+	}
+	EXPECT_EQ(ostrel_db_remove(db_.get(), nullptr, 0), OSTREL_SUCCESS);
+	expect_request(canned_, Block(OSTREL_HATCH_CMD_REMOVE_REQ), 0);
+	EXPECT_EQ(ostrel_db_check_auth(db_.get(), B_FALSE), OSTREL_SUCCESS);
+	expect_request(canned_, Block(OSTREL_HATCH_CMD_CHECK_READ_AUTH_REQ), 0);
+	EXPECT_EQ(ostrel_db_check_auth(db_.get(), B_TRUE), OSTREL_SUCCESS);
+	expect_request(canned_, Block(OSTREL_HATCH_CMD_CHECK_WRITE_AUTH_REQ), 0);
+	ostrel_db_t elsewhere = nullptr;
+	ASSERT_EQ(
+	    ostrel_db_open(scratch_.path("hatch").c_str(), -7, ostrel_hatches_db_cmds, 0, &elsewhere), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_check_auth(elsewhere, B_TRUE), OSTREL_SUCCESS);
+	expect_request(canned_, Block(OSTREL_HATCH_CMD_CHECK_WRITE_AUTH_REQ), 0, -7);
+	ostrel_db_close(elsewhere);
+}
+
+TEST_F(HatchBlocks, AnUpdateWithoutItsListIsNotSent)
+{
+	EXPECT_EQ(ostrel_db_write(db_.get(), idl_of("a=1").get(), 0, nullptr), OSTREL_INVALID_ARG);
+	EXPECT_EQ(ostrel_db_rename(db_.get(), idl_of("a=1").get(), 0, nullptr), OSTREL_INVALID_ARG);
+	EXPECT_EQ(canned_.calls, 0);
+}
+
+std::string reply_of(ostrel_error_t result, uint64_t idlen, uint64_t datalen, const std::string &lists)
+{
+	Block block(OSTREL_HATCH_CMD_READ_REQ);
+	block.head.nda_result = result;
+	block.head.nda_idlen = idlen;
+	block.head.nda_datalen = datalen;
+	block.lists = lists;
+	return block.bytes();
+}
+
+TEST_F(HatchBlocks, AReplyIsBelievedNoFurtherThanItReaches)
+{
+	AttrList object = object_of("a=1", "p=x");
+	attrlist_t *objects[] = {object.get()};
+	AttrList list;
+	ASSERT_EQ(ostrel_object_list_create(objects, 1, list.out()), OSTREL_SUCCESS);
+	const std::string good = packed(list.get());
+	const std::string empty = packed(idl_of("").get());
+	const std::string bare = packed(object_of("a=1", "").get()); // an object is no list of them
+	const uint64_t huge = UINT64_MAX;
+	const struct {
+		std::string reply;
+		std::string answer;
+	} cases[] = {
+	    {reply_of(OSTREL_SUCCESS, 0, good.size(), good), "a=1;|p=x;"},
+	    {reply_of(OSTREL_SUCCESS, 3, good.size(), "..." + good),
+		"a=1;|p=x;"}, // the data lie behind the identifiers
+	    {reply_of(OSTREL_SUCCESS, 0, good.size(), good + "more"), "a=1;|p=x;"},
+	    {"x", "? failure"},
+	    {reply_of(OSTREL_SUCCESS, 0, 0, "").substr(0, 39), "? failure"},
+	    {reply_of(OSTREL_SUCCESS, 0, good.size() + 1, good), "? failure"},
+	    {reply_of(OSTREL_SUCCESS, 1, good.size(), good), "? failure"},
+	    {reply_of(OSTREL_SUCCESS, huge, huge, good), "? failure"},
+	    {reply_of(OSTREL_SUCCESS, huge - 39, good.size(), good), "? failure"},
+	    {reply_of(OSTREL_SUCCESS, huge - good.size() - 39, good.size(), good), "? failure"},
+	    {reply_of(OSTREL_EPERM, 0, huge, ""), "? failure"},
+	    {reply_of(OSTREL_EPERM, 0, 0, ""), "? permission denied"},
+	    {reply_of(OSTREL_EPERM, 0, good.size(), good), "? permission denied"},
+	    {reply_of(static_cast<ostrel_error_t>(4711), 0, 0, ""), "? <unknown error>"},
+	    {reply_of(OSTREL_SUCCESS, 0, 0, ""), "? invalid argument"},
+	    {reply_of(OSTREL_SUCCESS, 0, good.size() - 1, good), "? invalid argument"},
+	    {reply_of(OSTREL_SUCCESS, 0, empty.size(), empty), "? object not found"},
+	    {reply_of(OSTREL_SUCCESS, 0, bare.size(), bare), "? object not found"},
+	};
+	for (const auto &row : cases) {
+		canned_.reply = row.reply;
+		EXPECT_EQ(read(db_, "a=1"), row.answer) << "case " << &row - cases;
+	}
+}
+
+TEST_F(HatchBlocks, AnEmptyListOfObjectsIsASuccess)
+{
+	AttrList list;
+	ASSERT_EQ(ostrel_object_list_create(nullptr, 0, list.out()), OSTREL_SUCCESS);
+	const std::string none = packed(list.get());
+	canned_.reply = reply_of(OSTREL_SUCCESS, 0, none.size(), none);
+	EXPECT_EQ(walk(db_, nullptr), "");
+	EXPECT_EQ(read(db_, "a=1"), "? object not found");
+	Objects objs;
+	EXPECT_EQ(ostrel_read_objects_from_hatch(db_.get(), nullptr, 0, objs.out(), objs.out_count()), OSTREL_SUCCESS);
+	EXPECT_EQ(objs.count(), 0U);
+}
+
+TEST_F(HatchBlocks, ListsAreUnpackedAsFarAsTheyAreAskedFor)
+{
+	const std::string ids = packed(idl_of("a=1").get());
+	const std::string data = packed(idl_of("b=2").get());
+	std::string bytes = Block(OSTREL_HATCH_CMD_WRITE_REQ, ids, data).bytes();
+	auto *arg = reinterpret_cast<ostrel_hatch_arg_t *>(bytes.data());
+	AttrList first;
+	AttrList second;
+	EXPECT_EQ(ostrel_read_lists_from_hatch_arg(arg, nullptr, second.out()), OSTREL_SUCCESS);
+	EXPECT_EQ(text_of(second.get()), "b=2;");
+	EXPECT_EQ(ostrel_read_lists_from_hatch_arg(arg, first.out(), nullptr), OSTREL_SUCCESS);
+	EXPECT_EQ(text_of(first.get()), "a=1;");
+	bytes.back() ^= 0x55; // the data list's last byte
+	EXPECT_EQ(ostrel_read_lists_from_hatch_arg(arg, first.out(), second.out()), OSTREL_INVALID_ARG);
+	EXPECT_EQ(text_of(first.get()), "a=1;") << "what was unpacked stays with the caller";
+	EXPECT_FALSE(second);
+	arg->nda_result = OSTREL_EXISTS;
+	attrlist_t *untouched = first.get();
+	EXPECT_EQ(ostrel_read_lists_from_hatch_arg(arg, &untouched, nullptr), OSTREL_EXISTS);
+	EXPECT_EQ(untouched, first.get());
+}
+
+} // namespace
