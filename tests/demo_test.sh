@@ -8,6 +8,7 @@ if [ "$(id -u)" -ne 0 ]; then
 	exit 77
 fi
 scratch=$(mktemp -d)
+chmod 755 "$scratch" # the demo has users besides root
 trap 'rm -rf "$scratch"' EXIT
 export TMPDIR=$scratch/tmp
 mkdir "$TMPDIR"
@@ -21,7 +22,7 @@ fail() {
 # demo COMMAND...: runs the demo by that command, and demands that it tells of its end and leaves nothing.
 demo() {
 	"$@" "$source/scripts/demo" --built "$build" >"$scratch/out" 2>&1 </dev/null || fail "'$*' ended with $?"
-	grep -q '^All 8 steps went well.$' "$scratch/out" || fail "'$*' didn't come to its end"
+	grep -q '^All 9 steps went well.$' "$scratch/out" || fail "'$*' didn't come to its end"
 	[ -z "$(ls "$TMPDIR")" ] || fail "'$*' left something behind"
 }
 

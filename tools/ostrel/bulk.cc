@@ -1,7 +1,8 @@
 // Many objects at once. An update through the library rewrites the whole file, so that one update for each object
 // would take time with the square of their number, and would show half of the work if it failed in the middle. So
 // each object's line is made by the library in a scratch file of one object, the lines are put together (a database
-// file is nothing but its objects' lines), and the file is replaced by one rename.
+// file is nothing but its objects' lines), and the file is replaced by one rename. A database that another process
+// owns gets one update for each object instead.
 #include "bulk.h"
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 
 #include <fmt/format.h>
 
+#include "deferred.h"
 #include "document.h"
 #include "scratch.h"
 #include "terminal.h"
@@ -49,6 +51,7 @@ public:
 		if (interrupted != 0)
 			throw Failure(Exit::failure, "interrupted; nothing was changed");
 	}
+	static bool pending() { return interrupted != 0; }
 
 private:
 	static constexpr int numbers[] = {SIGINT, SIGTERM, SIGHUP};
@@ -61,6 +64,7 @@ private:
 struct Slot {
 	Object object;
 	std::string line; // empty: not made yet
+	bool changed = false;
 };
 
 bool same_props(const std::vector<Property> &a, const std::vector<Property> &b)
@@ -89,6 +93,7 @@ public:
 			if (!replace)
 				slots_.push_back({before_[i], ""});
 		}
+		kept_.resize(before_.size());
 	}
 
 	void add(Incoming &&incoming)
@@ -100,6 +105,25 @@ public:
 				throw;
 			complaints_.take(failure.at(incoming.place));
 		}
+	}
+
+	// The objects that have to be written, and the identifiers of those that go.
+	std::vector<const Object *> writes() const
+	{
+		std::vector<const Object *> all;
+		for (const Slot &slot : slots_)
+			if (slot.changed)
+				all.push_back(&slot.object);
+		return all;
+	}
+
+	std::vector<const Identifiers *> removals() const
+	{
+		std::vector<const Identifiers *> all;
+		for (size_t i = 0; replace_ && i < before_.size(); i++)
+			if (!kept_[i])
+				all.push_back(&before_[i].id);
+		return all;
 	}
 
 	// The whole file.
@@ -114,7 +138,7 @@ public:
 	}
 
 	bool changes() const { return is_new_ || added + replaced + removed() > 0; }
-	size_t removed() const { return replace_ ? before_.size() - kept_ : 0; }
+	size_t removed() const { return removals().size(); }
 	// The database isn't what it was when the plan was made.
 	bool outdated()
 	{
@@ -134,32 +158,40 @@ private:
 		if (!fresh)
 			throw Failure(Exit::invalid, fmt::format("{} has the same identifiers as {}",
 							 id_text(incoming.object.id), first->second));
-		Slot slot = {std::move(incoming.object), ""};
-		try {
-			slot.line = maker_.line(slot.object);
-		} catch (...) {
-			seen_.erase(first); // what can't be stored takes no place
-			throw;
-		}
-		warn_of_loss(database_, slot.object, maker_.stored());
+		Slot slot = {std::move(incoming.object), "", true};
+		if (database_.back_end().is_path)
+			make_line(slot, first);
 		auto [begin, end] = stored_.equal_range(name);
 		if (begin == end) {
 			added++;
 			slots_.push_back(std::move(slot));
 		} else if (replace_) {
-			count(begin->second, slot.object);
-			slots_.push_back({{before_[begin->second].id, std::move(slot.object.props)}, ""});
+			bool changed = count(begin->second, slot.object);
+			slots_.push_back({{before_[begin->second].id, std::move(slot.object.props)}, "", changed});
 		} else {
 			for (auto match = begin; match != end; ++match)
-				if (count(match->second, slot.object))
+				if (count(match->second, slot.object)) {
 					slots_[match->second].object.props = slot.object.props;
+					slots_[match->second].changed = true;
+				}
 		}
+	}
+
+	void make_line(Slot &slot, std::unordered_map<std::string, std::string>::iterator seen)
+	{
+		try {
+			slot.line = maker_.line(slot.object);
+		} catch (...) {
+			seen_.erase(seen); // what can't be stored takes no place
+			throw;
+		}
+		warn_of_loss(database_, slot.object, maker_.stored());
 	}
 
 	// Counts an object that is stored already: it keeps its place, and the spelling of its identifiers. True: it changes.
 	bool count(size_t index, const Object &object)
 	{
-		kept_++;
+		kept_[index] = true;
 		bool same = same_props(before_[index].props, object.props);
 		(same ? unchanged : replaced)++;
 		return !same;
@@ -173,9 +205,53 @@ private:
 	std::vector<Slot> slots_;
 	std::unordered_multimap<std::string, size_t> stored_;
 	std::unordered_map<std::string, std::string> seen_;
-	size_t kept_ = 0;
+	std::vector<bool> kept_; // which of the objects before have come along
 	LineMaker maker_;
 };
+
+// One update for each object. What was done stays done if one of them fails, and the message says how far it came.
+void write_singly(Database &database, const Plan &plan, const Options &options)
+{
+	std::vector<const Object *> writes = plan.writes();
+	std::vector<const Identifiers *> removals = plan.removals();
+	Progress progress("update", writes.size() + removals.size());
+	size_t done = 0;
+	auto step = [&](const auto &update) {
+		try {
+			if (SignalGuard::pending())
+				throw Failure(Exit::failure, "interrupted").in(database.label());
+			update();
+		} catch (Failure &failure) {
+			throw failure.next(
+			    fmt::format("{} of {} updates were made before; run the command again for the rest", done,
+				writes.size() + removals.size()));
+		}
+		done++;
+		progress.step();
+	};
+	for (const Object *object : writes)
+		step([&] { database.put(*object); });
+	for (const Identifiers *id : removals)
+		step([&] { database.remove(*id); });
+	for (const Object *object : writes)
+		await_object(database, options, *object);
+	for (const Identifiers *id : removals)
+		await_update(database, options, [&] { return !database.find(*id); });
+}
+
+void write_file(Database &database, Plan &plan, const std::string &text)
+{
+	if (plan.outdated())
+		throw Failure(Exit::deferred, "the database was changed by somebody else meanwhile; nothing was done")
+		    .in(database.label())
+		    .next("run the command again");
+	try {
+		replace_file(database.name(), database.enclave(), text);
+	} catch (Failure &failure) {
+		failure.in(database.label());
+		throw;
+	}
+}
 
 void tell(const Plan &plan, const Complaints &complaints, const Options &options)
 {
@@ -202,7 +278,7 @@ void tell(const Plan &plan, const Complaints &complaints, const Options &options
 
 void declare_bulk(CLI::App &app, Options &options)
 {
-	declare_dry_run(app, options);
+	declare_update(app, options);
 	app.add_flag("--replace", options.replace, "Remove the objects that don't come along");
 	app.add_flag("-k,--keep-going", options.keep_going, "Pass over objects that can't be stored");
 }
@@ -226,19 +302,13 @@ Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints 
 		plan.add(std::move(incoming));
 		progress.step();
 	}
-	std::string text = plan.text();
+	bool whole = database.back_end().is_path;
+	std::string text = whole ? plan.text() : "";
 	if (!options.dry_run && plan.changes()) {
-		if (plan.outdated())
-			throw Failure(
-			    Exit::deferred, "the database was changed by somebody else meanwhile; nothing was done")
-			    .in(database.label())
-			    .next("run the command again");
-		try {
-			replace_file(database.name(), database.enclave(), text);
-		} catch (Failure &failure) {
-			failure.in(database.label());
-			throw;
-		}
+		if (whole)
+			write_file(database, plan, text);
+		else
+			write_singly(database, plan, options);
 	}
 	tell(plan, complaints, options);
 	return complaints.count() > 0 ? Exit::invalid : Exit::done;

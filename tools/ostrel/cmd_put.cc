@@ -3,6 +3,7 @@
 
 #include "command.h"
 #include "database.h"
+#include "deferred.h"
 #include "word.h"
 
 namespace {
@@ -11,7 +12,7 @@ void declare(CLI::App &app, Options &options)
 {
 	declare_database(app, options);
 	declare_identifiers(app, options);
-	declare_dry_run(app, options);
+	declare_update(app, options);
 	app.add_flag("--new", options.only_new, "Only if there is no such object yet");
 }
 
@@ -22,16 +23,23 @@ Exit run(const Options &options)
 	if (object.id.empty())
 		throw Failure(Exit::usage, "put needs the identifiers of an object before --");
 	database.require_updates();
-	std::optional<std::vector<Object>> same = database.objects_if_any(object.id, true);
+	bool known = database.readable(); // else only the update itself can tell
+	if (!known && options.only_new)
+		throw Failure(Exit::permission, "--new needs the right to read, too").in(database.label());
+	std::optional<std::vector<Object>> same;
+	if (known)
+		same = database.objects_if_any(object.id, true);
 	bool there = same && !same->empty();
 	if (there && options.only_new)
 		throw Failure(Exit::exists, fmt::format("there is an object {}", id_text(object.id)))
 		    .in(database.label())
 		    .next("without --new its properties are replaced; ostrel set changes some of them");
 	rehearse(database, object);
-	if (!options.dry_run)
+	if (!options.dry_run) {
 		database.put(object);
-	return tell_update(options, there ? "replaced" : "created", object);
+		await_object(database, options, object);
+	}
+	return tell_update(options, !known ? "written" : there ? "replaced" : "created", object);
 }
 
 } // namespace

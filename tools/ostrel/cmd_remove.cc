@@ -3,6 +3,7 @@
 
 #include "command.h"
 #include "database.h"
+#include "deferred.h"
 #include "document.h"
 #include "word.h"
 
@@ -12,29 +13,39 @@ void declare(CLI::App &app, Options &options)
 {
 	declare_database(app, options);
 	declare_identifiers(app, options);
-	declare_dry_run(app, options);
+	declare_update(app, options);
 	app.add_flag("--all", options.all, "Remove the whole database");
 	app.add_flag("--yes", options.yes, "With --all: really");
 }
 
 Exit remove_all(Database &database, const Options &options)
 {
-	size_t count = database.objects().size();
+	bool known = database.readable();
+	size_t count = known ? database.objects().size() : 0;
 	if (!options.dry_run && !options.yes)
-		throw Failure(Exit::usage, fmt::format("remove --all removes the database with its {} objects", count))
+		throw Failure(
+		    Exit::usage, known ? fmt::format("remove --all removes the database with its {} objects", count)
+				       : std::string("remove --all removes the whole database"))
 		    .in(database.label())
 		    .next("add --yes if that is meant");
-	if (!options.dry_run)
+	if (!options.dry_run) {
 		database.destroy();
+		await_update(database, options, [&] {
+			std::optional<std::vector<Object>> left = database.objects_if_any();
+			return !left || left->empty();
+		});
+	}
 	if (options.json) {
 		Json json;
 		json["result"] = "removed";
 		json["dry_run"] = options.dry_run;
 		json["database"] = database.label();
-		json["objects"] = count;
+		if (known)
+			json["objects"] = count;
 		fmt::print("{}\n", json.dump());
 	} else if (options.dry_run) {
-		fmt::print("would be removed: the database with its {} objects\n", count);
+		fmt::print(
+		    "would be removed: the database{}\n", known ? fmt::format(" with its {} objects", count) : "");
 	}
 	return Exit::done;
 }
@@ -50,9 +61,11 @@ Exit run(const Options &options)
 	database.require_updates();
 	if (options.all)
 		return remove_all(database, options);
-	Object object = database.get(id);
-	if (!options.dry_run)
+	Object object = database.readable() ? database.get(id) : Object{id, {}};
+	if (!options.dry_run) {
 		database.remove(id);
+		await_update(database, options, [&] { return !database.find(id); });
+	}
 	return tell_update(options, "removed", object);
 }
 

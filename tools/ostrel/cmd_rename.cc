@@ -3,6 +3,7 @@
 
 #include "command.h"
 #include "database.h"
+#include "deferred.h"
 #include "word.h"
 
 namespace {
@@ -11,7 +12,7 @@ void declare(CLI::App &app, Options &options)
 {
 	declare_database(app, options);
 	declare_identifiers(app, options);
-	declare_dry_run(app, options);
+	declare_update(app, options);
 }
 
 Exit run(const Options &options)
@@ -21,17 +22,20 @@ Exit run(const Options &options)
 	if (from.empty() || to.empty())
 		throw Failure(Exit::usage, "rename needs the old identifiers before --, and the new ones behind it");
 	database.require_updates();
-	Object object = database.get(from);
+	bool known = database.readable();
+	Object object = known ? database.get(from) : Object{from, {}};
 	bool same = identity(from, options.case_sensitive) == identity(to, options.case_sensitive);
 	// The store itself would let two objects have the same identifiers.
-	if (!same && !database.objects(to, true).empty())
+	if (!same && known && !database.objects(to, true).empty())
 		throw Failure(Exit::exists, fmt::format("there is an object {}", id_text(to)))
 		    .in(database.label())
 		    .next("remove it first, or choose other identifiers");
 	object.id = to;
 	rehearse(database, object);
-	if (!options.dry_run)
+	if (!options.dry_run) {
 		database.rename(from, to);
+		await_update(database, options, [&] { return database.find(to) && (same || !database.find(from)); });
+	}
 	return tell_update(options, "renamed", object);
 }
 

@@ -5,6 +5,7 @@
 
 #include "command.h"
 #include "database.h"
+#include "deferred.h"
 #include "text.h"
 #include "word.h"
 
@@ -14,7 +15,7 @@ void declare(CLI::App &app, Options &options)
 {
 	declare_database(app, options);
 	declare_identifiers(app, options);
-	declare_dry_run(app, options);
+	declare_update(app, options);
 }
 
 bool holds(const std::vector<std::string> &values, const std::string &value)
@@ -90,8 +91,10 @@ Exit run(const Options &options)
 	if (same_props(before, after))
 		return tell_update(options, "unchanged", after);
 	rehearse(database, after);
-	if (!options.dry_run)
+	if (!options.dry_run) {
 		database.put(after);
+		await_object(database, options, after);
+	}
 	return tell_update(options, "changed", after);
 }
 

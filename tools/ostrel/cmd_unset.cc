@@ -5,6 +5,7 @@
 
 #include "command.h"
 #include "database.h"
+#include "deferred.h"
 #include "word.h"
 
 namespace {
@@ -13,7 +14,7 @@ void declare(CLI::App &app, Options &options)
 {
 	declare_database(app, options);
 	declare_identifiers(app, options);
-	declare_dry_run(app, options);
+	declare_update(app, options);
 }
 
 Exit run(const Options &options)
@@ -34,8 +35,10 @@ Exit run(const Options &options)
 		object.props.erase(found);
 	}
 	rehearse(database, object);
-	if (!options.dry_run)
+	if (!options.dry_run) {
 		database.put(object);
+		await_object(database, options, object);
+	}
 	return tell_update(options, "changed", object);
 }
 

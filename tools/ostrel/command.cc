@@ -27,6 +27,8 @@ const Command *const commands[] = {
     &check_command,
     &convert_command,
     &obsolete_command,
+    &serve_command,
+    &auth_command,
     &enclaves_command,
     &completion_command,
     &version_command,
@@ -55,7 +57,7 @@ void declare_all(CLI::App &app, Options &options)
 
 void declare_database(CLI::App &app, Options &options)
 {
-	app.add_option("DB", options.database, "The database: PATH, file:PATH or raw:PATH")->required();
+	app.add_option("DB", options.database, "The database: PATH, file:PATH, raw:PATH or hatch:PATH")->required();
 	app.add_option("-E,--enclave", options.enclave, "The enclave in which the database lies")->type_name("NAME|ID");
 	app.add_flag("--case", options.case_sensitive, "Compare identifiers with case");
 }
@@ -68,6 +70,12 @@ void declare_identifiers(CLI::App &app, Options &options)
 void declare_dry_run(CLI::App &app, Options &options)
 {
 	app.add_flag("-n,--dry-run", options.dry_run, "Change nothing; say what would be done");
+}
+
+void declare_update(CLI::App &app, Options &options)
+{
+	declare_dry_run(app, options);
+	app.add_flag("--no-wait", options.no_wait, "Don't wait for a store that puts the update off");
 }
 
 int enclave_option(const std::string &text)
@@ -119,6 +127,8 @@ Exit tell_update(const Options &options, const char *done, const Object &object)
 
 void rehearse(const Database &database, const Object &object)
 {
+	if (!database.back_end().is_path) // what it can hold, the store knows alone
+		return;
 	LineMaker maker;
 	try {
 		(void) maker.line(object);

@@ -30,6 +30,10 @@ struct Options {
 	bool replace = false;
 	bool keep_going = false;
 	bool only_new = false;
+	bool write = false;
+	bool no_wait = false;
+	std::string read_auth = "ostrel.read"; // the rights that a server asks for
+	std::string write_auth = "ostrel.write";
 	bool to_persist = false;
 	bool from_persist = false;
 };
@@ -45,7 +49,7 @@ struct Command {
 
 extern const Command walk_command, get_command, put_command, set_command, unset_command, rename_command, remove_command,
     export_command, import_command, copy_command, diff_command, check_command, convert_command, obsolete_command,
-    enclaves_command, completion_command, version_command;
+    serve_command, auth_command, enclaves_command, completion_command, version_command;
 
 // All commands, in the order in which help lists them; ends with a NULL.
 extern const Command *const commands[];
@@ -58,6 +62,8 @@ void declare_all(CLI::App &app, Options &options);
 void declare_database(CLI::App &app, Options &options);
 void declare_identifiers(CLI::App &app, Options &options);
 void declare_dry_run(CLI::App &app, Options &options);
+// What every update has: -n, and whether it waits for a store that puts it off.
+void declare_update(CLI::App &app, Options &options);
 
 // ---- What several commands do ----
 

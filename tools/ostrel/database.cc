@@ -12,15 +12,17 @@
 #include <fmt/format.h>
 
 #include "failure.h"
+#include "hatch.h"
+#include "scratch.h"
 #include "text.h"
 
 namespace {
 
 constexpr BackEnd back_ends[] = {
-    {"file", &ostrel_files_db_cmds, true, true, true},
-    {"raw", &ostrel_rawfiles_db_cmds, false, false, true},
-    {"repo", nullptr, true, true, false},
-    {"hatch", nullptr, true, true, false},
+    {"file", &ostrel_files_db_cmds, true, true, true, false, false},
+    {"raw", &ostrel_rawfiles_db_cmds, false, false, true, false, false},
+    {"repo", nullptr, true, true, false, true, false},
+    {"hatch", &ostrel_hatches_db_cmds, true, true, false, true, true},
 };
 
 const BackEnd *back_end_by_prefix(std::string_view prefix)
@@ -151,12 +153,13 @@ Database::Database(const std::string &name, enclaveid_t enclave, bool case_sensi
 	if (name_.empty())
 		throw Failure(Exit::usage, "a database needs a name")
 		    .in(label_)
-		    .next("write PATH, file:PATH or raw:PATH");
+		    .next("write PATH, file:PATH, raw:PATH or hatch:PATH");
 	if (back_->table == nullptr)
 		throw Failure(
 		    Exit::unsupported, fmt::format("this build has no back end for {}: databases", back_->prefix))
 		    .in(label_)
-		    .next(fmt::format("use file:PATH or raw:PATH; a file of this name is written ./{}", label_));
+		    .next(fmt::format(
+			"use file:PATH, raw:PATH or hatch:PATH; a file of this name is written ./{}", label_));
 	if (name_.size() > OSTREL_DB_NAME_MAX)
 		throw Failure(Exit::invalid,
 		    fmt::format("the name has {} bytes; {} are possible", name_.size(), OSTREL_DB_NAME_MAX))
@@ -191,11 +194,24 @@ void Database::fail(ostrel_error_t result, const std::string &what)
 		if (std::optional<Diagnosis> found = diagnose_path(name_, result))
 			throw Failure(found->code, found->message).in(label_).next(found->hint);
 	}
+	if (back_->served) {
+		if (std::optional<Failure> unreachable = hatch_unreachable(name_))
+			throw unreachable->in(label_);
+		if (result == OSTREL_EPERM)
+			throw Failure(Exit::permission, fmt::format("{}: the server doesn't allow it", what))
+			    .in(label_)
+			    .next(fmt::format("ostrel auth {} tells what it allows; root grants rights in "
+					      "/etc/meridon/rights",
+				label_));
+	}
 	if (result == OSTREL_NO_MEMORY)
 		throw Failure(Exit::memory, fmt::format("{}: there is no memory, or no space left", what)).in(label_);
 	if (result == OSTREL_NOT_FOUND && back_->is_path)
 		throw Failure(Exit::not_found, fmt::format("there is no such file in enclave {}", enclave_)).in(label_);
 	Failure failure(exit_of(result), fmt::format("{}: {}", what, ostrel_strerror(result)));
+	if (back_->served && result == OSTREL_INVALID_ARG)
+		failure.next(
+		    fmt::format("the store that is served may be one that can only be walked: ostrel walk {}", label_));
 	if (enclave_ != 0)
 		failure.next(fmt::format("ostrel enclaves tells whether enclave {} is running", enclave_));
 	throw failure.in(label_);
@@ -275,10 +291,29 @@ Object Database::get(const Identifiers &id)
 	throw missing.in(label_);
 }
 
+bool Database::allowed(bool write)
+{
+	ostrel_error_t result = ostrel_db_check_auth(db_, write ? B_TRUE : B_FALSE);
+	if (result != OSTREL_SUCCESS && result != OSTREL_EPERM)
+		fail(result, "the server can't be asked");
+	if (result == OSTREL_EPERM && hatch_unreachable(name_))
+		fail(result, "the server can't be asked");
+	return result == OSTREL_SUCCESS;
+}
+
+bool Database::readable()
+{
+	if (!readable_)
+		readable_ = !back_->served || allowed(false);
+	return *readable_;
+}
+
 void Database::require_updates()
 {
 	if (!back_->updates)
 		throw Failure(Exit::unsupported, fmt::format("{}: databases are read only", back_->prefix)).in(label_);
+	if (back_->served && !allowed(true))
+		fail(OSTREL_EPERM, "can't be updated");
 	if (!here())
 		return;
 	struct stat status;
@@ -294,8 +329,17 @@ void Database::require_updates()
 }
 
 // What the library refuses though the object itself can be stored.
-Failure Database::refused() const
+Failure Database::refused(const Object *object) const
 {
+	if (back_->served) {
+		try {
+			if (object != nullptr)
+				(void) LineMaker().line(*object);
+		} catch (const Failure &reason) {
+			return reason;
+		}
+		return {Exit::invalid, "the server refuses it: the store that it serves can't hold this"};
+	}
 	std::string temporary = name_ + ".new";
 	struct stat status;
 	if (temporary.size() > OSTREL_DB_NAME_MAX)
@@ -313,7 +357,7 @@ void Database::put(const Object &object)
 	List props = props_list(object.props);
 	ostrel_error_t result = ostrel_db_write(db_, list.get(), 0, props.get());
 	if (result == OSTREL_INVALID_ARG)
-		throw refused().in(label_);
+		throw refused(&object).in(label_);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be written", id_text(object.id)));
 }

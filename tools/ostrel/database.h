@@ -19,6 +19,8 @@ struct BackEnd {
 	bool updates;
 	bool selects; // objects can be asked for by their identifiers
 	bool is_path; // the name is the path of a file, opened by the library at each operation
+	bool defers;  // an update may be put off, and land later
+	bool served;  // another process owns the database, and decides who may do what
 };
 
 class Database {
@@ -38,7 +40,11 @@ public:
 	// The same; a missing object is a Failure that says what is there instead.
 	Object get(const Identifiers &id);
 
-	// Throws Failure unless the store can be updated.
+	// Whether the server lets the caller read, or update. Where there is none, it does. Throws Failure if it can't be asked.
+	bool allowed(bool write);
+	// The same for reading; asked once.
+	bool readable();
+	// Throws Failure unless the store can be updated, by this caller.
 	void require_updates();
 	void put(const Object &object);
 	void rename(const Identifiers &from, const Identifiers &to);
@@ -54,10 +60,12 @@ public:
 	const BackEnd &back_end() const { return *back_; }
 	// Whether the name is a path in this process's own file system, where the tool can look at it.
 	bool here() const;
+	// For the one command that hands the database on.
+	ostrel_db_t handle() const { return db_; }
 
 private:
 	void require_selection() const;
-	Failure refused() const;
+	Failure refused(const Object *object = nullptr) const;
 	[[noreturn]] void fail(ostrel_error_t result, const std::string &what);
 	ostrel_error_t try_walk(const Identifiers &id, bool exact, const Visit &visit);
 
@@ -67,6 +75,7 @@ private:
 	enclaveid_t enclave_;
 	bool case_sensitive_;
 	ostrel_db_t db_ = nullptr;
+	std::optional<bool> readable_;
 };
 
 #endif

@@ -1,0 +1,271 @@
+# A database served at a hatch, and who gets how far: real users, real signals, real servers that die.
+import json
+import os
+import pwd
+import shutil
+import signal
+import socket
+import stat
+import subprocess
+import tempfile
+import time
+
+import ostrel_tool as t
+
+READER, WRITER, STRANGER = "daemon", "bin", "nobody"
+RIGHTS = f"{READER}: ostrel.read\n{WRITER}: ostrel.read, ostrel.write\nsync: ostrel.write\n"
+
+
+class ServeTest(t.ToolTest):
+    # Users besides root can't reach a build tree that lies in root's home: they run an installed tool.
+    @classmethod
+    def setUpClass(cls):
+        cls.tree = tempfile.mkdtemp(prefix="ostrel-serve-")
+        os.chmod(cls.tree, 0o755)
+        cls.addClassCleanup(shutil.rmtree, cls.tree, ignore_errors=True)
+        subprocess.run(["cmake", "--install", t.BUILD, "--prefix", cls.tree], check=True, stdout=subprocess.DEVNULL)
+        before = t.OSTREL
+        t.OSTREL = os.path.join(cls.tree, "bin", "ostrel")
+        cls.addClassCleanup(setattr, t, "OSTREL", before)
+
+    def setUp(self):
+        super().setUp()
+        os.chmod(self.dir, 0o755)
+        os.makedirs(self.path("etc/meridon"))
+        self.write("etc/meridon/rights", RIGHTS)
+        self.env["MERIDON_ROOT"] = self.dir
+        self.hatch = self.path("run/links")
+        self.db = "hatch:" + self.hatch
+
+    def serve(self, *words, database="links.db", **more):
+        server = subprocess.Popen([t.OSTREL, "serve", "--json", database, self.hatch, *words], cwd=self.dir, env=self.env,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, **more)
+        self.addCleanup(self.end, server)
+        line = server.stdout.readline()
+        self.assertTrue(line, f"the server ended: {server.stderr.read() if not line else b''!r}")
+        self.assertEqual(json.loads(line)["pid"], server.pid)
+        return server
+
+    def end(self, server, number=signal.SIGTERM):
+        if server.poll() is None:
+            server.send_signal(number)
+        server.wait(60)
+        for stream in (server.stdout, server.stderr):
+            stream.close()
+        return server.returncode
+
+    def as_user(self, user, *words, **more):
+        entry = pwd.getpwnam(user)
+        return self.tool(*words, user=entry.pw_uid, group=entry.pw_gid, extra_groups=[], **more)
+
+    def user_error(self, user, code, *words):
+        return self.as_user(user, "--json", *words, code=code).error()
+
+
+class Serving(ServeTest):
+    def test_each_command_does_through_the_hatch_what_it_does_to_the_file(self):
+        self.serve()
+        d = self.db
+        self.tool("put", d, "name=eth0", "--", "mtu:uint32=1500", "up:boolean=true", "tags=lan,uplink")
+        self.assertEqual(self.text("get", d, "name=eth0", "-p", "mtu"), "1500\n")
+        self.tool("set", d, "name=eth0", "--", "mtu=9000", "tags+=fast")
+        self.tool("unset", d, "name=eth0", "--", "up")
+        self.assertEqual(self.text("walk", d), self.text("walk", "links.db"))
+        self.assertEqual(self.text("get", d, "name=eth0", "-p", "tags"), "lan\nuplink\nfast\n")
+        self.tool("rename", d, "name=eth0", "--", "name=eth1")
+        self.error(4, "get", d, "name=eth0")
+        self.error(5, "put", d, "name=eth1", "--new", "--", "a=1")
+        document = self.tool("export", d).out
+        self.tool("import", "copy.db", stdin=document)
+        self.assertEqual(self.text("diff", d, "copy.db"), "")
+        self.tool("put", "copy.db", "name=eth2", "--", "a=1")
+        self.assertEqual(self.tool("copy", "copy.db", d, "--json").json()["added"], 1)
+        self.tool("diff", d, "copy.db")
+        self.tool("remove", "copy.db", "name=eth1")
+        self.assertEqual(self.tool("copy", "copy.db", d, "--replace", "--json").json()["removed"], 1)
+        self.assertEqual(self.text("walk", d), "name=eth2\ta=1\n")
+        before = self.read("links.db")
+        for words in (["put", d, "x=1", "-n", "--", "a=1"], ["remove", d, "name=eth2", "-n"], ["remove", d, "--all", "-n"]):
+            self.assertIn("would be", self.text(*words))
+        self.assertEqual(self.read("links.db"), before)
+        self.tool("remove", d, "name=eth2")
+        self.tool("remove", d, "--all", "--yes")
+        self.assertFalse(os.path.exists(self.path("links.db")))
+
+    def test_each_user_gets_as_far_as_the_rights_go(self):
+        self.tool("put", "links.db", "name=eth0", "--", "mtu:uint32=1500")
+        os.chmod(self.path("links.db"), 0o600)
+        self.serve()
+        for user in (READER, WRITER):
+            self.assertIn("1500", self.as_user(user, "walk", self.db).out.decode())
+            self.assertEqual(self.as_user(user, "auth", self.db).out, b"read: allowed\n")
+        before = self.read("links.db")
+        for user in (READER, STRANGER):
+            for words in (["put", self.db, "name=eth1", "--", "a=1"], ["remove", self.db, "name=eth0"],
+                          ["rename", self.db, "name=eth0", "--", "name=x"], ["remove", self.db, "--all", "--yes"],
+                          ["import", self.db, "/dev/null"]):
+                self.assertIn("doesn't allow", self.user_error(user, 3, *words)["message"])
+            refused = self.as_user(user, "auth", self.db, "--write", "--json", code=3)
+            self.assertEqual(refused.json(), {"operation": "write", "allowed": False})
+        self.assertEqual(self.read("links.db"), before)
+        self.assertIn("ostrel auth", self.user_error(STRANGER, 3, "walk", self.db)["hint"])
+        self.as_user(WRITER, "set", self.db, "name=eth0", "--", "mtu=9000")
+        self.assertEqual(self.text("get", "links.db", "name=eth0", "-p", "mtu"), "9000\n")
+
+    # Who may update but not read is not told what is there, and gets no failure for that.
+    def test_who_may_only_update_can_update(self):
+        self.serve()
+        self.tool("put", self.db, "name=a", "--", "v=1")
+        put = self.as_user("sync", "put", self.db, "name=b", "--json", "--", "v=2")
+        self.assertEqual(put.json()["result"], "written")
+        self.as_user("sync", "rename", self.db, "name=b", "--", "name=c")
+        self.as_user("sync", "remove", self.db, "name=a")
+        self.assertEqual(self.text("walk", "links.db"), "name=c\tv=2\n")
+        self.user_error("sync", 3, "walk", self.db)
+        self.user_error("sync", 3, "put", self.db, "name=d", "--new", "--", "v=1")
+
+    def test_rights_of_other_names_and_of_everybody(self):
+        server = self.serve("--read-auth", "", "--write-auth", "net.links.change")
+        self.tool("put", self.db, "name=a", "--", "v=1")
+        self.assertEqual(self.as_user(STRANGER, "walk", self.db).out, b"name=a\tv=1\n")
+        self.user_error(WRITER, 3, "put", self.db, "name=a", "--", "v=2")
+        self.write("etc/meridon/rights", f"{STRANGER}: net.links.*\n")  # it is looked at for each call
+        self.as_user(STRANGER, "put", self.db, "name=a", "--", "v=3")
+        self.assertEqual(self.end(server), 0)
+        for bad in ("a b", "a,b", "net.*", "x" * 1024):
+            self.error(2, "serve", "links.db", self.hatch, "--read-auth", bad)
+
+    def test_what_everybody_may_do_is_said_at_the_start(self):
+        server = subprocess.Popen([t.OSTREL, "serve", "links.db", self.hatch, "--read-auth", ""], cwd=self.dir,
+                                  env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(self.end, server)
+        line = server.stderr.readline().decode()
+        self.assertIn("everybody may read", line)
+        self.assertIn("ostrel.write", line)
+
+    def test_values_that_the_store_refuses_are_named_and_nothing_changes(self):
+        self.serve()
+        self.tool("put", self.db, "name=a", "--", "v=1")
+        error = self.error(6, "put", self.db, "name=b", "--", "v=" + "x" * 600)
+        self.assertIn("v", error["message"])
+        self.assertEqual(self.text("walk", self.db), "name=a\tv=1\n")
+
+    def test_a_raw_file_is_walked_and_no_more(self):
+        self.write("raw.txt", "one\ntwo\n")
+        self.serve(database="raw:raw.txt")
+        self.assertEqual(len(self.text("walk", self.db).splitlines()), 2)
+        self.assertIn("ostrel walk", self.error(6, "put", self.db, "name=b", "--", "v=1")["hint"])
+        self.error(6, "remove", self.db, "--all", "--yes")
+        self.assertEqual(self.read("raw.txt"), b"one\ntwo\n")
+
+
+class Lives(ServeTest):
+    def test_each_signal_ends_it_cleanly(self):
+        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+            server = self.serve()
+            self.assertEqual(stat.S_IMODE(os.stat(self.hatch).st_mode), 0o644)
+            directory = os.stat(os.path.dirname(self.hatch))
+            self.assertEqual((stat.S_IMODE(directory.st_mode), directory.st_uid, directory.st_gid), (0o755, 16, 65))
+            self.assertEqual(self.end(server, number), 0)
+            self.assertEqual(os.listdir(self.path("run")), [])
+
+    def test_a_server_that_isnt_there_is_no_connection(self):
+        self.assertIn("serve", self.error(11, "walk", self.db)["hint"])
+        server = self.serve()
+        self.tool("put", self.db, "name=a", "--", "v=1")
+        self.end(server, signal.SIGKILL)
+        for words in (["walk", self.db], ["get", self.db, "name=a"], ["put", self.db, "name=b", "--", "v=1"],
+                      ["auth", self.db]):
+            self.assertIn("no server", self.error(11, *words)["message"])
+        self.serve()  # what the dead one left is no obstacle
+        self.assertEqual(self.text("walk", self.db), "name=a\tv=1\n")
+        self.write("plain.db", "name=a;\tv=string," + "x" * 400 + ";\n")
+        self.assertIn("file:", self.error(11, "walk", "hatch:" + self.path("plain.db"))["hint"])
+
+    def test_updates_that_were_acknowledged_are_there_after_the_end(self):
+        for number in (signal.SIGTERM, signal.SIGKILL):
+            server = self.serve()
+            done = 0
+            for i in range(20):
+                if i == 15:
+                    server.send_signal(number)
+                if self.run_tool("put", self.db, f"n={number}.{i}", "--", "v=1").code == 0:
+                    done += 1
+                    last = f"n={number}.{i}"
+            self.assertGreaterEqual(done, 15)
+            self.assertIn(last, self.text("walk", "links.db"))
+            self.end(server)
+
+    def test_the_manager_hears_when_it_is_ready_and_when_it_ends(self):
+        for name in (self.path("notify"), "@ostrel-notify-%d" % os.getpid()):
+            manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+            self.addCleanup(manager.close)
+            manager.settimeout(30)
+            manager.bind(name.replace("@", "\0"))
+            self.env["NOTIFY_SOCKET"] = name
+            server = self.serve()
+            self.assertEqual(manager.recv(100), b"READY=1")
+            self.tool("walk", self.db, code=4)
+            server.send_signal(signal.SIGTERM)
+            self.assertEqual(manager.recv(100), b"STOPPING=1")
+            self.assertEqual(server.wait(60), 0)
+        self.env["NOTIFY_SOCKET"] = self.path("nobody-listens")
+        server = self.serve()
+        self.end(server)
+        self.assertEqual(server.returncode, 0)
+
+    # Each connection takes a descriptor: a soft limit isn't what ends it.
+    def test_it_raises_its_own_limit(self):
+        import resource
+        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        server = self.serve(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (64, hard)))
+        with open(f"/proc/{server.pid}/limits") as f:
+            soft = next(line for line in f if line.startswith("Max open files")).split()[3]
+        self.assertEqual(int(soft), hard)
+
+
+class Refusals(ServeTest):
+    def test_places_that_arent_its_own(self):
+        os.makedirs(self.path("open"))
+        os.chmod(self.path("open"), 0o777)
+        os.makedirs(self.path("theirs"))
+        os.chown(self.path("theirs"), 65534, 65534)
+        os.symlink("/tmp", self.path("link"))
+        for path in ("/x", "/tmp/x", "/run/x", "/etc/x", self.path("link/x"), self.path("open/x"), self.path("theirs/x")):
+            before = os.stat(os.path.dirname(path))
+            self.assertIn("serving would change", self.error(6, "serve", "links.db", path)["message"])
+            after = os.stat(os.path.dirname(path))
+            self.assertEqual((before.st_mode, before.st_uid), (after.st_mode, after.st_uid))
+        self.error(4, "serve", "links.db", self.path("a/b/c"))
+        self.error(2, "serve", self.db, self.hatch)
+        self.error(8, "serve", "repo:x:default", self.hatch)
+
+    def test_what_lies_at_the_path_is_left_alone(self):
+        os.mkdir(self.path("run"))
+        self.write("run/links", "name=a;\tv=string,1;\n")
+        os.chmod(self.hatch, 0o600)
+        self.error(5, "serve", "links.db", self.hatch)
+        self.assertEqual((self.read("run/links"), stat.S_IMODE(os.stat(self.hatch).st_mode)),
+                         (b"name=a;\tv=string,1;\n", 0o600))
+        os.remove(self.hatch)
+        for make in (os.mkdir, os.mkfifo, lambda path: os.symlink("/etc/passwd", path)):
+            make(self.hatch)
+            self.error(5, "serve", "links.db", self.hatch)
+            (os.rmdir if os.path.isdir(self.hatch) else os.remove)(self.hatch)
+        self.assertEqual(stat.S_IMODE(os.stat("/etc/passwd").st_mode), 0o644)
+        server = self.serve()
+        self.assertIn(str(server.pid), self.error(5, "serve", "links.db", self.hatch)["message"])
+
+    def test_without_the_right_to_change_owners(self):
+        os.mkdir(self.path("run"))
+        os.chown(self.path("run"), pwd.getpwnam(STRANGER).pw_uid, 0)
+        error = self.user_error(STRANGER, 3, "serve", "links.db", self.hatch)
+        self.assertIn("needs root", error["message"])
+        self.assertEqual(os.listdir(self.path("run")), [])
+
+
+if __name__ == "__main__":
+    if os.geteuid() != 0:
+        print("skipped: serving needs root")
+        raise SystemExit(77)
+    t.main()

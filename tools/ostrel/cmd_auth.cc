@@ -1,0 +1,34 @@
+// ostrel auth: asks the server of a database what it lets the caller do.
+#include <fmt/format.h>
+
+#include "command.h"
+#include "database.h"
+#include "document.h"
+
+namespace {
+
+void declare(CLI::App &app, Options &options)
+{
+	declare_database(app, options);
+	app.add_flag("--write", options.write, "Ask for updates, not for reading");
+}
+
+Exit run(const Options &options)
+{
+	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	bool allowed = database.allowed(options.write);
+	const char *operation = options.write ? "write" : "read";
+	if (options.json)
+		fmt::print("{}\n", Json{{"operation", operation}, {"allowed", allowed}}.dump());
+	else
+		fmt::print("{}: {}\n", operation, allowed ? "allowed" : "refused");
+	if (!allowed)
+		note("root grants rights in /etc/meridon/rights; the server's log and ostrel serve --help tell which "
+		     "one it asks for");
+	return allowed ? Exit::done : Exit::permission;
+}
+
+} // namespace
+
+const Command auth_command = {
+    "auth", nullptr, "Ask whether the server of a database lets you read or update it", declare, run, nullptr};
