@@ -94,11 +94,11 @@ void add_peer(Hatch *hatch, Fd socket) REQUIRES(hatch->lock)
 	peer->socket = std::move(socket);
 	peer->piece = prepare_sending(fd);
 	peer->since = now_ns();
-	link_peer(hatch, peer);
 	if (arm(*hatch, EPOLL_CTL_ADD, fd, EPOLLIN, peer) != 0) {
-		unlink_peer(hatch, peer);
 		delete peer;
+		return;
 	}
+	link_peer(hatch, peer); // whoever gets its first event needs the lock to let it go
 	if (is_crowded(*hatch))
 		drop_oldest(hatch, Only::any, peer);
 }

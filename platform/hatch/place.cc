@@ -41,9 +41,9 @@ int find_spot(const char *path, Spot *spot)
 // What lies at a spot now: an empty file, or a record, whose server may live.
 struct Present {
 	Fd file;
-	struct stat st;
-	bool has_record;
-	Id id;
+	struct stat st = {};
+	bool has_record = false;
+	Id id = {};
 };
 
 int look_at_spot(const Spot &spot, int access, Present *present)

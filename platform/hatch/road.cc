@@ -100,7 +100,7 @@ pid_t server_of(int socket_fd)
 int connect_road(int fd, const Attachment &attachment, Waiting waiting, Fd *out, pid_t *server)
 {
 	char path[PATH_MAX];
-	const char *name = nullptr;
+	const char *name = "";
 	Fd directory, file;
 	Id id;
 	if (!read_record(fd, &id) || mark_of(id) != attachment.mark)

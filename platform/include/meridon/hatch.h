@@ -40,16 +40,16 @@ typedef struct hatch_arg {
 } hatch_arg_t;
 
 typedef struct {
-	pid_t di_target;           /* the server's process id as seen from here; 0 if it can't be seen or has gone */
+	pid_t di_target; /* the server's process id as seen from here; 0 if it can't be seen or has gone */
 	unsigned int di_attributes;
 } hatch_info_t;
 
 #define HATCH_REVOKED 0x8U      /* in di_attributes: the hatch was revoked, or its server has gone */
 #define HATCH_REFUSE_DESC 0x40U /* in di_attributes, and for hatch_create(): calls that pass descriptors are refused */
 
-#define HATCH_PARAM_DATA_MIN 3  /* the fewest bytes that a call must have; 0 at first */
+#define HATCH_PARAM_DATA_MIN 3 /* the fewest bytes that a call must have; 0 at first */
 
-#define HATCH_THREADS_MAX 256   /* handlers of one hatch that run at once; calls beyond wait in their sockets */
+#define HATCH_THREADS_MAX 256 /* handlers of one hatch that run at once; calls beyond wait in their sockets */
 
 /*
  * What a hatch runs for each call, with the cookie that the hatch was made with. `arg` points to `arg_size` bytes, is
