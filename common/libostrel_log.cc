@@ -35,6 +35,24 @@ namespace {
 
 Mutex log_mutex;
 
+void before_fork() NO_THREAD_SAFETY_ANALYSIS
+{
+	log_mutex.lock();
+}
+
+void after_fork() NO_THREAD_SAFETY_ANALYSIS
+{
+	log_mutex.unlock();
+}
+
+// Before the mutex is taken for the first time: a child that is forked while another thread logs would find it locked,
+// with nobody to unlock it.
+void watch_forks()
+{
+	static pthread_once_t once = PTHREAD_ONCE_INIT;
+	(void) pthread_once(&once, [] { (void) pthread_atfork(before_fork, after_fork, after_fork); });
+}
+
 // Holds the log. A thread that is cancelled in the middle of a write would leave the mutex locked for ever, so that
 // waits until the message is out. The caller's errno outlives a message.
 class SCOPED_CAPABILITY LogHold {
@@ -42,6 +60,7 @@ public:
 	LogHold() ACQUIRE(log_mutex) : errno_(errno)
 	{
 		(void) pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
+		watch_forks();
 		log_mutex.lock();
 	}
 	~LogHold() RELEASE()

@@ -32,7 +32,12 @@ public:
 		fd_ = std::move(file);
 		whole_ = true;
 	}
-	int sync() const { return (whole_ ? syncfs(fd_.get()) : fsync(fd_.get())) == 0 ? 0 : errno; }
+	// A file system that can't sync a directory (EINVAL) keeps its names in another way.
+	int sync() const
+	{
+		bool synced = (whole_ ? syncfs(fd_.get()) : fsync(fd_.get())) == 0;
+		return synced || errno == EINVAL ? 0 : errno;
+	}
 
 private:
 	Fd fd_;

@@ -441,6 +441,35 @@ TEST_F(Log, IsClosedAndReopenedUnderThreadsThatWrite)
 	EXPECT_EQ(last, program() + ": 3: last");
 }
 
+// A child that is forked in the middle of another thread's message can log, too.
+TEST_F(Log, IsFreeInAForkedChild)
+{
+	make_device_file();
+	ostrel_log_open("msglog");
+	std::atomic<bool> stop = false;
+	std::thread writer([&] {
+		while (!stop)
+			ostrel_log(3, "parent");
+	});
+	int ended_well = 0;
+	for (int i = 0; i < 100; i++) {
+		pid_t child = fork();
+		if (child == 0) {
+			alarm(10); // ends a child that waits for ever
+			ostrel_log(3, "child");
+			_exit(0);
+		}
+		int status = -1;
+		ASSERT_EQ(waitpid(child, &status, 0), child);
+		ended_well += status == 0;
+		if (status != 0)
+			break;
+	}
+	stop = true;
+	writer.join();
+	EXPECT_EQ(ended_well, 100);
+}
+
 // A thread that is cancelled while it writes lets go of the log all the same.
 TEST_F(Log, OutlivesAThreadThatIsCancelledInAMessage)
 {
