@@ -186,9 +186,118 @@ TEST_F(HatchDatabase, CyclesLeaveNoDescriptorBehind)
 	auto cycle = [&] { return read(open_database(file_.hatch, ostrel_hatches_db_cmds), "a=1") == "a=1;|p=one;"; };
 	ASSERT_TRUE(cycle());
 	const int before = open_descriptors();
+	const int server_before = descriptors_of(server.pid());
 	for (int i = 0; i < (sanitized ? 100 : 1000); i++)
 		ASSERT_TRUE(cycle());
 	EXPECT_EQ(open_descriptors(), before);
+	EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) <= server_before; }));
+}
+
+void note_signal(int) {}
+
+TEST_F(HatchDatabase, ACallThatASignalEndsIsAFailureAndNotRepeated)
+{
+	auto slow = [](void *cookie, char *, size_t, hatch_desc_t *, unsigned int) {
+		++*static_cast<std::atomic<int> *>(cookie);
+		std::this_thread::sleep_for(std::chrono::milliseconds(300));
+		hatch_return(nullptr, 0, nullptr, 0);
+	};
+	std::atomic<int> calls = 0;
+	LocalHatch hatch(file_.scratch.path("slow"), slow, &calls);
+	Database db = open_database(file_.scratch.path("slow"), ostrel_hatches_db_cmds);
+	std::atomic<bool> waiting = false;
+	std::atomic<ostrel_error_t> result = OSTREL_SUCCESS;
+	std::thread caller([&] {
+		waiting = true;
+		result = ostrel_db_check_auth(db.get(), B_TRUE);
+	});
+	struct sigaction action = {};
+	action.sa_handler = note_signal; // without SA_RESTART
+	ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+	EXPECT_TRUE(eventually([&] { return waiting && calls == 1; }));
+	ASSERT_EQ(pthread_kill(caller.native_handle(), SIGUSR1), 0);
+	caller.join();
+	EXPECT_EQ(result, OSTREL_FAILURE);
+	EXPECT_EQ(calls, 1);
+	EXPECT_EQ(ostrel_db_check_auth(db.get(), B_TRUE), OSTREL_SUCCESS);
+}
+
+TEST_F(HatchDatabase, ThreadsOfOneHandleAllFindTheNewServer)
+{
+	file_.write("a=1;\tp=string,one;\n");
+	Process server = serve_file(file_);
+	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
+	std::atomic<bool> stop = false;
+	std::atomic<int> generation = 0; // odd while no server is there
+	std::atomic<int> wrong = 0;
+	std::vector<std::thread> threads;
+	for (int t = 0; t < 8; t++) {
+		threads.emplace_back([&] {
+			while (!stop) {
+				const int at = generation;
+				const std::string answer = read(db, "a=1");
+				if (answer != "a=1;|p=one;" &&
+				    (answer != "? failure" || (at == generation && at % 2 == 0)))
+					wrong++;
+			}
+		});
+	}
+	for (int round = 0; round < (sanitized ? 3 : 10); round++) {
+		std::this_thread::sleep_for(std::chrono::milliseconds(20));
+		generation++;
+		server.kill();
+		std::this_thread::sleep_for(std::chrono::milliseconds(5));
+		server = serve_file(file_);
+		generation++;
+	}
+	stop = true;
+	for (std::thread &thread : threads)
+		thread.join();
+	EXPECT_EQ(wrong, 0);
+	EXPECT_EQ(read(db, "a=1"), "a=1;|p=one;");
+}
+
+TEST_F(HatchDatabase, AFailedAllocationFailsOneOperationAndLeavesNothing)
+{
+	SKIP_WITHOUT_ALLOC_FAULTS();
+	file_.write("a=1;\tp=string,one;\n");
+	Process server = serve_file(file_);
+	{ // what is made once for the process; the connection goes with the handle
+		Database warm = open_database(file_.hatch, ostrel_hatches_db_cmds);
+		EXPECT_EQ(read(warm, "a=1"), "a=1;|p=one;");
+	}
+	struct Subject {
+		Database db;
+		AttrList idl;
+		AttrList props;
+		AttrList found;
+	};
+	auto prepare = [&] {
+		return Subject{
+		    open_database(file_.hatch, ostrel_hatches_db_cmds), idl_of("a=1"), props_of("p=one"), {}};
+	};
+	auto check = [](Subject &, ostrel_error_t result, bool failed) {
+		// Where the layer below copes, so does the operation.
+		EXPECT_TRUE(result == OSTREL_SUCCESS || (failed && result == OSTREL_NO_MEMORY)) << result;
+	};
+	EXPECT_GT(
+	    sweep_allocations(
+		prepare, [](Subject &s) { return ostrel_db_read(s.db.get(), s.idl.get(), 0, s.found.out()); }, check),
+	    4);
+	EXPECT_GT(
+	    sweep_allocations(
+		prepare, [](Subject &s) { return ostrel_db_write(s.db.get(), s.idl.get(), 0, s.props.get()); }, check),
+	    3);
+	EXPECT_GT(sweep_allocations([] { return Database(); },
+		      [&](Database &db) {
+			      return ostrel_db_open(file_.hatch.c_str(), 0, ostrel_hatches_db_cmds, 0, db.out());
+		      },
+		      [](Database &db, ostrel_error_t result, bool failed) {
+			      EXPECT_EQ(result, failed ? OSTREL_NO_MEMORY : OSTREL_SUCCESS);
+			      EXPECT_EQ(static_cast<bool>(db), !failed);
+		      }),
+	    2);
+	EXPECT_EQ(file_.text(), "a=1;\tp=string,one;\n");
 }
 
 // ---- What goes out, and what may come back ----

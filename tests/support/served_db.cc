@@ -71,12 +71,12 @@ void LocalServer::stop()
 	db_.reset();
 }
 
-Process serve_file(const ServedFile &file, const char *read_auth, const char *write_auth)
+Process serve_file(const ServedFile &file, const char *read_auth, const char *write_auth, ostrel_db_cmds_t cmds)
 {
 	int ready[2];
 	must(pipe2(ready, O_CLOEXEC) == 0, "pipe2");
 	Process server([&] {
-		LocalServer served(file, read_auth, write_auth);
+		LocalServer served(file, read_auth, write_auth, cmds);
 		must(write(ready[1], "x", 1) == 1, "write");
 		for (;;)
 			pause();

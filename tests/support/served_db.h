@@ -52,7 +52,8 @@ private:
 };
 
 // A server in a process of its own, which serves from the moment that this returns on, until it is killed.
-Process serve_file(const ServedFile &file, const char *read_auth = nullptr, const char *write_auth = nullptr);
+Process serve_file(const ServedFile &file, const char *read_auth = nullptr, const char *write_auth = nullptr,
+    ostrel_db_cmds_t cmds = ostrel_files_db_cmds);
 
 std::string packed(attrlist_t *list);
 

@@ -1,0 +1,651 @@
+// The hatch server: requests as no client of ours would send them, who may do what, and how a server begins and ends.
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include "alloc_fault.h"
+#include "served_db.h"
+
+namespace {
+
+constexpr auto READ = OSTREL_HATCH_CMD_READ_REQ;
+constexpr auto WRITE = OSTREL_HATCH_CMD_WRITE_REQ;
+constexpr auto RENAME = OSTREL_HATCH_CMD_RENAME_REQ;
+constexpr auto REMOVE = OSTREL_HATCH_CMD_REMOVE_REQ;
+constexpr auto MAY_READ = OSTREL_HATCH_CMD_CHECK_READ_AUTH_REQ;
+constexpr auto MAY_WRITE = OSTREL_HATCH_CMD_CHECK_WRITE_AUTH_REQ;
+
+std::string ids(const std::string &text)
+{
+	return packed(idl_of(text).get());
+}
+
+std::string props(const std::string &text)
+{
+	return packed(props_of(text).get());
+}
+
+constexpr char first_text[] = "a=1;\tp=string,one;\na=2;\tp=string,two;\n";
+
+// A failure's reply: its head, with what came in the request.
+void expect_refused(const Reply &reply, const Block &request, ostrel_error_t result)
+{
+	EXPECT_EQ(reply.error, 0);
+	EXPECT_EQ(reply.size, sizeof(ostrel_hatch_arg_t));
+	ostrel_hatch_arg_t expected = {};
+	expected.nda_cmd = request.head.nda_cmd;
+	expected.nda_flags = request.head.nda_flags;
+	expected.nda_result = result;
+	EXPECT_EQ(memcmp(&reply.head, &expected, sizeof expected), 0)
+	    << "result " << reply.head.nda_result << ", not " << result << ", for command " << request.head.nda_cmd;
+}
+
+// ---- Requests ----
+
+class HatchRequests : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		SKIP_WITHOUT_ROOT();
+		file_.write(first_text);
+		server_ = std::make_unique<LocalServer>(file_);
+		hatch_ = open_hatch(file_.hatch);
+	}
+	// The next honest call works, and nothing was changed.
+	void TearDown() override
+	{
+		if (!hatch_)
+			return;
+		EXPECT_EQ(ask(hatch_.get(), Block(READ, ids("a=2"))).objects, "a=2;|p=two; ");
+		EXPECT_EQ(file_.text(), first_text);
+	}
+	void expect(const Block &request, ostrel_error_t result)
+	{
+		expect_refused(ask(hatch_.get(), request), request, result);
+	}
+
+	ServedFile file_;
+	std::unique_ptr<LocalServer> server_;
+	Fd hatch_;
+};
+
+TEST_F(HatchRequests, OfFewerThanFourBytesNeverReachTheHandler)
+{
+	for (size_t size = 0; size < 4; size++)
+		EXPECT_EQ(ask(hatch_.get(), std::string(size, '\xff')).error, ENOBUFS) << size;
+}
+
+TEST_F(HatchRequests, OfLessThanAHeadAreAnsweredWithTheirCommand)
+{
+	Block whole(READ);
+	whole.head.nda_flags = UINT64_MAX;
+	Block expected(READ);
+	expected.head.nda_flags = 0;
+	for (size_t size = 4; size < sizeof(ostrel_hatch_arg_t); size++)
+		expect_refused(ask(hatch_.get(), whole.bytes().substr(0, size)), expected, OSTREL_INVALID_ARG);
+}
+
+TEST_F(HatchRequests, OfAHeadAloneAreWhole)
+{
+	EXPECT_EQ(ask(hatch_.get(), Block(READ)).objects, "a=1;|p=one; a=2;|p=two; ");
+	expect(Block(MAY_READ), OSTREL_SUCCESS);
+	expect(Block(MAY_WRITE), OSTREL_SUCCESS);
+	// Without their lists the updates have nothing to do.
+	expect(Block(WRITE), OSTREL_INVALID_ARG);
+	expect(Block(WRITE, ids("a=1")), OSTREL_INVALID_ARG);
+	expect(Block(RENAME, ids("a=1")), OSTREL_INVALID_ARG);
+	expect(Block(RENAME, "", ids("a=1")), OSTREL_INVALID_ARG);
+}
+
+TEST_F(HatchRequests, WhoseLengthsDoNotAddUpAreRefused)
+{
+	const std::string id_bytes = ids("a=1");
+	const std::string data_bytes = props("p=x");
+	const uint64_t id_size = id_bytes.size();
+	const uint64_t data_size = data_bytes.size();
+	const uint64_t huge = UINT64_MAX;
+	const struct {
+		uint64_t idlen, datalen;
+	} lengths[] = {{id_size + 1, data_size}, {id_size - 1, data_size}, {id_size, data_size + 1},
+	    {id_size, data_size - 1}, {0, 0}, {huge, 0}, {0, huge}, {huge, huge},
+	    {huge - 39, id_size + data_size}, // 40 and these wrap to 0
+	    {id_size + data_size - (huge - 7), huge - 7}, {huge / 2 + 1, huge / 2 + 1 + id_size + data_size}};
+	for (const auto &row : lengths) {
+		Block block(WRITE, id_bytes, data_bytes);
+		block.head.nda_idlen = row.idlen;
+		block.head.nda_datalen = row.datalen;
+		// The last but one adds up, with a wrap; that is the point of it.
+		expect(block, OSTREL_INVALID_ARG);
+	}
+}
+
+TEST_F(HatchRequests, OfUnknownCommandsAreRefusedAfterAllElse)
+{
+	for (uint32_t cmd : {0U, 1U, 999U, 1006U, 1U << 31, UINT32_MAX}) {
+		Block block(static_cast<ostrel_hatch_cmd_t>(cmd));
+		expect(block, OSTREL_INVALID_ARG);
+		block.head.nda_result = OSTREL_EXISTS;
+		expect(block, OSTREL_EXISTS);
+	}
+}
+
+TEST_F(HatchRequests, ThatBringAResultGetItBack)
+{
+	for (ostrel_hatch_cmd_t cmd : {READ, WRITE, RENAME, REMOVE, MAY_READ, MAY_WRITE}) {
+		for (int result : {1, 5, 9, 10, -1}) {
+			Block block(cmd, ids("a=1"), ids("a=3"));
+			block.head.nda_result = static_cast<ostrel_error_t>(result);
+			expect(block, block.head.nda_result);
+		}
+	}
+}
+
+TEST_F(HatchRequests, WhoseListsDoNotUnpackAreRefused)
+{
+	const std::string good = ids("a=1");
+	std::string bad = good;
+	bad[0] ^= 1;
+	for (const std::string &bytes : {bad, good.substr(0, good.size() - 1), good + "x", std::string(100, '\0')}) {
+		for (ostrel_hatch_cmd_t cmd : {READ, WRITE, RENAME, REMOVE, MAY_READ, MAY_WRITE}) {
+			expect(Block(cmd, bytes, good), OSTREL_INVALID_ARG);
+			expect(Block(cmd, good, bytes), OSTREL_INVALID_ARG);
+		}
+	}
+}
+
+TEST_F(HatchRequests, WithDescriptorsAreRefused)
+{
+	std::string bytes = Block(READ).bytes();
+	hatch_desc_t desc = {0, hatch_.get()};
+	hatch_arg_t arg = {bytes.data(), bytes.size(), &desc, 1, nullptr, 1};
+	EXPECT_EQ(hatch_call(hatch_.get(), &arg), -1);
+	EXPECT_EQ(errno, ENOTSUP);
+}
+
+TEST_F(HatchRequests, OfManyMegabytesAreJudgedByTheDatabase)
+{
+	const std::string big = ids("a=" + std::string(size_t{sanitized ? 4 : 64} << 20, 'x'));
+	EXPECT_EQ(ask(hatch_.get(), Block(READ, big)).objects, "");
+	expect(Block(WRITE, big, props("p=x")), OSTREL_INVALID_ARG);
+	expect(Block(REMOVE, big), OSTREL_NOT_FOUND);
+}
+
+TEST_F(HatchRequests, CannotChooseAnotherFile)
+{
+	const std::string other = file_.scratch.write("other", first_text);
+	for (const std::string &name : {other, file_.scratch.directory() + "/./db", std::string()}) {
+		const std::string choosing = ids("object-db-name=" + name + ";a=1");
+		expect(Block(READ, choosing), OSTREL_EPERM);
+		expect(Block(WRITE, choosing, props("p=x")), OSTREL_EPERM);
+		expect(Block(RENAME, choosing, ids("a=3")), OSTREL_EPERM);
+		expect(Block(REMOVE, choosing), OSTREL_EPERM);
+	}
+	EXPECT_EQ(file_text(other), first_text);
+	const std::string same = ids("object-db-name=" + file_.path + ";a=1");
+	EXPECT_EQ(ask(hatch_.get(), Block(READ, same)).objects, "a=1;|p=one; ");
+	Database raw = open_database(file_.path, ostrel_rawfiles_db_cmds);
+	LocalHatch raw_hatch(file_.scratch.path("raw"), ostrel_hatch_handler, raw.get());
+	Fd raw_fd = open_hatch(file_.scratch.path("raw"));
+	EXPECT_EQ(ask(raw_fd.get(), Block(READ, ids("object-db-name=/etc/shadow"))).head.nda_result, OSTREL_EPERM);
+	EXPECT_EQ(ask(raw_fd.get(), Block(READ, ids("object-db-name=" + file_.path))).head.nda_result, OSTREL_SUCCESS);
+}
+
+// A store of the test's own: reads give as many objects of as many bytes as it says.
+struct Store {
+	unsigned int count = 1;
+	size_t size = 10;
+	std::chrono::milliseconds takes{0};
+} store;
+
+ostrel_error_t read_store(ostrel_db_t db, attrlist_t *, uint64_t, attrlist_t ***objs, unsigned int *count)
+{
+	std::this_thread::sleep_for(store.takes);
+	EXPECT_EQ(ostrel_db_get_flags(db), 0U); // a handle that is still there
+	Objects found;
+	if (!found.alloc(store.count))
+		return OSTREL_NO_MEMORY;
+	for (unsigned int i = 0; i < found.count(); i++)
+		found[i] = object_of("a=1", "p=" + std::string(store.size, 'x')).release();
+	*count = found.count();
+	*objs = found.release();
+	return OSTREL_SUCCESS;
+}
+
+constexpr struct ostrel_db_cmds store_cmds = {
+    nullptr, nullptr, read_store, nullptr, nullptr, nullptr, nullptr, nullptr};
+
+TEST_F(HatchRequests, WithoutADatabaseToServeAreRefused)
+{
+	const std::string path = file_.scratch.path("none");
+	struct ostrel_db no_table = {};
+	constexpr struct ostrel_db_cmds no_slots = {};
+	Database empty = open_database("x", &no_slots);
+	for (ostrel_db_t db : {static_cast<ostrel_db_t>(nullptr), &no_table, empty.get()}) {
+		LocalHatch hatch(path, ostrel_hatch_handler, db);
+		Fd fd = open_hatch(path);
+		for (ostrel_hatch_cmd_t cmd : {READ, WRITE, REMOVE})
+			expect_refused(ask(fd.get(), Block(cmd)), Block(cmd), OSTREL_INVALID_ARG);
+		Block nothing(static_cast<ostrel_hatch_cmd_t>(0));
+		nothing.head.nda_flags = 0;
+		for (size_t size = 0; size < 4; size++)
+			expect_refused(ask(fd.get(), std::string(size, '\0')), nothing, OSTREL_INVALID_ARG);
+	}
+}
+
+// ---- Replies ----
+
+class HatchReplies : public testing::Test {
+protected:
+	void SetUp() override { SKIP_WITHOUT_ROOT(); }
+	void TearDown() override { store = Store(); }
+
+	ServedFile file_;
+};
+
+TEST_F(HatchReplies, OfEveryLengthComeThroughWhole)
+{
+	LocalServer server(file_, nullptr, nullptr, &store_cmds);
+	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
+	const size_t border = 65536; // beyond it the stack isn't used
+	std::vector<size_t> sizes = {0, 1, 4096, 200'000, 262'144, 1U << 20, size_t{sanitized ? 1U : 16U} << 20};
+	for (size_t size = border - 260; size < border; size++)
+		sizes.push_back(size);
+	for (size_t size : sizes) {
+		store.size = size;
+		AttrList found;
+		char *value = nullptr;
+		ASSERT_EQ(ostrel_db_read(db.get(), idl_of("a=1").get(), 0, found.out()), OSTREL_SUCCESS) << size;
+		ASSERT_EQ(ostrel_atl_get_one_string(found.get(), "p", &value), 0) << size;
+		ASSERT_TRUE(value == std::string(size, 'x')) << size;
+	}
+	store = {10'000, 10};
+	auto count = [](ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *arg) {
+		++*static_cast<int *>(arg);
+		return 0;
+	};
+	int objects = 0;
+	EXPECT_EQ(ostrel_db_walk(db.get(), nullptr, 0, count, nullptr, &objects, nullptr), OSTREL_SUCCESS);
+	EXPECT_EQ(objects, 10'000);
+}
+
+TEST_F(HatchReplies, OfAMegabyteTenThousandTimesLeaveNothingBehind)
+{
+	store.size = 1U << 20;
+	Process server = serve_file(file_, nullptr, nullptr, &store_cmds);
+	Fd hatch = open_hatch(file_.hatch);
+	std::string request = Block(READ).bytes();
+	std::string room((1U << 20) + 4096, '\0');
+	auto once = [&] {
+		hatch_arg_t arg = {request.data(), request.size(), nullptr, 0, room.data(), room.size()};
+		return hatch_call(hatch.get(), &arg) == 0 && arg.data_size > (1U << 20) && arg.rbuf == room.data();
+	};
+	for (int i = 0; i < 20; i++)
+		ASSERT_TRUE(once());
+	const long before = anonymous_kib(server.pid());
+	for (int i = 0; i < (sanitized ? 200 : 10'000); i++)
+		ASSERT_TRUE(once());
+	if (!sanitized) {
+		// Each thread that served keeps room for one reply; a leak would be gigabytes.
+		EXPECT_LT(anonymous_kib(server.pid()) - before, 32 * 1024);
+	}
+}
+
+// ---- Who may do what ----
+
+class HatchRights : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		SKIP_WITHOUT_ROOT();
+		for (const char *name : {"daemon", "bin", "sys"}) {
+			if (getpwnam(name) == nullptr)
+				GTEST_SKIP() << "no user " << name;
+		}
+		file_.write(first_text);
+		file_.write_rights("daemon: ostrel.read, ostrel.write\nbin: ostrel.read\n");
+	}
+	void TearDown() override { (void) unsetenv("MERIDON_ROOT"); }
+	static uid_t user(const char *name) { return getpwnam(name)->pw_uid; }
+
+	// What a user may do, each asked for by a process of that user: one letter for each operation that succeeds, in
+	// upper case for those that ask only. Every other one must fail with OSTREL_EPERM.
+	std::string may(uid_t real, uid_t effective)
+	{
+		constexpr char letters[] = "rkuRW";
+		Process client([&] {
+			become(real, effective);
+			ostrel_db_t db = nullptr;
+			if (ostrel_db_open(file_.hatch.c_str(), 0, ostrel_hatches_db_cmds, 0, &db) != OSTREL_SUCCESS)
+				return 99;
+			auto nothing = [](ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *) { return 0; };
+			AttrList idl = idl_of("a=1");
+			const ostrel_error_t results[] = {ostrel_db_read(db, idl.get(), 0, nullptr),
+			    ostrel_db_walk(db, nullptr, 0, nothing, nullptr, nullptr, nullptr), update(db),
+			    ostrel_db_check_auth(db, B_FALSE), ostrel_db_check_auth(db, B_TRUE)};
+			int bits = 0;
+			for (int i = 0; i < 5; i++) {
+				bits |= results[i] == OSTREL_SUCCESS ? 1 << i : 0;
+				if (results[i] != OSTREL_SUCCESS && results[i] != OSTREL_EPERM)
+					return 100 + i;
+			}
+			return bits;
+		});
+		const int bits = client.wait();
+		if (bits >= 32)
+			return "status " + std::to_string(bits);
+		std::string text;
+		for (size_t i = 0; i < 5; i++)
+			text += (bits & (1 << i)) != 0 ? std::string(1, letters[i]) : "";
+		return text;
+	}
+	std::string may(const char *name) { return may(user(name), user(name)); }
+
+	ServedFile file_;
+
+private:
+	// All three of them, which must agree and undo one another.
+	static ostrel_error_t update(ostrel_db_t db)
+	{
+		const ostrel_error_t written = ostrel_db_write(db, idl_of("a=9").get(), 0, props_of("p=x").get());
+		const ostrel_error_t renamed = ostrel_db_rename(db, idl_of("a=9").get(), 0, idl_of("a=8").get());
+		const ostrel_error_t removed = ostrel_db_remove(db, idl_of("a=8").get(), 0);
+		return written == renamed && renamed == removed ? written : OSTREL_FAILURE;
+	}
+};
+
+TEST_F(HatchRights, EachUserMayDoWhatTheFileSays)
+{
+	Process server = serve_file(file_, "ostrel.read", "ostrel.write");
+	EXPECT_EQ(may("daemon"), "rkuRW");
+	EXPECT_EQ(may("bin"), "rkR");
+	EXPECT_EQ(may("sys"), "");
+	EXPECT_EQ(may("root"), "rkuRW");
+	EXPECT_EQ(may(3'000'000'000U, 3'000'000'000U), "") << "a user that nobody knows";
+	EXPECT_EQ(file_.text(), first_text);
+	// A file that is changed counts at once.
+	file_.write_rights("%bin: ostrel.*\n");
+	EXPECT_EQ(may("bin"), "rkuRW");
+	EXPECT_EQ(may("daemon"), "");
+}
+
+TEST_F(HatchRights, TheRealUserCountsWhateverTheEffectiveOneIs)
+{
+	Process server = serve_file(file_, "ostrel.read", "ostrel.write");
+	EXPECT_EQ(may(user("bin"), 0), "rkR");
+	EXPECT_EQ(may(user("sys"), user("daemon")), "");
+	EXPECT_EQ(may(0, user("sys")), "rkuRW");
+}
+
+TEST_F(HatchRights, AnEmptyNameLetsEverybody)
+{
+	Process open_to_read = serve_file(file_, "", "ostrel.write");
+	EXPECT_EQ(may("sys"), "rkR");
+	EXPECT_EQ(may(3'000'000'000U, 3'000'000'000U), "rkR");
+	open_to_read.kill();
+	Process open_to_all = serve_file(file_);
+	EXPECT_EQ(may("sys"), "rkuRW");
+	EXPECT_EQ(may(3'000'000'000U, 3'000'000'000U), "rkuRW");
+}
+
+TEST_F(HatchRights, ARequestFromOutsideLearnsNothingOfWhatItAsksFor)
+{
+	Process server = serve_file(file_, "ostrel.read", "ostrel.write");
+	Process client([&] {
+		become(user("sys"), user("sys"));
+		Fd hatch = open_hatch(file_.hatch);
+		auto refused = [&](const Block &block) {
+			return ask(hatch.get(), block).head.nda_result == OSTREL_EPERM;
+		};
+		// What is there and what isn't, what is sensible and what isn't: the same answer.
+		return refused(Block(READ, ids("a=1"))) && refused(Block(READ, ids("a=7"))) && refused(Block(REMOVE)) &&
+			       refused(Block(WRITE)) && refused(Block(RENAME, ids("a=7"), ids("a=1"))) &&
+			       refused(Block(READ, ids("object-db-name=/etc/passwd")))
+			   ? 0
+			   : 1;
+	});
+	EXPECT_EQ(client.wait(), 0);
+	EXPECT_EQ(file_.text(), first_text);
+}
+
+// ---- Beginning and end ----
+
+class HatchServer : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		SKIP_WITHOUT_ROOT();
+		file_.write(first_text);
+	}
+	ostrel_error_t create(const std::string &path)
+	{
+		return ostrel_hatchserver_create(path.c_str(), nullptr, nullptr, db_.get(), &hatch_);
+	}
+	static struct stat look(const std::string &path)
+	{
+		struct stat st = {};
+		EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
+		return st;
+	}
+
+	ServedFile file_;
+	Database db_ = open_database(file_.path);
+	int hatch_ = -1;
+};
+
+TEST_F(HatchServer, MakesItsPlaceAsItMustBeAndLeavesTheDirectory)
+{
+	const std::string directory = file_.scratch.path("hatches");
+	for (int round = 0; round < 2; round++) {
+		const mode_t mask = umask(0077);
+		ASSERT_EQ(create(file_.hatch), OSTREL_SUCCESS);
+		(void) umask(mask);
+		EXPECT_EQ(look(file_.hatch).st_mode, S_IFREG | 0644U);
+		EXPECT_EQ(look(directory).st_mode, S_IFDIR | 0755U);
+		EXPECT_EQ(look(directory).st_uid, 16U);
+		EXPECT_EQ(look(directory).st_gid, 65U);
+		EXPECT_NE(fcntl(hatch_, F_GETFD), -1);
+		ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_);
+		EXPECT_FALSE(file_.scratch.has("hatches/db"));
+		// What is there already is put right.
+		ASSERT_EQ(chmod(directory.c_str(), 0700), 0);
+		ASSERT_EQ(chown(directory.c_str(), 0, 0), 0);
+		attachable(file_.hatch, 0600);
+	}
+}
+
+TEST_F(HatchServer, StoresItsRightsFirstAndCutsThem)
+{
+	const std::string two_levels = file_.scratch.path("no/such");
+	ASSERT_EQ(ostrel_hatchserver_create(
+		      (two_levels + "/db").c_str(), "r", std::string(2000, 'w').c_str(), db_.get(), &hatch_),
+	    OSTREL_NOT_FOUND);
+	EXPECT_STREQ(ostrel_db_get_read_auth(db_.get()), "r");
+	EXPECT_EQ(ostrel_db_get_write_auth(db_.get()), std::string(1023, 'w'));
+	ASSERT_EQ(create(file_.hatch), OSTREL_SUCCESS);
+	EXPECT_STREQ(ostrel_db_get_read_auth(db_.get()), "");
+	ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_);
+}
+
+TEST_F(HatchServer, RefusesWhatItCannotServe)
+{
+	EXPECT_EQ(
+	    ostrel_hatchserver_create(file_.hatch.c_str(), nullptr, nullptr, nullptr, &hatch_), OSTREL_INVALID_ARG);
+	EXPECT_EQ(
+	    ostrel_hatchserver_create(file_.hatch.c_str(), nullptr, nullptr, db_.get(), nullptr), OSTREL_INVALID_ARG);
+	Database nameless = open_database("");
+	EXPECT_EQ(ostrel_hatchserver_create(file_.hatch.c_str(), nullptr, nullptr, nameless.get(), &hatch_),
+	    OSTREL_INVALID_ARG);
+	EXPECT_EQ(ostrel_hatchserver_create(nullptr, nullptr, nullptr, db_.get(), &hatch_), OSTREL_INVALID_ARG);
+	EXPECT_EQ(create(""), OSTREL_INVALID_ARG);
+	EXPECT_FALSE(file_.scratch.has("hatches"));
+	EXPECT_EQ(create(file_.path + "/db"), OSTREL_NOT_FOUND) << "the directory is a file";
+	EXPECT_EQ(hatch_, -1);
+}
+
+TEST_F(HatchServer, ChangesNoFileThatIsNotItsOwn)
+{
+	const int before = open_descriptors();
+	ASSERT_EQ(mkdir(file_.scratch.path("hatches").c_str(), 0755), 0);
+	ASSERT_EQ(chmod(file_.path.c_str(), 0600), 0);
+	ASSERT_EQ(symlink(file_.path.c_str(), file_.hatch.c_str()), 0);
+	EXPECT_EQ(create(file_.hatch), OSTREL_FAILURE);
+	ASSERT_EQ(unlink(file_.hatch.c_str()), 0);
+	ASSERT_EQ(link(file_.path.c_str(), file_.hatch.c_str()), 0);
+	EXPECT_EQ(create(file_.hatch), OSTREL_INVALID_ARG);
+	EXPECT_EQ(look(file_.path).st_mode, S_IFREG | 0600U);
+	ASSERT_EQ(unlink(file_.hatch.c_str()), 0);
+	ASSERT_EQ(mkfifo(file_.hatch.c_str(), 0600), 0);
+	EXPECT_EQ(create(file_.hatch), OSTREL_INVALID_ARG);
+	ASSERT_EQ(unlink(file_.hatch.c_str()), 0);
+	EXPECT_EQ(create(file_.scratch.write("hatches/db", "not a hatch")), OSTREL_FAILURE);
+	EXPECT_EQ(file_text(file_.hatch), "not a hatch");
+	EXPECT_EQ(hatch_, -1);
+	EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(HatchServer, NeedsTheRightToChangeOwners)
+{
+	const std::string directory = file_.scratch.path("hatches");
+	ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
+	ASSERT_EQ(chown(directory.c_str(), 1000, 1000), 0);
+	Process server([&] {
+		become(1000, 1000);
+		return create(file_.hatch) == OSTREL_EPERM && hatch_ == -1 ? 0 : 1;
+	});
+	EXPECT_EQ(server.wait(), 0);
+	EXPECT_FALSE(file_.scratch.has("hatches/db"));
+}
+
+TEST_F(HatchServer, TakesThePathOverFromOneThatLives)
+{
+	ServedFile other;
+	other.hatch = file_.hatch;
+	other.write("a=3;\tp=string,three;\n");
+	Process first = serve_file(other);
+	Fd old = open_hatch(file_.hatch);
+	EXPECT_EQ(ask(old.get(), Block(READ)).objects, "a=3;|p=three; ");
+	ASSERT_EQ(create(file_.hatch), OSTREL_SUCCESS);
+	EXPECT_EQ(ask(old.get(), Block(READ)).error, EBADF);
+	Fd fresh = open_hatch(file_.hatch);
+	EXPECT_EQ(ask(fresh.get(), Block(READ, ids("a=1"))).objects, "a=1;|p=one; ");
+	ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_);
+}
+
+TEST_F(HatchServer, WithoutAHatchDestroysThePathAlone)
+{
+	ASSERT_EQ(create(file_.hatch), OSTREL_SUCCESS);
+	Fd fd = open_hatch(file_.hatch);
+	ASSERT_EQ(ask(fd.get(), Block(MAY_READ)).error, 0);
+	ostrel_hatchserver_destroy(file_.hatch.c_str(), -1);
+	EXPECT_FALSE(file_.scratch.has("hatches/db"));
+	EXPECT_NE(fcntl(hatch_, F_GETFD), -1);
+	ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_);
+	EXPECT_EQ(fcntl(hatch_, F_GETFD), -1);
+}
+
+// The handle goes right behind the server: what still used it would be seen by a sanitizer.
+TEST_F(HatchServer, EndsUnderLoadWithNothingOfItsRunning)
+{
+	store.takes = std::chrono::milliseconds(2);
+	for (int round = 0; round < (sanitized ? 5 : 20); round++) {
+		auto server = std::make_unique<LocalServer>(file_, nullptr, nullptr, &store_cmds);
+		Database client = open_database(file_.hatch, ostrel_hatches_db_cmds);
+		std::atomic<int> good = 0;
+		std::atomic<int> odd = 0;
+		std::vector<std::thread> threads;
+		for (int t = 0; t < 8; t++) {
+			threads.emplace_back([&] {
+				ostrel_error_t result;
+				do {
+					result = ostrel_db_read(client.get(), idl_of("a=1").get(), 0, nullptr);
+					good += result == OSTREL_SUCCESS;
+				} while (result == OSTREL_SUCCESS);
+				odd += result != OSTREL_FAILURE && result != OSTREL_NOT_FOUND;
+			});
+		}
+		EXPECT_TRUE(eventually([&] { return good >= 16; }));
+		server.reset();
+		for (std::thread &thread : threads)
+			thread.join();
+		EXPECT_EQ(odd, 0);
+	}
+	store = Store();
+}
+
+// ---- Memory that runs out ----
+
+// Runs the handler with an allocation that fails, as often as the test says, and sees to it that the thread has given
+// back what it took for the call before. The state of a fault outlives its call, which isn't left the usual way.
+struct Starved {
+	ostrel_db_t db;
+	int nth = 0;
+	std::deque<AllocFault> faults;
+	std::atomic<int> leaks = 0;
+	std::atomic<bool> slow = false;
+};
+thread_local long blocks_before = -1;
+
+void starve(void *cookie, char *arg, size_t size, hatch_desc_t *descs, unsigned int ndescs)
+{
+	auto *starved = static_cast<Starved *>(cookie);
+	if (starved->slow) {
+		usleep(50'000);
+		hatch_return(nullptr, 0, nullptr, 0);
+	}
+	starved->leaks += blocks_before != -1 && heap_use().blocks != blocks_before;
+	blocks_before = heap_use().blocks;
+	if (starved->nth > 0) {
+		starved->faults.emplace_back(1000'000); // what the queue needs is taken
+		blocks_before = heap_use().blocks;
+		new (&starved->faults.back()) AllocFault(starved->nth);
+	}
+	ostrel_hatch_handler(starved->db, arg, size, descs, ndescs);
+}
+
+TEST_F(HatchServer, AnswersWhicheverAllocationFailsAndKeepsNothing)
+{
+	SKIP_WITHOUT_ALLOC_FAULTS();
+	struct Case {
+		Block request;
+		std::string objects;
+	};
+	const Case cases[] = {
+	    {Block(READ, ids("a=1")), "a=1;|p=one; "},
+	    {Block(WRITE, ids("a=2"), props("p=two")), ""},
+	    {Block(MAY_READ), ""},
+	};
+	for (const Case &row : cases) {
+		Starved starved = {db_.get(), 0, {}, 0, true};
+		LocalHatch hatch(file_.scratch.path("starved"), starve, &starved);
+		Fd fd = open_hatch(file_.scratch.path("starved"));
+		// Starting a thread takes memory that another one gives back: so there are enough of them before.
+		std::vector<std::thread> crowd;
+		for (int i = 0; i < 8; i++)
+			crowd.emplace_back([&] { (void) call(fd.get(), std::string("wait")); });
+		for (std::thread &thread : crowd)
+			thread.join();
+		starved.slow = false;
+		for (int warm = 0; warm < 5; warm++)
+			EXPECT_EQ(ask(fd.get(), row.request).objects, row.objects);
+		bool fired = true;
+		for (starved.nth = 1; fired && starved.nth < 1000; starved.nth++) {
+			Reply reply = ask(fd.get(), row.request);
+			ASSERT_EQ(reply.error, 0);
+			fired = starved.faults.back().fired();
+			EXPECT_EQ(reply.head.nda_result, fired ? OSTREL_NO_MEMORY : OSTREL_SUCCESS) << starved.nth;
+			EXPECT_EQ(reply.objects, fired ? "" : row.objects);
+		}
+		EXPECT_GT(starved.nth, 2);
+		EXPECT_EQ(starved.leaks, 0);
+		EXPECT_EQ(file_.text(), first_text);
+	}
+}
+
+} // namespace
