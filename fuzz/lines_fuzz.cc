@@ -93,7 +93,7 @@ int write_again(ostrel_db_t, attrlist_t *ids, attrlist_t *props, uint64_t, void 
 {
 	char idstr[1024];
 	ostrel_line first, second;
-	if (ostrel_idlist2idstr(ids, idstr) != OSTREL_SUCCESS ||
+	if (ostrel_check_identifiers(ids) != OSTREL_SUCCESS || ostrel_idlist2idstr(ids, idstr) != OSTREL_SUCCESS ||
 	    ostrel_format_line(&first, idstr, props) != OSTREL_SUCCESS)
 		return 0;
 	std::string line(first.text, first.length);
