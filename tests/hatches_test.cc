@@ -306,7 +306,21 @@ TEST_F(HatchDatabase, AFailedAllocationFailsOneOperationAndLeavesNothing)
 struct Canned {
 	std::string request;
 	int calls = 0;
-	std::string reply;
+
+	void set_reply(const std::string &bytes)
+	{
+		std::lock_guard<std::mutex> hold(lock_);
+		reply_ = bytes;
+	}
+	size_t copy_reply(char *room, size_t size)
+	{
+		std::lock_guard<std::mutex> hold(lock_);
+		return reply_.copy(room, size);
+	}
+
+private:
+	std::mutex lock_;
+	std::string reply_;
 };
 
 void answer_canned(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
@@ -314,7 +328,9 @@ void answer_canned(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigne
 	auto *canned = static_cast<Canned *>(cookie);
 	canned->request.assign(arg, size);
 	canned->calls++;
-	hatch_return(canned->reply.data(), canned->reply.size(), nullptr, 0);
+	char reply[4096]; // hatch_return() jumps over destructors
+	size_t length = canned->copy_reply(reply, sizeof(reply));
+	hatch_return(reply, length, nullptr, 0);
 }
 
 class HatchBlocks : public testing::Test {
@@ -419,7 +435,7 @@ TEST_F(HatchBlocks, AReplyIsBelievedNoFurtherThanItReaches)
 	    {reply_of(OSTREL_SUCCESS, 0, bare.size(), bare), "? object not found"},
 	};
 	for (const auto &row : cases) {
-		canned_.reply = row.reply;
+		canned_.set_reply(row.reply);
 		EXPECT_EQ(read(db_, "a=1"), row.answer) << "case " << &row - cases;
 	}
 }
@@ -429,7 +445,7 @@ TEST_F(HatchBlocks, AnEmptyListOfObjectsIsASuccess)
 	AttrList list;
 	ASSERT_EQ(ostrel_object_list_create(nullptr, 0, list.out()), OSTREL_SUCCESS);
 	const std::string none = packed(list.get());
-	canned_.reply = reply_of(OSTREL_SUCCESS, 0, none.size(), none);
+	canned_.set_reply(reply_of(OSTREL_SUCCESS, 0, none.size(), none));
 	EXPECT_EQ(walk(db_, nullptr), "");
 	EXPECT_EQ(read(db_, "a=1"), "? object not found");
 	Objects objs;
