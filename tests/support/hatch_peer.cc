@@ -224,24 +224,46 @@ void Process::kill()
 	(void) wait();
 }
 
+WaitingServer::Pipe WaitingServer::make_pipe()
+{
+	int ends[2];
+	must(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
+	return {Fd(ends[0]), Fd(ends[1])};
+}
+
+static int serve_when_told(const std::string &path, int told, int ready)
+{
+	char byte;
+	if (read(told, &byte, 1) != 1)
+		return 0;
+	int hatch = hatch_create(obey, nullptr, HATCH_REFUSE_DESC);
+	must(hatch != -1, "hatch_create");
+	must(fattach(hatch, path.c_str()) == 0, "fattach");
+	must(write(ready, "x", 1) == 1, "write");
+	for (;;)
+		pause();
+}
+
+WaitingServer::WaitingServer(const std::string &path)
+    : process_([&] {
+	      (void) close(told_.write_end.get());
+	      return serve_when_told(path, told_.read_end.get(), ready_.write_end.get());
+      })
+{
+	ready_.write_end = Fd();
+}
+
+Process WaitingServer::start()
+{
+	char byte = 'x';
+	must(write(told_.write_end.get(), &byte, 1) == 1, "write");
+	must(read(ready_.read_end.get(), &byte, 1) == 1, "the server didn't come up");
+	return std::move(process_);
+}
+
 Process serve(const std::string &path)
 {
-	int ready[2];
-	must(pipe2(ready, O_CLOEXEC) == 0, "pipe2");
-	Process server([&] {
-		int hatch = hatch_create(obey, nullptr, HATCH_REFUSE_DESC);
-		must(hatch != -1, "hatch_create");
-		must(fattach(hatch, path.c_str()) == 0, "fattach");
-		must(write(ready[1], "x", 1) == 1, "write");
-		for (;;)
-			pause();
-		return 0;
-	});
-	(void) close(ready[1]);
-	char byte;
-	must(read(ready[0], &byte, 1) == 1, "the server didn't come up");
-	(void) close(ready[0]);
-	return server;
+	return WaitingServer(path).start();
 }
 
 Answer call(int hatch, const std::string &request, size_t room)

@@ -82,6 +82,24 @@ private:
 	pid_t pid_;
 };
 
+// A process that serves `obey` at a path once it is started. It is forked at once: in the child of a process with busy
+// threads, a sanitizer's allocator may be locked.
+class WaitingServer {
+public:
+	explicit WaitingServer(const std::string &path);
+	Process start();
+
+private:
+	struct Pipe {
+		Fd read_end;
+		Fd write_end;
+	};
+	Pipe told_ = make_pipe();
+	Pipe ready_ = make_pipe();
+	Process process_;
+	static Pipe make_pipe();
+};
+
 // A process that serves `obey` at a path, from the moment that this returns on. Without fdetach() before, and it doesn't
 // wait for anybody at its end.
 Process serve(const std::string &path);
