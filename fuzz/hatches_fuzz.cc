@@ -56,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	static World world;
 	{
 		std::lock_guard<std::mutex> hold(world.reply.lock);
-		world.reply.bytes.assign(reinterpret_cast<const char *>(data), size);
+		world.reply.bytes.assign(reinterpret_cast<const char *>(data), data == nullptr ? 0 : size);
 	}
 	int seen = 0;
 	ostrel_error_t walked = ostrel_db_walk(world.db, nullptr, 0, look, nullptr, &seen, nullptr);
@@ -69,7 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	demand(found != OSTREL_SUCCESS || props);
 	// A server that asks for a later try gets one, from a thread that outlives this.
 	ostrel_hatch_arg_t head = {};
-	memcpy(&head, data, size < sizeof(head) ? size : sizeof(head));
+	if (size > 0)
+		memcpy(&head, data, size < sizeof(head) ? size : sizeof(head));
 	if (head.nda_result != OSTREL_NEEDS_RETRY) {
 		ostrel_error_t written = ostrel_db_write(world.db, ids.get(), 0, ids.get());
 		demand(written != OSTREL_SUCCESS || size == 0 || size >= sizeof(head));

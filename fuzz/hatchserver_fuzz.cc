@@ -46,7 +46,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
 	static World world;
 	ostrel_hatch_arg_t sent = {};
-	memcpy(&sent, data, size < sizeof(sent) ? size : sizeof(sent));
+	if (size > 0)
+		memcpy(&sent, data, size < sizeof(sent) ? size : sizeof(sent));
 	ostrel_hatch_arg_t head = ask(world.client.get(), data, size);
 	demand(size < sizeof(sent.nda_cmd) || head.nda_cmd == sent.nda_cmd);
 	if (size < sizeof(sent))
