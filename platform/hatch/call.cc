@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <pthread.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <meridon/hatch.h>
@@ -40,7 +41,28 @@ constexpr Outcome broken(int error)
 // A connection that fails has lost its server; only what the caller can do something about keeps its own name.
 int connection_error(int error)
 {
-	return error == EINTR || error == ENOMEM ? error : error == ENOBUFS ? ENOMEM : EBADF;
+	switch (error) {
+	case EINTR:
+	case ENOMEM:
+		return error;
+	case ENOBUFS:
+		return ENOMEM;
+	case EAGAIN: // of a socket that may wait for so long and no longer
+		return ETIMEDOUT;
+	default:
+		return EBADF;
+	}
+}
+
+// Says how long each message may take. A connection keeps that, so that calls of one kind say it once.
+void set_patience(Connection *connection, int seconds)
+{
+	if (connection->seconds == seconds)
+		return;
+	timeval wait = {seconds, 0};
+	(void) setsockopt(connection->socket.get(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+	(void) setsockopt(connection->socket.get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+	connection->seconds = seconds;
 }
 
 int send_first(const Connection &connection, const hatch_arg_t &arg, size_t *sent)
@@ -153,7 +175,8 @@ constexpr int attempts_max = 20;
 
 // Sends the first message over a connection that was kept, or a new one. One that the server hung up before doesn't
 // count: nothing of the call was sent over it.
-int begin_call(int fd, const Attachment &attachment, const hatch_arg_t &arg, Connection **out, size_t *sent)
+int begin_call(
+    int fd, const Attachment &attachment, const hatch_arg_t &arg, int seconds, Connection **out, size_t *sent)
 {
 	int error = EBADF;
 	for (int attempt = 0; attempt < attempts_max;) {
@@ -163,6 +186,7 @@ int begin_call(int fd, const Attachment &attachment, const hatch_arg_t &arg, Con
 			if (int no_road = make_connection(fd, attachment, Waiting::yes, out))
 				return no_road;
 		}
+		set_patience(*out, seconds);
 		error = send_first(**out, arg, sent);
 		if (error == 0)
 			return 0;
@@ -173,14 +197,14 @@ int begin_call(int fd, const Attachment &attachment, const hatch_arg_t &arg, Con
 	return connection_error(error);
 }
 
-int call(int fd, hatch_arg_t *arg)
+int call(int fd, hatch_arg_t *arg, int seconds)
 {
 	Look look;
 	if (!look_at(fd, &look))
 		return EBADF;
 	Connection *connection;
 	size_t sent;
-	if (int error = begin_call(fd, look.attachment, *arg, &connection, &sent))
+	if (int error = begin_call(fd, look.attachment, *arg, seconds, &connection, &sent))
 		return error;
 	Outcome outcome = broken(send_rest(*connection, *arg, sent));
 	if (outcome.error == 0)
@@ -244,12 +268,17 @@ int fail_with(int error)
 
 int hatch_call(int fd, hatch_arg_t *arg)
 {
+	return hatch_call_timed(fd, arg, 0);
+}
+
+int hatch_call_timed(int fd, hatch_arg_t *arg, int seconds)
+{
 	hatch::NotCancelled guard;
-	if (arg == nullptr || (arg->data_ptr == nullptr && arg->data_size != 0))
+	if (arg == nullptr || (arg->data_ptr == nullptr && arg->data_size != 0) || seconds < 0)
 		return hatch::fail_with(EFAULT);
 	if (arg->desc_num != 0)
 		return hatch::fail_with(ENOTSUP);
-	return hatch::fail_with(hatch::call(fd, arg));
+	return hatch::fail_with(hatch::call(fd, arg, seconds));
 }
 
 int hatch_info(int fd, hatch_info_t *info)

@@ -20,6 +20,7 @@ struct Connection {
 	Fd socket;
 	Attachment attachment;
 	size_t piece;    // payload that a message of ours can have
+	int seconds;     // how long a step may wait for the other end; 0 without end
 	Mapping landing; // where replies are received that the caller has no room for; made when first needed
 };
 

@@ -172,6 +172,14 @@ int hatch_peercred(peercred_t **cred);
 int hatch_call(int hatch, hatch_arg_t *arg);
 
 /*
+ * The same for a caller that doesn't wait for ever: once the server has neither taken nor sent anything for `seconds`, the
+ * call fails, and may have been carried out or not. 0 seconds wait without end; a negative number is EFAULT.
+ *
+ * Errors:  as hatch_call(), and ETIMEDOUT
+ */
+int hatch_call_timed(int hatch, hatch_arg_t *arg, int seconds);
+
+/*
  * Tells about a hatch: `hatch` is a descriptor of an attached path, or one from hatch_create() in this process.
  *
  * HATCH_REVOKED in di_attributes says that the hatch was revoked or its server has gone: found without a call. A

@@ -1,0 +1,389 @@
+// Handles: binding to a daemon, and the one road to it. What every object needs lies here, too.
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <meridon/enclave.h>
+#include <meridon/hatch.h>
+
+#include "base/files.h"
+#include "rpy/object.h"
+
+namespace rpy {
+namespace {
+
+constexpr const char *hatch_place = "system/transient/repository_hatch";
+constexpr size_t path_max = 1024;
+
+thread_local rpy_error_t last_error = RPY_ERROR_NONE;
+
+constexpr struct {
+	rpy_error_t error;
+	const char *text;
+} error_texts[] = {
+    {RPY_ERROR_NONE, "no error"},
+    {RPY_ERROR_NOT_BOUND, "the handle isn't bound to a repository"},
+    {RPY_ERROR_NOT_SET, "the object is empty"},
+    {RPY_ERROR_NOT_FOUND, "nothing of that name"},
+    {RPY_ERROR_TYPE_MISMATCH, "another type"},
+    {RPY_ERROR_IN_USE, "in use"},
+    {RPY_ERROR_CONNECTION_BROKEN, "the repository daemon has gone"},
+    {RPY_ERROR_INVALID_ARGUMENT, "an invalid argument"},
+    {RPY_ERROR_NO_MEMORY, "out of memory"},
+    {RPY_ERROR_CONSTRAINT_VIOLATED, "not possible for this object"},
+    {RPY_ERROR_EXISTS, "exists already"},
+    {RPY_ERROR_NO_SERVER, "no repository daemon serves there"},
+    {RPY_ERROR_NO_RESOURCES, "out of room or descriptors"},
+    {RPY_ERROR_PERMISSION_DENIED, "no permission"},
+    {RPY_ERROR_BACKEND_ACCESS, "the store can't be reached"},
+    {RPY_ERROR_HANDLE_MISMATCH, "objects of different handles"},
+    {RPY_ERROR_HANDLE_DESTROYED, "the handle has gone"},
+    {RPY_ERROR_VERSION_MISMATCH, "an unknown client version"},
+    {RPY_ERROR_BACKEND_READONLY, "the store can't be written at present"},
+    {RPY_ERROR_DELETED, "was deleted"},
+    {RPY_ERROR_TEMPLATE_INVALID, "an invalid template"},
+    {RPY_ERROR_CONFLICT, "a conflict"},
+    {RPY_ERROR_CALLBACK_FAILED, "a callback failed"},
+    {RPY_ERROR_INTERNAL, "the repository daemon couldn't do it"},
+};
+
+// What a failing road to the daemon says to the caller.
+rpy_error_t call_error(int error)
+{
+	switch (error) {
+	case ENOMEM:
+		return RPY_ERROR_NO_MEMORY;
+	case EMFILE:
+	case ENFILE:
+		return RPY_ERROR_NO_RESOURCES;
+	case EBADF:
+	case ETIMEDOUT:
+	case ECONNABORTED:
+		return RPY_ERROR_CONNECTION_BROKEN;
+	default:
+		return RPY_ERROR_INTERNAL;
+	}
+}
+
+rpy_error_t bind_error(int error)
+{
+	switch (error) {
+	case EACCES:
+	case EPERM:
+		return RPY_ERROR_PERMISSION_DENIED;
+	case ENOMEM:
+		return RPY_ERROR_NO_MEMORY;
+	case EMFILE:
+	case ENFILE:
+		return RPY_ERROR_NO_RESOURCES;
+	default:
+		return RPY_ERROR_NO_SERVER;
+	}
+}
+
+// A mapping that a call gave.
+struct FreshReply {
+	hatch_arg_t *arg;
+	const char *own;
+	~FreshReply()
+	{
+		if (arg->rbuf != own)
+			(void) munmap(arg->rbuf, arg->rsize);
+	}
+};
+
+// A signal handler that doesn't restart calls leaves open whether the call was carried out; a read is simply asked again.
+bool may_repeat(Op op)
+{
+	return op <= Op::list_snapshots || op == Op::get_group || op == Op::read_group || op == Op::list_groups ||
+	       op == Op::get_snapshot || op == Op::verify || op == Op::backup;
+}
+
+// Opens a path below a root so that no link on it leads out, and nothing that waits is opened.
+int open_inside(const char *root, const char *rest)
+{
+	Fd top(open(root, O_PATH | O_DIRECTORY | O_CLOEXEC));
+	if (!top)
+		return -1;
+	open_how how = {};
+	how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+	how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+	return static_cast<int>(syscall(SYS_openat2, top.get(), rest, &how, sizeof(how)));
+}
+
+struct Roots {
+	const char *path;
+	char root[ENCLAVE_ROOT_MAX + 1];
+};
+
+// Notes the longest root of a registered enclave that a path lies below.
+void note_root(const enclave_info_t *info, Roots *roots)
+{
+	size_t length = strlen(info->ei_root);
+	while (length > 0 && info->ei_root[length - 1] == '/')
+		length--;
+	if (length == 0 || strncmp(roots->path, info->ei_root, length) != 0 || roots->path[length] != '/')
+		return;
+	if (length > strlen(roots->root))
+		(void) snprintf(roots->root, sizeof(roots->root), "%.*s", static_cast<int>(length), info->ei_root);
+}
+
+int open_hatch(const char *path)
+{
+	Roots roots = {path, ""};
+	enclave_info_t *list = nullptr;
+	size_t count = 0;
+	if (enclave_registry_list(&list, &count) == 0)
+		for (size_t i = 0; i < count; i++)
+			note_root(&list[i], &roots);
+	::free(list);
+	if (roots.root[0] != '\0')
+		return open_inside(roots.root, path + strlen(roots.root));
+	return open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+}
+
+} // namespace
+
+Block *make_block(size_t size)
+{
+	void *memory = ::malloc(sizeof(Block) + size);
+	if (memory == nullptr)
+		return nullptr;
+	Block *block = new (memory) Block;
+	block->size = size;
+	return block;
+}
+
+void drop_block(Block *block)
+{
+	while (block != nullptr && block->holds.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+		Block *older = block->older;
+		::free(block);
+		block = older;
+	}
+}
+
+bool copy_text(std::string_view from, Text *to)
+{
+	char *copy = static_cast<char *>(::malloc(from.size() + 1));
+	if (copy == nullptr)
+		return false;
+	if (!from.empty())
+		memcpy(copy, from.data(), from.size());
+	copy[from.size()] = '\0';
+	to->reset(copy);
+	return true;
+}
+
+int fail(rpy_error_t error)
+{
+	last_error = error;
+	return -1;
+}
+
+ssize_t give_text(std::string_view text, char *buffer, size_t size)
+{
+	if (buffer == nullptr && size != 0)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	if (size > 0) {
+		size_t copied = text.size() < size ? text.size() : size - 1;
+		if (copied > 0)
+			memcpy(buffer, text.data(), copied);
+		buffer[copied] = '\0';
+	}
+	return static_cast<ssize_t>(text.size());
+}
+
+std::string_view name_of(const char *text)
+{
+	if (text == nullptr)
+		return {};
+	std::string_view name(text, strnlen(text, name_max));
+	return is_name(name) ? name : std::string_view();
+}
+
+bool Call::send(rpy_handle_t *handle)
+{
+	if (!handle->hatch)
+		return fail(RPY_ERROR_NOT_BOUND), false;
+	if (!out.ok())
+		return fail(RPY_ERROR_NO_MEMORY), false;
+	uint32_t op;
+	memcpy(&op, out.data() + sizeof(magic), sizeof(op));
+	char room[16384];
+	hatch_arg_t arg;
+	int result;
+	do {
+		arg = {out.data(), out.size(), nullptr, 0, room, sizeof(room)};
+		result = hatch_call_timed(handle->hatch.get(), &arg, RPY_CALL_SECONDS);
+	} while (result == -1 && errno == EINTR && may_repeat(static_cast<Op>(op)));
+	if (result == -1)
+		return fail(errno == EINTR ? RPY_ERROR_CONNECTION_BROKEN : call_error(errno)), false;
+	FreshReply fresh = {&arg, room};
+	reply = BlockRef(make_block(arg.data_size));
+	if (!reply)
+		return fail(RPY_ERROR_NO_MEMORY), false;
+	if (arg.data_size > 0)
+		memcpy(reply->data(), arg.data_ptr, arg.data_size);
+	in = Reader(reply->data(), arg.data_size);
+	bool speaks = in.u32() == magic;
+	uint32_t error = in.u32();
+	if (!in.ok() || !speaks || error < RPY_ERROR_NONE || error > RPY_ERROR_INTERNAL)
+		return fail(RPY_ERROR_INTERNAL), false;
+	if (error != RPY_ERROR_NONE)
+		return fail(static_cast<rpy_error_t>(error)), false;
+	return true;
+}
+
+bool Call::sound()
+{
+	return in.done() || (fail(RPY_ERROR_INTERNAL), false);
+}
+
+} // namespace rpy
+
+using namespace rpy;
+
+rpy_error_t rpy_error(void)
+{
+	return last_error;
+}
+
+const char *rpy_strerror(rpy_error_t error)
+{
+	for (const auto &entry : error_texts)
+		if (entry.error == error)
+			return entry.text;
+	return "an unknown error";
+}
+
+rpy_handle_t *rpy_handle_create(uint32_t version)
+{
+	if (version != RPY_CLIENT_VERSION)
+		return fail_null<rpy_handle_t>(RPY_ERROR_VERSION_MISMATCH);
+	auto *handle = new (std::nothrow) rpy_handle_t;
+	return handle != nullptr ? handle : fail_null<rpy_handle_t>(RPY_ERROR_NO_MEMORY);
+}
+
+void rpy_handle_destroy(rpy_handle_t *handle)
+{
+	if (handle != nullptr && handle->hatch)
+		hatch_forget(handle->hatch.get());
+	delete handle;
+}
+
+int rpy_handle_decorate(rpy_handle_t *handle, const char *name, rpy_value_t *value)
+{
+	if (handle == nullptr || name == nullptr || strcmp(name, "hatch_path") != 0)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	if (handle->hatch)
+		return fail(RPY_ERROR_IN_USE);
+	if (value == nullptr) {
+		handle->path.reset();
+		return 0;
+	}
+	if (value->type != RPY_TYPE_ASTRING)
+		return fail(RPY_ERROR_TYPE_MISMATCH);
+	if (value->size == 0 || value->size >= path_max)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	return copy_text(value->view(), &handle->path) ? 0 : fail(RPY_ERROR_NO_MEMORY);
+}
+
+int rpy_handle_bind(rpy_handle_t *handle)
+{
+	if (handle == nullptr)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	if (handle->hatch)
+		return fail(RPY_ERROR_IN_USE);
+	char fixed[PATH_MAX];
+	const char *path = handle->path.get();
+	if (path == nullptr) {
+		if (meridon_path(hatch_place, fixed) != 0)
+			return fail(RPY_ERROR_NO_SERVER);
+		path = fixed;
+	}
+	Fd hatch(open_hatch(path));
+	if (!hatch)
+		return fail(bind_error(errno));
+	struct stat kind;
+	hatch_info_t info;
+	if (fstat(hatch.get(), &kind) == -1 || !S_ISREG(kind.st_mode) || hatch_info(hatch.get(), &info) == -1 ||
+	    (info.di_attributes & HATCH_REVOKED) != 0)
+		return fail(RPY_ERROR_NO_SERVER);
+	handle->hatch = std::move(hatch);
+	return 0;
+}
+
+int rpy_handle_unbind(rpy_handle_t *handle)
+{
+	if (handle == nullptr)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	if (!handle->hatch)
+		return fail(RPY_ERROR_NOT_BOUND);
+	hatch_forget(handle->hatch.get());
+	handle->hatch.reset();
+	return 0;
+}
+
+// ---- What is asked about the daemon itself ----
+
+int _rpy_status(rpy_handle_t *handle, rpy_status_t *status)
+{
+	if (handle == nullptr || status == nullptr)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	Call call(Op::status);
+	if (!call.send(handle))
+		return -1;
+	rpy_status_t found = {};
+	hatch_info_t info = {};
+	(void) call.in.u64(); // its own idea of its process id, which may be another namespace's
+	found.rs_format = call.in.u32();
+	found.rs_writable = call.in.u32() != 0;
+	(void) give_text(call.in.text(), found.rs_file, sizeof(found.rs_file));
+	found.rs_groups = call.in.u64();
+	found.rs_bytes = call.in.u64();
+	if (!call.sound())
+		return -1;
+	if (hatch_info(handle->hatch.get(), &info) == 0)
+		found.rs_pid = info.di_target;
+	*status = found;
+	return 0;
+}
+
+int _rpy_verify(rpy_handle_t *handle, char **findings)
+{
+	if (handle == nullptr || findings == nullptr)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	Call call(Op::verify);
+	if (!call.send(handle))
+		return -1;
+	std::string_view text = call.in.text();
+	Text copy;
+	if (!call.sound())
+		return -1;
+	if (!copy_text(text, &copy))
+		return fail(RPY_ERROR_NO_MEMORY);
+	*findings = copy.release();
+	return 0;
+}
+
+int _rpy_backup(rpy_handle_t *handle, void **bytes, size_t *size)
+{
+	if (handle == nullptr || bytes == nullptr || size == nullptr)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	Call call(Op::backup);
+	if (!call.send(handle))
+		return -1;
+	std::string_view rest = call.in.bytes(call.in.left());
+	Text copy;
+	if (!copy_text(rest, &copy))
+		return fail(RPY_ERROR_NO_MEMORY);
+	*size = rest.size();
+	*bytes = copy.release();
+	return 0;
+}

@@ -1,0 +1,232 @@
+// Transactions: entries gathered here, carried out by the daemon in one call.
+#include "rpy/object.h"
+
+using namespace rpy;
+
+namespace {
+
+void detach(rpy_transaction_entry_t *entry)
+{
+	rpy_transaction_t *transaction = entry->transaction;
+	if (transaction == nullptr)
+		return;
+	rpy_transaction_entry_t *before = nullptr;
+	for (rpy_transaction_entry_t *at = transaction->first; at != entry; at = at->next)
+		before = at;
+	(before == nullptr ? transaction->first : before->next) = entry->next;
+	if (transaction->last == entry)
+		transaction->last = before;
+	entry->next = nullptr;
+	entry->transaction = nullptr;
+}
+
+bool has_entry(const rpy_transaction_t *transaction, std::string_view name)
+{
+	for (const rpy_transaction_entry_t *entry = transaction->first; entry != nullptr; entry = entry->next)
+		if (name == entry->name)
+			return true;
+	return false;
+}
+
+int attach(
+    rpy_transaction_t *transaction, rpy_transaction_entry_t *entry, Change change, const char *text, uint32_t type)
+{
+	if (transaction == nullptr || entry == nullptr || !is_type(type))
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	if (transaction->handle != entry->handle)
+		return fail(RPY_ERROR_HANDLE_MISMATCH);
+	if (!transaction->block)
+		return fail(RPY_ERROR_NOT_SET);
+	std::string_view name = name_of(text);
+	if (name.empty())
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	if (entry->transaction != nullptr || has_entry(transaction, name))
+		return fail(RPY_ERROR_IN_USE);
+	Property found;
+	bool exists = find_property(transaction->group, name, &found);
+	if (exists == (change == Change::create))
+		return fail(exists ? RPY_ERROR_EXISTS : RPY_ERROR_NOT_FOUND);
+	if (change == Change::change && found.type != type)
+		return fail(RPY_ERROR_TYPE_MISMATCH);
+	(void) give_text(name, entry->name, sizeof(entry->name));
+	entry->change = change;
+	entry->type = type;
+	entry->transaction = transaction;
+	(transaction->first == nullptr ? transaction->first : transaction->last->next) = entry;
+	transaction->last = entry;
+	return 0;
+}
+
+// Writes an entry as the daemon reads it: what to do, and the property as it is to be.
+bool put_entry(Writer *out, const rpy_transaction_entry_t *entry)
+{
+	out->u32(static_cast<uint32_t>(entry->change));
+	out->text(entry->name);
+	out->u32(entry->type);
+	size_t count_at = out->hole();
+	size_t size_at = out->hole();
+	size_t begin = out->size();
+	uint32_t count = 0;
+	for (const rpy_value_t *value = entry->first; value != nullptr; value = value->next, count++) {
+		if (value->type != entry->type)
+			return false;
+		if (is_number(value->type))
+			out->u64(value->number);
+		else
+			out->text(value->view());
+	}
+	size_t size = out->size() - begin;
+	if (out->ok() && size > UINT32_MAX)
+		return false;
+	out->fill(count_at, count);
+	out->fill(size_at, static_cast<uint32_t>(size));
+	return true;
+}
+
+} // namespace
+
+rpy_transaction_t *rpy_transaction_create(rpy_handle_t *handle)
+{
+	if (handle == nullptr)
+		return fail_null<rpy_transaction_t>(RPY_ERROR_INVALID_ARGUMENT);
+	auto *transaction = new (std::nothrow) rpy_transaction_t;
+	if (transaction == nullptr)
+		return fail_null<rpy_transaction_t>(RPY_ERROR_NO_MEMORY);
+	transaction->handle = handle;
+	return transaction;
+}
+
+rpy_transaction_entry_t *rpy_entry_create(rpy_handle_t *handle)
+{
+	if (handle == nullptr)
+		return fail_null<rpy_transaction_entry_t>(RPY_ERROR_INVALID_ARGUMENT);
+	auto *entry = new (std::nothrow) rpy_transaction_entry_t;
+	if (entry == nullptr)
+		return fail_null<rpy_transaction_entry_t>(RPY_ERROR_NO_MEMORY);
+	entry->handle = handle;
+	return entry;
+}
+
+void rpy_transaction_destroy(rpy_transaction_t *transaction)
+{
+	if (transaction != nullptr)
+		(void) rpy_transaction_reset(transaction);
+	delete transaction;
+}
+
+int rpy_transaction_reset(rpy_transaction_t *transaction)
+{
+	if (transaction == nullptr)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	while (transaction->first != nullptr)
+		detach(transaction->first);
+	transaction->block = BlockRef();
+	return 0;
+}
+
+void rpy_transaction_destroy_children(rpy_transaction_t *transaction)
+{
+	while (transaction != nullptr && transaction->first != nullptr) {
+		rpy_transaction_entry_t *entry = transaction->first;
+		rpy_entry_destroy_children(entry);
+		rpy_entry_destroy(entry);
+	}
+}
+
+int rpy_transaction_start(rpy_transaction_t *transaction, const rpy_propertygroup_t *pg)
+{
+	if (transaction == nullptr || pg == nullptr)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	if (transaction->handle != pg->handle)
+		return fail(RPY_ERROR_HANDLE_MISMATCH);
+	if (!pg->block)
+		return fail(RPY_ERROR_NOT_SET);
+	if (pg->frozen)
+		return fail(RPY_ERROR_CONSTRAINT_VIOLATED);
+	if (transaction->block)
+		return fail(RPY_ERROR_IN_USE);
+	transaction->block = pg->block;
+	transaction->group = pg->group;
+	return 0;
+}
+
+int rpy_transaction_property_new(
+    rpy_transaction_t *transaction, rpy_transaction_entry_t *entry, const char *name, rpy_type_t type)
+{
+	return attach(transaction, entry, Change::create, name, static_cast<uint32_t>(type));
+}
+int rpy_transaction_property_change(
+    rpy_transaction_t *transaction, rpy_transaction_entry_t *entry, const char *name, rpy_type_t type)
+{
+	return attach(transaction, entry, Change::change, name, static_cast<uint32_t>(type));
+}
+int rpy_transaction_property_delete(rpy_transaction_t *transaction, rpy_transaction_entry_t *entry, const char *name)
+{
+	return attach(transaction, entry, Change::remove, name, RPY_TYPE_ASTRING);
+}
+
+int rpy_entry_add_value(rpy_transaction_entry_t *entry, rpy_value_t *value)
+{
+	if (entry == nullptr || value == nullptr)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	if (entry->handle != value->handle)
+		return fail(RPY_ERROR_HANDLE_MISMATCH);
+	if (value->owner != nullptr)
+		return fail(RPY_ERROR_IN_USE);
+	if (value->type == RPY_TYPE_INVALID)
+		return fail(RPY_ERROR_NOT_SET);
+	if (entry->transaction != nullptr && (value->type != entry->type || entry->change == Change::remove))
+		return fail(RPY_ERROR_TYPE_MISMATCH);
+	value->owner = entry;
+	(entry->first == nullptr ? entry->first : entry->last->next) = value;
+	entry->last = value;
+	return 0;
+}
+
+void rpy_entry_destroy_children(rpy_transaction_entry_t *entry)
+{
+	while (entry != nullptr && entry->first != nullptr) {
+		rpy_value_t *value = entry->first;
+		entry->first = value->next;
+		rpy_value_destroy(value);
+	}
+	if (entry != nullptr)
+		entry->last = nullptr;
+}
+
+void rpy_entry_destroy(rpy_transaction_entry_t *entry)
+{
+	if (entry == nullptr)
+		return;
+	detach(entry);
+	while (entry->first != nullptr) {
+		rpy_value_t *value = entry->first;
+		entry->first = value->next;
+		value->next = nullptr;
+		value->owner = nullptr;
+	}
+	delete entry;
+}
+
+int rpy_transaction_commit(rpy_transaction_t *transaction)
+{
+	if (transaction == nullptr)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	if (!transaction->block)
+		return fail(RPY_ERROR_NOT_SET);
+	Call call(Op::commit);
+	call.out.u64(transaction->group.id);
+	call.out.u64(transaction->group.version);
+	size_t count_at = call.out.hole();
+	uint32_t count = 0;
+	for (rpy_transaction_entry_t *entry = transaction->first; entry != nullptr; entry = entry->next, count++)
+		if (!put_entry(&call.out, entry))
+			return fail(RPY_ERROR_TYPE_MISMATCH);
+	call.out.fill(count_at, count);
+	if (!call.send(transaction->handle))
+		return -1;
+	uint32_t result = call.in.u32();
+	if (!call.sound() || result > 1)
+		return fail(RPY_ERROR_INTERNAL);
+	return static_cast<int>(result);
+}

@@ -1,0 +1,122 @@
+#include "access.h"
+
+#include <climits>
+#include <fcntl.h>
+#include <mutex>
+#include <pwd.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <meridon/hatch.h>
+#include <meridon/peercred.h>
+
+#include "base/files.h"
+#include "base/guards.h"
+
+namespace repository {
+namespace {
+
+constexpr uid_t overflow_user = 65534; // how a user namespace shows users that it doesn't know
+constexpr size_t rights_max = 1U << 20;
+
+using Credential = Handle<peercred_t, peercred_free>;
+
+bool user_name(uid_t user, std::string *name)
+{
+	std::string buffer(1024, '\0');
+	for (;;) {
+		passwd entry, *found = nullptr;
+		int error = getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found);
+		if (error == ERANGE && buffer.size() < rights_max) {
+			buffer.resize(buffer.size() * 2);
+			continue;
+		}
+		if (error != 0 || found == nullptr)
+			return false;
+		*name = entry.pw_name;
+		return true;
+	}
+}
+
+bool caller_holds(const char *right)
+{
+	Credential caller;
+	if (hatch_peercred(caller.out()) != 0)
+		return false;
+	uid_t user = peercred_getruid(caller.get());
+	if (user == overflow_user || user == static_cast<uid_t>(-1))
+		return false;
+	if (user == 0 || user == geteuid())
+		return true;
+	std::string name;
+	return user_name(user, &name) && chkrightattr_peercred(right, name.c_str(), caller.get()) == 1;
+}
+
+// Whether any line of the rights file, comments aside, has the name in it. A file that can't be read doesn't grant
+// anything, and doesn't open anything either.
+bool file_names_reading(const char *path)
+{
+	Fd file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+	if (!file)
+		return true;
+	std::string text(rights_max, '\0');
+	ssize_t size = meridon_read_all(file.get(), text.data(), text.size());
+	if (size < 0)
+		return true;
+	text.resize(static_cast<size_t>(size));
+	for (size_t begin = 0; begin < text.size();) {
+		size_t end = text.find('\n', begin);
+		std::string line = text.substr(begin, end == text.npos ? end : end - begin);
+		line.resize(line.find('#') == line.npos ? line.size() : line.find('#'));
+		if (line.find("cairn.read") != line.npos)
+			return true;
+		begin = end == text.npos ? text.size() : end + 1;
+	}
+	return false;
+}
+
+// What was found out about the file as it stood then.
+class Reading {
+public:
+	bool is_restricted()
+	{
+		char path[PATH_MAX];
+		if (meridon_path("etc/meridon/rights", path) != 0)
+			return true;
+		struct stat now;
+		if (stat(path, &now) == -1)
+			return errno != ENOENT && errno != ENOTDIR;
+		std::lock_guard<std::mutex> hold(lock_);
+		if (!known_ || now.st_ino != file_.st_ino || now.st_size != file_.st_size ||
+		    now.st_dev != file_.st_dev || now.st_mtim.tv_sec != file_.st_mtim.tv_sec ||
+		    now.st_mtim.tv_nsec != file_.st_mtim.tv_nsec || now.st_ctim.tv_sec != file_.st_ctim.tv_sec ||
+		    now.st_ctim.tv_nsec != file_.st_ctim.tv_nsec) {
+			restricted_ = file_names_reading(path);
+			file_ = now;
+			known_ = true;
+		}
+		return restricted_;
+	}
+
+private:
+	std::mutex lock_;
+	bool known_ = false;
+	bool restricted_ = false;
+	struct stat file_ = {};
+};
+
+} // namespace
+
+bool caller_may_read()
+{
+	static Reading reading;
+	return !reading.is_restricted() || caller_holds("cairn.read");
+}
+
+bool caller_may_modify()
+{
+	return caller_holds("cairn.modify");
+}
+
+} // namespace repository

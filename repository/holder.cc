@@ -1,0 +1,171 @@
+#include "holder.h"
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <iterator>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <thread>
+#include <vector>
+
+#include <meridon/hatch.h>
+
+namespace repository {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto patience = 8s; // below the time that a start may take
+constexpr auto pause_time = 5ms;
+
+Failure errno_failure(const std::string &path, const char *what)
+{
+	int error = errno;
+	return {error, path + ": " + what + ": " + strerror(error)};
+}
+
+Failure open_file(const std::string &path, Fd *file)
+{
+	file->reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+	if (!*file && errno == ENOENT)
+		file->reset(open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+	if (!*file)
+		return errno_failure(path, "can't be opened");
+	struct stat kind;
+	if (fstat(file->get(), &kind) == -1)
+		return errno_failure(path, "can't be looked at");
+	if (!S_ISREG(kind.st_mode))
+		return {EINVAL, path + ": not a regular file"};
+	return {};
+}
+
+// The process that holds a lock on a file, 0 if it can't be seen.
+pid_t holder_of(int file)
+{
+	struct stat there;
+	if (fstat(file, &there) == -1)
+		return 0;
+	std::ifstream locks("/proc/locks");
+	std::string line;
+	while (std::getline(locks, line)) {
+		int pid = 0;
+		unsigned long inode = 0;
+		if (sscanf(line.c_str(), "%*d: FLOCK %*s WRITE %d %*x:%*x:%lu", &pid, &inode) == 2 &&
+		    inode == there.st_ino && pid > 0)
+			return pid;
+	}
+	return 0;
+}
+
+std::string proc_text(pid_t pid, const char *name)
+{
+	std::ifstream file("/proc/" + std::to_string(pid) + "/" + name, std::ios::binary);
+	return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// The argument behind `option` on a process's command line, as the daemon takes it.
+std::string argument_of(pid_t pid, const std::string &option)
+{
+	std::string text = proc_text(pid, "cmdline");
+	std::vector<std::string> words;
+	for (size_t begin = 0; begin < text.size();) {
+		size_t end = text.find('\0', begin);
+		words.push_back(text.substr(begin, end == text.npos ? end : end - begin));
+		begin = end == text.npos ? text.size() : end + 1;
+	}
+	for (size_t i = 0; i < words.size(); i++) {
+		if (words[i] == option && i + 1 < words.size())
+			return words[i + 1];
+		if (words[i].compare(0, option.size(), option) == 0)
+			return words[i].substr(option.size());
+	}
+	return {};
+}
+
+// Whether a process is a daemon of this kind, and not one that merely has a file of ours open and locked.
+bool is_daemon(pid_t pid)
+{
+	char own[PATH_MAX], other[PATH_MAX];
+	ssize_t own_size = readlink("/proc/self/exe", own, sizeof(own));
+	ssize_t other_size = readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), other, sizeof(other));
+	auto base = [](const char *path, ssize_t size) {
+		std::string text(path, size > 0 ? static_cast<size_t>(size) : 0);
+		if (size_t gone = text.rfind(" (deleted)"); gone != text.npos)
+			text.resize(gone);
+		return text.substr(text.find_last_of('/') + 1);
+	};
+	return own_size > 0 && base(own, own_size) == base(other, other_size);
+}
+
+bool answers(const std::string &hatch)
+{
+	Fd client(open(hatch.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+	hatch_info_t info;
+	bool there = client && hatch_info(client.get(), &info) == 0 && (info.di_attributes & HATCH_REVOKED) == 0;
+	if (client)
+		hatch_forget(client.get());
+	return there;
+}
+
+// Asks the process to end, by a descriptor of it, so that a reused id isn't hit.
+Failure ask_to_end(pid_t pid, int file, const std::string &path)
+{
+	Fd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+	if (!process || holder_of(file) != pid)
+		return {};
+	if (!is_daemon(pid))
+		return {EBUSY, path + ": process " + std::to_string(pid) + ", which is no repository daemon, holds it"};
+	if (syscall(SYS_pidfd_send_signal, process.get(), SIGTERM, nullptr, 0) == -1 && errno != ESRCH) {
+		int error = errno;
+		return {error, path + ": the daemon " + std::to_string(pid) +
+				   " holds it and can't be asked to hand it over: " + strerror(error)};
+	}
+	return {};
+}
+
+} // namespace
+
+Failure hold_file(const std::string &path, const std::string &hatch, Fd *held, Hold *hold)
+{
+	*hold = Hold::ours;
+	pid_t asked = 0, seen = 0;
+	for (auto end = Clock::now() + patience; Clock::now() < end; std::this_thread::sleep_for(pause_time)) {
+		if (Failure failure = open_file(path, held))
+			return failure;
+		if (flock(held->get(), LOCK_EX | LOCK_NB) == 0) {
+			struct stat ours, there; // the file may have been replaced in between
+			if (fstat(held->get(), &ours) == 0 && stat(path.c_str(), &there) == 0 &&
+			    ours.st_ino == there.st_ino)
+				return {};
+			continue;
+		}
+		if (errno != EWOULDBLOCK && errno != EINTR)
+			return errno_failure(path, "can't be locked");
+		pid_t holder = holder_of(held->get());
+		if (holder == 0 || holder == asked)
+			continue;
+		seen = holder;
+		if (argument_of(holder, "-d") == hatch) {
+			if (answers(hatch)) {
+				*hold = Hold::served_already;
+				return {};
+			}
+			continue;
+		}
+		if (Failure failure = ask_to_end(holder, held->get(), path))
+			return failure;
+		asked = holder;
+	}
+	return {EBUSY, path + ": another process" + (seen == 0 ? std::string() : " (" + std::to_string(seen) + ")") +
+			   " holds it and doesn't let go"};
+}
+
+} // namespace repository

@@ -1,0 +1,22 @@
+// One daemon at a time holds a repository file: an flock() on it, for as long as it lives. One that starts with another
+// hatch takes the file over, by asking the holder to end as an operator would: with SIGTERM, so that the kernel decides who
+// may.
+#ifndef REPOSITORY_HOLDER_H
+#define REPOSITORY_HOLDER_H
+
+#include <string>
+
+#include "base/guards.h"
+#include "store.h"
+
+namespace repository {
+
+enum class Hold { ours, served_already };
+
+// Opens the file, making an empty one if there is none, and locks it. If a daemon of the same hatch holds it, waits until
+// that one answers: `served_already`.
+Failure hold_file(const std::string &file, const std::string &hatch, Fd *held, Hold *hold);
+
+} // namespace repository
+
+#endif

@@ -1,0 +1,292 @@
+// cairn.configd, the repository daemon: options, the start, and the end.
+//
+// The first process waits until the one that serves says that its hatch answers, and ends with what it says: 0, or an errno
+// value. Whoever starts it may hold locks meanwhile, so that it never waits longer than ten seconds.
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <meridon/hatch.h>
+
+#include "access.h"
+#include "base/guards.h"
+#include "holder.h"
+#include "log.h"
+#include "requests.h"
+
+namespace repository {
+namespace {
+
+constexpr int start_ms = 9500;
+
+constexpr const char *help_text =
+    "Usage: cairn.configd -d HATCH -r FILE [-f]\n"
+    "Serves the service repository in FILE over a hatch.\n"
+    "\n"
+    "  -d HATCH     the path that clients open; made (0644) if it isn't there\n"
+    "  -r FILE      the repository; an empty one is made (0600) if it isn't there\n"
+    "  -f           stay in the foreground, with messages on stderr\n"
+    "  --help       this text\n"
+    "  --version    the version\n"
+    "\n"
+    "Without -f it ends with 0 once the hatch answers, and the serving process runs on. If it can't serve, it says\n"
+    "why and ends with an errno value: 13 no permission, 12 memory, 22 usage, 5 anything else.\n"
+    "Started again with the same HATCH and FILE it waits for the daemon that serves them, and ends with 0. Started\n"
+    "with another HATCH it takes FILE over. SIGTERM and SIGINT end it, after the updates that run.\n"
+    "\n"
+    "Example: cairn.configd -d /system/transient/repository_hatch -r /etc/cairn/repository.db\n";
+
+struct Options {
+	const char *hatch = nullptr;
+	const char *file = nullptr;
+	bool foreground = false;
+};
+
+int usage(const char *message, const char *word)
+{
+	(void) fprintf(
+	    stderr, "cairn.configd: %s%s%s\nTry 'cairn.configd --help'.\n", message, word[0] == '\0' ? "" : " ", word);
+	return EINVAL;
+}
+
+// 0, an errno value to end with, or -1: done already.
+int read_options(int argc, char **argv, Options *options)
+{
+	for (int i = 1; i < argc; i++) {
+		std::string_view word(argv[i]);
+		if (word == "--help" || word == "-h") {
+			(void) fputs(help_text, stdout);
+			return -1;
+		}
+		if (word == "--version") {
+			(void) printf("cairn.configd %s\n", CONFIGD_VERSION);
+			return -1;
+		}
+		if (word == "-f") {
+			options->foreground = true;
+			continue;
+		}
+		const char **value = word == "-d" ? &options->hatch : word == "-r" ? &options->file : nullptr;
+		if (value == nullptr)
+			return usage("unknown option", argv[i]);
+		if (++i == argc || argv[i][0] == '\0')
+			return usage("a path is missing behind", argv[i - 1]);
+		*value = argv[i];
+	}
+	if (options->hatch == nullptr || options->file == nullptr)
+		return usage("both -d HATCH and -r FILE are needed", "");
+	return 0;
+}
+
+// The daemon changes its working directory: paths are made absolute first.
+std::string absolute(const char *path)
+{
+	if (path[0] == '/')
+		return path;
+	char here[PATH_MAX];
+	return getcwd(here, sizeof(here)) == nullptr ? path : std::string(here) + "/" + path;
+}
+
+int exit_status(int error)
+{
+	switch (error) {
+	case EACCES:
+	case EPERM:
+		return EACCES;
+	case ENOMEM:
+	case EINVAL:
+		return error;
+	default:
+		return EIO;
+	}
+}
+
+// It may be started by anything: what a process inherits is put in order.
+void clean_process()
+{
+	struct sigaction standard = {};
+	standard.sa_handler = SIG_DFL;
+	for (int number = 1; number < NSIG; number++)
+		(void) sigaction(number, &standard, nullptr); // two can't be changed, and need not be
+	struct sigaction ignored = {};
+	ignored.sa_handler = SIG_IGN;
+	(void) sigaction(SIGPIPE, &ignored, nullptr);
+	sigset_t ends;
+	(void) sigemptyset(&ends);
+	(void) sigaddset(&ends, SIGTERM);
+	(void) sigaddset(&ends, SIGINT);
+	(void) sigprocmask(SIG_SETMASK, &ends, nullptr); // they are waited for
+	(void) umask(022);
+	(void) close_range(3, UINT_MAX, 0);
+	for (int fd = 0; fd < 3; fd++) // a closed stream mustn't become the repository
+		if (fcntl(fd, F_GETFD) == -1)
+			(void) open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY);
+}
+
+void handle(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
+{
+	char small[32768];
+	const char *data = small;
+	size_t reply_size = 0;
+	{
+		rpy::Writer reply;
+		answer(static_cast<Daemon *>(cookie), {arg, size}, caller_may_read, caller_may_modify, &reply);
+		reply_size = reply.size();
+		char *room = small;
+		if (reply.ok() && reply_size > sizeof(small))
+			room = static_cast<char *>(hatch_reply_memory(reply_size));
+		if (!reply.ok() || room == nullptr) {
+			const uint32_t bare[] = {rpy::magic, RPY_ERROR_NO_MEMORY};
+			memcpy(small, bare, sizeof(bare));
+			reply_size = sizeof(bare);
+		} else {
+			memcpy(room, reply.data(), reply_size);
+			data = room;
+		}
+	}
+	(void) hatch_return(data, reply_size, nullptr, 0);
+}
+
+Failure attach(Daemon *daemon, const std::string &path, int *hatch)
+{
+	auto failure = [&path](const char *what) {
+		int error = errno;
+		return Failure{error, path + ": " + what + ": " + strerror(error)};
+	};
+	Fd file(open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW, 0644));
+	if (!file)
+		return failure("can't be made");
+	file.reset();
+	*hatch = hatch_create(handle, daemon, HATCH_REFUSE_DESC);
+	if (*hatch == -1 || hatch_setparam(*hatch, HATCH_PARAM_DATA_MIN, 2 * sizeof(uint32_t)) == -1)
+		return failure("no hatch can be made");
+	if (fattach(*hatch, path.c_str()) == 0)
+		return {};
+	Failure bad =
+	    failure(errno == EBUSY ? "a living server, or a file of something else, is there" : "can't be attached");
+	(void) hatch_revoke(*hatch);
+	return bad;
+}
+
+// Says to the first process what became of the start: an errno value.
+void report(int fd, int error)
+{
+	unsigned char status = static_cast<unsigned char>(error);
+	(void) !write(fd, &status, 1);
+	(void) close(fd);
+}
+
+// The serving process. Gives its exit status.
+int serve(const Options &options, int ready)
+{
+	std::string hatch_path = options.hatch, file = options.file;
+	Fd held;
+	Hold hold;
+	Failure failure = hold_file(file, hatch_path, &held, &hold);
+	if (!failure && hold == Hold::served_already) {
+		report(ready, 0);
+		return 0;
+	}
+	int hatch = -1;
+	// The daemon lives until the process ends: its threads are the hatch's, which hatch_revoke() waits for.
+	static std::unique_ptr<Daemon> daemon;
+	if (!failure) {
+		daemon = std::make_unique<Daemon>(file, make_sqlite_store(file, held.get()));
+		failure = daemon->load();
+	}
+	if (!failure)
+		failure = attach(daemon.get(), hatch_path, &hatch);
+	if (failure) {
+		log_message(LOG_ERR, "%s", failure.text.c_str());
+		report(ready, exit_status(failure.error));
+		daemon.reset();
+		return exit_status(failure.error);
+	}
+	if (!options.foreground) {
+		log_to_syslog();
+		Fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+		for (int fd = 0; fd < 3 && null; fd++)
+			(void) dup2(null.get(), fd);
+	}
+	report(ready, 0);
+	sigset_t ends;
+	(void) sigemptyset(&ends);
+	(void) sigaddset(&ends, SIGTERM);
+	(void) sigaddset(&ends, SIGINT);
+	int number = 0;
+	(void) sigwait(&ends, &number);
+	(void) hatch_revoke(hatch); // returns when no handler runs: updates are done
+	daemon.reset();
+	return 0;
+}
+
+// Waits for what the serving process says. One that ends without a word has failed; one that takes too long is ended.
+int wait_for_start(pid_t child, int ready)
+{
+	pollfd poller = {ready, POLLIN, 0};
+	int found;
+	do
+		found = poll(&poller, 1, start_ms);
+	while (found == -1 && errno == EINTR);
+	unsigned char status = EIO;
+	if (found == 1 && read(ready, &status, 1) == 1)
+		return status;
+	if (found == 0) {
+		(void) fprintf(stderr, "cairn.configd: the start takes too long; given up\n");
+		(void) kill(child, SIGKILL);
+	}
+	(void) waitpid(child, nullptr, 0);
+	return EIO;
+}
+
+int start(const Options &options)
+{
+	int ends[2];
+	if (pipe2(ends, O_CLOEXEC) == -1) {
+		(void) fprintf(stderr, "cairn.configd: no pipe: %s\n", strerror(errno));
+		return EIO;
+	}
+	pid_t child = fork();
+	if (child == -1) {
+		(void) fprintf(stderr, "cairn.configd: no process: %s\n", strerror(errno));
+		return errno == ENOMEM ? ENOMEM : EIO;
+	}
+	if (child > 0) {
+		(void) close(ends[1]);
+		return wait_for_start(child, ends[0]);
+	}
+	(void) close(ends[0]);
+	(void) setsid();
+	return serve(options, ends[1]);
+}
+
+} // namespace
+} // namespace repository
+
+int main(int argc, char **argv)
+{
+	using namespace repository;
+	Options options;
+	if (int status = read_options(argc, argv, &options))
+		return status == -1 ? 0 : status;
+	std::string hatch = absolute(options.hatch), file = absolute(options.file);
+	options.hatch = hatch.c_str();
+	options.file = file.c_str();
+	clean_process();
+	if (chdir("/") == -1)
+		return EIO;
+	if (!options.foreground)
+		return start(options);
+	int nobody = open("/dev/null", O_WRONLY | O_CLOEXEC);
+	return serve(options, nobody);
+}

@@ -1,0 +1,151 @@
+#include "model.h"
+
+#include <algorithm>
+
+namespace repository {
+namespace {
+
+char folded(char c)
+{
+	return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
+}
+
+size_t name_key(const Node *parent, Parent kind, std::string_view name)
+{
+	uint64_t hash = 14695981039346656037U ^ (parent == nullptr ? 0 : parent->id * 31) ^ static_cast<uint64_t>(kind);
+	for (char c : name)
+		hash = (hash ^ static_cast<unsigned char>(folded(c))) * 1099511628211U;
+	return hash;
+}
+
+void put_by_id(std::vector<Node *> *list, Node *node)
+{
+	auto place = std::upper_bound(
+	    list->begin(), list->end(), node->id, [](uint64_t id, const Node *other) { return id < other->id; });
+	list->insert(place, node);
+}
+
+void take_by_id(std::vector<Node *> *list, const Node *node)
+{
+	auto place = std::lower_bound(
+	    list->begin(), list->end(), node->id, [](const Node *other, uint64_t id) { return other->id < id; });
+	list->erase(place);
+}
+
+} // namespace
+
+bool same_without_case(std::string_view one, std::string_view other)
+{
+	return std::equal(
+	    one.begin(), one.end(), other.begin(), other.end(), [](char a, char b) { return folded(a) == folded(b); });
+}
+
+Model::Model()
+{
+	Version none;
+	uint32_t count = 0;
+	none.properties.assign(reinterpret_cast<const char *>(&count), sizeof(count));
+	empty_ = std::make_shared<const Version>(std::move(none));
+	// Readers that keep coming don't keep an update from taking effect.
+	pthread_rwlockattr_t attributes;
+	(void) pthread_rwlockattr_init(&attributes);
+	(void) pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+	(void) pthread_rwlock_init(&lock.raw, &attributes);
+	(void) pthread_rwlockattr_destroy(&attributes);
+}
+
+Node *Model::find(uint64_t id) const
+{
+	auto found = nodes_.find(id);
+	return found == nodes_.end() ? nullptr : found->second.get();
+}
+
+Node *Model::find(Parent kind, uint64_t id) const
+{
+	Node *node = find(id);
+	return node != nullptr && node->kind == kind ? node : nullptr;
+}
+
+Node *Model::child(const Node *parent, Parent kind, std::string_view name) const
+{
+	auto [at, end] = names_.equal_range(name_key(parent, kind, name));
+	for (; at != end; ++at)
+		if (at->second->parent == parent && at->second->kind == kind && at->second->name == name)
+			return at->second;
+	return nullptr;
+}
+
+std::vector<Node *> Model::children_without_case(const Node *parent, Parent kind, std::string_view name) const
+{
+	std::vector<Node *> found;
+	auto [at, end] = names_.equal_range(name_key(parent, kind, name));
+	for (; at != end; ++at)
+		if (at->second->parent == parent && at->second->kind == kind &&
+		    same_without_case(at->second->name, name))
+			found.push_back(at->second);
+	std::sort(found.begin(), found.end(), [](const Node *a, const Node *b) { return a->id < b->id; });
+	return found;
+}
+
+void Model::add(std::unique_ptr<Node> owned)
+{
+	Node *node = owned.get();
+	nodes_.emplace(node->id, std::move(owned));
+	names_.emplace(name_key(node->parent, node->kind, node->name), node);
+	if (node->parent == nullptr)
+		put_by_id(&services_, node);
+	else
+		put_by_id(node->is_group() ? &node->parent->groups : &node->parent->members, node);
+	groups_ += node->kind == Parent::group ? 1 : 0;
+	if (node->version && node->stored())
+		const_cast<Version *>(node->version.get())->nodes++;
+}
+
+void Model::unlink(Node *node)
+{
+	auto [at, end] = names_.equal_range(name_key(node->parent, node->kind, node->name));
+	for (; at != end; ++at)
+		if (at->second == node) {
+			names_.erase(at);
+			break;
+		}
+	if (node->parent == nullptr)
+		take_by_id(&services_, node);
+	else
+		take_by_id(node->is_group() ? &node->parent->groups : &node->parent->members, node);
+	groups_ -= node->kind == Parent::group ? 1 : 0;
+	if (node->version && node->stored())
+		const_cast<Version *>(node->version.get())->nodes--;
+}
+
+void Model::remove(Node *node)
+{
+	std::vector<Node *> all = tree(node);
+	for (auto at = all.rbegin(); at != all.rend(); ++at) {
+		uint64_t id = (*at)->id;
+		unlink(*at);
+		nodes_.erase(id);
+	}
+}
+
+void Model::set_version(Node *node, std::shared_ptr<const Version> version)
+{
+	if (node->stored()) {
+		const_cast<Version *>(node->version.get())->nodes--;
+		const_cast<Version *>(version.get())->nodes++;
+	}
+	node->version = std::move(version);
+}
+
+std::vector<Node *> Model::tree(Node *node)
+{
+	std::vector<Node *> all = {node};
+	for (size_t i = 0; i < all.size(); i++) {
+		Node *at = all[i];
+		all.insert(all.end(), at->groups.begin(), at->groups.end());
+		all.insert(all.end(), at->members.begin(), at->members.end());
+	}
+	return all;
+}
+
+} // namespace repository

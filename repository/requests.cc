@@ -1,0 +1,716 @@
+// The requests, as a table: what each takes apart, looks up and answers, and who may send it.
+// Divisions: loading; reads; listings; changes of the tree; commits; snapshots; what an operator asks for; the table.
+#include "requests.h"
+
+#include <algorithm>
+#include <new>
+#include <unistd.h>
+
+namespace repository {
+namespace {
+
+using namespace rpy;
+using Handler = rpy_error_t(Daemon *daemon, Reader *in, Writer *out);
+
+bool is_parent(const Node *node, uint32_t kind)
+{
+	return node != nullptr && static_cast<uint32_t>(node->kind) == kind;
+}
+
+rpy::Group wire_group(const Node *node)
+{
+	return {node->id, node->version->id, node->flags, node->name, *node->type, node->version->properties};
+}
+
+// The kind of the groups that hang below a node.
+Parent kind_below(const Node *node)
+{
+	return node->kind == Parent::snapshot || node->kind == Parent::frozen ? Parent::frozen : Parent::group;
+}
+
+Row node_row(const Node &node)
+{
+	return {Row::What::put_node, node.id, static_cast<uint32_t>(node.kind),
+	    node.parent == nullptr ? 0 : node.parent->id, node.version ? node.version->id : 0, node.name,
+	    node.type == nullptr ? std::string_view() : *node.type, {}};
+}
+
+std::unique_ptr<Node> new_node(Daemon *daemon, Parent kind, Node *parent, std::string_view name)
+{
+	auto node = std::make_unique<Node>();
+	node->kind = kind;
+	node->id = daemon->model.take_id();
+	node->parent = parent;
+	node->name = name;
+	return node;
+}
+
+// ---- Reads ----
+
+rpy_error_t get_status(Daemon *daemon, Reader *in, Writer *out)
+{
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	out->u64(static_cast<uint64_t>(getpid()));
+	out->u32(store_format);
+	out->u32(daemon->store->writable() ? 1 : 0);
+	out->text(daemon->file);
+	{
+		ReadLock hold(daemon->model.lock);
+		out->u64(daemon->model.groups());
+	}
+	out->u64(daemon->store->bytes());
+	return RPY_ERROR_NONE;
+}
+
+rpy_error_t decode(Daemon *daemon, Reader *in, Writer *out)
+{
+	std::string_view service_name = in->text(), instance_name = in->text();
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	ReadLock hold(daemon->model.lock);
+	const Node *service = daemon->model.child(nullptr, Parent::service, service_name);
+	if (service == nullptr)
+		return RPY_ERROR_NOT_FOUND;
+	const Node *instance = nullptr;
+	if (!instance_name.empty()) {
+		instance = daemon->model.child(service, Parent::instance, instance_name);
+		if (instance == nullptr)
+			return RPY_ERROR_NOT_FOUND;
+	}
+	out->u64(service->id);
+	out->u64(instance == nullptr ? 0 : instance->id);
+	return RPY_ERROR_NONE;
+}
+
+rpy_error_t get_group(Daemon *daemon, Reader *in, Writer *out)
+{
+	uint32_t kind = in->u32();
+	uint64_t id = in->u64();
+	std::string_view name = in->text();
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	ReadLock hold(daemon->model.lock);
+	const Node *parent = daemon->model.find(id);
+	if (!is_parent(parent, kind))
+		return RPY_ERROR_DELETED;
+	const Node *group = daemon->model.child(parent, kind_below(parent), name);
+	if (group == nullptr)
+		return RPY_ERROR_NOT_FOUND;
+	put_group(out, wire_group(group));
+	return RPY_ERROR_NONE;
+}
+
+rpy_error_t read_group(Daemon *daemon, Reader *in, Writer *out)
+{
+	uint64_t id = in->u64();
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	ReadLock hold(daemon->model.lock);
+	const Node *group = daemon->model.find(Parent::group, id);
+	if (group == nullptr)
+		return RPY_ERROR_DELETED;
+	put_group(out, wire_group(group));
+	return RPY_ERROR_NONE;
+}
+
+rpy_error_t get_snapshot(Daemon *daemon, Reader *in, Writer *out)
+{
+	uint64_t id = in->u64();
+	std::string_view name = in->text();
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	ReadLock hold(daemon->model.lock);
+	const Node *instance = daemon->model.find(Parent::instance, id);
+	if (instance == nullptr)
+		return RPY_ERROR_DELETED;
+	const Node *snapshot = daemon->model.child(instance, Parent::snapshot, name);
+	if (snapshot == nullptr)
+		return RPY_ERROR_NOT_FOUND;
+	out->u64(snapshot->id);
+	return RPY_ERROR_NONE;
+}
+
+// ---- Listings ----
+
+std::vector<Node *>::const_iterator behind(const std::vector<Node *> &list, uint64_t after)
+{
+	return std::upper_bound(
+	    list.begin(), list.end(), after, [](uint64_t id, const Node *other) { return id < other->id; });
+}
+
+rpy_error_t put_names(const std::vector<Node *> &list, uint64_t after, Writer *out)
+{
+	size_t more_at = out->hole(), count_at = out->hole();
+	uint32_t count = 0;
+	auto at = behind(list, after);
+	for (; at != list.end() && count < page_most; ++at, count++) {
+		out->u64((*at)->id);
+		out->text((*at)->name);
+	}
+	out->fill(more_at, at == list.end() ? 0 : 1);
+	out->fill(count_at, count);
+	return RPY_ERROR_NONE;
+}
+
+rpy_error_t list_services(Daemon *daemon, Reader *in, Writer *out)
+{
+	uint64_t after = in->u64();
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	ReadLock hold(daemon->model.lock);
+	return put_names(daemon->model.services(), after, out);
+}
+
+rpy_error_t list_members(Daemon *daemon, Parent kind, Reader *in, Writer *out)
+{
+	uint64_t id = in->u64(), after = in->u64();
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	ReadLock hold(daemon->model.lock);
+	const Node *node = daemon->model.find(kind, id);
+	return node == nullptr ? RPY_ERROR_DELETED : put_names(node->members, after, out);
+}
+
+rpy_error_t list_instances(Daemon *daemon, Reader *in, Writer *out)
+{
+	return list_members(daemon, Parent::service, in, out);
+}
+
+rpy_error_t list_snapshots(Daemon *daemon, Reader *in, Writer *out)
+{
+	return list_members(daemon, Parent::instance, in, out);
+}
+
+bool fits(const Node *group, Filter filter, std::string_view text)
+{
+	switch (filter) {
+	case Filter::type:
+		return *group->type == text;
+	case Filter::type_prefix:
+		return group->type->compare(0, text.size(), text) == 0;
+	default:
+		return true; // names were looked up
+	}
+}
+
+rpy_error_t list_groups(Daemon *daemon, Reader *in, Writer *out)
+{
+	uint32_t kind = in->u32();
+	uint64_t id = in->u64();
+	uint32_t filter = in->u32();
+	std::string_view text = in->text();
+	uint64_t after = in->u64();
+	if (!in->done() || filter > static_cast<uint32_t>(Filter::type_prefix))
+		return RPY_ERROR_INVALID_ARGUMENT;
+	ReadLock hold(daemon->model.lock);
+	const Node *parent = daemon->model.find(id);
+	if (!is_parent(parent, kind))
+		return RPY_ERROR_DELETED;
+	auto wanted = static_cast<Filter>(filter);
+	std::vector<Node *> named;
+	if (wanted == Filter::name_without_case)
+		named = daemon->model.children_without_case(parent, kind_below(parent), text);
+	const std::vector<Node *> &list = wanted == Filter::name_without_case ? named : parent->groups;
+	size_t more_at = out->hole(), count_at = out->hole(), begin = out->size();
+	uint32_t count = 0;
+	auto at = behind(list, after);
+	for (; at != list.end(); ++at) {
+		if (!fits(*at, wanted, text))
+			continue;
+		if (count >= page_most || (count >= page_least && out->size() - begin >= page_bytes))
+			break;
+		put_group(out, wire_group(*at));
+		count++;
+	}
+	out->fill(more_at, at == list.end() ? 0 : 1);
+	out->fill(count_at, count);
+	return RPY_ERROR_NONE;
+}
+
+// ---- Changes of the tree ----
+
+// Adds one node, unless there is one of its name.
+rpy_error_t add_node(Daemon *daemon, std::unique_ptr<Node> node, Parent parent_kind, uint64_t parent_id, Writer *out)
+{
+	Update update;
+	Node *added = node.get();
+	Model &model = daemon->model;
+	update.prepare = [&](Rows *rows) {
+		if (parent_id != 0 && (added->parent = model.find(parent_kind, parent_id)) == nullptr)
+			return RPY_ERROR_DELETED;
+		if (model.child(added->parent, added->kind, added->name) != nullptr)
+			return RPY_ERROR_EXISTS;
+		if (added->parent != nullptr && added->stored() && !added->parent->stored())
+			return RPY_ERROR_CONSTRAINT_VIOLATED;
+		added->id = model.take_id();
+		if (added->stored())
+			rows->push_back(node_row(*added));
+		return RPY_ERROR_NONE;
+	};
+	update.apply = [&] {
+		if (added->is_group()) // while nothing can change it
+			put_group(out, wire_group(added));
+		else
+			out->u64(added->id);
+		model.add(std::move(node));
+	};
+	return daemon->updates.run(&update);
+}
+
+rpy_error_t add_service(Daemon *daemon, Reader *in, Writer *out)
+{
+	std::string_view name = in->text();
+	if (!in->done() || name.empty() || name.size() >= name_max || name.find('\0') != name.npos)
+		return RPY_ERROR_INVALID_ARGUMENT;
+	auto node = std::make_unique<Node>();
+	node->name = name;
+	return add_node(daemon, std::move(node), Parent::service, 0, out);
+}
+
+rpy_error_t add_instance(Daemon *daemon, Reader *in, Writer *out)
+{
+	uint64_t service = in->u64();
+	std::string_view name = in->text();
+	if (!in->done() || !is_name(name) || service == 0)
+		return RPY_ERROR_INVALID_ARGUMENT;
+	auto node = std::make_unique<Node>();
+	node->kind = Parent::instance;
+	node->name = name;
+	return add_node(daemon, std::move(node), Parent::service, service, out);
+}
+
+rpy_error_t add_group(Daemon *daemon, Reader *in, Writer *out)
+{
+	uint32_t kind = in->u32();
+	uint64_t id = in->u64();
+	std::string_view name = in->text(), type = in->text();
+	uint32_t flags = in->u32();
+	if (!in->done() || !is_name(name) || !is_name(type) || id == 0 || (flags & ~RPY_PG_FLAG_TEMPORARY) != 0)
+		return RPY_ERROR_INVALID_ARGUMENT;
+	auto parent_kind = static_cast<Parent>(kind);
+	if (parent_kind == Parent::snapshot || parent_kind == Parent::frozen)
+		return RPY_ERROR_CONSTRAINT_VIOLATED;
+	auto node = std::make_unique<Node>();
+	node->kind = Parent::group;
+	node->flags = flags;
+	node->name = name;
+	node->version = daemon->model.no_properties();
+	{
+		WriteLock hold(daemon->model.lock); // readers look at types while they hold it
+		node->type = daemon->model.intern(type);
+	}
+	return add_node(daemon, std::move(node), parent_kind, id, out);
+}
+
+// The rows that take a tree out of the store: what hangs below goes first, versions once nothing holds them.
+void delete_rows(const std::vector<Node *> &tree, Rows *rows)
+{
+	std::unordered_map<const Version *, uint32_t> released;
+	for (auto at = tree.rbegin(); at != tree.rend(); ++at) {
+		const Node *node = *at;
+		if (!node->stored())
+			continue;
+		rows->push_back({Row::What::delete_node, node->id});
+		const Version *version = node->version.get();
+		if (version != nullptr && version->id != 0 && ++released[version] == version->nodes)
+			rows->push_back({Row::What::delete_version, version->id});
+	}
+}
+
+rpy_error_t delete_node(Daemon *daemon, uint64_t id, Parent kind, Parent other_kind, bool all)
+{
+	Update update;
+	Node *node = nullptr;
+	update.prepare = [&](Rows *rows) {
+		node = daemon->model.find(id);
+		if (node == nullptr || (node->kind != kind && node->kind != other_kind))
+			return RPY_ERROR_DELETED;
+		if (!all && (!node->groups.empty() || !node->members.empty()))
+			return RPY_ERROR_IN_USE;
+		delete_rows(Model::tree(node), rows);
+		return RPY_ERROR_NONE;
+	};
+	update.apply = [&] { daemon->model.remove(node); };
+	return daemon->updates.run(&update);
+}
+
+rpy_error_t delete_entity(Daemon *daemon, Reader *in, Writer *)
+{
+	uint64_t id = in->u64();
+	uint32_t all = in->u32();
+	return in->done() ? delete_node(daemon, id, Parent::service, Parent::instance, all != 0)
+			  : RPY_ERROR_INVALID_ARGUMENT;
+}
+
+rpy_error_t delete_group(Daemon *daemon, Reader *in, Writer *)
+{
+	uint64_t id = in->u64();
+	return in->done() ? delete_node(daemon, id, Parent::group, Parent::group, true) : RPY_ERROR_INVALID_ARGUMENT;
+}
+
+rpy_error_t delete_snapshot(Daemon *daemon, Reader *in, Writer *)
+{
+	uint64_t id = in->u64();
+	return in->done() ? delete_node(daemon, id, Parent::snapshot, Parent::snapshot, true)
+			  : RPY_ERROR_INVALID_ARGUMENT;
+}
+
+// ---- Commits ----
+
+struct Entry {
+	Change change;
+	Property property;
+	bool used = false;
+};
+using Entries = std::vector<Entry>;
+
+bool take_entries(Reader *in, Entries *entries)
+{
+	uint32_t count = in->u32();
+	for (uint32_t i = 0; i < count && in->ok(); i++) {
+		uint32_t change = in->u32();
+		Entry entry = {static_cast<Change>(change), take_property(in), false};
+		if (!in->ok() || change > static_cast<uint32_t>(Change::remove) || !is_sound(entry.property))
+			return false;
+		entries->push_back(entry);
+	}
+	return in->done();
+}
+
+// The properties of a group with the entries applied to them.
+rpy_error_t merge(const std::string &before, Entries *entries, std::string *after)
+{
+	std::unordered_map<std::string_view, Entry *> by_name;
+	for (Entry &entry : *entries)
+		if (!by_name.emplace(entry.property.name, &entry).second)
+			return RPY_ERROR_INVALID_ARGUMENT;
+	Writer merged;
+	size_t count_at = merged.hole();
+	uint32_t count = 0;
+	Reader in(before);
+	for (uint32_t left = in.u32(); left > 0; left--) {
+		Property property = take_property(&in);
+		auto found = by_name.find(property.name);
+		if (found == by_name.end()) {
+			put_property(&merged, property);
+			count++;
+			continue;
+		}
+		Entry *entry = found->second;
+		entry->used = true;
+		if (entry->change == Change::create)
+			return RPY_ERROR_EXISTS;
+		if (entry->change == Change::remove)
+			continue;
+		put_property(&merged, entry->property);
+		count++;
+	}
+	for (const Entry &entry : *entries) {
+		if (entry.used)
+			continue;
+		if (entry.change != Change::create)
+			return RPY_ERROR_NOT_FOUND;
+		put_property(&merged, entry.property);
+		count++;
+	}
+	merged.fill(count_at, count);
+	if (!merged.ok())
+		return RPY_ERROR_NO_MEMORY;
+	if (merged.size() > UINT32_MAX)
+		return RPY_ERROR_NO_RESOURCES;
+	after->assign(merged.view());
+	return RPY_ERROR_NONE;
+}
+
+rpy_error_t commit(Daemon *daemon, Reader *in, Writer *out)
+{
+	uint64_t id = in->u64(), base = in->u64();
+	Entries entries;
+	if (!take_entries(in, &entries))
+		return RPY_ERROR_INVALID_ARGUMENT;
+	Update update;
+	update.group = id;
+	Node *group = nullptr;
+	auto version = std::make_shared<Version>();
+	update.prepare = [&](Rows *rows) {
+		group = daemon->model.find(Parent::group, id);
+		if (group == nullptr)
+			return RPY_ERROR_DELETED;
+		const Version *old = group->version.get();
+		update.nothing = old->id != base;
+		if (update.nothing)
+			return RPY_ERROR_NONE;
+		if (rpy_error_t error = merge(old->properties, &entries, &version->properties); error != RPY_ERROR_NONE)
+			return error;
+		version->id = daemon->model.take_id();
+		if (group->stored()) {
+			rows->push_back({Row::What::put_version, version->id, 0, 0, 0, {}, {}, version->properties});
+			rows->push_back({Row::What::set_version, id, 0, 0, version->id});
+			if (old->id != 0 && old->nodes == 1)
+				rows->push_back({Row::What::delete_version, old->id});
+		}
+		return RPY_ERROR_NONE;
+	};
+	update.apply = [&] { daemon->model.set_version(group, version); };
+	rpy_error_t error = daemon->updates.run(&update);
+	out->u32(update.nothing ? 0 : 1);
+	return error;
+}
+
+// ---- Snapshots ----
+
+using Nodes = std::vector<std::unique_ptr<Node>>;
+
+// Copies the stored groups below `from` to below `to`, as nodes of another kind. Parents come first.
+void copy_groups(Daemon *daemon, Node *from, Node *to, Parent kind, Nodes *copies)
+{
+	std::vector<std::pair<Node *, Node *>> pairs = {{from, to}};
+	for (size_t i = 0; i < pairs.size(); i++) {
+		auto [source, target] = pairs[i];
+		for (Node *group : source->groups) {
+			if (!group->stored())
+				continue;
+			auto copy = new_node(daemon, kind, target, group->name);
+			copy->type = group->type;
+			copy->version = group->version;
+			pairs.emplace_back(group, copy.get());
+			copies->push_back(std::move(copy));
+		}
+	}
+}
+
+void add_rows(const Nodes &nodes, Rows *rows)
+{
+	for (const auto &node : nodes)
+		rows->push_back(node_row(*node));
+}
+
+void add_all(Model *model, Nodes *nodes)
+{
+	for (auto &node : *nodes)
+		model->add(std::move(node));
+}
+
+// Deleting an old tree and adding a new one that shares its versions: those that are still held mustn't go.
+void drop_deleted_versions(const Nodes &added, Rows *rows)
+{
+	std::unordered_map<uint64_t, bool> held;
+	for (const auto &node : added)
+		if (node->version)
+			held[node->version->id] = true;
+	rows->erase(
+	    std::remove_if(rows->begin(), rows->end(),
+		[&held](const Row &row) { return row.what == Row::What::delete_version && held.count(row.id) != 0; }),
+	    rows->end());
+}
+
+rpy_error_t take_snapshot(Daemon *daemon, Reader *in, Writer *out)
+{
+	uint64_t id = in->u64();
+	std::string name(in->text());
+	bool replace = in->u32() != 0;
+	if (!in->done() || !is_name(name))
+		return RPY_ERROR_INVALID_ARGUMENT;
+	Update update;
+	Nodes nodes; // of the new snapshot, itself first
+	Node *old = nullptr;
+	uint64_t taken = 0;
+	update.prepare = [&](Rows *rows) {
+		Node *instance = daemon->model.find(Parent::instance, id);
+		if (instance == nullptr)
+			return RPY_ERROR_DELETED;
+		old = daemon->model.child(instance, Parent::snapshot, name);
+		if ((old != nullptr) != replace)
+			return replace ? RPY_ERROR_DELETED : RPY_ERROR_EXISTS;
+		if (old != nullptr)
+			delete_rows(Model::tree(old), rows);
+		nodes.push_back(new_node(daemon, Parent::snapshot, instance, name));
+		taken = nodes.front()->id;
+		copy_groups(daemon, instance, nodes.front().get(), Parent::frozen, &nodes);
+		drop_deleted_versions(nodes, rows);
+		add_rows(nodes, rows);
+		return RPY_ERROR_NONE;
+	};
+	update.apply = [&] {
+		if (old != nullptr)
+			daemon->model.remove(old);
+		add_all(&daemon->model, &nodes);
+	};
+	rpy_error_t error = daemon->updates.run(&update);
+	out->u64(taken);
+	return error;
+}
+
+rpy_error_t revert_snapshot(Daemon *daemon, Reader *in, Writer *)
+{
+	uint64_t id = in->u64();
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	Update update;
+	Nodes nodes;
+	std::vector<Node *> gone; // the instance's stored groups of the first level
+	update.prepare = [&](Rows *rows) {
+		Node *snapshot = daemon->model.find(Parent::snapshot, id);
+		if (snapshot == nullptr)
+			return RPY_ERROR_DELETED;
+		Node *instance = snapshot->parent;
+		std::vector<Node *> all;
+		for (Node *group : instance->groups) {
+			if (!group->stored())
+				continue;
+			gone.push_back(group);
+			std::vector<Node *> tree = Model::tree(group);
+			all.insert(all.end(), tree.begin(), tree.end());
+		}
+		delete_rows(all, rows);
+		copy_groups(daemon, snapshot, instance, Parent::group, &nodes);
+		for (const auto &node : nodes) // a temporary group keeps its name
+			if (node->parent == instance)
+				if (Node *other = daemon->model.child(instance, Parent::group, node->name);
+				    other && !other->stored())
+					return RPY_ERROR_CONFLICT;
+		drop_deleted_versions(nodes, rows);
+		add_rows(nodes, rows);
+		return RPY_ERROR_NONE;
+	};
+	update.apply = [&] {
+		for (Node *group : gone)
+			daemon->model.remove(group);
+		add_all(&daemon->model, &nodes);
+	};
+	return daemon->updates.run(&update);
+}
+
+// ---- What an operator asks for ----
+
+rpy_error_t verify(Daemon *daemon, Reader *in, Writer *out)
+{
+	std::string findings;
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	if (!daemon->store->verify(&findings))
+		return RPY_ERROR_BACKEND_ACCESS;
+	out->text(findings);
+	return RPY_ERROR_NONE;
+}
+
+rpy_error_t backup(Daemon *daemon, Reader *in, Writer *out)
+{
+	std::string bytes;
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	if (!daemon->store->copy(&bytes))
+		return RPY_ERROR_BACKEND_ACCESS;
+	out->bytes(bytes);
+	return RPY_ERROR_NONE;
+}
+
+// ---- The table ----
+
+struct Request {
+	Handler *handler;
+	bool changes;
+};
+
+constexpr Request requests[] = {
+    {get_status, false},
+    {decode, false},
+    {list_services, false},
+    {list_instances, false},
+    {list_snapshots, false},
+    {add_service, true},
+    {add_instance, true},
+    {delete_entity, true},
+    {get_group, false},
+    {read_group, false},
+    {list_groups, false},
+    {add_group, true},
+    {delete_group, true},
+    {commit, true},
+    {get_snapshot, false},
+    {take_snapshot, true},
+    {delete_snapshot, true},
+    {revert_snapshot, true},
+    {verify, false},
+    {backup, false},
+};
+static_assert(sizeof(requests) / sizeof(*requests) == static_cast<size_t>(Op::count_));
+
+rpy_error_t carry_out(Daemon *daemon, std::string_view request, bool (*read)(), bool (*modify)(), Writer *reply)
+{
+	Reader in(request);
+	bool speaks = in.u32() == magic;
+	uint32_t op = in.u32();
+	if (!in.ok() || !speaks || op >= static_cast<uint32_t>(Op::count_))
+		return RPY_ERROR_INVALID_ARGUMENT;
+	if (!(requests[op].changes ? modify() : read()))
+		return RPY_ERROR_PERMISSION_DENIED;
+	return requests[op].handler(daemon, &in, reply);
+}
+
+} // namespace
+
+// Nodes come with their parents before them; what doesn't fit the tree is refused.
+Failure Daemon::load()
+{
+	std::unordered_map<uint64_t, std::shared_ptr<const Version>> versions;
+	Store::Loader loader;
+	loader.version = [&versions](uint64_t id, std::string_view properties) {
+		auto version = std::make_shared<Version>();
+		version->id = id;
+		version->properties = properties;
+		versions.emplace(id, std::move(version));
+	};
+	loader.node = [this, &versions](const Row &row) {
+		if (row.kind < static_cast<uint32_t>(Parent::service) ||
+		    row.kind > static_cast<uint32_t>(Parent::frozen))
+			return false;
+		auto node = std::make_unique<Node>();
+		node->kind = static_cast<Parent>(row.kind);
+		node->id = row.id;
+		node->name = row.name;
+		node->parent = row.parent == 0 ? nullptr : model.find(row.parent);
+		if ((node->parent == nullptr) != (node->kind == Parent::service))
+			return false;
+		if (node->is_group()) {
+			auto version = versions.find(row.version);
+			if (!is_name(row.name) || !is_name(row.type) || kind_below(node->parent) != node->kind ||
+			    (row.version != 0 && version == versions.end()))
+				return false;
+			node->type = model.intern(row.type);
+			node->version = row.version == 0 ? model.no_properties() : version->second;
+		} else if (node->parent != nullptr &&
+			   node->parent->kind !=
+			       (node->kind == Parent::instance ? Parent::service : Parent::instance)) {
+			return false;
+		}
+		if (model.child(node->parent, node->kind, node->name) != nullptr)
+			return false;
+		model.add(std::move(node));
+		return true;
+	};
+	uint64_t next = 0;
+	Failure failure = store->open(loader, &next);
+	if (!failure)
+		model.set_next_id(next);
+	return failure;
+}
+
+void answer(Daemon *daemon, std::string_view request, bool (*read)(), bool (*modify)(), Writer *reply)
+{
+	rpy_error_t error = RPY_ERROR_NO_MEMORY;
+	reply->u32(magic);
+	size_t error_at = reply->hole();
+	size_t begin = reply->size();
+	try {
+		error = carry_out(daemon, request, read, modify, reply);
+	} catch (const std::bad_alloc &) {
+		error = RPY_ERROR_NO_MEMORY;
+	}
+	if (error != RPY_ERROR_NONE && reply->ok())
+		reply->cut(begin);
+	reply->fill(error_at, static_cast<uint32_t>(error));
+}
+
+} // namespace repository

@@ -1,0 +1,380 @@
+// The repository through its client library, with a real daemon behind it.
+#include <atomic>
+#include <gtest/gtest.h>
+#include <thread>
+
+#include "repository.h"
+
+namespace {
+
+class Rpy : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		ASSERT_EQ(daemon.start(), 0);
+		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	}
+	void restart()
+	{
+		daemon.stop();
+		ASSERT_EQ(daemon.start(), 0);
+		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	}
+
+	Repository daemon;
+	RepositoryClient client;
+};
+
+TEST_F(Rpy, AGroupHoldsWhatWasCommittedAlsoAfterARestart)
+{
+	Contents contents = {{"mtu", {"1500"}}, {"addresses", {"10.0.0.1", "10.0.0.2", ""}}, {"none", {}},
+	    {"long", {std::string(300000, 'x')}}, {"max", {"18446744073709551615"}}};
+	ASSERT_EQ(client.add("eth0", "link"), RPY_ERROR_NONE);
+	EXPECT_EQ(client.read("eth0"), Contents());
+	ASSERT_EQ(client.write("eth0", contents), 1);
+	EXPECT_EQ(client.read("eth0"), contents);
+	contents.erase("none");
+	contents["mtu"] = {"9000", "1"};
+	ASSERT_EQ(client.write("eth0", contents), 1);
+	restart();
+	EXPECT_EQ(client.read("eth0"), contents);
+}
+
+TEST_F(Rpy, EveryTypeKeepsItsValues)
+{
+	ASSERT_EQ(client.add("g"), RPY_ERROR_NONE);
+	Pg pg = client.group();
+	Tx tx(rpy_transaction_create(client.handle));
+	ASSERT_EQ(rpy_instance_get_pg(client.instance, "g", pg.get()), 0);
+	ASSERT_EQ(rpy_transaction_start(tx.get(), pg.get()), 0);
+	struct {
+		rpy_type_t type;
+		const char *text;
+	} const types[] = {{RPY_TYPE_BOOLEAN, "true"}, {RPY_TYPE_COUNT, "7"},
+	    {RPY_TYPE_INTEGER, "-9223372036854775808"}, {RPY_TYPE_TIME, "12.5"}, {RPY_TYPE_ASTRING, ""},
+	    {RPY_TYPE_OPAQUE, "raw"}, {RPY_TYPE_USTRING, "\xc3\xa4"}, {RPY_TYPE_URI, "a:b"}, {RPY_TYPE_LOCATOR, "l"},
+	    {RPY_TYPE_HOST, "h"}, {RPY_TYPE_HOSTNAME, "h.x"}, {RPY_TYPE_NET_ADDR_V4, "10.0.0.1"},
+	    {RPY_TYPE_NET_ADDR_V6, "::1"}, {RPY_TYPE_NET_ADDR, "::2"}};
+	for (const auto &[type, text] : types) {
+		Val value(rpy_value_create(client.handle));
+		auto *entry = rpy_entry_create(client.handle);
+		ASSERT_EQ(rpy_value_set_from_string(value.get(), type, text), 0) << type;
+		ASSERT_EQ(rpy_transaction_property_new(tx.get(), entry, ("p" + std::to_string(type)).c_str(), type), 0);
+		ASSERT_EQ(rpy_entry_add_value(entry, value.release()), 0);
+	}
+	ASSERT_EQ(rpy_transaction_commit(tx.get()), 1);
+	rpy_transaction_destroy_children(tx.get());
+
+	ASSERT_EQ(rpy_pg_update(pg.get()), 1);
+	Prop property(rpy_property_create(client.handle));
+	Val value(rpy_value_create(client.handle));
+	for (const auto &[type, text] : types) {
+		rpy_type_t stored, of_value;
+		ASSERT_EQ(rpy_pg_get_property(pg.get(), ("p" + std::to_string(type)).c_str(), property.get()), 0);
+		ASSERT_EQ(rpy_property_type(property.get(), &stored), 0);
+		ASSERT_EQ(rpy_property_get_value(property.get(), value.get()), 0);
+		ASSERT_EQ(rpy_value_type(value.get(), &of_value), 0);
+		EXPECT_EQ(stored, type);
+		EXPECT_EQ(of_value, type);
+		char bytes[64] = "";
+		if (type > RPY_TYPE_INTEGER) {
+			ASSERT_EQ(
+			    rpy_value_get_bytes(value.get(), bytes, sizeof(bytes)), static_cast<ssize_t>(strlen(text)));
+			EXPECT_STREQ(bytes, text);
+		}
+	}
+	int64_t integer = 0;
+	ASSERT_EQ(rpy_pg_get_property(pg.get(), "p3", property.get()), 0);
+	ASSERT_EQ(rpy_property_get_value(property.get(), value.get()), 0);
+	ASSERT_EQ(rpy_value_get_integer(value.get(), &integer), 0);
+	EXPECT_EQ(integer, INT64_MIN);
+}
+
+TEST_F(Rpy, AStaleCommitChangesNothingAndIsTold)
+{
+	ASSERT_EQ(client.add("g"), RPY_ERROR_NONE);
+	Pg old = client.group();
+	ASSERT_EQ(rpy_instance_get_pg(client.instance, "g", old.get()), 0);
+	ASSERT_EQ(client.write("g", {{"a", {"1"}}}), 1);
+	EXPECT_EQ(client.write(old.get(), {{"b", {"2"}}}), 0);
+	EXPECT_EQ(client.read("g"), (Contents{{"a", {"1"}}}));
+	EXPECT_EQ(client.contents(old.get()), Contents()); // the object shows the version that it holds
+	EXPECT_EQ(rpy_pg_update(old.get()), 1);
+	EXPECT_EQ(rpy_pg_update(old.get()), 0);
+	EXPECT_EQ(client.write(old.get(), {{"b", {"2"}}}), 1);
+	EXPECT_EQ(client.read("g"), (Contents{{"b", {"2"}}}));
+}
+
+TEST_F(Rpy, AGroupThatWasMadeAnewIsAnotherOne)
+{
+	ASSERT_EQ(client.add("g"), RPY_ERROR_NONE);
+	Pg old = client.group();
+	ASSERT_EQ(rpy_instance_get_pg(client.instance, "g", old.get()), 0);
+	ASSERT_EQ(rpy_pg_delete(old.get()), 0);
+	ASSERT_EQ(client.add("g"), RPY_ERROR_NONE);
+	EXPECT_EQ(rpy_pg_update(old.get()), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
+	EXPECT_EQ(client.write(old.get(), {{"b", {"2"}}}), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
+	EXPECT_EQ(rpy_pg_delete(old.get()), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
+	EXPECT_EQ(client.read("g"), Contents());
+}
+
+TEST_F(Rpy, GroupsNestAndGoWithTheirParents)
+{
+	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
+	Pg a = client.group(), b = client.group(), c = client.group();
+	ASSERT_EQ(rpy_instance_get_pg(client.instance, "a", a.get()), 0);
+	ASSERT_EQ(rpy_pg_add_pg(a.get(), "b", "u", 0, b.get()), 0);
+	ASSERT_EQ(rpy_pg_add_pg(b.get(), "c", "v", 0, c.get()), 0);
+	EXPECT_EQ(rpy_pg_update(a.get()), 0); // its version is what it was
+	EXPECT_EQ(rpy_pg_add_pg(a.get(), "b", "u", 0, c.get()), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_EXISTS);
+	EXPECT_EQ(rpy_pg_get_pg(a.get(), "B", c.get()), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_NOT_FOUND);
+	restart();
+	ASSERT_EQ(rpy_instance_get_pg(client.instance, "a", a.get()), 0);
+	ASSERT_EQ(rpy_pg_get_pg(a.get(), "b", b.get()), 0);
+	ASSERT_EQ(rpy_pg_get_pg(b.get(), "c", c.get()), 0);
+	ASSERT_EQ(rpy_pg_delete(a.get()), 0);
+	EXPECT_EQ(rpy_pg_update(c.get()), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
+	EXPECT_EQ(rpy_pg_get_pg(b.get(), "c", c.get()), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
+}
+
+TEST_F(Rpy, TemporaryGroupsEndWithTheDaemonAndHoldNothingThatStays)
+{
+	ASSERT_EQ(client.add("t", "x", RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
+	ASSERT_EQ(client.add("p"), RPY_ERROR_NONE);
+	Pg t = client.group(), p = client.group(), below = client.group();
+	ASSERT_EQ(rpy_instance_get_pg(client.instance, "t", t.get()), 0);
+	EXPECT_EQ(rpy_pg_add_pg(t.get(), "b", "u", 0, below.get()), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_CONSTRAINT_VIOLATED);
+	ASSERT_EQ(rpy_pg_add_pg(t.get(), "b", "u", RPY_PG_FLAG_TEMPORARY, below.get()), 0);
+	ASSERT_EQ(rpy_instance_get_pg(client.instance, "p", p.get()), 0);
+	ASSERT_EQ(rpy_pg_add_pg(p.get(), "b", "u", RPY_PG_FLAG_TEMPORARY, below.get()), 0);
+	ASSERT_EQ(client.write(below.get(), {{"a", {"1"}}}), 1);
+	restart();
+	Iter iter(rpy_iter_create(client.handle));
+	ASSERT_EQ(rpy_iter_instance_pgs(iter.get(), client.instance), 0);
+	EXPECT_EQ(client.names(iter.get()), std::vector<std::string>{"p"});
+	ASSERT_EQ(rpy_instance_get_pg(client.instance, "p", p.get()), 0);
+	ASSERT_EQ(rpy_iter_pg_pgs(iter.get(), p.get()), 0);
+	EXPECT_TRUE(client.names(iter.get()).empty());
+}
+
+TEST_F(Rpy, ListingsComeInPagesInOrderAndFiltered)
+{
+	std::vector<std::string> all, even;
+	for (int i = 0; i < 2500; i++) {
+		std::string name = "G" + std::to_string(i);
+		ASSERT_EQ(client.add(name, i % 2 == 0 ? "even" : "odd", RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
+		all.push_back(name);
+		if (i % 2 == 0)
+			even.push_back(name);
+	}
+	ASSERT_EQ(client.add("g7", "odd", RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
+	all.emplace_back("g7");
+	Iter iter(rpy_iter_create(client.handle));
+	ASSERT_EQ(rpy_iter_instance_pgs(iter.get(), client.instance), 0);
+	daemon.kill(); // the listing is complete: it needs no daemon any more
+	EXPECT_EQ(client.names(iter.get()), all);
+	Pg last = client.group();
+	EXPECT_EQ(rpy_iter_next_pg(iter.get(), last.get()), 0);
+	EXPECT_EQ(rpy_iter_instance_pgs(iter.get(), client.instance), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_CONNECTION_BROKEN);
+
+	ASSERT_EQ(daemon.start(), 0);
+	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	for (const char *name : {"Foo", "bar", "FOO"})
+		ASSERT_EQ(client.add(name, name), RPY_ERROR_NONE);
+	auto like = [&](const char *name, const char *type) {
+		EXPECT_EQ(_rpy_iter_instance_pgs_like(iter.get(), client.instance, name, type), 0);
+		return client.names(iter.get());
+	};
+	using Names = std::vector<std::string>;
+	EXPECT_EQ(like("foo", nullptr), (Names{"Foo", "FOO"}));
+	EXPECT_EQ(like("fo*", nullptr), Names());
+	EXPECT_EQ(like(nullptr, "F*junk"), (Names{"Foo", "FOO"}));
+	EXPECT_EQ(like(nullptr, "Foo"), (Names{"Foo"}));
+	EXPECT_EQ(like(nullptr, "*"), (Names{"Foo", "bar", "FOO"}));
+	EXPECT_EQ(_rpy_iter_instance_pgs_like(iter.get(), client.instance, "a", "b"), -1);
+}
+
+TEST_F(Rpy, SnapshotsKeepTheStoredGroupsAsTheyWere)
+{
+	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
+	ASSERT_EQ(client.add("t", "t", RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
+	ASSERT_EQ(client.write("a", {{"v", {"1"}}}), 1);
+	Pg a = client.group(), nested = client.group(), frozen = client.group();
+	ASSERT_EQ(rpy_instance_get_pg(client.instance, "a", a.get()), 0);
+	ASSERT_EQ(rpy_pg_add_pg(a.get(), "n", "u", 0, nested.get()), 0);
+	ASSERT_EQ(client.write(nested.get(), {{"w", {"x"}}}), 1);
+	Snap snapshot(rpy_snapshot_create(client.handle));
+	EXPECT_EQ(rpy_instance_get_snapshot(client.instance, "running", snapshot.get()), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_NOT_FOUND);
+	ASSERT_EQ(_rpy_snapshot_take_new(client.instance, "running", snapshot.get()), 0);
+	EXPECT_EQ(_rpy_snapshot_take_new(client.instance, "running", snapshot.get()), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_EXISTS);
+	ASSERT_EQ(client.write("a", {{"v", {"2"}}}), 1);
+	restart();
+
+	ASSERT_EQ(rpy_instance_get_snapshot(client.instance, "running", snapshot.get()), 0);
+	Iter iter(rpy_iter_create(client.handle));
+	ASSERT_EQ(rpy_iter_snapshot_pgs(iter.get(), snapshot.get()), 0);
+	EXPECT_EQ(client.names(iter.get()), std::vector<std::string>{"a"});
+	ASSERT_EQ(rpy_snapshot_get_pg(snapshot.get(), "a", frozen.get()), 0);
+	EXPECT_EQ(client.contents(frozen.get()), (Contents{{"v", {"1"}}}));
+	ASSERT_EQ(rpy_pg_get_pg(frozen.get(), "n", nested.get()), 0);
+	EXPECT_EQ(client.contents(nested.get()), (Contents{{"w", {"x"}}}));
+	EXPECT_EQ(rpy_pg_delete(frozen.get()), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_CONSTRAINT_VIOLATED);
+
+	ASSERT_EQ(client.add("later"), RPY_ERROR_NONE);
+	ASSERT_EQ(_rpy_snapshot_revert(snapshot.get()), 0);
+	EXPECT_EQ(client.read("a"), (Contents{{"v", {"1"}}}));
+	EXPECT_EQ(client.read("later"), Contents());
+	EXPECT_EQ(rpy_error(), RPY_ERROR_NOT_FOUND);
+	ASSERT_EQ(client.write("a", {{"v", {"3"}}}), 1);
+	ASSERT_EQ(_rpy_snapshot_take_attach(client.instance, snapshot.get()), 0);
+	restart();
+	ASSERT_EQ(rpy_instance_get_snapshot(client.instance, "running", snapshot.get()), 0);
+	ASSERT_EQ(rpy_snapshot_get_pg(snapshot.get(), "a", frozen.get()), 0);
+	EXPECT_EQ(client.contents(frozen.get()), (Contents{{"v", {"3"}}}));
+	ASSERT_EQ(_rpy_snapshot_delete(snapshot.get()), 0);
+	EXPECT_EQ(client.read("a"), (Contents{{"v", {"3"}}}));
+	char *findings = nullptr;
+	ASSERT_EQ(_rpy_verify(client.handle, &findings), 0);
+	EXPECT_STREQ(findings, "");
+	free(findings);
+}
+
+TEST_F(Rpy, AHandleStaysWithTheDaemonThatItWasBoundTo)
+{
+	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
+	daemon.kill();
+	EXPECT_EQ(rpy_handle_get_scope(client.handle, "localhost", client.scope), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_CONNECTION_BROKEN);
+	ASSERT_EQ(daemon.start(), 0);
+	EXPECT_EQ(rpy_handle_get_scope(client.handle, "localhost", client.scope), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_CONNECTION_BROKEN);
+	EXPECT_EQ(client.read("a"), Contents());
+	EXPECT_EQ(rpy_error(), RPY_ERROR_CONNECTION_BROKEN);
+	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	EXPECT_EQ(client.write("a", {{"v", {"1"}}}), 1);
+	daemon.stop();
+	RepositoryClient other;
+	EXPECT_EQ(other.bind(daemon.hatch()), RPY_ERROR_NO_SERVER);
+	EXPECT_EQ(other.bind(daemon.hatch("nothing")), RPY_ERROR_NO_SERVER);
+	EXPECT_EQ(other.bind("/"), RPY_ERROR_NO_SERVER);
+}
+
+TEST_F(Rpy, MisuseHasItsErrorAndChangesNothing)
+{
+	Pg empty = client.group(), pg = client.group();
+	RepositoryClient stranger(daemon.hatch());
+	Tx tx(rpy_transaction_create(client.handle)), strange(rpy_transaction_create(stranger.handle));
+	Val value(rpy_value_create(client.handle));
+	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
+	ASSERT_EQ(client.write("a", {{"v", {"1"}}, {"w", {"1", "2"}}, {"x", {}}}), 1);
+	ASSERT_EQ(rpy_instance_get_pg(client.instance, "a", pg.get()), 0);
+	std::string long_name(RPY_NAME_MAX - 1, 'n'), too_long(RPY_NAME_MAX, 'n');
+	auto *entry = rpy_entry_create(client.handle), *other = rpy_entry_create(client.handle);
+	Prop property(rpy_property_create(client.handle));
+#define FAILS(call, error)                                                                                             \
+	EXPECT_EQ((call), -1) << #call;                                                                                \
+	EXPECT_EQ(rpy_error(), error) << #call
+	FAILS(rpy_pg_update(empty.get()), RPY_ERROR_NOT_SET);
+	FAILS(rpy_pg_update(nullptr), RPY_ERROR_INVALID_ARGUMENT);
+	FAILS(rpy_instance_get_pg(stranger.instance, "a", pg.get()), RPY_ERROR_HANDLE_MISMATCH);
+	FAILS(rpy_instance_add_pg(client.instance, "a/b", "t", 0, empty.get()), RPY_ERROR_INVALID_ARGUMENT);
+	FAILS(rpy_instance_add_pg(client.instance, "", "t", 0, empty.get()), RPY_ERROR_INVALID_ARGUMENT);
+	FAILS(rpy_instance_add_pg(client.instance, "b", "", 0, empty.get()), RPY_ERROR_INVALID_ARGUMENT);
+	FAILS(rpy_instance_add_pg(client.instance, "b", "t", 2, empty.get()), RPY_ERROR_INVALID_ARGUMENT);
+	FAILS(rpy_instance_add_pg(client.instance, too_long.c_str(), "t", 0, empty.get()), RPY_ERROR_INVALID_ARGUMENT);
+	FAILS(rpy_handle_bind(client.handle), RPY_ERROR_IN_USE);
+	FAILS(rpy_transaction_start(strange.get(), pg.get()), RPY_ERROR_HANDLE_MISMATCH);
+	FAILS(rpy_transaction_property_new(tx.get(), entry, "n", RPY_TYPE_COUNT), RPY_ERROR_NOT_SET);
+	FAILS(rpy_transaction_commit(tx.get()), RPY_ERROR_NOT_SET);
+	ASSERT_EQ(rpy_transaction_start(tx.get(), pg.get()), 0);
+	FAILS(rpy_transaction_start(tx.get(), pg.get()), RPY_ERROR_IN_USE);
+	FAILS(rpy_transaction_property_new(tx.get(), entry, "v", RPY_TYPE_COUNT), RPY_ERROR_EXISTS);
+	FAILS(rpy_transaction_property_change(tx.get(), entry, "n", RPY_TYPE_COUNT), RPY_ERROR_NOT_FOUND);
+	FAILS(rpy_transaction_property_change(tx.get(), entry, "v", RPY_TYPE_ASTRING), RPY_ERROR_TYPE_MISMATCH);
+	FAILS(
+	    rpy_transaction_property_new(tx.get(), entry, "n", static_cast<rpy_type_t>(7)), RPY_ERROR_INVALID_ARGUMENT);
+	ASSERT_EQ(rpy_transaction_property_new(tx.get(), entry, long_name.c_str(), RPY_TYPE_COUNT), 0);
+	FAILS(rpy_transaction_property_new(tx.get(), entry, "m", RPY_TYPE_COUNT), RPY_ERROR_IN_USE);
+	FAILS(rpy_transaction_property_new(tx.get(), other, long_name.c_str(), RPY_TYPE_COUNT), RPY_ERROR_IN_USE);
+	FAILS(rpy_entry_add_value(entry, value.get()), RPY_ERROR_NOT_SET);
+	rpy_value_set_integer(value.get(), -1);
+	FAILS(rpy_entry_add_value(entry, value.get()), RPY_ERROR_TYPE_MISMATCH);
+	FAILS(rpy_value_set_from_string(value.get(), RPY_TYPE_COUNT, "-1"), RPY_ERROR_INVALID_ARGUMENT);
+	FAILS(rpy_value_set_from_string(value.get(), RPY_TYPE_BOOLEAN, "yes"), RPY_ERROR_INVALID_ARGUMENT);
+	ASSERT_EQ(rpy_pg_get_property(pg.get(), "w", property.get()), 0);
+	FAILS(rpy_property_get_value(property.get(), value.get()), RPY_ERROR_CONSTRAINT_VIOLATED);
+	ASSERT_EQ(rpy_pg_get_property(pg.get(), "x", property.get()), 0);
+	FAILS(rpy_property_get_value(property.get(), value.get()), RPY_ERROR_NOT_FOUND);
+	FAILS(rpy_handle_decode_locator(
+		  client.handle, "net/link:nope", nullptr, client.service, client.instance, nullptr, nullptr, 0),
+	    RPY_ERROR_NOT_FOUND);
+	for (const char *bad : {"", ":x", "a:", "/a", "a/", "a//b", "a:b/c"})
+		FAILS(rpy_handle_decode_locator(client.handle, bad, nullptr, nullptr, nullptr, nullptr, nullptr, 0),
+		    RPY_ERROR_INVALID_ARGUMENT);
+	FAILS(_rpy_service_delete(client.service, 0), RPY_ERROR_IN_USE);
+#undef FAILS
+	rpy_transaction_destroy_children(tx.get());
+	rpy_entry_destroy(other);
+	EXPECT_EQ(client.read("a"), (Contents{{"v", {"1"}}, {"w", {"1", "2"}}, {"x", {}}}));
+	EXPECT_EQ(_rpy_service_delete(client.service, 1), 0);
+	EXPECT_EQ(client.find(), RPY_ERROR_NOT_FOUND);
+}
+
+TEST_F(Rpy, WritersOfOneGroupLeaveOnesWorkAndReadersSeeNoMixture)
+{
+	ASSERT_EQ(client.add("g"), RPY_ERROR_NONE);
+	auto contents = [](int i) {
+		std::string text = std::to_string(i);
+		return Contents{{"a", {text}}, {"b", {text, text}}, {"w" + std::to_string(i % 8), {text}}};
+	};
+	ASSERT_EQ(client.write("g", contents(0)), 1);
+	std::atomic<bool> end{false};
+	std::atomic<int> torn{0}, reads{0}, commits{0};
+	std::vector<std::thread> writers, readers;
+	auto whole = [](Contents found) {
+		return found.size() == 3 && found["b"] == std::vector<std::string>(2, found["a"].at(0)) &&
+		       found["w" + std::to_string(std::stoi(found["a"][0]) % 8)] == found["a"];
+	};
+	for (int reader = 0; reader < 40; reader++)
+		readers.emplace_back([&] {
+			while (!end) {
+				torn += whole(client.read("g")) ? 0 : 1; // one handle for all of them
+				reads++;
+			}
+		});
+	for (int writer = 0; writer < 8; writer++)
+		writers.emplace_back([&, writer] {
+			Pg pg = client.group();
+			ASSERT_EQ(rpy_instance_get_pg(client.instance, "g", pg.get()), 0);
+			for (int done = 0; done < 10;) {
+				int result = client.write(pg.get(), contents(writer + 8 * done));
+				ASSERT_NE(result, -1) << rpy_strerror(rpy_error());
+				done += result;
+				commits += result;
+				ASSERT_NE(rpy_pg_update(pg.get()), -1);
+			}
+		});
+	for (std::thread &thread : writers)
+		thread.join();
+	end = true;
+	for (std::thread &thread : readers)
+		thread.join();
+	EXPECT_EQ(commits, 80);
+	EXPECT_EQ(torn, 0);
+	EXPECT_GT(reads, 0);
+	EXPECT_TRUE(whole(client.read("g")));
+}
+
+} // namespace
