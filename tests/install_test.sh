@@ -14,6 +14,7 @@ mv "$work/first" "$work/tree" # whatever holds the old place is found out now
 tree=$work/tree
 
 for file in include/libostrel.h include/meridon/attrlist.h lib/libostrel.so.1 lib/libmeridon.so.1 \
+	include/meridon/rpy.h lib/cairn/bin/cairn.configd \
 	lib/pkgconfig/libostrel.pc lib/pkgconfig/libmeridon.pc lib/cmake/ostrel/ostrelConfig.cmake; do
 	[ -e "$tree/$file" ] || fail "$file isn't installed"
 done
@@ -50,3 +51,8 @@ for program in c cxx package/foreigner; do
 	"$work/$program" "$database" || fail "$program failed"
 	[ "$(wc -l <"$database")" = 2 ] || fail "$program left another database: $(cat "$database")"
 done
+
+# The daemon finds its library beside itself.
+"$tree/lib/cairn/bin/cairn.configd" -d "$work/hatch" -r "$work/repository.db" || fail "the repository daemon doesn't start"
+daemon=$(pgrep -f "cairn.configd -d $work/hatch")
+kill "$daemon"

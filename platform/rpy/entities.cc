@@ -238,7 +238,7 @@ int rpy_parse_svc_locator(char *locator, const char **service, const char **inst
 	if (locator == nullptr)
 		return fail(RPY_ERROR_INVALID_ARGUMENT);
 	size_t length = strlen(locator);
-	char *colon = static_cast<char *>(memchr(locator, ':', length));
+	char *colon = strchr(locator, ':');
 	size_t service_length = colon == nullptr ? length : static_cast<size_t>(colon - locator);
 	if (!is_service_name({locator, service_length}) || (colon != nullptr && name_of(colon + 1).empty()))
 		return fail(RPY_ERROR_INVALID_ARGUMENT);
@@ -260,7 +260,7 @@ int rpy_handle_decode_locator(rpy_handle_t *handle, const char *locator, rpy_sco
 	    (instance != nullptr && instance->handle != handle))
 		return fail(RPY_ERROR_HANDLE_MISMATCH);
 	char copy[2 * RPY_NAME_MAX];
-	const char *service_name, *instance_name;
+	const char *service_name = nullptr, *instance_name = nullptr;
 	if (give_text(locator, copy, sizeof(copy)) >= static_cast<ssize_t>(sizeof(copy)))
 		return fail(RPY_ERROR_INVALID_ARGUMENT);
 	if (rpy_parse_svc_locator(copy, &service_name, &instance_name) == -1)

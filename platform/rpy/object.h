@@ -34,6 +34,7 @@ public:
 		if (block_ != nullptr)
 			block_->holds.fetch_add(1, std::memory_order_relaxed);
 	}
+	BlockRef(BlockRef &&other) noexcept : block_(other.release()) {}
 	BlockRef &operator=(BlockRef other) noexcept
 	{
 		std::swap(block_, other.block_);

@@ -128,6 +128,10 @@ void rpy_transaction_destroy_children(rpy_transaction_t *transaction)
 {
 	while (transaction != nullptr && transaction->first != nullptr) {
 		rpy_transaction_entry_t *entry = transaction->first;
+		transaction->first = entry->next;
+		if (transaction->first == nullptr)
+			transaction->last = nullptr;
+		entry->transaction = nullptr;
 		rpy_entry_destroy_children(entry);
 		rpy_entry_destroy(entry);
 	}

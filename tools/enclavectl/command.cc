@@ -15,11 +15,38 @@
 #include <meridon/enclave.h>
 #include <nlohmann/json.hpp>
 
-#include "failure.h"
+#include "shared/failure.h"
 
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+/* ---- Failures of the registry, by their error number ---- */
+
+struct Row {
+	int error;
+	Exit code;
+	const char *hint;
+};
+constexpr Row error_rows[] = {
+    {EACCES, Exit::permission,
+	"only root may change the registry; to try things out, set MERIDON_ROOT to a directory of your own"},
+    {EPERM, Exit::permission, "the record must belong to root, and nobody else may write it"},
+    {EROFS, Exit::failure, "the file system of the registry is read-only"},
+    {ENOENT, Exit::not_found, "'enclavectl list' shows the enclaves"},
+    {EINVAL, Exit::invalid, "'enclavectl add --help' has the rules"},
+    {EBADMSG, Exit::failure, "its record can't be understood: remove it by its id and add it again"},
+    {ENOMEM, Exit::memory, ""},
+    {ENOSPC, Exit::failure, "the file system of the registry is full"},
+};
+
+Failure failure_of(int error, const std::string &doing)
+{
+	for (const Row &row : error_rows)
+		if (row.error == error)
+			return Failure(row.code, fmt::format("{}: {}", doing, std::strerror(error)), row.hint);
+	return Failure(Exit::failure, fmt::format("{}: {}", doing, std::strerror(error)), "");
+}
 
 struct FreeHeap {
 	void operator()(void *memory) const { std::free(memory); }

@@ -9,7 +9,9 @@
 #include <fmt/format.h>
 
 #include "command.h"
-#include "failure.h"
+#include "shared/failure.h"
+
+const char *const program_name = "enclavectl";
 
 namespace {
 

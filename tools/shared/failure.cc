@@ -1,7 +1,6 @@
 // Errors on the standard error.
 #include "failure.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,23 +10,6 @@
 #include <nlohmann/json.hpp>
 
 namespace {
-
-struct Row {
-	int error;
-	Exit code;
-	const char *hint;
-};
-constexpr Row rows[] = {
-    {EACCES, Exit::permission,
-	"only root may change the registry; to try things out, set MERIDON_ROOT to a directory of your own"},
-    {EPERM, Exit::permission, "the record must belong to root, and nobody else may write it"},
-    {EROFS, Exit::failure, "the file system of the registry is read-only"},
-    {ENOENT, Exit::not_found, "'enclavectl list' shows the enclaves"},
-    {EINVAL, Exit::invalid, "'enclavectl add --help' has the rules"},
-    {EBADMSG, Exit::failure, "its record can't be understood: remove it by its id and add it again"},
-    {ENOMEM, Exit::memory, ""},
-    {ENOSPC, Exit::failure, "the file system of the registry is full"},
-};
 
 constexpr struct {
 	Exit code;
@@ -39,7 +21,10 @@ constexpr struct {
     {Exit::not_found, "not_found"},
     {Exit::exists, "exists"},
     {Exit::invalid, "invalid"},
+    {Exit::busy, "busy"},
     {Exit::memory, "memory"},
+    {Exit::findings, "findings"},
+    {Exit::no_server, "no_server"},
 };
 
 const char *word_of(Exit code)
@@ -85,14 +70,6 @@ std::string visible(const std::string &text)
 	return shown;
 }
 
-Failure failure_of(int error, const std::string &doing)
-{
-	for (const Row &row : rows)
-		if (row.error == error)
-			return Failure(row.code, fmt::format("{}: {}", doing, std::strerror(error)), row.hint);
-	return Failure(Exit::failure, fmt::format("{}: {}", doing, std::strerror(error)), "");
-}
-
 void report(const Failure &failure, bool as_json)
 {
 	if (as_json) {
@@ -105,8 +82,8 @@ void report(const Failure &failure, bool as_json)
 	}
 	const char *no_color = std::getenv("NO_COLOR");
 	bool colour = isatty(STDERR_FILENO) != 0 && (no_color == nullptr || *no_color == '\0');
-	fmt::print(stderr, "enclavectl: {}error{}: {}\n", colour ? "\033[1;31m" : "", colour ? "\033[0m" : "",
+	fmt::print(stderr, "{}: {}error{}: {}\n", program_name, colour ? "\033[1;31m" : "", colour ? "\033[0m" : "",
 	    visible(failure.message));
 	if (!failure.hint.empty())
-		fmt::print(stderr, "enclavectl: hint: {}\n", visible(failure.hint));
+		fmt::print(stderr, "{}: hint: {}\n", program_name, visible(failure.hint));
 }

@@ -1,6 +1,6 @@
 // How a run ends badly: what went wrong, and what to do next.
-#ifndef ENCLAVECTL_FAILURE_H
-#define ENCLAVECTL_FAILURE_H
+#ifndef TOOLS_SHARED_FAILURE_H
+#define TOOLS_SHARED_FAILURE_H
 
 #include <exception>
 #include <string>
@@ -13,7 +13,10 @@ enum class Exit : int {
 	not_found = 4,
 	exists = 5,
 	invalid = 6,
+	busy = 7, // the store can't take it now
 	memory = 9,
+	findings = 10, // differences, or something found wrong
+	no_server = 11,
 };
 
 class Failure : public std::exception {
@@ -28,8 +31,8 @@ public:
 	std::string hint;
 };
 
-// A failure of the registry, by its error number.
-Failure failure_of(int error, const std::string &doing);
+// The name that the program's messages begin with; each program has its own.
+extern const char *const program_name;
 
 // Prints it on the standard error, as text or as one line of JSON.
 void report(const Failure &failure, bool as_json);

@@ -1,0 +1,663 @@
+// What the commands of cairnctl do.
+#include "command.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "repository.h"
+
+namespace {
+
+constexpr const char *format_name = "cairn-repository";
+constexpr const char *current = "current"; // what an instance holds now, beside its snapshots
+
+void print_json(const Json &json)
+{
+	fmt::print("{}\n", json.dump(1, '\t'));
+}
+
+void say(const std::string &text)
+{
+	fmt::print(stderr, "{}\n", visible(text));
+}
+
+void add_locator(CLI::App &app, Options &options)
+{
+	app.add_option("LOCATOR", options.locator, "a service or an instance")->required();
+}
+
+void add_dry_run(CLI::App &app, Options &options)
+{
+	app.add_flag("-n,--dry-run", options.dry_run, "say what would be done, and do nothing");
+}
+
+void add_nothing(CLI::App &, Options &) {}
+
+/* ---- Services and instances ---- */
+
+Exit run_add(const Options &options)
+{
+	Repository repository(options.hatch);
+	if (repository.exists(options.locator))
+		throw Failure(Exit::exists, "'" + options.locator + "' exists already", "");
+	if (options.dry_run)
+		say("would add '" + options.locator + "'");
+	else
+		(void) repository.add(options.locator);
+	return Exit::done;
+}
+
+void declare_add(CLI::App &app, Options &options)
+{
+	add_locator(app, options);
+	add_dry_run(app, options);
+}
+
+Exit run_delete(const Options &options)
+{
+	Repository repository(options.hatch);
+	if (options.dry_run) {
+		(void) repository.find(options.locator);
+		say("would delete '" + options.locator + "'");
+		return Exit::done;
+	}
+	repository.remove(options.locator, options.recursive);
+	return Exit::done;
+}
+
+void declare_delete(CLI::App &app, Options &options)
+{
+	declare_add(app, options);
+	app.add_flag("-r,--recursive", options.recursive, "with all that it holds");
+}
+
+std::vector<std::string> all_locators(Repository &repository)
+{
+	std::vector<std::string> locators;
+	for (const std::string &service : repository.services()) {
+		locators.push_back(service);
+		for (const std::string &instance : repository.instances(service))
+			locators.push_back(service + ":" + instance);
+	}
+	return locators;
+}
+
+Exit run_list(const Options &options)
+{
+	Repository repository(options.hatch);
+	Json found = Json::array();
+	for (const std::string &locator : all_locators(repository))
+		if (options.pattern.empty() || fnmatch(options.pattern.c_str(), locator.c_str(), 0) == 0)
+			found.push_back(locator);
+	if (options.json)
+		print_json(found);
+	else
+		for (const Json &locator : found)
+			fmt::print("{}\n", visible(locator.get<std::string>()));
+	return Exit::done;
+}
+
+void declare_list(CLI::App &app, Options &options)
+{
+	app.add_option("PATTERN", options.pattern, "those that fit, as a shell matches file names");
+}
+
+/* ---- Showing ---- */
+
+std::string text_of(const Json &value)
+{
+	return value.is_string()   ? visible(value.get<std::string>())
+	       : value.is_object() ? "0x" + value["hex"].get<std::string>()
+				   : value.dump();
+}
+
+void print_groups(const Json &groups, int depth)
+{
+	for (const Json &group : groups) {
+		fmt::print("{:{}}{} ({}){}\n", "", 2 * depth, visible(group["name"].get<std::string>()),
+		    visible(group["type"].get<std::string>()), group.contains("temporary") ? " temporary" : "");
+		for (const Json &property : group["properties"]) {
+			std::string values;
+			for (const Json &value : property["values"])
+				values += " " + (value.is_string() ? "\"" + text_of(value) + "\"" : text_of(value));
+			fmt::print("{:{}}{}:{} ={}\n", "", 2 * depth + 2, visible(property["name"].get<std::string>()),
+			    property["type"].get<std::string>(), values);
+		}
+		if (group.contains("groups"))
+			print_groups(group["groups"], depth + 1);
+	}
+}
+
+Exit run_show(const Options &options)
+{
+	Repository repository(options.hatch);
+	Place place = repository.find(options.locator);
+	Json groups = options.snapshot.empty() ? repository.groups(place) : repository.groups(place, options.snapshot);
+	if (options.json)
+		print_json(groups);
+	else
+		print_groups(groups, 0);
+	return Exit::done;
+}
+
+void declare_show(CLI::App &app, Options &options)
+{
+	add_locator(app, options);
+	app.add_option("--snapshot", options.snapshot, "what this snapshot holds")->type_name("NAME");
+}
+
+/* ---- Snapshots ---- */
+
+Exit list_snapshots(Repository &repository, const Place &place, const Options &options)
+{
+	std::vector<std::string> names = repository.snapshots(place);
+	if (options.json)
+		print_json(names);
+	else
+		for (const std::string &name : names)
+			fmt::print("{}\n", visible(name));
+	return Exit::done;
+}
+
+bool has_snapshot(Repository &repository, const Place &place, const std::string &name)
+{
+	for (const std::string &other : repository.snapshots(place))
+		if (other == name)
+			return true;
+	return false;
+}
+
+Exit take_snapshot(Repository &repository, const Place &place, const Options &options)
+{
+	int result;
+	if (has_snapshot(repository, place, options.name)) {
+		Snapshot old = repository.snapshot(place, options.name);
+		result = _rpy_snapshot_take_attach(place.instance.get(), old.get());
+	} else {
+		Snapshot made(rpy_snapshot_create(repository.handle()));
+		result = _rpy_snapshot_take_new(place.instance.get(), options.name.c_str(), made.get());
+	}
+	if (result == -1)
+		fail("taking the snapshot '" + options.name + "'");
+	return Exit::done;
+}
+
+Exit change_snapshot(
+    Repository &repository, const Place &place, const Options &options, int (*change)(rpy_snapshot_t *))
+{
+	Snapshot found = repository.snapshot(place, options.name);
+	if (change(found.get()) == -1)
+		fail("the snapshot '" + options.name + "'");
+	return Exit::done;
+}
+
+Exit revert_snapshot(Repository &repository, const Place &place, const Options &options)
+{
+	return change_snapshot(repository, place, options, _rpy_snapshot_revert);
+}
+
+Exit delete_snapshot(Repository &repository, const Place &place, const Options &options)
+{
+	return change_snapshot(repository, place, options, _rpy_snapshot_delete);
+}
+
+constexpr struct {
+	const char *name;
+	Exit (*run)(Repository &repository, const Place &place, const Options &options);
+	bool changes;
+} snapshot_actions[] = {
+    {"list", list_snapshots, false},
+    {"take", take_snapshot, true},
+    {"revert", revert_snapshot, true},
+    {"delete", delete_snapshot, true},
+};
+
+Exit run_snapshot(const Options &options)
+{
+	for (const auto &action : snapshot_actions) {
+		if (options.action != action.name)
+			continue;
+		if (action.changes && options.name.empty())
+			throw Failure(Exit::usage, "'" + options.action + "' needs the name of a snapshot",
+			    "see cairnctl snapshot --help");
+		Repository repository(options.hatch);
+		Place place = repository.find(options.locator);
+		if (!place.is_instance)
+			throw Failure(
+			    Exit::invalid, "'" + options.locator + "' is a service", "only instances have snapshots");
+		if (action.changes && options.dry_run) {
+			say(fmt::format(
+			    "would {} the snapshot '{}' of '{}'", options.action, options.name, options.locator));
+			return Exit::done;
+		}
+		return action.run(repository, place, options);
+	}
+	throw Failure(Exit::usage, "'" + options.action + "' is nothing to do with snapshots",
+	    "give one of list, take, revert, delete");
+}
+
+void declare_snapshot(CLI::App &app, Options &options)
+{
+	add_locator(app, options);
+	app.add_option("ACTION", options.action, "list, take, revert or delete")->capture_default_str();
+	app.add_option("NAME", options.name, "the snapshot");
+	add_dry_run(app, options);
+}
+
+/* ---- Differences ---- */
+
+// A line for each group and property, by its path.
+void flatten(const Json &groups, const std::string &path, std::map<std::string, std::string> *lines)
+{
+	for (const Json &group : groups) {
+		std::string here = path + "/" + group["name"].get<std::string>();
+		(*lines)[here] = group["type"].get<std::string>() + (group.contains("temporary") ? " temporary" : "");
+		for (const Json &property : group["properties"])
+			(*lines)[here + " " + property["name"].get<std::string>()] =
+			    property["type"].get<std::string>() + " " + property["values"].dump();
+		if (group.contains("groups"))
+			flatten(group["groups"], here, lines);
+	}
+}
+
+Exit run_diff(const Options &options)
+{
+	Repository repository(options.hatch);
+	Place place = repository.find(options.locator);
+	std::map<std::string, std::string> sides[2];
+	const std::string *names[] = {&options.name, &options.other};
+	for (int i = 0; i < 2; i++)
+		flatten(*names[i] == current ? repository.groups(place) : repository.groups(place, *names[i]), "",
+		    &sides[i]);
+	Json differences = Json::array();
+	auto note = [&](const char *sign, const std::string &path, const std::string &text) {
+		if (options.json)
+			differences.push_back(
+			    {{"side", sign[0] == '-' ? options.name : options.other}, {"path", path}, {"is", text}});
+		else
+			fmt::print("{} {}: {}\n", sign, visible(path), visible(text));
+	};
+	bool differ = false;
+	for (auto a = sides[0].begin(), b = sides[1].begin(); a != sides[0].end() || b != sides[1].end();) {
+		int order = a == sides[0].end() ? 1 : b == sides[1].end() ? -1 : a->first.compare(b->first);
+		bool same = order == 0 && a->second == b->second;
+		differ = differ || !same;
+		if (order <= 0 && !same)
+			note("-", a->first, a->second);
+		if (order >= 0 && !same)
+			note("+", b->first, b->second);
+		if (order <= 0)
+			++a;
+		if (order >= 0)
+			++b;
+	}
+	if (options.json)
+		print_json(differences);
+	return differ ? Exit::findings : Exit::done;
+}
+
+void declare_diff(CLI::App &app, Options &options)
+{
+	add_locator(app, options);
+	app.add_option("A", options.name, "a snapshot, or 'current'")->required();
+	app.add_option("B", options.other, "a snapshot, or 'current'")->required();
+}
+
+/* ---- Documents ---- */
+
+Json place_document(Repository &repository, const std::string &name, const std::string &locator)
+{
+	Place place = repository.find(locator);
+	Json document = {{"name", name}, {"groups", repository.groups(place)}};
+	if (!place.is_instance)
+		return document;
+	document["snapshots"] = Json::array();
+	for (const std::string &snapshot : repository.snapshots(place))
+		document["snapshots"].push_back({{"name", snapshot}, {"groups", repository.groups(place, snapshot)}});
+	return document;
+}
+
+Exit run_export(const Options &options)
+{
+	Repository repository(options.hatch);
+	Json services = Json::array();
+	std::string only = options.locator;
+	if (!only.empty())
+		(void) repository.find(only);
+	for (const std::string &service : repository.services()) {
+		if (!only.empty() && only != service && only.compare(0, service.size() + 1, service + ":") != 0)
+			continue;
+		Json document = place_document(repository, service, service);
+		if (only.find(':') != only.npos)
+			document["groups"] = Json::array();
+		document["instances"] = Json::array();
+		for (const std::string &instance : repository.instances(service))
+			if (only.empty() || only == service || only == service + ":" + instance)
+				document["instances"].push_back(
+				    place_document(repository, instance, service + ":" + instance));
+		services.push_back(document);
+	}
+	print_json({{"format", format_name}, {"version", 1}, {"services", services}});
+	return Exit::done;
+}
+
+void declare_export(CLI::App &app, Options &options)
+{
+	app.add_option("LOCATOR", options.locator, "a service or an instance; everything without it");
+}
+
+const Json &array_of(const Json &document, const char *key, const std::string &where)
+{
+	if (!document.is_object() || !document.contains(key) || !document[key].is_array())
+		throw Failure(
+		    Exit::invalid, fmt::format("{}: no array '{}'", where, key), "give what 'cairnctl export' wrote");
+	return document[key];
+}
+
+std::string name_in(const Json &document, const std::string &where)
+{
+	if (!document.is_object() || !document.contains("name") || !document["name"].is_string())
+		throw Failure(Exit::invalid, where + ": no name", "give what 'cairnctl export' wrote");
+	return document["name"].get<std::string>();
+}
+
+void check_document(const Json &document, const std::string &file)
+{
+	if (!document.is_object() || document.value("format", "") != format_name || document.value("version", 0) != 1)
+		throw Failure(
+		    Exit::invalid, file + ": no document of a repository", "give what 'cairnctl export' wrote");
+	for (const Json &service : array_of(document, "services", file)) {
+		std::string name = name_in(service, file);
+		check_groups(array_of(service, "groups", name), name);
+		for (const Json &instance : array_of(service, "instances", name)) {
+			std::string locator = name + ":" + name_in(instance, name);
+			check_groups(array_of(instance, "groups", locator), locator);
+			for (const Json &snapshot : array_of(instance, "snapshots", locator)) {
+				std::string where = locator + ", snapshot " + name_in(snapshot, locator);
+				check_groups(array_of(snapshot, "groups", where), where);
+			}
+		}
+	}
+}
+
+Json read_document(const std::string &file)
+{
+	std::ifstream stream;
+	if (!file.empty() && file != "-") {
+		stream.open(file);
+		if (!stream)
+			throw Failure(errno == ENOENT ? Exit::not_found : Exit::failure,
+			    fmt::format("{}: {}", file, std::strerror(errno)), "");
+	}
+	std::istream &in = stream.is_open() ? static_cast<std::istream &>(stream) : std::cin;
+	try {
+		Json document = Json::parse(in);
+		check_document(document, file.empty() ? "-" : file);
+		return document;
+	} catch (const Json::exception &error) {
+		throw Failure(Exit::invalid, fmt::format("{}: {}", file.empty() ? "-" : file, error.what()), "");
+	}
+}
+
+// Snapshots are made by taking them: their groups come first, and go when the snapshot is taken.
+void import_instance(Repository &repository, const Place &place, const Json &document)
+{
+	for (const Json &entry : document["snapshots"]) {
+		repository.write(place, entry["groups"]);
+		Snapshot made(rpy_snapshot_create(repository.handle()));
+		std::string name = entry["name"].get<std::string>();
+		if (_rpy_snapshot_take_new(place.instance.get(), name.c_str(), made.get()) == -1)
+			fail("the snapshot '" + name + "' of '" + place.locator + "'");
+		repository.clear(place);
+	}
+	repository.write(place, document["groups"]);
+}
+
+void import_service(Repository &repository, const Json &service, std::vector<std::string> *made)
+{
+	std::string name = service["name"].get<std::string>();
+	if (repository.add(name))
+		made->push_back(name);
+	repository.write(repository.find(name), service["groups"]);
+	for (const Json &instance : service["instances"]) {
+		std::string locator = name + ":" + instance["name"].get<std::string>();
+		(void) repository.add(locator);
+		made->push_back(locator);
+		import_instance(repository, repository.find(locator), instance);
+	}
+}
+
+Exit run_import(const Options &options)
+{
+	Json document = read_document(options.file);
+	Repository repository(options.hatch);
+	for (const Json &service : document["services"]) {
+		std::string name = service["name"].get<std::string>();
+		bool taken = repository.exists(name) && !service["groups"].empty();
+		for (const Json &instance : service["instances"])
+			taken = taken || repository.exists(name + ":" + instance["name"].get<std::string>());
+		if (taken)
+			throw Failure(Exit::exists, "'" + name + "', or an instance of it, exists already",
+			    "delete it first: cairnctl delete --recursive LOCATOR");
+		if (options.dry_run)
+			say("would import '" + name + "'");
+	}
+	if (options.dry_run)
+		return Exit::done;
+	std::vector<std::string> made;
+	try {
+		for (const Json &service : document["services"])
+			import_service(repository, service, &made);
+	} catch (const Failure &) { // what was begun goes again
+		try {
+			for (auto locator = made.rbegin(); locator != made.rend(); ++locator)
+				repository.remove(*locator, true);
+		} catch (const Failure &again) {
+			say("what was imported so far stays: " + again.message);
+		}
+		throw;
+	}
+	return Exit::done;
+}
+
+void declare_import(CLI::App &app, Options &options)
+{
+	app.add_option("FILE", options.file, "the document; the standard input without it");
+	add_dry_run(app, options);
+}
+
+/* ---- The daemon and its store ---- */
+
+struct Descriptor {
+	int fd;
+	~Descriptor()
+	{
+		if (fd >= 0)
+			(void) close(fd);
+	}
+};
+
+// Writes beside the file first, so that a copy is whole or isn't there.
+void write_file(const std::string &path, const char *data, size_t size)
+{
+	std::string beside = path + ".new";
+	auto refuse = [&](const char *what) {
+		int error = errno;
+		(void) unlink(beside.c_str());
+		throw Failure(error == EACCES ? Exit::permission : Exit::failure,
+		    fmt::format("{}: {}: {}", path, what, std::strerror(error)), "");
+	};
+	Descriptor file = {open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)};
+	if (file.fd == -1)
+		throw Failure(errno == EACCES ? Exit::permission : Exit::failure,
+		    fmt::format("{}: {}", beside, std::strerror(errno)), "");
+	for (size_t done = 0; done < size;) {
+		ssize_t written = write(file.fd, data + done, size - done);
+		if (written == -1)
+			refuse("can't be written");
+		done += static_cast<size_t>(written);
+	}
+	if (fsync(file.fd) == -1)
+		refuse("can't be synced");
+	if (rename(beside.c_str(), path.c_str()) == -1)
+		refuse("can't be put in place");
+}
+
+Exit run_backup(const Options &options)
+{
+	Repository repository(options.hatch);
+	void *bytes = nullptr;
+	size_t size = 0;
+	if (_rpy_backup(repository.handle(), &bytes, &size) == -1)
+		fail("the backup");
+	std::unique_ptr<void, Destroyer<std::free>> hold(bytes);
+	write_file(options.file, static_cast<const char *>(bytes), size);
+	return Exit::done;
+}
+
+void declare_backup(CLI::App &app, Options &options)
+{
+	app.add_option("FILE", options.file, "where the copy goes; replaced if it is there")->required();
+}
+
+Exit run_verify(const Options &options)
+{
+	Repository repository(options.hatch);
+	char *text = nullptr;
+	if (_rpy_verify(repository.handle(), &text) == -1)
+		fail("the check");
+	std::unique_ptr<char, Destroyer<std::free>> hold(text);
+	Json lines = Json::array();
+	std::string findings(text);
+	for (size_t begin = 0; begin < findings.size();) {
+		size_t end = std::min(findings.find('\n', begin), findings.size());
+		lines.push_back(findings.substr(begin, end - begin));
+		begin = end + 1;
+	}
+	if (options.json)
+		print_json({{"findings", lines}});
+	else
+		for (const Json &line : lines)
+			fmt::print("{}\n", visible(line.get<std::string>()));
+	return lines.empty() ? Exit::done : Exit::findings;
+}
+
+Exit run_status(const Options &options)
+{
+	Repository repository(options.hatch);
+	rpy_status_t status;
+	if (_rpy_status(repository.handle(), &status) == -1)
+		fail("the daemon's state");
+	if (options.json) {
+		print_json({{"pid", status.rs_pid}, {"file", visible(status.rs_file)}, {"format", status.rs_format},
+		    {"writable", status.rs_writable != 0}, {"groups", status.rs_groups}, {"bytes", status.rs_bytes}});
+		return Exit::done;
+	}
+	fmt::print("pid       {}\nfile      {}\nformat    {}\nwritable  {}\ngroups    {}\nbytes     {}\n",
+	    status.rs_pid, visible(status.rs_file), status.rs_format, status.rs_writable != 0 ? "yes" : "no",
+	    status.rs_groups, status.rs_bytes);
+	return Exit::done;
+}
+
+/* ---- The tool itself ---- */
+
+std::string command_words()
+{
+	std::string words;
+	for (size_t i = 0; i < command_count; i++)
+		words += std::string(i == 0 ? "" : " ") + commands[i].name;
+	return words;
+}
+
+constexpr struct {
+	const char *shell;
+	const char *script;
+} completions[] = {
+    {"bash", R"(_cairnctl()
+{{
+	local word=${{COMP_WORDS[COMP_CWORD]}}
+	if [ "$COMP_CWORD" -eq 1 ]; then
+		mapfile -t COMPREPLY < <(compgen -W "{0} --hatch --json --help --version" -- "$word")
+	else
+		mapfile -t COMPREPLY < <(compgen -W "$(cairnctl list 2>/dev/null) --help" -- "$word"; compgen -f -- "$word")
+	fi
+}}
+complete -F _cairnctl cairnctl
+)"},
+    {"zsh", R"(#compdef cairnctl
+_arguments '--hatch[the hatch of the daemon to ask]:path:_files' '--json[print JSON]' \
+	'1:command:({0})' '*::argument:_files'
+)"},
+    {"fish", R"(complete -c cairnctl -n __fish_use_subcommand -f -a "{0}"
+complete -c cairnctl -l json -d "print JSON"
+complete -c cairnctl -l hatch -r -d "the hatch of the daemon to ask"
+)"},
+};
+
+Exit run_completion(const Options &options)
+{
+	for (const auto &row : completions)
+		if (options.shell == row.shell) {
+			fmt::print(fmt::runtime(row.script), command_words());
+			return Exit::done;
+		}
+	throw Failure(Exit::usage, "'" + options.shell + "' is no shell known here", "give bash, zsh or fish");
+}
+
+void declare_completion(CLI::App &app, Options &options)
+{
+	app.add_option("SHELL", options.shell, "bash, zsh or fish")->required();
+}
+
+Exit run_version(const Options &options)
+{
+	if (options.json)
+		print_json({{"version", CAIRNCTL_VERSION}});
+	else
+		fmt::print("cairnctl {}\n", CAIRNCTL_VERSION);
+	return Exit::done;
+}
+
+} // namespace
+
+const Command commands[] = {
+    {"add", "Makes a service or an instance, and what is missing of it", "Example: cairnctl add net/link:default",
+	declare_add, run_add},
+    {"delete", "Deletes a service or an instance", "Example: cairnctl delete --recursive net/link", declare_delete,
+	run_delete},
+    {"list", "Lists services and instances", "Example: cairnctl list 'net/*'", declare_list, run_list},
+    {"show", "Shows the groups of a service or an instance",
+	"Example: cairnctl show net/link:default --snapshot running", declare_show, run_show},
+    {"snapshot", "Lists, takes, reverts to and deletes snapshots",
+	"'take' takes a snapshot that is there anew.\nExample: cairnctl snapshot net/link:default take "
+	"before-the-change",
+	declare_snapshot, run_snapshot},
+    {"diff", "Compares two snapshots, or one with 'current'",
+	"Exit code 10 if they differ.\nExample: cairnctl diff net/link:default running current", declare_diff,
+	run_diff},
+    {"export", "Writes a JSON document with everything", "Example: cairnctl export net/link > link.json",
+	declare_export, run_export},
+    {"import", "Makes what a document holds, snapshots included",
+	"Nothing that is there is changed. After a failure what was made goes again.\nExample: cairnctl import "
+	"link.json",
+	declare_import, run_import},
+    {"backup", "Copies the store while the daemon runs", "Example: cairnctl backup /var/backups/repository.db",
+	declare_backup, run_backup},
+    {"verify", "Checks the store in full", "Exit code 10 if something was found.", add_nothing, run_verify},
+    {"status", "Shows the daemon and its store", "", add_nothing, run_status},
+    {"completion", "Prints a script for a shell", "Example: cairnctl completion bash", declare_completion,
+	run_completion},
+    {"version", "Prints the version", "", add_nothing, run_version},
+};
+const size_t command_count = sizeof(commands) / sizeof(*commands);
