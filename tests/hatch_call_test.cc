@@ -417,4 +417,22 @@ TEST_F(HatchCall, CyclesAndFailuresLeaveNothingBehind)
 	}
 }
 
+TEST(HatchCallTimed, GivesUpAServerThatStaysSilentAndTheNextOneIsServed)
+{
+	Scratch place;
+	LocalHatch hatch(attachable(place.path("hatch")));
+	Fd client(open(place.path("hatch").c_str(), O_RDONLY | O_CLOEXEC));
+	char reply[64];
+	auto call = [&](uint32_t ms, int seconds) {
+		Ask ask = {Do::Sleep, ms, 0};
+		hatch_arg_t arg = {reinterpret_cast<char *>(&ask), sizeof(ask), nullptr, 0, reply, sizeof(reply)};
+		return hatch_call_timed(client.get(), &arg, seconds) == 0 ? 0 : errno;
+	};
+	EXPECT_EQ(call(0, 1), 0);
+	EXPECT_EQ(call(1500, 1), ETIMEDOUT);
+	EXPECT_EQ(call(0, 1), 0);
+	EXPECT_EQ(call(1200, 0), 0); // the bound of an earlier call is gone
+	EXPECT_EQ(call(0, -1), EFAULT);
+}
+
 } // namespace

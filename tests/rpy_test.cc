@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <thread>
 
+#include "alloc_fault.h"
 #include "repository.h"
 
 namespace {
@@ -375,6 +376,66 @@ TEST_F(Rpy, WritersOfOneGroupLeaveOnesWorkAndReadersSeeNoMixture)
 	EXPECT_EQ(torn, 0);
 	EXPECT_GT(reads, 0);
 	EXPECT_TRUE(whole(client.read("g")));
+}
+
+// One road through the client: bind, look up, list, commit. Gives rpy_error(), or RPY_ERROR_NONE.
+rpy_error_t road(const char *hatch)
+{
+	rpy_handle_t *handle = rpy_handle_create(RPY_CLIENT_VERSION);
+	if (handle == nullptr)
+		return rpy_error();
+	rpy_error_t result = RPY_ERROR_NONE;
+	{
+		Val path(rpy_value_create(handle)), value(rpy_value_create(handle));
+		Pg pg(rpy_pg_create(handle));
+		Iter iter(rpy_iter_create(handle));
+		Prop property(rpy_property_create(handle));
+		Tx tx(rpy_transaction_create(handle));
+		Handle<rpy_service_t, rpy_service_destroy> service(rpy_service_create(handle));
+		Handle<rpy_instance_t, rpy_instance_destroy> instance(rpy_instance_create(handle));
+		Handle<rpy_transaction_entry_t, rpy_entry_destroy> entry(rpy_entry_create(handle));
+		char *findings = nullptr;
+		bool good = path && value && pg && iter && property && tx && service && instance && entry;
+		good = good && rpy_value_set_astring(path.get(), hatch) == 0;
+		good =
+		    good && rpy_handle_decorate(handle, "hatch_path", path.get()) == 0 && rpy_handle_bind(handle) == 0;
+		good = good && rpy_handle_decode_locator(handle, "net/link:default", nullptr, service.get(),
+				   instance.get(), nullptr, nullptr, 0) == 0;
+		good = good && rpy_iter_instance_pgs(iter.get(), instance.get()) == 0;
+		good = good && rpy_iter_next_pg(iter.get(), pg.get()) == 1 && rpy_pg_update(pg.get()) >= 0;
+		good = good && rpy_pg_get_property(pg.get(), "v", property.get()) == 0;
+		good = good && rpy_property_get_value(property.get(), value.get()) == 0;
+		good = good && _rpy_verify(handle, &findings) == 0;
+		free(findings);
+		good = good && rpy_transaction_start(tx.get(), pg.get()) == 0;
+		good = good && rpy_transaction_property_change(tx.get(), entry.get(), "v", RPY_TYPE_ASTRING) == 0;
+		if (good && (good = rpy_entry_add_value(entry.get(), value.get()) == 0))
+			(void) value.release();
+		good = good && rpy_transaction_commit(tx.get()) == 1;
+		result = good ? RPY_ERROR_NONE : rpy_error();
+		rpy_entry_destroy_children(entry.get());
+	}
+	rpy_handle_destroy(handle);
+	return result;
+}
+
+TEST_F(Rpy, MemoryThatRunsOutIsAnErrorAndLeavesNothing)
+{
+	SKIP_WITHOUT_ALLOC_FAULTS();
+	ASSERT_EQ(client.add("g"), RPY_ERROR_NONE);
+	ASSERT_EQ(client.write("g", {{"v", {std::string(40000, 'x')}}}), 1);
+	std::string hatch = daemon.hatch();
+	ASSERT_EQ(road(hatch.c_str()), RPY_ERROR_NONE);
+	int rounds = sweep_allocations([] { return 0; }, [&](int) { return road(hatch.c_str()); },
+	    [](int, rpy_error_t result, bool failed) {
+		    if (failed)
+			    EXPECT_TRUE(result == RPY_ERROR_NO_MEMORY || result == RPY_ERROR_NONE)
+				<< rpy_strerror(result);
+		    else
+			    EXPECT_EQ(result, RPY_ERROR_NONE);
+	    });
+	EXPECT_GT(rounds, 20);
+	EXPECT_EQ(client.read("g"), (Contents{{"v", {std::string(40000, 'x')}}}));
 }
 
 } // namespace
