@@ -260,7 +260,7 @@ int rpy_handle_decode_locator(rpy_handle_t *handle, const char *locator, rpy_sco
 	    (instance != nullptr && instance->handle != handle))
 		return fail(RPY_ERROR_HANDLE_MISMATCH);
 	char copy[2 * RPY_NAME_MAX];
-	const char *service_name = nullptr, *instance_name = nullptr;
+	const char *service_name = copy, *instance_name = nullptr;
 	if (give_text(locator, copy, sizeof(copy)) >= static_cast<ssize_t>(sizeof(copy)))
 		return fail(RPY_ERROR_INVALID_ARGUMENT);
 	if (rpy_parse_svc_locator(copy, &service_name, &instance_name) == -1)
