@@ -153,6 +153,8 @@ Failure hold_file(const std::string &path, const std::string &hatch, Fd *held, H
 		if (holder == 0 || holder == asked)
 			continue;
 		seen = holder;
+		if (proc_text(holder, "cmdline").empty()) // it is ending: its memory has gone, its locks go next
+			continue;
 		if (argument_of(holder, "-d") == hatch) {
 			if (answers(hatch)) {
 				*hold = Hold::served_already;

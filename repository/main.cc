@@ -28,6 +28,8 @@ namespace repository {
 namespace {
 
 constexpr int start_ms = 9500;
+constexpr int attach_tries = 200;
+constexpr useconds_t attach_pause_us = 5000;
 
 constexpr const char *help_text =
     "Usage: cairn.configd -d HATCH -r FILE [-f]\n"
@@ -159,21 +161,27 @@ void handle(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
 
 Failure attach(Daemon *daemon, const std::string &path, int *hatch)
 {
-	auto failure = [&path](const char *what) {
-		int error = errno;
+	auto failure = [&path](int error, const char *what) {
 		return Failure{error, path + ": " + what + ": " + strerror(error)};
 	};
 	Fd file(open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW, 0644));
 	if (!file)
-		return failure("can't be made");
+		return failure(errno, "can't be made");
 	file.reset();
 	*hatch = hatch_create(handle, daemon, HATCH_REFUSE_DESC);
 	if (*hatch == -1 || hatch_setparam(*hatch, HATCH_PARAM_DATA_MIN, 2 * sizeof(uint32_t)) == -1)
-		return failure("no hatch can be made");
-	if (fattach(*hatch, path.c_str()) == 0)
-		return {};
-	Failure bad =
-	    failure(errno == EBUSY ? "a living server, or a file of something else, is there" : "can't be attached");
+		return failure(errno, "no hatch can be made");
+	// A server that was just killed may hold its lock for a moment yet.
+	int error = EBUSY;
+	for (int tries = 0; tries < attach_tries && error == EBUSY; tries++) {
+		if (tries > 0)
+			(void) usleep(attach_pause_us);
+		if (fattach(*hatch, path.c_str()) == 0)
+			return {};
+		error = errno;
+	}
+	Failure bad = failure(
+	    error, error == EBUSY ? "a living server, or a file of something else, is there" : "can't be attached");
 	(void) hatch_revoke(*hatch);
 	return bad;
 }

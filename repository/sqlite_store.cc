@@ -403,7 +403,8 @@ rpy_error_t SqliteStore::commit(const Rows &rows, uint64_t next)
 		return RPY_ERROR_INTERNAL;
 	}
 	int code = SQLITE_OK;
-	if (!database_)
+	bool opened = !database_;
+	if (opened)
 		code = connect(SQLITE_OPEN_READWRITE);
 	if (code == SQLITE_OK && sqlite3_db_readonly(database_.get(), "main") == 1)
 		code = SQLITE_READONLY;
@@ -431,7 +432,8 @@ rpy_error_t SqliteStore::commit(const Rows &rows, uint64_t next)
 		log_message(LOG_CRIT, "%s: the file was replaced during an update; ending", path_.c_str());
 		_exit(EIO);
 	}
-	changed_.notify_all();
+	if (opened)
+		changed_.notify_all(); // somebody has to close it
 	return RPY_ERROR_NONE;
 }
 

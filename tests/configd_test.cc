@@ -171,7 +171,8 @@ TEST(Configd, StartsFromAnyProcessAndTakesNothingAlong)
 // Each commit adds 1 to two numbers of one group; nothing that was acknowledged may be missing, nothing half there.
 TEST(Configd, LosesNothingThatItAcknowledgedHoweverOftenItIsKilled)
 {
-	Repository daemon;
+	// In memory: a killed process that waits for a busy disk keeps its locks until the disk is done, and a start gives up.
+	Repository daemon(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
 	ASSERT_EQ(daemon.start(), 0);
 	{
 		RepositoryClient client(daemon.hatch());
@@ -205,7 +206,11 @@ TEST(Configd, LosesNothingThatItAcknowledgedHoweverOftenItIsKilled)
 	for (int kills = 0; kills < 200; kills++) {
 		usleep(static_cast<useconds_t>(random() % 6000));
 		daemon.kill();
-		bad += daemon.start() == 0 ? 0 : 1;
+		std::string said;
+		if (daemon.start("hatch", &said) != 0) {
+			bad++;
+			ADD_FAILURE() << said;
+		}
 	}
 	end = true;
 	for (std::thread &thread : writers)
