@@ -11,6 +11,24 @@ class Check(t.ToolTest):
         return [(f.get("line", 0), f["kind"], f["message"])
                 for f in self.tool("--json", "check", name, code=code).json()["findings"]]
 
+    def test_an_update_that_would_drop_a_line_is_refused_and_says_which(self):
+        good = b"# kept as it may\na=1;\tx=int32,1;\n"
+        for damage in (b"b=2;\tx=int32,2;\r\n", b"b=2;\tx=float,2;\n", b"b=2\0;\tx=int32,2;\n",
+                       b"b=2;\tx=string," + b"y" * 1000000 + b";\n"):
+            content = good + damage + b"c=3;\tx=int32,3;"
+            self.write("d", content)
+            for words in (("put", "d", "z=1", "--", "x=1"), ("set", "d", "a=1", "--", "x=2"), ("unset", "d", "a=1", "--", "x"),
+                          ("rename", "d", "a=1", "--", "a=2"), ("remove", "d", "a=1"), ("copy", "other", "d")):
+                self.write("other", b"q=1;\tx=int32,1;\n")
+                error = self.tool("--json", *words, code=6).error()
+                self.assertIn("would drop it", error["message"])
+                self.assertEqual(error["line"], 3)
+                self.assertIn("ostrel check", error["hint"])
+                self.assertEqual(self.read("d"), content)
+            self.tool("walk", "d")
+        self.tool("copy", "other", "d", "--replace")
+        self.assertEqual(self.read("d"), self.read("other"))
+
     def test_sound_files_have_no_findings(self):
         self.write("d", b"# comment\n\n  a=1;\tx=uint32,-1,4294967295;y=BOOLEAN,TRUE;z=string,,\\,;e=int32;\n"
                         b"a=2;\na=3\na=4;\tx=uint64,-1;s=string,a\tb\xff;")

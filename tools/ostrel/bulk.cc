@@ -293,7 +293,7 @@ void Complaints::take(const Failure &failure)
 
 Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints &complaints, const Options &options)
 {
-	database.require_updates();
+	database.require_updates(options.replace ? Database::Loss::meant : Database::Loss::refused);
 	SignalGuard signals;
 	Plan plan(database, complaints, options.replace);
 	Progress progress("object", objects.size());

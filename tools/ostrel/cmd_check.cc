@@ -3,9 +3,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <unordered_map>
@@ -15,8 +13,8 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
-#include "enclave_child.h"
 #include "libostrel_lines.h"
+#include "lines.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -243,78 +241,6 @@ private:
 };
 
 // ---- Files ----
-
-struct CloseFile {
-	void operator()(FILE *stream) const { (void) fclose(stream); } // it was only read
-};
-using Stream = std::unique_ptr<FILE, CloseFile>;
-
-int copy_bytes(int from, int to)
-{
-	char buffer[65536];
-	for (;;) {
-		ssize_t count = read(from, buffer, sizeof(buffer));
-		if (count == 0)
-			return lseek(to, 0, SEEK_SET) < 0 ? errno : 0;
-		if (count < 0)
-			return errno;
-		for (ssize_t done = 0; done < count;) {
-			ssize_t part = write(to, buffer + done, static_cast<size_t>(count - done));
-			if (part < 0)
-				return errno;
-			done += part;
-		}
-	}
-}
-
-// What a file in another enclave holds, brought here; only a regular file is opened there.
-int fetch(const Database &database, int to)
-{
-	const char *path = database.name().c_str();
-	return in_enclave(database.enclave(), [&] {
-		int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-		struct stat status;
-		if (fd < 0 || fstat(fd, &status) != 0)
-			return errno;
-		return S_ISREG(status.st_mode) ? copy_bytes(fd, to) : EINVAL;
-	});
-}
-
-Stream open_file(const Database &database)
-{
-	int error = 0;
-	int fd = database.here() ? open(database.name().c_str(), O_RDONLY | O_CLOEXEC)
-				 : memfd_create("ostrel-check", MFD_CLOEXEC);
-	if (fd < 0)
-		error = errno;
-	else if (!database.here())
-		error = fetch(database, fd);
-	struct stat status;
-	if (error == 0 && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode))
-		error = EISDIR;
-	Stream stream(error == 0 ? fdopen(fd, "r") : nullptr);
-	if (!stream && fd >= 0)
-		(void) close(fd); // nothing was written through it
-	if (!stream)
-		throw Failure(error == EISDIR ? Exit::invalid : exit_of(ostrel_errno2error(error)), strerror(error))
-		    .in(database.label());
-	return stream;
-}
-
-template <typename Visit>
-void each_line(const Database &database, const Visit &visit)
-{
-	Stream stream = open_file(database);
-	char *line = nullptr;
-	size_t room = 0, number = 0;
-	std::unique_ptr<char *, void (*)(char **)> owned(&line, [](char **memory) { free(*memory); });
-	for (ssize_t length; (length = getline(&line, &room, stream.get())) >= 0;)
-		visit(++number, std::string_view(line, static_cast<size_t>(length)));
-	if (ferror(stream.get()) != 0 || feof(stream.get()) == 0)
-		throw Failure(Exit::failure, fmt::format("can't be read: {}", strerror(errno)))
-		    .in(database.label())
-		    .on_line(number + 1);
-}
 
 void check_temporary(const Database &database, Findings &findings)
 {

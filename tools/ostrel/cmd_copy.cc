@@ -18,7 +18,7 @@ Exit run(const Options &options)
 {
 	Database from(options.database, enclave_option(options.enclave), options.case_sensitive);
 	Database to(options.other, enclave_option(options.other_enclave), options.case_sensitive);
-	to.require_updates();
+	to.require_updates(options.replace ? Database::Loss::meant : Database::Loss::refused);
 	Complaints complaints(options.keep_going);
 	std::vector<Incoming> objects;
 	from.walk({}, false, [&](Object &&object) {

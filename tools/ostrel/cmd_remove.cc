@@ -58,7 +58,7 @@ Exit run(const Options &options)
 		throw Failure(Exit::usage,
 		    options.all ? "remove --all takes no identifiers" : "remove needs the identifiers of an object")
 		    .next("remove DB ID... removes an object, remove DB --all --yes the whole database");
-	database.require_updates();
+	database.require_updates(options.all ? Database::Loss::meant : Database::Loss::refused);
 	if (options.all)
 		return remove_all(database, options);
 	Object object = database.readable() ? database.get(id) : Object{id, {}};

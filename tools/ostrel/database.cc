@@ -1,5 +1,6 @@
 // Databases: the table of back ends, the operations, and the diagnosis of a failed one.
 #include "database.h"
+#include "lines.h"
 
 #include <cerrno>
 #include <cstring>
@@ -308,14 +309,17 @@ bool Database::readable()
 	return *readable_;
 }
 
-void Database::require_updates()
+void Database::require_updates(Loss loss)
 {
 	if (!back_->updates)
 		throw Failure(Exit::unsupported, fmt::format("{}: databases are read only", back_->prefix)).in(label_);
 	if (back_->served && !allowed(true))
 		fail(OSTREL_EPERM, "can't be updated");
-	if (!here())
+	if (!here()) {
+		if (back_->is_path && loss == Loss::refused)
+			refuse_lost_lines(*this);
 		return;
+	}
 	struct stat status;
 	if (const char *kind = stat(name_.c_str(), &status) == 0 ? odd_kind(status) : nullptr)
 		throw Failure(Exit::invalid, fmt::format("is {}, which can't be updated", kind))
@@ -326,6 +330,8 @@ void Database::require_updates()
 		    fmt::format("is a link to {}: an update would replace the link, not that file", *target))
 		    .in(label_)
 		    .next("give the path of the file itself");
+	if (loss == Loss::refused)
+		refuse_lost_lines(*this);
 }
 
 // What the library refuses though the object itself can be stored.

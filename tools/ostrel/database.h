@@ -44,8 +44,9 @@ public:
 	bool allowed(bool write);
 	// The same for reading; asked once.
 	bool readable();
-	// Throws Failure unless the store can be updated, by this caller.
-	void require_updates();
+	// Throws Failure unless the store can be updated, by this caller, and without loss. To empty a file is no loss.
+	enum class Loss { refused, meant };
+	void require_updates(Loss loss = Loss::refused);
 	void put(const Object &object);
 	void rename(const Identifiers &from, const Identifiers &to);
 	void remove(const Identifiers &id);
