@@ -98,7 +98,7 @@ public:
 	void stop() const
 	{
 		must(kill(pid, SIGTERM) == 0);
-		while (kill(pid, 0) == 0)
+		while (kill(pid, 0) == 0 && !is_zombie())
 			(void) usleep(100);
 	}
 	rpy_handle_t *bind() const
@@ -145,6 +145,16 @@ public:
 	pid_t pid = 0;
 
 private:
+	// Ended, and not yet collected by whoever took it over.
+	bool is_zombie() const
+	{
+		std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+		std::string text;
+		std::getline(file, text);
+		size_t state = text.rfind(") ");
+		return state == text.npos || text[state + 2] == 'Z';
+	}
+
 	const int groups_;
 	std::string directory_ = "/tmp/ostrel-bench-XXXXXX";
 };
