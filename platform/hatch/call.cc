@@ -161,7 +161,7 @@ Outcome receive_reply(Connection *connection, hatch_arg_t *arg)
 	size_t size = landed.head.size;
 	if (size == 0 || (arg->rbuf != nullptr && size <= arg->rsize)) {
 		if (int error = receive_rest(
-		        connection->socket.get(), arg->rbuf + landed.size, size - landed.size, Memory::callers))
+			connection->socket.get(), arg->rbuf + landed.size, size - landed.size, Memory::callers))
 			return broken(error);
 		arg->data_ptr = arg->rbuf;
 	} else {

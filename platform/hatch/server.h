@@ -93,7 +93,7 @@ struct Hatch {
 	std::atomic<int> waiting;   // threads that wait for an event
 	std::atomic<int> staying;   // threads that wait for the next request of one client
 	std::atomic<int> expecting; // threads that wait for the next piece of one request
-	std::atomic<size_t> held; // bytes, all peers'
+	std::atomic<size_t> held;   // bytes, all peers'
 };
 
 // ---- The process's hatches (hatches.cc) ----

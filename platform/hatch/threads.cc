@@ -75,7 +75,7 @@ int start_thread(Hatch *hatch)
 	(void) pthread_attr_setstacksize(&attributes, stack_size);
 	(void) pthread_attr_setsigmask_np(&attributes, &hatch->signals);
 	pthread_t thread;
-	hatch->waiting++; // a thread on its way is as good as there: nobody needs to start another one for the same event
+	hatch->waiting++; // a thread on its way is as good as there: nobody needs to start another one
 	int error = pthread_create(&thread, &attributes, thread_main, hatch);
 	(void) pthread_attr_destroy(&attributes);
 	if (error == 0)
