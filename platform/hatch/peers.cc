@@ -390,9 +390,10 @@ void serve_peer(Hatch *hatch, Peer *peer, RequestMemory *memory)
 	if (peer->held == 0)
 		peer->since = now_ns();
 	if (!peer->finished) {
-		peer->in_hand = false;
 		uint32_t events = peer->rest ? EPOLLOUT : EPOLLIN;
-		if (arm(*hatch, EPOLL_CTL_MOD, peer->socket.get(), events, peer) == 0)
+		int fd = peer->socket.get();
+		peer->in_hand = false; // once it is armed, it may be another thread's, or gone
+		if (arm(*hatch, EPOLL_CTL_MOD, fd, events, peer) == 0)
 			return;
 	}
 	close_peer(hatch, peer);
