@@ -334,6 +334,17 @@ bool receive_next(Hatch *hatch, Peer *peer, RequestMemory *memory, Message *mess
 	return came;
 }
 
+// Has a connection wait among all others. It may then be another thread's at once, which closes it with the lock held,
+// and so not before this one is done with it.
+bool let_go(Hatch *hatch, Peer *peer)
+{
+	uint32_t events = peer->rest ? EPOLLOUT : EPOLLIN;
+	int fd = peer->socket.get();
+	MutexLock hold_lock(hatch->lock);
+	peer->in_hand = false;
+	return arm(*hatch, EPOLL_CTL_MOD, fd, events, peer) == 0;
+}
+
 // Serves a client as long as it asks again soon, if it did so before.
 void serve_requests(Hatch *hatch, Peer *peer, RequestMemory *memory)
 {
@@ -389,14 +400,8 @@ void serve_peer(Hatch *hatch, Peer *peer, RequestMemory *memory)
 		serve_requests(hatch, peer, memory);
 	if (peer->held == 0)
 		peer->since = now_ns();
-	if (!peer->finished) {
-		uint32_t events = peer->rest ? EPOLLOUT : EPOLLIN;
-		int fd = peer->socket.get();
-		peer->in_hand = false; // once it is armed, it may be another thread's, or gone
-		if (arm(*hatch, EPOLL_CTL_MOD, fd, events, peer) == 0)
-			return;
-	}
-	close_peer(hatch, peer);
+	if (peer->finished || !let_go(hatch, peer))
+		close_peer(hatch, peer);
 }
 
 void close_peer(Hatch *hatch, Peer *peer)
