@@ -206,6 +206,7 @@ TEST_F(HatchHostile, DribblingClientsHoldNobodyUp)
 TEST_F(HatchHostile, ClientsThatAskOnAndOnHaveThreadsOfTheirOwnUpToABound)
 {
 	std::vector<RawClient> busy;
+	busy.reserve(150);
 	for (int i = 0; i < 150; i++)
 		busy.emplace_back(path_);
 	for (int round = 0; round < 20; round++) {
