@@ -358,6 +358,40 @@ void many_clients_limit(benchmark::State &state)
 		(void) close(pair[0]);
 }
 
+void many_clients_bus(benchmark::State &state)
+{
+	stay_on(false);
+	int ends[clients_many][2];
+	for (auto &pair : ends)
+		must(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0);
+	Server server([&](int ready) {
+		std::vector<std::thread> threads;
+		int started[2];
+		char byte;
+		must(pipe(started) == 0);
+		for (auto &pair : ends) {
+			(void) close(pair[0]);
+			threads.emplace_back([&, fd = pair[1]] { serve_bus(fd, started[1]); });
+			must(read(started[0], &byte, 1) == 1);
+		}
+		must(write(ready, "", 1) == 1);
+		for (std::thread &thread : threads)
+			thread.join();
+	});
+	std::vector<sd_bus *> buses;
+	for (auto &pair : ends) {
+		(void) close(pair[1]);
+		buses.push_back(start_bus(pair[0], false));
+	}
+	many(state, [&](int i, int calls) {
+		std::string request(bytes_of(state), 'x');
+		for (int call = 0; call < calls; call++)
+			call_on_bus(buses[static_cast<size_t>(i)], request);
+	});
+	for (sd_bus *bus : buses)
+		sd_bus_unref(bus);
+}
+
 constexpr int64_t kib = 1024;
 
 BENCHMARK(call_with_room)->Arg(64)->Arg(kib)->Arg(64 * kib)->Arg(kib *kib)->UseRealTime();
@@ -366,6 +400,7 @@ BENCHMARK(call_with_room_limit)->Arg(64)->Arg(kib)->Arg(64 * kib)->Arg(kib *kib)
 BENCHMARK(client_road)->Arg(kib)->Arg(64 * kib)->UseRealTime();
 BENCHMARK(client_road_limit)->Arg(kib)->Arg(64 * kib)->UseRealTime();
 BENCHMARK(many_clients)->Arg(64)->UseRealTime();
+BENCHMARK(many_clients_bus)->Arg(64)->UseRealTime();
 BENCHMARK(many_clients_limit)->Arg(64)->UseRealTime();
 
 } // namespace

@@ -13,10 +13,13 @@
 #include <thread>
 #include <vector>
 
+#include "hatch/server.h"
 #include "hatch/wire.h"
 #include "hatch_peer.h"
 #include "scratch.h"
 
+using hatch::head_size;
+using hatch::memory_kept;
 using hatch::piece_max;
 
 namespace {
@@ -27,9 +30,11 @@ protected:
 	std::string path_ = attachable(scratch_.path("hatch"));
 };
 
-// Sizes on both sides of every border: nothing, a buffer, a page, a message, many messages.
+// Sizes on both sides of every border: nothing, a buffer, a page, a message, many messages, what a thread keeps room for;
+// and small ones where large ones were before.
 const size_t sizes[] = {0, 1, 15, 16, 17, 39, 40, 4095, 4096, 4097, 65536, piece_max - 17, piece_max - 1, piece_max,
-    piece_max + 1, 2 * piece_max, 3 * piece_max + 5, size_t{sanitized ? 1 : 8} << 20};
+    piece_max + 1, 2 * piece_max, 3 * piece_max + 5, memory_kept - head_size, memory_kept - head_size + 1, 4096,
+    size_t{sanitized ? 2 : 8} << 20, 4097};
 
 TEST_F(HatchCall, RequestsAndRepliesOfEveryLengthComeThroughWhole)
 {

@@ -77,6 +77,12 @@ private:
 	Fd socket_;
 };
 
+ptrdiff_t threads_of(pid_t pid)
+{
+	auto tasks = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task");
+	return std::distance(begin(tasks), end(tasks));
+}
+
 class HatchHostile : public testing::Test {
 protected:
 	bool serves(size_t size = 10)
@@ -149,9 +155,68 @@ TEST_F(HatchHostile, SilentAndHalfwayClientsHoldNobodyUp)
 	EXPECT_TRUE(serves(3 * piece_max));
 	ASSERT_TRUE(halfway[7].send(std::string(500, 'y')));
 	EXPECT_EQ(halfway[7].receive(), head_of(1000) + std::string(500, 'x') + std::string(500, 'y'));
-	std::string threads = "/proc/" + std::to_string(server_.pid()) + "/task";
-	auto tasks = std::filesystem::directory_iterator(threads);
-	EXPECT_LT(std::distance(begin(tasks), end(tasks)), 12) << "they hold threads";
+	EXPECT_LT(threads_of(server_.pid()), 12) << "they hold threads";
+}
+
+// Each waits longer than a thread waits for one client alone: with what its thread keeps for requests, and beyond that.
+TEST_F(HatchHostile, ARequestInSlowPiecesComesThroughWhole)
+{
+	for (size_t size : {size_t{600'000}, size_t{3} << 20}) {
+		RawClient client(path_);
+		std::string request = test_bytes(size);
+		memset(request.data(), 0, sizeof(Ask)); // Do::Echo
+		size_t have = 100'000;
+		ASSERT_TRUE(client.send(head_of(size) + request.substr(0, have)));
+		for (size_t piece = 200'000; have < size; have += piece) {
+			if (have < 800'000)
+				std::this_thread::sleep_for(std::chrono::milliseconds(40));
+			ASSERT_TRUE(serves(2 * piece_max)); // in the same thread's memory
+			ASSERT_TRUE(client.send(request.substr(have, piece)));
+		}
+		std::string reply = client.receive();
+		while (reply.size() < head_size + size) {
+			std::string more = client.receive();
+			ASSERT_TRUE(more != "<end>" && more != "<nothing>") << more;
+			reply += more;
+		}
+		EXPECT_TRUE(reply == head_of(size) + request) << size;
+	}
+}
+
+TEST_F(HatchHostile, DribblingClientsHoldNobodyUp)
+{
+	std::vector<RawClient> dribbling;
+	for (int i = 0; i < 20; i++) {
+		dribbling.emplace_back(path_);
+		ASSERT_TRUE(dribbling.back().send(head_of(1000) + std::string(500, 'x')));
+	}
+	for (int i = 0; i < 50; i++) {
+		for (RawClient &client : dribbling)
+			ASSERT_TRUE(client.send("y"));
+		EXPECT_TRUE(serves(3 * piece_max));
+	}
+	EXPECT_LT(threads_of(server_.pid()), 12) << "they hold threads";
+	for (RawClient &client : dribbling) {
+		ASSERT_TRUE(client.send(std::string(450, 'z')));
+		EXPECT_EQ(client.receive(),
+		    head_of(1000) + std::string(500, 'x') + std::string(50, 'y') + std::string(450, 'z'));
+	}
+}
+
+TEST_F(HatchHostile, ClientsThatAskOnAndOnHaveThreadsOfTheirOwnUpToABound)
+{
+	std::vector<RawClient> busy;
+	busy.reserve(150);
+	for (int i = 0; i < 150; i++)
+		busy.emplace_back(path_);
+	for (int round = 0; round < 20; round++) {
+		for (RawClient &client : busy) {
+			ASSERT_TRUE(client.send(head_of(1) + "x"));
+			ASSERT_EQ(client.receive(), head_of(1) + "x");
+		}
+	}
+	EXPECT_TRUE(serves());
+	EXPECT_LT(threads_of(server_.pid()), HATCH_THREADS_MAX / 4 + 32);
 }
 
 TEST_F(HatchHostile, ClientsThatNeverReadTheirReplyHoldNobodyUp)
@@ -403,6 +468,22 @@ TEST(HatchLimits, WhenDescriptorsRunOutTheLongestIdleConnectionGoesAndRunningCal
 	EXPECT_EQ(slow.error, 0);
 	// A kept connection that was dropped meanwhile is made anew, unseen.
 	EXPECT_EQ(call(fd.get(), std::string("x")).data, "x");
+}
+
+TEST(HatchLimits, ConnectionsThatAreInUseAgainAndAgainGoTooAndLoseNoCall)
+{
+	Scratch scratch;
+	std::string path = attachable(scratch.path("hatch"));
+	Process server = serve_with_limit(path, 64);
+	std::vector<RawClient> clients;
+	for (int i = 0; i < 200; i++) {
+		clients.emplace_back(path);
+		for (int n = 0; n < 4; n++) {
+			ASSERT_TRUE(clients.back().send(head_of(1) + "x")) << i;
+			ASSERT_EQ(clients.back().receive(), head_of(1) + "x") << i;
+		}
+	}
+	EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) < 64 - 10; })) << "handlers have none left";
 }
 
 long cpu_ticks(pid_t pid)

@@ -86,11 +86,15 @@ int send_rest(const Connection &connection, const hatch_arg_t &arg, size_t sent)
 	return 0;
 }
 
-// Receives `size` bytes that follow the first message.
-int receive_rest(int fd, char *data, size_t size)
+// Receives `size` bytes that follow the first message. Memory of our own is filled with pages as far as the next piece
+// can reach; the caller's has them, or will get them.
+enum class Memory { own, callers };
+
+int receive_rest(int fd, char *data, size_t size, Memory memory)
 {
 	while (size > 0) {
-		fill_pages(data, std::min(size, piece_max));
+		if (memory == Memory::own)
+			fill_pages(data, std::min(size, piece_max));
 		iovec part = {data, size};
 		Message message = receive_message(fd, &part, 1, 0);
 		if (message.size <= 0)
@@ -144,7 +148,7 @@ int gather(Connection *connection, const hatch_arg_t &arg, const Landed &landed,
 	size_t others = landed.size - landed.in_buffer;
 	if (others > 0)
 		memcpy(reply->data() + landed.in_buffer, connection->landing.data(), others);
-	return receive_rest(connection->socket.get(), reply->data() + landed.size, size - landed.size);
+	return receive_rest(connection->socket.get(), reply->data() + landed.size, size - landed.size, Memory::own);
 }
 
 Outcome receive_reply(Connection *connection, hatch_arg_t *arg)
@@ -156,7 +160,8 @@ Outcome receive_reply(Connection *connection, hatch_arg_t *arg)
 		return {refusal_errno(landed.head.refusal), landed.head.size == 0};
 	size_t size = landed.head.size;
 	if (size == 0 || (arg->rbuf != nullptr && size <= arg->rsize)) {
-		if (int error = receive_rest(connection->socket.get(), arg->rbuf + landed.size, size - landed.size))
+		if (int error = receive_rest(
+			connection->socket.get(), arg->rbuf + landed.size, size - landed.size, Memory::callers))
 			return broken(error);
 		arg->data_ptr = arg->rbuf;
 	} else {

@@ -19,8 +19,6 @@ namespace {
 
 // For how long a handler's thread waits for a client to take more of its reply, before the rest is put aside.
 constexpr int patience_ms = 20;
-// Memory for replies up to this size stays with the thread.
-constexpr size_t memory_kept = 1U << 20;
 
 struct Call {
 	sigjmp_buf back;

@@ -8,6 +8,7 @@
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/timerfd.h>
 
 #include "hatch/server.h"
@@ -16,6 +17,13 @@ namespace hatch {
 namespace {
 
 constexpr int accept_batch = 64;
+
+// A thread waits for one client alone for so long, and so many threads of a hatch do: for the next request of one that
+// asked again that soon, and for the rest of a request that is on its way.
+constexpr int64_t moment_ns = 5'000'000;
+constexpr int64_t expecting_ns = 4 * moment_ns;
+constexpr int staying_max = HATCH_THREADS_MAX / 4;
+constexpr int expecting_max = 4;
 
 int arm(const Hatch &hatch, int how, int fd, uint32_t events, void *what)
 {
@@ -85,6 +93,12 @@ bool is_crowded(const Hatch &hatch) REQUIRES(hatch.lock)
 	return getrlimit(RLIMIT_NOFILE, &limit) == 0 && hatch.peer_count > limit.rlim_cur / 2;
 }
 
+void set_moment(int fd)
+{
+	timeval moment = {0, moment_ns / 1000};
+	(void) setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &moment, sizeof moment);
+}
+
 void add_peer(Hatch *hatch, Fd socket) REQUIRES(hatch->lock)
 {
 	auto *peer = new (std::nothrow) Peer{};
@@ -93,6 +107,7 @@ void add_peer(Hatch *hatch, Fd socket) REQUIRES(hatch->lock)
 	int fd = socket.get();
 	peer->socket = std::move(socket);
 	peer->piece = prepare_sending(fd);
+	set_moment(fd);
 	peer->since = now_ns();
 	if (arm(*hatch, EPOLL_CTL_ADD, fd, EPOLLIN, peer) != 0) {
 		delete peer;
@@ -139,6 +154,10 @@ void complete(Hatch *hatch, Peer *peer, char *data, size_t size)
 {
 	if (size < hatch->data_min)
 		return refuse(hatch, peer, Refusal::too_short, true);
+	if (hatch->revoked) {
+		peer->finished = true;
+		return;
+	}
 	ensure_waiting(hatch);
 	run_call(hatch, peer, data, size);
 }
@@ -158,48 +177,128 @@ bool received(Peer *peer, const Message &message)
 	return false;
 }
 
-void receive_rest(Hatch *hatch, Peer *peer)
+// The right to wait for one client alone, which few threads have at a time.
+class Turn {
+public:
+	Turn(std::atomic<int> *taken, int most) : taken_(taken), has_(taken->fetch_add(1) < most) {}
+	Turn(const Turn &) = delete;
+	Turn &operator=(const Turn &) = delete;
+	~Turn() { taken_->fetch_sub(1); }
+	explicit operator bool() const { return has_; }
+
+private:
+	std::atomic<int> *taken_;
+	bool has_;
+};
+
+void fill_ahead(char *data, const Peer &peer, size_t *filled)
+{
+	size_t end = std::min(peer.request_size, peer.request_have + piece_max);
+	if (end <= *filled)
+		return;
+	fill_pages(data + *filled, end - *filled);
+	*filled = end;
+}
+
+// Receives what has arrived of a request, and what arrives until `deadline`. True if that is all of it; otherwise the
+// peer is finished, or the rest is to come.
+bool receive_pieces(Peer *peer, char *data, size_t *filled, int64_t deadline)
 {
 	while (peer->request_have < peer->request_size) {
-		iovec part = {peer->request.data() + peer->request_have, peer->request_size - peer->request_have};
-		fill_pages(static_cast<char *>(part.iov_base), std::min(part.iov_len, piece_max));
-		Message message = receive_message(peer->socket.get(), &part, 1, MSG_DONTWAIT);
+		fill_ahead(data, *peer, filled);
+		iovec part = {data + peer->request_have, peer->request_size - peer->request_have};
+		int flags = deadline > 0 && now_ns() < deadline ? 0 : MSG_DONTWAIT;
+		Message message = receive_message(peer->socket.get(), &part, 1, flags);
 		if (!received(peer, message))
-			return peer->finished ? void() : hold(hatch, peer, peer->request_have + piece_max);
+			return false;
 		// One request has one sender.
 		if (message.descriptors || !same_user(message.sender, peer->sender)) {
 			peer->finished = true;
-			return;
+			return false;
 		}
 		peer->request_have += static_cast<size_t>(message.size);
 	}
+	return true;
+}
+
+// Waits a little for the rest of a request. Only for the first time: whoever was too slow is waited for with all others.
+bool receive_soon(Hatch *hatch, Peer *peer, char *data, size_t *filled)
+{
+	Turn turn(&hatch->expecting, expecting_max);
+	return receive_pieces(peer, data, filled, turn && hatch->waiting > 0 ? now_ns() + expecting_ns : 0);
+}
+
+void complete_own(Hatch *hatch, Peer *peer)
+{
 	Mapping request = std::move(peer->request);
 	unhold(hatch, peer);
 	complete(hatch, peer, request.data(), peer->request_size);
 }
 
-void receive_long(Hatch *hatch, Peer *peer, const char *data, size_t have, uint64_t size)
+void hold_request(Hatch *hatch, Peer *peer)
 {
-	if (!peer->request.map(size, Fill::on_use))
-		return refuse(hatch, peer, Refusal::no_memory, false);
-	memcpy(peer->request.data(), data, have);
-	peer->request_size = size;
-	peer->request_have = have;
-	receive_rest(hatch, peer);
+	hold(hatch, peer, std::min(peer->request_size, peer->request_have + piece_max));
 }
 
-void receive_first(Hatch *hatch, Peer *peer, Mapping *buffer)
+void receive_rest(Hatch *hatch, Peer *peer)
 {
-	if (!*buffer && !buffer->map(head_size + piece_max, Fill::on_use)) {
+	size_t filled = peer->request_have;
+	if (receive_pieces(peer, peer->request.data(), &filled, 0))
+		complete_own(hatch, peer);
+	else if (!peer->finished)
+		hold_request(hatch, peer);
+}
+
+// Gives a request memory of its own, with what has arrived of it.
+bool set_apart(Peer *peer, const char *data)
+{
+	if (!peer->request.map(peer->request_size, Fill::on_use))
+		return false;
+	fill_pages(peer->request.data(), peer->request_have);
+	memcpy(peer->request.data(), data, peer->request_have);
+	return true;
+}
+
+void receive_large(Hatch *hatch, Peer *peer, const char *first)
+{
+	if (!set_apart(peer, first))
+		return refuse(hatch, peer, Refusal::no_memory, false);
+	size_t filled = peer->request_have;
+	if (receive_soon(hatch, peer, peer->request.data(), &filled))
+		complete_own(hatch, peer);
+	else if (!peer->finished)
+		hold_request(hatch, peer);
+}
+
+void receive_long(Hatch *hatch, Peer *peer, RequestMemory *memory)
+{
+	if (peer->request_size > memory->room())
+		return receive_large(hatch, peer, memory->payload());
+	if (receive_soon(hatch, peer, memory->payload(), &memory->filled))
+		complete(hatch, peer, memory->payload(), peer->request_size);
+	else if (!peer->finished && set_apart(peer, memory->payload()))
+		hold_request(hatch, peer);
+	else if (!peer->finished)
+		refuse(hatch, peer, Refusal::no_memory, false);
+}
+
+// Receives the first message of a request. False if there was none.
+bool receive_first(Peer *peer, RequestMemory *memory, int flags, Message *message)
+{
+	if (!memory->map && !memory->map.map(memory_kept, Fill::on_use)) {
 		peer->finished = true;
-		return;
+		return false;
 	}
-	iovec part = {buffer->data(), buffer->size()};
-	Message message = receive_message(peer->socket.get(), &part, 1, MSG_DONTWAIT);
-	if (!received(peer, message))
-		return;
+	iovec part = {memory->map.data(), head_size + piece_max};
+	*message = receive_message(peer->socket.get(), &part, 1, flags);
+	return received(peer, *message);
+}
+
+// Serves a request whose first message has arrived, as far as it goes.
+void serve_request(Hatch *hatch, Peer *peer, RequestMemory *memory, const Message &message)
+{
 	RequestHead head = {};
-	memcpy(&head, buffer->data(), head_size);
+	memcpy(&head, memory->map.data(), head_size);
 	size_t have = static_cast<size_t>(message.size) - head_size;
 	if (message.size < static_cast<ssize_t>(head_size) || head.magic != wire_magic || head.zero != 0 ||
 	    have > head.size) {
@@ -207,13 +306,59 @@ void receive_first(Hatch *hatch, Peer *peer, Mapping *buffer)
 		return;
 	}
 	peer->sender = message.sender;
-	char *data = buffer->data() + head_size;
+	peer->request_size = head.size;
+	peer->request_have = have;
 	if (message.descriptors)
 		refuse(hatch, peer, Refusal::descriptors, have == head.size);
 	else if (have == head.size)
-		complete(hatch, peer, data, have);
+		complete(hatch, peer, memory->payload(), have);
 	else
-		receive_long(hatch, peer, data, have, head.size);
+		receive_long(hatch, peer, memory);
+}
+
+bool is_idle(const Peer &peer)
+{
+	return !peer.finished && !peer.request && !peer.rest;
+}
+
+// Waits a little for the next request of a client that asks again and again, which is cheaper than among all others.
+// Meanwhile it counts as idle, and may be dropped.
+bool receive_next(Hatch *hatch, Peer *peer, RequestMemory *memory, Message *message)
+{
+	if (hatch->waiting == 0)
+		return false;
+	peer->since = now_ns();
+	peer->in_hand = false;
+	bool came = receive_first(peer, memory, 0, message);
+	peer->in_hand = true;
+	return came;
+}
+
+// Has a connection wait among all others. It may then be another thread's at once, which closes it with the lock held,
+// and so not before this one is done with it.
+bool let_go(Hatch *hatch, Peer *peer)
+{
+	uint32_t events = peer->rest ? EPOLLOUT : EPOLLIN;
+	int fd = peer->socket.get();
+	MutexLock hold_lock(hatch->lock);
+	peer->in_hand = false;
+	return arm(*hatch, EPOLL_CTL_MOD, fd, events, peer) == 0;
+}
+
+// Serves a client as long as it asks again soon, if it did so before.
+void serve_requests(Hatch *hatch, Peer *peer, RequestMemory *memory)
+{
+	bool stays = peer->called && now_ns() - peer->since < moment_ns;
+	Message message;
+	if (!receive_first(peer, memory, MSG_DONTWAIT, &message))
+		return;
+	peer->called = true;
+	serve_request(hatch, peer, memory, message);
+	if (!stays)
+		return;
+	Turn turn(&hatch->staying, staying_max);
+	while (turn && is_idle(*peer) && receive_next(hatch, peer, memory, &message))
+		serve_request(hatch, peer, memory, message);
 }
 
 } // namespace
@@ -243,7 +388,7 @@ void accept_peers(Hatch *hatch)
 		resume_accepting(hatch);
 }
 
-void serve_peer(Hatch *hatch, Peer *peer, Mapping *buffer)
+void serve_peer(Hatch *hatch, Peer *peer, RequestMemory *memory)
 {
 	// What the last owner left is seen by this one: it wrote `in_hand` last.
 	(void) peer->in_hand.exchange(true);
@@ -252,16 +397,11 @@ void serve_peer(Hatch *hatch, Peer *peer, Mapping *buffer)
 	else if (peer->request)
 		receive_rest(hatch, peer);
 	else
-		receive_first(hatch, peer, buffer);
+		serve_requests(hatch, peer, memory);
 	if (peer->held == 0)
 		peer->since = now_ns();
-	if (!peer->finished) {
-		peer->in_hand = false;
-		uint32_t events = peer->rest ? EPOLLOUT : EPOLLIN;
-		if (arm(*hatch, EPOLL_CTL_MOD, peer->socket.get(), events, peer) == 0)
-			return;
-	}
-	close_peer(hatch, peer);
+	if (peer->finished || !let_go(hatch, peer))
+		close_peer(hatch, peer);
 }
 
 void close_peer(Hatch *hatch, Peer *peer)

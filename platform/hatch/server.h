@@ -1,8 +1,8 @@
 // The server's side: a hatch, its connections, and the threads that serve them.
 //
 // All threads of a hatch wait in one epoll set. An event of it is disarmed while a thread deals with it, so that a
-// connection belongs to one thread at a time, and only its owner closes it. Whoever begins to run a handler sees to it
-// that another thread waits, up to a bound.
+// connection belongs to one thread at a time, and only its owner closes it. Whoever begins to run a handler, or to wait
+// for one client alone, sees to it that another thread waits for all of them, up to a bound.
 #ifndef MERIDON_HATCH_SERVER_H
 #define MERIDON_HATCH_SERVER_H
 
@@ -26,6 +26,19 @@ namespace hatch {
 inline constexpr size_t held_max = 256U << 20;
 inline constexpr int64_t held_ns_max = 60'000'000'000;
 
+// What a thread keeps between calls, for requests and for replies: a large one comes in again, and fresh pages cost more
+// than the bytes in them. A MiB, and what callers put around it.
+inline constexpr size_t memory_kept = (1U << 20) + (64U << 10);
+
+// Where a thread receives requests: a head, and the payload behind it.
+struct RequestMemory {
+	Mapping map;
+	size_t filled = 0; // payload bytes that have their pages
+
+	char *payload() const { return map.data() + head_size; }
+	size_t room() const { return map.size() - head_size; }
+};
+
 // A connection of a client's. `in_hand`, `since` and `held` are read by other threads that look for one to drop.
 struct Peer {
 	Peer *next;
@@ -35,12 +48,13 @@ struct Peer {
 	std::atomic<bool> in_hand;  // a thread deals with it
 	std::atomic<int64_t> since; // its last call ended, or what it holds began
 	std::atomic<size_t> held;   // bytes that it makes the hatch hold
-	Mapping request;            // a request that comes in several messages
+	Mapping request;            // a request that comes slowly, or is too large for the thread's memory
 	size_t request_size;
 	size_t request_have;
 	struct ucred sender; // who sent the request
 	Mapping rest;        // what is left of a reply that the client didn't take at once
 	size_t rest_sent;
+	bool called;   // a request came over it
 	bool finished; // to be closed by its owner
 };
 
@@ -76,8 +90,10 @@ struct Hatch {
 	bool paused GUARDED_BY(lock); // no descriptors to accept with
 	bool timer_runs GUARDED_BY(lock);
 	std::atomic<bool> revoked;
-	std::atomic<int> waiting; // threads that wait for an event
-	std::atomic<size_t> held; // bytes, all peers'
+	std::atomic<int> waiting;   // threads that wait for an event
+	std::atomic<int> staying;   // threads that wait for the next request of one client
+	std::atomic<int> expecting; // threads that wait for the next piece of one request
+	std::atomic<size_t> held;   // bytes, all peers'
 };
 
 // ---- The process's hatches (hatches.cc) ----
@@ -114,7 +130,7 @@ int64_t now_ns();
 // Takes connections that wait at the listener.
 void accept_peers(Hatch *hatch);
 // Deals with a connection that has something to read, or room to send into.
-void serve_peer(Hatch *hatch, Peer *peer, Mapping *buffer);
+void serve_peer(Hatch *hatch, Peer *peer, RequestMemory *memory);
 // Drops what is held for too long, and accepts again.
 void tick(Hatch *hatch);
 // Begins to accept at the listener, which is new to the hatch. Errors: 0, or an errno value.

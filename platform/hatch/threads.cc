@@ -12,33 +12,36 @@ constexpr size_t stack_size = 2U << 20;
 constexpr int spare_max = 2;    // threads that wait for ever
 constexpr int spare_ms = 5'000; // for how long the others do
 
-// Waits for something to do and gives what it is about; NULL when the thread has to end.
+// Waits for something to do and gives what it is about; NULL when the thread has to end. The thread counts as waiting
+// when it comes here, and no longer when it leaves.
 void *next_event(Hatch *hatch)
 {
 	for (;;) {
 		struct epoll_event event;
-		int waiting = ++hatch->waiting;
-		int count = epoll_wait(hatch->events.get(), &event, 1, waiting > spare_max ? spare_ms : -1);
-		waiting = hatch->waiting--;
+		int count = epoll_wait(hatch->events.get(), &event, 1, hatch->waiting > spare_max ? spare_ms : -1);
+		int error = errno;
+		int waiting = hatch->waiting--;
 		if (hatch->revoked || (count == 0 && waiting > spare_max))
 			return nullptr;
 		if (count == 1)
 			return event.data.ptr;
-		if (count == -1 && errno != EINTR)
+		if (count == -1 && error != EINTR)
 			return nullptr; // closed by a fork that this thread came through
+		hatch->waiting++;
 	}
 }
 
 void work(Hatch *hatch)
 {
-	Mapping buffer;
+	RequestMemory memory;
 	while (void *what = next_event(hatch)) {
 		if (what == &hatch->timer)
 			tick(hatch);
 		else if (what == &hatch->place.listener)
 			accept_peers(hatch);
 		else if (what != &hatch->stop)
-			serve_peer(hatch, static_cast<Peer *>(what), &buffer);
+			serve_peer(hatch, static_cast<Peer *>(what), &memory);
+		hatch->waiting++;
 	}
 }
 
@@ -72,10 +75,13 @@ int start_thread(Hatch *hatch)
 	(void) pthread_attr_setstacksize(&attributes, stack_size);
 	(void) pthread_attr_setsigmask_np(&attributes, &hatch->signals);
 	pthread_t thread;
+	hatch->waiting++; // a thread on its way is as good as there: nobody needs to start another one
 	int error = pthread_create(&thread, &attributes, thread_main, hatch);
 	(void) pthread_attr_destroy(&attributes);
 	if (error == 0)
 		hatch->threads++;
+	else
+		hatch->waiting--;
 	return error;
 }
 
