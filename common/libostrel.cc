@@ -8,6 +8,7 @@
 #include <libintl.h>
 
 #include "base/guards.h"
+#include "libostrel_cairn.h"
 #include "libostrel_trace.h"
 
 // ---- Results ----
@@ -132,6 +133,18 @@ static constexpr struct ostrel_db_cmds hatches_db_cmds = {
     .dbc_auth = ostrel_hatch_check_auth,
 };
 
+static constexpr struct ostrel_db_cmds cairn_db_cmds = {
+    .dbc_open = ostrel_open_cairn,
+    .dbc_close = ostrel_close_cairn,
+    .dbc_read = ostrel_read_objects_from_cairn,
+    .dbc_write = ostrel_write_object_to_cairn,
+    .dbc_rename = ostrel_rename_object_in_cairn,
+    .dbc_remove = ostrel_remove_object_from_cairn,
+    .dbc_audit = nullptr,
+    .dbc_auth = nullptr,
+};
+
+ostrel_db_cmds_t ostrel_cairn_db_cmds = &cairn_db_cmds;
 ostrel_db_cmds_t ostrel_files_db_cmds = &files_db_cmds;
 ostrel_db_cmds_t ostrel_rawfiles_db_cmds = &rawfiles_db_cmds;
 ostrel_db_cmds_t ostrel_hatches_db_cmds = &hatches_db_cmds;
@@ -274,9 +287,27 @@ void ostrel_db_close(ostrel_db_t db)
 
 // ---- Read ----
 
+// The database whose lock this thread holds for reading. One at a time: no callback runs under it.
+static thread_local ostrel_db_t read_locked_here;
+
+bool ostrel_db_is_read_locked_here(ostrel_db_t db)
+{
+	return read_locked_here == db;
+}
+
+// Tells a back end that it was called with the lock, which not all callers of dbc_read hold.
+class ReadMark {
+public:
+	explicit ReadMark(ostrel_db_t db) { read_locked_here = db; }
+	~ReadMark() { read_locked_here = nullptr; }
+	ReadMark(const ReadMark &) = delete;
+	ReadMark &operator=(const ReadMark &) = delete;
+};
+
 static ostrel_error_t read_locked(ostrel_db_t db, attrlist_t *idl, uint64_t flags, Objects &objs)
 {
 	ReadLock lock(db->db_lock);
+	ReadMark mark(db);
 	return db->db_cmds->dbc_read(db, idl, db->db_flags | flags | OSTREL_FLAG_EXACT_MATCH | OSTREL_FLAG_WITH_PROPS,
 	    objs.out(), objs.out_count());
 }

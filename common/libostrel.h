@@ -123,6 +123,34 @@ extern ostrel_db_cmds_t ostrel_rawfiles_db_cmds;
 extern ostrel_db_cmds_t ostrel_hatches_db_cmds;
 
 /*
+ * The service repository of a host. The database's name is a locator: `name[/name...]`, a service, or
+ * `name[/name...]:instance`, an instance of one. It has to exist, and the repository daemon has to answer, for
+ * ostrel_db_open() to succeed. In another enclave whose own daemon isn't up a private one is started for the operation.
+ *
+ * An object is a property group, and groups nest, 8 levels deep at most. Its identifiers are two paths, of one component
+ * for each level: "object-pgname", the names, and "object-pgtype", the types. A name is found without regard to case, if
+ * not with it, unless the database was opened with OSTREL_DB_CASE_SENSITIVE. A walk goes by type, where a component is a
+ * type, or its beginning with a `*` behind it. "object-db-name" in a list names the service of an instance, or an instance
+ * of the service; "object-db-enclave" another enclave.
+ *
+ * Numbers come back as 64-bit arrays; a stored property keeps its type, and takes no attribute of another kind. Types
+ * beyond booleans, numbers and strings aren't taken. A write creates the levels that are missing, of the types in
+ * "object-pgtype". A rename within one tree can't put a group below itself, and one of a group that holds groups is
+ * refused: removing the old one would take them along. An instance's snapshot "running" follows its updates in 5 to 10
+ * seconds, and at the close.
+ *
+ * Errors beside those of each operation:
+ *          OSTREL_INVALID_ARG  neither path in the list, a path of more than 8 components or more than 255 bytes, a `*` in
+ *                              a name, more than 128 values in a property that is read, a type that isn't taken
+ *          OSTREL_EPERM        the repository doesn't let this user
+ *          OSTREL_NEEDS_RETRY  a read found 32 others at work for 20 s; updates of a store that is read-only for the
+ *                              moment are deferred instead
+ *          OSTREL_FAILURE      no daemon, or it went during the operation: the next one looks for it again
+ * Threads: any number of reads and walks beside each other; updates one by one.
+ */
+extern ostrel_db_cmds_t ostrel_cairn_db_cmds;
+
+/*
  * Called by ostrel_db_walk() for one object: with the handle, the object's identifiers and properties, the flags as the
  * walk's caller gave them, and the walk's `arg`. Anything but 0 halts the walk.
  *

@@ -68,8 +68,9 @@ ostrel_error_t carry_out(const ostrel_update_arg_t *update)
 	return OSTREL_INVALID_ARG;
 }
 
-// A detached thread that takes no signals: those are for the caller's threads. 0 or an errno value.
-int start_detached(void *(*run)(void *), void *arg)
+} // namespace
+
+int ostrel_start_thread(void *(*run)(void *), void *arg)
 {
 	pthread_attr_t attributes;
 	if (int error = pthread_attr_init(&attributes))
@@ -85,8 +86,6 @@ int start_detached(void *(*run)(void *), void *arg)
 	(void) pthread_attr_destroy(&attributes);
 	return error;
 }
-
-} // namespace
 
 void *ostrel_update_thread(void *arg)
 {
@@ -114,7 +113,7 @@ ostrel_error_t ostrel_create_update_thread(
 	if (!update)
 		return SETERROR(OSTREL_NO_MEMORY);
 	*update.get() = {op, db, idl_copy.release(), flags, objl_copy.release()};
-	if (int error = start_detached(ostrel_update_thread, update.get()))
+	if (int error = ostrel_start_thread(ostrel_update_thread, update.get()))
 		return ostrel_errno2error(error);
 	(void) update.release(); // the thread's now
 	return OSTREL_SUCCESS;

@@ -121,6 +121,8 @@ void ostrel_db_set_write_auth(ostrel_db_t db, const char *auth);
 void ostrel_db_rdlock(ostrel_db_t db) ACQUIRE_SHARED(db->db_lock);
 void ostrel_db_wrlock(ostrel_db_t db) ACQUIRE(db->db_lock);
 void ostrel_db_unlock(ostrel_db_t db) RELEASE_GENERIC(db->db_lock);
+// Whether this thread is inside ostrel_db_read() of that handle, and so has db_lock for reading.
+bool ostrel_db_is_read_locked_here(ostrel_db_t db);
 void ostrel_db_lock_priv(ostrel_db_t db) ACQUIRE(db->db_privlock);
 void ostrel_db_unlock_priv(ostrel_db_t db) RELEASE(db->db_privlock);
 
@@ -261,6 +263,8 @@ typedef struct ostrel_update_arg {
 // goes on; what copying a list or making a thread gave; OSTREL_INVALID_ARG  `idl` is NULL
 ostrel_error_t ostrel_create_update_thread(
     ostrel_op_t op, ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *objl);
+// Starts a detached thread that takes no signals: those are for the caller's threads. 0 or an errno value.
+int ostrel_start_thread(void *(*run)(void *), void *arg);
 // The thread's function; `arg` is an ostrel_update_arg_t, which it frees.
 void *ostrel_update_thread(void *arg);
 

@@ -40,25 +40,6 @@ bool is_enterable(enclave_state_t state)
 	return state == ENCLAVE_STATE_READY || state == ENCLAVE_STATE_RUNNING || state == ENCLAVE_STATE_SHUTTING_DOWN;
 }
 
-int find_record(enclaveid_t id, enclave_info_t *info)
-{
-	Fd dir;
-	int error = enclave_open_registry(&dir);
-	if (error == 0)
-		error = enclave_read_record(dir.get(), id, info);
-	switch (error) {
-	case ENOENT:
-	case ENOTDIR:
-		return EINVAL; // no such enclave
-	case EBADMSG:
-		return ESRCH;
-	case EACCES:
-		return EPERM;
-	default:
-		return error;
-	}
-}
-
 // A root, a namespace or a process that isn't there must not read as a missing file.
 int entry_error(int error)
 {
@@ -136,7 +117,7 @@ int enter(enclaveid_t id)
 	if (own != ENCLAVE_ID_GLOBAL)
 		return EPERM;
 	enclave_info_t info;
-	if (int error = find_record(id, &info))
+	if (int error = enclave_find_record(id, &info))
 		return error;
 	if (!is_enterable(info.ei_state))
 		return ESRCH;
@@ -162,6 +143,25 @@ static int look_up_mark(enclaveid_t *id)
 	else if (errno == ENOENT || errno == ENOTDIR)
 		*id = ENCLAVE_ID_GLOBAL;
 	return len >= 0 || is_final(errno) ? 0 : errno;
+}
+
+int enclave_find_record(enclaveid_t id, enclave_info_t *info)
+{
+	Fd dir;
+	int error = enclave_open_registry(&dir);
+	if (error == 0)
+		error = enclave_read_record(dir.get(), id, info);
+	switch (error) {
+	case ENOENT:
+	case ENOTDIR:
+		return EINVAL; // no such enclave
+	case EBADMSG:
+		return ESRCH;
+	case EACCES:
+		return EPERM;
+	default:
+		return error;
+	}
 }
 
 // No lock: threads that look at the same moment find the same, and the first one to store it wins.

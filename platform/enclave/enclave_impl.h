@@ -14,6 +14,16 @@ inline constexpr char enclave_mark_path[] = "run/enclave";
 // Reads a record; `dir` is the registry's directory.
 int enclave_read_record(int dir, enclaveid_t id, enclave_info_t *info);
 
+// The record of an enclave for who wants to go there: EINVAL if there is none, ESRCH if it can't be understood, and never
+// ENOENT or ENOTDIR, which callers would read as a missing file.
+int enclave_find_record(enclaveid_t id, enclave_info_t *info);
+
+// Whether two processes share the namespaces that decide what a path means: 0, or ESRCH.
+int enclave_same_tree(pid_t a, pid_t b);
+
+// Opens the root directory of a process.
+int enclave_open_process_root(pid_t pid, Fd *root);
+
 // Opens the registry's directory.
 int enclave_open_registry(Fd *dir);
 

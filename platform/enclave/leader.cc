@@ -121,6 +121,24 @@ int enclave_leader_alive(const enclave_info_t *info)
 	       start == info->ei_leader_start;
 }
 
+int enclave_same_tree(pid_t a, pid_t b)
+{
+	for (const char *name : {"ns/user", "ns/mnt"}) {
+		struct stat of_a, of_b;
+		if (stat(ProcPath(a, name).text, &of_a) == -1 || stat(ProcPath(b, name).text, &of_b) == -1)
+			return proc_error(errno);
+		if (!same_file(of_a, of_b))
+			return ESRCH;
+	}
+	return 0;
+}
+
+int enclave_open_process_root(pid_t pid, Fd *root)
+{
+	root->reset(open(ProcPath(pid, "root").text, O_PATH | O_DIRECTORY | O_CLOEXEC));
+	return *root ? 0 : proc_error(errno);
+}
+
 int enclave_open_leader(const enclave_info_t *info, EnclaveLeader *leader)
 {
 	leader->process.reset(static_cast<int>(syscall(SYS_pidfd_open, info->ei_leader, 0)));
@@ -134,9 +152,10 @@ int enclave_open_leader(const enclave_info_t *info, EnclaveLeader *leader)
 		return ESRCH;
 	if (int error = compare_namespaces(info->ei_leader, &leader->namespaces))
 		return error;
-	leader->root.reset(open(ProcPath(info->ei_leader, "root").text, O_PATH | O_DIRECTORY | O_CLOEXEC));
+	if (int error = enclave_open_process_root(info->ei_leader, &leader->root))
+		return error;
 	struct stat own, other;
-	if (!leader->root || fstat(leader->root.get(), &other) == -1 || stat("/", &own) == -1)
+	if (fstat(leader->root.get(), &other) == -1 || stat("/", &own) == -1)
 		return proc_error(errno);
 	leader->confined = !same_file(own, other);
 	return 0;

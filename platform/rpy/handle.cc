@@ -1,12 +1,9 @@
 // Handles: binding to a daemon, and the one road to it. What every object needs lies here, too.
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 #include <meridon/enclave.h>
 #include <meridon/hatch.h>
@@ -102,49 +99,6 @@ bool may_repeat(Op op)
 {
 	return op <= Op::list_snapshots || op == Op::get_group || op == Op::read_group || op == Op::list_groups ||
 	       op == Op::get_snapshot || op == Op::verify || op == Op::backup;
-}
-
-// Opens a path below a root so that no link on it leads out, and nothing that waits is opened.
-int open_inside(const char *root, const char *rest)
-{
-	Fd top(open(root, O_PATH | O_DIRECTORY | O_CLOEXEC));
-	if (!top)
-		return -1;
-	open_how how = {};
-	how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-	how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-	return static_cast<int>(syscall(SYS_openat2, top.get(), rest, &how, sizeof(how)));
-}
-
-struct Roots {
-	const char *path;
-	char root[ENCLAVE_ROOT_MAX + 1];
-};
-
-// Notes the longest root of a registered enclave that a path lies below.
-void note_root(const enclave_info_t *info, Roots *roots)
-{
-	size_t length = strlen(info->ei_root);
-	while (length > 0 && info->ei_root[length - 1] == '/')
-		length--;
-	if (length == 0 || strncmp(roots->path, info->ei_root, length) != 0 || roots->path[length] != '/')
-		return;
-	if (length > strlen(roots->root))
-		(void) snprintf(roots->root, sizeof(roots->root), "%.*s", static_cast<int>(length), info->ei_root);
-}
-
-int open_hatch(const char *path)
-{
-	Roots roots = {path, ""};
-	enclave_info_t *list = nullptr;
-	size_t count = 0;
-	if (enclave_registry_list(&list, &count) == 0)
-		for (size_t i = 0; i < count; i++)
-			note_root(&list[i], &roots);
-	::free(list);
-	if (roots.root[0] != '\0')
-		return open_inside(roots.root, path + strlen(roots.root));
-	return open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
 }
 
 } // namespace
@@ -307,7 +261,7 @@ int rpy_handle_bind(rpy_handle_t *handle)
 			return fail(RPY_ERROR_NO_SERVER);
 		path = fixed;
 	}
-	Fd hatch(open_hatch(path));
+	Fd hatch(handle->path ? _enclave_open(path) : open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
 	if (!hatch)
 		return fail(bind_error(errno));
 	struct stat kind;

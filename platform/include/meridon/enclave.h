@@ -69,6 +69,54 @@ enclaveid_t getenclaveid(void);
  */
 int enclave_enter(enclaveid_t id);
 
+/* ---- Other enclaves, as processes see them ---- */
+
+#define ENCLAVE_ATTR_ROOT 1 /* the root's path, seen from the global enclave */
+
+/*
+ * Copies an attribute of an enclave into `buffer`, with a NUL, and gives the number of bytes with it. The root of the
+ * global enclave, and that of the process's own, is "/", behind the environment's MERIDON_ROOT.
+ * Errors:  -1 with errno, which is never ENOENT or ENOTDIR
+ *          EINVAL  no enclave has that id, or there is no such attribute
+ *          ERANGE  the buffer is too small
+ *          ESRCH   the enclave's record can't be understood
+ *          EPERM   the record can't be read, or could have been written by others
+ * Threads: any
+ */
+ssize_t enclave_getattr(enclaveid_t id, int attribute, void *buffer, size_t size);
+
+/* The name of an enclave, "global" for 0. Gives the bytes with the NUL; errors as enclave_getattr(). */
+ssize_t getenclavenamebyid(enclaveid_t id, char *buffer, size_t length);
+
+/* The state of the enclave of that name: 0, or -1 with errno EINVAL if there is none, or as enclave_getattr(). */
+int enclave_get_state(const char *name, enclave_state_t *state);
+
+/*
+ * Opens a path for reading. One that lies below the root of a registered enclave is resolved inside that root, so that no
+ * link on it leads out. Nothing is waited for: a FIFO, a device or a terminal is opened at most.
+ * Owns:    the descriptor is the caller's; it is close-on-exec
+ * Errors:  -1 with errno of openat2(), or ENOMEM
+ * Threads: any
+ */
+int _enclave_open(const char *path);
+
+/*
+ * Whether a process lives in an enclave: its root directory is the enclave's, and if the enclave has a leader, its mount
+ * and user namespaces are the leader's. Gives 1 or 0, and 0 for all that is unclear.
+ * Threads: any
+ */
+int _enclave_has_process(enclaveid_t id, pid_t pid);
+
+/*
+ * Keeps others who ask for the same out of an enclave's set-up, within this host, for as long as the descriptor is open.
+ * Waits for them at most `seconds`.
+ * Owns:    the descriptor is the caller's; it is close-on-exec
+ * Errors:  -1 with errno: EAGAIN if the time is over, EPERM without the right to write the enclave's record, or as
+ *          enclave_getattr()
+ * Threads: any
+ */
+int _enclave_hold(enclaveid_t id, int seconds);
+
 /* ---- The registry ---- */
 
 /* A record of the registry. */

@@ -1,0 +1,542 @@
+// The repository's resources: the connections of a database, their pools of readers, and their holds.
+//
+// Divisions: results; what an operation is about; building and destroying; the pool; places; the resources of an
+// operation and its level; open and close.
+#include "libostrel_cairn.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+// ---- Results ----
+
+static constexpr struct {
+	rpy_error_t from;
+	ostrel_error_t to;
+} rpy_results[] = {
+    {RPY_ERROR_NONE, OSTREL_SUCCESS},
+    {RPY_ERROR_NOT_FOUND, OSTREL_NOT_FOUND},
+    {RPY_ERROR_INVALID_ARGUMENT, OSTREL_INVALID_ARG},
+    {RPY_ERROR_NO_MEMORY, OSTREL_NO_MEMORY},
+    {RPY_ERROR_EXISTS, OSTREL_EXISTS},
+    {RPY_ERROR_PERMISSION_DENIED, OSTREL_EPERM},
+    {RPY_ERROR_BACKEND_ACCESS, OSTREL_EPERM},
+    {RPY_ERROR_BACKEND_READONLY, OSTREL_NEEDS_RETRY},
+};
+
+ostrel_error_t rpy_error_to_ostrel_error(rpy_error_t error)
+{
+	for (const auto &row : rpy_results) {
+		if (row.from == error)
+			return row.to;
+	}
+	return OSTREL_FAILURE;
+}
+
+ostrel_error_t ostrel_rpy_failure()
+{
+	ostrel_error_t result = rpy_error_to_ostrel_error(rpy_error());
+	return result != OSTREL_SUCCESS ? result : OSTREL_FAILURE;
+}
+
+// ---- What an operation is about ----
+
+ostrel_error_t ostrel_db_info(ostrel_db_t db, attrlist_t *idl, const char **name, enclaveid_t *enclave)
+{
+	*name = ostrel_db_get_name(db);
+	*enclave = ostrel_db_get_enclaveid(db);
+	if (idl != nullptr)
+		(void) ostrel_idlist_get_enclaveid(idl, enclave); // without the key the database's stays
+	return OSTREL_SUCCESS;
+}
+
+ostrel_error_t ostrel_idlist2pginfo(attrlist_t *idl, char **pgname, char **pgtype)
+{
+	bool found = false;
+	if (pgname != nullptr && ostrel_idlist_get(idl, OSTREL_ID_PGNAME, pgname) == OSTREL_SUCCESS)
+		found = true;
+	if (pgtype != nullptr && ostrel_idlist_get(idl, OSTREL_ID_PGTYPE, pgtype) == OSTREL_SUCCESS)
+		found = true;
+	return found ? OSTREL_SUCCESS : OSTREL_INVALID_ARG;
+}
+
+int cmp_resources_by_enclaveid(const ostrel_rpy_resources_t *a, const ostrel_rpy_resources_t *b)
+{
+	return a->nsr_enclaveid < b->nsr_enclaveid ? -1 : a->nsr_enclaveid > b->nsr_enclaveid ? 1 : 0;
+}
+
+// ---- Building and destroying ----
+
+static bool create_work(rpy_handle_t *handle, ostrel_rpy_work_t *work)
+{
+	work->nsr_prop = rpy_property_create(handle);
+	if (work->nsr_prop == nullptr)
+		return false;
+	work->nsr_propiter = rpy_iter_create(handle);
+	if (work->nsr_propiter == nullptr)
+		return false;
+	work->nsr_val = rpy_value_create(handle);
+	if (work->nsr_val == nullptr)
+		return false;
+	work->nsr_valiter = rpy_iter_create(handle);
+	if (work->nsr_valiter == nullptr)
+		return false;
+	for (int depth = 0; depth < OSTREL_RPY_MAX_DEPTH; depth++) {
+		work->nsr_pg[depth] = rpy_pg_create(handle);
+		if (work->nsr_pg[depth] == nullptr)
+			return false;
+		work->nsr_pgiter[depth] = rpy_iter_create(handle);
+		if (work->nsr_pgiter[depth] == nullptr)
+			return false;
+	}
+	return true;
+}
+
+static void destroy_work(ostrel_rpy_work_t *work)
+{
+	for (int depth = 0; depth < OSTREL_RPY_MAX_DEPTH; depth++) {
+		rpy_pg_destroy(work->nsr_pg[depth]);
+		rpy_iter_destroy(work->nsr_pgiter[depth]);
+	}
+	rpy_property_destroy(work->nsr_prop);
+	rpy_iter_destroy(work->nsr_propiter);
+	rpy_value_destroy(work->nsr_val);
+	rpy_iter_destroy(work->nsr_valiter);
+}
+
+static void ostrel_destroy_rpy_read_resource(ostrel_rpy_read_resources_t *rres)
+{
+	destroy_work(rres);
+	rpy_instance_destroy(rres->nsr_own_inst);
+	free(rres);
+}
+using ReadResources = Handle<ostrel_rpy_read_resources_t, ostrel_destroy_rpy_read_resource>;
+
+static void ostrel_destroy_rpy_read_resources(ostrel_rpy_resources_t *res)
+{
+	while (ostrel_rpy_read_resources_t *first = res->nsr_read_resources) {
+		res->nsr_read_resources = first->nsr_list_node;
+		ostrel_destroy_rpy_read_resource(first);
+	}
+	res->nsr_num_readers = 0;
+}
+
+// All that hangs on resources which have no place any more.
+static void free_resources(ostrel_rpy_resources_t *res)
+{
+	rpy_transaction_destroy_children(res->nsr_tx);
+	rpy_transaction_destroy(res->nsr_tx);
+	destroy_work(res);
+	rpy_snapshot_destroy(res->nsr_snap);
+	rpy_instance_destroy(res->nsr_inst);
+	rpy_service_destroy(res->nsr_svc);
+	rpy_scope_destroy(res->nsr_scope);
+	ostrel_destroy_rpy_read_resources(res);
+	if (res->nsr_handle != nullptr)
+		(void) rpy_handle_unbind(res->nsr_handle); // fails for one that was never bound
+	rpy_handle_destroy(res->nsr_handle);
+	(void) pthread_cond_destroy(&res->nsr_reader_left);
+	free(res->nsr_locator);
+	res->~ostrel_rpy_resources_t();
+	free(res);
+}
+
+// Takes the first of the other enclaves' resources out of the list and gives up its place's hold.
+static void release_first_of(ostrel_db_t db, ostrel_rpy_resources_t **listp) REQUIRES(db->db_privlock)
+{
+	ostrel_rpy_resources_t *first = *listp;
+	*listp = first->nsr_enclave_node;
+	first->nsr_enclave_node = nullptr;
+	ostrel_rele_rpy_resources_locked(db, first, nullptr);
+}
+
+void ostrel_destroy_rpy_resources(ostrel_db_t db, ostrel_rpy_resources_t *res)
+{
+	if (res == nullptr)
+		return;
+	if (res->nsr_refresh_thread != 0) {
+		ostrel_stop_refresh(res);
+		ostrel_refresh_cairn(res, true);
+	}
+	while (res->nsr_enclave_resources != nullptr)
+		release_first_of(db, &res->nsr_enclave_resources);
+	ostrel_end_private_configd(res);
+	free_resources(res);
+}
+
+// Resources that nobody else knows yet.
+using NewResources = Handle<ostrel_rpy_resources_t, free_resources>;
+
+bool ostrel_init_monotonic(pthread_cond_t *condition)
+{
+	pthread_condattr_t attributes;
+	if (pthread_condattr_init(&attributes) != 0)
+		return false;
+	bool done = pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC) == 0 &&
+		    pthread_cond_init(condition, &attributes) == 0;
+	(void) pthread_condattr_destroy(&attributes);
+	return done;
+}
+
+static ostrel_rpy_resources_t *allocate_resources(ostrel_db_t db, enclaveid_t enclave)
+{
+	void *memory = calloc(1, sizeof(ostrel_rpy_resources_t));
+	if (memory == nullptr)
+		return nullptr;
+	auto *res = new (memory) ostrel_rpy_resources_t();
+	if (!ostrel_init_monotonic(&res->nsr_reader_left)) {
+		free(memory);
+		return nullptr;
+	}
+	res->nsr_db = db;
+	res->nsr_enclaveid = enclave;
+	return res;
+}
+
+static ostrel_error_t create_objects(ostrel_rpy_resources_t *res)
+{
+	rpy_handle_t *handle = res->nsr_handle;
+	if ((res->nsr_scope = rpy_scope_create(handle)) == nullptr ||
+	    (res->nsr_svc = rpy_service_create(handle)) == nullptr ||
+	    (res->nsr_inst = rpy_instance_create(handle)) == nullptr ||
+	    (res->nsr_snap = rpy_snapshot_create(handle)) == nullptr || !create_work(handle, res) ||
+	    (res->nsr_tx = rpy_transaction_create(handle)) == nullptr)
+		return SETERROR(ostrel_rpy_failure());
+	res->nsr_op_inst = res->nsr_inst;
+	return OSTREL_SUCCESS;
+}
+
+// Finds the service, or the instance, that the database is named by.
+static ostrel_error_t look_locator_up(ostrel_rpy_resources_t *res)
+{
+	const char *name = ostrel_db_get_name(res->nsr_db);
+	const char *instance = nullptr;
+	res->nsr_locator = strdup(name);
+	Heap<char> scratch(strdup(name));
+	if (res->nsr_locator == nullptr || !scratch)
+		return SETERROR(OSTREL_NO_MEMORY);
+	if (rpy_parse_svc_locator(scratch.get(), nullptr, &instance) != 0)
+		return SETERROR(ostrel_rpy_failure());
+	res->nsr_issvc = instance == nullptr ? B_TRUE : B_FALSE;
+	if (rpy_handle_decode_locator(
+		res->nsr_handle, name, nullptr, res->nsr_svc, res->nsr_inst, nullptr, nullptr, 0) != 0)
+		return SETERROR(ostrel_rpy_failure());
+	return OSTREL_SUCCESS;
+}
+
+// ---- Places ----
+
+static ostrel_rpy_resources_t *native_of(ostrel_db_t db)
+{
+	return static_cast<ostrel_rpy_resources_t *>(ostrel_db_get_priv(db));
+}
+
+// Where resources of an enclave are in a list, or would have to be.
+static ostrel_rpy_resources_t **place_in(ostrel_rpy_resources_t **listp, const ostrel_rpy_resources_t *key)
+{
+	while (*listp != nullptr && cmp_resources_by_enclaveid(*listp, key) < 0)
+		listp = &(*listp)->nsr_enclave_node;
+	return listp;
+}
+
+static bool is_at(ostrel_rpy_resources_t *const *place, const ostrel_rpy_resources_t *key)
+{
+	return *place != nullptr && cmp_resources_by_enclaveid(*place, key) == 0;
+}
+
+static void put_among_enclaves(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(db->db_privlock)
+{
+	ostrel_rpy_resources_t **place = place_in(&native_of(db)->nsr_enclave_resources, res);
+	if (is_at(place, res))
+		release_first_of(db, place);
+	if (res->nsr_private_configd)
+		return; // they live as long as the operation
+	// The release may have destroyed resources, but it has changed nothing in this list.
+	res->nsr_enclave_node = *place;
+	*place = res;
+	res->nsr_refcnt = 1;
+}
+
+static void put_as_native(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(db->db_privlock)
+{
+	ostrel_rpy_resources_t *before = native_of(db);
+	res->nsr_refcnt = 1;
+	ostrel_db_set_priv(db, res);
+	if (!res->nsr_issvc)
+		ostrel_start_refresh(res, before);
+	ostrel_rele_rpy_resources_locked(db, before, nullptr);
+}
+
+ostrel_error_t ostrel_create_rpy_resources(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)
+{
+	*resp = nullptr;
+	NewResources res(allocate_resources(db, enclave));
+	if (!res)
+		return SETERROR(OSTREL_NO_MEMORY);
+	res->nsr_handle = rpy_handle_create(RPY_CLIENT_VERSION);
+	if (res->nsr_handle == nullptr)
+		return ostrel_rpy_failure();
+	ostrel_error_t result = ostrel_bind_cairn_configd(enclave, res.get());
+	if (result == OSTREL_SUCCESS)
+		result = create_objects(res.get());
+	if (result == OSTREL_SUCCESS)
+		result = look_locator_up(res.get());
+	if (result != OSTREL_SUCCESS) {
+		ostrel_destroy_rpy_resources(db, res.release());
+		return result;
+	}
+	*resp = res.release();
+	if (enclave == ostrel_db_get_enclaveid(db))
+		put_as_native(db, *resp);
+	else
+		put_among_enclaves(db, *resp);
+	return OSTREL_SUCCESS;
+}
+
+// ---- The pool ----
+
+static ostrel_error_t ostrel_create_rpy_read_resources(ostrel_rpy_resources_t *res, ostrel_rpy_read_resources_t **rresp)
+{
+	*rresp = nullptr;
+	if (res->nsr_num_readers >= OSTREL_RPY_MAX_READERS)
+		return OSTREL_NEEDS_RETRY;
+	ReadResources rres(static_cast<ostrel_rpy_read_resources_t *>(calloc(1, sizeof(ostrel_rpy_read_resources_t))));
+	if (!rres)
+		return SETERROR(OSTREL_NO_MEMORY);
+	if (!create_work(res->nsr_handle, rres.get()))
+		return ostrel_rpy_failure();
+	rres->nsr_own_inst = rpy_instance_create(res->nsr_handle);
+	if (rres->nsr_own_inst == nullptr)
+		return ostrel_rpy_failure();
+	rres->nsr_svc = res->nsr_svc;
+	rres->nsr_op_inst = res->nsr_issvc ? rres->nsr_own_inst : res->nsr_inst;
+	rres->nsr_inuse = B_TRUE;
+	ostrel_rpy_read_resources_t **end = &res->nsr_read_resources;
+	while (*end != nullptr)
+		end = &(*end)->nsr_list_node;
+	*end = rres.get();
+	res->nsr_num_readers++;
+	*rresp = rres.release();
+	return OSTREL_SUCCESS;
+}
+
+// A free entry, or a new one. OSTREL_NEEDS_RETRY if the pool is full and all are in use.
+static ostrel_error_t take_entry(ostrel_rpy_resources_t *res, ostrel_rpy_read_resources_t **rresp)
+{
+	for (auto *entry = res->nsr_read_resources; entry != nullptr; entry = entry->nsr_list_node) {
+		if (entry->nsr_inuse)
+			continue;
+		entry->nsr_inuse = B_TRUE;
+		*rresp = entry;
+		return OSTREL_SUCCESS;
+	}
+	return ostrel_create_rpy_read_resources(res, rresp);
+}
+
+// Waits for others to give an entry up. With no lock held but, for as long as it looks, db_privlock.
+static ostrel_error_t wait_for_entry(ostrel_rpy_resources_t *res, ostrel_rpy_read_resources_t **rresp)
+{
+	ostrel_db_t db = res->nsr_db;
+	struct timespec end;
+	(void) clock_gettime(CLOCK_MONOTONIC, &end);
+	end.tv_sec += OSTREL_RPY_READ_WAITS;
+	MutexLock lock(db->db_privlock);
+	for (bool waited = true;;) {
+		ostrel_error_t result = take_entry(res, rresp);
+		if (result != OSTREL_NEEDS_RETRY || !waited)
+			return result;
+		waited = pthread_cond_timedwait(&res->nsr_reader_left, &db->db_privlock.raw, &end) == 0;
+	}
+}
+
+// A reader that has db_lock gives it up while it waits, and one that hasn't doesn't get it: ostrel_db_walk() and a hatch
+// server read without it. That is a question of a value, which the analysis can't follow.
+static ostrel_error_t ostrel_get_rpy_read_resources(
+    ostrel_rpy_resources_t *res, ostrel_rpy_read_resources_t **rresp) NO_THREAD_SAFETY_ANALYSIS
+{
+	ostrel_db_t db = res->nsr_db;
+	*rresp = nullptr;
+	ostrel_db_lock_priv(db);
+	ostrel_error_t result = take_entry(res, rresp);
+	ostrel_db_unlock_priv(db);
+	if (result != OSTREL_NEEDS_RETRY)
+		return result;
+	bool locked = ostrel_db_is_read_locked_here(db);
+	if (locked)
+		ostrel_db_unlock(db);
+	result = wait_for_entry(res, rresp);
+	if (locked)
+		ostrel_db_rdlock(db);
+	return result;
+}
+
+// ---- Holds ----
+
+void ostrel_rele_rpy_resources_locked(ostrel_db_t db, ostrel_rpy_resources_t *res, ostrel_rpy_read_resources_t *rres)
+{
+	if (res == nullptr)
+		return;
+	if (rres != nullptr) {
+		rres->nsr_inuse = B_FALSE;
+		(void) pthread_cond_signal(&res->nsr_reader_left);
+	}
+	if (--res->nsr_refcnt == 0)
+		ostrel_destroy_rpy_resources(db, res);
+}
+
+void ostrel_rele_rpy_resources(ostrel_db_t db, ostrel_rpy_resources_t *res, ostrel_rpy_read_resources_t *rres)
+{
+	if (res == nullptr)
+		return;
+	MutexLock lock(db->db_privlock);
+	ostrel_rele_rpy_resources_locked(db, res, rres);
+}
+
+// Whether the connection is alive, as far as anybody knows: one call.
+static bool ostrel_rpy_handle_has_server(ostrel_rpy_resources_t *res)
+{
+	return rpy_handle_get_scope(res->nsr_handle, RPY_SCOPE_LOCAL, res->nsr_scope) == 0 ||
+	       rpy_error() != RPY_ERROR_CONNECTION_BROKEN;
+}
+
+static bool is_active(enclaveid_t enclave)
+{
+	char name[ENCLAVE_NAME_MAX + 1];
+	enclave_state_t state;
+	if (getenclavenamebyid(enclave, name, sizeof(name)) == -1 || enclave_get_state(name, &state) != 0)
+		return false;
+	return state == ENCLAVE_STATE_READY || state == ENCLAVE_STATE_RUNNING || state == ENCLAVE_STATE_SHUTTING_DOWN;
+}
+
+// Gives up the resources of enclaves that have gone.
+static void ostrel_destroy_inactive_rpy_enclave_resources(ostrel_db_t db) REQUIRES(db->db_privlock)
+{
+	for (auto **place = &native_of(db)->nsr_enclave_resources; *place != nullptr;) {
+		if (is_active((*place)->nsr_enclaveid))
+			place = &(*place)->nsr_enclave_node;
+		else
+			release_first_of(db, place);
+	}
+}
+
+static ostrel_rpy_resources_t *find_resources(ostrel_db_t db, enclaveid_t enclave) REQUIRES(db->db_privlock)
+{
+	ostrel_rpy_resources_t *native = native_of(db);
+	if (enclave == native->nsr_enclaveid)
+		return native;
+	ostrel_destroy_inactive_rpy_enclave_resources(db);
+	for (auto *entry = native->nsr_enclave_resources; entry != nullptr; entry = entry->nsr_enclave_node) {
+		if (entry->nsr_enclaveid == enclave)
+			return entry;
+	}
+	return nullptr;
+}
+
+ostrel_error_t ostrel_get_rpy_resources_for_enclave(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)
+{
+	MutexLock lock(db->db_privlock);
+	if (native_of(db) == nullptr)
+		return SETERROR(OSTREL_INVALID_ARG);
+	ostrel_rpy_resources_t *found = find_resources(db, enclave);
+	if (found != nullptr && ostrel_rpy_handle_has_server(found) && !ostrel_native_configd_inenclave_ready(found)) {
+		found->nsr_cache_hits++;
+		*resp = found;
+	} else if (ostrel_error_t result = ostrel_create_rpy_resources(db, enclave, resp)) {
+		return result;
+	}
+	(*resp)->nsr_refcnt++;
+	return OSTREL_SUCCESS;
+}
+
+// ---- The level of an operation ----
+
+// An instance of a service-level database. A text that merely begins like the service could name another one.
+static ostrel_error_t choose_instance(ostrel_rpy_resources_t *res, ostrel_rpy_work_t *work, const char *opname)
+{
+	const char *db_name = ostrel_db_get_name(res->nsr_db);
+	size_t length = strlen(db_name);
+	if (strncmp(opname, db_name, length) != 0 || opname[length] != ':')
+		return SETERROR(OSTREL_INVALID_ARG);
+	if (rpy_handle_decode_locator(
+		res->nsr_handle, opname, nullptr, nullptr, work->nsr_op_inst, nullptr, nullptr, 0) != 0)
+		return SETERROR(ostrel_rpy_failure());
+	work->nsr_svclevelop = B_FALSE;
+	return OSTREL_SUCCESS;
+}
+
+static ostrel_error_t ostrel_get_rpy_dbname_for_op(
+    attrlist_t *idl, ostrel_rpy_resources_t *res, ostrel_rpy_work_t *work)
+{
+	const char *db_name = ostrel_db_get_name(res->nsr_db);
+	char *opname = nullptr;
+	work->nsr_svclevelop = res->nsr_issvc;
+	if (idl == nullptr || ostrel_idlist_get_db_name(idl, &opname) != OSTREL_SUCCESS || strcmp(opname, db_name) == 0)
+		return OSTREL_SUCCESS;
+	if (res->nsr_issvc)
+		return choose_instance(res, work, opname);
+	if (strncmp(opname, db_name, strlen(opname)) != 0)
+		return SETERROR(OSTREL_INVALID_ARG);
+	work->nsr_svclevelop = B_TRUE;
+	return OSTREL_SUCCESS;
+}
+
+// ---- The resources of an operation ----
+
+ostrel_error_t RpyOperation::get(attrlist_t *idl)
+{
+	const char *name;
+	enclaveid_t enclave;
+	if (ostrel_error_t result = ostrel_db_info(db_, idl, &name, &enclave))
+		return result;
+	return ostrel_get_rpy_resources_for_enclave(db_, enclave, &res_);
+}
+
+// What an update keeps in the resources nobody else stores there: readers have their own, and the refresh thread takes
+// resources without being an operation.
+ostrel_error_t RpyOperation::begin_update(attrlist_t *idl, bool temp)
+{
+	if (ostrel_error_t result = get(idl))
+		return result;
+	res_->nsr_temp = temp ? B_TRUE : B_FALSE;
+	return ostrel_get_rpy_dbname_for_op(idl, res_, res_);
+}
+
+ostrel_error_t RpyOperation::begin_read(attrlist_t *idl)
+{
+	if (ostrel_error_t result = get(idl))
+		return result;
+	if (ostrel_error_t result = ostrel_get_rpy_read_resources(res_, &rres_))
+		return result;
+	return ostrel_get_rpy_dbname_for_op(idl, res_, rres_);
+}
+
+// ---- Open and close ----
+
+ostrel_error_t ostrel_open_cairn(ostrel_db_t db)
+{
+	MutexLock lock(db->db_privlock);
+	ostrel_rpy_resources_t *res;
+	return ostrel_create_rpy_resources(db, ostrel_db_get_enclaveid(db), &res);
+}
+
+// All native resources of a database have the same gate, one after the other.
+static RefreshGate *gate_of(ostrel_db_t db)
+{
+	MutexLock lock(db->db_privlock);
+	ostrel_rpy_resources_t *native = native_of(db);
+	return native == nullptr ? nullptr : native->nsr_gate;
+}
+
+// The native resources that are there when the last refresh thread has ended are the last ones: nobody is left who could
+// replace them.
+void ostrel_close_cairn(ostrel_db_t db)
+{
+	RefreshGate *gate = gate_of(db);
+	ostrel_close_refresh(gate);
+	MutexLock lock(db->db_privlock);
+	ostrel_rpy_resources_t *res = native_of(db);
+	ostrel_db_set_priv(db, nullptr);
+	ostrel_destroy_rpy_resources(db, res);
+	ostrel_free_refresh_gate(gate);
+}

@@ -1,0 +1,193 @@
+// Which daemon a handle is bound to. In the global enclave that is the system's. Another enclave's own daemon is reached
+// through its hatch below the enclave's root; where it isn't up, a private daemon is started inside the enclave.
+//
+// The enclave's paths are its own ground: they are opened so that nothing leads out of its root, and a process is asked to
+// end only if it lives there and still serves the hatch.
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <meridon/enclave.h>
+#include <meridon/hatch.h>
+
+#include "libostrel_cairn.h"
+#include "libostrel_zio.h"
+
+namespace {
+
+constexpr char hatch_place[] = "/system/transient/repository_hatch";
+constexpr char daemon_program[] = "/lib/cairn/bin/cairn.configd";
+constexpr char repository_file[] = "/etc/cairn/repository.db";
+constexpr mode_t hatch_mode = 0644;
+constexpr int start_seconds = 15;      // a start takes 10 s at most
+constexpr int end_milliseconds = 5000; // an end waits for a commit that runs
+
+struct HatchPath {
+	char text[1024];
+};
+
+ostrel_error_t ostrel_get_cairn_configd_hatchpath(enclaveid_t enclave, bool is_private, HatchPath *path)
+{
+	char root[sizeof(path->text)];
+	if (enclave_getattr(enclave, ENCLAVE_ATTR_ROOT, root, sizeof(root)) < 0)
+		return SETERRNO(errno);
+	int length = is_private ? snprintf(path->text, sizeof(path->text), "%s%s.libostrel.%ld", root, hatch_place,
+				      static_cast<long>(enclave))
+				: snprintf(path->text, sizeof(path->text), "%s%s", root, hatch_place);
+	// Cut, it would be the path of something else.
+	return length > 0 && static_cast<size_t>(length) < sizeof(path->text) ? OSTREL_SUCCESS
+									      : SETERROR(OSTREL_INVALID_ARG);
+}
+
+using Value = Handle<rpy_value_t, rpy_value_destroy>;
+
+ostrel_error_t ostrel_bind_cairn_configd_hatch(ostrel_rpy_resources_t *res, const HatchPath &path)
+{
+	Value value(rpy_value_create(res->nsr_handle));
+	if (!value || rpy_value_set_astring(value.get(), path.text) != 0 ||
+	    rpy_handle_decorate(res->nsr_handle, "hatch_path", value.get()) != 0 ||
+	    rpy_handle_bind(res->nsr_handle) != 0)
+		return SETERROR(ostrel_rpy_failure());
+	return OSTREL_SUCCESS;
+}
+
+// Tests that a hatch is there. The process id is 0 if it can't be told.
+ostrel_error_t ostrel_check_cairn_configd_hatch(const HatchPath &path, pid_t *pid)
+{
+	if (pid != nullptr)
+		*pid = 0;
+	Fd hatch(_enclave_open(path.text));
+	struct stat kind;
+	hatch_info_t info;
+	if (!hatch || fstat(hatch.get(), &kind) == -1 || !S_ISREG(kind.st_mode) || hatch_info(hatch.get(), &info) == -1)
+		return SETERROR(OSTREL_FAILURE);
+	if (pid != nullptr)
+		*pid = info.di_target;
+	return OSTREL_SUCCESS;
+}
+
+// ---- The private daemon, in children that make system calls alone ----
+
+// The file that the daemon attaches its hatch to, left by an earlier one perhaps. Whatever else lies there isn't touched.
+int make_hatch_file(const char *path)
+{
+	Fd file(open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, hatch_mode));
+	if (!file && errno != EEXIST)
+		return errno;
+	if (!file)
+		file.reset(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+	struct stat kind;
+	if (!file || fstat(file.get(), &kind) == -1)
+		return errno == ELOOP ? EINVAL : errno;
+	if (!S_ISREG(kind.st_mode) || kind.st_nlink != 1)
+		return EINVAL;
+	return fchmod(file.get(), hatch_mode) == 0 ? 0 : errno;
+}
+
+// The child that entered the enclave. Its status is its whole report. The daemon's first process has ended when the fork
+// comes back, so there is nobody to end after a failure.
+[[noreturn]] void start_inside(enclaveid_t enclave, const char *path)
+{
+	pid_t daemon = 0;
+	int error = make_hatch_file(path);
+	if (error == 0)
+		error = ostrel_zfork(enclave, B_FALSE, &daemon);
+	if (error == 0 && daemon == 0) {
+		(void) execlp(
+		    daemon_program, daemon_program, "-d", path, "-r", repository_file, static_cast<char *>(nullptr));
+		_exit(0); // the missing hatch tells
+	}
+	_exit(ostrel_error2errno(ostrel_errno2error(error)));
+}
+
+ostrel_error_t start_private_configd(enclaveid_t enclave)
+{
+	char inside[64]; // composed here: the child can't
+	(void) snprintf(inside, sizeof(inside), "%s.libostrel.%ld", hatch_place, static_cast<long>(enclave));
+	pid_t child;
+	int error = ostrel_zfork(enclave, B_TRUE, &child);
+	if (error == 0 && child == 0)
+		start_inside(enclave, inside);
+	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
+}
+
+// Starts a private daemon, and finds out which process it is.
+ostrel_error_t start_and_bind(enclaveid_t enclave, ostrel_rpy_resources_t *res, const HatchPath &path)
+{
+	if (ostrel_error_t result = start_private_configd(enclave))
+		return result;
+	pid_t pid;
+	if (ostrel_error_t result = ostrel_check_cairn_configd_hatch(path, &pid))
+		return result;
+	if (!_enclave_has_process(enclave, pid))
+		return SETERROR(OSTREL_FAILURE); // somebody else's hatch lies there
+	res->nsr_private_configd_pid = pid;
+	return ostrel_bind_cairn_configd_hatch(res, path);
+}
+
+// Those who want to start one at the same time come one after the other, so that all but the first find it. Without the
+// right to that, the start itself will say what is missing.
+ostrel_error_t bind_private(enclaveid_t enclave, ostrel_rpy_resources_t *res)
+{
+	HatchPath path;
+	if (ostrel_error_t result = ostrel_get_cairn_configd_hatchpath(enclave, true, &path))
+		return result;
+	res->nsr_private_configd = B_TRUE;
+	if (ostrel_bind_cairn_configd_hatch(res, path) == OSTREL_SUCCESS)
+		return OSTREL_SUCCESS;
+	Fd turn(_enclave_hold(enclave, start_seconds));
+	if (turn && ostrel_bind_cairn_configd_hatch(res, path) == OSTREL_SUCCESS)
+		return OSTREL_SUCCESS;
+	return start_and_bind(enclave, res, path);
+}
+
+} // namespace
+
+ostrel_error_t ostrel_bind_cairn_configd(enclaveid_t enclave, ostrel_rpy_resources_t *res)
+{
+	if (enclave == ENCLAVE_ID_GLOBAL)
+		return rpy_handle_bind(res->nsr_handle) == 0 ? OSTREL_SUCCESS : SETERROR(ostrel_rpy_failure());
+	HatchPath path;
+	if (ostrel_error_t result = ostrel_get_cairn_configd_hatchpath(enclave, false, &path))
+		return result;
+	ostrel_error_t result = ostrel_bind_cairn_configd_hatch(res, path);
+	// Memory or descriptors that this process lacks say nothing about a daemon, and a private one beside the enclave's own
+	// would be in its way.
+	if (result == OSTREL_SUCCESS || rpy_error() != RPY_ERROR_NO_SERVER)
+		return result;
+	return bind_private(enclave, res);
+}
+
+bool ostrel_native_configd_inenclave_ready(const ostrel_rpy_resources_t *res)
+{
+	HatchPath path;
+	return res->nsr_private_configd && res->nsr_enclaveid != ENCLAVE_ID_GLOBAL &&
+	       ostrel_get_cairn_configd_hatchpath(res->nsr_enclaveid, false, &path) == OSTREL_SUCCESS &&
+	       ostrel_check_cairn_configd_hatch(path, nullptr) == OSTREL_SUCCESS;
+}
+
+void ostrel_end_private_configd(const ostrel_rpy_resources_t *res)
+{
+	pid_t pid = res->nsr_private_configd_pid;
+	if (!res->nsr_private_configd || res->nsr_enclaveid == ENCLAVE_ID_GLOBAL || pid == 0)
+		return;
+	// Held first: what is found out about the id below is about this process, or the signal reaches nobody.
+	Fd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+	HatchPath path;
+	pid_t server;
+	if (!process || ostrel_get_cairn_configd_hatchpath(res->nsr_enclaveid, true, &path) != OSTREL_SUCCESS ||
+	    ostrel_check_cairn_configd_hatch(path, &server) != OSTREL_SUCCESS || server != pid ||
+	    !_enclave_has_process(res->nsr_enclaveid, pid))
+		return;
+	if (syscall(SYS_pidfd_send_signal, process.get(), SIGTERM, nullptr, 0) == -1)
+		return; // it has ended meanwhile
+	// Whoever comes next shall not be bound to a daemon that is about to go.
+	struct pollfd ended = {process.get(), POLLIN, 0};
+	(void) poll(&ended, 1, end_milliseconds);
+}

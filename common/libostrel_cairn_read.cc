@@ -1,0 +1,269 @@
+// Reading: a property group becomes an object, its paths the identifiers and its properties the attributes. By name there
+// is one group, by type all that fit.
+#include <cstdlib>
+#include <cstring>
+
+#include "libostrel_cairn.h"
+
+namespace {
+
+// The strings of a property, freed with it.
+struct Strings {
+	char *text[OSTREL_RPY_MAX_VALUES];
+	int count = 0;
+
+	Strings() = default;
+	Strings(const Strings &) = delete;
+	Strings &operator=(const Strings &) = delete;
+	~Strings()
+	{
+		for (int i = 0; i < count; i++)
+			free(text[i]);
+	}
+};
+
+// ---- Values ----
+
+// Reads the values of nsr_prop: the lone one, or each of several. `read_value` gets nsr_val's, the place and whether it is
+// the lone one.
+template <typename ReadValue>
+ostrel_error_t read_values(ostrel_rpy_work_t *work, int *count, ReadValue read_value)
+{
+	*count = 0;
+	if (rpy_property_get_value(work->nsr_prop, work->nsr_val) == 0) {
+		ostrel_error_t result = read_value(work->nsr_val, 0, true);
+		*count = result == OSTREL_SUCCESS ? 1 : 0;
+		return result;
+	}
+	while (rpy_iter_next_value(work->nsr_valiter, work->nsr_val) > 0) {
+		if (*count == OSTREL_RPY_MAX_VALUES)
+			return OSTREL_INVALID_ARG;
+		if (ostrel_error_t result = read_value(work->nsr_val, *count, false))
+			return result;
+		++*count;
+	}
+	return OSTREL_SUCCESS;
+}
+
+ostrel_error_t add_booleans(ostrel_rpy_work_t *work, attrlist_t *props, const char *name)
+{
+	boolean_t values[OSTREL_RPY_MAX_VALUES];
+	int count;
+	ostrel_error_t result = read_values(work, &count, [&](const rpy_value_t *value, int i, bool) {
+		uint8_t byte;
+		if (rpy_value_get_boolean(value, &byte) != 0)
+			return ostrel_rpy_failure();
+		values[i] = byte != 0 ? B_TRUE : B_FALSE;
+		return OSTREL_SUCCESS;
+	});
+	if (result != OSTREL_SUCCESS)
+		return result;
+	return ostrel_errno2error(attrlist_add_boolean_array(props, name, values, static_cast<unsigned int>(count)));
+}
+
+// Whole numbers, of either kind.
+template <typename Number, auto Get, auto Add>
+ostrel_error_t add_numbers(ostrel_rpy_work_t *work, attrlist_t *props, const char *name)
+{
+	Number values[OSTREL_RPY_MAX_VALUES];
+	int count;
+	ostrel_error_t result = read_values(work, &count, [&](const rpy_value_t *value, int i, bool) {
+		return Get(value, &values[i]) == 0 ? OSTREL_SUCCESS : ostrel_rpy_failure();
+	});
+	if (result != OSTREL_SUCCESS)
+		return result;
+	return ostrel_errno2error(Add(props, name, values, static_cast<unsigned int>(count)));
+}
+
+// The text of a value, new. Among several values an empty one is a failure.
+ostrel_error_t copy_text(const rpy_value_t *value, bool lone, char **textp)
+{
+	ssize_t length = rpy_value_get_astring(value, nullptr, 0);
+	if (length < 0 || (length == 0 && !lone))
+		return ostrel_rpy_failure();
+	Heap<char> text(static_cast<char *>(malloc(static_cast<size_t>(length) + 1)));
+	if (!text)
+		return OSTREL_NO_MEMORY;
+	if (rpy_value_get_astring(value, text.get(), static_cast<size_t>(length) + 1) < 0)
+		return ostrel_rpy_failure();
+	*textp = text.release();
+	return OSTREL_SUCCESS;
+}
+
+ostrel_error_t add_strings(ostrel_rpy_work_t *work, attrlist_t *props, const char *name)
+{
+	Strings strings;
+	int count;
+	ostrel_error_t result = read_values(work, &count, [&](const rpy_value_t *value, int i, bool lone) {
+		ostrel_error_t copied = copy_text(value, lone, &strings.text[i]);
+		strings.count = copied == OSTREL_SUCCESS ? i + 1 : i;
+		return copied;
+	});
+	if (result != OSTREL_SUCCESS)
+		return result;
+	return ostrel_errno2error(
+	    attrlist_add_string_array(props, name, strings.text, static_cast<unsigned int>(count)));
+}
+
+constexpr struct {
+	rpy_type_t type;
+	ostrel_error_t (*add)(ostrel_rpy_work_t *work, attrlist_t *props, const char *name);
+} value_mapping[] = {
+    {RPY_TYPE_BOOLEAN, add_booleans},
+    {RPY_TYPE_COUNT, add_numbers<uint64_t, rpy_value_get_count, attrlist_add_uint64_array>},
+    {RPY_TYPE_INTEGER, add_numbers<int64_t, rpy_value_get_integer, attrlist_add_int64_array>},
+    {RPY_TYPE_ASTRING, add_strings},
+};
+
+// ---- Properties and groups ----
+
+// Adds the property in nsr_prop.
+ostrel_error_t ostrel_prop2atl(ostrel_rpy_work_t *work, attrlist_t *props)
+{
+	char name[OSTREL_RPY_NAME_MAX];
+	rpy_type_t type;
+	if (rpy_property_get_name(work->nsr_prop, name, sizeof(name)) == -1 ||
+	    rpy_iter_property_values(work->nsr_valiter, work->nsr_prop) != 0 ||
+	    rpy_property_type(work->nsr_prop, &type) != 0)
+		return ostrel_rpy_failure();
+	for (const auto &row : value_mapping) {
+		if (row.type == type)
+			return row.add(work, props, name);
+	}
+	return OSTREL_INVALID_ARG;
+}
+
+ostrel_error_t add_identifiers(const ostrel_rpy_work_t *work, attrlist_t *idl)
+{
+	ostrel_error_t result = ostrel_idlist_add(idl, OSTREL_ID_PGNAME, work->nsr_pgname);
+	return result == OSTREL_SUCCESS ? ostrel_idlist_add(idl, OSTREL_ID_PGTYPE, work->nsr_pgtype) : result;
+}
+
+// The identifiers and properties of the current group. All properties are read, wanted or not.
+ostrel_error_t ostrel_pg2atl(ostrel_rpy_work_t *work, AttrList *idl, AttrList *props)
+{
+	if (ostrel_error_t result = ostrel_idlist_init(idl->out(), nullptr))
+		return result;
+	if (ostrel_error_t result = add_identifiers(work, idl->get()))
+		return result;
+	if (int error = attrlist_alloc(props->out(), ATL_UNIQUE_NAME, 0))
+		return ostrel_errno2error(error);
+	if (rpy_iter_pg_properties(work->nsr_propiter, ostrel_res_pg_curr(work)) != 0)
+		return ostrel_rpy_failure();
+	while (rpy_iter_next_property(work->nsr_propiter, work->nsr_prop) > 0) {
+		if (ostrel_error_t result = ostrel_prop2atl(work, props->get()))
+			return result;
+	}
+	return OSTREL_SUCCESS;
+}
+
+// ---- Reads ----
+
+// The objects of a read, in an array that grows.
+class Found {
+public:
+	Found() = default;
+	Found(const Found &) = delete;
+	Found &operator=(const Found &) = delete;
+	~Found()
+	{
+		for (unsigned int i = 0; i < count_; i++)
+			attrlist_free(objs_[i]);
+		free(objs_);
+	}
+
+	bool alloc(int room)
+	{
+		objs_ = static_cast<attrlist_t **>(calloc(static_cast<size_t>(room), sizeof(attrlist_t *)));
+		room_ = room;
+		return objs_ != nullptr;
+	}
+	ostrel_error_t add(ostrel_rpy_work_t *work, uint64_t flags)
+	{
+		AttrList idl, props;
+		if (ostrel_error_t result = ostrel_pg2atl(work, &idl, &props))
+			return SETERROR(result);
+		if (ostrel_error_t result = make_room())
+			return result;
+		attrlist_t *handed = (flags & OSTREL_FLAG_WITH_PROPS) != 0 ? props.get() : nullptr;
+		if (ostrel_error_t result = ostrel_object_create(idl.get(), handed, &objs_[count_]))
+			return SETERROR(result);
+		count_++;
+		return OSTREL_SUCCESS;
+	}
+	void hand_out(attrlist_t ***objs, unsigned int *count)
+	{
+		*objs = objs_;
+		*count = count_;
+		objs_ = nullptr;
+		count_ = 0;
+	}
+
+private:
+	// The new half is zeroed: the array is handed out at its full size.
+	ostrel_error_t make_room()
+	{
+		if (count_ < static_cast<unsigned int>(room_))
+			return OSTREL_SUCCESS;
+		const size_t before = static_cast<size_t>(room_);
+		void *grown = objs_;
+		if (grow_buf(&grown, &room_, sizeof(attrlist_t *)) != OSTREL_SUCCESS)
+			return SETERROR(OSTREL_NO_MEMORY);
+		objs_ = static_cast<attrlist_t **>(grown);
+		memset(objs_ + before, 0, (static_cast<size_t>(room_) - before) * sizeof(attrlist_t *));
+		return OSTREL_SUCCESS;
+	}
+
+	attrlist_t **objs_ = nullptr;
+	unsigned int count_ = 0;
+	int room_ = 0;
+};
+
+ostrel_error_t read_by_name(ostrel_db_t db, ostrel_rpy_work_t *work, const char *pgname, uint64_t flags, Found *found)
+{
+	if (ostrel_error_t result = ostrel_rpy_get_real_pg(db, work, pgname))
+		return SETERROR(result);
+	return found->add(work, flags);
+}
+
+ostrel_error_t read_by_type(ostrel_rpy_work_t *work, const char *pgtype, uint64_t flags, Found *found)
+{
+	RpyPath types;
+	if (ostrel_error_t result = types.set(pgtype))
+		return SETERROR(result);
+	ostrel_rpy_iter_reset(work);
+	for (;;) {
+		ostrel_error_t result = ostrel_rpy_iter_next_pg(work, nullptr, &types);
+		if (result == OSTREL_SUCCESS)
+			result = found->add(work, flags);
+		if (result == OSTREL_NOT_FOUND || result == OSTREL_WALK_HALTED)
+			return OSTREL_SUCCESS;
+		if (result != OSTREL_SUCCESS)
+			return result;
+	}
+}
+
+} // namespace
+
+ostrel_error_t ostrel_read_objects_from_cairn(
+    ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t ***objs, unsigned int *count)
+{
+	if (objs == nullptr || count == nullptr || idl == nullptr || ostrel_idlist_is_empty(idl))
+		return SETERROR(OSTREL_INVALID_ARG);
+	*objs = nullptr;
+	*count = 0;
+	char *pgname = nullptr, *pgtype = nullptr;
+	if (ostrel_error_t result = ostrel_idlist2pginfo(idl, &pgname, &pgtype))
+		return SETERROR(result);
+	RpyOperation operation(db);
+	if (ostrel_error_t result = operation.begin_read(idl))
+		return result;
+	Found found;
+	if (!found.alloc(pgname != nullptr ? 1 : static_cast<int>(OSTREL_RPY_OBJECTS_START)))
+		return SETERROR(OSTREL_NO_MEMORY);
+	ostrel_error_t result = pgname != nullptr ? read_by_name(db, operation.work(), pgname, flags, &found)
+						  : read_by_type(operation.work(), pgtype, flags, &found);
+	if (result == OSTREL_SUCCESS)
+		found.hand_out(objs, count);
+	return result;
+}

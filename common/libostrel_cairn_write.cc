@@ -1,0 +1,462 @@
+// Writing: a write makes a group hold exactly the given properties, in one transaction. A remove deletes the group; a
+// rename is a read, a write and a remove.
+#include <cstring>
+#include <ctime>
+
+#include "libostrel_cairn.h"
+
+namespace {
+
+using Entry = Handle<rpy_transaction_entry_t, rpy_entry_destroy>;
+using Value = Handle<rpy_value_t, rpy_value_destroy>;
+
+// ---- Values ----
+
+// The values of an attribute, whatever its type: an array of `count` elements.
+struct Values {
+	const void *array = nullptr;
+	unsigned int count = 0;
+};
+
+template <typename T, auto Get>
+int get_array(attrpair_t *pair, Values *values, void *)
+{
+	T *array = nullptr;
+	int error = Get(pair, &array, &values->count);
+	values->array = array;
+	return error;
+}
+
+// One value is an array of one; `room` keeps it.
+template <typename T, auto Get>
+int get_scalar(attrpair_t *pair, Values *values, void *room)
+{
+	*values = {room, 1};
+	return Get(pair, static_cast<T *>(room));
+}
+
+// An attribute that is there and has no value is true.
+int get_presence(attrpair_t *, Values *values, void *room)
+{
+	const boolean_t present = B_TRUE;
+	memcpy(room, &present, sizeof(present));
+	*values = {room, 1};
+	return 0;
+}
+
+template <typename T>
+T element(const void *array, unsigned int i)
+{
+	return static_cast<const T *>(array)[i];
+}
+
+// Numbers widen by their own sign.
+template <typename T>
+uint64_t number_of(const void *array, unsigned int i)
+{
+	return static_cast<uint64_t>(static_cast<int64_t>(element<T>(array, i)));
+}
+template <>
+uint64_t number_of<uint32_t>(const void *array, unsigned int i)
+{
+	return element<uint32_t>(array, i);
+}
+template <>
+uint64_t number_of<uint64_t>(const void *array, unsigned int i)
+{
+	return element<uint64_t>(array, i);
+}
+
+struct AttributeType {
+	data_type_t attribute;
+	rpy_type_t stored; // of a property that is new
+	int (*get)(attrpair_t *pair, Values *values, void *room);
+	uint64_t (*number)(const void *array, unsigned int i); // of numbers
+};
+
+constexpr AttributeType attribute_types[] = {
+    {DATA_TYPE_BOOLEAN, RPY_TYPE_BOOLEAN, get_presence, nullptr},
+    {DATA_TYPE_BOOLEAN_VALUE, RPY_TYPE_BOOLEAN, get_scalar<boolean_t, attrpair_value_boolean_value>, nullptr},
+    {DATA_TYPE_BOOLEAN_ARRAY, RPY_TYPE_BOOLEAN, get_array<boolean_t, attrpair_value_boolean_array>, nullptr},
+    {DATA_TYPE_INT32, RPY_TYPE_INTEGER, get_scalar<int32_t, attrpair_value_int32>, number_of<int32_t>},
+    {DATA_TYPE_INT64, RPY_TYPE_INTEGER, get_scalar<int64_t, attrpair_value_int64>, number_of<int64_t>},
+    {DATA_TYPE_INT32_ARRAY, RPY_TYPE_INTEGER, get_array<int32_t, attrpair_value_int32_array>, number_of<int32_t>},
+    {DATA_TYPE_INT64_ARRAY, RPY_TYPE_INTEGER, get_array<int64_t, attrpair_value_int64_array>, number_of<int64_t>},
+    {DATA_TYPE_UINT32, RPY_TYPE_COUNT, get_scalar<uint32_t, attrpair_value_uint32>, number_of<uint32_t>},
+    {DATA_TYPE_UINT64, RPY_TYPE_COUNT, get_scalar<uint64_t, attrpair_value_uint64>, number_of<uint64_t>},
+    {DATA_TYPE_UINT32_ARRAY, RPY_TYPE_COUNT, get_array<uint32_t, attrpair_value_uint32_array>, number_of<uint32_t>},
+    {DATA_TYPE_UINT64_ARRAY, RPY_TYPE_COUNT, get_array<uint64_t, attrpair_value_uint64_array>, number_of<uint64_t>},
+    {DATA_TYPE_STRING, RPY_TYPE_ASTRING, get_scalar<char *, attrpair_value_string>, nullptr},
+    {DATA_TYPE_STRING_ARRAY, RPY_TYPE_ASTRING, get_array<char *, attrpair_value_string_array>, nullptr},
+};
+
+const AttributeType *find_type(data_type_t type)
+{
+	for (const AttributeType &row : attribute_types) {
+		if (row.attribute == type)
+			return &row;
+	}
+	return nullptr;
+}
+
+// The elements are what the attribute's type says, so a stored type takes those of its own kind alone: counts and integers
+// are one kind.
+bool is_number(rpy_type_t type)
+{
+	return type == RPY_TYPE_COUNT || type == RPY_TYPE_INTEGER;
+}
+bool takes(rpy_type_t stored, const AttributeType &attribute)
+{
+	return stored == attribute.stored || (is_number(stored) && is_number(attribute.stored));
+}
+
+ostrel_error_t set_value(
+    rpy_value_t *value, rpy_type_t stored, const AttributeType &attribute, const Values &values, unsigned int i)
+{
+	switch (stored) {
+	case RPY_TYPE_BOOLEAN:
+		rpy_value_set_boolean(value, static_cast<uint8_t>(element<boolean_t>(values.array, i)));
+		return OSTREL_SUCCESS;
+	case RPY_TYPE_COUNT:
+		rpy_value_set_count(value, attribute.number(values.array, i));
+		return OSTREL_SUCCESS;
+	case RPY_TYPE_INTEGER:
+		rpy_value_set_integer(value, static_cast<int64_t>(attribute.number(values.array, i)));
+		return OSTREL_SUCCESS;
+	default:
+		if (rpy_value_set_from_string(value, RPY_TYPE_ASTRING, element<char *>(values.array, i)) != 0)
+			return SETERROR(ostrel_rpy_failure());
+		return OSTREL_SUCCESS;
+	}
+}
+
+ostrel_error_t ostrel_array2rpy_entries(ostrel_rpy_resources_t *res, rpy_transaction_entry_t *entry,
+    const AttributeType &attribute, rpy_type_t stored, const Values &values)
+{
+	if (!takes(stored, attribute))
+		return SETERROR(OSTREL_INVALID_ARG);
+	for (unsigned int i = 0; i < values.count; i++) {
+		Value value(rpy_value_create(res->nsr_handle));
+		if (!value)
+			return SETERROR(ostrel_rpy_failure());
+		if (ostrel_error_t result = set_value(value.get(), stored, attribute, values, i))
+			return result;
+		if (rpy_entry_add_value(entry, value.get()) != 0)
+			return SETERROR(ostrel_rpy_failure());
+		(void) value.release(); // the entry's now
+	}
+	return OSTREL_SUCCESS;
+}
+
+// ---- Transactions ----
+
+// Attaches an entry for a property, which keeps its stored type if it is there.
+int attach_entry(ostrel_rpy_resources_t *res, rpy_transaction_entry_t *entry, const char *name, rpy_type_t *type)
+{
+	if (rpy_pg_get_property(ostrel_res_pg_curr(res), name, res->nsr_prop) != 0)
+		return rpy_transaction_property_new(res->nsr_tx, entry, name, *type);
+	if (rpy_property_type(res->nsr_prop, type) != 0)
+		return -1;
+	return rpy_transaction_property_change(res->nsr_tx, entry, name, *type);
+}
+
+// Adds the entry of one attribute. Attached, it belongs to the transaction, with what it holds.
+ostrel_error_t ostrel_atp2rpy(ostrel_rpy_resources_t *res, attrpair_t *pair)
+{
+	const char *name = attrpair_name(pair);
+	const AttributeType *attribute = find_type(attrpair_type(pair));
+	if (attribute == nullptr)
+		return SETERROR(OSTREL_INVALID_ARG);
+	uint64_t room = 0;
+	Values values;
+	if (int error = attribute->get(pair, &values, &room))
+		return SETERRNO(error);
+	Entry entry(rpy_entry_create(res->nsr_handle));
+	if (!entry)
+		return SETERROR(ostrel_rpy_failure());
+	rpy_type_t type = attribute->stored;
+	if (attach_entry(res, entry.get(), name, &type) != 0)
+		return SETERROR(ostrel_rpy_failure());
+	ostrel_error_t result = ostrel_array2rpy_entries(res, entry.get(), *attribute, type, values);
+	if (result != OSTREL_SUCCESS) {
+		rpy_entry_destroy_children(entry.get());
+		return result;
+	}
+	(void) entry.release();
+	return OSTREL_SUCCESS;
+}
+
+// Schedules a property's deletion. One that can't be scheduled stays.
+void delete_property(ostrel_rpy_resources_t *res, const char *name)
+{
+	Entry entry(rpy_entry_create(res->nsr_handle));
+	if (entry && rpy_transaction_property_delete(res->nsr_tx, entry.get(), name) == 0)
+		(void) entry.release();
+}
+
+ostrel_error_t delete_others(ostrel_rpy_resources_t *res, attrlist_t *props)
+{
+	if (rpy_iter_pg_properties(res->nsr_propiter, ostrel_res_pg_curr(res)) != 0)
+		return SETERROR(ostrel_rpy_failure());
+	while (rpy_iter_next_property(res->nsr_propiter, res->nsr_prop) > 0) {
+		char name[OSTREL_RPY_NAME_MAX];
+		if (rpy_property_get_name(res->nsr_prop, name, sizeof(name)) != -1 && !attrlist_exists(props, name))
+			delete_property(res, name);
+	}
+	return OSTREL_SUCCESS;
+}
+
+// Builds the transaction that makes the current group hold exactly `props`.
+ostrel_error_t build_transaction(ostrel_rpy_resources_t *res, attrlist_t *props, bool created)
+{
+	rpy_transaction_destroy_children(res->nsr_tx); // of an attempt before
+	if (rpy_transaction_reset(res->nsr_tx) != 0 || rpy_transaction_start(res->nsr_tx, ostrel_res_pg_curr(res)) != 0)
+		return SETERROR(ostrel_rpy_failure());
+	if (!created) {
+		if (ostrel_error_t result = delete_others(res, props))
+			return result;
+	}
+	for (attrpair_t *pair = nullptr; (pair = attrlist_next_attrpair(props, pair)) != nullptr;) {
+		if (ostrel_error_t result = ostrel_atp2rpy(res, pair))
+			return result;
+	}
+	return OSTREL_SUCCESS;
+}
+
+// Others that change the group all the time keep this one waiting, and the processor free: ever longer, up to 100 ms.
+class StalePause {
+public:
+	void wait()
+	{
+		struct timespec pause = {0, next_};
+		(void) nanosleep(&pause, nullptr);
+		next_ = next_ * 2 < longest ? next_ * 2 : longest;
+	}
+
+private:
+	static constexpr long longest = 100'000'000;
+	long next_ = 50'000;
+};
+
+ostrel_error_t commit(ostrel_rpy_resources_t *res, attrlist_t *props, bool created)
+{
+	for (StalePause pause;;) {
+		if (ostrel_error_t result = build_transaction(res, props, created))
+			return result;
+		int committed = rpy_transaction_commit(res->nsr_tx);
+		if (committed == 1)
+			return OSTREL_SUCCESS;
+		if (committed != 0)
+			return SETERROR(ostrel_rpy_failure());
+		pause.wait(); // before the look at the group, which is to be as fresh as it can be
+		if (rpy_pg_update(ostrel_res_pg_curr(res)) == -1)
+			return SETERROR(ostrel_rpy_failure());
+		// What others have put into a group that this write has made goes, too.
+		created = false;
+	}
+}
+
+// Takes back what a failed write has created: the group that is current, if it is one of those.
+void undo_creation(ostrel_rpy_resources_t *res, const RpyCreation &made)
+{
+	if (made.first != -1 && res->nsr_pgdepth >= made.first && res->nsr_pgdepth <= made.last)
+		(void) rpy_pg_delete(ostrel_res_pg_curr(res)); // it stays, then, and is empty
+}
+
+bool is_temporary(uint64_t flags)
+{
+	return (flags & OSTREL_FLAG_TEMPORARY) != 0;
+}
+
+// Finds the group of a write, or makes it.
+ostrel_error_t find_or_create(
+    ostrel_db_t db, ostrel_rpy_resources_t *res, const char *pgname, const char *pgtype, RpyCreation *made)
+{
+	ostrel_error_t result = ostrel_rpy_get_real_pg(db, res, pgname);
+	if (result != OSTREL_NOT_FOUND)
+		return result == OSTREL_SUCCESS ? result : SETERROR(result);
+	if (pgtype == nullptr)
+		return SETERROR(OSTREL_INVALID_ARG);
+	return ostrel_rpy_add_pg(res, pgname, pgtype, made);
+}
+
+// ---- Renames ----
+
+// Which group an identifier list names, as far as two of them can be told apart.
+struct GroupPlace {
+	enclaveid_t enclave;
+	boolean_t svclevel;
+	char instance[OSTREL_RPY_NAME_MAX];
+	char pgname[OSTREL_RPY_NAME_MAX];
+
+	bool same_top(const GroupPlace &other) const
+	{
+		return enclave == other.enclave && svclevel == other.svclevel && strcmp(instance, other.instance) == 0;
+	}
+	bool is_below(const GroupPlace &other) const
+	{
+		const size_t length = strlen(other.pgname);
+		return strncmp(pgname, other.pgname, length) == 0 && pgname[length] == '/';
+	}
+};
+
+ostrel_error_t note_place(const RpyOperation &operation, const char *pgname, GroupPlace *place)
+{
+	const ostrel_rpy_resources_t *res = operation.res();
+	*place = {res->nsr_enclaveid, res->nsr_svclevelop, "", ""};
+	if (!res->nsr_svclevelop &&
+	    rpy_instance_get_name(res->nsr_op_inst, place->instance, sizeof(place->instance)) == -1)
+		return SETERROR(ostrel_rpy_failure());
+	RpyPath path;
+	if (ostrel_error_t result = path.set(pgname))
+		return SETERROR(result);
+	char *end = place->pgname;
+	for (int i = 0; i < path.count; i++) {
+		if (i > 0)
+			*end++ = '/';
+		end = stpcpy(end, path.component[i]);
+	}
+	return OSTREL_SUCCESS;
+}
+
+// Where the group of a list is: in the repository's spelling if it is there.
+ostrel_error_t find_place(ostrel_db_t db, attrlist_t *idl, GroupPlace *place, bool *has_groups)
+{
+	char *pgname;
+	if (ostrel_idlist2pginfo(idl, &pgname, nullptr) != OSTREL_SUCCESS)
+		return SETERROR(OSTREL_INVALID_ARG);
+	RpyOperation operation(db);
+	if (ostrel_error_t result = operation.begin_update(idl, false))
+		return result;
+	ostrel_rpy_resources_t *res = operation.res();
+	ostrel_error_t found = ostrel_rpy_get_real_pg(db, res, pgname);
+	if (found != OSTREL_SUCCESS && found != OSTREL_NOT_FOUND)
+		return SETERROR(found);
+	if (ostrel_error_t result = note_place(operation, found == OSTREL_SUCCESS ? res->nsr_pgname : pgname, place))
+		return result;
+	if (has_groups == nullptr || found != OSTREL_SUCCESS)
+		return OSTREL_SUCCESS;
+	rpy_iter_t *iter = res->nsr_pgiter[res->nsr_pgdepth];
+	if (rpy_iter_pg_pgs(iter, ostrel_res_pg_curr(res)) != 0)
+		return SETERROR(ostrel_rpy_failure());
+	rpy_propertygroup_t *scratch = res->nsr_pg[(res->nsr_pgdepth + 1) % OSTREL_RPY_MAX_DEPTH];
+	*has_groups = rpy_iter_next_pg(iter, scratch) == 1;
+	return OSTREL_SUCCESS;
+}
+
+// Removing the old group takes the groups below it along, so a rename that would lose any is refused.
+ostrel_error_t check_rename(ostrel_db_t db, attrlist_t *idl, attrlist_t *newidl, bool *is_same)
+{
+	GroupPlace from, to;
+	bool has_groups = false;
+	if (ostrel_error_t result = find_place(db, idl, &from, &has_groups))
+		return result;
+	if (ostrel_error_t result = find_place(db, newidl, &to, nullptr))
+		return result;
+	const bool one_tree = from.same_top(to);
+	*is_same = one_tree && strcmp(from.pgname, to.pgname) == 0;
+	if (!*is_same && (has_groups || (one_tree && to.is_below(from))))
+		return SETERROR(OSTREL_INVALID_ARG);
+	return OSTREL_SUCCESS;
+}
+
+// Whether the group of a list is there.
+ostrel_error_t look_for(ostrel_db_t db, attrlist_t *idl)
+{
+	char *pgname;
+	if (ostrel_idlist2pginfo(idl, &pgname, nullptr) != OSTREL_SUCCESS)
+		return OSTREL_INVALID_ARG;
+	RpyOperation operation(db);
+	if (ostrel_error_t result = operation.begin_update(idl, false))
+		return result;
+	return ostrel_rpy_get_real_pg(db, operation.res(), pgname);
+}
+
+// Removes the old object of a rename, or takes the new one back. A connection that broke leaves open whether the old one is
+// there, and one of the two has to stay.
+ostrel_error_t remove_or_undo(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl)
+{
+	ostrel_error_t result = ostrel_remove_object_from_cairn(db, idl, flags);
+	if (result == OSTREL_SUCCESS)
+		return result;
+	ostrel_error_t old_one = result == OSTREL_FAILURE ? look_for(db, idl) : OSTREL_SUCCESS;
+	if (old_one == OSTREL_NOT_FOUND)
+		return OSTREL_SUCCESS;
+	if (old_one == OSTREL_SUCCESS)
+		(void) ostrel_remove_object_from_cairn(db, newidl, flags);
+	return result;
+}
+
+// Reads the object with the lock given up, since the read takes it itself.
+ostrel_error_t read_unlocked(ostrel_db_t db, attrlist_t *idl, uint64_t flags, AttrList *props) REQUIRES(db->db_lock)
+{
+	ostrel_db_unlock(db);
+	ostrel_error_t result = ostrel_db_read(db, idl, flags, props->out());
+	ostrel_db_wrlock(db);
+	return result;
+}
+
+} // namespace
+
+// ---- Slots ----
+
+ostrel_error_t ostrel_write_object_to_cairn(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *props)
+{
+	if (idl == nullptr || props == nullptr || ostrel_idlist_is_empty(idl))
+		return SETERROR(OSTREL_INVALID_ARG);
+	char *pgname = nullptr, *pgtype = nullptr;
+	if (ostrel_idlist2pginfo(idl, &pgname, &pgtype) != OSTREL_SUCCESS || pgname == nullptr)
+		return SETERROR(OSTREL_INVALID_ARG);
+	RpyOperation operation(db);
+	if (ostrel_error_t result = operation.begin_update(idl, is_temporary(flags)))
+		return SETERROR(result);
+	ostrel_rpy_resources_t *res = operation.res();
+	RpyCreation made;
+	ostrel_error_t result = find_or_create(db, res, pgname, pgtype, &made);
+	if (result == OSTREL_SUCCESS)
+		result = commit(res, props, made.first != -1);
+	rpy_transaction_destroy_children(res->nsr_tx);
+	if (result == OSTREL_SUCCESS)
+		ostrel_request_refresh_cairn(res);
+	else
+		undo_creation(res, made);
+	return result;
+}
+
+ostrel_error_t ostrel_remove_object_from_cairn(ostrel_db_t db, attrlist_t *idl, uint64_t flags)
+{
+	if (idl == nullptr || ostrel_idlist_is_empty(idl))
+		return OSTREL_INVALID_ARG;
+	char *pgname;
+	if (ostrel_idlist2pginfo(idl, &pgname, nullptr) != OSTREL_SUCCESS)
+		return OSTREL_INVALID_ARG;
+	RpyOperation operation(db);
+	if (ostrel_error_t result = operation.begin_update(idl, is_temporary(flags)))
+		return result;
+	ostrel_rpy_resources_t *res = operation.res();
+	if (ostrel_error_t result = ostrel_rpy_get_real_pg(db, res, pgname))
+		return result;
+	if (rpy_pg_delete(ostrel_res_pg_curr(res)) != 0)
+		return ostrel_rpy_failure();
+	ostrel_request_refresh_cairn(res);
+	return OSTREL_SUCCESS;
+}
+
+ostrel_error_t ostrel_rename_object_in_cairn(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl)
+{
+	char *pgtype;
+	if (idl == nullptr || newidl == nullptr || ostrel_idlist_is_empty(idl) || ostrel_idlist_is_empty(newidl) ||
+	    ostrel_idlist_get(newidl, OSTREL_ID_PGTYPE, &pgtype) != OSTREL_SUCCESS)
+		return SETERROR(OSTREL_INVALID_ARG);
+	AttrList props;
+	if (ostrel_error_t result = read_unlocked(db, idl, flags, &props))
+		return result;
+	bool is_same = false;
+	if (ostrel_error_t result = check_rename(db, idl, newidl, &is_same))
+		return result;
+	if (is_same)
+		return OSTREL_SUCCESS;
+	if (ostrel_error_t result = ostrel_write_object_to_cairn(db, newidl, flags, props.get()))
+		return result;
+	return remove_or_undo(db, idl, flags, newidl);
+}

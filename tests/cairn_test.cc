@@ -1,0 +1,483 @@
+// Databases in the repository, with a real daemon behind them: what is stored, found, renamed and removed.
+#include <atomic>
+#include <gtest/gtest.h>
+#include <thread>
+
+#include "cairn_db.h"
+
+namespace {
+
+class Cairn : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		ASSERT_TRUE(here.ready);
+		db = open_cairn();
+		ASSERT_TRUE(db);
+	}
+
+	CairnDaemon here;
+	CairnDb db;
+};
+
+constexpr const char *not_found = "? object not found";
+constexpr const char *invalid = "? invalid argument";
+constexpr const char *failure = "? failure";
+
+TEST_F(Cairn, AWriteMakesAGroupHoldExactlyItsProperties)
+{
+	EXPECT_EQ(put(db, "eth0", "mtu=1500"), OSTREL_INVALID_ARG) << "a new group needs a type";
+	ASSERT_EQ(put(db, "eth0:link", "mtu=1500;name=a"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "eth0"), "eth0:link|mtu=1500;name=a;");
+	ASSERT_EQ(put(db, "eth0", "mtu=9000;duplex=full"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "eth0:other"), "eth0:link|mtu=9000;duplex=full;") << "the type doesn't count with a name";
+	ASSERT_EQ(put(db, "eth0", ""), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "eth0"), "eth0:link|");
+	ASSERT_EQ(drop(db, "eth0"), OSTREL_SUCCESS);
+	EXPECT_EQ(drop(db, "eth0"), OSTREL_NOT_FOUND);
+	EXPECT_EQ(get(db, "eth0"), not_found);
+}
+
+TEST_F(Cairn, EveryAttributeTypeIsStoredAndComesBackAsAnArrayOf64Bits)
+{
+	AttrList props;
+	ASSERT_EQ(attrlist_alloc(props.out(), ATL_UNIQUE_NAME, 0), 0);
+	int32_t ints[] = {-1, 2147483647};
+	uint32_t counts[] = {4294967295U, 0};
+	boolean_t truths[] = {B_TRUE, B_FALSE};
+	char one[] = "one", two[] = "two";
+	char *texts[] = {one, two};
+	ASSERT_EQ(attrlist_add_int32(props.get(), "i", -1), 0);
+	ASSERT_EQ(attrlist_add_int32_array(props.get(), "is", ints, 2), 0);
+	ASSERT_EQ(attrlist_add_uint32(props.get(), "c", 4294967295U), 0);
+	ASSERT_EQ(attrlist_add_uint32_array(props.get(), "cs", counts, 2), 0);
+	ASSERT_EQ(attrlist_add_int64(props.get(), "I", INT64_MIN), 0);
+	ASSERT_EQ(attrlist_add_uint64(props.get(), "C", UINT64_MAX), 0);
+	ASSERT_EQ(attrlist_add_boolean_value(props.get(), "b", B_FALSE), 0);
+	ASSERT_EQ(attrlist_add_boolean_array(props.get(), "bs", truths, 2), 0);
+	ASSERT_EQ(attrlist_add_string(props.get(), "s", ""), 0);
+	ASSERT_EQ(attrlist_add_string_array(props.get(), "ss", texts, 2), 0);
+	ASSERT_EQ(attrlist_add_int64_array(props.get(), "none", nullptr, 0), 0);
+	ASSERT_EQ(ostrel_db_write(db.get(), group_of("g:t").get(), 0, props.get()), OSTREL_SUCCESS);
+
+	AttrList back;
+	ASSERT_EQ(ostrel_db_read(db.get(), group_of("g").get(), 0, back.out()), OSTREL_SUCCESS);
+	auto int64s = [&](const char *name) {
+		int64_t *array = nullptr;
+		unsigned int count = 0;
+		EXPECT_EQ(attrlist_lookup_int64_array(back.get(), name, &array, &count), 0) << name;
+		return std::vector<int64_t>(array, array + count);
+	};
+	auto uint64s = [&](const char *name) {
+		uint64_t *array = nullptr;
+		unsigned int count = 0;
+		EXPECT_EQ(attrlist_lookup_uint64_array(back.get(), name, &array, &count), 0) << name;
+		return std::vector<uint64_t>(array, array + count);
+	};
+	EXPECT_EQ(int64s("i"), (std::vector<int64_t>{-1}));
+	EXPECT_EQ(int64s("is"), (std::vector<int64_t>{-1, 2147483647}));
+	EXPECT_EQ(int64s("I"), (std::vector<int64_t>{INT64_MIN}));
+	EXPECT_EQ(int64s("none"), (std::vector<int64_t>{}));
+	EXPECT_EQ(uint64s("c"), (std::vector<uint64_t>{4294967295U}));
+	EXPECT_EQ(uint64s("cs"), (std::vector<uint64_t>{4294967295U, 0}));
+	EXPECT_EQ(uint64s("C"), (std::vector<uint64_t>{UINT64_MAX}));
+	boolean_t *array = nullptr;
+	unsigned int count = 0;
+	ASSERT_EQ(attrlist_lookup_boolean_array(back.get(), "b", &array, &count), 0);
+	EXPECT_TRUE(count == 1 && !array[0]);
+	ASSERT_EQ(attrlist_lookup_boolean_array(back.get(), "bs", &array, &count), 0);
+	EXPECT_TRUE(count == 2 && array[0] == B_TRUE && !array[1]);
+	char **strings = nullptr;
+	ASSERT_EQ(attrlist_lookup_string_array(back.get(), "s", &strings, &count), 0);
+	EXPECT_TRUE(count == 1 && strings[0][0] == '\0');
+	ASSERT_EQ(attrlist_lookup_string_array(back.get(), "ss", &strings, &count), 0);
+	EXPECT_TRUE(count == 2 && strings[1] == std::string("two"));
+}
+
+TEST_F(Cairn, AStoredPropertyKeepsItsTypeAndTakesNoOtherKind)
+{
+	auto write_one = [&](auto add) {
+		AttrList props;
+		EXPECT_EQ(attrlist_alloc(props.out(), ATL_UNIQUE_NAME, 0), 0);
+		EXPECT_EQ(add(props.get()), 0);
+		return ostrel_db_write(db.get(), group_of("g:t").get(), 0, props.get());
+	};
+	auto count = [](attrlist_t *props) { return attrlist_add_uint64(props, "p", 7); };
+	auto integer = [](attrlist_t *props) { return attrlist_add_int64(props, "p", -1); };
+	auto text = [](attrlist_t *props) { return attrlist_add_string(props, "p", "7"); };
+	auto truth = [](attrlist_t *props) { return attrlist_add_boolean_value(props, "p", B_TRUE); };
+	auto nested = [](attrlist_t *props) { return attrlist_add_attrlist(props, "p", props_of("a=b").get()); };
+
+	EXPECT_EQ(write_one(nested), OSTREL_INVALID_ARG);
+	EXPECT_EQ(get(db, "g"), not_found) << "the group that the write had made is taken back";
+	ASSERT_EQ(write_one(count), OSTREL_SUCCESS);
+	ASSERT_EQ(write_one(integer), OSTREL_SUCCESS);
+	AttrList back;
+	ASSERT_EQ(ostrel_db_read(db.get(), group_of("g").get(), 0, back.out()), OSTREL_SUCCESS);
+	uint64_t *array = nullptr;
+	unsigned int values = 0;
+	ASSERT_EQ(attrlist_lookup_uint64_array(back.get(), "p", &array, &values), 0);
+	EXPECT_EQ(array[0], UINT64_MAX);
+	EXPECT_EQ(write_one(text), OSTREL_INVALID_ARG);
+	EXPECT_EQ(write_one(truth), OSTREL_INVALID_ARG);
+	ASSERT_EQ(put(db, "s:t", "p=x"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "s"), "s:t|p=x;");
+	ASSERT_EQ(put(db, "g", ""), OSTREL_SUCCESS);
+	EXPECT_EQ(write_one(text), OSTREL_SUCCESS) << "a property that is new has the attribute's kind";
+}
+
+TEST_F(Cairn, APropertyIsReadWithUpTo128ValuesAndOfTheKnownTypes)
+{
+	RepositoryClient other(here.hatch());
+	std::vector<std::string> values(128, "1");
+	ASSERT_EQ(other.add("g"), RPY_ERROR_NONE);
+	ASSERT_EQ(other.write("g", {{"p", values}}), 1);
+	AttrList back;
+	ASSERT_EQ(ostrel_db_read(db.get(), group_of("g").get(), 0, back.out()), OSTREL_SUCCESS);
+	uint64_t *array;
+	unsigned int count = 0;
+	ASSERT_EQ(attrlist_lookup_uint64_array(back.get(), "p", &array, &count), 0);
+	EXPECT_EQ(count, 128U);
+	values.push_back("1");
+	ASSERT_EQ(other.write("g", {{"p", values}}), 1);
+	EXPECT_EQ(get(db, "g"), invalid);
+	EXPECT_EQ(walk(db, "*"), invalid);
+	ASSERT_EQ(other.write("g", {}), 1);
+	ASSERT_EQ(other.write("g", {{"p", {"x", "", "y"}}}), 1);
+	EXPECT_EQ(get(db, "g"), failure) << "an empty text among others";
+	ASSERT_EQ(other.write("g", {{"p", {""}}}), 1);
+	EXPECT_EQ(get(db, "g"), "g:t|p=;");
+
+	Pg pg = other.group();
+	Tx tx(rpy_transaction_create(other.handle));
+	ASSERT_EQ(rpy_instance_get_pg(other.instance, "g", pg.get()), 0);
+	ASSERT_EQ(rpy_transaction_start(tx.get(), pg.get()), 0);
+	rpy_transaction_entry_t *entry = rpy_entry_create(other.handle);
+	ASSERT_EQ(rpy_transaction_property_new(tx.get(), entry, "host", RPY_TYPE_HOST), 0);
+	ASSERT_EQ(rpy_transaction_commit(tx.get()), 1);
+	rpy_transaction_destroy_children(tx.get());
+	EXPECT_EQ(get(db, "g"), invalid);
+	EXPECT_EQ(put(db, "g", "host=a"), OSTREL_INVALID_ARG);
+	EXPECT_EQ(put(db, "g", "p=z"), OSTREL_SUCCESS) << "a write drops what can't be read";
+	EXPECT_EQ(get(db, "g"), "g:t|p=z;");
+}
+
+TEST_F(Cairn, PathsLeadThroughTheLevelsAndAreMadeAsFarAsTheyLack)
+{
+	ASSERT_EQ(put(db, "a:t", "p=a"), OSTREL_SUCCESS);
+	ASSERT_EQ(put(db, "a/b/c:x*/u/v/extra", "p=c"), OSTREL_SUCCESS) << "what is there keeps its type";
+	EXPECT_EQ(get(db, "/a/b/c/"), "a/b/c:t/u/v|p=c;");
+	EXPECT_EQ(get(db, "a/b"), "a/b:t/u|");
+	EXPECT_EQ(put(db, "n/m:t", "p=1"), OSTREL_INVALID_ARG) << "a type path that runs out";
+	EXPECT_EQ(get(db, "n"), not_found) << "the group made for it is gone";
+	EXPECT_EQ(put(db, "a/n/m/o:t/u/v*/w", "p=1"), OSTREL_INVALID_ARG);
+	EXPECT_EQ(get(db, "a/n"), not_found);
+	EXPECT_EQ(get(db, "a"), "a:t|p=a;") << "what was there before stays";
+	EXPECT_EQ(put(db, "a/b/c/d/e/f/g/h:t/u/v/w/x/y/z/8", "p=8"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "a/b/c/d/e/f/g/h"), "a/b/c/d/e/f/g/h:t/u/v/w/x/y/z/8|p=8;");
+	EXPECT_EQ(walk(db, "*/*/*/*/*/*/*/*"), "a/b/c/d/e/f/g/h:t/u/v/w/x/y/z/8 ");
+	ASSERT_EQ(drop(db, "a"), OSTREL_SUCCESS);
+	EXPECT_EQ(walk(db, "*/*"), "");
+}
+
+TEST_F(Cairn, APathThatCantBeOneIsRefusedAndNothingIsHit)
+{
+	const std::string nine = "a/b/c/d/e/f/g/h/i", nine_types = "t/t/t/t/t/t/t/t/t", name(255, 'n');
+	ASSERT_EQ(put(db, "a:t", "p=a"), OSTREL_SUCCESS);
+	ASSERT_EQ(put(db, name + ":t", "p=long"), OSTREL_SUCCESS);
+	// Each of these follows a look-up that found a group or failed, and must not act on what that left behind.
+	for (const std::string &bad : {std::string("/"), nine, std::string("a*"), name + "n", std::string("//")}) {
+		EXPECT_EQ(get(db, "a"), "a:t|p=a;");
+		EXPECT_EQ(drop(db, bad), OSTREL_INVALID_ARG) << bad;
+		EXPECT_EQ(get(db, "none"), not_found);
+		EXPECT_EQ(drop(db, bad), OSTREL_INVALID_ARG) << bad;
+		EXPECT_EQ(get(db, bad), invalid) << bad;
+		EXPECT_EQ(put(db, bad + ":" + nine_types, "p=x"), OSTREL_INVALID_ARG) << bad;
+		EXPECT_EQ(move(db, "a", bad + ":" + nine_types), OSTREL_INVALID_ARG) << bad;
+	}
+	EXPECT_EQ(walk(db, nine_types), invalid);
+	EXPECT_EQ(get(db, "a//b"), invalid);
+	EXPECT_EQ(walk(db, "*"), "a:t " + name + ":t ");
+	EXPECT_EQ(ostrel_db_walk(
+		      db.get(), nullptr, 0, [](auto...) { return 0; }, nullptr, nullptr, nullptr),
+	    OSTREL_INVALID_ARG);
+	EXPECT_EQ(get(db, ";object-db-name=net/link"), invalid);
+}
+
+TEST_F(Cairn, PathsThatDontFitAreCutWhereTheyAreGivenOut)
+{
+	RepositoryClient other(here.hatch());
+	Pg top = other.group(), below = other.group();
+	const std::string name(200, 'n');
+	ASSERT_EQ(rpy_instance_add_pg(other.instance, name.c_str(), "t", 0, top.get()), 0);
+	ASSERT_EQ(rpy_pg_add_pg(top.get(), name.c_str(), "t", 0, below.get()), 0);
+	EXPECT_EQ(walk(db, "*/*"), name + "/" + std::string(54, 'n') + ":t/t ");
+}
+
+TEST_F(Cairn, NamesAreFoundWithoutRegardToCaseIfNotWithIt)
+{
+	ASSERT_EQ(put(db, "Foo/bar:t/u", "p=1"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "foo/BAR"), "Foo/bar:t/u|p=1;");
+	EXPECT_EQ(put(db, "FOO/bar:v/w", "p=2"), OSTREL_SUCCESS) << "goes to the stored group";
+	EXPECT_EQ(get(db, "Foo/bar"), "Foo/bar:t/u|p=2;");
+	CairnDb exact = open_cairn(test_instance, OSTREL_DB_CASE_SENSITIVE);
+	EXPECT_EQ(get(exact, "foo/bar"), not_found);
+	EXPECT_EQ(put(exact, "FOO:v", "p=3"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "FOO"), "FOO:v|p=3;") << "the exact spelling wins";
+	EXPECT_EQ(get(db, "foo"), "Foo:t|");
+	EXPECT_EQ(drop(exact, "foo"), OSTREL_NOT_FOUND);
+}
+
+TEST_F(Cairn, AWalkDeliversEveryGroupWhoseTypesFitOnce)
+{
+	for (const char *group : {"A/X:t/u", "A/Y:t/u", "B/Z:t/v", "C/W:network/u", "D:Net", "E:net"})
+		ASSERT_EQ(put(db, group, ""), OSTREL_SUCCESS);
+	EXPECT_EQ(walk(db, "t/u"), "A/X:t/u A/Y:t/u ");
+	EXPECT_EQ(walk(db, "/t/*/"), "A/X:t/u A/Y:t/u B/Z:t/v ");
+	EXPECT_EQ(walk(db, "*"), "A:t B:t C:network D:Net E:net ");
+	EXPECT_EQ(walk(db, "*/*"), "A/X:t/u A/Y:t/u B/Z:t/v C/W:network/u ");
+	EXPECT_EQ(walk(db, "net*"), "C:network E:net ");
+	EXPECT_EQ(walk(db, "net*nothing/u"), "C/W:network/u ") << "what stands behind the star is ignored";
+	EXPECT_EQ(walk(db, "T"), "");
+	EXPECT_EQ(walk(db, "t/u/*"), "");
+}
+
+TEST_F(Cairn, AReadByTypeGrowsItsArrayAndLeavesPropertiesOutIfAskedTo)
+{
+	for (int i = 0; i < 129; i++)
+		ASSERT_EQ(put(db, "g" + std::to_string(i) + ":t", "p=1"), OSTREL_SUCCESS);
+	Objects objs;
+	ASSERT_EQ(ostrel_read_objects_from_cairn(db.get(), group_of(":t").get(), 0, objs.out(), objs.out_count()),
+	    OSTREL_SUCCESS);
+	ASSERT_EQ(objs.count(), 129U);
+	attrlist_t *idl, *props;
+	EXPECT_EQ(ostrel_object_look(objs[128], &idl, &props), OSTREL_NOT_FOUND);
+	attrlist_t **none;
+	unsigned int count = 7;
+	ASSERT_EQ(ostrel_read_objects_from_cairn(db.get(), group_of(":none").get(), 0, &none, &count), OSTREL_SUCCESS);
+	EXPECT_TRUE(count == 0 && none != nullptr);
+	free(none);
+}
+
+TEST_F(Cairn, AnOperationMayWorkOnTheServiceOfItsInstanceOrAnInstanceOfItsService)
+{
+	const std::string on_service = std::string(";object-db-name=") + test_service;
+	const std::string on_instance = std::string(";object-db-name=") + test_instance;
+	ASSERT_EQ(put(db, "i:t", "p=instance"), OSTREL_SUCCESS);
+	ASSERT_EQ(put(db, "s:t" + on_service, "p=service"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "s"), not_found);
+	EXPECT_EQ(get(db, "s" + on_service), "s:t|p=service;");
+	EXPECT_EQ(get(db, "i" + on_instance), "i:t|p=instance;");
+	EXPECT_EQ(get(db, "i;object-db-name=net/link:other"), invalid);
+	EXPECT_EQ(get(db, "i;object-db-name=net/link:default2"), invalid);
+
+	CairnDb service = open_cairn(test_service);
+	ASSERT_TRUE(service);
+	EXPECT_EQ(get(service, "s"), "s:t|p=service;");
+	EXPECT_EQ(get(service, "i"), not_found);
+	EXPECT_EQ(get(service, "i" + on_instance), "i:t|p=instance;");
+	EXPECT_EQ(get(service, "s"), "s:t|p=service;") << "the operation after it is on the service again";
+	EXPECT_EQ(put(service, "i" + on_instance, "p=changed"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "i"), "i:t|p=changed;");
+	EXPECT_EQ(get(service, "i;object-db-name=net/link:other"), not_found);
+	EXPECT_EQ(drop(service, "i;object-db-name=net/link:other"), OSTREL_NOT_FOUND);
+	for (const char *bad : {"net", "net/link2", "net/link2:default", "other", "net/link:"})
+		EXPECT_NE(put(service, std::string("i:t;object-db-name=") + bad, "p=x"), OSTREL_SUCCESS) << bad;
+	EXPECT_EQ(get(db, "i"), "i:t|p=changed;");
+}
+
+TEST_F(Cairn, ADatabaseOpensOnlyIfItIsThere)
+{
+	ostrel_db_t none = nullptr;
+	EXPECT_EQ(ostrel_db_open("net/link:other", 0, ostrel_cairn_db_cmds, 0, &none), OSTREL_NOT_FOUND);
+	EXPECT_EQ(ostrel_db_open("other", 0, ostrel_cairn_db_cmds, 0, &none), OSTREL_NOT_FOUND);
+	EXPECT_EQ(ostrel_db_open(":default", 0, ostrel_cairn_db_cmds, 0, &none), OSTREL_INVALID_ARG);
+	EXPECT_EQ(ostrel_db_open(test_instance, 77, ostrel_cairn_db_cmds, 0, &none), OSTREL_INVALID_ARG);
+	here.daemon.stop();
+	EXPECT_EQ(ostrel_db_open(test_instance, 0, ostrel_cairn_db_cmds, 0, &none), OSTREL_FAILURE);
+	EXPECT_EQ(none, nullptr);
+}
+
+TEST_F(Cairn, ARenameMovesAnObjectAndLosesNone)
+{
+	ASSERT_EQ(put(db, "a:t", "p=1"), OSTREL_SUCCESS);
+	ASSERT_EQ(put(db, "b:t", "p=2;q=3"), OSTREL_SUCCESS);
+	EXPECT_EQ(move(db, "a", "c"), OSTREL_INVALID_ARG) << "the new one needs a type";
+	EXPECT_EQ(move(db, "none", "c:t"), OSTREL_NOT_FOUND);
+	ASSERT_EQ(move(db, "a", "x/c:t/u"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "x/c"), "x/c:t/u|p=1;");
+	EXPECT_EQ(get(db, "a"), not_found);
+	ASSERT_EQ(move(db, "x/c", "b:v"), OSTREL_SUCCESS) << "onto another one";
+	EXPECT_EQ(get(db, "b"), "b:t|p=1;");
+
+	for (const char *same : {"b:t", "B:v", "/b/:t"})
+		EXPECT_EQ(move(db, "b", same), OSTREL_SUCCESS) << same;
+	EXPECT_EQ(move(db, "B", "b:t"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "b"), "b:t|p=1;") << "a rename onto itself changes nothing";
+
+	EXPECT_EQ(move(db, "b", "b/below:t/u"), OSTREL_INVALID_ARG);
+	EXPECT_EQ(move(db, "B", "b/below:t/u"), OSTREL_INVALID_ARG);
+	ASSERT_EQ(put(db, "b/below:t/u", "p=4"), OSTREL_SUCCESS);
+	EXPECT_EQ(move(db, "b", "z:t"), OSTREL_INVALID_ARG) << "it holds a group";
+	EXPECT_EQ(walk(db, "*/*"), "b/below:t/u ");
+	const std::string on_service = std::string(";object-db-name=") + test_service;
+	ASSERT_EQ(move(db, "b/below", "b/below:t/u" + on_service), OSTREL_SUCCESS)
+	    << "the same path elsewhere is another";
+	EXPECT_EQ(get(db, "b/below" + on_service), "b/below:t/u|p=4;");
+	EXPECT_EQ(get(db, "b/below"), not_found);
+}
+
+TEST_F(Cairn, TemporaryGroupsGoWithTheDaemonAndOthersStayAsTheyAre)
+{
+	ASSERT_EQ(put(db, "kept:t", "p=1"), OSTREL_SUCCESS);
+	ASSERT_EQ(put(db, "kept:t", "p=2", OSTREL_FLAG_TEMPORARY), OSTREL_SUCCESS);
+	ASSERT_EQ(put(db, "passing/below:t/u", "p=3", OSTREL_FLAG_TEMPORARY), OSTREL_SUCCESS);
+	EXPECT_EQ(walk(db, "*"), "kept:t passing:t ");
+	here.restart();
+	EXPECT_EQ(walk(db, "*"), "kept:t ");
+	EXPECT_EQ(get(db, "kept"), "kept:t|p=2;");
+}
+
+TEST_F(Cairn, OperationsOnALivingConnectionBuildNothingAndABrokenOneIsReplaced)
+{
+	ASSERT_EQ(put(db, "a:t", "p=1"), OSTREL_SUCCESS);
+	ostrel_rpy_resources_t *before = resources_of(db);
+	const uint64_t hits = before->nsr_cache_hits;
+	EXPECT_EQ(get(db, "a"), "a:t|p=1;");
+	EXPECT_EQ(get(db, "none"), not_found);
+	EXPECT_EQ(put(db, "/", "p=1"), OSTREL_INVALID_ARG);
+	EXPECT_EQ(resources_of(db), before);
+	EXPECT_EQ(before->nsr_cache_hits, hits + 3);
+	EXPECT_EQ(before->nsr_refcnt, 1U);
+	EXPECT_EQ(before->nsr_num_readers, 1);
+	{
+		RpyOperation running(db.get());
+		ASSERT_EQ(running.begin_read(nullptr), OSTREL_SUCCESS);
+		here.restart();
+		EXPECT_EQ(ostrel_rpy_get_real_pg(db.get(), running.work(), "a"), OSTREL_FAILURE);
+		EXPECT_EQ(get(db, "a"), "a:t|p=1;") << "the next one finds the daemon";
+		EXPECT_NE(resources_of(db), before);
+		EXPECT_EQ(before->nsr_refcnt, 1U) << "the running one's";
+	}
+	EXPECT_EQ(resources_of(db)->nsr_refcnt, 1U);
+	here.daemon.stop();
+	EXPECT_EQ(get(db, "a"), failure);
+	EXPECT_EQ(put(db, "a", "p=2"), OSTREL_FAILURE);
+	here.start();
+	EXPECT_EQ(put(db, "a", "p=2"), OSTREL_SUCCESS);
+}
+
+TEST_F(Cairn, AWriteEndsUpWholeUnderOthersThatChangeTheGroupAllTheTime)
+{
+	ASSERT_EQ(put(db, "g:t", "p=0"), OSTREL_SUCCESS);
+	std::atomic<bool> stop{false};
+	std::thread other([&] {
+		RepositoryClient client(here.hatch());
+		for (int i = 0; !stop; i++)
+			(void) client.write("g", {{"x", {std::to_string(i)}}, {"y", {"1"}}});
+	});
+	for (int i = 0; i < 20; i++)
+		EXPECT_EQ(put(db, "g", "p=" + std::to_string(i)), OSTREL_SUCCESS);
+	stop = true;
+	other.join();
+	EXPECT_EQ(put(db, "g", "p=end"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "g"), "g:t|p=end;");
+}
+
+TEST_F(Cairn, TheThirtyThirdReaderWaitsWithoutTheLockUntilAnotherIsDone)
+{
+	std::vector<std::unique_ptr<RpyOperation>> readers;
+	for (int i = 0; i < OSTREL_RPY_MAX_READERS; i++) {
+		readers.push_back(std::make_unique<RpyOperation>(db.get()));
+		ASSERT_EQ(readers.back()->begin_read(nullptr), OSTREL_SUCCESS);
+	}
+	EXPECT_EQ(resources_of(db)->nsr_num_readers, OSTREL_RPY_MAX_READERS);
+	ASSERT_EQ(put(db, "g:t", "p=1"), OSTREL_SUCCESS);
+	std::string read, walked;
+	std::thread reader([&] { read = get(db, "g"); });
+	std::thread walker([&] { walked = walk(db, "*"); });
+	usleep(50000);
+	EXPECT_EQ(put(db, "g", "p=2"), OSTREL_SUCCESS) << "updates go on meanwhile";
+	EXPECT_TRUE(read.empty());
+	readers.resize(30);
+	reader.join();
+	walker.join();
+	EXPECT_EQ(read, "g:t|p=2;");
+	EXPECT_EQ(walked, "g:t ");
+	EXPECT_EQ(put(db, "g", "p=3"), OSTREL_SUCCESS) << "the lock is free again";
+	EXPECT_EQ(resources_of(db)->nsr_num_readers, OSTREL_RPY_MAX_READERS);
+	readers.clear();
+	EXPECT_EQ(resources_of(db)->nsr_refcnt, 1U);
+}
+
+TEST_F(Cairn, ManyThreadsOnOneHandleSeeWholeObjects)
+{
+	constexpr int objects = 8, rounds = 20;
+	for (int i = 0; i < objects; i++)
+		ASSERT_EQ(put(db, "g" + std::to_string(i) + ":t", "a=0;b=0"), OSTREL_SUCCESS);
+	std::atomic<int> bad{0};
+	auto whole = [](const std::string &text) {
+		const size_t a = text.find("a="), b = text.find("b=");
+		return a != text.npos && b != text.npos &&
+		       text.substr(a + 2, text.find(';', a) - a - 2) == text.substr(b + 2, text.find(';', b) - b - 2);
+	};
+	std::vector<std::thread> threads;
+	for (int t = 0; t < 40; t++)
+		threads.emplace_back([&, t] {
+			for (int i = 0; i < rounds; i++)
+				bad += !whole(get(db, "g" + std::to_string((t + i) % objects)));
+		});
+	for (int t = 0; t < 4; t++)
+		threads.emplace_back([&, t] {
+			for (int i = 0; i < rounds; i++) {
+				const std::string value = std::to_string(t * rounds + i);
+				bad += put(db, "g" + std::to_string(i % objects), "a=" + value + ";b=" + value) !=
+				       OSTREL_SUCCESS;
+				bad += put(db, "s:t;object-db-name=net/link", "p=1") != OSTREL_SUCCESS;
+			}
+		});
+	for (int t = 0; t < 2; t++)
+		threads.emplace_back([&] {
+			for (int i = 0; i < rounds; i++)
+				bad += walk(db, "t").size() != static_cast<size_t>(objects * 5);
+		});
+	for (std::thread &thread : threads)
+		thread.join();
+	EXPECT_EQ(bad, 0);
+	EXPECT_EQ(resources_of(db)->nsr_refcnt, 1U);
+	EXPECT_EQ(get(db, "s;object-db-name=net/link"), "s:t|p=1;");
+	EXPECT_EQ(get(db, "s"), not_found) << "no update went to another level";
+}
+
+TEST_F(Cairn, ADaemonKilledAgainAndAgainCostsOneOperationEachAndGivesNoPart)
+{
+	constexpr int groups = 40;
+	for (int i = 0; i < groups; i++)
+		ASSERT_EQ(put(db, "g" + std::to_string(i) + ":t", "p=1"), OSTREL_SUCCESS);
+	const std::string all = walk(db, "t");
+	std::atomic<bool> stop{false};
+	std::atomic<int> parts{0};
+	std::thread walker([&] {
+		while (!stop) {
+			const std::string seen = walk(db, "t");
+			parts += seen != all && seen.rfind("? ", 0) != 0;
+		}
+	});
+	int acknowledged = 0;
+	for (int kills = 0; kills < 20; kills++) {
+		here.daemon.kill();
+		here.start();
+		ASSERT_TRUE(here.ready);
+		for (int failures = 0; put(db, "g0", "p=" + std::to_string(kills)) != OSTREL_SUCCESS; failures++)
+			ASSERT_LT(failures, 1);
+		acknowledged = kills;
+		const std::string now = get(db, "g0");
+		ASSERT_TRUE(now == "g0:t|p=" + std::to_string(kills) + ";" || now == failure) << now;
+	}
+	stop = true;
+	walker.join();
+	EXPECT_EQ(parts, 0);
+	EXPECT_EQ(get(db, "g0"), "g0:t|p=" + std::to_string(acknowledged) + ";");
+}
+
+} // namespace
