@@ -1,0 +1,319 @@
+// Databases in the repository when something fails: each call to the daemon with each error, and each allocation.
+#include <algorithm>
+#include <cstring>
+#include <gtest/gtest.h>
+
+#include <meridon/hatch.h>
+
+#include "alloc_fault.h"
+#include "cairn_db.h"
+#include "rpy/wire.h"
+
+namespace {
+
+// The nth call of this thread from now on gets a bare error for its answer, and those behind it if `all` is set.
+struct Trouble {
+	int left = 0; // 0: none
+	rpy_error_t error = RPY_ERROR_NONE;
+	bool all = false;
+	bool fired = false;
+	int calls = 0;
+};
+thread_local Trouble trouble;
+
+// Answers what would be a commit, and nothing else, as overtaken by others.
+thread_local bool commits_are_stale;
+
+bool is_commit(const hatch_arg_t *arg)
+{
+	uint32_t op = 0;
+	if (arg->data_size >= 2 * sizeof(op))
+		memcpy(&op, arg->data_ptr + sizeof(op), sizeof(op));
+	return op == static_cast<uint32_t>(rpy::Op::commit);
+}
+
+int answer(hatch_arg_t *arg, std::initializer_list<uint32_t> words)
+{
+	char *end = arg->rbuf;
+	for (uint32_t word : words) {
+		memcpy(end, &word, sizeof(word));
+		end += sizeof(word);
+	}
+	arg->data_ptr = arg->rbuf;
+	arg->data_size = static_cast<size_t>(end - arg->rbuf);
+	return 0;
+}
+
+} // namespace
+
+extern "C" int __real_hatch_call_timed(int fd, hatch_arg_t *arg, int seconds);
+extern "C" int __wrap_hatch_call_timed(int fd, hatch_arg_t *arg, int seconds)
+{
+	trouble.calls++;
+	if (commits_are_stale && is_commit(arg))
+		return answer(arg, {rpy::magic, RPY_ERROR_NONE, 0});
+	if (trouble.left == 1) {
+		trouble.fired = true;
+		trouble.left = trouble.all ? 1 : 0;
+		return answer(arg, {rpy::magic, static_cast<uint32_t>(trouble.error)});
+	}
+	trouble.left -= trouble.left > 0 ? 1 : 0;
+	return __real_hatch_call_timed(fd, arg, seconds);
+}
+
+namespace {
+
+// With its refresh thread, so that nothing else calls from here, on a service.
+class CairnFaults : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		ASSERT_TRUE(here.ready);
+		db = open_cairn(test_service);
+		ASSERT_TRUE(db);
+	}
+	void fill() { fill(db); }
+	static void fill(const CairnDb &into)
+	{
+		for (const char *group : {"a", "new", "moved"})
+			(void) drop(into, group);
+		ASSERT_EQ(put(into, "a:t", "p=old"), OSTREL_SUCCESS);
+		ASSERT_EQ(put(into, "a/b:t/u", "p=1"), OSTREL_SUCCESS);
+		ASSERT_EQ(put(into, "m:t", "p=m"), OSTREL_SUCCESS);
+	}
+	// All that is there, as text.
+	std::string all()
+	{
+		return get(db, "a") + " " + get(db, "m") + " " + walk(db, "*") + walk(db, "*/*") + walk(db, "*/*/*");
+	}
+
+	CairnDaemon here;
+	CairnDb db;
+};
+
+using Slot = std::function<ostrel_error_t(ostrel_db_t db)>;
+
+// A slot as the dispatcher calls it, without what the dispatcher makes of its result.
+ostrel_error_t update(ostrel_db_t db, const Slot &slot)
+{
+	WriteLock lock(db->db_lock);
+	return slot(db);
+}
+
+ostrel_error_t read_all(ostrel_db_t db, const char *group, unsigned int expected)
+{
+	Objects objs;
+	ostrel_error_t result = ostrel_read_objects_from_cairn(
+	    db, group_of(group).get(), OSTREL_FLAG_WITH_PROPS, objs.out(), objs.out_count());
+	// A group that has gone meanwhile takes what is below it along, and "nothing there" ends a walk.
+	if (trouble.error != RPY_ERROR_NOT_FOUND && trouble.error != RPY_ERROR_DELETED) {
+		EXPECT_TRUE(result != OSTREL_SUCCESS || objs.count() == expected) << group << ": a part";
+	}
+	return result;
+}
+
+const struct {
+	const char *name;
+	Slot run;
+} operations[] = {
+    {"read by name", [](ostrel_db_t db) { return read_all(db, "a/b", 1); }},
+    {"read by type", [](ostrel_db_t db) { return read_all(db, ":*/*", 1); }},
+    {"write",
+	[](ostrel_db_t db) {
+		return ostrel_write_object_to_cairn(db, group_of("a").get(), 0, props_of("p=new;q=1").get());
+	}},
+    {"write a new one",
+	[](ostrel_db_t db) {
+		return ostrel_write_object_to_cairn(
+		    db, group_of("new/x/y:t/u/v").get(), 0, props_of("p=new;q=1").get());
+	}},
+    {"remove", [](ostrel_db_t db) { return ostrel_remove_object_from_cairn(db, group_of("a/b").get(), 0); }},
+};
+
+constexpr rpy_error_t errors[] = {RPY_ERROR_NOT_BOUND, RPY_ERROR_NOT_SET, RPY_ERROR_NOT_FOUND, RPY_ERROR_TYPE_MISMATCH,
+    RPY_ERROR_IN_USE, RPY_ERROR_CONNECTION_BROKEN, RPY_ERROR_INVALID_ARGUMENT, RPY_ERROR_NO_MEMORY,
+    RPY_ERROR_CONSTRAINT_VIOLATED, RPY_ERROR_EXISTS, RPY_ERROR_NO_SERVER, RPY_ERROR_NO_RESOURCES,
+    RPY_ERROR_PERMISSION_DENIED, RPY_ERROR_BACKEND_ACCESS, RPY_ERROR_HANDLE_MISMATCH, RPY_ERROR_HANDLE_DESTROYED,
+    RPY_ERROR_VERSION_MISMATCH, RPY_ERROR_BACKEND_READONLY, RPY_ERROR_DELETED, RPY_ERROR_TEMPLATE_INVALID,
+    RPY_ERROR_CONFLICT, RPY_ERROR_CALLBACK_FAILED, RPY_ERROR_INTERNAL};
+
+TEST_F(CairnFaults, ResultsOfTheRepositoryAreMapped)
+{
+	const std::pair<int, ostrel_error_t> mapped[] = {{1000, OSTREL_SUCCESS}, {1003, OSTREL_NOT_FOUND},
+	    {1006, OSTREL_FAILURE}, {1007, OSTREL_INVALID_ARG}, {1008, OSTREL_NO_MEMORY}, {1010, OSTREL_EXISTS},
+	    {1011, OSTREL_FAILURE}, {1012, OSTREL_FAILURE}, {1013, OSTREL_EPERM}, {1014, OSTREL_EPERM},
+	    {1018, OSTREL_NEEDS_RETRY}, {1019, OSTREL_FAILURE}, {1101, OSTREL_FAILURE}, {0, OSTREL_FAILURE},
+	    {1100, OSTREL_FAILURE}, {-1, OSTREL_FAILURE}};
+	for (const auto &[number, result] : mapped)
+		EXPECT_EQ(rpy_error_to_ostrel_error(static_cast<rpy_error_t>(number)), result) << number;
+}
+
+TEST_F(CairnFaults, EachFailedCallGivesItsErrorAndLeavesTheDatabaseUsable)
+{
+	int hits = 0;
+	for (const auto &operation : operations) {
+		for (rpy_error_t error : errors) {
+			for (int nth = 1;; nth++) {
+				fill();
+				const std::string before = all();
+				trouble = {nth, error, false, false, 0};
+				ostrel_error_t result = update(db.get(), operation.run);
+				const bool fired = trouble.fired;
+				trouble = {};
+				EXPECT_TRUE(result == OSTREL_SUCCESS || get(db, "new/x/y")[0] == '?');
+				const std::string what = std::string(operation.name) + ", call " + std::to_string(nth) +
+							 ", error " + std::to_string(error);
+				ASSERT_EQ(resources_of(db)->nsr_refcnt, 1U) << what;
+				if (!fired) {
+					EXPECT_EQ(result, OSTREL_SUCCESS) << what;
+					break;
+				}
+				hits++;
+				const ostrel_error_t mapped = rpy_error_to_ostrel_error(error);
+				// The first is the test of the connection, which all but a broken one pass; a name that isn't
+				// found is looked for once more, and made by a write.
+				const bool may_pass = nth == 1 || error == RPY_ERROR_NOT_FOUND ||
+						      (error == RPY_ERROR_DELETED && operation.name[0] == 'r');
+				EXPECT_TRUE(result == mapped || (may_pass && result == OSTREL_SUCCESS) ||
+					    (error == RPY_ERROR_NOT_FOUND && result == OSTREL_EXISTS))
+				    << what << ": " << ostrel_strerror(result);
+				if (result != OSTREL_SUCCESS) {
+					// The deepest group of a failed transaction goes, those made above it stay.
+					(void) drop(db, "new");
+					EXPECT_EQ(all(), before) << what;
+				}
+			}
+		}
+	}
+	EXPECT_GT(hits, 300);
+}
+
+TEST_F(CairnFaults, AFailedRenameKeepsTheOldObjectAndNoOther)
+{
+	for (rpy_error_t error : errors) {
+		for (int nth = 1;; nth++) {
+			fill();
+			const std::string before = all();
+			trouble = {nth, error, false, false, 0};
+			ostrel_error_t result = update(db.get(), [](ostrel_db_t handle) {
+				return ostrel_rename_object_in_cairn(
+				    handle, group_of("m").get(), 0, group_of("moved:t").get());
+			});
+			const bool fired = trouble.fired;
+			trouble = {};
+			const std::string what = "call " + std::to_string(nth) + ", error " + std::to_string(error);
+			if (result == OSTREL_SUCCESS) {
+				EXPECT_EQ(get(db, "moved"), "moved:t|p=m;") << what;
+				EXPECT_EQ(get(db, "m"), "? object not found") << what;
+			} else {
+				EXPECT_EQ(all(), before) << what;
+			}
+			ASSERT_EQ(resources_of(db)->nsr_refcnt, 1U) << what;
+			if (!fired)
+				break;
+		}
+	}
+}
+
+TEST_F(CairnFaults, FewCallsAreMade)
+{
+	for (int i = 0; i < 2000; i++)
+		ASSERT_EQ(put(db, "g" + std::to_string(i) + ":t", "p=1"), OSTREL_SUCCESS);
+	auto calls = [](auto operation) {
+		trouble = {};
+		operation();
+		return trouble.calls;
+	};
+	EXPECT_EQ(calls([&] { EXPECT_EQ(get(db, "g7"), "g7:t|p=1;"); }), 2);
+	EXPECT_LE(calls([&] { EXPECT_EQ(get(db, "none"), "? object not found"); }), 3);
+	EXPECT_LE(calls([&] { EXPECT_EQ(get(db, "G7"), "g7:t|p=1;"); }), 3);
+	EXPECT_LE(calls([&] { EXPECT_EQ(put(db, "g7", "p=2"), OSTREL_SUCCESS); }), 3);
+	EXPECT_LE(calls([&] { EXPECT_EQ(walk(db, "none"), ""); }), 2);
+}
+
+TEST_F(CairnFaults, ACommitThatIsOvertakenAllTheTimeWaitsAndDoesntSpin)
+{
+	fill();
+	struct timespec before, after;
+	(void) clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
+	trouble = {50, RPY_ERROR_INTERNAL, true, false, 0}; // the end of it
+	commits_are_stale = true;
+	struct timespec begun, ended;
+	(void) clock_gettime(CLOCK_MONOTONIC, &begun);
+	EXPECT_EQ(put(db, "a", "p=new"), OSTREL_FAILURE);
+	(void) clock_gettime(CLOCK_MONOTONIC, &ended);
+	commits_are_stale = false;
+	trouble = {};
+	(void) clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+	auto seconds = [](const timespec &from, const timespec &to) {
+		return static_cast<double>(to.tv_sec - from.tv_sec) +
+		       static_cast<double>(to.tv_nsec - from.tv_nsec) / 1e9;
+	};
+	EXPECT_LT(seconds(before, after), seconds(begun, ended) / 10) << "most of the time it sleeps";
+	EXPECT_EQ(get(db, "a"), "a:t|p=old;");
+}
+
+TEST_F(CairnFaults, AnyFailedAllocationFailsOneOperationAndLeaksNothing)
+{
+	SKIP_WITHOUT_ALLOC_FAULTS();
+	fill();
+	AttrList idl = group_of("a"), by_type = group_of(":*/*"), fresh = group_of("new/x:t/u"),
+		 to = group_of("moved:t"), props = props_of("p=new;q=1");
+	attrlist_t *from = nullptr;
+	struct Opened {
+		CairnDb db;
+		AttrList from; // gains identifiers
+	};
+	const Slot slots[] = {
+	    [&](ostrel_db_t handle) {
+		    Objects objs;
+		    return ostrel_read_objects_from_cairn(
+			handle, idl.get(), OSTREL_FLAG_WITH_PROPS, objs.out(), objs.out_count());
+	    },
+	    [&](ostrel_db_t handle) {
+		    Objects objs;
+		    return ostrel_read_objects_from_cairn(
+			handle, by_type.get(), OSTREL_FLAG_WITH_PROPS, objs.out(), objs.out_count());
+	    },
+	    [&](ostrel_db_t handle) { return ostrel_write_object_to_cairn(handle, idl.get(), 0, props.get()); },
+	    [&](ostrel_db_t handle) { return ostrel_write_object_to_cairn(handle, fresh.get(), 0, props.get()); },
+	    [&](ostrel_db_t handle) { return ostrel_rename_object_in_cairn(handle, from, 0, to.get()); },
+	    [&](ostrel_db_t handle) { return ostrel_remove_object_from_cairn(handle, idl.get(), 0); },
+	};
+	ostrel_db_close(open_cairn(test_service).release()); // drops this thread's connection, as each round does
+	int rounds = sweep_allocations([] { return 0; },
+	    [](int &) {
+		    ostrel_db_t opened = nullptr;
+		    ostrel_error_t result = ostrel_db_open(test_service, 0, ostrel_cairn_db_cmds, 0, &opened);
+		    ostrel_db_close(opened);
+		    return result;
+	    },
+	    [](int &, ostrel_error_t result, bool failed) {
+		    EXPECT_TRUE(result == OSTREL_SUCCESS ||
+				(failed && (result == OSTREL_NO_MEMORY || result == OSTREL_FAILURE)))
+			<< ostrel_strerror(result);
+	    });
+	EXPECT_GT(rounds, 25) << "the client's objects";
+	for (const Slot &slot : slots) {
+		rounds = sweep_allocations(
+		    [&] {
+			    Opened opened{open_cairn(test_service), group_of("m")};
+			    fill(opened.db); // whose work keeps what it found last
+			    return opened;
+		    },
+		    [&](Opened &opened) {
+			    from = opened.from.get();
+			    return update(opened.db.get(), slot);
+		    },
+		    [&](Opened &opened, ostrel_error_t result, bool failed) {
+			    EXPECT_TRUE(result == OSTREL_SUCCESS ||
+					(failed && (result == OSTREL_NO_MEMORY || result == OSTREL_FAILURE)))
+				<< ostrel_strerror(result);
+			    EXPECT_EQ(resources_of(opened.db)->nsr_refcnt, 1U);
+			    EXPECT_EQ(get(opened.db, "a/b").empty(), false);
+		    });
+		EXPECT_GT(rounds, 3);
+	}
+}
+
+} // namespace
