@@ -265,6 +265,8 @@ static void put_as_native(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(
 	ostrel_db_set_priv(db, res);
 	if (!res->nsr_issvc)
 		ostrel_start_refresh(res, before);
+	if (before != nullptr)
+		ostrel_hand_refresh_on(res, before);
 	ostrel_rele_rpy_resources_locked(db, before, nullptr);
 }
 

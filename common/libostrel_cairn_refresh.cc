@@ -40,14 +40,27 @@ static void ostrel_refresh_cairn_take_snap(ostrel_rpy_resources_t *res)
 		(void) _rpy_snapshot_take_new(res->nsr_inst, snapshot_name, res->nsr_snap);
 }
 
+static bool is_pending(const ostrel_rpy_resources_t *res)
+{
+	const time_t last_tx = res->nsr_last_tx.load();
+	return last_tx != 0 && last_tx >= res->nsr_last_refresh.load();
+}
+
+void ostrel_hand_refresh_on(ostrel_rpy_resources_t *res, const ostrel_rpy_resources_t *before)
+{
+	if (!is_pending(before))
+		return;
+	res->nsr_last_tx.store(before->nsr_last_tx.load());
+	ostrel_refresh_needed.store(B_TRUE);
+}
+
 // The time and the flag are set before the snapshot is taken, so that an update beside it is seen to be younger.
 void ostrel_refresh_cairn(ostrel_rpy_resources_t *res, bool force)
 {
-	const time_t last_tx = res->nsr_last_tx.load();
-	if (res->nsr_issvc || last_tx == 0 || last_tx < res->nsr_last_refresh.load())
+	if (res->nsr_issvc || !is_pending(res))
 		return;
 	const time_t now = now_seconds();
-	if (!force && now - last_tx < OSTREL_REFRESH_QUIET)
+	if (!force && now - res->nsr_last_tx.load() < OSTREL_REFRESH_QUIET)
 		return;
 	res->nsr_last_refresh.store(now);
 	ostrel_refresh_needed.store(B_FALSE);

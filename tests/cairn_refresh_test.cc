@@ -1,0 +1,187 @@
+// The snapshot "running" of an instance: when it is taken, and what ends the thread that takes it. The wall clock is the
+// test's, and a pass comes each few milliseconds.
+#include <atomic>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <thread>
+
+#include "cairn_db.h"
+
+namespace {
+std::atomic<time_t> wall_clock{1000};
+} // namespace
+
+// The library's clocks end up here. Periods of 5 s begin 4.99 s ago.
+extern "C" int clock_gettime(clockid_t id, struct timespec *now) noexcept
+{
+	if (id == CLOCK_REALTIME) {
+		*now = {wall_clock.load(), 0};
+		return 0;
+	}
+	int result = static_cast<int>(syscall(SYS_clock_gettime, id, now));
+	if (id == CLOCK_MONOTONIC) {
+		now->tv_sec -= now->tv_nsec < 990'000'000 ? 5 : 4;
+		now->tv_nsec += now->tv_nsec < 990'000'000 ? 10'000'000 : -990'000'000;
+	}
+	return result;
+}
+
+namespace {
+
+constexpr useconds_t some_passes = 100'000;
+
+class Refresh : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		ASSERT_TRUE(here.ready);
+		db = open_cairn();
+		ASSERT_TRUE(db);
+		ASSERT_EQ(client.bind(here.hatch()), RPY_ERROR_NONE);
+	}
+	// What the group "g" of the snapshot holds as "p"; "none" without a snapshot.
+	std::string running()
+	{
+		Snap snapshot(rpy_snapshot_create(client.handle));
+		if (rpy_instance_get_snapshot(client.instance, "running", snapshot.get()) != 0)
+			return "none";
+		Pg pg = client.group();
+		if (rpy_snapshot_get_pg(snapshot.get(), "g", pg.get()) != 0)
+			return "no group";
+		Contents contents = client.contents(pg.get());
+		return contents["p"].empty() ? "no value" : contents["p"][0];
+	}
+	bool becomes(const std::string &value)
+	{
+		for (int i = 0; i < 1000; i++, usleep(2000))
+			if (running() == value)
+				return true;
+		return false;
+	}
+
+	CairnDaemon here;
+	CairnDb db;
+	RepositoryClient client;
+};
+
+TEST_F(Refresh, ABurstOfUpdatesIsFollowedByASnapshotAfterFiveQuietSeconds)
+{
+	for (const char *value : {"p=a", "p=b", "p=c"}) {
+		ASSERT_EQ(put(db, "g:t", value), OSTREL_SUCCESS);
+		usleep(some_passes);
+		EXPECT_EQ(running(), "none");
+		wall_clock += 2;
+	}
+	wall_clock += 2;
+	usleep(some_passes);
+	EXPECT_EQ(running(), "none") << "four seconds";
+	wall_clock += 1;
+	EXPECT_TRUE(becomes("c"));
+	EXPECT_EQ(resources_of(db)->nsr_last_refresh, wall_clock.load());
+
+	ASSERT_EQ(put(db, "g", "p=d"), OSTREL_SUCCESS) << "in the second of the snapshot";
+	wall_clock += 5;
+	EXPECT_TRUE(becomes("d"));
+	ASSERT_EQ(drop(db, "g"), OSTREL_SUCCESS);
+	wall_clock += 5;
+	EXPECT_TRUE(becomes("no group"));
+}
+
+TEST_F(Refresh, ACloseTakesThePendingSnapshotAndNoOther)
+{
+	ASSERT_EQ(put(db, "g:t", "p=a"), OSTREL_SUCCESS);
+	db.reset();
+	EXPECT_EQ(running(), "a");
+	Snap snapshot(rpy_snapshot_create(client.handle));
+	ASSERT_EQ(rpy_instance_get_snapshot(client.instance, "running", snapshot.get()), 0);
+	ASSERT_EQ(_rpy_snapshot_delete(snapshot.get()), 0);
+	db = open_cairn();
+	EXPECT_EQ(get(db, "g"), "g:t|p=a;");
+	db.reset();
+	EXPECT_EQ(running(), "none");
+}
+
+TEST_F(Refresh, UpdatesOfAServiceTakeNoSnapshot)
+{
+	ASSERT_EQ(put(db, "g:t;object-db-name=net/link", "p=a"), OSTREL_SUCCESS);
+	EXPECT_EQ(resources_of(db)->nsr_last_tx, 0);
+	ASSERT_EQ(put(db, "g:t", "p=b"), OSTREL_SUCCESS);
+	ASSERT_EQ(put(db, "g;object-db-name=net/link", "p=c"), OSTREL_SUCCESS) << "doesn't hide the one before";
+	wall_clock += 5;
+	EXPECT_TRUE(becomes("b"));
+
+	CairnDb service = open_cairn(test_service);
+	EXPECT_EQ(resources_of(service)->nsr_refresh_thread, 0U);
+	ASSERT_EQ(put(service, "g;object-db-name=net/link:default", "p=d"), OSTREL_SUCCESS);
+	EXPECT_NE(resources_of(service)->nsr_last_tx, 0);
+	wall_clock += 5;
+	usleep(some_passes);
+	service.reset();
+	EXPECT_EQ(running(), "b");
+}
+
+TEST_F(Refresh, APassReplacesABrokenConnectionAndTakesWhatWaited)
+{
+	ASSERT_EQ(put(db, "g:t", "p=a"), OSTREL_SUCCESS);
+	here.restart();
+	ASSERT_EQ(client.bind(here.hatch()), RPY_ERROR_NONE);
+	ostrel_rpy_resources_t *before = resources_of(db);
+	wall_clock += 5;
+	EXPECT_TRUE(becomes("a"));
+	EXPECT_NE(resources_of(db), before);
+	ASSERT_EQ(put(db, "g", "p=b"), OSTREL_SUCCESS);
+	wall_clock += 5;
+	EXPECT_TRUE(becomes("b")) << "the new resources have a thread";
+}
+
+TEST_F(Refresh, ACloseWaitsForAPassThatIsUnderWay)
+{
+	ASSERT_EQ(put(db, "g:t", "p=a"), OSTREL_SUCCESS);
+	ASSERT_EQ(kill(here.daemon.pid(), SIGSTOP), 0);
+	wall_clock += 5;
+	usleep(some_passes);
+	std::atomic<bool> closed{false};
+	std::thread closing([&] {
+		db.reset();
+		closed = true;
+	});
+	usleep(some_passes);
+	EXPECT_FALSE(closed);
+	ASSERT_EQ(kill(here.daemon.pid(), SIGCONT), 0);
+	closing.join();
+	EXPECT_EQ(running(), "a");
+}
+
+TEST_F(Refresh, PassesRunBesideUpdatesWalksAndALostDaemon)
+{
+	std::atomic<bool> stop{false};
+	std::thread ticking([&] {
+		while (!stop) {
+			wall_clock += 3;
+			usleep(3000);
+		}
+	});
+	std::thread walking([&] {
+		while (!stop)
+			(void) walk(db, "*");
+	});
+	int lost = 0;
+	for (int i = 0; i < 300; i++) {
+		if (i % 100 == 50)
+			here.restart();
+		lost += put(db, "g:t", "p=" + std::to_string(i)) != OSTREL_SUCCESS;
+		lost += put(db, "s:t;object-db-name=net/link", "p=1") != OSTREL_SUCCESS;
+	}
+	stop = true;
+	ticking.join();
+	walking.join();
+	EXPECT_LE(lost, 3);
+	EXPECT_EQ(put(db, "g", "p=end"), OSTREL_SUCCESS);
+	wall_clock += 5;
+	ASSERT_EQ(client.bind(here.hatch()), RPY_ERROR_NONE);
+	EXPECT_TRUE(becomes("end"));
+	EXPECT_EQ(get(db, "s"), "? object not found") << "no update went to another level";
+}
+
+} // namespace
