@@ -65,7 +65,8 @@ ostrel_error_t ostrel_check_cairn_configd_hatch(const HatchPath &path, pid_t *pi
 	Fd hatch(_enclave_open(path.text));
 	struct stat kind;
 	hatch_info_t info;
-	if (!hatch || fstat(hatch.get(), &kind) == -1 || !S_ISREG(kind.st_mode) || hatch_info(hatch.get(), &info) == -1)
+	if (!hatch || fstat(hatch.get(), &kind) == -1 || !S_ISREG(kind.st_mode) || kind.st_nlink != 1 ||
+	    hatch_info(hatch.get(), &info) == -1)
 		return SETERROR(OSTREL_FAILURE);
 	if (pid != nullptr)
 		*pid = info.di_target;

@@ -266,8 +266,8 @@ int rpy_handle_bind(rpy_handle_t *handle)
 		return fail(bind_error(errno));
 	struct stat kind;
 	hatch_info_t info;
-	if (fstat(hatch.get(), &kind) == -1 || !S_ISREG(kind.st_mode) || hatch_info(hatch.get(), &info) == -1 ||
-	    (info.di_attributes & HATCH_REVOKED) != 0)
+	if (fstat(hatch.get(), &kind) == -1 || !S_ISREG(kind.st_mode) || kind.st_nlink != 1 ||
+	    hatch_info(hatch.get(), &info) == -1 || (info.di_attributes & HATCH_REVOKED) != 0)
 		return fail(RPY_ERROR_NO_SERVER);
 	handle->hatch = std::move(hatch);
 	return 0;

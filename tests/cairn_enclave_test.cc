@@ -1,0 +1,390 @@
+// Repositories of other enclaves: the enclave's own daemon, and the private one that is started where there is none. The
+// enclaves have a root with the daemon's program and what it needs, and nothing else.
+#include <csignal>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <optional>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+
+#include <meridon/hatch.h>
+
+#include "cairn_db.h"
+#include "test_enclave.h"
+#include "test_paths.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char *program = "/lib/cairn/bin/cairn.configd";
+constexpr const char *own_hatch = "/system/transient/repository_hatch";
+constexpr const char *private_hatch = "/system/transient/repository_hatch.libostrel.5";
+constexpr const char *repository_file = "/etc/cairn/repository.db";
+
+// Copies a program into a root, with the libraries that it is linked to, each to its own path.
+void install(const std::string &from, const std::string &root, const std::string &to)
+{
+	fs::create_directories(fs::path(root + to).parent_path());
+	fs::copy_file(from, root + to);
+	std::string listed;
+	ASSERT_EQ(run_program({"/usr/bin/ldd", from}, {}, &listed), 0);
+	for (size_t at = listed.find('/'); at != listed.npos; at = listed.find('/', at)) {
+		const size_t end = listed.find(' ', at);
+		const std::string library = listed.substr(at, end - at);
+		fs::create_directories(fs::path(root + library).parent_path());
+		fs::copy_file(library, root + library, fs::copy_options::skip_existing);
+		at = listed.find('\n', at);
+	}
+}
+
+// An enclave with the daemon's program, its file with an instance in it, and a host with a daemon of its own.
+class Enclaves : public testing::Test {
+protected:
+	virtual TestEnclave::Kind kind() const { return TestEnclave::RootOnly; }
+
+	void SetUp() override
+	{
+		SKIP_WITHOUT_ENCLAVES(kind());
+		// Mounts of the test's own, which go with it.
+		ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+		ASSERT_EQ(mount("none", "/", "", MS_REC | MS_PRIVATE, ""), 0);
+		enclave.emplace(kind());
+		const std::string &root = enclave->root();
+		for (const char *directory : {"/system/transient", "/etc/cairn", "/proc", "/tmp", "/dev"})
+			fs::create_directories(root + directory);
+		ASSERT_NO_FATAL_FAILURE(install(TEST_BINARY_DIR "/repository/cairn.configd", root, program));
+		give_to_enclave();
+		ASSERT_NO_FATAL_FAILURE(mount_proc());
+		make_host();
+		make_repository();
+	}
+	void TearDown() override
+	{
+		for (pid_t pid :
+		    {server_of(enclave_path(own_hatch)), server_of(enclave_path(private_hatch)), host_daemon})
+			end(pid);
+		if (enclave)
+			(void) umount2(enclave_path("/proc").c_str(), MNT_DETACH);
+	}
+
+	std::string enclave_path(const std::string &path) const { return enclave ? enclave->root() + path : path; }
+	static void end(pid_t pid, int signal = SIGKILL)
+	{
+		if (pid <= 0)
+			return;
+		(void) ::kill(pid, signal);
+		for (int i = 0; i < 5000 && !is_gone(pid); i++)
+			usleep(1000);
+	}
+	void give_to_enclave()
+	{
+		if (kind() != TestEnclave::UserNamespace)
+			return;
+		for (const char *path : {"/system", "/system/transient", "/etc", "/etc/cairn"})
+			ASSERT_EQ(chown(enclave_path(path).c_str(), 100000, 100000), 0);
+	}
+	void mount_proc()
+	{
+		if (kind() == TestEnclave::RootOnly) {
+			ASSERT_EQ(mount("proc", enclave_path("/proc").c_str(), "proc", 0, nullptr), 0);
+		} else if (kind() == TestEnclave::Leader) {
+			ASSERT_EQ(in_child([&] {
+				return enclave_enter(5) == 0 && mount("proc", "/proc", "proc", 0, nullptr) == 0 ? 0 : 1;
+			}),
+			    0);
+		}
+	}
+	// Starts a daemon in the enclave. The status of its first process.
+	int start_inside(const char *hatch)
+	{
+		return in_child([&] {
+			if (enclave_enter(5) != 0)
+				return 99;
+			execl(program, program, "-d", hatch, "-r", repository_file, nullptr);
+			return 98;
+		});
+	}
+	void make_host()
+	{
+		fs::create_directories(enclave->prefix() + "/system/transient");
+		host_hatch = enclave->prefix() + own_hatch;
+		ASSERT_EQ(run_program({TEST_BINARY_DIR "/repository/cairn.configd", "-d", host_hatch, "-r",
+			      enclave->prefix() + "/host.db"}),
+		    0);
+		host_daemon = server_of(host_hatch);
+		RepositoryClient maker(host_hatch);
+		ASSERT_EQ(maker.find(), RPY_ERROR_NONE);
+		ASSERT_EQ(maker.add("where", "t"), RPY_ERROR_NONE);
+		ASSERT_EQ(maker.write("where", {{"p", {"host"}}}), 1);
+	}
+	virtual void make_repository()
+	{
+		ASSERT_EQ(start_inside("/system/transient/first"), 0);
+		const std::string hatch = enclave_path("/system/transient/first");
+		RepositoryClient maker(hatch);
+		ASSERT_EQ(maker.find(), RPY_ERROR_NONE);
+		ASSERT_EQ(maker.add("where", "t"), RPY_ERROR_NONE);
+		ASSERT_EQ(maker.write("where", {{"p", {"enclave"}}}), 1);
+		end(server_of(hatch), SIGTERM);
+	}
+	AttrList in_enclave(const std::string &group, enclaveid_t id = 5)
+	{
+		AttrList idl = group_of(group);
+		EXPECT_EQ(ostrel_idlist_add_enclaveid(idl.get(), id), OSTREL_SUCCESS);
+		return idl;
+	}
+	std::string read(const CairnDb &db, enclaveid_t id = 5)
+	{
+		AttrList props;
+		ostrel_error_t result = ostrel_db_read(db.get(), in_enclave("where", id).get(), 0, props.out());
+		return result == OSTREL_SUCCESS ? text_of(props.get()) : std::string("? ") + ostrel_strerror(result);
+	}
+
+	std::optional<TestEnclave> enclave;
+	std::string host_hatch;
+	pid_t host_daemon = 0;
+};
+
+class LeaderEnclaves : public Enclaves {
+protected:
+	TestEnclave::Kind kind() const override { return TestEnclave::Leader; }
+};
+
+void use_private_daemon(const CairnDb &db, const std::function<std::string()> &read, const std::string &hatch,
+    const std::function<AttrList(const char *)> &named)
+{
+	EXPECT_EQ(read(), "p=enclave;");
+	EXPECT_EQ(server_of(hatch), 0) << "it was made for the operation";
+	EXPECT_EQ(ostrel_db_write(db.get(), named("where").get(), 0, props_of("p=changed").get()), OSTREL_SUCCESS);
+	EXPECT_EQ(server_of(hatch), 0);
+	EXPECT_EQ(read(), "p=changed;");
+	EXPECT_EQ(resources_of(db)->nsr_enclave_resources, nullptr);
+	EXPECT_EQ(get(db, "where"), "where:t|p=host;") << "the host's own isn't touched";
+}
+
+TEST_F(Enclaves, WithoutADaemonAPrivateOneIsStartedUsedAndEnded)
+{
+	CairnDb db = open_cairn();
+	ASSERT_TRUE(db);
+	use_private_daemon(
+	    db, [&] { return read(db); }, enclave_path(private_hatch),
+	    [&](const char *group) { return in_enclave(group); });
+}
+
+TEST_F(LeaderEnclaves, WithoutADaemonAPrivateOneIsStartedUsedAndEnded)
+{
+	CairnDb db = open_cairn();
+	ASSERT_TRUE(db);
+	use_private_daemon(
+	    db, [&] { return read(db); }, enclave_path(private_hatch),
+	    [&](const char *group) { return in_enclave(group); });
+}
+
+TEST_F(Enclaves, ADatabaseOfAnEnclaveKeepsThePrivateDaemonUntilItIsClosed)
+{
+	CairnDb db = open_cairn(test_instance, 0, 5);
+	ASSERT_TRUE(db);
+	const pid_t daemon = server_of(enclave_path(private_hatch));
+	EXPECT_GT(daemon, 0);
+	EXPECT_EQ(resources_of(db)->nsr_private_configd_pid, daemon);
+	EXPECT_TRUE(_enclave_has_process(5, daemon));
+	EXPECT_FALSE(_enclave_has_process(5, host_daemon));
+	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;");
+	EXPECT_EQ(read(db, 0), "p=host;") << "other enclaves hang on it, whichever it is";
+	EXPECT_NE(resources_of(db)->nsr_enclave_resources, nullptr);
+	{
+		CairnDb second = open_cairn(test_instance, 0, 5);
+		ASSERT_TRUE(second);
+		EXPECT_TRUE(resources_of(second)->nsr_private_configd);
+		EXPECT_EQ(resources_of(second)->nsr_private_configd_pid, 0) << "found, not started";
+	}
+	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;") << "the end of the second leaves it alone";
+	db.reset();
+	EXPECT_TRUE(is_gone(daemon));
+}
+
+TEST_F(Enclaves, TheEnclavesOwnDaemonIsUsedWhereItIsUpAndItsResourcesKept)
+{
+	ASSERT_EQ(start_inside(own_hatch), 0);
+	CairnDb db = open_cairn();
+	ASSERT_TRUE(db);
+	EXPECT_EQ(read(db), "p=enclave;");
+	ostrel_rpy_resources_t *kept = resources_of(db)->nsr_enclave_resources;
+	ASSERT_NE(kept, nullptr);
+	EXPECT_FALSE(kept->nsr_private_configd);
+	EXPECT_EQ(read(db), "p=enclave;");
+	EXPECT_EQ(resources_of(db)->nsr_enclave_resources, kept);
+	EXPECT_EQ(kept->nsr_cache_hits, 1U);
+	EXPECT_FALSE(fs::exists(enclave_path(private_hatch)));
+
+	const pid_t before = server_of(enclave_path(own_hatch));
+	end(before);
+	ASSERT_EQ(start_inside(own_hatch), 0);
+	EXPECT_EQ(read(db), "p=enclave;") << "a new connection";
+
+	enclave->set_state(ENCLAVE_STATE_DOWN);
+	(void) read(db, 77);
+	EXPECT_EQ(resources_of(db)->nsr_enclave_resources, nullptr) << "swept";
+}
+
+TEST_F(Enclaves, TheOwnDaemonThatComesUpTakesOverFromThePrivateOne)
+{
+	CairnDb db = open_cairn(test_instance, 0, 5);
+	ASSERT_TRUE(db);
+	const pid_t private_daemon = server_of(enclave_path(private_hatch));
+	ASSERT_GT(private_daemon, 0);
+	ASSERT_EQ(start_inside(own_hatch), 0);
+	EXPECT_TRUE(is_gone(private_daemon));
+	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;");
+	EXPECT_FALSE(resources_of(db)->nsr_private_configd);
+	EXPECT_EQ(put(db, "where", "p=own"), OSTREL_SUCCESS);
+	const pid_t own = server_of(enclave_path(own_hatch));
+	db.reset();
+	EXPECT_FALSE(is_gone(own)) << "it isn't this process's to end";
+}
+
+TEST_F(Enclaves, ThoseWhoStartAPrivateDaemonAtOnceGetOneWithOneOwner)
+{
+	constexpr int processes = 4;
+	int turn[2];
+	ASSERT_EQ(pipe(turn), 0);
+	pid_t children[processes];
+	for (pid_t &child : children) {
+		child = fork();
+		if (child != 0)
+			continue;
+		char byte;
+		if (::read(turn[0], &byte, 1) != 1)
+			_exit(3);
+		CairnDb db = open_cairn(test_instance, 0, 5);
+		if (!db || get(db, "where") != "where:t|p=enclave;")
+			_exit(1);
+		const bool owner = resources_of(db)->nsr_private_configd_pid != 0;
+		usleep(1500000); // until all have it
+		if (!owner && get(db, "where") != "where:t|p=enclave;")
+			_exit(2);
+		if (owner)
+			usleep(1000000);
+		db.reset();
+		_exit(owner ? 10 : 0);
+	}
+	ASSERT_EQ(write(turn[1], "gogo", processes), processes);
+	int owners = 0;
+	for (pid_t child : children) {
+		int status;
+		ASSERT_EQ(waitpid(child, &status, 0), child);
+		ASSERT_TRUE(WIFEXITED(status));
+		EXPECT_TRUE(WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 10) << WEXITSTATUS(status);
+		owners += WEXITSTATUS(status) == 10;
+	}
+	EXPECT_EQ(owners, 1);
+	EXPECT_EQ(server_of(enclave_path(private_hatch)), 0);
+}
+
+TEST_F(Enclaves, WhatIsPlantedInAnEnclaveLeadsNowhere)
+{
+	CairnDb db = open_cairn();
+	ASSERT_TRUE(db);
+	const std::string planted_private = enclave_path(private_hatch), planted_own = enclave_path(own_hatch);
+	auto refused = [&](const char *what) {
+		const std::string said = read(db);
+		EXPECT_EQ(said.substr(0, 1), "?") << what << ": " << said;
+		EXPECT_EQ(server_of(host_hatch), host_daemon) << what;
+		EXPECT_EQ(get(db, "where"), "where:t|p=host;") << what;
+		fs::remove(planted_private);
+		fs::remove(planted_own);
+	};
+	for (const std::string &place : {planted_private, planted_own}) {
+		ASSERT_EQ(symlink(host_hatch.c_str(), place.c_str()), 0);
+		if (place == planted_own) {
+			ASSERT_EQ(mkfifo(planted_private.c_str(), 0644), 0);
+		}
+		refused("a link to the host's hatch");
+	}
+	ASSERT_EQ(mkfifo(planted_own.c_str(), 0644), 0);
+	ASSERT_EQ(mkfifo(planted_private.c_str(), 0644), 0);
+	refused("FIFOs");
+	ASSERT_EQ(link(host_hatch.c_str(), planted_private.c_str()), 0);
+	EXPECT_EQ(read(db).substr(0, 1), "?") << "the host's record under a second name";
+	fs::remove(planted_private);
+	// A copy of the host's record with a link to the host's socket beside it.
+	fs::copy_file(host_hatch, planted_private);
+	for (const auto &entry : fs::directory_iterator(fs::path(host_hatch).parent_path())) {
+		if (entry.is_socket())
+			fs::create_symlink(
+			    entry.path(), fs::path(planted_private).parent_path() / entry.path().filename());
+	}
+	const std::string said = read(db);
+	EXPECT_TRUE(said == "p=enclave;" || said[0] == '?') << said;
+	EXPECT_FALSE(is_gone(host_daemon));
+	fs::remove_all(enclave_path("/system/transient"));
+	ASSERT_EQ(
+	    symlink((enclave->prefix() + "/system/transient").c_str(), enclave_path("/system/transient").c_str()), 0);
+	EXPECT_EQ(read(db).substr(0, 1), "?") << "a directory that is a link out";
+	EXPECT_EQ(get(db, "where"), "where:t|p=host;");
+}
+
+TEST_F(Enclaves, AProcessInsideOpensItsOwnDatabases)
+{
+	ASSERT_EQ(start_inside(own_hatch), 0);
+	EXPECT_EQ(in_child([&] {
+		char root[64];
+		if (enclave_enter(5) != 0 || enclave_getattr(5, ENCLAVE_ATTR_ROOT, root, sizeof(root)) != 2 ||
+		    root[0] != '/')
+			return 1;
+		CairnDb db = open_cairn(test_instance, 0, 5);
+		if (!db || get(db, "where") != "where:t|p=enclave;" || put(db, "inside:t", "p=1") != OSTREL_SUCCESS)
+			return 2;
+		CairnDb plain = open_cairn(test_instance, 0, 0);
+		return plain && get(plain, "inside") == "inside:t|p=1;" ? 0 : 3;
+	}),
+	    0);
+}
+
+TEST_F(Enclaves, AnEnclaveThatIsNotThereOrNotUpIsAnErrorAndNothingIsStarted)
+{
+	CairnDb db = open_cairn();
+	ASSERT_TRUE(db);
+	EXPECT_EQ(read(db, 6), "? invalid argument");
+	enclave->set_state(ENCLAVE_STATE_INSTALLED);
+	EXPECT_EQ(read(db).substr(0, 1), "?");
+	EXPECT_EQ(server_of(enclave_path(private_hatch)), 0);
+	enclave->set_state(ENCLAVE_STATE_RUNNING);
+	EXPECT_EQ(read(db), "p=enclave;");
+	ASSERT_EQ(rename(enclave_path(program).c_str(), enclave_path("/gone").c_str()), 0);
+	EXPECT_EQ(read(db), "? failure") << "no daemon's program";
+	EXPECT_EQ(get(db, "where"), "where:t|p=host;");
+}
+
+// In an enclave with a user namespace the host's root is nobody.
+class UserEnclaves : public Enclaves {
+protected:
+	TestEnclave::Kind kind() const override { return TestEnclave::UserNamespace; }
+	void make_repository() override
+	{
+		// Made by the host, which could do nothing through the enclave's daemon.
+		const std::string file = enclave_path(repository_file), hatch = enclave->prefix() + "/first";
+		ASSERT_EQ(run_program({TEST_BINARY_DIR "/repository/cairn.configd", "-d", hatch, "-r", file}), 0);
+		RepositoryClient maker(hatch);
+		ASSERT_EQ(maker.find(), RPY_ERROR_NONE);
+		ASSERT_EQ(maker.add("where", "t"), RPY_ERROR_NONE);
+		ASSERT_EQ(maker.write("where", {{"p", {"enclave"}}}), 1);
+		end(server_of(hatch), SIGTERM);
+		for (const auto &entry : fs::directory_iterator(enclave_path("/etc/cairn")))
+			ASSERT_EQ(chown(entry.path().c_str(), 100000, 100000), 0);
+	}
+};
+
+TEST_F(UserEnclaves, ReadsWorkAndUpdatesAreRefused)
+{
+	CairnDb db = open_cairn();
+	ASSERT_TRUE(db);
+	EXPECT_EQ(read(db), "p=enclave;");
+	EXPECT_EQ(ostrel_db_write(db.get(), in_enclave("where").get(), 0, props_of("p=x").get()), OSTREL_EPERM);
+	EXPECT_EQ(read(db), "p=enclave;");
+	EXPECT_EQ(server_of(enclave_path(private_hatch)), 0);
+}
+
+} // namespace

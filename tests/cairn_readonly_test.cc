@@ -1,0 +1,115 @@
+// A repository whose store can't be written for a while: updates succeed at once and land later. A second is short here.
+#include <atomic>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+
+#include "cairn_db.h"
+#include "log_capture.h"
+
+namespace {
+std::atomic<int> seconds_slept;
+} // namespace
+
+extern "C" unsigned int sleep(unsigned int)
+{
+	usleep(20000);
+	seconds_slept++;
+	return 0;
+}
+
+namespace {
+
+// The store lies on a file system of the test's own.
+class ReadOnly : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		const std::string directory = place.path("store");
+		ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
+		if (mount("none", directory.c_str(), "tmpfs", 0, "size=16m") != 0)
+			GTEST_SKIP() << "needs the privilege to mount";
+		mounted = true;
+		here.daemon.stop();
+		here.daemon.files = directory;
+		here.start();
+		ASSERT_TRUE(here.ready);
+		RepositoryClient maker(here.hatch());
+		db = open_cairn();
+		ASSERT_TRUE(db);
+		ASSERT_EQ(put(db, "old:t", "p=1"), OSTREL_SUCCESS);
+		ASSERT_EQ(put(db, "moving:t", "p=1"), OSTREL_SUCCESS);
+	}
+	void TearDown() override
+	{
+		db.reset();
+		here.daemon.kill();
+		if (mounted)
+			(void) umount2(place.path("store").c_str(), MNT_DETACH);
+	}
+	// A second after its last update the daemon has nothing open for writing.
+	bool set_readonly(bool value)
+	{
+		const unsigned long flags = MS_REMOUNT | (value ? MS_RDONLY : 0);
+		for (int i = 0; i < 1000; i++, usleep(5000))
+			if (mount("none", place.path("store").c_str(), "tmpfs", flags, nullptr) == 0)
+				return true;
+		return false;
+	}
+	bool becomes(const std::string &group, const std::string &expected)
+	{
+		for (int i = 0; i < 1000; i++, usleep(5000))
+			if (get(db, group) == expected)
+				return true;
+		return false;
+	}
+	static bool passes(int seconds)
+	{
+		const int end = seconds_slept + seconds;
+		for (int i = 0; i < 4000 && seconds_slept < end; i++)
+			usleep(5000);
+		return seconds_slept >= end;
+	}
+
+	Scratch place{"/dev/shm"};
+	CairnDaemon here;
+	CairnDb db;
+	bool mounted = false;
+};
+
+TEST_F(ReadOnly, UpdatesSucceedAtOnceAndLandWhenTheStoreCanBeWrittenAgain)
+{
+	ASSERT_TRUE(set_readonly(true));
+	EXPECT_EQ(put(db, "new/x:t/u", "p=2"), OSTREL_SUCCESS);
+	EXPECT_EQ(put(db, "old", "p=2"), OSTREL_SUCCESS);
+	EXPECT_EQ(move(db, "moving", "moved:t"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(db, "old"), "old:t|p=1;") << "reads go on";
+	EXPECT_TRUE(passes(9)) << "three of each";
+	EXPECT_EQ(get(db, "new"), "? object not found");
+	EXPECT_EQ(get(db, "moving"), "moving:t|p=1;");
+	ASSERT_TRUE(set_readonly(false));
+	EXPECT_TRUE(becomes("new/x", "new/x:t/u|p=2;"));
+	EXPECT_TRUE(becomes("old", "old:t|p=2;"));
+	EXPECT_TRUE(becomes("moved", "moved:t|p=1;"));
+	EXPECT_TRUE(becomes("moving", "? object not found"));
+	usleep(100000);
+	const int slept = seconds_slept;
+	usleep(100000);
+	EXPECT_EQ(seconds_slept, slept) << "no attempt follows";
+}
+
+TEST_F(ReadOnly, AnUpdateIsGivenUpAfterAHundredRetries)
+{
+	LogCapture log;
+	seconds_slept = 0;
+	ASSERT_TRUE(set_readonly(true));
+	EXPECT_EQ(drop(db, "old"), OSTREL_SUCCESS);
+	EXPECT_TRUE(passes(100));
+	usleep(200000);
+	EXPECT_EQ(seconds_slept, 100);
+	EXPECT_EQ(LogCapture::lines(),
+	    std::vector<std::string>{"3: maximum number of retries exceeded for remove operation, giving up"});
+	ASSERT_TRUE(set_readonly(false));
+	EXPECT_EQ(get(db, "old"), "old:t|p=1;");
+}
+
+} // namespace
