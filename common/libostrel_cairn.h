@@ -164,7 +164,7 @@ void ostrel_refresh_cairn(ostrel_rpy_resources_t *res, bool force);
 // thread they have none.
 void ostrel_start_refresh(ostrel_rpy_resources_t *res, const ostrel_rpy_resources_t *before);
 // An update that waits for its snapshot waits on with the resources that replace these, whose connection may have broken.
-void ostrel_hand_refresh_on(ostrel_rpy_resources_t *res, const ostrel_rpy_resources_t *before);
+void ostrel_hand_refresh_on(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t *before);
 // Lets the refresh thread of resources end. Doesn't wait: it may be the caller.
 void ostrel_stop_refresh(ostrel_rpy_resources_t *res);
 // Waits until no refresh thread of a database runs any more; none can start then. Takes NULL. Not with db_privlock held,

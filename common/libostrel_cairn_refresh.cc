@@ -46,11 +46,11 @@ static bool is_pending(const ostrel_rpy_resources_t *res)
 	return last_tx != 0 && last_tx >= res->nsr_last_refresh.load();
 }
 
-void ostrel_hand_refresh_on(ostrel_rpy_resources_t *res, const ostrel_rpy_resources_t *before)
+void ostrel_hand_refresh_on(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t *before)
 {
 	if (!is_pending(before))
 		return;
-	res->nsr_last_tx.store(before->nsr_last_tx.load());
+	res->nsr_last_tx.store(before->nsr_last_tx.exchange(0));
 	ostrel_refresh_needed.store(B_TRUE);
 }
 
