@@ -238,7 +238,7 @@ class Refusals(ServeTest):
             self.assertEqual((before.st_mode, before.st_uid), (after.st_mode, after.st_uid))
         self.error(4, "serve", "links.db", self.path("a/b/c"))
         self.error(2, "serve", self.db, self.hatch)
-        self.error(8, "serve", "repo:x:default", self.hatch)
+        self.error(11, "serve", "repo:x:default", self.hatch)
 
     def test_what_lies_at_the_path_is_left_alone(self):
         os.mkdir(self.path("run"))

@@ -14,6 +14,7 @@
 
 #include "deferred.h"
 #include "document.h"
+#include "repository.h"
 #include "scratch.h"
 #include "terminal.h"
 
@@ -126,6 +127,19 @@ public:
 		return all;
 	}
 
+	// A group that goes takes those below it along: none that is to be there may be among them.
+	void check_removals() const
+	{
+		for (const Identifiers *id : removals())
+			for (const Slot &slot : slots_)
+				if (is_below(slot.object.id, *id))
+					throw Failure(Exit::invalid, fmt::format("{} can't be removed: {} is below it",
+									 id_text(*id), id_text(slot.object.id)))
+					    .in(database_.label())
+					    .next("give the group above, too, or leave --replace out; nothing was "
+						  "changed");
+	}
+
 	// The whole file.
 	std::string text()
 	{
@@ -149,7 +163,12 @@ public:
 	size_t added = 0, replaced = 0, unchanged = 0;
 
 private:
-	std::string key(const Identifiers &id) const { return identity(id, database_.case_sensitive()); }
+	// A group is its path of names, whatever the types on it.
+	std::string key(const Identifiers &id) const
+	{
+		const bool group = database_.back_end().repository || (database_.back_end().served && names_groups(id));
+		return identity(group ? group_of(id) : id, database_.case_sensitive());
+	}
 
 	void place(Incoming &&incoming)
 	{
@@ -192,7 +211,8 @@ private:
 	bool count(size_t index, const Object &object)
 	{
 		kept_[index] = true;
-		bool same = same_props(before_[index].props, object.props);
+		bool same = same_props(before_[index].props, object.props) ||
+			    (!database_.back_end().is_path && is_stored_form(object, before_[index]));
 		(same ? unchanged : replaced)++;
 		return !same;
 	}
@@ -231,8 +251,9 @@ void write_singly(Database &database, const Plan &plan, const Options &options)
 	};
 	for (const Object *object : writes)
 		step([&] { database.put(*object); });
-	for (const Identifiers *id : removals)
-		step([&] { database.remove(*id); });
+	// The other way round: a group is listed before those below it, and takes them along.
+	std::for_each(
+	    removals.rbegin(), removals.rend(), [&](const Identifiers *id) { step([&] { database.remove(*id); }); });
 	for (const Object *object : writes)
 		await_object(database, options, *object);
 	for (const Identifiers *id : removals)
@@ -305,6 +326,7 @@ Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints 
 	bool whole = database.back_end().is_path;
 	std::string text = whole ? plan.text() : "";
 	if (!options.dry_run && plan.changes()) {
+		plan.check_removals();
 		if (whole)
 			write_file(database, plan, text);
 		else

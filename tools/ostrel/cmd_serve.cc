@@ -1,6 +1,7 @@
 // ostrel serve: lets other processes into a database, through a hatch, each as far as its rights go.
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstring>
@@ -16,8 +17,10 @@
 
 #include "command.h"
 #include "database.h"
+#include "deferred.h"
 #include "document.h"
 #include "hatch.h"
+#include "log_messages.h"
 #include "readiness.h"
 
 namespace {
@@ -165,6 +168,12 @@ public:
 		while (sigwait(&set_, &number) != 0)
 			continue;
 	}
+	// Whether one comes within the time.
+	bool comes_within(std::chrono::milliseconds time) const
+	{
+		const timespec limit = {static_cast<time_t>(time.count() / 1000), (time.count() % 1000) * 1'000'000};
+		return sigtimedwait(&set_, nullptr, &limit) > 0;
+	}
 
 private:
 	sigset_t set_;
@@ -217,6 +226,40 @@ void announce(const Database &database, const Options &options)
 	    who_may("read", options.read_auth), who_may("update", options.write_auth));
 }
 
+// Nobody gets in any more; updates that the store has put off are waited for, unless another signal comes. The handle is
+// never given up under one: a server that has to leave some behind ends as it stands.
+Exit end_with_updates(const Database &database, const EndSignals &signals)
+{
+	const size_t pending = own_deferred_updates();
+	if (pending == 0)
+		return Exit::done;
+	warn(Failure(
+	    Exit::deferred, fmt::format("{} updates are deferred: the store can't be written now; waiting up to {} s",
+				pending, longest_deferral.count()))
+		 .in(database.label()));
+	tell_manager(
+	    fmt::format("EXTEND_TIMEOUT_USEC={}", std::chrono::microseconds(longest_deferral).count()).c_str());
+	const std::vector<std::string> said = log_messages([&] {
+		const auto end = std::chrono::steady_clock::now() + longest_deferral;
+		while (own_deferred_updates() > 0 && std::chrono::steady_clock::now() < end &&
+		       !signals.comes_within(std::chrono::milliseconds(50)))
+			continue;
+	});
+	const size_t left = own_deferred_updates();
+	for (const std::string &message : said)
+		warn(Failure(Exit::deferred, message).in(database.label()));
+	const size_t lost = left + said.size();
+	warn(Failure(lost == 0 ? Exit::done : Exit::deferred,
+	    fmt::format("of {} deferred updates {} have ended, {} were given up and {} are left behind", pending,
+		pending - std::min(pending, lost), said.size(), left))
+		 .in(database.label()));
+	if (left > 0) {
+		(void) std::fflush(nullptr);
+		_exit(static_cast<int>(Exit::deferred));
+	}
+	return lost == 0 ? Exit::done : Exit::deferred;
+}
+
 Exit run(const Options &options)
 {
 	check_right(options.read_auth, "--read-auth");
@@ -236,12 +279,14 @@ Exit run(const Options &options)
 	raise_descriptor_limit();
 
 	EndSignals signals;
-	Server server(database, options);
-	announce(database, options);
-	tell_manager("READY=1");
-	signals.wait();
-	tell_manager("STOPPING=1");
-	return Exit::done;
+	{
+		Server server(database, options);
+		announce(database, options);
+		tell_manager("READY=1");
+		signals.wait();
+		tell_manager("STOPPING=1");
+	}
+	return end_with_updates(database, signals);
 }
 
 } // namespace

@@ -57,7 +57,8 @@ void declare_all(CLI::App &app, Options &options)
 
 void declare_database(CLI::App &app, Options &options)
 {
-	app.add_option("DB", options.database, "The database: PATH, file:PATH, raw:PATH or hatch:PATH")->required();
+	app.add_option("DB", options.database, "The database: PATH, file:PATH, raw:PATH, repo:LOCATOR or hatch:PATH")
+	    ->required();
 	app.add_option("-E,--enclave", options.enclave, "The enclave in which the database lies")->type_name("NAME|ID");
 	app.add_flag("--case", options.case_sensitive, "Compare identifiers with case");
 }

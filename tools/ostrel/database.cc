@@ -14,16 +14,17 @@
 
 #include "failure.h"
 #include "hatch.h"
+#include "repository.h"
 #include "scratch.h"
 #include "text.h"
 
 namespace {
 
 constexpr BackEnd back_ends[] = {
-    {"file", &ostrel_files_db_cmds, true, true, true, false, false},
-    {"raw", &ostrel_rawfiles_db_cmds, false, false, true, false, false},
-    {"repo", nullptr, true, true, false, true, false},
-    {"hatch", &ostrel_hatches_db_cmds, true, true, false, true, true},
+    {"file", &ostrel_files_db_cmds, true, true, true, false, false, false},
+    {"raw", &ostrel_rawfiles_db_cmds, false, false, true, false, false, false},
+    {"repo", &ostrel_cairn_db_cmds, true, true, false, true, false, true},
+    {"hatch", &ostrel_hatches_db_cmds, true, true, false, true, true, false},
 };
 
 const BackEnd *back_end_by_prefix(std::string_view prefix)
@@ -154,13 +155,7 @@ Database::Database(const std::string &name, enclaveid_t enclave, bool case_sensi
 	if (name_.empty())
 		throw Failure(Exit::usage, "a database needs a name")
 		    .in(label_)
-		    .next("write PATH, file:PATH, raw:PATH or hatch:PATH");
-	if (back_->table == nullptr)
-		throw Failure(
-		    Exit::unsupported, fmt::format("this build has no back end for {}: databases", back_->prefix))
-		    .in(label_)
-		    .next(fmt::format(
-			"use file:PATH, raw:PATH or hatch:PATH; a file of this name is written ./{}", label_));
+		    .next("write PATH, file:PATH, raw:PATH, repo:LOCATOR or hatch:PATH");
 	if (name_.size() > OSTREL_DB_NAME_MAX)
 		throw Failure(Exit::invalid,
 		    fmt::format("the name has {} bytes; {} are possible", name_.size(), OSTREL_DB_NAME_MAX))
@@ -205,6 +200,8 @@ void Database::fail(ostrel_error_t result, const std::string &what)
 					      "/etc/meridon/rights",
 				label_));
 	}
+	if (back_->repository)
+		fail_repository(result, what);
 	if (result == OSTREL_NO_MEMORY)
 		throw Failure(Exit::memory, fmt::format("{}: there is no memory, or no space left", what)).in(label_);
 	if (result == OSTREL_NOT_FOUND && back_->is_path)
@@ -218,7 +215,56 @@ void Database::fail(ostrel_error_t result, const std::string &what)
 	throw failure.in(label_);
 }
 
+// What a repository's results mean. Comes back where the general message says it.
+void Database::fail_repository(ostrel_error_t result, const std::string &what)
+{
+	if (result == OSTREL_FAILURE && (enclave_ == 0 || enclave_ == getenclaveid())) {
+		if (std::optional<Failure> unreachable = repository_unreachable())
+			throw unreachable->in(label_);
+	}
+	if (result == OSTREL_NOT_FOUND && db_ == nullptr)
+		throw Failure(Exit::not_found, "the repository has no service or instance of that name")
+		    .in(label_)
+		    .next(fmt::format("cairnctl list tells what it has; cairnctl add {} makes it", name_));
+	if (result == OSTREL_EPERM)
+		throw Failure(Exit::permission, fmt::format("{}: the repository doesn't allow it", what))
+		    .in(label_)
+		    .next("root, the daemon's user and who holds the right cairn.modify in /etc/meridon/rights may "
+			  "update");
+}
+
+// A store that is walked by type alone is walked level by level.
+ostrel_error_t Database::walk_levels(const Identifiers &id, bool exact, const Visit &visit)
+{
+	std::string pattern = "*";
+	for (int level = 0; level < 8; level++, pattern += "/*") {
+		Identifiers one_level = id;
+		one_level.emplace_back(group_type_key, pattern);
+		size_t seen = 0;
+		ostrel_error_t result = walk_once(one_level, exact, [&](Object &&object) {
+			seen++;
+			visit(std::move(object));
+		});
+		if (result != OSTREL_SUCCESS || seen == 0)
+			return result;
+	}
+	return OSTREL_SUCCESS;
+}
+
 ostrel_error_t Database::try_walk(const Identifiers &id, bool exact, const Visit &visit)
+{
+	if (back_->repository && !names_groups(id))
+		return walk_levels(id, exact, visit);
+	ostrel_error_t result = walk_once(id, exact, visit);
+	if (back_->repository && result == OSTREL_NOT_FOUND)
+		return OSTREL_SUCCESS; // a walk to one name
+	// Behind a hatch may be a repository, which refuses this before it looks at anything.
+	if (back_->served && result == OSTREL_INVALID_ARG && !names_groups(id))
+		return walk_levels(id, exact, visit);
+	return result;
+}
+
+ostrel_error_t Database::walk_once(const Identifiers &id, bool exact, const Visit &visit)
 {
 	List list = id_list(id);
 	WalkState state = {&visit, nullptr};
@@ -234,8 +280,25 @@ void Database::walk(const Identifiers &id, bool exact, const Visit &visit)
 	if (!id.empty())
 		require_selection();
 	ostrel_error_t result = try_walk(id, exact, visit);
+	if (result == OSTREL_INVALID_ARG)
+		explain_unread(id);
 	if (result != OSTREL_SUCCESS)
 		fail(result, "can't be read");
+}
+
+// What makes a read of groups an invalid argument. Comes back where it isn't one of groups.
+void Database::explain_unread(const Identifiers &id) const
+{
+	if (!back_->repository && !(back_->served && names_groups(id)))
+		return;
+	if (find_identifier(id, group_name_key) != nullptr) {
+		if (std::optional<Failure> bad = why_bad_path(id))
+			throw bad->in(label_);
+	}
+	throw Failure(Exit::invalid,
+	    fmt::format("{} can't be read: a property there has more than 128 values, or a type that isn't read",
+		id.empty() ? "a group" : id_text(id)))
+	    .in(label_);
 }
 
 std::vector<Object> Database::objects(const Identifiers &id, bool exact)
@@ -251,6 +314,8 @@ std::optional<std::vector<Object>> Database::objects_if_any(const Identifiers &i
 	ostrel_error_t result = try_walk(id, exact, [&](Object &&object) { all.push_back(std::move(object)); });
 	if (result == OSTREL_NOT_FOUND)
 		return std::nullopt;
+	if (result == OSTREL_INVALID_ARG)
+		explain_unread(id);
 	if (result != OSTREL_SUCCESS)
 		fail(result, "can't be read");
 	return all;
@@ -263,6 +328,8 @@ std::optional<Object> Database::find(const Identifiers &id)
 	ostrel_error_t result = ostrel_db_read(db_, list.get(), 0, &props);
 	if (result == OSTREL_NOT_FOUND)
 		return std::nullopt;
+	if (result == OSTREL_INVALID_ARG)
+		explain_unread(id);
 	if (result == OSTREL_INVALID_ARG && objects(id, true).size() > 1)
 		throw Failure(Exit::invalid, fmt::format("several objects have the identifiers {}", id_text(id)))
 		    .in(label_)
@@ -335,8 +402,10 @@ void Database::require_updates(Loss loss)
 }
 
 // What the library refuses though the object itself can be stored.
-Failure Database::refused(const Object *object) const
+Failure Database::refused(const Identifiers &id, const Object *object) const
 {
+	if (back_->repository || (back_->served && names_groups(id)))
+		return why_refused(id, object);
 	if (back_->served) {
 		try {
 			if (object != nullptr)
@@ -363,7 +432,7 @@ void Database::put(const Object &object)
 	List props = props_list(object.props);
 	ostrel_error_t result = ostrel_db_write(db_, list.get(), 0, props.get());
 	if (result == OSTREL_INVALID_ARG)
-		throw refused(&object).in(label_);
+		throw refused(object.id, &object).in(label_);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be written", id_text(object.id)));
 }
@@ -374,7 +443,7 @@ void Database::rename(const Identifiers &from, const Identifiers &to)
 	List new_list = id_list(to);
 	ostrel_error_t result = ostrel_db_rename(db_, old_list.get(), 0, new_list.get());
 	if (result == OSTREL_INVALID_ARG)
-		throw refused().in(label_);
+		throw refused(to).in(label_);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be renamed", id_text(from)));
 }
@@ -384,13 +453,19 @@ void Database::remove(const Identifiers &id)
 	List list = id_list(id);
 	ostrel_error_t result = ostrel_db_remove(db_, list.get(), 0);
 	if (result == OSTREL_INVALID_ARG)
-		throw refused().in(label_);
+		throw refused(id).in(label_);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be removed", id_text(id)));
 }
 
 void Database::destroy()
 {
+	if (back_->repository) {
+		Identifiers top = {{group_type_key, "*"}}; // what lies below goes with it
+		for (const Object &object : objects(top))
+			remove(object.id);
+		return;
+	}
 	ostrel_error_t result = ostrel_db_remove(db_, nullptr, 0);
 	if (result != OSTREL_SUCCESS)
 		fail(result, "can't be removed");

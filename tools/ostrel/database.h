@@ -12,15 +12,16 @@
 #include "failure.h"
 #include "object.h"
 
-// A kind of store. One without a table is known by its name, but not part of this build.
+// A kind of store.
 struct BackEnd {
 	const char *prefix;
 	const ostrel_db_cmds_t *table;
 	bool updates;
-	bool selects; // objects can be asked for by their identifiers
-	bool is_path; // the name is the path of a file, opened by the library at each operation
-	bool defers;  // an update may be put off, and land later
-	bool served;  // another process owns the database, and decides who may do what
+	bool selects;    // objects can be asked for by their identifiers
+	bool is_path;    // the name is the path of a file, opened by the library at each operation
+	bool defers;     // an update may be put off, and land later
+	bool served;     // another process owns the database, and decides who may do what
+	bool repository; // objects are groups, named by their paths, and walked by type
 };
 
 class Database {
@@ -66,8 +67,12 @@ public:
 
 private:
 	void require_selection() const;
-	Failure refused(const Object *object = nullptr) const;
+	Failure refused(const Identifiers &id, const Object *object = nullptr) const;
 	[[noreturn]] void fail(ostrel_error_t result, const std::string &what);
+	void fail_repository(ostrel_error_t result, const std::string &what);
+	void explain_unread(const Identifiers &id) const;
+	ostrel_error_t walk_once(const Identifiers &id, bool exact, const Visit &visit);
+	ostrel_error_t walk_levels(const Identifiers &id, bool exact, const Visit &visit);
 	ostrel_error_t try_walk(const Identifiers &id, bool exact, const Visit &visit);
 
 	std::string label_;

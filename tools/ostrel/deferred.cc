@@ -3,18 +3,19 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include <fmt/format.h>
 
+#include "repository.h"
 #include "scratch.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A store tries 100 times, a second apart, before it gives up.
-constexpr std::chrono::seconds longest_wait(110);
 constexpr std::chrono::milliseconds first_pause(50), longest_pause(1000);
 
 bool same_props(const Object &a, const Object &b)
@@ -25,7 +26,7 @@ bool same_props(const Object &a, const Object &b)
 
 bool wait_for(const std::function<bool()> &landed)
 {
-	Clock::time_point end = Clock::now() + longest_wait;
+	Clock::time_point end = Clock::now() + longest_deferral;
 	for (auto pause = first_pause; Clock::now() < end; pause = std::min(pause * 2, longest_pause)) {
 		std::this_thread::sleep_for(pause);
 		if (landed())
@@ -36,9 +37,21 @@ bool wait_for(const std::function<bool()> &landed)
 
 } // namespace
 
+size_t own_deferred_updates()
+{
+	size_t count = 0;
+	std::error_code ignored;
+	for (const auto &task : std::filesystem::directory_iterator("/proc/self/task", ignored)) {
+		std::string name;
+		std::ifstream comm(task.path() / "comm");
+		count += std::getline(comm, name) && name == "ostrel_update" ? 1 : 0;
+	}
+	return count;
+}
+
 bool is_stored_form(const Object &written, const Object &stored)
 {
-	if (same_props(written, stored))
+	if (same_props(written, stored) || is_repository_form(written, stored))
 		return true;
 	try {
 		LineMaker maker;
@@ -57,7 +70,7 @@ void await_update(Database &database, const Options &options, const std::functio
 	    options.no_wait
 		? "the update is deferred: the store can't be written now"
 		: fmt::format("the update is deferred: the store can't be written now; waiting up to {} s for it",
-		      longest_wait.count()))
+		      longest_deferral.count()))
 		 .in(database.label()));
 	if (options.no_wait || !wait_for(landed))
 		throw Failure(

@@ -1,0 +1,196 @@
+# Databases in the service repository, through the tool: a real daemon, its hatch, and users with and without rights.
+import json
+import os
+import pwd
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+
+import ostrel_tool as t
+
+CONFIGD = os.path.join(os.path.abspath(t.BUILD), "repository", "cairn.configd")
+CAIRNCTL = os.path.join(os.path.abspath(t.BUILD), "tools", "cairnctl")
+DB = "repo:net/link:default"
+
+
+class RepositoryTest(t.ToolTest):
+    def setUp(self):
+        super().setUp()
+        os.chmod(self.dir, 0o755)
+        os.makedirs(self.path("system/transient"))
+        os.makedirs(self.path("etc/meridon"))
+        os.makedirs(self.path("store"))
+        self.env["MERIDON_ROOT"] = self.dir
+        self.daemon = None
+        self.start_daemon()
+        subprocess.run([CAIRNCTL, "add", "net/link:default"], env=self.env, check=True, stdout=subprocess.DEVNULL)
+
+    def start_daemon(self):
+        self.daemon = subprocess.Popen([CONFIGD, "-f", "-d", self.path("system/transient/repository_hatch"),
+                                        "-r", self.path("store/repository.db")], env=self.env, stderr=subprocess.DEVNULL)
+        self.addCleanup(self.end, self.daemon)
+        for _ in range(500):
+            if subprocess.run([CAIRNCTL, "status"], env=self.env, capture_output=True).returncode == 0:
+                return
+            time.sleep(0.02)
+        self.fail("the daemon doesn't answer")
+
+    def end(self, process, number=signal.SIGTERM):
+        if process.poll() is None:
+            process.send_signal(number)
+        process.wait(30)
+        for stream in (process.stdout, process.stderr):
+            if stream:
+                stream.close()
+        return process.returncode
+
+    def put(self, name, types, *props, db=DB):
+        return self.tool("put", db, "object-pgname=" + name, "object-pgtype=" + types, "--", *props)
+
+    def names(self, *words, db=DB):
+        document = json.loads(self.text("walk", "--json", db, *words))
+        return [found["id"]["object-pgname"] for found in document["objects"]]
+
+
+class Commands(RepositoryTest):
+    def test_each_command_works_on_a_repository(self):
+        self.put("eth0", "link", "mtu:uint32=1500", "up:boolean=true", "tags=lan,uplink")
+        self.put("eth0/v4", "link/addr", "address=10.0.0.1")
+        self.assertEqual(self.text("get", DB, "object-pgname=ETH0", "-p", "mtu"), "1500\n")
+        self.assertEqual(self.names(), ["eth0", "eth0/v4"])
+        self.assertEqual(self.names("object-pgtype=link/*"), ["eth0/v4"])
+        self.assertEqual(self.names("object-pgname=none"), [])
+        self.tool("set", DB, "object-pgname=eth0", "--", "mtu=9000", "tags+=new")
+        self.assertEqual(self.text("get", DB, "object-pgname=eth0", "-p", "mtu"), "9000\n")
+        self.tool("unset", DB, "object-pgname=eth0", "--", "up")
+        self.tool("set", DB, "object-pgname=eth0", "-n", "--", "mtu=1")
+        self.assertEqual(self.text("get", DB, "object-pgname=eth0", "-p", "mtu"), "9000\n")
+        self.tool("rename", DB, "object-pgname=eth0/v4", "--", "object-pgname=eth0/ipv4", "object-pgtype=link/addr")
+        document = self.text("export", DB)
+        self.tool("remove", DB, "object-pgname=eth0/ipv4")
+        self.assertEqual(self.names(), ["eth0"])
+        self.tool("import", DB, stdin=document.encode())
+        self.assertEqual(self.names(), ["eth0", "eth0/ipv4"])
+        again = self.tool("import", "--json", DB, stdin=document.encode()).json()
+        self.assertEqual((again["added"], again["replaced"], again["unchanged"]), (0, 0, 2))
+        self.tool("copy", DB, "file.db")
+        self.tool("diff", DB, "file.db")
+        self.put("wlan0", "link", "mtu=1")
+        self.tool("diff", DB, "file.db", code=10)
+        self.tool("copy", "--replace", "file.db", DB)
+        self.assertEqual(self.names(), ["eth0", "eth0/ipv4"])
+        self.error(2, "remove", DB, "--all")
+        self.tool("remove", DB, "--all", "--yes")
+        self.assertEqual(self.names(), [])
+
+    def test_a_replacing_import_takes_no_group_along_that_is_to_stay(self):
+        self.put("a", "t", "p=1")
+        self.put("a/b", "t/u", "p=2")
+        below = json.loads(self.text("export", DB))
+        below["objects"] = [o for o in below["objects"] if "a/b" in json.dumps(o["id"])]
+        self.assertIn("below it", self.error(6, "import", "--replace", DB, stdin=json.dumps(below).encode())["message"])
+        self.assertEqual(self.names(), ["a", "a/b"])
+        other_type = self.text("export", DB).replace("t/u", "t/w")
+        self.tool("import", "--replace", DB, stdin=other_type.encode())
+        self.assertEqual(self.names(), ["a", "a/b"])
+
+    def test_what_a_repository_refuses_is_explained(self):
+        self.put("a/b", "t/u", "p=x")
+        for words, said in (
+                (("put", DB, "object-pgname=new", "--", "p=1"), "type for each level"),
+                (("put", DB, "object-pgname=a/b/c", "object-pgtype=t", "--", "p=1"), "type for each level"),
+                (("put", DB, "name=x", "--", "p=1"), "object-pgname=PATH"),
+                (("put", DB, "object-pgname=x*", "object-pgtype=t", "--", "p=1"), "'*'"),
+                (("put", DB, "object-pgname=" + "/".join("abcdefghi"), "object-pgtype=t", "--", "p=1"), "too long"),
+                (("set", DB, "object-pgname=a/b", "--", "p:int32=1"), "another kind"),
+                (("rename", DB, "object-pgname=a", "--", "object-pgname=z", "object-pgtype=t"), "holds groups")):
+            self.assertIn(said, self.error(6, *words)["message"], words)
+        self.assertIn("no object", self.error(4, "get", DB, "object-pgname=none")["message"])
+        missing = self.error(4, "walk", "repo:net/other")
+        self.assertIn("cairnctl add", missing["hint"])
+        self.assertEqual(self.names(), ["a", "a/b"])
+        self.end(self.daemon)
+        self.assertIn("no repository", self.error(11, "walk", DB)["message"])
+        self.start_daemon()
+        self.assertEqual(self.names(), ["a", "a/b"])
+
+
+@unittest.skipUnless(os.geteuid() == 0, "needs root")
+class Served(RepositoryTest):
+    def serve(self, *words):
+        self.hatch = self.path("run/net")
+        server = subprocess.Popen([t.OSTREL, "serve", "--json", DB, self.hatch, *words], cwd=self.dir, env=self.env,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(self.end, server)
+        self.assertTrue(server.stdout.readline())
+        return server
+
+    def mount_store(self):
+        if subprocess.run(["mount", "-t", "tmpfs", "none", self.path("store")], capture_output=True).returncode != 0:
+            self.skipTest("needs the privilege to mount")
+        self.addCleanup(subprocess.run, ["umount", "-l", self.path("store")])
+
+    def set_readonly(self, word):
+        for _ in range(200):
+            if subprocess.run(["mount", "-o", "remount," + word, self.path("store")], capture_output=True).returncode == 0:
+                return
+            time.sleep(0.05)
+        self.fail("can't be mounted anew")
+
+    def test_a_repository_is_served_to_those_with_the_right(self):
+        tree = tempfile.mkdtemp(prefix="ostrel-repo-")
+        self.addCleanup(shutil.rmtree, tree, ignore_errors=True)
+        os.chmod(tree, 0o755)
+        subprocess.run(["cmake", "--install", t.BUILD, "--prefix", tree], check=True, stdout=subprocess.DEVNULL)
+        self.write("etc/meridon/rights", "daemon: ostrel.read, ostrel.write\n")
+        server = self.serve()
+        tool = os.path.join(tree, "bin", "ostrel")
+
+        def as_user(name, *words):
+            entry = pwd.getpwnam(name)
+            return subprocess.run([tool, *words], env=self.env, cwd="/", capture_output=True, user=entry.pw_uid,
+                                  group=entry.pw_gid, extra_groups=[])
+        hatch = "hatch:" + self.hatch
+        done = as_user("daemon", "put", hatch, "object-pgname=eth0", "object-pgtype=link", "--", "mtu:uint32=1500")
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        self.assertEqual(as_user("nobody", "walk", hatch).returncode, 3)
+        self.assertEqual(as_user("daemon", "get", hatch, "object-pgname=eth0", "-p", "mtu").stdout, b"1500\n")
+        self.assertIn(b"eth0", as_user("daemon", "walk", hatch).stdout)
+        self.assertEqual(self.text("get", DB, "object-pgname=eth0", "-p", "mtu"), "1500\n")
+        self.assertEqual(self.end(server), 0)
+
+    def test_a_server_that_ends_waits_for_what_is_deferred(self):
+        self.end(self.daemon)
+        self.mount_store()
+        self.start_daemon()
+        subprocess.run([CAIRNCTL, "add", "net/link:default"], env=self.env, check=True, stdout=subprocess.DEVNULL)
+        self.put("g", "t", "p=old")
+        server = self.serve()
+        self.set_readonly("ro")
+        self.tool("put", "hatch:" + self.hatch, "object-pgname=g", "--no-wait", "--", "p=new", code=7)
+        server.send_signal(signal.SIGTERM)
+        time.sleep(0.5)
+        self.assertIsNone(server.poll(), "it waits")
+        self.error(11, "walk", "hatch:" + self.hatch)
+        self.set_readonly("rw")
+        self.assertEqual(server.wait(30), 0)
+        said = server.stderr.read().decode()
+        self.assertIn("1 updates are deferred", said)
+        self.assertIn("1 have ended, 0 were given up", said)
+        self.assertEqual(self.text("get", DB, "object-pgname=g", "-p", "p"), "new\n")
+
+        server = self.serve()
+        self.set_readonly("ro")
+        self.tool("put", "hatch:" + self.hatch, "object-pgname=g", "--no-wait", "--", "p=lost", code=7)
+        for _ in range(2):
+            server.send_signal(signal.SIGTERM)
+            time.sleep(0.5)
+        self.assertEqual(server.wait(30), 7)
+        self.assertIn("1 are left behind", server.stderr.read().decode())
+
+
+if __name__ == "__main__":
+    t.main()
