@@ -105,6 +105,12 @@ bool is_daemon(pid_t pid)
 	return own_size > 0 && base(own, own_size) == base(other, other_size);
 }
 
+// Whether a hatch is one of the library's, for a daemon that stands in where an enclave's own isn't up.
+bool is_private(const std::string &hatch)
+{
+	return hatch.find(".libostrel.") != hatch.npos;
+}
+
 bool answers(const std::string &hatch)
 {
 	Fd client(open(hatch.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -155,7 +161,11 @@ Failure hold_file(const std::string &path, const std::string &hatch, Fd *held, H
 		seen = holder;
 		if (proc_text(holder, "cmdline").empty()) // it is ending: its memory has gone, its locks go next
 			continue;
-		if (argument_of(holder, "-d") == hatch) {
+		const std::string held_for = argument_of(holder, "-d");
+		if (is_private(hatch) && !is_private(held_for))
+			return {EBUSY, path + ": the daemon " + std::to_string(holder) + " serves it at " + held_for +
+					   ", and gives way to no private one"};
+		if (held_for == hatch) {
 			if (answers(hatch)) {
 				*hold = Hold::served_already;
 				return {};

@@ -1,6 +1,7 @@
 // One daemon at a time holds a repository file: an flock() on it, for as long as it lives. One that starts with another
 // hatch takes the file over, by asking the holder to end as an operator would: with SIGTERM, so that the kernel decides who
-// may.
+// may. A private daemon, which the library starts where an enclave's own doesn't answer, takes it from other private ones
+// alone: the own one may just be starting.
 #ifndef REPOSITORY_HOLDER_H
 #define REPOSITORY_HOLDER_H
 

@@ -250,6 +250,18 @@ TEST_F(Enclaves, TheOwnDaemonThatComesUpTakesOverFromThePrivateOne)
 	EXPECT_FALSE(is_gone(own)) << "it isn't this process's to end";
 }
 
+TEST_F(Enclaves, APrivateDaemonTakesNothingFromTheOwnOneThatDoesntAnswer)
+{
+	ASSERT_EQ(start_inside(own_hatch), 0);
+	const pid_t own = server_of(enclave_path(own_hatch));
+	fs::rename(enclave_path(own_hatch), enclave_path("/hidden"));
+	CairnDb db = open_cairn();
+	EXPECT_EQ(read(db).substr(0, 1), "?");
+	EXPECT_FALSE(is_gone(own));
+	fs::rename(enclave_path("/hidden"), enclave_path(own_hatch));
+	EXPECT_EQ(read(db), "p=enclave;");
+}
+
 TEST_F(Enclaves, ThoseWhoStartAPrivateDaemonAtOnceGetOneWithOneOwner)
 {
 	constexpr int processes = 4;
