@@ -91,15 +91,25 @@ int make_hatch_file(const char *path)
 	return fchmod(file.get(), hatch_mode) == 0 ? 0 : errno;
 }
 
+// The enclave's program gets nothing of this process's: its streams may be a terminal, and not all descriptors may be
+// close-on-exec.
+void drop_descriptors(int nowhere)
+{
+	for (int fd = 0; fd < 3; fd++)
+		(void) dup2(nowhere, fd);
+	(void) close_range(3, UINT_MAX, 0);
+}
+
 // The child that entered the enclave. Its status is its whole report. The daemon's first process has ended when the fork
 // comes back, so there is nobody to end after a failure.
-[[noreturn]] void start_inside(enclaveid_t enclave, const char *path)
+[[noreturn]] void start_inside(enclaveid_t enclave, const char *path, int nowhere)
 {
 	pid_t daemon = 0;
 	int error = make_hatch_file(path);
 	if (error == 0)
 		error = ostrel_zfork(enclave, B_FALSE, &daemon);
 	if (error == 0 && daemon == 0) {
+		drop_descriptors(nowhere);
 		(void) execlp(
 		    daemon_program, daemon_program, "-d", path, "-r", repository_file, static_cast<char *>(nullptr));
 		_exit(0); // the missing hatch tells
@@ -111,10 +121,13 @@ ostrel_error_t start_private_configd(enclaveid_t enclave)
 {
 	char inside[64]; // composed here: the child can't
 	(void) snprintf(inside, sizeof(inside), "%s.libostrel.%ld", hatch_place, static_cast<long>(enclave));
+	Fd nowhere(open("/dev/null", O_RDWR | O_CLOEXEC)); // this host's: the enclave may have none
+	if (!nowhere)
+		return SETERRNO(errno);
 	pid_t child;
 	int error = ostrel_zfork(enclave, B_TRUE, &child);
 	if (error == 0 && child == 0)
-		start_inside(enclave, inside);
+		start_inside(enclave, inside, nowhere.get());
 	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 }
 

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -113,6 +114,18 @@ int exit_status(int error)
 	}
 }
 
+// A stream that gives nothing and takes what it is given. A root directory may have no /dev/null.
+Fd open_nowhere()
+{
+	Fd nowhere(open("/dev/null", O_RDWR | O_CLOEXEC));
+	int ends[2];
+	if (!nowhere && socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0) {
+		nowhere.reset(ends[0]);
+		(void) close(ends[1]);
+	}
+	return nowhere;
+}
+
 // It may be started by anything: what a process inherits is put in order.
 void clean_process()
 {
@@ -130,9 +143,12 @@ void clean_process()
 	(void) sigprocmask(SIG_SETMASK, &ends, nullptr); // they are waited for
 	(void) umask(022);
 	(void) close_range(3, UINT_MAX, 0);
+	Fd nowhere = open_nowhere();
 	for (int fd = 0; fd < 3; fd++) // a closed stream mustn't become the repository
 		if (fcntl(fd, F_GETFD) == -1)
-			(void) open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY);
+			(void) dup2(nowhere.get(), fd);
+	if (nowhere.get() < 3)
+		(void) fcntl(nowhere.release(), F_SETFD, 0); // it has become one of them
 }
 
 void handle(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
@@ -222,9 +238,9 @@ int serve(const Options &options, int ready)
 	}
 	if (!options.foreground) {
 		log_to_syslog();
-		Fd null(open("/dev/null", O_RDWR | O_CLOEXEC));
-		for (int fd = 0; fd < 3 && null; fd++)
-			(void) dup2(null.get(), fd);
+		Fd nowhere = open_nowhere();
+		for (int fd = 0; fd < 3 && nowhere; fd++)
+			(void) dup2(nowhere.get(), fd);
 	}
 	report(ready, 0);
 	sigset_t ends;

@@ -196,6 +196,12 @@ TEST_F(Enclaves, ADatabaseOfAnEnclaveKeepsThePrivateDaemonUntilItIsClosed)
 	EXPECT_EQ(resources_of(db)->nsr_private_configd_pid, daemon);
 	EXPECT_TRUE(_enclave_has_process(5, daemon));
 	EXPECT_FALSE(_enclave_has_process(5, host_daemon));
+	for (const auto &entry : fs::directory_iterator("/proc/" + std::to_string(daemon) + "/fd")) {
+		const std::string open = fs::read_symlink(entry.path());
+		EXPECT_TRUE(
+		    std::stoi(entry.path().filename()) > 2 || open == "/dev/null" || open.rfind("socket:", 0) == 0)
+		    << "it has this process's " << open;
+	}
 	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;");
 	EXPECT_EQ(read(db, 0), "p=host;") << "other enclaves hang on it, whichever it is";
 	EXPECT_NE(resources_of(db)->nsr_enclave_resources, nullptr);

@@ -22,7 +22,7 @@ fail() {
 # demo COMMAND...: runs the demo by that command, and demands that it tells of its end and leaves nothing.
 demo() {
 	"$@" "$source/scripts/demo" --built "$build" >"$scratch/out" 2>&1 </dev/null || fail "'$*' ended with $?"
-	grep -q '^All 9 steps went well.$' "$scratch/out" || fail "'$*' didn't come to its end"
+	grep -q '^All 11 steps went well.$' "$scratch/out" || fail "'$*' didn't come to its end"
 	[ -z "$(ls "$TMPDIR")" ] || fail "'$*' left something behind"
 }
 
