@@ -4,17 +4,12 @@
 #include <atomic>
 #include <benchmark/benchmark.h>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <sched.h>
-#include <spawn.h>
 #include <sqlite3.h>
 #include <string>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -22,41 +17,16 @@
 #include <meridon/hatch.h>
 #include <meridon/rpy.h>
 
-extern char **environ;
+#include "processes.h"
 
 namespace {
+
+using namespace processes;
 
 constexpr int properties = 10;
 constexpr int many = 10000;
 constexpr size_t reply_size =
     8 + 20 + 4 + 8 + 4 + 4 + 4 + 4 + properties * 30; // what a read of one group gives, nearly
-
-void must(bool right)
-{
-	if (!right)
-		abort();
-}
-
-void stay_on_one_cpu()
-{
-	cpu_set_t one;
-	CPU_ZERO(&one);
-	CPU_SET(0, &one);
-	must(sched_setaffinity(0, sizeof(one), &one) == 0);
-}
-
-int run(std::vector<std::string> words)
-{
-	std::vector<char *> arguments;
-	for (std::string &word : words)
-		arguments.push_back(word.data());
-	arguments.push_back(nullptr);
-	pid_t pid;
-	int status;
-	must(posix_spawn(&pid, arguments[0], nullptr, nullptr, arguments.data(), environ) == 0);
-	must(waitpid(pid, &status, 0) == pid);
-	return WEXITSTATUS(status);
-}
 
 // A daemon of this run, with files of its own.
 class Daemon {
@@ -171,75 +141,59 @@ Daemon &large()
 	return only;
 }
 
-// A process that answers each message with `reply_size` bytes.
-class Echo {
-public:
-	Echo()
-	{
-		int ends[2];
-		must(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0);
-		pid_ = fork();
-		must(pid_ >= 0);
-		char room[4096] = "";
-		while (pid_ == 0) {
-			if (recv(ends[1], room, sizeof(room), 0) <= 0)
-				_exit(0);
-			(void) send(ends[1], room, reply_size, 0);
-		}
-		fd_ = ends[0];
-	}
-	Echo(const Echo &) = delete;
-	Echo &operator=(const Echo &) = delete;
-	~Echo()
-	{
-		(void) kill(pid_, SIGKILL);
-		(void) waitpid(pid_, nullptr, 0);
-	}
-	void trip(size_t size) const
-	{
-		char room[4096] = "";
-		must(send(fd_, room, size, 0) > 0 && recv(fd_, room, sizeof(room), 0) > 0);
-	}
-
-private:
-	pid_t pid_;
-	int fd_ = -1;
-};
-
 Echo &echo()
 {
-	static Echo only;
+	static Echo only(reply_size);
 	return only;
 }
 
 // ---- Commits ----
 
+// A bare SQLite file of the daemon's journal mode, with one row.
+class BareFile {
+public:
+	BareFile()
+	{
+		must(mkdtemp(directory_.data()) != nullptr);
+		must(sqlite3_open((directory_ + "/db").c_str(), &db_) == SQLITE_OK);
+		must(sqlite3_exec(db_,
+			 "pragma journal_mode=truncate; pragma synchronous=extra; create table t(id integer primary "
+			 "key, b blob);"
+			 "insert into t values(1, zeroblob(300))",
+			 nullptr, nullptr, nullptr) == SQLITE_OK);
+		must(sqlite3_prepare_v2(db_, "update t set b = ?1 where id = 1", -1, &update_, nullptr) == SQLITE_OK);
+	}
+	BareFile(const BareFile &) = delete;
+	BareFile &operator=(const BareFile &) = delete;
+	~BareFile()
+	{
+		(void) sqlite3_finalize(update_);
+		(void) sqlite3_close(db_);
+		std::filesystem::remove_all(directory_);
+	}
+	void commit()
+	{
+		blob_[0] = static_cast<char>(blob_[0] + 1);
+		must(sqlite3_exec(db_, "begin immediate", nullptr, nullptr, nullptr) == SQLITE_OK);
+		must(sqlite3_bind_blob(update_, 1, blob_.data(), static_cast<int>(blob_.size()), SQLITE_STATIC) ==
+		     SQLITE_OK);
+		must(sqlite3_step(update_) == SQLITE_DONE && sqlite3_reset(update_) == SQLITE_OK);
+		must(sqlite3_exec(db_, "commit", nullptr, nullptr, nullptr) == SQLITE_OK);
+	}
+
+private:
+	std::string directory_ = "/tmp/ostrel-bench-XXXXXX", blob_ = std::string(properties * 30, 'x');
+	sqlite3 *db_ = nullptr;
+	sqlite3_stmt *update_ = nullptr;
+};
+
 void commit_limit(benchmark::State &state)
 {
-	char directory[] = "/tmp/ostrel-bench-XXXXXX";
-	must(mkdtemp(directory) != nullptr);
-	std::string path = std::string(directory) + "/db", blob(properties * 30, 'x');
-	sqlite3 *db;
-	sqlite3_stmt *update;
-	must(sqlite3_open(path.c_str(), &db) == SQLITE_OK);
-	must(sqlite3_exec(db,
-		 "pragma journal_mode=truncate; pragma synchronous=extra; create table t(id integer primary key, b "
-		 "blob);"
-		 "insert into t values(1, zeroblob(300))",
-		 nullptr, nullptr, nullptr) == SQLITE_OK);
-	must(sqlite3_prepare_v2(db, "update t set b = ?1 where id = 1", -1, &update, nullptr) == SQLITE_OK);
+	BareFile file;
 	for (auto _ : state) {
 		echo().trip(400);
-		blob[0] = static_cast<char>(blob[0] + 1);
-		must(sqlite3_exec(db, "begin immediate", nullptr, nullptr, nullptr) == SQLITE_OK);
-		must(sqlite3_bind_blob(update, 1, blob.data(), static_cast<int>(blob.size()), SQLITE_STATIC) ==
-		     SQLITE_OK);
-		must(sqlite3_step(update) == SQLITE_DONE && sqlite3_reset(update) == SQLITE_OK);
-		must(sqlite3_exec(db, "commit", nullptr, nullptr, nullptr) == SQLITE_OK);
+		file.commit();
 	}
-	(void) sqlite3_finalize(update);
-	(void) sqlite3_close(db);
-	std::filesystem::remove_all(directory);
 }
 BENCHMARK(commit_limit)->UseRealTime();
 
@@ -365,27 +319,19 @@ void snapshot_100(benchmark::State &state)
 }
 BENCHMARK(snapshot_100)->UseRealTime();
 
-// The slowest reads but one in a hundred, in microseconds, alone and beside a client that commits all the time.
-void read_p99(benchmark::State &state, bool beside)
+// The slowest of what `once` does but one in a hundred, in microseconds, alone or beside a thread that does `other` all the
+// time. The limit is the bare round trip beside bare commits: what the one CPU and the disk make of it.
+template <typename Once, typename Other>
+void slowest(benchmark::State &state, bool beside, const Once &once, const Other &other)
 {
-	Daemon &daemon = stored();
 	std::atomic<bool> end{false};
 	std::thread writer;
 	if (beside)
-		writer = std::thread([&] {
-			rpy_propertygroup_t *pg = rpy_pg_create(daemon.handle);
-			must(rpy_instance_get_pg(daemon.instance, "group0", pg) == 0);
-			while (!end) {
-				Daemon::write(daemon.handle, pg, 1);
-				must(rpy_pg_update(pg) == 1);
-			}
-			rpy_pg_destroy(pg);
-		});
-	rpy_propertygroup_t *pg = rpy_pg_create(daemon.handle);
+		writer = std::thread([&] { other(end); });
 	std::vector<double> times;
 	for (auto _ : state) {
 		auto begin = std::chrono::steady_clock::now();
-		must(rpy_instance_get_pg(daemon.instance, "group50", pg) == 0);
+		once();
 		times.push_back(
 		    std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - begin).count());
 	}
@@ -394,10 +340,40 @@ void read_p99(benchmark::State &state, bool beside)
 		writer.join();
 	std::sort(times.begin(), times.end());
 	state.counters["p99_us"] = times[times.size() * 99 / 100];
+}
+
+void p99_limit(benchmark::State &state, bool beside)
+{
+	slowest(
+	    state, beside, [] { echo().trip(32); },
+	    [](const std::atomic<bool> &end) {
+		    BareFile file;
+		    while (!end)
+			    file.commit();
+	    });
+}
+BENCHMARK_CAPTURE(p99_limit, alone, false)->UseRealTime();
+BENCHMARK_CAPTURE(p99_limit, beside_commits, true)->UseRealTime();
+
+void p99(benchmark::State &state, bool beside)
+{
+	Daemon &daemon = stored();
+	rpy_propertygroup_t *pg = rpy_pg_create(daemon.handle);
+	slowest(
+	    state, beside, [&] { must(rpy_instance_get_pg(daemon.instance, "group50", pg) == 0); },
+	    [&](const std::atomic<bool> &end) {
+		    rpy_propertygroup_t *written = rpy_pg_create(daemon.handle);
+		    must(rpy_instance_get_pg(daemon.instance, "group0", written) == 0);
+		    while (!end) {
+			    Daemon::write(daemon.handle, written, 1);
+			    must(rpy_pg_update(written) == 1);
+		    }
+		    rpy_pg_destroy(written);
+	    });
 	rpy_pg_destroy(pg);
 }
-BENCHMARK_CAPTURE(read_p99, alone, false)->UseRealTime();
-BENCHMARK_CAPTURE(read_p99, beside_commits, true)->UseRealTime();
+BENCHMARK_CAPTURE(p99, alone, false)->UseRealTime();
+BENCHMARK_CAPTURE(p99, beside_commits, true)->UseRealTime();
 
 // ---- The start ----
 

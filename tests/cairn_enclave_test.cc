@@ -216,6 +216,27 @@ TEST_F(Enclaves, ADatabaseOfAnEnclaveKeepsThePrivateDaemonUntilItIsClosed)
 	EXPECT_TRUE(ends(daemon));
 }
 
+TEST_F(Enclaves, OnlyAPrivateDaemonThatStillServesItsHatchIsAskedToEnd)
+{
+	ASSERT_EQ(start_inside(own_hatch), 0);
+	const pid_t own = server_of(enclave_path(own_hatch));
+	ostrel_rpy_resources_t claimed{};
+	claimed.nsr_enclaveid = 5;
+	claimed.nsr_private_configd = B_TRUE;
+	for (pid_t stranger : {host_daemon, own, getppid()}) {
+		claimed.nsr_private_configd_pid = stranger;
+		ostrel_end_private_configd(&claimed);
+		usleep(20000);
+		EXPECT_FALSE(is_gone(stranger));
+	}
+	// Nor the one that serves there now, if it lives elsewhere.
+	fs::copy_file(host_hatch, enclave_path(private_hatch));
+	claimed.nsr_private_configd_pid = host_daemon;
+	ostrel_end_private_configd(&claimed);
+	usleep(20000);
+	EXPECT_FALSE(is_gone(host_daemon));
+}
+
 TEST_F(Enclaves, TheEnclavesOwnDaemonIsUsedWhereItIsUpAndItsResourcesKept)
 {
 	ASSERT_EQ(start_inside(own_hatch), 0);

@@ -464,7 +464,7 @@ TEST_F(Cairn, ADaemonKilledAgainAndAgainCostsOneOperationEachAndGivesNoPart)
 		}
 	});
 	int acknowledged = 0;
-	for (int kills = 0; kills < 20; kills++) {
+	for (int kills = 0; kills < 100; kills++) {
 		here.daemon.kill();
 		here.start();
 		ASSERT_TRUE(here.ready);
