@@ -263,15 +263,18 @@ Failure SqliteStore::open(const Loader &loader, uint64_t *next)
 		code = connect(SQLITE_OPEN_READONLY);
 	if (code != SQLITE_OK)
 		return failure(code, (code & 0xff) == SQLITE_NOTADB ? "not a repository" : "can't be opened");
+	// One look at the file: its locks are taken once. It ends with the connection.
+	if ((code = run(database_.get(), "begin")) != SQLITE_OK)
+		return failure(code, "can't be read");
 	bool fresh = false;
 	if (Failure bad = check_format(&fresh))
 		return bad;
 	if (fresh && read_only)
 		return {EROFS, path_ + ": is empty and can't be written"};
 	if (fresh) {
-		std::string text = std::string("begin immediate;") + schema +
+		std::string text = std::string("commit;begin immediate;") + schema +
 				   "pragma application_id=" + std::to_string(application_id) +
-				   ";pragma user_version=" + std::to_string(store_format) + ";commit";
+				   ";pragma user_version=" + std::to_string(store_format) + ";commit;begin";
 		if ((code = run(database_.get(), text.c_str())) != SQLITE_OK)
 			return failure(code, "can't be made");
 	}
