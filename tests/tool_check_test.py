@@ -1,5 +1,6 @@
 # What is wrong with a file: the findings of check, and paths that aren't plain files.
 import os
+import resource
 import subprocess
 import threading
 
@@ -139,7 +140,20 @@ class OddPaths(t.ToolTest):
     def test_devices(self):
         self.assertEqual(self.text("walk", "/dev/null"), "")
         self.refused("/dev/null", "device")
-        self.assertIn("/dev/zero", self.error(6, "walk", "/dev/zero")["where"])
+        for words in (["walk", "/dev/zero"], ["check", "/dev/zero"], ["check", "raw:/dev/zero"]):
+            with self.subTest(words):
+                self.assertIn("/dev/zero", self.error(6, *words)["where"])
+
+    @t.unittest.skipIf(t.sanitized(), "sanitizers take memory of their own")
+    def test_a_line_without_end_takes_no_memory(self):
+        self.write("d", b"a=1;\t\n" + b"x" * (200 << 20) + b"\0\nb=1;\t\nb=1;")
+        limit = lambda: resource.setrlimit(resource.RLIMIT_AS, (100 << 20, 100 << 20))
+        findings = self.tool("--json", "check", "d", code=10, preexec_fn=limit).json()["findings"]
+        self.assertEqual([(f["line"], f["kind"]) for f in findings], [(2, "long"), (4, "doubled")])
+        self.assertIn(str((200 << 20) + 2), findings[0]["message"])
+        findings = self.tool("--json", "check", "raw:d", code=10, preexec_fn=limit).json()["findings"]
+        self.assertEqual([(f["line"], f["kind"]) for f in findings], [(2, "nul")])
+        self.assertIn("would drop it", self.error(6, "put", "d", "c=1", "--", "x=1", preexec_fn=limit)["message"])
 
     def test_links(self):
         os.symlink("nowhere", self.path("dangling"))

@@ -13,6 +13,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
+#include "libostrel_blocks.h"
 #include "libostrel_lines.h"
 #include "lines.h"
 #include "terminal.h"
@@ -168,17 +169,18 @@ class LineChecker {
 public:
 	LineChecker(Findings &findings, bool case_sensitive) : findings_(findings), case_sensitive_(case_sensitive) {}
 
-	void check(size_t number, std::string_view bytes)
+	void check(const Line &line)
 	{
-		size_t length = bytes.size();
-		if (!bytes.empty() && bytes.back() == '\n')
-			bytes.remove_suffix(1);
-		if (length > OSTREL_LINE_SIZE - 1) {
+		size_t number = line.number;
+		std::string_view bytes = line.bytes;
+		if (line.length > OSTREL_LINE_MAX) {
 			findings_.add({number, "long",
 			    fmt::format(
-				"the line has {} bytes, more than {}, and isn't read", length, OSTREL_LINE_SIZE - 1)});
+				"the line has {} bytes, more than {}, and isn't read", line.length, OSTREL_LINE_MAX)});
 			return;
 		}
+		if (!bytes.empty() && bytes.back() == '\n')
+			bytes.remove_suffix(1);
 		size_t nul = bytes.find('\0');
 		if (nul != std::string_view::npos) {
 			findings_.add({number, "nul",
@@ -260,14 +262,14 @@ size_t check_database(const Database &database, Json &list)
 	Findings findings(database.label(), list);
 	// Not by the table: what is checked is one format, and a raw file has none.
 	if (!database.back_end().updates) {
-		each_line(database, [&](size_t number, std::string_view bytes) {
-			if (bytes.find('\0') != std::string_view::npos)
-				findings.add({number, "nul", "a NUL byte ends what is read of the line"});
+		each_line(database, [&](const Line &line) {
+			if (line.has_nul)
+				findings.add({line.number, "nul", "a NUL byte ends what is read of the line"});
 		});
 		return findings.count();
 	}
 	LineChecker checker(findings, database.case_sensitive());
-	each_line(database, [&](size_t number, std::string_view bytes) { checker.check(number, bytes); });
+	each_line(database, [&](const Line &line) { checker.check(line); });
 	check_temporary(database, findings);
 	return findings.count();
 }
