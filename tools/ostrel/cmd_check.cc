@@ -163,6 +163,40 @@ void check_numbers(const std::string &piece, size_t number, Findings &findings)
 	}
 }
 
+// ---- Writing back ----
+
+// The first property that can't be written; empty if it's none by itself.
+std::string unstorable_property(attrlist_t *props)
+{
+	ostrel_line line;
+	for (attrpair_t *pair = nullptr; (pair = attrlist_next_attrpair(props, pair)) != nullptr;) {
+		List one = empty_list();
+		if (attrlist_add_attrpair(one.get(), pair) != 0)
+			throw std::bad_alloc();
+		if (ostrel_format_line(&line, "", one.get()) != OSTREL_SUCCESS)
+			return attrpair_name(pair);
+	}
+	return "";
+}
+
+// Why an object that was read can't be written again, which keeps every update of the database from being made. Empty
+// if it can.
+std::string why_not_written_back(attrlist_t *id, attrlist_t *props)
+{
+	char text[OSTREL_IDSTR_SIZE];
+	if (ostrel_check_identifiers(id) != OSTREL_SUCCESS)
+		return "an identifier ends in a backslash";
+	if (ostrel_idlist2idstr(id, text) != OSTREL_SUCCESS)
+		return fmt::format("the identifiers take more than {} bytes", sizeof(text) - 1);
+	ostrel_line line;
+	if (ostrel_format_line(&line, text, props) == OSTREL_SUCCESS)
+		return "";
+	std::string property = unstorable_property(props);
+	if (property.empty())
+		return fmt::format("the line would have more than {} bytes", OSTREL_LINE_MAX);
+	return fmt::format("a value of the property {} takes more than {} bytes", property, OSTREL_ESCAPED_SIZE - 1);
+}
+
 // ---- Lines ----
 
 class LineChecker {
@@ -209,6 +243,9 @@ private:
 			findings_.add({number, "syntax", why_line_fails(line) + "; the line isn't read"});
 			return;
 		}
+		std::string unwritten = why_not_written_back(id, props);
+		if (!unwritten.empty())
+			findings_.add({number, "unwritable", unwritten + "; no update can write the line back"});
 		Object object = object_from_lists(id, props);
 		auto [identifiers, properties] = cut_once(line, '\t');
 		check_names(number, cut(identifiers, ';').size(), cut_properties(properties).size(), object);
