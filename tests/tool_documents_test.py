@@ -135,9 +135,10 @@ class Documents(t.ToolTest):
                 error = self.error(6, "import", "a", stdin=text)
                 self.assertEqual(error["path"], path)
                 self.assertEqual(self.read("a"), before)
-        for text in (b"", b"{", b"[]", b"nonsense", b'{"format":"ostrel-objects","version":1}', b'"\xff"', b"\0"):
+        for text in (b"", b"{", b"[]", b"nonsense", b'{"format":"ostrel-objects","version":1}', b'"\xff"', b"\0",
+                     document().replace(b'"version": 1', b'"version": 1e999')):
             with self.subTest(text=text):
-                self.error(6, "import", "a", stdin=text)
+                self.assertNotIn("exception", self.error(6, "import", "a", stdin=text)["message"])
         self.assertIn("line 2", self.error(6, "import", "a", stdin=b"{\n]")["message"])
         self.assertEqual(self.read("a"), before)
         self.assertEqual(os.listdir(self.dir), ["a"])
