@@ -269,6 +269,7 @@ ostrel_error_t ostrel_db_open(
 	db->db_flags = flags & (OSTREL_DB_CASE_SENSITIVE | OSTREL_FLAG_TEMPORARY);
 
 	if (cmds->dbc_open != nullptr) {
+		CancellationWaits cancellation;
 		if (ostrel_error_t result = cmds->dbc_open(db.get()))
 			return result;
 	}
@@ -281,6 +282,7 @@ void ostrel_db_close(ostrel_db_t db)
 	DbHandle closing(db);
 	if (!closing || db->db_cmds == nullptr || db->db_cmds->dbc_close == nullptr)
 		return;
+	CancellationWaits cancellation;
 	WriteLock lock(db->db_lock);
 	db->db_cmds->dbc_close(db);
 }
@@ -306,6 +308,7 @@ public:
 
 static ostrel_error_t read_locked(ostrel_db_t db, attrlist_t *idl, uint64_t flags, Objects &objs)
 {
+	CancellationWaits cancellation;
 	ReadLock lock(db->db_lock);
 	ReadMark mark(db);
 	return db->db_cmds->dbc_read(db, idl, db->db_flags | flags | OSTREL_FLAG_EXACT_MATCH | OSTREL_FLAG_WITH_PROPS,
@@ -384,6 +387,7 @@ ostrel_error_t ostrel_db_get_object_props(ostrel_db_t db, attrlist_t *idl, uint6
 template <typename Slot>
 static ostrel_error_t update_locked(ostrel_db_t db, unsigned short event, attrlist_t *idl, Slot slot)
 {
+	CancellationWaits cancellation;
 	WriteLock lock(db->db_lock);
 	ostrel_error_t result = slot();
 	if (db->db_cmds->dbc_audit != nullptr)
@@ -470,11 +474,17 @@ static ostrel_error_t call_back(attrlist_t *object, void *arg)
 	return OSTREL_WALK_HALTED;
 }
 
+static ostrel_error_t read_all(const Walk &walk, attrlist_t *idl, Objects &objs)
+{
+	CancellationWaits cancellation;
+	return walk.db->db_cmds->dbc_read(
+	    walk.db, idl, walk.flags | OSTREL_FLAG_WITH_PROPS, objs.out(), objs.out_count());
+}
+
 static ostrel_error_t walk_array(Walk *walk, attrlist_t *idl, ostrel_sortcb_t *sortcb)
 {
 	Objects objs;
-	ostrel_error_t result = walk->db->db_cmds->dbc_read(
-	    walk->db, idl, walk->flags | OSTREL_FLAG_WITH_PROPS, objs.out(), objs.out_count());
+	ostrel_error_t result = read_all(*walk, idl, objs);
 	if (result != OSTREL_SUCCESS) {
 		objs.forget();
 		return result;

@@ -78,7 +78,7 @@ int ostrel_error2errno(ostrel_error_t err);
 /*
  * A handle of an open database. Many threads may use one at once. Nobody counts references: after ostrel_db_close() it
  * is gone, so a database stays open for as long as any call on it runs, and as any update that was taken over for a
- * later retry is in flight.
+ * later retry is in flight. No operation is a cancellation point, though a walk's callback may be one.
  */
 typedef struct ostrel_db *ostrel_db_t;
 /* A back end: what kind of place a database lies in. There are the ones below and no others. */

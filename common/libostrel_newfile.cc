@@ -6,6 +6,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "base/directory.h"
+
 static constexpr size_t buffer_size = 131072;
 static constexpr size_t small_buffer_size = 8192;
 
@@ -32,11 +34,11 @@ public:
 		fd_ = std::move(file);
 		whole_ = true;
 	}
-	// A file system that can't sync a directory (EINVAL) keeps its names in another way.
 	int sync() const
 	{
-		bool synced = (whole_ ? syncfs(fd_.get()) : fsync(fd_.get())) == 0;
-		return synced || errno == EINVAL ? 0 : errno;
+		if (!whole_)
+			return meridon_sync_dir(fd_.get());
+		return syncfs(fd_.get()) == 0 ? 0 : errno;
 	}
 
 private:

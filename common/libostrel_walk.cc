@@ -179,25 +179,27 @@ static ostrel_error_t keep_selected(int fd, ostrel_db_t db, attrlist_t *idlist, 
 	return LineSelection(db, idlist, exact, &sink).read(fd);
 }
 
-ostrel_error_t ostrel_visit_objects_of_file(
-    ostrel_db_t db, attrlist_t *idlist, uint64_t flags, ostrel_visit_t *visit, void *arg)
+// The text of the lines that are selected, and perhaps of others.
+static ostrel_error_t keep_text(ostrel_db_t db, attrlist_t *idlist, bool exact, KeptText *text)
 {
 	const char *path = ostrel_file_path(db, idlist);
 	if (path == nullptr)
 		return SETERROR(OSTREL_INVALID_ARG);
-	bool exact = (flags & OSTREL_FLAG_EXACT_MATCH) != 0;
-	bool everything = idlist == nullptr || (!exact && ostrel_idlist_is_empty(idlist));
+	CancellationWaits cancellation;
 	int error = 0;
 	Fd file(ostrel_open_db_file(db, path, O_RDONLY | O_CLOEXEC, &error));
 	if (!file)
 		return SETERRNO(error);
+	bool everything = idlist == nullptr || (!exact && ostrel_idlist_is_empty(idlist));
+	return everything ? keep_all(file.get(), text) : keep_selected(file.get(), db, idlist, exact, text);
+}
 
+ostrel_error_t ostrel_visit_objects_of_file(
+    ostrel_db_t db, attrlist_t *idlist, uint64_t flags, ostrel_visit_t *visit, void *arg)
+{
 	KeptText text;
-	ostrel_error_t result =
-	    everything ? keep_all(file.get(), &text) : keep_selected(file.get(), db, idlist, exact, &text);
-	if (result != OSTREL_SUCCESS)
-		return result;
-	file.reset();
+	if (ostrel_error_t bad = keep_text(db, idlist, (flags & OSTREL_FLAG_EXACT_MATCH) != 0, &text))
+		return bad;
 	VisitSink sink(visit, arg);
 	LineSelection all(db, nullptr, false, &sink);
 	return text.give(&all);

@@ -1,6 +1,7 @@
 // The handle and the dispatcher, over a back end of the test's own that keeps objects in memory and notes what it sees.
 // Every case runs twice: as it is, and with all trace points switched on, which must change nothing.
 #include <atomic>
+#include <functional>
 #include <gtest/gtest.h>
 #include <thread>
 #include <vector>
@@ -595,6 +596,65 @@ TEST(DispatchThreads, UpdatesExcludeReadsAndOneAnother)
 	EXPECT_EQ(torn, 0);
 	EXPECT_EQ(pair.left, 2 * rounds);
 	EXPECT_EQ(pair.right, 2 * rounds);
+}
+
+// Runs `operation` in a thread that is cancelled already, and gives whether it came to its end before the thread went.
+bool ends_though_cancelled(const std::function<void()> &operation)
+{
+	struct Run {
+		const std::function<void()> &operation;
+		bool ended = false;
+	} run = {operation};
+	auto body = [](void *arg) -> void * {
+		auto *cancelled = static_cast<Run *>(arg);
+		(void) pthread_cancel(pthread_self());
+		cancelled->operation();
+		cancelled->ended = true;
+		pthread_testcancel();
+		ADD_FAILURE() << "the cancellation was lost";
+		return nullptr;
+	};
+	pthread_t thread;
+	EXPECT_EQ(pthread_create(&thread, nullptr, body, &run), 0);
+	void *result = nullptr;
+	EXPECT_EQ(pthread_join(thread, &result), 0);
+	EXPECT_EQ(result, PTHREAD_CANCELED);
+	return run.ended;
+}
+
+TEST(DispatchThreads, ACancelledThreadLeavesNoLockBehind)
+{
+	struct ostrel_db_cmds cmds = {};
+	cmds.dbc_read = [](ostrel_db_t, attrlist_t *, uint64_t, attrlist_t ***objs, unsigned int *count) {
+		pthread_testcancel();
+		*objs = nullptr;
+		*count = 0;
+		return OSTREL_SUCCESS;
+	};
+	cmds.dbc_write = [](ostrel_db_t, attrlist_t *, uint64_t, attrlist_t *) {
+		pthread_testcancel();
+		return OSTREL_SUCCESS;
+	};
+	cmds.dbc_rename = cmds.dbc_write;
+	cmds.dbc_remove = [](ostrel_db_t, attrlist_t *, uint64_t) {
+		pthread_testcancel();
+		return OSTREL_SUCCESS;
+	};
+	ostrel_db_t db;
+	ASSERT_EQ(ostrel_db_open("x", 0, &cmds, 0, &db), OSTREL_SUCCESS);
+	auto visit = [](ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *) { return 0; };
+	const std::function<void()> operations[] = {
+	    [&] { (void) ostrel_db_read(db, nullptr, 0, nullptr); },
+	    [&] { (void) ostrel_db_write(db, nullptr, 0, nullptr); },
+	    [&] { (void) ostrel_db_rename(db, nullptr, 0, nullptr); },
+	    [&] { (void) ostrel_db_remove(db, nullptr, 0); },
+	    [&] { (void) ostrel_db_walk(db, nullptr, 0, visit, nullptr, nullptr, nullptr); },
+	};
+	for (const auto &operation : operations) {
+		EXPECT_TRUE(ends_though_cancelled(operation));
+		ASSERT_EQ(lock_of(db), Lock::None);
+	}
+	ostrel_db_close(db);
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
@@ -165,6 +166,28 @@ TEST_F(FilesFaults, AnyFailedCallOfAnUpdateLeavesAWholeFile)
 		}
 	}
 	EXPECT_GT(fired, 100);
+}
+
+// Some file systems have nothing to sync in a directory, and say so.
+TEST_F(FilesFaults, ADirectoryThatCannotBeSyncedIsNoFailure)
+{
+	for (int error : {EINVAL, ENOTSUP, EINTR}) {
+		SCOPED_TRACE(strerror(error));
+		for (const Update &update : updates()) {
+			start(update);
+			TestDb db(path);
+			FailNth armed(FailNth::Fsync, 2, error);
+			EXPECT_EQ(Call(update).run(db), OSTREL_SUCCESS) << update.what;
+			armed.stop();
+			EXPECT_TRUE(armed.fired());
+			EXPECT_EQ(armed.calls(), error == EINTR ? 3 : 2); // interrupted, it is asked again
+			EXPECT_TRUE(is_new(update));
+		}
+		FailNth armed(FailNth::Fsync, 1, error);
+		EXPECT_EQ(ostrel_destroy_db_file(path.c_str(), 0), OSTREL_SUCCESS);
+		EXPECT_TRUE(armed.fired());
+		EXPECT_FALSE(scratch.has("db"));
+	}
 }
 
 TEST_F(FilesFaults, ShortWritesAreContinued)

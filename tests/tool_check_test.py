@@ -1,5 +1,6 @@
 # What is wrong with a file: the findings of check, and paths that aren't plain files.
 import os
+import resource
 import subprocess
 import threading
 
@@ -79,6 +80,30 @@ class Check(t.ToolTest):
         self.assertEqual([(n, k) for n, k, _ in self.findings("e")], [(4, "doubled")])
         self.tool("check", "--case", "e")
 
+    # A line that is read but can't be written again stands in the way of every update: the hint of the one that fails
+    # leads here.
+    def test_lines_that_no_update_can_write_back_are_found(self):
+        almost = b"a=1;\t" + b"".join(b"p%d=string,%s;" % (i, b"x" * 480) for i in range(4))
+        cases = [
+            (b"a=" + b"v" * 253 + b";\t", b"a=" + b"v" * 252 + b";\t", "255 bytes"),
+            (b"a=1;\tx=string," + b"w" * 512 + b";", b"a=1;\tx=string," + b"w" * 511 + b";", "property x"),
+            (b"a=1;\ty=int32,1;x=string,a," + b"\\;" * 256 + b";", b"a=1;\tx=string," + b"\\;" * 255 + b";", "property x"),
+            (b"b=1;a=1\\", b"b=1;a=1\\\\", "backslash"),
+            (b"a\\", b"a\\b", "backslash"),
+            (almost + b"q=string," + b"y" * (2047 - len(almost) - 9), almost + b"q=string," + b"y" * (2047 - len(almost) - 11),
+             "2047 bytes"),
+        ]
+        for bad, good, told in cases:
+            with self.subTest(told):
+                self.write("d", b"ok=1;\t\n" + good)
+                self.assertEqual(self.findings(code=0), [])
+                self.tool("put", "d", "ok=1", "--", "x=1")
+                self.write("d", b"ok=1;\t\n" + bad)
+                self.assertEqual([(n, k) for n, k, _ in self.findings()], [(2, "unwritable")])
+                self.assertIn(told, self.findings()[0][2])
+                self.assertIn("ostrel check", self.error(6, "put", "d", "ok=1", "--", "x=1")["hint"])
+                os.unlink(self.path("d.new"))
+
     # What check says isn't read must be just what the library doesn't read.
     def test_check_and_the_library_agree_about_lines(self):
         corpus = os.path.join(t.SOURCE, "tests", "golden", "lines")
@@ -139,7 +164,20 @@ class OddPaths(t.ToolTest):
     def test_devices(self):
         self.assertEqual(self.text("walk", "/dev/null"), "")
         self.refused("/dev/null", "device")
-        self.assertIn("/dev/zero", self.error(6, "walk", "/dev/zero")["where"])
+        for words in (["walk", "/dev/zero"], ["check", "/dev/zero"], ["check", "raw:/dev/zero"]):
+            with self.subTest(words):
+                self.assertIn("/dev/zero", self.error(6, *words)["where"])
+
+    @t.unittest.skipIf(t.sanitized(), "sanitizers take memory of their own")
+    def test_a_line_without_end_takes_no_memory(self):
+        self.write("d", b"a=1;\t\n" + b"x" * (200 << 20) + b"\0\nb=1;\t\nb=1;")
+        limit = lambda: resource.setrlimit(resource.RLIMIT_AS, (100 << 20, 100 << 20))
+        findings = self.tool("--json", "check", "d", code=10, preexec_fn=limit).json()["findings"]
+        self.assertEqual([(f["line"], f["kind"]) for f in findings], [(2, "long"), (4, "doubled")])
+        self.assertIn(str((200 << 20) + 2), findings[0]["message"])
+        findings = self.tool("--json", "check", "raw:d", code=10, preexec_fn=limit).json()["findings"]
+        self.assertEqual([(f["line"], f["kind"]) for f in findings], [(2, "nul")])
+        self.assertIn("would drop it", self.error(6, "put", "d", "c=1", "--", "x=1", preexec_fn=limit)["message"])
 
     def test_links(self):
         os.symlink("nowhere", self.path("dangling"))

@@ -98,7 +98,7 @@ class Convert(t.ToolTest):
         for changes, path in bad:
             error = self.table_error(6, **changes)
             self.assertEqual((error.get("path"), error["where"]), (path, "bad"), changes)
-        for text in ("", "{", '{"format":1,"format":2}', "[" * 100000, "\xff"):
+        for text in ("", "{", '{"format":1,"format":2}', "[" * 100000, "\xff", "1e999"):
             self.write("bad", text.encode("latin-1"))
             self.assertEqual(self.error(6, "convert", "d", "n=1", "--to-persist", "-t", "bad")["where"], "bad")
         self.assertEqual(self.error(1, "convert", "d", "n=1", "--to-persist", "-t", ".")["where"], ".")

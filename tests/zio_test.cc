@@ -550,6 +550,24 @@ TEST(ZioFault, EachFailedCallIsTheResultAndNothingIsLeft)
 	}
 }
 
+TEST(ZioFault, ADirectoryThatCannotBeSyncedIsNoFailure)
+{
+	SKIP_WITHOUT_ENCLAVES();
+	TestEnclave enclave;
+	for (int error : {EINVAL, ENOTSUP, EINTR}) {
+		enclave.write("/db", "old\n");
+		for (bool rename : {true, false}) {
+			FailNth fault(FailNth::Fsync, 1, error);
+			EXPECT_EQ(
+			    rename ? ostrel_zrename("/db", "/db2", enclave.id()) : ostrel_zunlink("/db2", enclave.id()),
+			    0);
+			EXPECT_TRUE(fault.fired());
+		}
+		EXPECT_EQ(access(enclave.host_path("/db").c_str(), F_OK), -1);
+		EXPECT_EQ(access(enclave.host_path("/db2").c_str(), F_OK), -1);
+	}
+}
+
 TEST(ZioFault, AFailedWaitIsTheResult)
 {
 	SKIP_WITHOUT_ENCLAVES();

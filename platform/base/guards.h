@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <pthread.h>
 #include <unistd.h>
 #include <utility>
 
@@ -88,6 +89,19 @@ public:
 
 private:
 	int fd_ = -1;
+};
+
+// While it lives the calling thread isn't cancelled: a cancelled thread runs no guard, so that whatever it holds, a lock
+// above all, would be held for ever. The cancellation waits.
+class CancellationWaits {
+public:
+	CancellationWaits() { (void) pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+	~CancellationWaits() { (void) pthread_setcancelstate(before_, nullptr); }
+	CancellationWaits(const CancellationWaits &) = delete;
+	CancellationWaits &operator=(const CancellationWaits &) = delete;
+
+private:
+	int before_;
 };
 
 #endif

@@ -13,6 +13,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
+#include "libostrel_blocks.h"
 #include "libostrel_lines.h"
 #include "lines.h"
 #include "terminal.h"
@@ -162,23 +163,58 @@ void check_numbers(const std::string &piece, size_t number, Findings &findings)
 	}
 }
 
+// ---- Writing back ----
+
+// The first property that can't be written; empty if it's none by itself.
+std::string unstorable_property(attrlist_t *props)
+{
+	ostrel_line line;
+	for (attrpair_t *pair = nullptr; (pair = attrlist_next_attrpair(props, pair)) != nullptr;) {
+		List one = empty_list();
+		if (attrlist_add_attrpair(one.get(), pair) != 0)
+			throw std::bad_alloc();
+		if (ostrel_format_line(&line, "", one.get()) != OSTREL_SUCCESS)
+			return attrpair_name(pair);
+	}
+	return "";
+}
+
+// Why an object that was read can't be written again, which keeps every update of the database from being made. Empty
+// if it can.
+std::string why_not_written_back(attrlist_t *id, attrlist_t *props)
+{
+	char text[OSTREL_IDSTR_SIZE];
+	if (ostrel_check_identifiers(id) != OSTREL_SUCCESS)
+		return "an identifier ends in a backslash";
+	if (ostrel_idlist2idstr(id, text) != OSTREL_SUCCESS)
+		return fmt::format("the identifiers take more than {} bytes", sizeof(text) - 1);
+	ostrel_line line;
+	if (ostrel_format_line(&line, text, props) == OSTREL_SUCCESS)
+		return "";
+	std::string property = unstorable_property(props);
+	if (property.empty())
+		return fmt::format("the line would have more than {} bytes", OSTREL_LINE_MAX);
+	return fmt::format("a value of the property {} takes more than {} bytes", property, OSTREL_ESCAPED_SIZE - 1);
+}
+
 // ---- Lines ----
 
 class LineChecker {
 public:
 	LineChecker(Findings &findings, bool case_sensitive) : findings_(findings), case_sensitive_(case_sensitive) {}
 
-	void check(size_t number, std::string_view bytes)
+	void check(const Line &line)
 	{
-		size_t length = bytes.size();
-		if (!bytes.empty() && bytes.back() == '\n')
-			bytes.remove_suffix(1);
-		if (length > OSTREL_LINE_SIZE - 1) {
+		size_t number = line.number;
+		std::string_view bytes = line.bytes;
+		if (line.length > OSTREL_LINE_MAX) {
 			findings_.add({number, "long",
 			    fmt::format(
-				"the line has {} bytes, more than {}, and isn't read", length, OSTREL_LINE_SIZE - 1)});
+				"the line has {} bytes, more than {}, and isn't read", line.length, OSTREL_LINE_MAX)});
 			return;
 		}
+		if (!bytes.empty() && bytes.back() == '\n')
+			bytes.remove_suffix(1);
 		size_t nul = bytes.find('\0');
 		if (nul != std::string_view::npos) {
 			findings_.add({number, "nul",
@@ -207,6 +243,9 @@ private:
 			findings_.add({number, "syntax", why_line_fails(line) + "; the line isn't read"});
 			return;
 		}
+		std::string unwritten = why_not_written_back(id, props);
+		if (!unwritten.empty())
+			findings_.add({number, "unwritable", unwritten + "; no update can write the line back"});
 		Object object = object_from_lists(id, props);
 		auto [identifiers, properties] = cut_once(line, '\t');
 		check_names(number, cut(identifiers, ';').size(), cut_properties(properties).size(), object);
@@ -260,14 +299,14 @@ size_t check_database(const Database &database, Json &list)
 	Findings findings(database.label(), list);
 	// Not by the table: what is checked is one format, and a raw file has none.
 	if (!database.back_end().updates) {
-		each_line(database, [&](size_t number, std::string_view bytes) {
-			if (bytes.find('\0') != std::string_view::npos)
-				findings.add({number, "nul", "a NUL byte ends what is read of the line"});
+		each_line(database, [&](const Line &line) {
+			if (line.has_nul)
+				findings.add({line.number, "nul", "a NUL byte ends what is read of the line"});
 		});
 		return findings.count();
 	}
 	LineChecker checker(findings, database.case_sensitive());
-	each_line(database, [&](size_t number, std::string_view bytes) { checker.check(number, bytes); });
+	each_line(database, [&](const Line &line) { checker.check(line); });
 	check_temporary(database, findings);
 	return findings.count();
 }

@@ -296,7 +296,7 @@ std::vector<DocumentObject> read_document(std::istream &in, const std::function<
 {
 	try {
 		return Reader(bad).read(in);
-	} catch (const Json::parse_error &error) {
+	} catch (const Json::exception &error) { // a number beyond all bounds is no error of the syntax
 		std::string text = error.what();
 		size_t bracket = text.find("] "); // behind the parser's own name for the error
 		throw Failure(Exit::invalid, bracket == std::string::npos ? text : text.substr(bracket + 2))

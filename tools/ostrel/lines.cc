@@ -14,6 +14,7 @@
 
 #include "database.h"
 #include "enclave_child.h"
+#include "libostrel_blocks.h"
 #include "libostrel_lines.h"
 
 namespace {
@@ -75,10 +76,64 @@ Stream open_file(const Database &database)
 	return stream;
 }
 
+// The blocks of a file, one after the other, each in the place of the one before.
+class Blocks {
+public:
+	explicit Blocks(FILE *stream) : stream_(stream), memory_(std::make_unique<char[]>(OSTREL_BLOCK_SIZE)) {}
+
+	// Empty at the end, and when a read failed.
+	std::string_view next()
+	{
+		size_t got = fread(memory_.get(), 1, OSTREL_BLOCK_SIZE, stream_);
+		total_ += got;
+		return {memory_.get(), got};
+	}
+	// A device such as the one of zeros.
+	bool endless() const
+	{
+		struct stat kind;
+		return total_ > OSTREL_BLOCK_SIZE && fstat(fileno(stream_), &kind) == 0 &&
+		       (S_ISCHR(kind.st_mode) || S_ISBLK(kind.st_mode));
+	}
+
+private:
+	FILE *stream_;
+	std::unique_ptr<char[]> memory_;
+	size_t total_ = 0;
+};
+
+// A line that is put together from pieces of blocks.
+class LineInPieces {
+public:
+	void add(std::string_view piece)
+	{
+		bytes_ += piece.substr(0, OSTREL_LINE_SIZE - bytes_.size());
+		line_.length += piece.size();
+		line_.has_nul = line_.has_nul || memchr(piece.data(), '\0', piece.size()) != nullptr;
+	}
+	bool empty() const { return line_.length == 0; }
+	size_t number() const { return line_.number; }
+	const Line &finish()
+	{
+		line_.bytes = bytes_;
+		return line_;
+	}
+	void begin_next()
+	{
+		bytes_.clear();
+		line_ = {line_.number + 1, {}, 0, false};
+	}
+
+private:
+	std::string bytes_;
+	Line line_ = {1, {}, 0, false};
+};
+
 // Whether the library reads the whole of a line, or it's one that holds nothing.
-bool is_kept(std::string_view bytes)
+bool is_kept(const Line &line)
 {
-	if (bytes.size() > OSTREL_LINE_SIZE - 1 || bytes.find('\0') != std::string_view::npos)
+	std::string_view bytes = line.bytes;
+	if (line.length > OSTREL_LINE_MAX || line.has_nul)
 		return false;
 	if (!bytes.empty() && bytes.back() == '\n')
 		bytes.remove_suffix(1);
@@ -97,28 +152,42 @@ bool is_kept(std::string_view bytes)
 
 } // namespace
 
-void each_line(const Database &database, const std::function<void(size_t number, std::string_view bytes)> &visit)
+void each_line(const Database &database, const std::function<void(const Line &line)> &visit)
 {
 	Stream stream = open_file(database);
-	char *line = nullptr;
-	size_t room = 0, number = 0;
-	std::unique_ptr<char *, void (*)(char **)> owned(&line, [](char **memory) { free(*memory); });
-	for (ssize_t length; (length = getline(&line, &room, stream.get())) >= 0;)
-		visit(++number, std::string_view(line, static_cast<size_t>(length)));
-	if (ferror(stream.get()) != 0 || feof(stream.get()) == 0)
+	Blocks blocks(stream.get());
+	LineInPieces line;
+	for (std::string_view block; !(block = blocks.next()).empty();) {
+		if (blocks.endless())
+			throw Failure(Exit::invalid, "is a device that doesn't end").in(database.label());
+		while (!block.empty()) {
+			size_t newline = block.find('\n');
+			bool whole = newline != std::string_view::npos;
+			size_t length = whole ? newline + 1 : block.size();
+			line.add(block.substr(0, length));
+			block.remove_prefix(length);
+			if (!whole)
+				break;
+			visit(line.finish());
+			line.begin_next();
+		}
+	}
+	if (ferror(stream.get()) != 0)
 		throw Failure(Exit::failure, fmt::format("can't be read: {}", strerror(errno)))
 		    .in(database.label())
-		    .on_line(number + 1);
+		    .on_line(line.number());
+	if (!line.empty())
+		visit(line.finish());
 }
 
 void refuse_lost_lines(const Database &database)
 {
 	size_t first = 0, count = 0;
 	try {
-		each_line(database, [&](size_t number, std::string_view bytes) {
-			if (is_kept(bytes))
+		each_line(database, [&](const Line &line) {
+			if (is_kept(line))
 				return;
-			first = count++ == 0 ? number : first;
+			first = count++ == 0 ? line.number : first;
 		});
 	} catch (const Failure &) {
 		return; // what can't be read isn't updated either, and the update itself says why

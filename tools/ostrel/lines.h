@@ -8,8 +8,16 @@
 
 class Database;
 
-// Calls `visit` for each line of the file, its newline included, with its number. Throws Failure.
-void each_line(const Database &database, const std::function<void(size_t number, std::string_view bytes)> &visit);
+struct Line {
+	size_t number;
+	std::string_view bytes; // its newline included; of a line that is too long to be read, the beginning
+	size_t length;          // of all its bytes
+	bool has_nul;           // anywhere in it
+};
+
+// Calls `visit` for each line of the file. Holds a line's beginning alone, however long it is. Throws Failure, also for
+// a device that doesn't end within the first block, as the library does.
+void each_line(const Database &database, const std::function<void(const Line &line)> &visit);
 
 // Throws Failure if an update would drop a line, or a part of one: the library writes back what it could read.
 void refuse_lost_lines(const Database &database);

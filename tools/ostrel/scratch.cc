@@ -171,6 +171,16 @@ int fill(int fd, const Replacement &file)
 	return 0;
 }
 
+// A file system that has nothing to sync in a directory says so; that isn't an error.
+int sync_directory(int directory)
+{
+	int result;
+	do
+		result = fsync(directory);
+	while (result != 0 && errno == EINTR);
+	return result == 0 || errno == EINVAL || errno == ENOTSUP ? 0 : errno;
+}
+
 // Fills the new file and puts it in place. The directory is opened first, so that what can fail fails while the old
 // file stands; one that can't be read is synced with all of its file system, through the file.
 int fill_and_rename(int fd, const Replacement &file)
@@ -181,8 +191,8 @@ int fill_and_rename(int fd, const Replacement &file)
 	if (directory < 0 && errno != EACCES)
 		return errno;
 	int error = rename(file.temporary, file.path) == 0 ? 0 : errno;
-	if (error == 0 && (directory >= 0 ? fsync(directory) : syncfs(fd)) != 0)
-		error = errno;
+	if (error == 0)
+		error = directory >= 0 ? sync_directory(directory) : syncfs(fd) == 0 ? 0 : errno;
 	if (directory >= 0)
 		(void) close(directory); // nothing was written through it
 	return error;

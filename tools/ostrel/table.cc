@@ -78,7 +78,7 @@ PropertyTable::PropertyTable(const std::string &file)
 {
 	try {
 		read(file);
-	} catch (const Json::parse_error &error) {
+	} catch (const Json::exception &error) {
 		std::string text = error.what();
 		size_t bracket = text.find("] "); // behind the parser's own name for the error
 		throw Failure(Exit::invalid, bracket == std::string::npos ? text : text.substr(bracket + 2))
