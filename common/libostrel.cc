@@ -104,7 +104,7 @@ static constexpr struct ostrel_db_cmds files_db_cmds = {
     .dbc_write = ostrel_write_object_to_file,
     .dbc_rename = ostrel_rename_object_in_file,
     .dbc_remove = ostrel_remove_object_from_file,
-    .dbc_audit = nullptr,
+    .dbc_audit = ostrel_audit,
     .dbc_auth = nullptr,
     .dbc_visit = ostrel_visit_objects_of_file,
 };
@@ -140,7 +140,7 @@ static constexpr struct ostrel_db_cmds cairn_db_cmds = {
     .dbc_write = ostrel_write_object_to_cairn,
     .dbc_rename = ostrel_rename_object_in_cairn,
     .dbc_remove = ostrel_remove_object_from_cairn,
-    .dbc_audit = nullptr,
+    .dbc_audit = ostrel_audit,
     .dbc_auth = nullptr,
 };
 

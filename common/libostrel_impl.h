@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include <meridon/peercred.h>
+#include <meridon/trail.h>
 
 #include "base/thread_safety.h"
 #include "libostrel.h"
@@ -77,7 +78,8 @@ struct ostrel_db_cmds {
 	ostrel_writecmd_t *dbc_write;
 	ostrel_renamecmd_t *dbc_rename;
 	ostrel_removecmd_t *dbc_remove;
-	// Right after each of these three, whatever it returned, under the same hold of the lock. [no record]
+	// Right after each of these three, whatever it returned, under the same hold of the lock; the event is
+	// TRL_ostrel_update for a write or a rename, with the old identifiers, TRL_ostrel_remove for a remove. [no record]
 	ostrel_auditcmd_t *dbc_audit;
 	// With no lock held; B_TRUE for an update. [OSTREL_SUCCESS without any test]
 	ostrel_authcmd_t *dbc_auth;
@@ -86,10 +88,6 @@ struct ostrel_db_cmds {
 	// objects are those of one moment. Gives what the visit gave. [dbc_read serves]
 	ostrel_visitcmd_t *dbc_visit = nullptr;
 };
-
-// The events that dbc_audit gets: the one for a write or a rename, the other for a remove.
-static constexpr unsigned short TRL_ostrel_update = 134;
-static constexpr unsigned short TRL_ostrel_remove = 135;
 
 // The handle. Nothing in it changes after open but db_priv, the authorization texts (set once, when a server is made)
 // and the locks.
@@ -216,6 +214,10 @@ private:
 	attrlist_t **objs_ = nullptr;
 	unsigned int count_ = 0;
 };
+
+// Leaves a record of an update in the audit trail, under the ids of the client that the calling thread serves, or else of
+// the process: what was updated, and whether it worked. It has no result: what goes wrong costs the record, silently.
+ostrel_auditcmd_t ostrel_audit;
 
 // Flat files and raw files: the tables stand with the dispatcher, the operations in libostrel_files.cc
 ostrel_readcmd_t ostrel_read_objects_from_file;

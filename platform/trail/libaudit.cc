@@ -1,0 +1,66 @@
+// Loading libaudit.
+#include "trail/libaudit.h"
+
+#include <atomic>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+
+#include "base/guards.h"
+#include "base/thread_safety.h"
+
+namespace {
+
+Mutex load_mutex;
+Libaudit loaded GUARDED_BY(load_mutex); // constant once `ready` is true
+std::atomic<bool> ready;
+
+// libaudit looks up the name of the program at its first message and keeps it, in memory that two first messages at a
+// time would garble. So it gets one that goes nowhere before anybody else can send.
+bool let_it_learn_the_program(const Libaudit &library)
+{
+	Fd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+	if (nowhere)
+		(void) library.log_user_message(nowhere.get(), AUDIT_TRUSTED_APP, "", nullptr, nullptr, "", 0);
+	return bool(nowhere);
+}
+
+bool load() REQUIRES(load_mutex)
+{
+	void *library = dlopen("libaudit.so.1", RTLD_NOW | RTLD_LOCAL);
+	if (library == nullptr)
+		return false;
+	loaded.open = reinterpret_cast<decltype(loaded.open)>(dlsym(library, "audit_open"));
+	loaded.log_user_message =
+	    reinterpret_cast<decltype(loaded.log_user_message)>(dlsym(library, "audit_log_user_message"));
+	if (loaded.open != nullptr && loaded.log_user_message != nullptr && let_it_learn_the_program(loaded))
+		return true;
+	(void) dlclose(library);
+	return false;
+}
+
+// A thread that is cancelled in the middle would leave the mutex locked for ever.
+class NoCancel {
+public:
+	NoCancel() { (void) pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_); }
+	~NoCancel() { (void) pthread_setcancelstate(state_, nullptr); }
+	NoCancel(const NoCancel &) = delete;
+	NoCancel &operator=(const NoCancel &) = delete;
+
+private:
+	int state_;
+};
+
+} // namespace
+
+const Libaudit *libaudit() NO_THREAD_SAFETY_ANALYSIS // what `ready` shows is read without the lock
+{
+	if (!ready.load(std::memory_order_acquire)) {
+		NoCancel whole;
+		MutexLock lock(load_mutex);
+		if (!ready.load(std::memory_order_relaxed) && !load())
+			return nullptr;
+		ready.store(true, std::memory_order_release);
+	}
+	return &loaded;
+}

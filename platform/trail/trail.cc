@@ -1,0 +1,224 @@
+// The audit trail on the kernel's audit: a session is a socket to it, an event one message of the kind that trusted
+// programs send.
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include <meridon/trail.h>
+
+#include "base/files.h"
+#include "base/guards.h"
+#include "trail/libaudit.h"
+
+struct trl_session_data {
+	const Libaudit *library;
+	int audit;
+	bool has_user;
+	uid_t uid;
+	gid_t gid;
+};
+
+namespace {
+
+// The data comes first: who has it has the event.
+struct Event {
+	trl_event_data_t data;
+	const trl_session_data_t *session;
+	trl_event_t event;
+};
+
+constexpr struct {
+	trl_event_t event;
+	const char *op;
+} events[] = {
+    {TRL_ostrel_update, "ostrel_update"},
+    {TRL_ostrel_remove, "ostrel_remove"},
+};
+
+const char *op_of(trl_event_t event)
+{
+	for (const auto &row : events) {
+		if (row.event == event)
+			return row.op;
+	}
+	return nullptr;
+}
+
+// Fields "name=value", put one behind the other as long as there is room.
+class RecordText {
+public:
+	// A word of our own.
+	void put(const char *name, const char *word)
+	{
+		begin(name);
+		append(word, strlen(word));
+	}
+	void put(const char *name, int64_t number)
+	{
+		char digits[21];
+		begin(name);
+		if (number < 0)
+			append("-", 1);
+		const uint64_t size = number < 0 ? -static_cast<uint64_t>(number) : static_cast<uint64_t>(number);
+		append(digits, meridon_print_number(size, digits));
+	}
+	// A text from outside.
+	void put_untrusted(const char *name, const char *text)
+	{
+		text = text == nullptr ? "" : text;
+		begin(name);
+		if (is_plain(text))
+			put_quoted(text);
+		else
+			put_hexadecimal(text);
+	}
+	// NULL if it didn't fit.
+	const char *text() const { return fits_ ? buf_ : nullptr; }
+
+private:
+	// The kernel's own rule is blanks, double quotes and what isn't printable ASCII. Two more: the kernel puts the whole
+	// message in single quotes, and programs that search for "exe=" or "uid=" don't care whether it is in quotes.
+	static bool is_plain(const char *text)
+	{
+		for (; *text != '\0'; text++) {
+			if (*text <= ' ' || *text > '~' || strchr("\"'=", *text) != nullptr)
+				return false;
+		}
+		return true;
+	}
+
+	void put_quoted(const char *text)
+	{
+		append("\"", 1);
+		append(text, strlen(text));
+		append("\"", 1);
+	}
+	void put_hexadecimal(const char *text)
+	{
+		constexpr char digits[] = "0123456789ABCDEF";
+		for (; *text != '\0' && fits_; text++) {
+			const auto byte = static_cast<unsigned char>(*text);
+			const char pair[] = {digits[byte >> 4], digits[byte & 15]};
+			append(pair, sizeof(pair));
+		}
+	}
+	void begin(const char *name)
+	{
+		append(" ", length_ > 0 ? 1 : 0);
+		append(name, strlen(name));
+		append("=", 1);
+	}
+	void append(const char *text, size_t length)
+	{
+		fits_ = fits_ && length <= TRL_TEXT_MAX - length_;
+		if (!fits_)
+			return;
+		memcpy(buf_ + length_, text, length);
+		length_ += length;
+		buf_[length_] = '\0';
+	}
+
+	char buf_[TRL_TEXT_MAX + 1] = "";
+	size_t length_ = 0;
+	bool fits_ = true;
+};
+
+void describe(const Event &event, int status, int retval, RecordText &text)
+{
+	const trl_object_t &object =
+	    event.event == TRL_ostrel_remove ? event.data.trl_ostrel_remove : event.data.trl_ostrel_update;
+	text.put("op", op_of(event.event));
+	text.put("event", event.event);
+	text.put_untrusted("parent_file", object.parent_file);
+	text.put_untrusted("object_name", object.object_name);
+	text.put("subj_uid", event.session->uid);
+	text.put("subj_gid", event.session->gid);
+	text.put("status", status);
+	text.put("retval", retval);
+}
+
+int fail(int error)
+{
+	errno = error;
+	return -1;
+}
+
+} // namespace
+
+int trl_start_session(trl_session_data_t **session, const void *imported, unsigned int flags)
+{
+	if (session == nullptr || imported != nullptr || flags != 0)
+		return fail(EINVAL);
+	const Libaudit *library = libaudit();
+	if (library == nullptr)
+		return fail(ENOTSUP);
+	Heap<trl_session_data_t> made(static_cast<trl_session_data_t *>(calloc(1, sizeof(trl_session_data_t))));
+	if (!made)
+		return fail(ENOMEM);
+	made->library = library;
+	made->audit = library->open();
+	if (made->audit < 0)
+		return -1;
+	*session = made.release();
+	return 0;
+}
+
+int trl_set_user(
+    trl_session_data_t *session, uid_t, gid_t, uid_t ruid, gid_t rgid, const trl_terminal_t *terminal, int mode)
+{
+	if (session == nullptr || terminal != nullptr || mode != TRL_NEW)
+		return fail(EINVAL);
+	session->uid = ruid;
+	session->gid = rgid;
+	session->has_user = true;
+	return 0;
+}
+
+trl_event_data_t *trl_alloc_event(const trl_session_data_t *session, trl_event_t event)
+{
+	if (session == nullptr || op_of(event) == nullptr) {
+		errno = EINVAL;
+		return nullptr;
+	}
+	auto *made = static_cast<Event *>(calloc(1, sizeof(Event)));
+	if (made == nullptr) {
+		errno = ENOMEM;
+		return nullptr;
+	}
+	made->session = session;
+	made->event = event;
+	return &made->data;
+}
+
+int trl_put_event(const trl_event_data_t *data, int status, int retval)
+{
+	const auto *event = reinterpret_cast<const Event *>(data);
+	if (event == nullptr || !event->session->has_user)
+		return fail(EINVAL);
+	RecordText text;
+	describe(*event, status, retval, text);
+	if (text.text() == nullptr)
+		return fail(EMSGSIZE);
+	// The empty terminal is none; NULL would have the process's own looked up. It gives the message's number, and 0 or
+	// less if there is no record: 0 with errno EPERM, say, for a caller without the privilege.
+	errno = 0;
+	if (event->session->library->log_user_message(event->session->audit, AUDIT_TRUSTED_APP, text.text(), nullptr,
+		nullptr, "", status == TRL_SUCCESS ? 1 : 0) > 0)
+		return 0;
+	return fail(errno != 0 ? errno : ECONNREFUSED);
+}
+
+void trl_free_event(trl_event_data_t *event)
+{
+	free(event);
+}
+
+int trl_end_session(trl_session_data_t *session)
+{
+	if (session != nullptr)
+		(void) close(session->audit);
+	free(session);
+	return 0;
+}

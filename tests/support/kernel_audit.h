@@ -1,0 +1,56 @@
+// The kernel's audit log as a reader has it: switched on for a test, and the records of trusted programs read back.
+#ifndef TESTS_KERNEL_AUDIT_H
+#define TESTS_KERNEL_AUDIT_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include <gtest/gtest.h>
+
+#include "base/guards.h"
+
+// One record, taken apart without mercy: whatever isn't a row of fields fails the test.
+struct AuditRecord {
+	std::string raw;
+	pid_t pid; // of the sender, as the kernel says it
+	uid_t uid;
+	std::string names; // of the fields, in order, with blanks between them
+	std::map<std::string, std::string> fields;
+
+	const std::string &operator[](const char *name) const;
+};
+
+// While it lives, audit is on, and no other test of this machine reads or switches it. Afterwards it is as it was, also if
+// the test is killed.
+class KernelAudit {
+public:
+	// Why there are no records to be read here, or NULL.
+	static const char *why_not();
+
+	KernelAudit();
+	~KernelAudit();
+	KernelAudit(const KernelAudit &) = delete;
+	KernelAudit &operator=(const KernelAudit &) = delete;
+
+	// The records of updates that were sent since the last look, whoever sent them, in order. All of them: the kernel
+	// delivers in order, and a mark of the test's own ends them.
+	std::vector<AuditRecord> all_records();
+	// Those that this process, or the one given, sent.
+	std::vector<AuditRecord> records(pid_t sender = getpid());
+
+private:
+	Fd lock_;
+	Fd reader_;
+	Fd keeper_pipe_;
+	pid_t keeper_ = -1;
+	int marks_ = 0;
+};
+
+#define SKIP_WITHOUT_KERNEL_AUDIT()                                                                                    \
+	if (const char *why = KernelAudit::why_not())                                                                  \
+	GTEST_SKIP() << why
+
+#endif

@@ -1,0 +1,193 @@
+// The audit trail's interface and the raising of its privilege, for themselves.
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <initializer_list>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <meridon/elevate.h>
+#include <meridon/trail.h>
+
+#include "capabilities.h"
+#include "hatch_peer.h"
+#include "kernel_audit.h"
+
+namespace {
+
+// Runs in a child without privileges that has the right to write records in its permitted set alone, as a program with
+// a file capability begins. The child's status counts the expectations that failed.
+int with_permitted_alone(const std::function<void()> &run)
+{
+	Process child([&] {
+		keep_audit_write(CapSets::Permitted);
+		run();
+		return testing::Test::HasFailure() ? 1 : 0;
+	});
+	return child.wait();
+}
+
+class Elevate : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		if (geteuid() != 0)
+			GTEST_SKIP() << "only root gives capabilities away";
+	}
+};
+
+TEST_F(Elevate, RaisesOnThisThreadAloneAndPutsBack)
+{
+	EXPECT_EQ(with_permitted_alone([] {
+		const std::string before = capability_sets();
+		std::atomic<int> turn = 0;
+		std::string of_other;
+		std::thread other([&] {
+			turn.wait(0);
+			of_other = capability_sets();
+		});
+		elevate_state_t outer, inner;
+		EXPECT_NE(__elevate_if_available("proc_audit", &outer), 0);
+		EXPECT_TRUE(has_audit_write());
+		turn = 1;
+		turn.notify_all();
+		other.join();
+		EXPECT_EQ(of_other, before);
+		EXPECT_NE(__elevate_if_available("proc_audit", &inner), 0);
+		__elevate_restore(inner);
+		EXPECT_TRUE(has_audit_write()) << "the inner one has raised nothing";
+		__elevate_restore(outer);
+		EXPECT_EQ(capability_sets(), before);
+	}),
+	    0);
+}
+
+TEST_F(Elevate, LeavesAPrivilegeThatWasInEffect)
+{
+	const std::string before = capability_sets();
+	elevate_state_t state = 99;
+	EXPECT_NE(__elevate_if_available("proc_audit", &state), 0);
+	EXPECT_EQ(state, 0);
+	__elevate_restore(state);
+	EXPECT_EQ(capability_sets(), before);
+}
+
+TEST_F(Elevate, RefusesWhatMayNotBeHeldOrIsntThere)
+{
+	elevate_state_t state = 99;
+	EXPECT_EQ(__elevate_if_available("proc_everything", &state), 0);
+	EXPECT_EQ(state, 0);
+	EXPECT_EQ(__elevate_if_available(nullptr, &state), 0);
+	EXPECT_EQ(__elevate_if_available("proc_audit", nullptr), 0);
+	Process child([&] {
+		keep_audit_write(CapSets::None);
+		const std::string before = capability_sets();
+		const int held = __elevate_if_available("proc_audit", &state);
+		__elevate_restore(state);
+		return held == 0 && state == 0 && capability_sets() == before ? 0 : 1;
+	});
+	EXPECT_EQ(child.wait(), 0);
+}
+
+// A session with a user, and its data for one event; errors in between fail the test.
+struct Session {
+	trl_session_data_t *session = nullptr;
+	trl_event_data_t *data = nullptr;
+
+	explicit Session(trl_event_t event = TRL_ostrel_update)
+	{
+		EXPECT_EQ(trl_start_session(&session, nullptr, 0), 0) << strerror(errno);
+		EXPECT_EQ(trl_set_user(session, 1, 2, 3, 4, nullptr, TRL_NEW), 0);
+		data = trl_alloc_event(session, event);
+		EXPECT_NE(data, nullptr);
+	}
+	~Session()
+	{
+		trl_free_event(data);
+		EXPECT_EQ(trl_end_session(session), 0);
+	}
+};
+
+class Trail : public testing::Test {
+protected:
+	void SetUp() override { SKIP_WITHOUT_KERNEL_AUDIT(); }
+
+	static int error_of(int result) { return result == 0 ? 0 : errno; }
+};
+
+TEST_F(Trail, TellsOfWrongUse)
+{
+	trl_session_data_t *session = nullptr;
+	EXPECT_EQ(error_of(trl_start_session(nullptr, nullptr, 0)), EINVAL);
+	EXPECT_EQ(error_of(trl_start_session(&session, &session, 0)), EINVAL);
+	EXPECT_EQ(error_of(trl_start_session(&session, nullptr, 1)), EINVAL);
+	EXPECT_EQ(session, nullptr);
+	ASSERT_EQ(trl_start_session(&session, nullptr, 0), 0);
+	EXPECT_EQ(error_of(trl_set_user(nullptr, 0, 0, 0, 0, nullptr, TRL_NEW)), EINVAL);
+	EXPECT_EQ(error_of(trl_set_user(session, 0, 0, 0, 0, nullptr, TRL_NEW + 1)), EINVAL);
+	EXPECT_EQ(trl_alloc_event(nullptr, TRL_ostrel_update), nullptr);
+	for (trl_event_t event : std::initializer_list<trl_event_t>{0, 133, 136, 65535})
+		EXPECT_EQ(trl_alloc_event(session, event), nullptr) << event;
+	EXPECT_EQ(error_of(trl_put_event(nullptr, TRL_SUCCESS, 0)), EINVAL);
+	trl_event_data_t *data = trl_alloc_event(session, TRL_ostrel_update);
+	EXPECT_EQ(error_of(trl_put_event(data, TRL_SUCCESS, 0)), EINVAL) << "nobody did it";
+	trl_free_event(data);
+	trl_free_event(nullptr);
+	EXPECT_EQ(trl_end_session(session), 0);
+	EXPECT_EQ(trl_end_session(nullptr), 0);
+}
+
+TEST_F(Trail, WritesTheRealIdsAndTheNumbersAsTheyAre)
+{
+	KernelAudit audit;
+	{
+		Session session(TRL_ostrel_remove);
+		EXPECT_EQ(trl_set_user(session.session, 1, 2, 4'294'967'294U, 3'000'000'000U, nullptr, TRL_NEW), 0);
+		EXPECT_EQ(trl_put_event(session.data, -2'147'483'647 - 1, 2'147'483'647), 0);
+	}
+	const std::vector<AuditRecord> found = audit.records();
+	ASSERT_EQ(found.size(), 1U);
+	EXPECT_NE(
+	    found[0].raw.find("msg='op=ostrel_remove event=135 parent_file=\"\" object_name=\"\" "
+			      "subj_uid=4294967294 subj_gid=3000000000 status=-2147483648 retval=2147483647 exe="),
+	    std::string::npos)
+	    << found[0].raw;
+	EXPECT_EQ(found[0]["res"], "failed");
+}
+
+TEST_F(Trail, ARecordThatIsTooLongIsRefusedWhole)
+{
+	KernelAudit audit;
+	Session session;
+	std::string name(TRL_TEXT_MAX, 'x');
+	session.data->trl_ostrel_update.parent_file = name.data();
+	while (trl_put_event(session.data, TRL_SUCCESS, 7) != 0) {
+		ASSERT_EQ(errno, EMSGSIZE);
+		ASSERT_FALSE(name.empty());
+		name.pop_back();
+	}
+	const std::vector<AuditRecord> found = audit.records();
+	ASSERT_EQ(found.size(), 1U);
+	EXPECT_EQ(found[0].raw.find(" exe=") - found[0].raw.find("op="), TRL_TEXT_MAX);
+	EXPECT_EQ(found[0]["parent_file"], name);
+	EXPECT_EQ(found[0]["retval"], "7");
+}
+
+TEST_F(Trail, WithoutThePrivilegeNothingIsWritten)
+{
+	KernelAudit audit;
+	Process child([&] {
+		keep_audit_write(CapSets::None);
+		Session session;
+		EXPECT_EQ(error_of(trl_put_event(session.data, TRL_SUCCESS, 0)), EPERM);
+		return testing::Test::HasFailure() ? 1 : 0;
+	});
+	const pid_t pid = child.pid();
+	EXPECT_EQ(child.wait(), 0);
+	EXPECT_EQ(audit.records(pid).size(), 0U);
+}
+
+} // namespace
