@@ -391,7 +391,8 @@ static bool failed_number(long number)
 	return false;
 }
 
-DEFINE(long, fault_syscall, "syscall", long number, ...)
+// How many arguments there are isn't known: six are taken, some of which may be words of the caller's frame.
+DEFINE(__attribute__((no_sanitize("address"))) long, fault_syscall, "syscall", long number, ...)
 {
 	long args[6];
 	va_list more;

@@ -17,6 +17,7 @@
 #include "repository.h"
 #include "scratch.h"
 #include "terminal.h"
+#include "trail.h"
 
 namespace {
 
@@ -269,9 +270,11 @@ void write_file(Database &database, Plan &plan, const std::string &text)
 	try {
 		replace_file(database.name(), database.enclave(), text);
 	} catch (Failure &failure) {
+		record_updates(database.name(), plan.writes(), plan.removals(), failure.code);
 		failure.in(database.label());
 		throw;
 	}
+	record_updates(database.name(), plan.writes(), plan.removals(), Exit::done);
 }
 
 void tell(const Plan &plan, const Complaints &complaints, const Options &options)

@@ -268,10 +268,10 @@ Object object_from_lists(attrlist_t *id, attrlist_t *props)
 	return object;
 }
 
-List id_list(const Identifiers &id)
+List id_list(const Identifiers &id, const char *store)
 {
 	attrlist_t *made = nullptr;
-	if (ostrel_idlist_init(&made, nullptr) != OSTREL_SUCCESS)
+	if (ostrel_idlist_init(&made, store) != OSTREL_SUCCESS)
 		throw std::bad_alloc();
 	List list(made);
 	for (const auto &[name, value] : id) {

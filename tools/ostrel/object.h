@@ -56,7 +56,8 @@ struct Object {
 
 // Throws Failure for a property of a type that the tool doesn't know, rather than losing it.
 Object object_from_lists(attrlist_t *id, attrlist_t *props);
-List id_list(const Identifiers &id);
+// With a store, its name goes along: the file for this one operation, in place of the handle's.
+List id_list(const Identifiers &id, const char *store = nullptr);
 List props_list(const std::vector<Property> &props);
 
 // A text that two identifier lists share exactly if the library takes them for the same object.

@@ -37,9 +37,10 @@ std::string make_scratch_directory()
 
 } // namespace
 
+// The handle has no name, and each operation names the file: what happens in a nameless database leaves no audit record.
 LineMaker::LineMaker() : directory_(make_scratch_directory()), file_(directory_ + "/object")
 {
-	if (ostrel_db_open(file_.c_str(), 0, ostrel_files_db_cmds, OSTREL_DB_CASE_SENSITIVE, &db_) != OSTREL_SUCCESS) {
+	if (ostrel_db_open("", 0, ostrel_files_db_cmds, OSTREL_DB_CASE_SENSITIVE, &db_) != OSTREL_SUCCESS) {
 		(void) rmdir(directory_.c_str()); // empty as it is, it goes; if not, the failed open is the news
 		throw std::bad_alloc();
 	}
@@ -56,7 +57,7 @@ LineMaker::~LineMaker()
 
 ostrel_error_t LineMaker::write(const Object &object)
 {
-	List id = id_list(object.id);
+	List id = id_list(object.id, file_.c_str());
 	List props = props_list(object.props);
 	if (unlink(file_.c_str()) != 0 && errno != ENOENT)
 		return OSTREL_FAILURE;
@@ -88,7 +89,8 @@ Object LineMaker::stored()
 			return 1;
 		}
 	};
-	if (ostrel_db_walk(db_, nullptr, 0, keep, nullptr, &object, nullptr) != OSTREL_SUCCESS)
+	List all = id_list({}, file_.c_str());
+	if (ostrel_db_walk(db_, all.get(), 0, keep, nullptr, &object, nullptr) != OSTREL_SUCCESS)
 		throw Failure(Exit::failure, "the scratch file can't be read").in(file_);
 	return object;
 }
