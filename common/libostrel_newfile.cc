@@ -70,10 +70,26 @@ ostrel_error_t NewFile::open(ostrel_db_t db, const char *path, size_t expected)
 	return open_temporary();
 }
 
+// Takes those of the numbers 0, 1 and 2 that the process has closed: a new file that got one of them would get the
+// messages, too, that somebody writes to his standard error meanwhile.
+class StandardNumbers {
+public:
+	StandardNumbers()
+	{
+		for (int fd = 0; fd < 3; fd++)
+			if (fcntl(fd, F_GETFD) == -1)
+				held_[fd].reset(::open("/", O_PATH | O_CLOEXEC)); // can't be written to
+	}
+
+private:
+	Fd held_[3];
+};
+
 // Without O_TRUNC: what is there is looked at first, and emptied only if it is ours.
 ostrel_error_t NewFile::open_temporary()
 {
 	static constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+	StandardNumbers taken;
 	int error = 0;
 	if (enclave_ == 0) {
 		fd_.reset(::open(temporary_, flags, 0644));

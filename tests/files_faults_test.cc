@@ -190,6 +190,39 @@ TEST_F(FilesFaults, ADirectoryThatCannotBeSyncedIsNoFailure)
 	}
 }
 
+// A daemon that closed its standard streams, and something in it that writes to them all the same.
+TEST_F(FilesFaults, MessagesOfAProcessWithoutStandardStreamsStayOutOfTheFile)
+{
+	std::string expected;
+	for (int i = 0; i < 20; i++)
+		expected += "n=" + std::to_string(i) + ";\tx=int32,1;\n";
+	pid_t child = fork();
+	if (child == 0) {
+		for (int fd = 0; fd < 3; fd++)
+			(void) close(fd);
+		std::atomic<bool> done = false;
+		std::thread talker([&] {
+			while (!done)
+				for (int fd = 0; fd < 3; fd++)
+					(void) !write(fd, "n=noise;\n", 9);
+		});
+		bool good = true;
+		{
+			TestDb db(path);
+			for (int i = 0; i < 400; i++)
+				good = good && ostrel_db_write(db, ids("n=" + std::to_string(i % 20)).get(), 0,
+						   props("x=int32,1").get()) == OSTREL_SUCCESS;
+		}
+		done = true;
+		talker.join();
+		_exit(good ? 0 : 1);
+	}
+	int status = 0;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(status, 0);
+	EXPECT_EQ(file_text(path), expected);
+}
+
 TEST_F(FilesFaults, ShortWritesAreContinued)
 {
 	for (const Update &update : updates()) {

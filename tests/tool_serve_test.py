@@ -215,6 +215,24 @@ class Lives(ServeTest):
         self.assertEqual(server.returncode, 0)
 
     # Each connection takes a descriptor: a soft limit isn't what ends it.
+    # What is opened next would get their numbers, and the messages.
+    def test_it_serves_without_standard_streams(self):
+        self.write("links.db", "name=net0;\tmtu=uint32,1500;\n")
+        for closed in ("2>&-", "<&- >&- 2>&-"):
+            with self.subTest(closed):
+                script = f'exec "$0" serve links.db "$1" --read-auth "" --write-auth "" {closed}'
+                server = subprocess.Popen(["sh", "-c", script, t.OSTREL, self.hatch], cwd=self.dir, env=self.env)
+                try:
+                    for _ in range(100):
+                        result = self.run_tool("walk", self.db)
+                        if result.code == 0 or server.poll() is not None:
+                            break
+                        time.sleep(0.05)
+                    self.assertEqual(result.out, b"name=net0\tmtu=1500\n", result.err)
+                finally:
+                    server.terminate()
+                    self.assertEqual(server.wait(60), 0)
+
     def test_it_raises_its_own_limit(self):
         import resource
         hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]

@@ -10,6 +10,7 @@
 
 #include "command.h"
 #include "shared/failure.h"
+#include "shared/standard_streams.h"
 
 const char *const program_name = "enclavectl";
 
@@ -55,6 +56,7 @@ Exit parse_and_run(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+	hold_standard_streams();
 	(void) std::signal(SIGPIPE, SIG_DFL);
 	// An error of the command line itself is printed as JSON too.
 	bool json = std::any_of(argv, argv + argc, [](const char *word) { return std::strcmp(word, "--json") == 0; });

@@ -10,6 +10,7 @@
 
 #include "command.h"
 #include "failure.h"
+#include "shared/standard_streams.h"
 
 namespace {
 
@@ -123,6 +124,7 @@ Exit run_safely(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+	hold_standard_streams();
 	// A reader that has seen enough ends the tool quietly, also where its starter ignored the signal.
 	(void) std::signal(SIGPIPE, SIG_DFL);
 	try {
