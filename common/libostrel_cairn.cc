@@ -109,6 +109,7 @@ static void ostrel_destroy_rpy_read_resource(ostrel_rpy_read_resources_t *rres)
 {
 	destroy_work(rres);
 	rpy_instance_destroy(rres->nsr_own_inst);
+	rpy_scope_destroy(rres->nsr_scope);
 	free(rres);
 }
 using ReadResources = Handle<ostrel_rpy_read_resources_t, ostrel_destroy_rpy_read_resource>;
@@ -311,6 +312,9 @@ static ostrel_error_t ostrel_create_rpy_read_resources(ostrel_rpy_resources_t *r
 	rres->nsr_own_inst = rpy_instance_create(res->nsr_handle);
 	if (rres->nsr_own_inst == nullptr)
 		return ostrel_rpy_failure();
+	rres->nsr_scope = rpy_scope_create(res->nsr_handle);
+	if (rres->nsr_scope == nullptr)
+		return ostrel_rpy_failure();
 	rres->nsr_svc = res->nsr_svc;
 	rres->nsr_op_inst = res->nsr_issvc ? rres->nsr_own_inst : res->nsr_inst;
 	rres->nsr_inuse = B_TRUE;
@@ -395,10 +399,10 @@ void ostrel_rele_rpy_resources(ostrel_db_t db, ostrel_rpy_resources_t *res, ostr
 	ostrel_rele_rpy_resources_locked(db, res, rres);
 }
 
-// Whether the connection is alive, as far as anybody knows: one call.
-static bool ostrel_rpy_handle_has_server(ostrel_rpy_resources_t *res)
+// Whether the connection is alive, as far as anybody knows: one call, which fills `scope`.
+static bool ostrel_rpy_handle_has_server(const ostrel_rpy_resources_t *res, rpy_scope_t *scope)
 {
-	return rpy_handle_get_scope(res->nsr_handle, RPY_SCOPE_LOCAL, res->nsr_scope) == 0 ||
+	return rpy_handle_get_scope(res->nsr_handle, RPY_SCOPE_LOCAL, scope) == 0 ||
 	       rpy_error() != RPY_ERROR_CONNECTION_BROKEN;
 }
 
@@ -441,7 +445,8 @@ ostrel_error_t ostrel_get_rpy_resources_for_enclave(ostrel_db_t db, enclaveid_t 
 	if (native_of(db) == nullptr)
 		return SETERROR(OSTREL_INVALID_ARG);
 	ostrel_rpy_resources_t *found = find_resources(db, enclave);
-	if (found != nullptr && ostrel_rpy_handle_has_server(found) && !ostrel_native_configd_inenclave_ready(found)) {
+	if (found != nullptr && ostrel_rpy_handle_has_server(found, found->nsr_scope) &&
+	    !ostrel_native_configd_inenclave_ready(found)) {
 		found->nsr_cache_hits++;
 		*resp = found;
 	} else if (ostrel_error_t result = ostrel_create_rpy_resources(db, enclave, resp)) {
@@ -485,31 +490,53 @@ static ostrel_error_t ostrel_get_rpy_dbname_for_op(
 
 // ---- The resources of an operation ----
 
-ostrel_error_t RpyOperation::get(attrlist_t *idl)
+// What an update keeps in the resources nobody else stores there: readers have their own, and the refresh thread takes
+// resources without being an operation.
+ostrel_error_t RpyOperation::begin_update(attrlist_t *idl, bool temp)
 {
 	const char *name;
 	enclaveid_t enclave;
 	if (ostrel_error_t result = ostrel_db_info(db_, idl, &name, &enclave))
 		return result;
-	return ostrel_get_rpy_resources_for_enclave(db_, enclave, &res_);
-}
-
-// What an update keeps in the resources nobody else stores there: readers have their own, and the refresh thread takes
-// resources without being an operation.
-ostrel_error_t RpyOperation::begin_update(attrlist_t *idl, bool temp)
-{
-	if (ostrel_error_t result = get(idl))
+	if (ostrel_error_t result = ostrel_get_rpy_resources_for_enclave(db_, enclave, &res_))
 		return result;
 	res_->nsr_temp = temp ? B_TRUE : B_FALSE;
 	return ostrel_get_rpy_dbname_for_op(idl, res_, res_);
 }
 
+// Takes resources that are there with a free entry of their pool, and tests the connection with the entry's own object, so
+// that readers' calls run beside each other. What isn't as simple is left to the long road.
+bool RpyOperation::take_ready(enclaveid_t enclave)
+{
+	{
+		MutexLock lock(db_->db_privlock);
+		ostrel_rpy_resources_t *found = native_of(db_) == nullptr ? nullptr : find_resources(db_, enclave);
+		if (found == nullptr || found->nsr_private_configd || take_entry(found, &rres_) != OSTREL_SUCCESS)
+			return false;
+		found->nsr_refcnt++;
+		found->nsr_cache_hits++;
+		res_ = found;
+	}
+	if (ostrel_rpy_handle_has_server(res_, rres_->nsr_scope))
+		return true;
+	ostrel_rele_rpy_resources(db_, res_, rres_);
+	res_ = nullptr;
+	rres_ = nullptr;
+	return false;
+}
+
 ostrel_error_t RpyOperation::begin_read(attrlist_t *idl)
 {
-	if (ostrel_error_t result = get(idl))
+	const char *name;
+	enclaveid_t enclave;
+	if (ostrel_error_t result = ostrel_db_info(db_, idl, &name, &enclave))
 		return result;
-	if (ostrel_error_t result = ostrel_get_rpy_read_resources(res_, &rres_))
-		return result;
+	if (!take_ready(enclave)) {
+		if (ostrel_error_t result = ostrel_get_rpy_resources_for_enclave(db_, enclave, &res_))
+			return result;
+		if (ostrel_error_t result = ostrel_get_rpy_read_resources(res_, &rres_))
+			return result;
+	}
 	return ostrel_get_rpy_dbname_for_op(idl, res_, rres_);
 }
 

@@ -51,6 +51,7 @@ struct ostrel_rpy_work_t {
 struct ostrel_rpy_read_resources_t : ostrel_rpy_work_t {
 	boolean_t nsr_inuse;
 	rpy_instance_t *nsr_own_inst; // for an instance of a service-level database
+	rpy_scope_t *nsr_scope;       // for the test of the connection
 	ostrel_rpy_read_resources_t *nsr_list_node;
 };
 
@@ -68,7 +69,7 @@ struct ostrel_rpy_resources_t : ostrel_rpy_work_t {
 	uint64_t nsr_refcnt; // one hold for the place, one for each operation and pass. At 0 they are destroyed
 	char *nsr_locator;
 	rpy_handle_t *nsr_handle;
-	rpy_scope_t *nsr_scope;   // filled by the test of the connection alone
+	rpy_scope_t *nsr_scope;   // filled by the test of the connection alone, which has db_privlock
 	rpy_instance_t *nsr_inst; // the database's; for a service-level database the one that an update named last
 	rpy_snapshot_t *nsr_snap; // the refresh's
 	rpy_transaction_t *nsr_tx;
@@ -137,7 +138,7 @@ public:
 	ostrel_rpy_work_t *work() const { return rres_ != nullptr ? static_cast<ostrel_rpy_work_t *>(rres_) : res_; }
 
 private:
-	ostrel_error_t get(attrlist_t *idl);
+	bool take_ready(enclaveid_t enclave);
 
 	ostrel_db_t db_;
 	ostrel_rpy_resources_t *res_ = nullptr;
