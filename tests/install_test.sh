@@ -15,9 +15,11 @@ tree=$work/tree
 
 for file in include/libostrel.h include/meridon/attrlist.h lib/libostrel.so.1 lib/libmeridon.so.1 \
 	include/meridon/rpy.h lib/cairn/bin/cairn.configd \
+	share/man/man7/ostrel-audit.7 share/ostrel/tracing/slow.bt \
 	lib/pkgconfig/libostrel.pc lib/pkgconfig/libmeridon.pc lib/cmake/ostrel/ostrelConfig.cmake; do
 	[ -e "$tree/$file" ] || fail "$file isn't installed"
 done
+[ -x "$tree/share/ostrel/tracing/who.bt" ] || fail "the programs for tracing can't be run"
 for where in "$source" "$build" "$work/first"; do
 	if grep -rlF "$where" "$tree/lib/pkgconfig" "$tree/lib/cmake" "$tree/include"; then
 		fail "the files above name $where"
