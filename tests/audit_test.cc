@@ -7,6 +7,7 @@
 #include <functional>
 #include <sched.h>
 #include <string>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
@@ -18,6 +19,7 @@
 #include <meridon/trail.h>
 
 #include "alloc_fault.h"
+#include "cairn_db.h"
 #include "capabilities.h"
 #include "hatch_peer.h"
 #include "kernel_audit.h"
@@ -167,6 +169,42 @@ TEST_F(Audit, EachAttemptOfADeferredUpdateIsRecorded)
 	ostrel_db_unlock(db.get());
 	const std::string failed = "update a=1; -1 -1 failed";
 	EXPECT_EQ(in_short(audit_->records()), (Lines{failed, failed, failed, "update a=1; 0 0 success"}));
+}
+
+// A repository's daemon does nothing in the trail: the records are this process's.
+TEST_F(Audit, UpdatesOfARepositoryAreRecordedAndEachAttemptWhileItIsReadOnly)
+{
+	CairnDaemon here;
+	ASSERT_TRUE(here.ready);
+	here.daemon.stop();
+	const std::string store = here.daemon.place.path("store");
+	ASSERT_EQ(mkdir(store.c_str(), 0755), 0);
+	ASSERT_EQ(mount("none", store.c_str(), "tmpfs", 0, "size=16m"), 0);
+	here.daemon.files = store;
+	here.start();
+	RepositoryClient maker(here.hatch());
+	{
+		CairnDb db = open_cairn();
+		EXPECT_EQ(put(db, "a:t", "p=1"), OSTREL_SUCCESS);
+		EXPECT_EQ(move(db, "a", "b:t"), OSTREL_SUCCESS);
+		EXPECT_EQ(drop(db, "a"), OSTREL_NOT_FOUND);
+		const std::vector<AuditRecord> found = audit_->records();
+		EXPECT_EQ(in_short(found), (Lines{"update object-pgname=a;object-pgtype=t; 0 0 success",
+					       "update object-pgname=a;object-pgtype=t; 0 0 success",
+					       "remove object-pgname=a; -1 -1 failed"}));
+		ASSERT_TRUE(eventually(
+		    [&] { return mount("none", store.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr) == 0; }));
+		EXPECT_EQ(drop(db, "b"), OSTREL_SUCCESS);
+		size_t attempts = 0;
+		EXPECT_TRUE(eventually([&] {
+			attempts += audit_->records().size();
+			return attempts >= 101;
+		})) << attempts;
+		usleep(20000);
+		EXPECT_EQ(attempts + audit_->records().size(), 101U) << "the caller's, and a hundred of the thread's";
+	}
+	here.daemon.kill();
+	(void) umount2(store.c_str(), MNT_DETACH);
 }
 
 // ---- Texts from outside ----
