@@ -392,3 +392,102 @@ TEST(Prefix, DoesNotCountInAProgramThatGainedPrivileges)
 	ASSERT_EQ(chmod(program.c_str(), 04755), 0);
 	EXPECT_EQ(where_as_user(), 0) << "the variable counted (or the file system ignores the mode bit)";
 }
+
+// ---- Enclaves as other processes see them ----
+
+// A host with one enclave, whose root is a directory of the test's.
+class EnclaveView : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		setenv("MERIDON_ROOT", host.directory().c_str(), 1);
+		ASSERT_EQ(mkdir(root.c_str(), 0755), 0);
+		ASSERT_EQ(add(record(5, "web", root)), 0);
+	}
+	void TearDown() override { unsetenv("MERIDON_ROOT"); }
+
+	template <typename Call>
+	static int error_of(Call call)
+	{
+		errno = 0;
+		return call() < 0 ? errno : 0;
+	}
+
+	Scratch host;
+	const std::string root = host.path("root");
+};
+
+TEST_F(EnclaveView, NameStateAndRootAreTold)
+{
+	char text[64 + PATH_MAX];
+	enclave_state_t state = ENCLAVE_STATE_INVALID;
+	EXPECT_EQ(getenclavenamebyid(5, text, sizeof(text)), 4);
+	EXPECT_STREQ(text, "web");
+	EXPECT_EQ(enclave_get_state("web", &state), 0);
+	EXPECT_EQ(state, ENCLAVE_STATE_READY);
+	EXPECT_EQ(enclave_getattr(5, ENCLAVE_ATTR_ROOT, text, sizeof(text)), static_cast<ssize_t>(root.size() + 1));
+	EXPECT_EQ(text, root);
+	EXPECT_GT(enclave_getattr(0, ENCLAVE_ATTR_ROOT, text, sizeof(text)), 0);
+	EXPECT_EQ(text, host.directory()) << "the process's own, behind the prefix";
+	unsetenv("MERIDON_ROOT");
+	EXPECT_EQ(enclave_getattr(0, ENCLAVE_ATTR_ROOT, text, sizeof(text)), 2);
+	EXPECT_STREQ(text, "/");
+	EXPECT_EQ(getenclavenamebyid(0, text, sizeof(text)), 7);
+}
+
+// "No such file" and "not a directory" would read as a missing database.
+TEST_F(EnclaveView, FailuresAreNeverThoseOfAMissingFile)
+{
+	char text[64];
+	enclave_state_t state;
+	EXPECT_EQ(error_of([&] { return enclave_getattr(6, ENCLAVE_ATTR_ROOT, text, sizeof(text)); }), EINVAL);
+	EXPECT_EQ(error_of([&] { return enclave_getattr(5, 2, text, sizeof(text)); }), EINVAL);
+	EXPECT_EQ(error_of([&] { return enclave_getattr(5, ENCLAVE_ATTR_ROOT, text, 3); }), ERANGE);
+	EXPECT_EQ(error_of([&] { return getenclavenamebyid(-1, text, sizeof(text)); }), EINVAL);
+	EXPECT_EQ(error_of([&] { return enclave_get_state("other", &state); }), EINVAL);
+	EXPECT_EQ(error_of([&] { return _enclave_hold(6, 0); }), EINVAL);
+	host.write("run/enclaves/5", "nonsense\n");
+	EXPECT_EQ(error_of([&] { return enclave_getattr(5, ENCLAVE_ATTR_ROOT, text, sizeof(text)); }), ESRCH);
+	EXPECT_EQ(error_of([&] { return enclave_get_state("web", &state); }), EINVAL);
+	std::error_code ignored;
+	std::filesystem::remove_all(host.path("run"), ignored);
+	EXPECT_EQ(error_of([&] { return getenclavenamebyid(5, text, sizeof(text)); }), EINVAL);
+}
+
+TEST_F(EnclaveView, APathBelowARootIsOpenedInsideItWithoutWaiting)
+{
+	host.write("root/file", "inside");
+	host.write("outside", "outside");
+	ASSERT_EQ(symlink("/outside", (root + "/absolute").c_str()), 0);
+	ASSERT_EQ(symlink("../outside", (root + "/upwards").c_str()), 0);
+	ASSERT_EQ(symlink("/file", (root + "/within").c_str()), 0);
+	ASSERT_EQ(mkfifo((root + "/fifo").c_str(), 0600), 0);
+	auto text_at = [](const std::string &path) {
+		Fd fd(_enclave_open(path.c_str()));
+		char text[16] = "";
+		return !fd ? "error " + std::to_string(errno)
+			   : std::string(
+				 text, static_cast<size_t>(std::max<ssize_t>(read(fd.get(), text, sizeof(text)), 0)));
+	};
+	EXPECT_EQ(text_at(root + "/file"), "inside");
+	EXPECT_EQ(text_at(root + "/within"), "inside");
+	EXPECT_EQ(text_at(root + "/absolute"), "error " + std::to_string(ENOENT));
+	EXPECT_EQ(text_at(root + "/upwards"), "error " + std::to_string(ENOENT));
+	EXPECT_EQ(text_at(root + "/../outside"), "error " + std::to_string(ENOENT));
+	EXPECT_EQ(text_at(root + "/fifo"), "");
+	EXPECT_EQ(text_at(host.path("outside")), "outside");
+}
+
+TEST_F(EnclaveView, OneAtATimeHoldsAnEnclave)
+{
+	Fd first(_enclave_hold(5, 0));
+	ASSERT_TRUE(first);
+	EXPECT_EQ(error_of([&] { return _enclave_hold(5, 0); }), EAGAIN);
+	std::thread end([&] {
+		usleep(50000);
+		first.reset();
+	});
+	Fd second(_enclave_hold(5, 20));
+	EXPECT_TRUE(second);
+	end.join();
+}
