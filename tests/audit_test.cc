@@ -130,6 +130,24 @@ TEST_F(Audit, EachUpdateIsRecordedInTurn)
 	}
 }
 
+TEST_F(Audit, UpdatesOfTheRepositoryAreRecordedToo)
+{
+	CairnDaemon here;
+	ASSERT_TRUE(here.ready);
+	CairnDb db = open_cairn();
+	ASSERT_TRUE(db);
+	EXPECT_EQ(put(db, "a:t", "p=1"), OSTREL_SUCCESS);
+	EXPECT_EQ(move(db, "a:t", "b:t"), OSTREL_SUCCESS);
+	EXPECT_EQ(drop(db, "a:t"), OSTREL_NOT_FOUND);
+	EXPECT_EQ(drop(db, "b:t"), OSTREL_SUCCESS);
+	const std::vector<AuditRecord> found = audit_->records();
+	const std::string a = "object-pgname=a;object-pgtype=t;", b = "object-pgname=b;object-pgtype=t;";
+	EXPECT_EQ(in_short(found), (Lines{"update " + a + " 0 0 success", "update " + a + " 0 0 success",
+				       "remove " + a + " -1 -1 failed", "remove " + b + " 0 0 success"}));
+	for (const AuditRecord &record : found)
+		EXPECT_EQ(record["parent_file"], test_instance);
+}
+
 TEST_F(Audit, ReadsWalksAndWhatNeverReachesAStoreAreNot)
 {
 	ASSERT_EQ(write(db_.get(), "a=1"), OSTREL_SUCCESS);

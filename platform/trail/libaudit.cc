@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <dlfcn.h>
-#include <pthread.h>
 #include <sys/eventfd.h>
 
 #include "base/guards.h"
@@ -39,24 +38,12 @@ bool load() REQUIRES(load_mutex)
 	return false;
 }
 
-// A thread that is cancelled in the middle would leave the mutex locked for ever.
-class NoCancel {
-public:
-	NoCancel() { (void) pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_); }
-	~NoCancel() { (void) pthread_setcancelstate(state_, nullptr); }
-	NoCancel(const NoCancel &) = delete;
-	NoCancel &operator=(const NoCancel &) = delete;
-
-private:
-	int state_;
-};
-
 } // namespace
 
 const Libaudit *libaudit() NO_THREAD_SAFETY_ANALYSIS // what `ready` shows is read without the lock
 {
 	if (!ready.load(std::memory_order_acquire)) {
-		NoCancel whole;
+		CancellationWaits cancellation;
 		MutexLock lock(load_mutex);
 		if (!ready.load(std::memory_order_relaxed) && !load())
 			return nullptr;
