@@ -103,7 +103,9 @@ class KernelAudit:
         rows = []
         for text in self.texts():
             fields = dict(re.findall(r"(\w+)=(\"[^\"]*\"|\S*)", text.split("msg='")[1]))
-            path = os.path.join(directory, decoded(fields["parent_file"]))
+            path = decoded(fields["parent_file"])
+            if not path.startswith("/"):
+                continue  # a repository's locator, of some other program
             rows.append(f"{fields['op'][7:]} {os.path.relpath(path, directory)} {decoded(fields['object_name'])} "
                         f"{fields['status']}")
         return rows
