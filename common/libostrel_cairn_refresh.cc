@@ -2,6 +2,7 @@
 // notes the time; a thread of the native resources looks every few seconds.
 #include <cstdlib>
 #include <pthread.h>
+#include <unistd.h>
 
 #include "libostrel_cairn.h"
 
@@ -77,6 +78,7 @@ struct RefreshGate {
 	uint64_t made;    // numbers given
 	uint64_t present; // 0: none goes on
 	int threads;      // that haven't ended
+	pid_t process;    // whose threads they are: a forked child has none of them
 };
 
 namespace {
@@ -174,6 +176,9 @@ void ostrel_start_refresh(ostrel_rpy_resources_t *res, const ostrel_rpy_resource
 	if (gate == nullptr || !job)
 		return;
 	MutexLock lock(gate->lock);
+	if (gate->process != getpid())
+		gate->threads = 0;
+	gate->process = getpid();
 	const uint64_t number = ++gate->made;
 	*job.get() = {res->nsr_db, gate, number};
 	if (ostrel_start_thread(ostrel_refresh_cairn_thread, job.get()) != 0)
@@ -199,7 +204,7 @@ void ostrel_close_refresh(RefreshGate *gate)
 		return;
 	MutexLock lock(gate->lock);
 	// A pass that replaces the resources starts another thread, which is told to end here, too.
-	while (gate->threads > 0) {
+	while (gate->threads > 0 && gate->process == getpid()) {
 		gate->present = 0;
 		(void) pthread_cond_broadcast(&gate->changed);
 		(void) pthread_cond_wait(&gate->changed, &gate->lock.raw);
@@ -210,7 +215,9 @@ void ostrel_free_refresh_gate(RefreshGate *gate)
 {
 	if (gate == nullptr)
 		return;
-	(void) pthread_cond_destroy(&gate->changed);
+	// To a forked child its parent's thread waits there for ever, and so would this.
+	if (gate->process == 0 || gate->process == getpid())
+		(void) pthread_cond_destroy(&gate->changed);
 	gate->lock.destroy();
 	free(gate);
 }

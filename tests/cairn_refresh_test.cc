@@ -4,6 +4,7 @@
 #include <csignal>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <thread>
 
 #include "cairn_db.h"
@@ -151,6 +152,24 @@ TEST_F(Refresh, ACloseWaitsForAPassThatIsUnderWay)
 	ASSERT_EQ(kill(here.daemon.pid(), SIGCONT), 0);
 	closing.join();
 	EXPECT_EQ(running(), "a");
+}
+
+TEST_F(Refresh, AForkedChildUsesAndClosesADatabaseThoughTheThreadIsItsParents)
+{
+	ASSERT_EQ(put(db, "g:t", "p=parent"), OSTREL_SUCCESS);
+	const pid_t child = fork();
+	ASSERT_GE(child, 0);
+	if (child == 0) {
+		alarm(20);
+		const bool written = put(db, "g", "p=child") == OSTREL_SUCCESS;
+		db.reset();
+		_exit(written ? 0 : 1);
+	}
+	int status;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(status, 0);
+	EXPECT_EQ(running(), "child");
+	EXPECT_EQ(get(db, "g"), "g:t|p=child;");
 }
 
 TEST_F(Refresh, PassesRunBesideUpdatesWalksAndALostDaemon)
