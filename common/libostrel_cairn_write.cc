@@ -387,8 +387,9 @@ ostrel_error_t remove_or_undo(ostrel_db_t db, attrlist_t *idl, uint64_t flags, a
 	return result;
 }
 
-// Reads the object with the lock given up, since the read takes it itself.
-ostrel_error_t read_unlocked(ostrel_db_t db, attrlist_t *idl, uint64_t flags, AttrList *props) REQUIRES(db->db_lock)
+// Reads the object with the lock given up, since the read takes it itself. The dispatcher holds it around each slot, which a
+// slot's type doesn't say.
+ostrel_error_t read_unlocked(ostrel_db_t db, attrlist_t *idl, uint64_t flags, AttrList *props) NO_THREAD_SAFETY_ANALYSIS
 {
 	ostrel_db_unlock(db);
 	ostrel_error_t result = ostrel_db_read(db, idl, flags, props->out());
