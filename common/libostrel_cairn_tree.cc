@@ -109,29 +109,27 @@ namespace {
 
 // What a walk looks for at one depth: a name without regard to case, or a type.
 struct Wanted {
-	const char *name;
-	const char *type;
+	const char *text;
+	bool is_name;
 
+	const char *name() const { return is_name ? text : nullptr; }
+	const char *type() const { return is_name ? nullptr : text; }
 	bool fits(const GroupNames &group) const
 	{
-		if (name != nullptr)
-			return strcasecmp(group.name, name) == 0;
-		const char *star = strchr(type, '*');
-		return star == nullptr ? strcmp(group.type, type) == 0
-				       : strncmp(group.type, type, static_cast<size_t>(star - type)) == 0;
+		if (is_name)
+			return strcasecmp(group.name, text) == 0;
+		const char *star = strchr(text, '*');
+		return star == nullptr ? strcmp(group.type, text) == 0
+				       : strncmp(group.type, text, static_cast<size_t>(star - text)) == 0;
 	}
 };
 
 struct WantedPath {
-	const RpyPath *name;
-	const RpyPath *type;
+	const RpyPath &path;
+	bool is_name;
 
-	int count() const { return name != nullptr ? name->count : type->count; }
-	Wanted at(int depth) const
-	{
-		return {name != nullptr ? name->component[depth] : nullptr,
-		    type != nullptr ? type->component[depth] : nullptr};
-	}
+	int count() const { return path.count; }
+	Wanted at(int depth) const { return {path.component[depth], is_name}; }
 };
 
 // Sets the iterator of a depth before its first group. The daemon leaves out what can't fit.
@@ -139,10 +137,10 @@ int start_iterator(ostrel_rpy_work_t *work, int depth, const Wanted &wanted)
 {
 	rpy_iter_t *iter = work->nsr_pgiter[depth];
 	if (depth > 0)
-		return _rpy_iter_pg_pgs_like(iter, work->nsr_pg[depth - 1], wanted.name, wanted.type);
+		return _rpy_iter_pg_pgs_like(iter, work->nsr_pg[depth - 1], wanted.name(), wanted.type());
 	if (work->nsr_svclevelop)
-		return _rpy_iter_service_pgs_like(iter, work->nsr_svc, wanted.name, wanted.type);
-	return _rpy_iter_instance_pgs_like(iter, work->nsr_op_inst, wanted.name, wanted.type);
+		return _rpy_iter_service_pgs_like(iter, work->nsr_svc, wanted.name(), wanted.type());
+	return _rpy_iter_instance_pgs_like(iter, work->nsr_op_inst, wanted.name(), wanted.type());
 }
 
 ostrel_error_t ostrel_rpy_iter_pgs(ostrel_rpy_work_t *work, int depth, const Wanted &wanted)
@@ -219,7 +217,7 @@ ostrel_error_t ostrel_rpy_iter_next_pg(ostrel_rpy_work_t *work, const RpyPath *n
 {
 	if ((name == nullptr) == (type == nullptr))
 		return OSTREL_INVALID_ARG;
-	return next_pg(work, 0, {name, type});
+	return next_pg(work, 0, {name != nullptr ? *name : *type, name != nullptr});
 }
 
 // ---- Looking a group up ----

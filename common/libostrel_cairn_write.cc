@@ -347,7 +347,7 @@ ostrel_error_t find_place(ostrel_db_t db, attrlist_t *idl, GroupPlace *place, bo
 // Removing the old group takes the groups below it along, so a rename that would lose any is refused.
 ostrel_error_t check_rename(ostrel_db_t db, attrlist_t *idl, attrlist_t *newidl, bool *is_same)
 {
-	GroupPlace from, to;
+	GroupPlace from = {}, to = {};
 	bool has_groups = false;
 	if (ostrel_error_t result = find_place(db, idl, &from, &has_groups))
 		return result;
