@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -272,33 +273,104 @@ TEST_F(HatchHostile, ClientsThatVanishInMidCallLeaveNothing)
 	EXPECT_TRUE(serves());
 }
 
-TEST_F(HatchHostile, DescriptorsThatAreSentAreClosedAndTheCallIsRefused)
+bool send_with_descriptors(int socket_fd, std::string bytes, const std::vector<int> &fds)
+{
+	iovec part = {bytes.data(), bytes.size()};
+	std::vector<char> control(CMSG_SPACE(fds.size() * sizeof(int)));
+	msghdr header = {};
+	header.msg_iov = &part;
+	header.msg_iovlen = 1;
+	header.msg_control = control.data();
+	header.msg_controllen = control.size();
+	cmsghdr *rights = CMSG_FIRSTHDR(&header);
+	rights->cmsg_level = SOL_SOCKET;
+	rights->cmsg_type = SCM_RIGHTS;
+	rights->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
+	memcpy(CMSG_DATA(rights), fds.data(), fds.size() * sizeof(int));
+	return sendmsg(socket_fd, &header, MSG_NOSIGNAL) != -1;
+}
+
+// Kernels from 6.16 on refuse them for the server; before, it closes them.
+TEST_F(HatchHostile, ACallWithDescriptorsIsRefused)
 {
 	ASSERT_TRUE(serves());
 	int before = descriptors_of(server_.pid());
 	for (size_t count : {size_t{1}, size_t{8}, size_t{100}, size_t{253}}) {
 		RawClient client(path_);
-		std::string request = head_of(5) + "hello";
-		iovec part = {request.data(), request.size()};
-		std::vector<char> control(CMSG_SPACE(count * sizeof(int)));
-		msghdr header = {};
-		header.msg_iov = &part;
-		header.msg_iovlen = 1;
-		header.msg_control = control.data();
-		header.msg_controllen = control.size();
-		cmsghdr *rights = CMSG_FIRSTHDR(&header);
-		rights->cmsg_level = SOL_SOCKET;
-		rights->cmsg_type = SCM_RIGHTS;
-		rights->cmsg_len = CMSG_LEN(count * sizeof(int));
 		std::vector<int> fds(count, fd_.get());
-		memcpy(CMSG_DATA(rights), fds.data(), count * sizeof(int));
-		ASSERT_NE(sendmsg(client.fd(), &header, 0), -1);
-		EXPECT_EQ(client.receive(), head_of(0, wire_magic, static_cast<uint32_t>(Refusal::descriptors)))
-		    << count;
+		if (send_with_descriptors(client.fd(), head_of(5) + "hello", fds)) {
+			EXPECT_EQ(client.receive(), head_of(0, wire_magic, static_cast<uint32_t>(Refusal::descriptors)))
+			    << count;
+		} else {
+			EXPECT_EQ(errno, EPERM);
+		}
 		ASSERT_TRUE(client.send(head_of(2) + "ok"));
 		EXPECT_EQ(client.receive(), head_of(2) + "ok");
 	}
 	EXPECT_TRUE(eventually([&] { return descriptors_of(server_.pid()) <= before; })) << "they were kept";
+}
+
+// A socket with unsent data whose close waits for it: whoever closes it last waits, for an hour here.
+Fd lingering_socket(Fd *other_end)
+{
+	Fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+	Fd socket_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+	sockaddr_in address = {};
+	address.sin_family = AF_INET;
+	address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+	socklen_t len = sizeof address;
+	EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), len), 0);
+	EXPECT_EQ(listen(listener.get(), 1), 0);
+	EXPECT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr *>(&address), &len), 0);
+	(void) connect(socket_fd.get(), reinterpret_cast<sockaddr *>(&address), len);
+	other_end->reset(accept(listener.get(), nullptr, nullptr));
+	std::string bytes(1U << 20, 'x');
+	while (send(socket_fd.get(), bytes.data(), bytes.size(), 0) > 0)
+		;
+	struct linger hour = {1, 3600};
+	EXPECT_EQ(setsockopt(socket_fd.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof hour), 0);
+	return socket_fd;
+}
+
+TEST_F(HatchHostile, ADescriptorWhoseCloseWaitsHoldsNobodyUp)
+{
+	Fd other_end;
+	RawClient client(path_);
+	{
+		Fd trap = lingering_socket(&other_end);
+		bool sent = send_with_descriptors(client.fd(), head_of(5) + "hello", {trap.get()});
+		ASSERT_TRUE(sent || client.send(head_of(5) + "hello"));
+		if (!sent)
+			other_end.reset(); // the trap is still ours to close
+	}
+	EXPECT_NE(client.receive(), "<nothing>") << "a thread waits for it";
+	EXPECT_TRUE(serves());
+}
+
+// What is received with descriptors in spite of all: they are closed, however many, and none of them waits.
+TEST(HatchWire, DescriptorsThatComeAlongAreClosedAtOnce)
+{
+	for (size_t count : {size_t{1}, size_t{8}, size_t{100}, size_t{253}}) {
+		int ends[2];
+		ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+		Fd here(ends[0]), there(ends[1]), other_end;
+		{
+			Fd trap = lingering_socket(&other_end);
+			std::vector<int> fds(count, there.get());
+			fds.back() = trap.get();
+			ASSERT_TRUE(send_with_descriptors(there.get(), "x", fds));
+		}
+		Process receiver([&] {
+			(void) alarm(10);
+			int before = descriptors_of(getpid());
+			char byte = 0;
+			iovec part = {&byte, 1};
+			Message message = receive_message(here.get(), &part, 1, 0);
+			return message.size == 1 && message.descriptors && descriptors_of(getpid()) == before ? 0 : 1;
+		});
+		here.reset();
+		EXPECT_EQ(receiver.wait(), 0) << count;
+	}
 }
 
 TEST_F(HatchHostile, ARequestOfTwoSendersIsNobodys)

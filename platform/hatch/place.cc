@@ -11,6 +11,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "hatch/wire.h"
+
 namespace hatch {
 namespace {
 
@@ -106,6 +108,7 @@ int make_listener(const Spot &spot, Place *place)
 	// Connections inherit it: the kernel names the sender of each message.
 	if (setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == -1)
 		return errno;
+	refuse_descriptors(fd);
 	if (int error = bind_socket(fd, spot, socket_name(place->id)))
 		return error;
 	return listen(fd, SOMAXCONN) == -1 ? errno : 0;

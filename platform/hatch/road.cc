@@ -13,6 +13,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "hatch/wire.h"
+
 namespace hatch {
 namespace {
 
@@ -75,6 +77,7 @@ int connect_file(int file, Waiting waiting, Fd *out)
 	Fd socket_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | (waiting == Waiting::no ? SOCK_NONBLOCK : 0), 0));
 	if (!socket_fd)
 		return errno;
+	refuse_descriptors(socket_fd.get());
 	struct sockaddr_un address = {};
 	address.sun_family = AF_UNIX;
 	(void) snprintf(address.sun_path, sizeof address.sun_path, "/proc/thread-self/fd/%d", file);

@@ -9,10 +9,14 @@
 namespace hatch {
 namespace {
 
+#ifndef SO_PASSRIGHTS // younger than the headers here; the number of all architectures that share the generic ones
+#define SO_PASSRIGHTS 83
+#endif
+
 constexpr int refusal_errnos[] = {0, ENOBUFS, ENOTSUP, ECONNABORTED, ENOMEM};
 
-// Room for a credential and a few descriptors. The kernel drops what is beyond.
-constexpr size_t descriptors_max = 8;
+// Room for a credential and as many descriptors as a message can have: the kernel closes what is beyond, and may wait.
+constexpr size_t descriptors_max = 253;
 constexpr size_t control_size = CMSG_SPACE(sizeof(struct ucred)) + CMSG_SPACE(descriptors_max * sizeof(int));
 
 void close_descriptors(const cmsghdr *header)
@@ -21,6 +25,8 @@ void close_descriptors(const cmsghdr *header)
 	for (size_t i = 0; i < count; i++) {
 		int fd;
 		memcpy(&fd, CMSG_DATA(header) + i * sizeof fd, sizeof fd);
+		constexpr struct linger at_once = {0, 0};
+		(void) setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once); // most are no sockets
 		(void) close(fd);
 	}
 }
@@ -62,6 +68,12 @@ size_t prepare_sending(int fd)
 	return std::min(room, piece_max);
 }
 
+void refuse_descriptors(int fd)
+{
+	constexpr int off = 0;
+	(void) setsockopt(fd, SOL_SOCKET, SO_PASSRIGHTS, &off, sizeof off);
+}
+
 Message receive_message(int fd, iovec *parts, size_t count, int flags)
 {
 	alignas(cmsghdr) char control[control_size];
@@ -75,7 +87,7 @@ Message receive_message(int fd, iovec *parts, size_t count, int flags)
 	if (message.size <= 0)
 		return message;
 	message.whole = (header.msg_flags & MSG_TRUNC) == 0;
-	// More descriptors than there is room for, or than the process may open, are cut off: it had some.
+	// More descriptors than the process may open are cut off: it had some.
 	message.descriptors = (header.msg_flags & MSG_CTRUNC) != 0;
 	read_control(&header, &message);
 	return message;

@@ -39,6 +39,10 @@ int refusal_errno(uint32_t refusal);
 // Widens a socket's send buffer as far as an ordinary process may, and gives the payload that a message can then have.
 size_t prepare_sending(int fd);
 
+// Has the kernel refuse messages with descriptors to a socket, and to what a listener accepts later: what somebody else
+// made can hold up whoever closes it last. Kernels before 6.16 can't; there, receive_message() does what can be done.
+void refuse_descriptors(int fd);
+
 // A message that was received, and what came with it.
 struct Message {
 	ssize_t size;        // bytes of it that fitted; 0 at the end of the connection, -1 with errno
@@ -48,7 +52,8 @@ struct Message {
 	struct ucred sender; // who, if so
 };
 
-// Receives one message. Descriptors that come along are closed: no hatch carries any.
+// Receives one message. Descriptors that come along are closed: no hatch carries any. A socket among them is closed without
+// waiting for what it has to send yet.
 Message receive_message(int fd, iovec *parts, size_t count, int flags);
 
 // Sends one message. Errors: 0, or an errno value.
