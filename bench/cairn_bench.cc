@@ -7,9 +7,9 @@
 #include <fstream>
 #include <libostrel.h>
 #include <meridon/rpy.h>
-#include <sqlite3.h>
 #include <thread>
 
+#include "bare_file.h"
 #include "processes.h"
 
 namespace {
@@ -247,29 +247,9 @@ BENCHMARK_CAPTURE(readers, thirty_two, 32)->UseRealTime();
 
 void write_limit(benchmark::State &state)
 {
-	char directory[] = "/tmp/ostrel-bench-XXXXXX";
-	must(mkdtemp(directory) != nullptr);
-	std::string path = std::string(directory) + "/db", blob(properties * 30, 'x');
-	sqlite3 *db;
-	sqlite3_stmt *update;
-	must(sqlite3_open(path.c_str(), &db) == SQLITE_OK);
-	must(sqlite3_exec(db,
-		 "pragma journal_mode=truncate; pragma synchronous=extra; create table t(id integer primary key, b "
-		 "blob);"
-		 "insert into t values(1, zeroblob(300))",
-		 nullptr, nullptr, nullptr) == SQLITE_OK);
-	must(sqlite3_prepare_v2(db, "update t set b = ?1 where id = 1", -1, &update, nullptr) == SQLITE_OK);
-	for (auto _ : state) {
-		blob[0] = static_cast<char>(blob[0] + 1);
-		must(sqlite3_exec(db, "begin immediate", nullptr, nullptr, nullptr) == SQLITE_OK);
-		must(sqlite3_bind_blob(update, 1, blob.data(), static_cast<int>(blob.size()), SQLITE_STATIC) ==
-		     SQLITE_OK);
-		must(sqlite3_step(update) == SQLITE_DONE && sqlite3_reset(update) == SQLITE_OK);
-		must(sqlite3_exec(db, "commit", nullptr, nullptr, nullptr) == SQLITE_OK);
-	}
-	(void) sqlite3_finalize(update);
-	(void) sqlite3_close(db);
-	std::filesystem::remove_all(directory);
+	BareFile file(properties * 30);
+	for (auto _ : state)
+		file.commit();
 }
 BENCHMARK(write_limit)->UseRealTime();
 

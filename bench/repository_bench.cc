@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <sqlite3.h>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <meridon/hatch.h>
 #include <meridon/rpy.h>
 
+#include "bare_file.h"
 #include "processes.h"
 
 namespace {
@@ -149,47 +149,9 @@ Echo &echo()
 
 // ---- Commits ----
 
-// A bare SQLite file of the daemon's journal mode, with one row.
-class BareFile {
-public:
-	BareFile()
-	{
-		must(mkdtemp(directory_.data()) != nullptr);
-		must(sqlite3_open((directory_ + "/db").c_str(), &db_) == SQLITE_OK);
-		must(sqlite3_exec(db_,
-			 "pragma journal_mode=truncate; pragma synchronous=extra; create table t(id integer primary "
-			 "key, b blob);"
-			 "insert into t values(1, zeroblob(300))",
-			 nullptr, nullptr, nullptr) == SQLITE_OK);
-		must(sqlite3_prepare_v2(db_, "update t set b = ?1 where id = 1", -1, &update_, nullptr) == SQLITE_OK);
-	}
-	BareFile(const BareFile &) = delete;
-	BareFile &operator=(const BareFile &) = delete;
-	~BareFile()
-	{
-		(void) sqlite3_finalize(update_);
-		(void) sqlite3_close(db_);
-		std::filesystem::remove_all(directory_);
-	}
-	void commit()
-	{
-		blob_[0] = static_cast<char>(blob_[0] + 1);
-		must(sqlite3_exec(db_, "begin immediate", nullptr, nullptr, nullptr) == SQLITE_OK);
-		must(sqlite3_bind_blob(update_, 1, blob_.data(), static_cast<int>(blob_.size()), SQLITE_STATIC) ==
-		     SQLITE_OK);
-		must(sqlite3_step(update_) == SQLITE_DONE && sqlite3_reset(update_) == SQLITE_OK);
-		must(sqlite3_exec(db_, "commit", nullptr, nullptr, nullptr) == SQLITE_OK);
-	}
-
-private:
-	std::string directory_ = "/tmp/ostrel-bench-XXXXXX", blob_ = std::string(properties * 30, 'x');
-	sqlite3 *db_ = nullptr;
-	sqlite3_stmt *update_ = nullptr;
-};
-
 void commit_limit(benchmark::State &state)
 {
-	BareFile file;
+	BareFile file(properties * 30);
 	for (auto _ : state) {
 		echo().trip(400);
 		file.commit();
@@ -347,7 +309,7 @@ void p99_limit(benchmark::State &state, bool beside)
 	slowest(
 	    state, beside, [] { echo().trip(32); },
 	    [](const std::atomic<bool> &end) {
-		    BareFile file;
+		    BareFile file(properties * 30);
 		    while (!end)
 			    file.commit();
 	    });

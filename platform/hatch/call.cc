@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <pthread.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -14,18 +13,6 @@
 
 namespace hatch {
 namespace {
-
-// A call that is cancelled half-way would leave its connection to nobody.
-class NotCancelled {
-public:
-	NotCancelled() { (void) pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-	~NotCancelled() { (void) pthread_setcancelstate(before_, nullptr); }
-	NotCancelled(const NotCancelled &) = delete;
-	NotCancelled &operator=(const NotCancelled &) = delete;
-
-private:
-	int before_ = PTHREAD_CANCEL_ENABLE;
-};
 
 // What a call came to: its errno value, and whether the connection can serve another one.
 struct Outcome {
@@ -278,7 +265,7 @@ int hatch_call(int fd, hatch_arg_t *arg)
 
 int hatch_call_timed(int fd, hatch_arg_t *arg, int seconds)
 {
-	hatch::NotCancelled guard;
+	CancellationWaits cancellation; // else a call half-way would leave its connection to nobody
 	if (arg == nullptr || (arg->data_ptr == nullptr && arg->data_size != 0) || seconds < 0)
 		return hatch::fail_with(EFAULT);
 	if (arg->desc_num != 0)
@@ -288,7 +275,7 @@ int hatch_call_timed(int fd, hatch_arg_t *arg, int seconds)
 
 int hatch_info(int fd, hatch_info_t *info)
 {
-	hatch::NotCancelled guard;
+	CancellationWaits cancellation;
 	if (info == nullptr)
 		return hatch::fail_with(EFAULT);
 	hatch_info_t found;
