@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "hatch/mapping.h"
 #include "hatch/record.h"
 #include "hatch/wire.h"
 #include "hatch_peer.h"
@@ -182,6 +183,30 @@ TEST_F(HatchHostile, ARequestInSlowPiecesComesThroughWhole)
 		}
 		EXPECT_TRUE(reply == head_of(size) + request) << size;
 	}
+}
+
+// Sends pieces of a request of `size` bytes, as long as the server takes them. Returns how many bytes it took.
+size_t send_endlessly(const RawClient &client, size_t size)
+{
+	const std::string piece(piece_max, 'x');
+	if (!client.send(head_of(size) + "x"))
+		return 0;
+	size_t sent = 1;
+	while (sent + piece.size() < size && client.send(piece))
+		sent += piece.size();
+	return sent;
+}
+
+// Whoever can reach a hatch can send to it, with or without a right.
+TEST_F(HatchHostile, ARequestWithoutAnEndIsRefusedBeforeItTakesTheMachinesMemory)
+{
+	const size_t most = std::max(static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) * page_size / 16, size_t{256} << 20);
+	RawClient client(path_);
+	size_t sent = send_endlessly(client, 2 * most);
+	EXPECT_GT(sent, most / 2) << "a request that the machine could bear was refused";
+	EXPECT_LT(sent, most + (size_t{8} << 20));
+	EXPECT_TRUE(serves(3 * piece_max));
+	EXPECT_TRUE(eventually([&] { return anonymous_kib(server_.pid()) < 16 * 1024; })) << "it stays";
 }
 
 TEST_F(HatchHostile, DribblingClientsHoldNobodyUp)

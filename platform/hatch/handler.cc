@@ -84,6 +84,7 @@ void put_aside(Hatch *hatch, Peer *peer, const char *data, size_t size)
 	}
 	memcpy(peer->rest.data(), data, size);
 	peer->rest_sent = 0;
+	unhold(hatch, peer); // its request: the time of the rest begins now
 	hold(hatch, peer, size);
 }
 

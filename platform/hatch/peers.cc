@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
+#include <unistd.h>
 
 #include "hatch/server.h"
 
@@ -200,9 +201,20 @@ void fill_ahead(char *data, const Peer &peer, size_t *filled)
 	*filled = end;
 }
 
+// Counts what a request of its own memory takes so far. False, and the request is refused, if that is more than clients
+// may have of this machine: nobody needs a right to send bytes.
+bool hold_request(Hatch *hatch, Peer *peer)
+{
+	hold(hatch, peer, std::min(peer->request_size, peer->request_have + piece_max));
+	if (hatch->held <= requests_max())
+		return true;
+	refuse(hatch, peer, Refusal::no_memory, false);
+	return false;
+}
+
 // Receives what has arrived of a request, and what arrives until `deadline`. True if that is all of it; otherwise the
 // peer is finished, or the rest is to come.
-bool receive_pieces(Peer *peer, char *data, size_t *filled, int64_t deadline)
+bool receive_pieces(Hatch *hatch, Peer *peer, char *data, size_t *filled, int64_t deadline)
 {
 	while (peer->request_have < peer->request_size) {
 		fill_ahead(data, *peer, filled);
@@ -217,6 +229,8 @@ bool receive_pieces(Peer *peer, char *data, size_t *filled, int64_t deadline)
 			return false;
 		}
 		peer->request_have += static_cast<size_t>(message.size);
+		if (peer->request && !hold_request(hatch, peer))
+			return false;
 	}
 	return true;
 }
@@ -225,28 +239,25 @@ bool receive_pieces(Peer *peer, char *data, size_t *filled, int64_t deadline)
 bool receive_soon(Hatch *hatch, Peer *peer, char *data, size_t *filled)
 {
 	Turn turn(&hatch->expecting, expecting_max);
-	return receive_pieces(peer, data, filled, turn && hatch->waiting > 0 ? now_ns() + expecting_ns : 0);
+	return receive_pieces(hatch, peer, data, filled, turn && hatch->waiting > 0 ? now_ns() + expecting_ns : 0);
 }
 
+// The request counts until its handler is done; by then the peer may hold the rest of a reply instead.
 void complete_own(Hatch *hatch, Peer *peer)
 {
 	Mapping request = std::move(peer->request);
-	unhold(hatch, peer);
 	complete(hatch, peer, request.data(), peer->request_size);
-}
-
-void hold_request(Hatch *hatch, Peer *peer)
-{
-	hold(hatch, peer, std::min(peer->request_size, peer->request_have + piece_max));
+	if (!peer->rest)
+		unhold(hatch, peer);
 }
 
 void receive_rest(Hatch *hatch, Peer *peer)
 {
 	size_t filled = peer->request_have;
-	if (receive_pieces(peer, peer->request.data(), &filled, 0))
+	if (receive_pieces(hatch, peer, peer->request.data(), &filled, 0))
 		complete_own(hatch, peer);
 	else if (!peer->finished)
-		hold_request(hatch, peer);
+		(void) hold_request(hatch, peer);
 }
 
 // Gives a request memory of its own, with what has arrived of it.
@@ -267,7 +278,7 @@ void receive_large(Hatch *hatch, Peer *peer, const char *first)
 	if (receive_soon(hatch, peer, peer->request.data(), &filled))
 		complete_own(hatch, peer);
 	else if (!peer->finished)
-		hold_request(hatch, peer);
+		(void) hold_request(hatch, peer);
 }
 
 void receive_long(Hatch *hatch, Peer *peer, RequestMemory *memory)
@@ -277,7 +288,7 @@ void receive_long(Hatch *hatch, Peer *peer, RequestMemory *memory)
 	if (receive_soon(hatch, peer, memory->payload(), &memory->filled))
 		complete(hatch, peer, memory->payload(), peer->request_size);
 	else if (!peer->finished && set_apart(peer, memory->payload()))
-		hold_request(hatch, peer);
+		(void) hold_request(hatch, peer);
 	else if (!peer->finished)
 		refuse(hatch, peer, Refusal::no_memory, false);
 }
@@ -362,6 +373,15 @@ void serve_requests(Hatch *hatch, Peer *peer, RequestMemory *memory)
 }
 
 } // namespace
+
+size_t requests_max()
+{
+	static const size_t most = [] {
+		long pages = sysconf(_SC_PHYS_PAGES), page = sysconf(_SC_PAGESIZE);
+		return pages > 0 && page > 0 ? static_cast<size_t>(pages) * static_cast<size_t>(page) / 16 : 0;
+	}();
+	return std::max(most, held_max);
+}
 
 int64_t now_ns()
 {
