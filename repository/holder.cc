@@ -6,12 +6,14 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <thread>
 #include <vector>
 
@@ -44,10 +46,27 @@ Failure open_file(const std::string &path, Fd *file)
 		return errno_failure(path, "can't be looked at");
 	if (!S_ISREG(kind.st_mode))
 		return {EINVAL, path + ": not a regular file"};
+	// Whoever can open it can lock it, and hold a start up. It stays as it is where it can't be changed.
+	if ((kind.st_mode & 077) != 0)
+		(void) fchmod(file->get(), kind.st_mode & 07700);
 	return {};
 }
 
-// The process that holds a lock on a file, 0 if it can't be seen.
+// Whether a process has a file open, as far as this one may look.
+bool has_open(pid_t pid, const struct stat &file)
+{
+	const std::string directory = "/proc/" + std::to_string(pid) + "/fd";
+	std::error_code ended;
+	for (std::filesystem::directory_iterator fd(directory, ended), end; !ended && fd != end; fd.increment(ended)) {
+		struct stat open;
+		if (stat(fd->path().c_str(), &open) == 0 && open.st_dev == file.st_dev && open.st_ino == file.st_ino)
+			return true;
+	}
+	return false;
+}
+
+// The process that holds a lock on a file, 0 if it can't be seen. The list of locks names the device of the file system,
+// which on some isn't the one that the file shows; inodes alone are the same on many.
 pid_t holder_of(int file)
 {
 	struct stat there;
@@ -57,9 +76,13 @@ pid_t holder_of(int file)
 	std::string line;
 	while (std::getline(locks, line)) {
 		int pid = 0;
+		unsigned int device[2] = {};
 		unsigned long inode = 0;
-		if (sscanf(line.c_str(), "%*d: FLOCK %*s WRITE %d %*x:%*x:%lu", &pid, &inode) == 2 &&
-		    inode == there.st_ino && pid > 0)
+		if (sscanf(line.c_str(), "%*d: FLOCK %*s %*s %d %x:%x:%lu", &pid, &device[0], &device[1], &inode) !=
+			4 ||
+		    inode != there.st_ino || pid <= 0)
+			continue;
+		if (makedev(device[0], device[1]) == there.st_dev || has_open(pid, there))
 			return pid;
 	}
 	return 0;
@@ -111,24 +134,38 @@ bool is_private(const std::string &hatch)
 	return hatch.find(".libostrel.") != hatch.npos;
 }
 
-bool answers(const std::string &hatch)
+std::string gives_no_way(const std::string &path, pid_t holder, const std::string &hatch)
+{
+	std::string text = path;
+	text.append(": the daemon ").append(std::to_string(holder)).append(" serves it at ").append(hatch);
+	return text.append(", and gives way to no private one");
+}
+
+// Whether a process serves the hatch.
+bool serves(pid_t pid, const std::string &hatch)
 {
 	Fd client(open(hatch.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 	hatch_info_t info;
-	bool there = client && hatch_info(client.get(), &info) == 0 && (info.di_attributes & HATCH_REVOKED) == 0;
+	bool there = client && hatch_info(client.get(), &info) == 0 && (info.di_attributes & HATCH_REVOKED) == 0 &&
+		     info.di_target == pid;
 	if (client)
 		hatch_forget(client.get());
 	return there;
+}
+
+// Whether a daemon was given a hatch, or may have been: what a relative path led to can't be seen any more.
+bool may_be_for(const std::string &given, const std::string &hatch)
+{
+	auto name = [](const std::string &path) { return path.substr(path.find_last_of('/') + 1); };
+	return given == hatch || (!given.starts_with('/') && name(given) == name(hatch));
 }
 
 // Asks the process to end, by a descriptor of it, so that a reused id isn't hit.
 Failure ask_to_end(pid_t pid, int file, const std::string &path)
 {
 	Fd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-	if (!process || holder_of(file) != pid)
+	if (!process || holder_of(file) != pid || !is_daemon(pid))
 		return {};
-	if (!is_daemon(pid))
-		return {EBUSY, path + ": process " + std::to_string(pid) + ", which is no repository daemon, holds it"};
 	if (syscall(SYS_pidfd_send_signal, process.get(), SIGTERM, nullptr, 0) == -1 && errno != ESRCH) {
 		int error = errno;
 		return {error, path + ": the daemon " + std::to_string(pid) +
@@ -149,7 +186,7 @@ Failure hold_file(const std::string &path, const std::string &hatch, Fd *held, H
 		if (flock(held->get(), LOCK_EX | LOCK_NB) == 0) {
 			struct stat ours, there; // the file may have been replaced in between
 			if (fstat(held->get(), &ours) == 0 && stat(path.c_str(), &there) == 0 &&
-			    ours.st_ino == there.st_ino)
+			    ours.st_dev == there.st_dev && ours.st_ino == there.st_ino)
 				return {};
 			continue;
 		}
@@ -159,19 +196,21 @@ Failure hold_file(const std::string &path, const std::string &hatch, Fd *held, H
 		if (holder == 0 || holder == asked)
 			continue;
 		seen = holder;
+		const bool is_one = is_daemon(holder);
 		if (proc_text(holder, "cmdline").empty()) // it is ending: its memory has gone, its locks go next
 			continue;
+		if (!is_one)
+			return {EBUSY,
+			    path + ": process " + std::to_string(holder) + ", which is no repository daemon, holds it"};
 		const std::string held_for = argument_of(holder, "-d");
 		if (is_private(hatch) && !is_private(held_for))
-			return {EBUSY, path + ": the daemon " + std::to_string(holder) + " serves it at " + held_for +
-					   ", and gives way to no private one"};
-		if (held_for == hatch) {
-			if (answers(hatch)) {
-				*hold = Hold::served_already;
-				return {};
-			}
-			continue;
+			return {EBUSY, gives_no_way(path, holder, held_for)};
+		if (serves(holder, hatch)) {
+			*hold = Hold::served_already;
+			return {};
 		}
+		if (may_be_for(held_for, hatch)) // it has just begun, or is ending
+			continue;
 		if (Failure failure = ask_to_end(holder, held->get(), path))
 			return failure;
 		asked = holder;

@@ -3,9 +3,11 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <random>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -111,6 +113,11 @@ TEST(Configd, ASecondStartWaitsForTheFirstAndAnotherHatchTakesTheFileOver)
 	ASSERT_EQ(daemon.start(), 0);
 	EXPECT_EQ(daemon.pid(), first);
 
+	// The same hatch by another name is no other hatch.
+	std::string relative = std::filesystem::relative(daemon.hatch());
+	EXPECT_EQ(run_program({program, "-d", relative, "-r", daemon.file()}), 0);
+	EXPECT_EQ(server_of(daemon.hatch()), first);
+
 	ASSERT_EQ(daemon.start("other"), 0);
 	EXPECT_NE(daemon.pid(), first);
 	EXPECT_TRUE(waits_for([first] { return is_gone(first); }));
@@ -119,6 +126,26 @@ TEST(Configd, ASecondStartWaitsForTheFirstAndAnotherHatchTakesTheFileOver)
 	EXPECT_EQ(rpy_error(), RPY_ERROR_CONNECTION_BROKEN);
 	RepositoryClient next(daemon.hatch("other"));
 	EXPECT_EQ(next.write("a", {{"v", {"1"}}}), 1);
+}
+
+TEST(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
+{
+	Repository daemon;
+	ASSERT_EQ(daemon.start(), 0);
+	ASSERT_EQ(chmod(daemon.file().c_str(), 0644), 0);
+	daemon.stop();
+	// A lock on the same file is named and not waited for; one of a stranger's on another file is none.
+	Fd stranger(open(daemon.file().c_str(), O_RDONLY | O_CLOEXEC));
+	ASSERT_EQ(flock(stranger.get(), LOCK_SH), 0);
+	std::string output;
+	EXPECT_EQ(daemon.start("hatch", &output), EIO);
+	EXPECT_NE(output.find("process " + std::to_string(getpid()) + ", which is no repository daemon"), output.npos)
+	    << output;
+	stranger.reset();
+	ASSERT_EQ(daemon.start(), 0);
+	struct stat st;
+	ASSERT_EQ(stat(daemon.file().c_str(), &st), 0);
+	EXPECT_EQ(st.st_mode & 07777, mode_t{0600}) << "others can open it, and so lock it";
 }
 
 TEST(Configd, EndsCleanlyAndLeavesTheFileAtTheHatchsPath)
