@@ -3,11 +3,15 @@
 //
 // Needs root: serving changes the owner of the hatch's directory.
 #include <benchmark/benchmark.h>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <libostrel.h>
 #include <meridon/rpy.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 #include "bare_file.h"
 #include "processes.h"
@@ -240,8 +244,49 @@ void readers(benchmark::State &state, int threads)
 	}
 	state.SetItemsProcessed(state.iterations() * reads);
 }
+// What the kernel makes of as many threads that wait for as many others: no repository can do better.
+void bare_readers(benchmark::State &state, size_t threads)
+{
+	constexpr size_t trips = 6400; // two for each read above
+	constexpr size_t most = 32;
+	int ends[most][2];
+	for (size_t i = 0; i < threads; i++)
+		must(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends[i]) == 0);
+	pid_t other = fork();
+	if (other == 0) {
+		for (size_t i = 0; i < threads; i++)
+			std::thread([fd = ends[i][1]] {
+				char message[200];
+				while (recv(fd, message, sizeof message, 0) > 0)
+					must(send(fd, message, sizeof message, 0) > 0);
+			}).detach();
+		for (;;)
+			(void) pause();
+	}
+	must(other > 0);
+	for (auto _ : state) {
+		std::vector<std::thread> all;
+		for (size_t t = 0; t < threads; t++)
+			all.emplace_back([fd = ends[t][0], threads] {
+				char message[200] = {};
+				for (size_t i = 0; i < trips / threads; i++)
+					must(send(fd, message, sizeof message, 0) > 0 &&
+					     recv(fd, message, sizeof message, 0) > 0);
+			});
+		for (std::thread &thread : all)
+			thread.join();
+	}
+	must(kill(other, SIGKILL) == 0 && waitpid(other, nullptr, 0) == other);
+	for (size_t i = 0; i < threads; i++) {
+		(void) close(ends[i][0]);
+		(void) close(ends[i][1]);
+	}
+}
+
 BENCHMARK_CAPTURE(readers, one_limit, 1)->UseRealTime();
 BENCHMARK_CAPTURE(readers, thirty_two, 32)->UseRealTime();
+BENCHMARK_CAPTURE(bare_readers, one_limit, 1)->UseRealTime();
+BENCHMARK_CAPTURE(bare_readers, thirty_two, 32)->UseRealTime();
 
 // ---- Updates ----
 
