@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <thread>
 #include <tuple>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -490,9 +491,17 @@ TEST_F(Audit, EveryAttemptOfManyClientsIsRecordedInTheStoresOrder)
 		return result;
 	};
 	LocalServer server(file_, nullptr, nullptr, &cmds);
+	// They begin when all are there: a process forked while the server's threads are busy may find a lock of the
+	// sanitizer's allocator taken for good.
+	int gate[2];
+	ASSERT_EQ(::pipe2(gate, O_CLOEXEC), 0);
+	Fd gate_out(gate[0]), gate_in(gate[1]);
 	std::vector<Process> processes;
 	for (uid_t user = first_user; user < first_user + clients; user++) {
 		processes.emplace_back([&, user] {
+			char go;
+			if (::read(gate_out.get(), &go, 1) != 1)
+				return 2;
 			become(user, user);
 			Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
 			for (int i = 0; i < updates; i++) {
@@ -505,6 +514,7 @@ TEST_F(Audit, EveryAttemptOfManyClientsIsRecordedInTheStoresOrder)
 			return 0;
 		});
 	}
+	ASSERT_EQ(::write(gate_in.get(), std::string(clients, 'x').data(), clients), clients);
 	for (Process &process : processes)
 		EXPECT_EQ(process.wait(), 0);
 	const std::vector<AuditRecord> found = audit_->records();
