@@ -148,6 +148,31 @@ TEST(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
 	EXPECT_EQ(st.st_mode & 07777, mode_t{0600}) << "others can open it, and so lock it";
 }
 
+// Inodes are counted by each file system alone.
+TEST(Configd, ALockOnAFileOfAnotherFileSystemIsNotTakenForOurs)
+{
+	Repository daemon;
+	Scratch elsewhere;
+	Mount ours(daemon.place), theirs(elsewhere);
+	if (!ours.good || !theirs.good)
+		GTEST_SKIP() << "skipped: mounting needs root";
+	daemon.files = ours.path;
+	ASSERT_EQ(daemon.start(), 0);
+	struct stat file, twin = {};
+	ASSERT_EQ(stat(daemon.file().c_str(), &file), 0);
+	Fd stranger;
+	for (int i = 0; i < 1000 && twin.st_ino != file.st_ino; i++) {
+		std::string path = theirs.path + "/" + std::to_string(i);
+		stranger.reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+		ASSERT_EQ(fstat(stranger.get(), &twin), 0);
+	}
+	ASSERT_EQ(twin.st_ino, file.st_ino);
+	ASSERT_EQ(flock(stranger.get(), LOCK_EX), 0);
+	std::string output;
+	EXPECT_EQ(daemon.start("other", &output), 0) << output;
+	daemon.kill();
+}
+
 TEST(Configd, EndsCleanlyAndLeavesTheFileAtTheHatchsPath)
 {
 	Repository daemon;
