@@ -244,6 +244,9 @@ void readers(benchmark::State &state, int threads)
 	}
 	state.SetItemsProcessed(state.iterations() * reads);
 }
+BENCHMARK_CAPTURE(readers, one_limit, 1)->UseRealTime();
+BENCHMARK_CAPTURE(readers, thirty_two, 32)->UseRealTime();
+
 // What the kernel makes of as many threads that wait for as many others: no repository can do better.
 void bare_readers(benchmark::State &state, size_t threads)
 {
@@ -283,8 +286,6 @@ void bare_readers(benchmark::State &state, size_t threads)
 	}
 }
 
-BENCHMARK_CAPTURE(readers, one_limit, 1)->UseRealTime();
-BENCHMARK_CAPTURE(readers, thirty_two, 32)->UseRealTime();
 BENCHMARK_CAPTURE(bare_readers, one_limit, 1)->UseRealTime();
 BENCHMARK_CAPTURE(bare_readers, thirty_two, 32)->UseRealTime();
 

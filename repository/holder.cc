@@ -58,8 +58,8 @@ bool has_open(pid_t pid, const struct stat &file)
 	const std::string directory = "/proc/" + std::to_string(pid) + "/fd";
 	std::error_code ended;
 	for (std::filesystem::directory_iterator fd(directory, ended), end; !ended && fd != end; fd.increment(ended)) {
-		struct stat open;
-		if (stat(fd->path().c_str(), &open) == 0 && open.st_dev == file.st_dev && open.st_ino == file.st_ino)
+		struct stat seen;
+		if (stat(fd->path().c_str(), &seen) == 0 && seen.st_dev == file.st_dev && seen.st_ino == file.st_ino)
 			return true;
 	}
 	return false;
@@ -78,9 +78,9 @@ pid_t holder_of(int file)
 		int pid = 0;
 		unsigned int device[2] = {};
 		unsigned long inode = 0;
-		if (sscanf(line.c_str(), "%*d: FLOCK %*s %*s %d %x:%x:%lu", &pid, &device[0], &device[1], &inode) !=
-			4 ||
-		    inode != there.st_ino || pid <= 0)
+		const int found =
+		    sscanf(line.c_str(), "%*d: FLOCK %*s %*s %d %x:%x:%lu", &pid, &device[0], &device[1], &inode);
+		if (found != 4 || inode != there.st_ino || pid <= 0)
 			continue;
 		if (makedev(device[0], device[1]) == there.st_dev || has_open(pid, there))
 			return pid;

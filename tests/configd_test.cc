@@ -134,7 +134,7 @@ TEST(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
 	ASSERT_EQ(daemon.start(), 0);
 	ASSERT_EQ(chmod(daemon.file().c_str(), 0644), 0);
 	daemon.stop();
-	// A lock on the same file is named and not waited for; one of a stranger's on another file is none.
+	// It is named, and not waited for.
 	Fd stranger(open(daemon.file().c_str(), O_RDONLY | O_CLOEXEC));
 	ASSERT_EQ(flock(stranger.get(), LOCK_SH), 0);
 	std::string output;

@@ -256,29 +256,27 @@ void receive_rest(Hatch *hatch, Peer *peer)
 	size_t filled = peer->request_have;
 	if (receive_pieces(hatch, peer, peer->request.data(), &filled, 0))
 		complete_own(hatch, peer);
-	else if (!peer->finished)
-		(void) hold_request(hatch, peer);
 }
 
-// Gives a request memory of its own, with what has arrived of it.
-bool set_apart(Peer *peer, const char *data)
+// Gives a request memory of its own, with what has arrived of it. False, and the request is refused, if there is none.
+bool set_apart(Hatch *hatch, Peer *peer, const char *data)
 {
-	if (!peer->request.map(peer->request_size, Fill::on_use))
+	if (!peer->request.map(peer->request_size, Fill::on_use)) {
+		refuse(hatch, peer, Refusal::no_memory, false);
 		return false;
+	}
 	fill_pages(peer->request.data(), peer->request_have);
 	memcpy(peer->request.data(), data, peer->request_have);
-	return true;
+	return hold_request(hatch, peer);
 }
 
 void receive_large(Hatch *hatch, Peer *peer, const char *first)
 {
-	if (!set_apart(peer, first))
-		return refuse(hatch, peer, Refusal::no_memory, false);
+	if (!set_apart(hatch, peer, first))
+		return;
 	size_t filled = peer->request_have;
 	if (receive_soon(hatch, peer, peer->request.data(), &filled))
 		complete_own(hatch, peer);
-	else if (!peer->finished)
-		(void) hold_request(hatch, peer);
 }
 
 void receive_long(Hatch *hatch, Peer *peer, RequestMemory *memory)
@@ -287,10 +285,8 @@ void receive_long(Hatch *hatch, Peer *peer, RequestMemory *memory)
 		return receive_large(hatch, peer, memory->payload());
 	if (receive_soon(hatch, peer, memory->payload(), &memory->filled))
 		complete(hatch, peer, memory->payload(), peer->request_size);
-	else if (!peer->finished && set_apart(peer, memory->payload()))
-		(void) hold_request(hatch, peer);
 	else if (!peer->finished)
-		refuse(hatch, peer, Refusal::no_memory, false);
+		(void) set_apart(hatch, peer, memory->payload());
 }
 
 // Receives the first message of a request. False if there was none.

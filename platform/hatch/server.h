@@ -27,7 +27,8 @@ inline constexpr size_t held_max = 256U << 20;
 inline constexpr int64_t held_ns_max = 60'000'000'000;
 
 // What the large requests of a hatch may take at a time, those that arrive and those that handlers run for: a sixteenth
-// of the machine's memory, and at least `held_max`. Beyond it a request is refused for want of memory.
+// of the machine's memory, and at least `held_max`, with all else that is held. Beyond it a request is refused for want of
+// memory.
 size_t requests_max();
 
 // What a thread keeps between calls, for requests and for replies: a large one comes in again, and fresh pages cost more
