@@ -423,6 +423,28 @@ public:
 		EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
 		EXPECT_EQ(listen(listener_.get(), 10), 0);
 	}
+	// Accepts nobody: from here on, whoever connects has to wait.
+	Fd accept_nobody(const std::string &path)
+	{
+		EXPECT_EQ(listen(listener_.get(), 0), 0);
+		Fd waiting(socket(AF_UNIX, SOCK_SEQPACKET, 0));
+		sockaddr_un address = address_of(socket_path(path));
+		EXPECT_EQ(connect(waiting.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+		return waiting;
+	}
+	// Answers one call with a reply of `size` bytes, of which it sends one each 100 ms until the client has had enough.
+	std::thread dribble(uint64_t size)
+	{
+		return std::thread([this, size] {
+			Fd client(accept(listener_.get(), nullptr, nullptr));
+			std::string request(1000, '\0'), piece = head_of(size) + "x";
+			(void) !recv(client.get(), request.data(), request.size(), 0);
+			for (uint64_t sent = 0; sent < size; sent++, piece = "x", usleep(100'000)) {
+				if (send(client.get(), piece.data(), piece.size(), MSG_NOSIGNAL) == -1)
+					break;
+			}
+		});
+	}
 	// Answers one call with these messages, and hangs up.
 	std::thread answer(std::vector<std::string> messages)
 	{
@@ -478,6 +500,31 @@ TEST(HatchFakeServer, AClientBelievesNoLengthAndNoRefusalThatIsNone)
 	std::thread server = fake.answer({head_of(4) + "go", "od"});
 	EXPECT_EQ(call(fd.get(), std::string("x")).data, "good");
 	server.join();
+}
+
+// Callers hold locks meanwhile.
+TEST(HatchFakeServer, ACallThatHasItsTimeEndsWhateverTheServerDoes)
+{
+	Scratch scratch;
+	std::string path = attachable(scratch.path("hatch"));
+	FakeServer fake(path);
+	Fd fd = open_hatch(path);
+	alarm(60);
+	auto call_within = [&](int seconds) {
+		char request[] = "x";
+		hatch_arg_t arg = {request, 1, nullptr, 0, nullptr, 0};
+		return hatch_call_timed(fd.get(), &arg, seconds) == 0 ? 0 : errno;
+	};
+	for (uint64_t size : {uint64_t{600}, uint64_t{1} << 30}) {
+		std::thread server = fake.dribble(size);
+		EXPECT_EQ(call_within(2), ETIMEDOUT) << "a byte now and then of " << size;
+		server.join();
+	}
+	Fd waiting = fake.accept_nobody(path);
+	hatch_info_t info = {};
+	EXPECT_EQ(hatch_info(fd.get(), &info), 0) << "it looks like a server";
+	EXPECT_EQ(call_within(1), ETIMEDOUT) << "nobody accepts";
+	alarm(0);
 }
 
 // A client takes no road that leads out of the directory in which the attached file lies.

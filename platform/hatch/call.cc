@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -34,12 +35,46 @@ int connection_error(int error)
 		return error;
 	case ENOBUFS:
 		return ENOMEM;
+	case ETIMEDOUT:
 	case EAGAIN: // of a socket that may wait for so long and no longer
 		return ETIMEDOUT;
 	default:
 		return EBADF;
 	}
 }
+
+// When a call is to be over, whatever the other end does: one that sends a byte now and then isn't waited for, either.
+class Deadline {
+public:
+	explicit Deadline(int seconds) : bounded_(seconds > 0)
+	{
+		if (bounded_)
+			end_ = now() + seconds * second;
+	}
+
+	// Seconds that a step may wait, rounded up, or `without_end`. False if the time is over.
+	bool left(int *seconds) const
+	{
+		*seconds = without_end;
+		if (!bounded_)
+			return true;
+		const int64_t rest = end_ - now();
+		*seconds = static_cast<int>((rest + second - 1) / second);
+		return rest > 0;
+	}
+
+private:
+	static constexpr int64_t second = 1'000'000'000;
+	bool bounded_;
+	int64_t end_ = 0;
+
+	static int64_t now()
+	{
+		timespec time = {};
+		(void) clock_gettime(CLOCK_MONOTONIC, &time);
+		return time.tv_sec * second + time.tv_nsec;
+	}
+};
 
 // Says how long each message may take. A connection keeps that, so that calls of one kind say it once.
 void set_patience(Connection *connection, int seconds)
@@ -52,6 +87,16 @@ void set_patience(Connection *connection, int seconds)
 	connection->seconds = seconds;
 }
 
+// Lets the next message take what is left of the time. False if nothing is.
+bool have_patience(Connection *connection, const Deadline &deadline)
+{
+	int seconds;
+	if (!deadline.left(&seconds))
+		return false;
+	set_patience(connection, seconds);
+	return true;
+}
+
 int send_first(const Connection &connection, const hatch_arg_t &arg, size_t *sent)
 {
 	RequestHead head = {wire_magic, 0, arg.data_size};
@@ -61,12 +106,14 @@ int send_first(const Connection &connection, const hatch_arg_t &arg, size_t *sen
 	return send_message(connection.socket.get(), parts, size == 0 ? 1 : 2, 0);
 }
 
-int send_rest(const Connection &connection, const hatch_arg_t &arg, size_t sent)
+int send_rest(Connection *connection, const hatch_arg_t &arg, const Deadline &deadline, size_t sent)
 {
 	while (sent < arg.data_size) {
-		size_t size = std::min(arg.data_size - sent, connection.piece);
+		size_t size = std::min(arg.data_size - sent, connection->piece);
 		iovec part = {arg.data_ptr + sent, size};
-		if (int error = send_message(connection.socket.get(), &part, 1, 0))
+		if (!have_patience(connection, deadline))
+			return ETIMEDOUT;
+		if (int error = send_message(connection->socket.get(), &part, 1, 0))
 			return connection_error(error);
 		sent += size;
 	}
@@ -77,13 +124,15 @@ int send_rest(const Connection &connection, const hatch_arg_t &arg, size_t sent)
 // can reach; the caller's has them, or will get them.
 enum class Memory { own, callers };
 
-int receive_rest(int fd, char *data, size_t size, Memory memory)
+int receive_rest(Connection *connection, const Deadline &deadline, char *data, size_t size, Memory memory)
 {
 	while (size > 0) {
+		if (!have_patience(connection, deadline))
+			return ETIMEDOUT;
 		if (memory == Memory::own)
 			fill_pages(data, std::min(size, piece_max));
 		iovec part = {data, size};
-		Message message = receive_message(fd, &part, 1, 0);
+		Message message = receive_message(connection->socket.get(), &part, 1, 0);
 		if (message.size <= 0)
 			return message.size == 0 ? EBADF : connection_error(errno);
 		if (!message.whole)
@@ -122,7 +171,8 @@ int receive_first(Connection *connection, const hatch_arg_t &arg, Landed *landed
 }
 
 // Makes the fresh mapping of a reply that the caller has no room for.
-int gather(Connection *connection, const hatch_arg_t &arg, const Landed &landed, Mapping *reply)
+int gather(
+    Connection *connection, const hatch_arg_t &arg, const Deadline &deadline, const Landed &landed, Mapping *reply)
 {
 	size_t size = landed.head.size;
 	// What has not arrived yet is only a claim.
@@ -135,12 +185,14 @@ int gather(Connection *connection, const hatch_arg_t &arg, const Landed &landed,
 	size_t others = landed.size - landed.in_buffer;
 	if (others > 0)
 		memcpy(reply->data() + landed.in_buffer, connection->landing.data(), others);
-	return receive_rest(connection->socket.get(), reply->data() + landed.size, size - landed.size, Memory::own);
+	return receive_rest(connection, deadline, reply->data() + landed.size, size - landed.size, Memory::own);
 }
 
-Outcome receive_reply(Connection *connection, hatch_arg_t *arg)
+Outcome receive_reply(Connection *connection, const Deadline &deadline, hatch_arg_t *arg)
 {
 	Landed landed;
+	if (!have_patience(connection, deadline))
+		return broken(ETIMEDOUT);
 	if (int error = receive_first(connection, *arg, &landed))
 		return broken(error);
 	if (landed.head.refusal != 0)
@@ -148,12 +200,12 @@ Outcome receive_reply(Connection *connection, hatch_arg_t *arg)
 	size_t size = landed.head.size;
 	if (size == 0 || (arg->rbuf != nullptr && size <= arg->rsize)) {
 		if (int error = receive_rest(
-			connection->socket.get(), arg->rbuf + landed.size, size - landed.size, Memory::callers))
+			connection, deadline, arg->rbuf + landed.size, size - landed.size, Memory::callers))
 			return broken(error);
 		arg->data_ptr = arg->rbuf;
 	} else {
 		Mapping reply;
-		if (int error = gather(connection, *arg, landed, &reply))
+		if (int error = gather(connection, *arg, deadline, landed, &reply))
 			return broken(error);
 		arg->data_ptr = arg->rbuf = reply.release();
 		arg->rsize = size;
@@ -167,19 +219,21 @@ constexpr int attempts_max = 20;
 
 // Sends the first message over a connection that was kept, or a new one. One that the server hung up before doesn't
 // count: nothing of the call was sent over it.
-int begin_call(
-    int fd, const Attachment &attachment, const hatch_arg_t &arg, int seconds, Connection **out, size_t *sent)
+int begin_call(int fd, const Attachment &attachment, const hatch_arg_t &arg, const Deadline &deadline, Connection **out,
+    size_t *sent)
 {
 	int error = EBADF;
 	for (int attempt = 0; attempt < attempts_max;) {
 		*out = take_connection(attachment);
 		if (*out == nullptr) {
 			attempt++;
-			if (int no_road = make_connection(fd, attachment, Waiting::yes, out))
-				return no_road;
+			int seconds;
+			if (!deadline.left(&seconds))
+				return ETIMEDOUT;
+			if (int no_road = make_connection(fd, attachment, seconds, out))
+				return no_road == EAGAIN ? ETIMEDOUT : no_road;
 		}
-		set_patience(*out, seconds);
-		error = send_first(**out, arg, sent);
+		error = have_patience(*out, deadline) ? send_first(**out, arg, sent) : ETIMEDOUT;
 		if (error == 0)
 			return 0;
 		drop_connection(*out);
@@ -194,13 +248,14 @@ int call(int fd, hatch_arg_t *arg, int seconds)
 	Look look;
 	if (!look_at(fd, &look))
 		return EBADF;
+	const Deadline deadline(seconds);
 	Connection *connection;
 	size_t sent;
-	if (int error = begin_call(fd, look.attachment, *arg, seconds, &connection, &sent))
+	if (int error = begin_call(fd, look.attachment, *arg, deadline, &connection, &sent))
 		return error;
-	Outcome outcome = broken(send_rest(*connection, *arg, sent));
+	Outcome outcome = broken(send_rest(connection, *arg, deadline, sent));
 	if (outcome.error == 0)
-		outcome = receive_reply(connection, arg);
+		outcome = receive_reply(connection, deadline, arg);
 	if (!outcome.reusable) {
 		drop_connection(connection);
 		return outcome.error;
@@ -220,7 +275,7 @@ int find_server(int fd, const Attachment &attachment, pid_t *server)
 	if (known_server(attachment, server))
 		return 0;
 	Connection *connection;
-	int error = make_connection(fd, attachment, Waiting::no, &connection);
+	int error = make_connection(fd, attachment, not_at_all, &connection);
 	if (error != 0) // a server that can't be asked now is there all the same
 		return error == EBADF || error == EINTR ? error : 0;
 	keep_connection(connection);

@@ -157,13 +157,13 @@ Connection *take_connection(const Attachment &attachment)
 	return nullptr;
 }
 
-int make_connection(int fd, const Attachment &attachment, Waiting waiting, Connection **out)
+int make_connection(int fd, const Attachment &attachment, int seconds, Connection **out)
 {
 	auto *connection = new (std::nothrow) Connection{};
 	if (connection == nullptr)
 		return ENOMEM;
 	pid_t server;
-	int error = connect_road(fd, attachment, waiting, &connection->socket, &server);
+	int error = connect_road(fd, attachment, seconds, &connection->socket, &server);
 	if (error != 0) {
 		delete connection;
 		return error;

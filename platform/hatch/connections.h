@@ -27,7 +27,7 @@ struct Connection {
 // Gives an idle connection to an attachment, or NULL. It is the caller's until it is kept or dropped.
 Connection *take_connection(const Attachment &attachment);
 // Makes one. Errors: as connect_road().
-int make_connection(int fd, const Attachment &attachment, Waiting waiting, Connection **out);
+int make_connection(int fd, const Attachment &attachment, int seconds, Connection **out);
 // Puts a connection back for the next call. The one that was idle for longest goes when there are too many.
 void keep_connection(Connection *connection);
 // Closes a connection.

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -72,18 +73,21 @@ int open_socket_file(int directory, const Id &id, Fd *out)
 	return S_ISSOCK(st.st_mode) ? 0 : EBADF;
 }
 
-int connect_file(int file, Waiting waiting, Fd *out)
+int connect_file(int file, int seconds, Fd *out)
 {
-	Fd socket_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | (waiting == Waiting::no ? SOCK_NONBLOCK : 0), 0));
+	Fd socket_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | (seconds == not_at_all ? SOCK_NONBLOCK : 0), 0));
 	if (!socket_fd)
 		return errno;
 	refuse_descriptors(socket_fd.get());
+	const timeval wait = {seconds, 0};
+	if (seconds > 0 && setsockopt(socket_fd.get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait) == -1)
+		return errno;
 	struct sockaddr_un address = {};
 	address.sun_family = AF_UNIX;
 	(void) snprintf(address.sun_path, sizeof address.sun_path, "/proc/thread-self/fd/%d", file);
 	if (connect(socket_fd.get(), reinterpret_cast<struct sockaddr *>(&address), sizeof address) == -1)
 		return errno;
-	if (waiting == Waiting::no && fcntl(socket_fd.get(), F_SETFL, 0) == -1)
+	if (seconds == not_at_all && fcntl(socket_fd.get(), F_SETFL, 0) == -1)
 		return errno;
 	*out = std::move(socket_fd);
 	return 0;
@@ -100,7 +104,7 @@ pid_t server_of(int socket_fd)
 
 } // namespace
 
-int connect_road(int fd, const Attachment &attachment, Waiting waiting, Fd *out, pid_t *server)
+int connect_road(int fd, const Attachment &attachment, int seconds, Fd *out, pid_t *server)
 {
 	char path[PATH_MAX];
 	const char *name = "";
@@ -114,7 +118,7 @@ int connect_road(int fd, const Attachment &attachment, Waiting waiting, Fd *out,
 		return EBADF;
 	if (int error = open_socket_file(directory.get(), id, &file))
 		return road_error(error);
-	if (int error = connect_file(file.get(), waiting, out))
+	if (int error = connect_file(file.get(), seconds, out))
 		return road_error(error);
 	*server = server_of(out->get());
 	return 0;

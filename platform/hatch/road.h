@@ -9,12 +9,14 @@
 
 namespace hatch {
 
-enum class Waiting { yes, no };
+// How long a step may wait for the other end, in seconds.
+inline constexpr int without_end = 0;
+inline constexpr int not_at_all = -1;
 
-// Connects to the server of an attachment that look_at() found behind `fd`. Without waiting, a server that has more
-// connections to accept than fit gives EAGAIN.
+// Connects to the server of an attachment that look_at() found behind `fd`. A server that has more connections to accept
+// than fit gives EAGAIN when the time is over.
 // Errors: 0, or an errno value: EINTR, ENOMEM, EMFILE, ENFILE, EAGAIN as they are; anything else on the way is EBADF.
-int connect_road(int fd, const Attachment &attachment, Waiting waiting, Fd *out, pid_t *server);
+int connect_road(int fd, const Attachment &attachment, int seconds, Fd *out, pid_t *server);
 
 } // namespace hatch
 

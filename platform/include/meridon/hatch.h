@@ -172,8 +172,8 @@ int hatch_peercred(peercred_t **cred);
 int hatch_call(int hatch, hatch_arg_t *arg);
 
 /*
- * The same for a caller that doesn't wait for ever: once the server has neither taken nor sent anything for `seconds`, the
- * call fails, and may have been carried out or not. 0 seconds wait without end; a negative number is EFAULT.
+ * The same for a caller that doesn't wait for ever: a call that isn't over after `seconds`, whatever the server does, fails,
+ * and may have been carried out or not. 0 seconds wait without end; a negative number is EFAULT.
  *
  * Errors:  as hatch_call(), and ETIMEDOUT
  */

@@ -45,7 +45,7 @@ extern "C" {
 #define RPY_NAME_MAX 256 /* bytes of a name or type, its NUL included; they have no '/' */
 #define RPY_SCOPE_LOCAL "localhost"
 #define RPY_PG_FLAG_TEMPORARY 1U /* the group lives as long as the daemon, and is in no snapshot */
-#define RPY_CALL_SECONDS 60      /* how long the daemon may be silent */
+#define RPY_CALL_SECONDS 60      /* how long a call of the daemon may take, in all */
 
 typedef enum rpy_error MERIDON_ENUM32 {
 	RPY_ERROR_NONE = 1000,
