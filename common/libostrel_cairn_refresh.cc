@@ -99,7 +99,20 @@ RefreshGate *make_gate()
 		return nullptr;
 	}
 	gate->lock.init();
+	gate->process = getpid();
 	return gate;
+}
+
+// To a forked child its parent's thread waits at the gate for ever, and whoever wakes it may wait for it.
+void make_own(RefreshGate *gate) REQUIRES(gate->lock)
+{
+	if (gate->process == getpid())
+		return;
+	gate->changed = PTHREAD_COND_INITIALIZER;
+	(void) ostrel_init_monotonic(&gate->changed); // it went well before, and takes no memory
+	gate->present = 0;
+	gate->threads = 0;
+	gate->process = getpid();
 }
 
 // Sleeps until the next pass. False if this thread is to end.
@@ -176,9 +189,7 @@ void ostrel_start_refresh(ostrel_rpy_resources_t *res, const ostrel_rpy_resource
 	if (gate == nullptr || !job)
 		return;
 	MutexLock lock(gate->lock);
-	if (gate->process != getpid())
-		gate->threads = 0;
-	gate->process = getpid();
+	make_own(gate);
 	const uint64_t number = ++gate->made;
 	*job.get() = {res->nsr_db, gate, number};
 	if (ostrel_start_thread(ostrel_refresh_cairn_thread, job.get()) != 0)
@@ -192,10 +203,12 @@ void ostrel_start_refresh(ostrel_rpy_resources_t *res, const ostrel_rpy_resource
 
 void ostrel_stop_refresh(ostrel_rpy_resources_t *res)
 {
-	MutexLock lock(res->nsr_gate->lock);
-	if (res->nsr_gate->present == res->nsr_refresh_thread)
-		res->nsr_gate->present = 0;
-	(void) pthread_cond_broadcast(&res->nsr_gate->changed);
+	RefreshGate *gate = res->nsr_gate;
+	MutexLock lock(gate->lock);
+	make_own(gate);
+	if (gate->present == res->nsr_refresh_thread)
+		gate->present = 0;
+	(void) pthread_cond_broadcast(&gate->changed);
 }
 
 void ostrel_close_refresh(RefreshGate *gate)
@@ -203,8 +216,9 @@ void ostrel_close_refresh(RefreshGate *gate)
 	if (gate == nullptr)
 		return;
 	MutexLock lock(gate->lock);
+	make_own(gate);
 	// A pass that replaces the resources starts another thread, which is told to end here, too.
-	while (gate->threads > 0 && gate->process == getpid()) {
+	while (gate->threads > 0) {
 		gate->present = 0;
 		(void) pthread_cond_broadcast(&gate->changed);
 		(void) pthread_cond_wait(&gate->changed, &gate->lock.raw);
@@ -215,9 +229,7 @@ void ostrel_free_refresh_gate(RefreshGate *gate)
 {
 	if (gate == nullptr)
 		return;
-	// To a forked child its parent's thread waits there for ever, and so would this.
-	if (gate->process == 0 || gate->process == getpid())
-		(void) pthread_cond_destroy(&gate->changed);
+	(void) pthread_cond_destroy(&gate->changed);
 	gate->lock.destroy();
 	free(gate);
 }

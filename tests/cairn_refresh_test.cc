@@ -172,6 +172,27 @@ TEST_F(Refresh, AForkedChildUsesAndClosesADatabaseThoughTheThreadIsItsParents)
 	EXPECT_EQ(get(db, "g"), "g:t|p=child;");
 }
 
+TEST_F(Refresh, AForkedChildReplacesBrokenConnectionsAndItsThreadsAsItsParentDoes)
+{
+	ASSERT_EQ(put(db, "g:t", "p=parent"), OSTREL_SUCCESS);
+	const pid_t child = fork();
+	ASSERT_GE(child, 0);
+	if (child == 0) {
+		alarm(30);
+		for (const char *value : {"p=1", "p=2", "p=3"}) {
+			here.restart();
+			if (put(db, "g", value) != OSTREL_SUCCESS || resources_of(db)->nsr_refresh_thread == 0)
+				_exit(1);
+			usleep(some_passes);
+		}
+		db.reset();
+		_exit(0);
+	}
+	int status;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(status, 0);
+}
+
 TEST_F(Refresh, PassesRunBesideUpdatesWalksAndALostDaemon)
 {
 	std::atomic<bool> stop{false};
