@@ -84,6 +84,7 @@ struct ostrel_rpy_resources_t : ostrel_rpy_work_t {
 	uint64_t nsr_cache_hits;
 	boolean_t nsr_private_configd;        // bound to a private daemon
 	pid_t nsr_private_configd_pid;        // its process, if this process started it; else 0
+	pid_t nsr_private_starter;            // this process then: a forked child hasn't started it
 	RefreshGate *nsr_gate;                // of native ones of an instance; lives as long as the database is open
 	uint64_t nsr_refresh_thread;          // the number of their refresh thread at the gate; 0 if there is none
 	std::atomic<time_t> nsr_last_refresh; // seconds since the Epoch: when the snapshot was begun; 0 if it wasn't

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -91,29 +93,58 @@ int make_hatch_file(const char *path)
 	return fchmod(file.get(), hatch_mode) == 0 ? 0 : errno;
 }
 
-// The enclave's program gets nothing of this process's: its streams may be a terminal, and not all descriptors may be
-// close-on-exec.
-void drop_descriptors(int nowhere)
+// What a start needs of the host, opened before the fork: the enclave may have none of it.
+struct HostDevices {
+	Fd nowhere;
+	Fd terminal; // of this process's session; none if it has none
+
+	HostDevices()
+	    : nowhere(open("/dev/null", O_RDWR | O_CLOEXEC)), terminal(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC))
+	{}
+};
+
+// What lies at the program's place is the enclave's choice, and may never end. This child then ends by its alarm, which
+// its parent takes for a failure, and the kernel ends the program with it.
+void end_in_time()
 {
+	struct sigaction action = {};
+	action.sa_handler = SIG_DFL;
+	(void) sigaction(SIGALRM, &action, nullptr);
+	sigset_t alarms;
+	(void) sigemptyset(&alarms);
+	(void) sigaddset(&alarms, SIGALRM);
+	(void) pthread_sigmask(SIG_UNBLOCK, &alarms, nullptr);
+	(void) alarm(start_seconds);
+}
+
+// The program gets nothing of this process's: not its environment, nor its streams or other descriptors, which may not all
+// be close-on-exec, nor the terminal of its session, whose input it could write.
+[[noreturn]] void become_daemon(const char *path, const HostDevices &host)
+{
+	static constexpr char search_path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+	const char *const environment[] = {search_path, nullptr};
+	(void) prctl(PR_SET_PDEATHSIG, SIGKILL);
+	if (host.terminal)
+		(void) ioctl(host.terminal.get(), TIOCNOTTY);
 	for (int fd = 0; fd < 3; fd++)
-		(void) dup2(nowhere, fd);
+		(void) dup2(host.nowhere.get(), fd);
 	(void) close_range(3, UINT_MAX, 0);
+	(void) execle(daemon_program, daemon_program, "-d", path, "-r", repository_file, static_cast<char *>(nullptr),
+	    environment);
+	_exit(0); // the missing hatch tells
 }
 
 // The child that entered the enclave. Its status is its whole report. The daemon's first process has ended when the fork
 // comes back, so there is nobody to end after a failure.
-[[noreturn]] void start_inside(enclaveid_t enclave, const char *path, int nowhere)
+[[noreturn]] void start_inside(enclaveid_t enclave, const char *path, const HostDevices &host)
 {
+	end_in_time();
 	pid_t daemon = 0;
 	int error = make_hatch_file(path);
 	if (error == 0)
 		error = ostrel_zfork(enclave, B_FALSE, &daemon);
-	if (error == 0 && daemon == 0) {
-		drop_descriptors(nowhere);
-		(void) execlp(
-		    daemon_program, daemon_program, "-d", path, "-r", repository_file, static_cast<char *>(nullptr));
-		_exit(0); // the missing hatch tells
-	}
+	if (error == 0 && daemon == 0)
+		become_daemon(path, host);
 	_exit(ostrel_error2errno(ostrel_errno2error(error)));
 }
 
@@ -121,13 +152,13 @@ ostrel_error_t start_private_configd(enclaveid_t enclave)
 {
 	char inside[64]; // composed here: the child can't
 	(void) snprintf(inside, sizeof(inside), "%s.libostrel.%ld", hatch_place, static_cast<long>(enclave));
-	Fd nowhere(open("/dev/null", O_RDWR | O_CLOEXEC)); // this host's: the enclave may have none
-	if (!nowhere)
-		return SETERRNO(errno);
+	const HostDevices host;
+	if (!host.nowhere)
+		return SETERROR(OSTREL_FAILURE);
 	pid_t child;
 	int error = ostrel_zfork(enclave, B_TRUE, &child);
 	if (error == 0 && child == 0)
-		start_inside(enclave, inside, nowhere.get());
+		start_inside(enclave, inside, host);
 	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 }
 
@@ -142,6 +173,7 @@ ostrel_error_t start_and_bind(enclaveid_t enclave, ostrel_rpy_resources_t *res, 
 	if (!_enclave_has_process(enclave, pid))
 		return SETERROR(OSTREL_FAILURE); // somebody else's hatch lies there
 	res->nsr_private_configd_pid = pid;
+	res->nsr_private_starter = getpid();
 	return ostrel_bind_cairn_configd_hatch(res, path);
 }
 
@@ -189,7 +221,9 @@ bool ostrel_native_configd_inenclave_ready(const ostrel_rpy_resources_t *res)
 void ostrel_end_private_configd(const ostrel_rpy_resources_t *res)
 {
 	pid_t pid = res->nsr_private_configd_pid;
-	if (!res->nsr_private_configd || res->nsr_enclaveid == ENCLAVE_ID_GLOBAL || pid == 0)
+	// A forked child has a copy of its parent's resources, and the daemon is still its parent's.
+	if (!res->nsr_private_configd || res->nsr_enclaveid == ENCLAVE_ID_GLOBAL || pid == 0 ||
+	    res->nsr_private_starter != getpid())
 		return;
 	// Held first: what is found out about the id below is about this process, or the signal reaches nobody.
 	Fd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));

@@ -1,11 +1,16 @@
 // Repositories of other enclaves: the enclave's own daemon, and the private one that is started where there is none. The
 // enclaves have a root with the daemon's program and what it needs, and nothing else.
+#include <algorithm>
 #include <csignal>
 #include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <optional>
 #include <sched.h>
+#include <sstream>
+#include <stdlib.h>
 #include <sys/mount.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 
 #include <meridon/hatch.h>
@@ -15,6 +20,14 @@
 #include "test_paths.h"
 
 namespace fs = std::filesystem;
+
+// A start that comes to no end is given up after 15 s; in the test that sets this, after one.
+static unsigned int longest_alarm = 60;
+extern "C" unsigned int alarm(unsigned int seconds) noexcept
+{
+	const itimerval timer = {{}, {static_cast<time_t>(std::min(seconds, longest_alarm)), 0}};
+	return static_cast<unsigned int>(setitimer(ITIMER_REAL, &timer, nullptr));
+}
 
 namespace {
 
@@ -189,10 +202,14 @@ TEST_F(LeaderEnclaves, WithoutADaemonAPrivateOneIsStartedUsedAndEnded)
 
 TEST_F(Enclaves, ADatabaseOfAnEnclaveKeepsThePrivateDaemonUntilItIsClosed)
 {
+	ASSERT_EQ(setenv("OF_THE_HOST", "secret", 1), 0);
 	CairnDb db = open_cairn(test_instance, 0, 5);
 	ASSERT_TRUE(db);
 	const pid_t daemon = server_of(enclave_path(private_hatch));
 	EXPECT_GT(daemon, 0);
+	std::ifstream environment("/proc/" + std::to_string(daemon) + "/environ");
+	ASSERT_TRUE(environment);
+	EXPECT_EQ(std::string(std::istreambuf_iterator<char>(environment), {}).find("secret"), std::string::npos);
 	EXPECT_EQ(resources_of(db)->nsr_private_configd_pid, daemon);
 	EXPECT_TRUE(_enclave_has_process(5, daemon));
 	EXPECT_FALSE(_enclave_has_process(5, host_daemon));
@@ -211,6 +228,13 @@ TEST_F(Enclaves, ADatabaseOfAnEnclaveKeepsThePrivateDaemonUntilItIsClosed)
 		EXPECT_TRUE(resources_of(second)->nsr_private_configd);
 		EXPECT_EQ(resources_of(second)->nsr_private_configd_pid, 0) << "found, not started";
 	}
+	const pid_t child = fork();
+	if (child == 0) {
+		db.reset();
+		_exit(0);
+	}
+	ASSERT_EQ(waitpid(child, nullptr, 0), child);
+	EXPECT_FALSE(is_gone(daemon)) << "a forked child hasn't started it";
 	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;") << "the end of the second leaves it alone";
 	db.reset();
 	EXPECT_TRUE(ends(daemon));
@@ -368,6 +392,40 @@ TEST_F(Enclaves, WhatIsPlantedInAnEnclaveLeadsNowhere)
 	    symlink((enclave->prefix() + "/system/transient").c_str(), enclave_path("/system/transient").c_str()), 0);
 	EXPECT_EQ(read(db).substr(0, 1), "?") << "a directory that is a link out";
 	EXPECT_EQ(get(db, "where"), "where:t|p=host;");
+}
+
+// Makes a new terminal the one of this process, which is to be nobody's group leader.
+static bool get_terminal()
+{
+	const int pty = posix_openpt(O_RDWR | O_NOCTTY);
+	return setsid() != -1 && pty != -1 && grantpt(pty) == 0 && unlockpt(pty) == 0 &&
+	       open(ptsname(pty), O_RDWR) != -1 && open("/dev/tty", O_RDWR) != -1;
+}
+
+// What stands there is the enclave's choice. The caller may have blocked all signals, and may have a terminal.
+TEST_F(Enclaves, AProgramThatNeverEndsHoldsNobodyUp)
+{
+	fs::remove(enclave_path(program));
+	ASSERT_NO_FATAL_FAILURE(install("/bin/sh", enclave->root(), "/bin/sh"));
+	enclave->write(program, "#!/bin/sh\nread line </proc/$$/stat\necho $line >/tmp/stat\nread never </tmp/fifo\n");
+	ASSERT_EQ(chmod(enclave_path(program).c_str(), 0755), 0);
+	ASSERT_EQ(mkfifo(enclave_path("/tmp/fifo").c_str(), 0600), 0);
+	longest_alarm = 1;
+	EXPECT_EQ(in_child([&] {
+		CairnDb db = open_cairn();
+		sigset_t all;
+		(void) sigfillset(&all);
+		if (!db || !get_terminal() || pthread_sigmask(SIG_SETMASK, &all, nullptr) != 0)
+			return 1;
+		return read(db) == "? failure" && get(db, "where") == "where:t|p=host;" ? 0 : 2;
+	}),
+	    0);
+	std::istringstream stat(enclave->read("/tmp/stat"));
+	std::string comm, state;
+	int pid = 0, parent, group, session, terminal = -1;
+	ASSERT_TRUE(stat >> pid >> comm >> state >> parent >> group >> session >> terminal);
+	EXPECT_EQ(terminal, 0) << "it could write the input of the caller's terminal";
+	EXPECT_TRUE(ends(pid)) << "it stays behind";
 }
 
 TEST_F(Enclaves, AProcessInsideOpensItsOwnDatabases)

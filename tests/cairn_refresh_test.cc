@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "cairn_db.h"
+#include "threads_after_fork.h"
 
 namespace {
 std::atomic<time_t> wall_clock{1000};
@@ -191,6 +192,8 @@ TEST_F(Refresh, AForkedChildReplacesBrokenConnectionsAndItsThreadsAsItsParentDoe
 	int status;
 	ASSERT_EQ(waitpid(child, &status, 0), child);
 	EXPECT_EQ(status, 0);
+	if (const pid_t last = server_of(here.hatch()); last > 0)
+		(void) kill(last, SIGKILL); // the child's
 }
 
 TEST_F(Refresh, PassesRunBesideUpdatesWalksAndALostDaemon)

@@ -56,6 +56,9 @@ int join_namespaces(const EnclaveLeader &leader)
 	// Root of the enclave may trace its own processes. This one holds a copy of its parent's memory and descriptors.
 	if ((leader.namespaces & CLONE_NEWUSER) != 0 && prctl(PR_SET_DUMPABLE, 0) == -1)
 		return entry_error(errno);
+	// The enclave's root belongs to none of this host's groups. Inside they couldn't be given up any more.
+	if ((leader.namespaces & CLONE_NEWUSER) != 0 && syscall(SYS_setgroups, 0, nullptr) == -1)
+		return entry_error(errno);
 	if (setns(leader.process.get(), leader.namespaces) == -1)
 		return entry_error(errno);
 	if ((leader.namespaces & CLONE_NEWUSER) == 0)

@@ -22,14 +22,7 @@
 #include <thread>
 #include <unistd.h>
 
-#if defined(__SANITIZE_THREAD__)
-// Servers in tests are forked from processes that may have threads.
-extern "C" __attribute__((visibility("default"))) const char *__tsan_default_options();
-extern "C" const char *__tsan_default_options()
-{
-	return "die_after_fork=0";
-}
-#endif
+#include "threads_after_fork.h"
 
 namespace {
 
