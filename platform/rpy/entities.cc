@@ -203,9 +203,8 @@ int rpy_handle_get_scope(rpy_handle_t *handle, const char *name, rpy_scope_t *sc
 		return fail(RPY_ERROR_INVALID_ARGUMENT);
 	if (scope->handle != handle)
 		return fail(RPY_ERROR_HANDLE_MISMATCH);
-	rpy_status_t ignored;
-	if (_rpy_status(handle, &ignored) == -1)
-		return -1;
+	if (rpy_error_t error = find_daemon(handle); error != RPY_ERROR_NONE)
+		return fail(error);
 	if (strcmp(name, RPY_SCOPE_LOCAL) != 0)
 		return fail(RPY_ERROR_NOT_FOUND);
 	scope->set(1, name);

@@ -194,6 +194,16 @@ bool Call::send(rpy_handle_t *handle)
 	return true;
 }
 
+rpy_error_t find_daemon(const rpy_handle_t *handle)
+{
+	if (!handle->hatch)
+		return RPY_ERROR_NOT_BOUND;
+	hatch_info_t info;
+	if (hatch_info(handle->hatch.get(), &info) == -1)
+		return errno == EINTR ? RPY_ERROR_NONE : call_error(errno); // an interrupted look says nothing about it
+	return (info.di_attributes & HATCH_REVOKED) != 0 ? RPY_ERROR_CONNECTION_BROKEN : RPY_ERROR_NONE;
+}
+
 bool Call::sound()
 {
 	return in.done() || (fail(RPY_ERROR_INTERNAL), false);

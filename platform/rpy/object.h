@@ -68,6 +68,10 @@ T *fail_null(rpy_error_t error)
 
 // ---- The daemon ----
 
+// Whether the daemon that a handle is bound to is there, without a call: it holds its hatch as long as it lives.
+// RPY_ERROR_NONE, or what is wrong.
+rpy_error_t find_daemon(const rpy_handle_t *handle);
+
 // One request and its reply. On failure rpy_error() is set.
 class Call {
 public:

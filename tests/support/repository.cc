@@ -2,6 +2,8 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
+#include <iterator>
 #include <spawn.h>
 #include <sys/wait.h>
 
@@ -55,9 +57,17 @@ bool is_gone(pid_t pid)
 {
 	if (::kill(pid, 0) == -1)
 		return true;
-	std::string text = file_text("/proc/" + std::to_string(pid) + "/stat");
+	const std::string directory = "/proc/" + std::to_string(pid);
+	std::string text = file_text(directory + "/stat");
 	size_t state = text.rfind(") ");
-	return state == text.npos || text[state + 2] == 'Z';
+	if (state == text.npos)
+		return true;
+	if (text[state + 2] != 'Z')
+		return false;
+	// Its other threads hold its files until they have ended, too.
+	std::error_code ended;
+	std::filesystem::directory_iterator tasks(directory + "/task", ended);
+	return ended || std::distance(tasks, std::filesystem::directory_iterator()) <= 1;
 }
 
 int Repository::start(const std::string &hatch_name, std::string *output)

@@ -137,7 +137,8 @@ int rpy_handle_bind(rpy_handle_t *handle);
 int rpy_handle_unbind(rpy_handle_t *handle);
 
 /*
- * Fills the scope of that name; "localhost" is the only one. Asks the daemon, so that it tells whether it is there.
+ * Fills the scope of that name; "localhost" is the only one. Tells whether the daemon is still there, without a call: a
+ * daemon that is there and doesn't answer is found out by the next call.
  * Errors: RPY_ERROR_NOT_FOUND
  */
 int rpy_handle_get_scope(rpy_handle_t *handle, const char *name, rpy_scope_t *scope);
