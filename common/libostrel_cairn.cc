@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <unistd.h>
 
 // ---- Results ----
 
@@ -493,6 +494,29 @@ static ostrel_error_t ostrel_get_rpy_dbname_for_op(
 
 // ---- The resources of an operation ----
 
+// In a forked child: threads that it doesn't have may have held the lock, or have waited for something.
+static void forget_parent(ostrel_db_t db) NO_THREAD_SAFETY_ANALYSIS
+{
+	db->db_privlock.init();
+	ostrel_rpy_resources_t *native = native_of(db);
+	if (native == nullptr)
+		return;
+	ostrel_renew_refresh_gate(native->nsr_gate);
+	(void) ostrel_init_monotonic(&native->nsr_reader_left);
+	for (auto *entry = native->nsr_enclave_resources; entry != nullptr; entry = entry->nsr_enclave_node)
+		(void) ostrel_init_monotonic(&entry->nsr_reader_left);
+}
+
+static void enter_process(ostrel_db_t db)
+{
+	db->db_process.enter(static_cast<uint64_t>(getpid()), [db] { forget_parent(db); });
+}
+
+RpyOperation::RpyOperation(ostrel_db_t db) : db_(db)
+{
+	enter_process(db);
+}
+
 // What an update keeps in the resources nobody else stores there: readers have their own, and the refresh thread takes
 // resources without being an operation.
 ostrel_error_t RpyOperation::begin_update(attrlist_t *idl, bool temp)
@@ -548,6 +572,7 @@ ostrel_error_t RpyOperation::begin_read(attrlist_t *idl)
 
 ostrel_error_t ostrel_open_cairn(ostrel_db_t db)
 {
+	enter_process(db);
 	MutexLock lock(db->db_privlock);
 	ostrel_rpy_resources_t *res;
 	return ostrel_create_rpy_resources(db, ostrel_db_get_enclaveid(db), &res);
@@ -565,6 +590,7 @@ static RefreshGate *gate_of(ostrel_db_t db)
 // replace them.
 void ostrel_close_cairn(ostrel_db_t db)
 {
+	enter_process(db);
 	RefreshGate *gate = gate_of(db);
 	ostrel_close_refresh(gate);
 	MutexLock lock(db->db_privlock);

@@ -126,7 +126,7 @@ int cmp_resources_by_enclaveid(const ostrel_rpy_resources_t *a, const ostrel_rpy
 // The resources that an operation holds, given back at its end.
 class RpyOperation {
 public:
-	explicit RpyOperation(ostrel_db_t db) : db_(db) {}
+	explicit RpyOperation(ostrel_db_t db);
 	RpyOperation(const RpyOperation &) = delete;
 	RpyOperation &operator=(const RpyOperation &) = delete;
 	~RpyOperation() { ostrel_rele_rpy_resources(db_, res_, rres_); }
@@ -172,6 +172,8 @@ void ostrel_stop_refresh(ostrel_rpy_resources_t *res);
 // Waits until no refresh thread of a database runs any more; none can start then. Takes NULL. Not with db_privlock held,
 // which the last pass may need.
 void ostrel_close_refresh(RefreshGate *gate);
+// In a forked child, which has none of the threads that are at the gate. Takes NULL.
+void ostrel_renew_refresh_gate(RefreshGate *gate);
 // Takes NULL. No refresh thread may run any more.
 void ostrel_free_refresh_gate(RefreshGate *gate);
 

@@ -78,7 +78,6 @@ struct RefreshGate {
 	uint64_t made;    // numbers given
 	uint64_t present; // 0: none goes on
 	int threads;      // that haven't ended
-	pid_t process;    // whose threads they are: a forked child has none of them
 };
 
 namespace {
@@ -99,20 +98,7 @@ RefreshGate *make_gate()
 		return nullptr;
 	}
 	gate->lock.init();
-	gate->process = getpid();
 	return gate;
-}
-
-// To a forked child its parent's thread waits at the gate for ever, and whoever wakes it may wait for it.
-void make_own(RefreshGate *gate) REQUIRES(gate->lock)
-{
-	if (gate->process == getpid())
-		return;
-	gate->changed = PTHREAD_COND_INITIALIZER;
-	(void) ostrel_init_monotonic(&gate->changed); // it went well before, and takes no memory
-	gate->present = 0;
-	gate->threads = 0;
-	gate->process = getpid();
 }
 
 // Sleeps until the next pass. False if this thread is to end.
@@ -189,7 +175,6 @@ void ostrel_start_refresh(ostrel_rpy_resources_t *res, const ostrel_rpy_resource
 	if (gate == nullptr || !job)
 		return;
 	MutexLock lock(gate->lock);
-	make_own(gate);
 	const uint64_t number = ++gate->made;
 	*job.get() = {res->nsr_db, gate, number};
 	if (ostrel_start_thread(ostrel_refresh_cairn_thread, job.get()) != 0)
@@ -205,7 +190,6 @@ void ostrel_stop_refresh(ostrel_rpy_resources_t *res)
 {
 	RefreshGate *gate = res->nsr_gate;
 	MutexLock lock(gate->lock);
-	make_own(gate);
 	if (gate->present == res->nsr_refresh_thread)
 		gate->present = 0;
 	(void) pthread_cond_broadcast(&gate->changed);
@@ -216,13 +200,23 @@ void ostrel_close_refresh(RefreshGate *gate)
 	if (gate == nullptr)
 		return;
 	MutexLock lock(gate->lock);
-	make_own(gate);
 	// A pass that replaces the resources starts another thread, which is told to end here, too.
 	while (gate->threads > 0) {
 		gate->present = 0;
 		(void) pthread_cond_broadcast(&gate->changed);
 		(void) pthread_cond_wait(&gate->changed, &gate->lock.raw);
 	}
+}
+
+// To the child its parent's threads wait at the gate for ever, and whoever wakes them may wait for them.
+void ostrel_renew_refresh_gate(RefreshGate *gate)
+{
+	if (gate == nullptr)
+		return;
+	gate->lock.init();
+	(void) ostrel_init_monotonic(&gate->changed); // it went well before, and takes no memory
+	gate->present = 0;
+	gate->threads = 0;
 }
 
 void ostrel_free_refresh_gate(RefreshGate *gate)

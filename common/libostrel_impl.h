@@ -10,6 +10,7 @@
 #include <meridon/peercred.h>
 #include <meridon/trail.h>
 
+#include "base/process_mark.h"
 #include "base/thread_safety.h"
 #include "libostrel.h"
 
@@ -99,8 +100,9 @@ struct ostrel_db {
 	char db_read_auth[1024];  // empty: none needed
 	char db_write_auth[1024];
 	RwLock db_lock ACQUIRED_BEFORE(db_privlock);
-	Mutex db_privlock; // guards what lies behind db_priv
-	void *db_priv;     // the back end's; NULL until it sets it
+	Mutex db_privlock;      // guards what lies behind db_priv
+	void *db_priv;          // the back end's; NULL until it sets it
+	ProcessMark db_process; // whose db_privlock that is: a thread of a forked child's parent may have held it
 };
 
 // With a NULL handle the first three give NULL, NULL and 0, and the privlock's two do nothing; the others need a

@@ -608,6 +608,8 @@ rpy_error_t backup(Daemon *daemon, Reader *in, Writer *out)
 
 // ---- The table ----
 
+rpy_error_t together(Daemon *daemon, Reader *in, Writer *out);
+
 struct Request {
 	Handler *handler;
 	bool changes;
@@ -634,8 +636,46 @@ constexpr Request requests[] = {
     {revert_snapshot, true},
     {verify, false},
     {backup, false},
+    {together, false},
 };
 static_assert(sizeof(requests) / sizeof(*requests) == static_cast<size_t>(Op::count_));
+
+// The head of a reply, and what `fill` puts behind it, unless that fails.
+template <typename Fill>
+void put_reply(Writer *reply, Fill fill)
+{
+	reply->u32(magic);
+	const size_t error_at = reply->hole();
+	const size_t begin = reply->size();
+	rpy_error_t error = RPY_ERROR_NO_MEMORY;
+	try {
+		error = fill();
+	} catch (const std::bad_alloc &) { // what is there of the reply goes, too
+	}
+	if (error != RPY_ERROR_NONE && reply->ok())
+		reply->cut(begin);
+	reply->fill(error_at, static_cast<uint32_t>(error));
+}
+
+// Several reads of one client's, each with a reply of its own: one that fails says nothing about the others. Those that no
+// page has room for are left to calls of their own.
+rpy_error_t together(Daemon *daemon, Reader *in, Writer *out)
+{
+	while (in->ok() && in->left() > 0) {
+		if (out->size() > page_bytes)
+			return RPY_ERROR_NONE;
+		Reader one(in->text());
+		const bool speaks = one.u32() == magic;
+		const auto op = static_cast<Op>(one.u32());
+		if (!one.ok() || !speaks || (op != Op::get_group && op != Op::read_group))
+			return RPY_ERROR_INVALID_ARGUMENT;
+		const size_t length_at = out->hole();
+		const size_t begin = out->size();
+		put_reply(out, [&] { return requests[static_cast<size_t>(op)].handler(daemon, &one, out); });
+		out->fill(length_at, static_cast<uint32_t>(out->size() - begin));
+	}
+	return in->done() ? RPY_ERROR_NONE : RPY_ERROR_INVALID_ARGUMENT;
+}
 
 rpy_error_t carry_out(Daemon *daemon, std::string_view request, bool (*read)(), bool (*modify)(), Writer *reply)
 {
@@ -699,18 +739,7 @@ Failure Daemon::load()
 
 void answer(Daemon *daemon, std::string_view request, bool (*read)(), bool (*modify)(), Writer *reply)
 {
-	rpy_error_t error = RPY_ERROR_NO_MEMORY;
-	reply->u32(magic);
-	size_t error_at = reply->hole();
-	size_t begin = reply->size();
-	try {
-		error = carry_out(daemon, request, read, modify, reply);
-	} catch (const std::bad_alloc &) {
-		error = RPY_ERROR_NO_MEMORY;
-	}
-	if (error != RPY_ERROR_NONE && reply->ok())
-		reply->cut(begin);
-	reply->fill(error_at, static_cast<uint32_t>(error));
+	put_reply(reply, [&] { return carry_out(daemon, request, read, modify, reply); });
 }
 
 } // namespace repository

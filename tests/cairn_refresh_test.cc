@@ -196,6 +196,33 @@ TEST_F(Refresh, AForkedChildReplacesBrokenConnectionsAndItsThreadsAsItsParentDoe
 		(void) kill(last, SIGKILL); // the child's
 }
 
+// A pass replaces a broken connection with the lock held, and the new daemon takes its time.
+TEST_F(Refresh, AForkedChildWaitsForNoLockThatItsParentsThreadHeld)
+{
+	ASSERT_EQ(put(db, "g:t", "p=1"), OSTREL_SUCCESS);
+	here.restart();
+	ASSERT_EQ(kill(here.daemon.pid(), SIGSTOP), 0);
+	wall_clock += 10;
+	usleep(some_passes);
+	const bool held = !db->db_privlock.try_lock();
+	if (!held)
+		db->db_privlock.unlock();
+	ASSERT_TRUE(held);
+	const pid_t child = fork();
+	if (child == 0) {
+		(void) signal(SIGALRM, SIG_DFL);
+		alarm(20);
+		(void) kill(here.daemon.pid(), SIGCONT);
+		const bool reads = get(db, "g") == "g:t|p=1;";
+		db.reset();
+		_exit(reads ? 0 : 1);
+	}
+	int status;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(status, 0);
+	(void) kill(here.daemon.pid(), SIGCONT);
+}
+
 TEST_F(Refresh, PassesRunBesideUpdatesWalksAndALostDaemon)
 {
 	std::atomic<bool> stop{false};

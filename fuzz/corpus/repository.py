@@ -6,8 +6,11 @@ import struct
 HERE = os.path.dirname(os.path.abspath(__file__))
 (STATUS, DECODE, LIST_SERVICES, LIST_INSTANCES, LIST_SNAPSHOTS, ADD_SERVICE, ADD_INSTANCE, DELETE_ENTITY, GET_GROUP,
  READ_GROUP, LIST_GROUPS, ADD_GROUP, DELETE_GROUP, COMMIT, GET_SNAPSHOT, TAKE_SNAPSHOT, DELETE_SNAPSHOT,
- REVERT_SNAPSHOT, VERIFY, BACKUP) = range(20)
+ REVERT_SNAPSHOT, VERIFY, BACKUP, TOGETHER) = range(21)
 SERVICE, INSTANCE, GROUP, SNAPSHOT, FROZEN = range(1, 6)
+
+
+MAGIC = b"RPY1"
 
 
 def u32(number):
@@ -33,6 +36,10 @@ def requests(*each):
     return b"".join(struct.pack("<H", len(request)) + request for request in whole)
 
 
+def together(*each):
+    return b"".join(text(MAGIC + u32(op) + body) for op, body in each)
+
+
 def group(number, name, kind, *properties, version=0, flags=0):
     block = u32(len(properties)) + b"".join(properties)
     return u64(number) + u64(version) + u32(flags) + text(name) + text(kind) + text(block)
@@ -56,6 +63,10 @@ REQUESTS = {
     "temporary": BASE + [(ADD_GROUP, u32(GROUP) + u64(4) + text("t") + text("t") + u32(1)),
                          (ADD_GROUP, u32(GROUP) + u64(11) + text("t") + text("t") + u32(0)),
                          (COMMIT, u64(11) + u64(0) + u32(1) + u32(0) + prop("p", 6, b"\0"))],
+    "together": BASE + [(TOGETHER, together((GET_GROUP, u32(INSTANCE) + u64(3) + text("g")), (READ_GROUP, u64(99)),
+                                            (READ_GROUP, u64(4)), (GET_GROUP, b""))), (TOGETHER, b""),
+                        (TOGETHER, together((TOGETHER, together((READ_GROUP, u64(4)))))),
+                        (TOGETHER, together((DELETE_GROUP, u64(4))) + u32(9))],
     "short": [(ADD_SERVICE, u32(4000000000)), (COMMIT, u64(0)), (99, b"")],
 }
 HEAD = u32(0x31595052) + u32(1000)

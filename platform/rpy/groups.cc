@@ -69,7 +69,7 @@ int get_pg(const Top &top, const char *text, rpy_propertygroup_t *pg)
 	Call call(Op::get_group);
 	put_parent(&call.out, top.kind, top.id);
 	call.out.text(name);
-	if (!call.send(top.handle) || !fill_group(&call, pg))
+	if (!call.send_read(top.handle) || !fill_group(&call, pg))
 		return -1;
 	pg->frozen = top.kind == Parent::snapshot || top.kind == Parent::frozen;
 	return 0;
@@ -263,7 +263,7 @@ int rpy_pg_update(rpy_propertygroup_t *pg)
 	Call call(Op::read_group);
 	call.out.u64(pg->group.id);
 	uint64_t before = pg->group.version;
-	if (!call.send(pg->handle) || !fill_group(&call, pg))
+	if (!call.send_read(pg->handle) || !fill_group(&call, pg))
 		return -1;
 	return pg->group.version == before ? 0 : 1;
 }

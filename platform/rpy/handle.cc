@@ -98,7 +98,7 @@ struct FreshReply {
 bool may_repeat(Op op)
 {
 	return op <= Op::list_snapshots || op == Op::get_group || op == Op::read_group || op == Op::list_groups ||
-	       op == Op::get_snapshot || op == Op::verify || op == Op::backup;
+	       op == Op::get_snapshot || op == Op::verify || op == Op::backup || op == Op::together;
 }
 
 } // namespace
@@ -161,12 +161,15 @@ std::string_view name_of(const char *text)
 	return is_name(name) ? name : std::string_view();
 }
 
-bool Call::send(rpy_handle_t *handle)
+bool Call::ready(const rpy_handle_t *handle) const
 {
 	if (!handle->hatch)
 		return fail(RPY_ERROR_NOT_BOUND), false;
-	if (!out.ok())
-		return fail(RPY_ERROR_NO_MEMORY), false;
+	return out.ok() || (fail(RPY_ERROR_NO_MEMORY), false);
+}
+
+rpy_error_t Call::exchange(rpy_handle_t *handle)
+{
 	uint32_t op;
 	memcpy(&op, out.data() + sizeof(magic), sizeof(op));
 	char room[16384];
@@ -177,21 +180,46 @@ bool Call::send(rpy_handle_t *handle)
 		result = hatch_call_timed(handle->hatch.get(), &arg, RPY_CALL_SECONDS);
 	} while (result == -1 && errno == EINTR && may_repeat(static_cast<Op>(op)));
 	if (result == -1)
-		return fail(errno == EINTR ? RPY_ERROR_CONNECTION_BROKEN : call_error(errno)), false;
+		return errno == EINTR ? RPY_ERROR_CONNECTION_BROKEN : call_error(errno);
 	FreshReply fresh = {&arg, room};
-	reply = BlockRef(make_block(arg.data_size));
+	return keep({arg.data_ptr, arg.data_size});
+}
+
+rpy_error_t Call::keep(std::string_view bytes)
+{
+	reply = BlockRef(make_block(bytes.size()));
 	if (!reply)
-		return fail(RPY_ERROR_NO_MEMORY), false;
-	if (arg.data_size > 0)
-		memcpy(reply->data(), arg.data_ptr, arg.data_size);
-	in = Reader(reply->data(), arg.data_size);
+		return RPY_ERROR_NO_MEMORY;
+	if (!bytes.empty())
+		memcpy(reply->data(), bytes.data(), bytes.size());
+	in = Reader(reply->data(), bytes.size());
+	return RPY_ERROR_NONE;
+}
+
+rpy_error_t Call::take_head()
+{
 	bool speaks = in.u32() == magic;
 	uint32_t error = in.u32();
 	if (!in.ok() || !speaks || error < RPY_ERROR_NONE || error > RPY_ERROR_INTERNAL)
-		return fail(RPY_ERROR_INTERNAL), false;
-	if (error != RPY_ERROR_NONE)
-		return fail(static_cast<rpy_error_t>(error)), false;
-	return true;
+		return RPY_ERROR_INTERNAL;
+	return static_cast<rpy_error_t>(error);
+}
+
+bool Call::take(rpy_error_t error)
+{
+	if (error == RPY_ERROR_NONE)
+		error = take_head();
+	return error == RPY_ERROR_NONE || (fail(error), false);
+}
+
+bool Call::send(rpy_handle_t *handle)
+{
+	return ready(handle) && take(exchange(handle));
+}
+
+bool Call::send_read(rpy_handle_t *handle)
+{
+	return ready(handle) && take(exchange_together(handle, this));
 }
 
 rpy_error_t find_daemon(const rpy_handle_t *handle)

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "base/guards.h"
+#include "rpy/together.h"
 #include "rpy/wire.h"
 
 namespace rpy {
@@ -83,13 +84,27 @@ public:
 
 	// Sends what was written. Errors: as rpy_error() says.
 	bool send(rpy_handle_t *handle);
+	// The same for a read of one group, which may share a call with those of other threads.
+	bool send_read(rpy_handle_t *handle);
+
+	// The steps of these. Each gives RPY_ERROR_NONE or what is wrong, and leaves rpy_error() alone.
+	rpy_error_t exchange(rpy_handle_t *handle);
+	rpy_error_t keep(std::string_view bytes);
+	rpy_error_t take_head();
 	// To be asked when all of a reply is taken: whether it was sound.
 	bool sound();
 
 	Writer out;
 	Reader in;
 	BlockRef reply;
+
+private:
+	bool ready(const rpy_handle_t *handle) const;
+	bool take(rpy_error_t error);
 };
+
+// Exchanges a read for its reply, in a call of its own or one of several threads.
+rpy_error_t exchange_together(rpy_handle_t *handle, Call *call);
 
 // Copies a text out, cut to fit. Gives its length.
 ssize_t give_text(std::string_view text, char *buffer, size_t size);
@@ -105,6 +120,7 @@ bool fill_group(Call *call, rpy_propertygroup_t *pg);
 struct rpy_handle {
 	Fd hatch; // none while unbound
 	rpy::Text path;
+	rpy::Together together;
 };
 
 // What services, instances and snapshots are: an id and a name.

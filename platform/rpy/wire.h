@@ -39,6 +39,7 @@ enum class Op : uint32_t {
 	revert_snapshot, // id u64: the instance holds what the snapshot holds
 	verify,          // -> findings text
 	backup,          // -> the store's bytes
+	together,        // texts, each a get_group or read_group -> the replies, as texts
 	count_
 };
 
