@@ -230,6 +230,15 @@ rpy_error_t list_groups(Daemon *daemon, Reader *in, Writer *out)
 
 // ---- Changes of the tree ----
 
+// How many groups there are from a node upwards.
+int depth_of(const Node *node)
+{
+	int depth = 0;
+	for (; node != nullptr && node->is_group(); node = node->parent)
+		depth++;
+	return depth;
+}
+
 // Adds one node, unless there is one of its name.
 rpy_error_t add_node(Daemon *daemon, std::unique_ptr<Node> node, Parent parent_kind, uint64_t parent_id, Writer *out)
 {
@@ -242,6 +251,8 @@ rpy_error_t add_node(Daemon *daemon, std::unique_ptr<Node> node, Parent parent_k
 		if (model.child(added->parent, added->kind, added->name) != nullptr)
 			return RPY_ERROR_EXISTS;
 		if (added->parent != nullptr && added->stored() && !added->parent->stored())
+			return RPY_ERROR_CONSTRAINT_VIOLATED;
+		if (depth_of(added->parent) >= depth_max)
 			return RPY_ERROR_CONSTRAINT_VIOLATED;
 		added->id = model.take_id();
 		if (added->stored())
@@ -261,7 +272,7 @@ rpy_error_t add_node(Daemon *daemon, std::unique_ptr<Node> node, Parent parent_k
 rpy_error_t add_service(Daemon *daemon, Reader *in, Writer *out)
 {
 	std::string_view name = in->text();
-	if (!in->done() || name.empty() || name.size() >= name_max || name.find('\0') != name.npos)
+	if (!in->done() || !is_service_name(name))
 		return RPY_ERROR_INVALID_ARGUMENT;
 	auto node = std::make_unique<Node>();
 	node->name = name;
@@ -417,7 +428,7 @@ rpy_error_t merge(const std::string &before, Entries *entries, std::string *afte
 	merged.fill(count_at, count);
 	if (!merged.ok())
 		return RPY_ERROR_NO_MEMORY;
-	if (merged.size() > UINT32_MAX)
+	if (merged.size() > group_bytes_max)
 		return RPY_ERROR_NO_RESOURCES;
 	after->assign(merged.view());
 	return RPY_ERROR_NONE;

@@ -46,8 +46,8 @@ int answer(hatch_arg_t *arg, std::initializer_list<uint32_t> words)
 
 } // namespace
 
-extern "C" int __real_hatch_call_timed(int fd, hatch_arg_t *arg, int seconds);
-extern "C" int __wrap_hatch_call_timed(int fd, hatch_arg_t *arg, int seconds)
+extern "C" int __real_hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, size_t reply_max);
+extern "C" int __wrap_hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 {
 	trouble.calls++;
 	if (commits_are_stale && is_commit(arg))
@@ -58,7 +58,7 @@ extern "C" int __wrap_hatch_call_timed(int fd, hatch_arg_t *arg, int seconds)
 		return answer(arg, {rpy::magic, static_cast<uint32_t>(trouble.error)});
 	}
 	trouble.left -= trouble.left > 0 ? 1 : 0;
-	return __real_hatch_call_timed(fd, arg, seconds);
+	return __real_hatch_call_bounded(fd, arg, seconds, reply_max);
 }
 
 namespace {

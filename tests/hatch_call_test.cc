@@ -422,7 +422,7 @@ TEST_F(HatchCall, CyclesAndFailuresLeaveNothingBehind)
 	}
 }
 
-TEST(HatchCallTimed, GivesUpAServerThatStaysSilentAndTheNextOneIsServed)
+TEST(HatchCallBounded, GivesUpAServerThatStaysSilentAndTheNextOneIsServed)
 {
 	Scratch place;
 	LocalHatch hatch(attachable(place.path("hatch")));
@@ -431,13 +431,35 @@ TEST(HatchCallTimed, GivesUpAServerThatStaysSilentAndTheNextOneIsServed)
 	auto call = [&](uint32_t ms, int seconds) {
 		Ask ask = {Do::Sleep, ms, 0};
 		hatch_arg_t arg = {reinterpret_cast<char *>(&ask), sizeof(ask), nullptr, 0, reply, sizeof(reply)};
-		return hatch_call_timed(client.get(), &arg, seconds) == 0 ? 0 : errno;
+		return hatch_call_bounded(client.get(), &arg, seconds, 0) == 0 ? 0 : errno;
 	};
 	EXPECT_EQ(call(0, 1), 0);
 	EXPECT_EQ(call(1500, 1), ETIMEDOUT);
 	EXPECT_EQ(call(0, 1), 0);
 	EXPECT_EQ(call(1200, 0), 0); // the bound of an earlier call is gone
 	EXPECT_EQ(call(0, -1), EFAULT);
+}
+
+TEST(HatchCallBounded, TakesNoReplyThatIsTooLongAndGoesOn)
+{
+	Scratch place;
+	LocalHatch hatch(attachable(place.path("hatch")));
+	Fd client(open(place.path("hatch").c_str(), O_RDONLY | O_CLOEXEC));
+	auto call = [&](uint64_t size, size_t most) {
+		Ask ask = {Do::Size, 0, size};
+		char reply[64];
+		hatch_arg_t arg = {reinterpret_cast<char *>(&ask), sizeof(ask), nullptr, 0, reply, sizeof(reply)};
+		const int error = hatch_call_bounded(client.get(), &arg, 0, most) == 0 ? 0 : errno;
+		EXPECT_TRUE(error != 0 || arg.data_size == size);
+		if (error == 0 && arg.rbuf != reply)
+			(void) munmap(arg.rbuf, arg.rsize);
+		return error;
+	};
+	for (size_t size : {size_t{40}, size_t{5000}, size_t{3} << 20}) {
+		EXPECT_EQ(call(size, size), 0);
+		EXPECT_EQ(call(size, size - 1), EMSGSIZE);
+		EXPECT_EQ(call(size, 0), 0);
+	}
 }
 
 } // namespace

@@ -513,7 +513,7 @@ TEST(HatchFakeServer, ACallThatHasItsTimeEndsWhateverTheServerDoes)
 	auto call_within = [&](int seconds) {
 		char request[] = "x";
 		hatch_arg_t arg = {request, 1, nullptr, 0, nullptr, 0};
-		return hatch_call_timed(fd.get(), &arg, seconds) == 0 ? 0 : errno;
+		return hatch_call_bounded(fd.get(), &arg, seconds, 0) == 0 ? 0 : errno;
 	};
 	for (uint64_t size : {uint64_t{600}, uint64_t{1} << 30}) {
 		std::thread server = fake.dribble(size);

@@ -1,10 +1,12 @@
 // The repository through its client library, with a real daemon behind it.
 #include <atomic>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <thread>
 
 #include "alloc_fault.h"
 #include "repository.h"
+#include "rpy/wire.h"
 
 namespace {
 
@@ -143,6 +145,43 @@ TEST_F(Rpy, GroupsNestAndGoWithTheirParents)
 	EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
 	EXPECT_EQ(rpy_pg_get_pg(b.get(), "c", c.get()), -1);
 	EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
+}
+
+TEST_F(Rpy, GroupsNestNoDeeperThanAnyClientFollows)
+{
+	Pg pg = client.group();
+	ASSERT_EQ(rpy_instance_add_pg(client.instance, "g", "t", RPY_PG_FLAG_TEMPORARY, pg.get()), 0);
+	int depth = 1;
+	while (rpy_pg_add_pg(pg.get(), "g", "t", RPY_PG_FLAG_TEMPORARY, pg.get()) == 0)
+		depth++;
+	EXPECT_EQ(rpy_error(), RPY_ERROR_CONSTRAINT_VIOLATED);
+	EXPECT_EQ(depth, rpy::depth_max);
+}
+
+// Working objects are kept for the next operation.
+TEST_F(Rpy, AWalkThatHasEndedKeepsLittleOfIt)
+{
+	for (int i = 0; i < 3000; i++)
+		ASSERT_EQ(client.add("group" + std::to_string(i), "t", RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
+	for (int i = 0; i < 3000; i += 3)
+		ASSERT_EQ(client.write("group" + std::to_string(i), {{"v", {std::string(2000, 'x')}}}), 1);
+	std::vector<Iter> iters;
+	std::vector<Pg> groups;
+	const size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
+	for (int i = 0; i < 8; i++) {
+		iters.emplace_back(rpy_iter_create(client.handle));
+		groups.push_back(client.group());
+		ASSERT_EQ(rpy_iter_instance_pgs(iters.back().get(), client.instance), 0);
+		int seen = 0;
+		while (rpy_iter_next_pg(iters.back().get(), groups.back().get()) == 1)
+			seen++;
+		EXPECT_EQ(seen, 3000);
+		EXPECT_EQ(rpy_iter_next_pg(iters.back().get(), groups.back().get()), 0);
+		char name[RPY_NAME_MAX];
+		EXPECT_EQ(rpy_pg_get_name(groups.back().get(), name, sizeof(name)), 9);
+	}
+	const size_t kept = mallinfo2().uordblks + mallinfo2().hblkhd - before;
+	EXPECT_LT(kept, 8U * 1'000'000) << "of more than 2 MB each";
 }
 
 TEST_F(Rpy, TemporaryGroupsEndWithTheDaemonAndHoldNothingThatStays)
@@ -325,6 +364,18 @@ TEST_F(Rpy, MisuseHasItsErrorAndChangesNothing)
 		FAILS(rpy_handle_decode_locator(client.handle, bad, nullptr, nullptr, nullptr, nullptr, nullptr, 0),
 		    RPY_ERROR_INVALID_ARGUMENT);
 	FAILS(_rpy_service_delete(client.service, 0), RPY_ERROR_IN_USE);
+	rpy_service_t *made = rpy_service_create(client.handle);
+	rpy_instance_t *instance = rpy_instance_create(client.handle);
+	Snap snapshot(rpy_snapshot_create(client.handle));
+	for (const char *bad : {"x:y", "/x", "x/", "x//y", ""}) // it would be no locator, or another one
+		FAILS(rpy_scope_add_service(client.scope, bad, made), RPY_ERROR_INVALID_ARGUMENT);
+	ASSERT_EQ(rpy_scope_add_service(client.scope, "other", made), 0);
+	ASSERT_EQ(rpy_service_add_instance(made, "i", instance), 0);
+	ASSERT_EQ(_rpy_snapshot_take_new(instance, "s", snapshot.get()), 0);
+	FAILS(_rpy_snapshot_take_attach(client.instance, snapshot.get()), RPY_ERROR_INVALID_ARGUMENT);
+	ASSERT_EQ(_rpy_snapshot_take_attach(instance, snapshot.get()), 0);
+	rpy_instance_destroy(instance);
+	rpy_service_destroy(made);
 #undef FAILS
 	rpy_transaction_destroy_children(tx.get());
 	rpy_entry_destroy(other);

@@ -188,7 +188,7 @@ int gather(
 	return receive_rest(connection, deadline, reply->data() + landed.size, size - landed.size, Memory::own);
 }
 
-Outcome receive_reply(Connection *connection, const Deadline &deadline, hatch_arg_t *arg)
+Outcome receive_reply(Connection *connection, const Deadline &deadline, size_t reply_max, hatch_arg_t *arg)
 {
 	Landed landed;
 	if (!have_patience(connection, deadline))
@@ -198,6 +198,8 @@ Outcome receive_reply(Connection *connection, const Deadline &deadline, hatch_ar
 	if (landed.head.refusal != 0)
 		return {refusal_errno(landed.head.refusal), landed.head.size == 0};
 	size_t size = landed.head.size;
+	if (reply_max != 0 && size > reply_max)
+		return broken(EMSGSIZE);
 	if (size == 0 || (arg->rbuf != nullptr && size <= arg->rsize)) {
 		if (int error = receive_rest(
 			connection, deadline, arg->rbuf + landed.size, size - landed.size, Memory::callers))
@@ -243,7 +245,7 @@ int begin_call(int fd, const Attachment &attachment, const hatch_arg_t &arg, con
 	return connection_error(error);
 }
 
-int call(int fd, hatch_arg_t *arg, int seconds)
+int call(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 {
 	Look look;
 	if (!look_at(fd, &look))
@@ -255,7 +257,7 @@ int call(int fd, hatch_arg_t *arg, int seconds)
 		return error;
 	Outcome outcome = broken(send_rest(connection, *arg, deadline, sent));
 	if (outcome.error == 0)
-		outcome = receive_reply(connection, deadline, arg);
+		outcome = receive_reply(connection, deadline, reply_max, arg);
 	if (!outcome.reusable) {
 		drop_connection(connection);
 		return outcome.error;
@@ -315,17 +317,17 @@ int fail_with(int error)
 
 int hatch_call(int fd, hatch_arg_t *arg)
 {
-	return hatch_call_timed(fd, arg, 0);
+	return hatch_call_bounded(fd, arg, 0, 0);
 }
 
-int hatch_call_timed(int fd, hatch_arg_t *arg, int seconds)
+int hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 {
 	CancellationWaits cancellation; // else a call half-way would leave its connection to nobody
 	if (arg == nullptr || (arg->data_ptr == nullptr && arg->data_size != 0) || seconds < 0)
 		return hatch::fail_with(EFAULT);
 	if (arg->desc_num != 0)
 		return hatch::fail_with(ENOTSUP);
-	return hatch::fail_with(hatch::call(fd, arg, seconds));
+	return hatch::fail_with(hatch::call(fd, arg, seconds, reply_max));
 }
 
 int hatch_info(int fd, hatch_info_t *info)

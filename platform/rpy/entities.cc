@@ -89,6 +89,7 @@ int start_names(rpy_iter_t *iter, Walk walk, Op op, const rpy_entity *parent, bo
 	if (iter->handle != parent->handle)
 		return fail(RPY_ERROR_HANDLE_MISMATCH);
 	Writer names;
+	Budget budget(listing_max());
 	uint32_t total = 0;
 	uint64_t after = 0;
 	for (bool more = true; more;) {
@@ -96,7 +97,7 @@ int start_names(rpy_iter_t *iter, Walk walk, Op op, const rpy_entity *parent, bo
 		if (send_parent)
 			call.out.u64(parent->id);
 		call.out.u64(after);
-		if (!call.send(parent->handle))
+		if (!call.send(parent->handle, &budget))
 			return -1;
 		more = call.in.u32() != 0;
 		uint32_t count = call.in.u32();
@@ -110,7 +111,7 @@ int start_names(rpy_iter_t *iter, Walk walk, Op op, const rpy_entity *parent, bo
 			names.text(name);
 			total++;
 		}
-		if (!call.sound() || (more && count == 0))
+		if (!call.sound() || (more && count < page_most))
 			return fail(RPY_ERROR_INTERNAL);
 	}
 	BlockRef block(names.ok() ? make_block(names.size()) : nullptr);
@@ -121,6 +122,7 @@ int start_names(rpy_iter_t *iter, Walk walk, Op op, const rpy_entity *parent, bo
 	iter->in = Reader(block->data(), names.size());
 	iter->left = total;
 	iter->block = std::move(block);
+	iter->parent = parent->id;
 	return 0;
 }
 
@@ -212,25 +214,6 @@ int rpy_handle_get_scope(rpy_handle_t *handle, const char *name, rpy_scope_t *sc
 }
 
 // ---- Locators ----
-
-namespace {
-
-// A service's name has components, each a name.
-bool is_service_name(std::string_view name)
-{
-	if (name.empty() || name.size() >= name_max)
-		return false;
-	for (;;) {
-		size_t slash = name.find('/');
-		if (!is_name(name.substr(0, slash)))
-			return false;
-		if (slash == name.npos)
-			return true;
-		name.remove_prefix(slash + 1);
-	}
-}
-
-} // namespace
 
 int rpy_parse_svc_locator(char *locator, const char **service, const char **instance)
 {
@@ -338,26 +321,40 @@ int rpy_iter_next_instance(rpy_iter_t *iter, rpy_instance_t *instance)
 }
 int rpy_iter_next_snapshot(rpy_iter_t *iter, rpy_snapshot_t *snapshot)
 {
-	return next_name(iter, Walk::snapshots, snapshot);
+	const int step = next_name(iter, Walk::snapshots, snapshot);
+	if (step == 1)
+		snapshot->instance = iter->parent;
+	return step;
 }
 
 // ---- Snapshots ----
 
+static int ask_for_snapshot(
+    Op op, const rpy_instance_t *instance, const char *name, rpy_snapshot_t *snapshot, int replace = -1)
+{
+	if (ask_for_id(op, instance, true, name, snapshot, replace) == -1)
+		return -1;
+	snapshot->instance = instance->id;
+	return 0;
+}
+
 int rpy_instance_get_snapshot(const rpy_instance_t *instance, const char *name, rpy_snapshot_t *snapshot)
 {
-	return ask_for_id(Op::get_snapshot, instance, true, name, snapshot);
+	return ask_for_snapshot(Op::get_snapshot, instance, name, snapshot);
 }
 int _rpy_snapshot_take_new(const rpy_instance_t *instance, const char *name, rpy_snapshot_t *snapshot)
 {
-	return ask_for_id(Op::take_snapshot, instance, true, name, snapshot, 0);
+	return ask_for_snapshot(Op::take_snapshot, instance, name, snapshot, 0);
 }
 int _rpy_snapshot_take_attach(const rpy_instance_t *instance, rpy_snapshot_t *snapshot)
 {
-	if (!is_set(snapshot))
+	if (!is_set(instance) || !is_set(snapshot))
 		return -1;
+	if (snapshot->instance != instance->id)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
 	char name[RPY_NAME_MAX];
 	(void) give_text(snapshot->name, name, sizeof(name));
-	return ask_for_id(Op::take_snapshot, instance, true, name, snapshot, 1);
+	return ask_for_snapshot(Op::take_snapshot, instance, name, snapshot, 1);
 }
 int _rpy_snapshot_revert(rpy_snapshot_t *snapshot)
 {

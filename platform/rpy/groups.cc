@@ -115,20 +115,19 @@ Block *in_order(Block *last)
 {
 	Block *first = nullptr;
 	while (last != nullptr) {
-		Block *older = last->older;
-		last->older = first;
+		Block *before = last->next_page;
+		last->next_page = first;
 		first = last;
-		last = older;
+		last = before;
 	}
 	return first;
 }
 
 constexpr size_t page_head = 2 * sizeof(uint32_t); // magic and error, which every reply has
 // Begins to walk a page.
-void enter_page(rpy_iter_t *iter, Block *page)
+void enter_page(rpy_iter_t *iter)
 {
-	iter->page = page;
-	iter->in = Reader(page->data(), page->size);
+	iter->in = Reader(iter->block->data(), iter->block->size);
 	(void) iter->in.bytes(page_head);
 	(void) iter->in.u32();
 	iter->left = iter->in.u32();
@@ -141,6 +140,7 @@ int start_groups(rpy_iter_t *iter, const Top &top, const Want &want)
 	if (iter->handle != top.handle)
 		return fail(RPY_ERROR_HANDLE_MISMATCH);
 	BlockRef pages;
+	Budget budget(listing_max());
 	uint64_t after = 0;
 	for (bool more = true; more;) {
 		Call call(Op::list_groups);
@@ -148,19 +148,19 @@ int start_groups(rpy_iter_t *iter, const Top &top, const Want &want)
 		call.out.u32(static_cast<uint32_t>(want.filter));
 		call.out.text(want.text);
 		call.out.u64(after);
-		if (!call.send(top.handle))
+		if (!call.send(top.handle, &budget))
 			return -1;
 		more = call.in.u32() != 0;
 		uint32_t count = call.in.u32();
-		if (!call.in.ok() || (more && count == 0) || !check_page(&call, count, &after))
+		if (!call.in.ok() || (more && count < page_least) || !check_page(&call, count, &after))
 			return fail(RPY_ERROR_INTERNAL);
-		call.reply->older = pages.release();
+		call.reply->next_page = pages.release();
 		pages = std::move(call.reply);
 	}
 	iter->block = BlockRef(in_order(pages.release()));
 	iter->walk = Walk::groups;
 	iter->frozen = top.kind == Parent::snapshot || top.kind == Parent::frozen;
-	enter_page(iter, iter->block.get());
+	enter_page(iter);
 	return 0;
 }
 
@@ -324,9 +324,11 @@ int rpy_iter_next_pg(rpy_iter_t *iter, rpy_propertygroup_t *pg)
 	if (iter->handle != pg->handle)
 		return fail(RPY_ERROR_HANDLE_MISMATCH);
 	while (iter->left == 0) {
-		if (iter->page->older == nullptr)
+		BlockRef next = iter->block ? BlockRef::share(iter->block->next_page) : BlockRef();
+		iter->block = std::move(next); // what is behind stays with the groups that it gave, and goes with them
+		if (!iter->block)
 			return 0;
-		enter_page(iter, iter->page->older);
+		enter_page(iter);
 	}
 	iter->left--;
 	Group &group = pg->group;
@@ -336,7 +338,7 @@ int rpy_iter_next_pg(rpy_iter_t *iter, rpy_propertygroup_t *pg)
 	group.name = iter->in.text();
 	group.type = iter->in.text();
 	group.properties = iter->in.text();
-	pg->block = iter->block; // the first page, which holds all others
+	pg->block = iter->block;
 	pg->frozen = iter->frozen;
 	return 1;
 }

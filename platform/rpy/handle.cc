@@ -1,9 +1,11 @@
 // Handles: binding to a daemon, and the one road to it. What every object needs lies here, too.
 #include <cerrno>
 #include <climits>
+#include <ctime>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <meridon/enclave.h>
 #include <meridon/hatch.h>
@@ -16,6 +18,7 @@ namespace {
 
 constexpr const char *hatch_place = "system/transient/repository_hatch";
 constexpr size_t path_max = 1024;
+constexpr int64_t second_ns = 1'000'000'000;
 
 thread_local rpy_error_t last_error = RPY_ERROR_NONE;
 
@@ -57,6 +60,7 @@ rpy_error_t call_error(int error)
 		return RPY_ERROR_NO_MEMORY;
 	case EMFILE:
 	case ENFILE:
+	case EMSGSIZE:
 		return RPY_ERROR_NO_RESOURCES;
 	case EBADF:
 	case ETIMEDOUT:
@@ -81,6 +85,13 @@ rpy_error_t bind_error(int error)
 	default:
 		return RPY_ERROR_NO_SERVER;
 	}
+}
+
+int64_t now_ns()
+{
+	struct timespec now = {};
+	(void) clock_gettime(CLOCK_MONOTONIC, &now);
+	return now.tv_sec * second_ns + now.tv_nsec;
 }
 
 // A mapping that a call gave.
@@ -116,9 +127,9 @@ Block *make_block(size_t size)
 void drop_block(Block *block)
 {
 	while (block != nullptr && block->holds.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-		Block *older = block->older;
+		Block *behind = block->next_page;
 		::free(block);
-		block = older;
+		block = behind;
 	}
 }
 
@@ -168,7 +179,24 @@ bool Call::ready(const rpy_handle_t *handle) const
 	return out.ok() || (fail(RPY_ERROR_NO_MEMORY), false);
 }
 
-rpy_error_t Call::exchange(rpy_handle_t *handle)
+Budget::Budget(size_t bytes) : end_(now_ns() + int64_t{RPY_CALL_SECONDS} * second_ns), bytes_(bytes) {}
+
+bool Budget::left(int *seconds, size_t *bytes) const
+{
+	const int64_t rest = end_ - now_ns();
+	*seconds = static_cast<int>((rest + second_ns - 1) / second_ns);
+	*bytes = bytes_;
+	return rest > 0 && bytes_ > 0;
+}
+
+size_t listing_max()
+{
+	const long pages = sysconf(_SC_PHYS_PAGES), page = sysconf(_SC_PAGESIZE);
+	const size_t part = pages > 0 && page > 0 ? static_cast<size_t>(pages) * static_cast<size_t>(page) / 16 : 0;
+	return part > reply_max ? part : reply_max;
+}
+
+rpy_error_t Call::exchange(rpy_handle_t *handle, Budget *budget)
 {
 	uint32_t op;
 	memcpy(&op, out.data() + sizeof(magic), sizeof(op));
@@ -176,12 +204,17 @@ rpy_error_t Call::exchange(rpy_handle_t *handle)
 	hatch_arg_t arg;
 	int result;
 	do {
+		int seconds;
+		size_t bytes;
+		if (!budget->left(&seconds, &bytes))
+			return bytes > 0 ? RPY_ERROR_CONNECTION_BROKEN : RPY_ERROR_NO_RESOURCES;
 		arg = {out.data(), out.size(), nullptr, 0, room, sizeof(room)};
-		result = hatch_call_timed(handle->hatch.get(), &arg, RPY_CALL_SECONDS);
+		result = hatch_call_bounded(handle->hatch.get(), &arg, seconds, bytes);
 	} while (result == -1 && errno == EINTR && may_repeat(static_cast<Op>(op)));
 	if (result == -1)
 		return errno == EINTR ? RPY_ERROR_CONNECTION_BROKEN : call_error(errno);
 	FreshReply fresh = {&arg, room};
+	budget->take(arg.data_size);
 	return keep({arg.data_ptr, arg.data_size});
 }
 
@@ -214,7 +247,13 @@ bool Call::take(rpy_error_t error)
 
 bool Call::send(rpy_handle_t *handle)
 {
-	return ready(handle) && take(exchange(handle));
+	Budget budget;
+	return send(handle, &budget);
+}
+
+bool Call::send(rpy_handle_t *handle, Budget *budget)
+{
+	return ready(handle) && take(exchange(handle, budget));
 }
 
 bool Call::send_read(rpy_handle_t *handle)
@@ -369,7 +408,8 @@ int _rpy_backup(rpy_handle_t *handle, void **bytes, size_t *size)
 	if (handle == nullptr || bytes == nullptr || size == nullptr)
 		return fail(RPY_ERROR_INVALID_ARGUMENT);
 	Call call(Op::backup);
-	if (!call.send(handle))
+	Budget budget(SIZE_MAX); // the store, of whatever size
+	if (!call.send(handle, &budget))
 		return -1;
 	std::string_view rest = call.in.bytes(call.in.left());
 	Text copy;

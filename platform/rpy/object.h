@@ -18,7 +18,7 @@ namespace rpy {
 struct Block {
 	std::atomic<uint32_t> holds{1};
 	size_t size = 0;
-	Block *older = nullptr; // the page before it, in a listing: it lives as long as this one
+	Block *next_page = nullptr; // the page behind it, in a listing: it lives as long as this one
 	char *data() { return reinterpret_cast<char *>(this + 1); }
 };
 
@@ -43,6 +43,13 @@ public:
 	}
 	~BlockRef() { drop_block(block_); }
 
+	// Another hold on a block that somebody holds. Takes NULL.
+	static BlockRef share(Block *block)
+	{
+		if (block != nullptr)
+			block->holds.fetch_add(1, std::memory_order_relaxed);
+		return BlockRef(block);
+	}
 	Block *get() const { return block_; }
 	Block *operator->() const { return block_; }
 	explicit operator bool() const { return block_ != nullptr; }
@@ -73,6 +80,22 @@ T *fail_null(rpy_error_t error)
 // RPY_ERROR_NONE, or what is wrong.
 rpy_error_t find_daemon(const rpy_handle_t *handle);
 
+// What one call, or all calls of a listing, may take: no daemon is waited for any longer, or believed for more bytes.
+class Budget {
+public:
+	explicit Budget(size_t bytes = reply_max);
+
+	// False if it is used up.
+	bool left(int *seconds, size_t *bytes) const;
+	void take(size_t bytes) { bytes_ -= bytes < bytes_ ? bytes : bytes_; }
+
+private:
+	int64_t end_; // by the clock that nobody sets, in ns
+	size_t bytes_;
+};
+// Of a whole listing: a sixteenth of the machine's memory, and at least one reply.
+size_t listing_max();
+
 // One request and its reply. On failure rpy_error() is set.
 class Call {
 public:
@@ -84,11 +107,12 @@ public:
 
 	// Sends what was written. Errors: as rpy_error() says.
 	bool send(rpy_handle_t *handle);
+	bool send(rpy_handle_t *handle, Budget *budget);
 	// The same for a read of one group, which may share a call with those of other threads.
 	bool send_read(rpy_handle_t *handle);
 
 	// The steps of these. Each gives RPY_ERROR_NONE or what is wrong, and leaves rpy_error() alone.
-	rpy_error_t exchange(rpy_handle_t *handle);
+	rpy_error_t exchange(rpy_handle_t *handle, Budget *budget);
 	rpy_error_t keep(std::string_view bytes);
 	rpy_error_t take_head();
 	// To be asked when all of a reply is taken: whether it was sound.
@@ -134,7 +158,9 @@ struct rpy_entity {
 struct rpy_scope : rpy_entity {};
 struct rpy_service : rpy_entity {};
 struct rpy_instance : rpy_entity {};
-struct rpy_snapshot : rpy_entity {};
+struct rpy_snapshot : rpy_entity {
+	uint64_t instance = 0; // whose it is
+};
 
 struct rpy_propertygroup {
 	rpy_handle_t *handle = nullptr;
@@ -166,11 +192,11 @@ enum class Walk { none, services, instances, snapshots, groups, properties, valu
 struct rpy_iter {
 	rpy_handle_t *handle = nullptr;
 	Walk walk = Walk::none;
-	rpy::BlockRef block; // the newest page; it holds the others
-	rpy::Reader in;      // what is left of the page that is walked
-	uint32_t left = 0;   // items of it
-	rpy::Block *page = nullptr;
+	rpy::BlockRef block; // what is walked: of groups a page, which holds those behind it
+	rpy::Reader in;      // what is left of it
+	uint32_t left = 0;   // its items
 	uint32_t type = 0;   // of values
+	uint64_t parent = 0; // of names
 	bool frozen = false; // of groups
 };
 

@@ -105,7 +105,8 @@ void call_together(rpy_handle_t *handle, Fellow *leader)
 	Call shared(Op::together);
 	for (Fellow *fellow = leader; fellow != nullptr; fellow = fellow->next)
 		shared.out.text(fellow->call->out.view());
-	rpy_error_t error = shared.out.ok() ? shared.exchange(handle) : RPY_ERROR_NO_MEMORY;
+	Budget budget;
+	rpy_error_t error = shared.out.ok() ? shared.exchange(handle, &budget) : RPY_ERROR_NO_MEMORY;
 	if (error == RPY_ERROR_NONE)
 		error = shared.take_head();
 	hand_out(&shared, error, leader);
@@ -170,6 +171,7 @@ void end_turn(Together *together, rpy_error_t error)
 
 rpy_error_t exchange_together(rpy_handle_t *handle, Call *call)
 {
+	Budget budget;
 	CancellationWaits cancellation; // other threads hold what lies on this one's stack
 	Together *together = &handle->together;
 	Fellow own(call);
@@ -179,16 +181,16 @@ rpy_error_t exchange_together(rpy_handle_t *handle, Call *call)
 		if (state == fellow_done)
 			return own.error;
 		if (state == fellow_alone)
-			return call->exchange(handle);
+			return call->exchange(handle, &budget);
 		MutexLock hold(together->lock);
 		take_along(together, &own);
 	}
 	if (own.next == nullptr)
-		own.error = call->exchange(handle);
+		own.error = call->exchange(handle, &budget);
 	else
 		call_together(handle, &own);
 	end_turn(together, own.error);
-	return own.state.load(std::memory_order_relaxed) == fellow_alone ? call->exchange(handle) : own.error;
+	return own.state.load(std::memory_order_relaxed) == fellow_alone ? call->exchange(handle, &budget) : own.error;
 }
 
 } // namespace rpy

@@ -3,6 +3,20 @@
 
 namespace rpy {
 
+bool is_service_name(std::string_view name)
+{
+	if (name.size() >= name_max || name.find(':') != name.npos)
+		return false;
+	for (;;) {
+		size_t slash = name.find('/');
+		if (!is_name(name.substr(0, slash)))
+			return false;
+		if (slash == name.npos)
+			return true;
+		name.remove_prefix(slash + 1);
+	}
+}
+
 bool is_sound(const Property &property)
 {
 	if (!is_name(property.name) || !is_type(property.type))

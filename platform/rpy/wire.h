@@ -58,6 +58,13 @@ constexpr uint32_t page_most = 1024;
 constexpr uint32_t page_least = 256;
 constexpr size_t page_bytes = 4U << 20;
 
+// The properties of a group together, and so what one reply can have: a page, and a group that went beyond it.
+constexpr size_t group_bytes_max = 256U << 20;
+constexpr size_t reply_max = group_bytes_max + 2 * page_bytes;
+
+// How deep groups nest.
+constexpr int depth_max = 64;
+
 // Takes bytes off a block. Once something doesn't fit, everything after it is empty and ok() is false.
 class Reader {
 public:
@@ -187,6 +194,9 @@ inline bool is_name(std::string_view name)
 {
 	return !name.empty() && name.size() < name_max && name.find('/') == name.npos && name.find('\0') == name.npos;
 }
+
+// A service's name has components, each a name. A colon would begin an instance's in a locator.
+bool is_service_name(std::string_view name);
 
 inline bool is_type(uint32_t type)
 {

@@ -172,12 +172,13 @@ int hatch_peercred(peercred_t **cred);
 int hatch_call(int hatch, hatch_arg_t *arg);
 
 /*
- * The same for a caller that doesn't wait for ever: a call that isn't over after `seconds`, whatever the server does, fails,
- * and may have been carried out or not. 0 seconds wait without end; a negative number is EFAULT.
+ * The same for a caller that doesn't trust the server: a call that isn't over after `seconds`, whatever the server does,
+ * fails, and one whose reply has more than `reply_max` bytes; each may have been carried out or not. 0 seconds wait without
+ * end, 0 bytes are no bound; a negative number is EFAULT.
  *
- * Errors:  as hatch_call(), and ETIMEDOUT
+ * Errors:  as hatch_call(), ETIMEDOUT, and EMSGSIZE for a reply that is too long
  */
-int hatch_call_timed(int hatch, hatch_arg_t *arg, int seconds);
+int hatch_call_bounded(int hatch, hatch_arg_t *arg, int seconds, size_t reply_max);
 
 /*
  * Tells about a hatch: `hatch` is a descriptor of an attached path, or one from hatch_create() in this process.

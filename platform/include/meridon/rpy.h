@@ -209,7 +209,11 @@ int rpy_instance_get_snapshot(const rpy_instance_t *instance, const char *name, 
 /* Makes a snapshot of the instance's present persistent groups. Errors: RPY_ERROR_EXISTS, RPY_ERROR_DELETED */
 int _rpy_snapshot_take_new(const rpy_instance_t *instance, const char *name, rpy_snapshot_t *snapshot);
 
-/* Makes a filled snapshot of the instance hold its present persistent groups. Errors: RPY_ERROR_DELETED */
+/*
+ * Makes a filled snapshot of the instance hold its present persistent groups.
+ * Errors: RPY_ERROR_INVALID_ARGUMENT  it is another instance's
+ *         RPY_ERROR_DELETED
+ */
 int _rpy_snapshot_take_attach(const rpy_instance_t *instance, rpy_snapshot_t *snapshot);
 
 /* Makes the instance hold what the snapshot holds: its persistent groups are made anew. Errors: RPY_ERROR_DELETED */
