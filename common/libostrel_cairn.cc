@@ -250,8 +250,10 @@ static bool is_at(ostrel_rpy_resources_t *const *place, const ostrel_rpy_resourc
 static void put_among_enclaves(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(db->db_privlock)
 {
 	ostrel_rpy_resources_t **place = place_in(&native_of(db)->nsr_enclave_resources, res);
-	if (is_at(place, res))
+	if (is_at(place, res)) {
+		ostrel_inherit_private_configd(res, *place);
 		release_first_of(db, place);
+	}
 	if (res->nsr_private_configd)
 		return; // they live as long as the operation
 	// The release may have destroyed resources, but it has changed nothing in this list.
@@ -267,14 +269,16 @@ static void put_as_native(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(
 	ostrel_db_set_priv(db, res);
 	if (!res->nsr_issvc)
 		ostrel_start_refresh(res, before);
-	if (before != nullptr)
+	if (before != nullptr) {
 		ostrel_hand_refresh_on(res, before);
+		ostrel_inherit_private_configd(res, before);
+	}
 	ostrel_rele_rpy_resources_locked(db, before, nullptr);
 }
 
-ostrel_error_t ostrel_create_rpy_resources(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)
+// Without any lock: a daemon takes its time, and that of another enclave as much as it likes.
+static ostrel_error_t build_resources(ostrel_db_t db, enclaveid_t enclave, NewResources *out)
 {
-	*resp = nullptr;
 	NewResources res(allocate_resources(db, enclave));
 	if (!res)
 		return SETERROR(OSTREL_NO_MEMORY);
@@ -286,15 +290,35 @@ ostrel_error_t ostrel_create_rpy_resources(ostrel_db_t db, enclaveid_t enclave, 
 		result = create_objects(res.get());
 	if (result == OSTREL_SUCCESS)
 		result = look_locator_up(res.get());
-	if (result != OSTREL_SUCCESS) {
-		ostrel_destroy_rpy_resources(db, res.release());
-		return result;
-	}
-	*resp = res.release();
-	if (enclave == ostrel_db_get_enclaveid(db))
-		put_as_native(db, *resp);
+	if (result == OSTREL_SUCCESS)
+		*out = std::move(res);
 	else
-		put_among_enclaves(db, *resp);
+		ostrel_end_private_configd(res.get());
+	return result;
+}
+
+ostrel_error_t ostrel_create_rpy_resources(ostrel_db_t db, ostrel_rpy_resources_t **resp)
+{
+	NewResources res;
+	if (ostrel_error_t result = build_resources(db, ostrel_db_get_enclaveid(db), &res))
+		return result;
+	*resp = res.release();
+	put_as_native(db, *resp);
+	return OSTREL_SUCCESS;
+}
+
+// Resources of another enclave, in the caller's hold. Threads that build them at the same moment each have theirs, and the
+// last one's stay.
+static ostrel_error_t create_for_enclave(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)
+    EXCLUDES(db->db_privlock)
+{
+	NewResources res;
+	if (ostrel_error_t result = build_resources(db, enclave, &res))
+		return result;
+	MutexLock lock(db->db_privlock);
+	*resp = res.release();
+	put_among_enclaves(db, *resp);
+	(*resp)->nsr_refcnt++;
 	return OSTREL_SUCCESS;
 }
 
@@ -441,22 +465,36 @@ static ostrel_rpy_resources_t *find_resources(ostrel_db_t db, enclaveid_t enclav
 	return nullptr;
 }
 
+// Takes resources that are there, alive, and not to give way to the enclave's own daemon.
+static bool take_found(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp) REQUIRES(db->db_privlock)
+{
+	ostrel_rpy_resources_t *found = find_resources(db, enclave);
+	if (found == nullptr || !ostrel_rpy_handle_has_server(found, found->nsr_scope) ||
+	    ostrel_native_configd_inenclave_ready(found))
+		return false;
+	found->nsr_cache_hits++;
+	found->nsr_refcnt++;
+	*resp = found;
+	return true;
+}
+
 ostrel_error_t ostrel_get_rpy_resources_for_enclave(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)
 {
-	MutexLock lock(db->db_privlock);
-	if (native_of(db) == nullptr)
-		return SETERROR(OSTREL_INVALID_ARG);
-	ostrel_rpy_resources_t *found = find_resources(db, enclave);
-	if (found != nullptr && ostrel_rpy_handle_has_server(found, found->nsr_scope) &&
-	    !ostrel_native_configd_inenclave_ready(found)) {
-		found->nsr_cache_hits++;
-		*resp = found;
-	} else if (ostrel_error_t result = ostrel_create_rpy_resources(db, enclave, resp)) {
-		return result;
+	{
+		MutexLock lock(db->db_privlock);
+		if (native_of(db) == nullptr)
+			return SETERROR(OSTREL_INVALID_ARG);
+		if (take_found(db, enclave, resp))
+			return OSTREL_SUCCESS;
+		if (enclave == native_of(db)->nsr_enclaveid) {
+			if (ostrel_error_t result = ostrel_create_rpy_resources(db, resp))
+				return result;
+			// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a creation that succeeds gives them
+			(*resp)->nsr_refcnt++;
+			return OSTREL_SUCCESS;
+		}
 	}
-	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a creation that succeeds gives them
-	(*resp)->nsr_refcnt++;
-	return OSTREL_SUCCESS;
+	return create_for_enclave(db, enclave, resp);
 }
 
 // ---- The level of an operation ----
@@ -517,6 +555,23 @@ RpyOperation::RpyOperation(ostrel_db_t db) : db_(db)
 	enter_process(db);
 }
 
+static time_t monotonic_seconds()
+{
+	struct timespec now = {};
+	(void) clock_gettime(CLOCK_MONOTONIC, &now);
+	return now.tv_sec;
+}
+
+static time_t end_of_operation(enclaveid_t enclave)
+{
+	return enclave == getenclaveid() ? 0 : monotonic_seconds() + OSTREL_RPY_FOREIGN_SECONDS;
+}
+
+bool ostrel_rpy_is_over(const ostrel_rpy_work_t *work)
+{
+	return work->nsr_until != 0 && monotonic_seconds() >= work->nsr_until;
+}
+
 // What an update keeps in the resources nobody else stores there: readers have their own, and the refresh thread takes
 // resources without being an operation.
 ostrel_error_t RpyOperation::begin_update(attrlist_t *idl, bool temp)
@@ -528,6 +583,7 @@ ostrel_error_t RpyOperation::begin_update(attrlist_t *idl, bool temp)
 	if (ostrel_error_t result = ostrel_get_rpy_resources_for_enclave(db_, enclave, &res_))
 		return result;
 	res_->nsr_temp = temp ? B_TRUE : B_FALSE;
+	res_->nsr_until = end_of_operation(enclave);
 	return ostrel_get_rpy_dbname_for_op(idl, res_, res_);
 }
 
@@ -565,6 +621,7 @@ ostrel_error_t RpyOperation::begin_read(attrlist_t *idl)
 		if (ostrel_error_t result = ostrel_get_rpy_read_resources(res_, &rres_))
 			return result;
 	}
+	rres_->nsr_until = end_of_operation(enclave);
 	return ostrel_get_rpy_dbname_for_op(idl, res_, rres_);
 }
 
@@ -575,7 +632,7 @@ ostrel_error_t ostrel_open_cairn(ostrel_db_t db)
 	enter_process(db);
 	MutexLock lock(db->db_privlock);
 	ostrel_rpy_resources_t *res;
-	return ostrel_create_rpy_resources(db, ostrel_db_get_enclaveid(db), &res);
+	return ostrel_create_rpy_resources(db, &res);
 }
 
 // All native resources of a database have the same gate, one after the other.

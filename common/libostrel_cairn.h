@@ -25,6 +25,7 @@ inline constexpr int OSTREL_RPY_MAX_READERS = 32;         // entries of a pool
 inline constexpr int OSTREL_RPY_READ_WAITS = 20;          // seconds that a reader waits for an entry
 inline constexpr int OSTREL_RPY_MAX_VALUES = 128;         // values of a property on reading
 inline constexpr unsigned OSTREL_RPY_OBJECTS_START = 128; // places for objects at the start of a read by type
+inline constexpr int OSTREL_RPY_FOREIGN_SECONDS = 120;    // what an operation in another enclave takes at most
 inline constexpr int OSTREL_REFRESH_PERIOD = 5;           // seconds between two passes of the refresh thread
 inline constexpr int OSTREL_REFRESH_QUIET = 5;            // seconds without an update before a snapshot
 
@@ -42,8 +43,9 @@ struct ostrel_rpy_work_t {
 	rpy_iter_t *nsr_propiter;
 	rpy_value_t *nsr_val;
 	rpy_iter_t *nsr_valiter;
-	boolean_t nsr_svclevelop;    // whether it works on the service
-	rpy_service_t *nsr_svc;      // the service, which nobody fills once the resources are there
+	boolean_t nsr_svclevelop; // whether it works on the service
+	time_t nsr_until;         // when it is given up, by the clock that nobody sets; 0 in the process's own enclave
+	rpy_service_t *nsr_svc;   // the service, which nobody fills once the resources are there
 	rpy_instance_t *nsr_op_inst; // the instance: the database's, or this work's own, filled for each operation
 };
 
@@ -105,9 +107,8 @@ ostrel_error_t ostrel_idlist2pginfo(attrlist_t *idl, char **pgname, char **pgtyp
 
 // ---- Resources ----
 
-// Builds resources and puts them in their place, with the place's hold alone.
-ostrel_error_t ostrel_create_rpy_resources(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)
-    REQUIRES(db->db_privlock);
+// Builds native resources and puts them in their place, with the place's hold alone.
+ostrel_error_t ostrel_create_rpy_resources(ostrel_db_t db, ostrel_rpy_resources_t **resp) REQUIRES(db->db_privlock);
 // Destroys them whatever their holds. Takes NULL, and what was built only in part.
 void ostrel_destroy_rpy_resources(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(db->db_privlock);
 // Gives resources of an enclave, whose connection is alive, with a hold for the caller.
@@ -153,6 +154,8 @@ private:
 ostrel_error_t ostrel_bind_cairn_configd(enclaveid_t enclave, ostrel_rpy_resources_t *res);
 // Whether these resources are bound to a private daemon though the enclave's own answers now.
 bool ostrel_native_configd_inenclave_ready(const ostrel_rpy_resources_t *res);
+// Resources that replace others may have found the private daemon that those started: it is theirs now.
+void ostrel_inherit_private_configd(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t *before);
 // Asks the private daemon that these resources started to end, if it is still that.
 void ostrel_end_private_configd(const ostrel_rpy_resources_t *res);
 
@@ -195,6 +198,8 @@ struct RpyCreation {
 	int last = -1;
 };
 
+// Whether an operation in another enclave has had its time: its daemon may have answers for ever.
+bool ostrel_rpy_is_over(const ostrel_rpy_work_t *work);
 char *strip_leading_and_terminating_delims(char *str, char delim);
 rpy_propertygroup_t *ostrel_res_pg_curr(const ostrel_rpy_work_t *work);
 // Makes the group of a depth the current one.

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <utility>
 
 #include <meridon/enclave.h>
 #include <meridon/hatch.h>
@@ -103,20 +104,6 @@ struct HostDevices {
 	{}
 };
 
-// What lies at the program's place is the enclave's choice, and may never end. This child then ends by its alarm, which
-// its parent takes for a failure, and the kernel ends the program with it.
-void end_in_time()
-{
-	struct sigaction action = {};
-	action.sa_handler = SIG_DFL;
-	(void) sigaction(SIGALRM, &action, nullptr);
-	sigset_t alarms;
-	(void) sigemptyset(&alarms);
-	(void) sigaddset(&alarms, SIGALRM);
-	(void) pthread_sigmask(SIG_UNBLOCK, &alarms, nullptr);
-	(void) alarm(start_seconds);
-}
-
 // The program gets nothing of this process's: not its environment, nor its streams or other descriptors, which may not all
 // be close-on-exec, nor the terminal of its session, whose input it could write.
 [[noreturn]] void become_daemon(const char *path, const HostDevices &host)
@@ -138,7 +125,8 @@ void end_in_time()
 // comes back, so there is nobody to end after a failure.
 [[noreturn]] void start_inside(enclaveid_t enclave, const char *path, const HostDevices &host)
 {
-	end_in_time();
+	ostrel_zlimit(
+	    start_seconds); // what lies at the program's place may never end: the kernel ends it with this child
 	pid_t daemon = 0;
 	int error = make_hatch_file(path);
 	if (error == 0)
@@ -216,6 +204,19 @@ bool ostrel_native_configd_inenclave_ready(const ostrel_rpy_resources_t *res)
 	return res->nsr_private_configd && res->nsr_enclaveid != ENCLAVE_ID_GLOBAL &&
 	       ostrel_get_cairn_configd_hatchpath(res->nsr_enclaveid, false, &path) == OSTREL_SUCCESS &&
 	       ostrel_check_cairn_configd_hatch(path, nullptr) == OSTREL_SUCCESS;
+}
+
+void ostrel_inherit_private_configd(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t *before)
+{
+	HatchPath path;
+	pid_t server;
+	if (before->nsr_private_configd_pid == 0 || !res->nsr_private_configd || res->nsr_private_configd_pid != 0 ||
+	    ostrel_get_cairn_configd_hatchpath(res->nsr_enclaveid, true, &path) != OSTREL_SUCCESS ||
+	    ostrel_check_cairn_configd_hatch(path, &server) != OSTREL_SUCCESS ||
+	    server != before->nsr_private_configd_pid)
+		return;
+	res->nsr_private_configd_pid = std::exchange(before->nsr_private_configd_pid, 0);
+	res->nsr_private_starter = before->nsr_private_starter;
 }
 
 void ostrel_end_private_configd(const ostrel_rpy_resources_t *res)

@@ -147,6 +147,8 @@ ostrel_error_t ostrel_rpy_iter_pgs(ostrel_rpy_work_t *work, int depth, const Wan
 {
 	for (int d = depth; d < OSTREL_RPY_MAX_DEPTH; d++)
 		work->nsr_pgiterstate[d] = 0;
+	if (ostrel_rpy_is_over(work))
+		return SETERROR(OSTREL_FAILURE);
 	if (start_iterator(work, depth, wanted) == 0)
 		return OSTREL_SUCCESS;
 	// A group that has gone since it was listed has no groups below it.
@@ -236,6 +238,8 @@ static int look_up(ostrel_rpy_work_t *work, int depth, const char *name)
 static ostrel_error_t ostrel_rpy_get_pg(ostrel_rpy_work_t *work, const RpyPath &path)
 {
 	for (int depth = 0; depth < path.count; depth++) {
+		if (ostrel_rpy_is_over(work))
+			return SETERROR(OSTREL_FAILURE);
 		if (look_up(work, depth, path.component[depth]) != 0)
 			return SETERROR(ostrel_rpy_failure());
 	}
@@ -273,6 +277,8 @@ static int add_level(ostrel_rpy_resources_t *res, int depth, const char *name, c
 static ostrel_error_t find_or_add_level(
     ostrel_rpy_resources_t *res, int depth, const char *name, const char *type, RpyCreation *made)
 {
+	if (ostrel_rpy_is_over(res))
+		return SETERROR(OSTREL_FAILURE);
 	if (look_up(res, depth, name) == 0)
 		return OSTREL_SUCCESS;
 	if (rpy_error() != RPY_ERROR_NOT_FOUND)

@@ -248,6 +248,8 @@ ostrel_error_t commit(ostrel_rpy_resources_t *res, attrlist_t *props, bool creat
 			return OSTREL_SUCCESS;
 		if (committed != 0)
 			return SETERROR(ostrel_rpy_failure());
+		if (ostrel_rpy_is_over(res))
+			return SETERROR(OSTREL_FAILURE);
 		pause.wait(); // before the look at the group, which is to be as fresh as it can be
 		if (rpy_pg_update(ostrel_res_pg_curr(res)) == -1)
 			return SETERROR(ostrel_rpy_failure());
@@ -322,6 +324,7 @@ ostrel_error_t note_place(const RpyOperation &operation, const char *pgname, Gro
 // Where the group of a list is: in the repository's spelling if it is there.
 ostrel_error_t find_place(ostrel_db_t db, attrlist_t *idl, GroupPlace *place, bool *has_groups)
 {
+	*has_groups = false;
 	char *pgname;
 	if (ostrel_idlist2pginfo(idl, &pgname, nullptr) != OSTREL_SUCCESS)
 		return SETERROR(OSTREL_INVALID_ARG);
@@ -334,7 +337,7 @@ ostrel_error_t find_place(ostrel_db_t db, attrlist_t *idl, GroupPlace *place, bo
 		return SETERROR(found);
 	if (ostrel_error_t result = note_place(operation, found == OSTREL_SUCCESS ? res->nsr_pgname : pgname, place))
 		return result;
-	if (has_groups == nullptr || found != OSTREL_SUCCESS)
+	if (found != OSTREL_SUCCESS)
 		return OSTREL_SUCCESS;
 	rpy_iter_t *iter = res->nsr_pgiter[res->nsr_pgdepth];
 	if (rpy_iter_pg_pgs(iter, ostrel_res_pg_curr(res)) != 0)
@@ -344,18 +347,23 @@ ostrel_error_t find_place(ostrel_db_t db, attrlist_t *idl, GroupPlace *place, bo
 	return OSTREL_SUCCESS;
 }
 
+struct Rename {
+	bool is_same = false;     // nothing is to be done
+	bool has_company = false; // there are groups below the new name, the old one perhaps
+};
+
 // Removing the old group takes the groups below it along, so a rename that would lose any is refused.
-ostrel_error_t check_rename(ostrel_db_t db, attrlist_t *idl, attrlist_t *newidl, bool *is_same)
+ostrel_error_t check_rename(ostrel_db_t db, attrlist_t *idl, attrlist_t *newidl, Rename *found)
 {
 	GroupPlace from = {}, to = {};
 	bool has_groups = false;
 	if (ostrel_error_t result = find_place(db, idl, &from, &has_groups))
 		return result;
-	if (ostrel_error_t result = find_place(db, newidl, &to, nullptr))
+	if (ostrel_error_t result = find_place(db, newidl, &to, &found->has_company))
 		return result;
 	const bool one_tree = from.same_top(to);
-	*is_same = one_tree && strcmp(from.pgname, to.pgname) == 0;
-	if (!*is_same && (has_groups || (one_tree && to.is_below(from))))
+	found->is_same = one_tree && strcmp(from.pgname, to.pgname) == 0;
+	if (!found->is_same && (has_groups || (one_tree && to.is_below(from))))
 		return SETERROR(OSTREL_INVALID_ARG);
 	return OSTREL_SUCCESS;
 }
@@ -373,11 +381,11 @@ ostrel_error_t look_for(ostrel_db_t db, attrlist_t *idl)
 }
 
 // Removes the old object of a rename, or takes the new one back. A connection that broke leaves open whether the old one is
-// there, and one of the two has to stay.
-ostrel_error_t remove_or_undo(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl)
+// there, and one of the two has to stay. A new one with groups below it stays: they would go with it.
+ostrel_error_t remove_or_undo(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl, const Rename &rename)
 {
 	ostrel_error_t result = ostrel_remove_object_from_cairn(db, idl, flags);
-	if (result == OSTREL_SUCCESS)
+	if (result == OSTREL_SUCCESS || rename.has_company)
 		return result;
 	ostrel_error_t old_one = result == OSTREL_FAILURE ? look_for(db, idl) : OSTREL_SUCCESS;
 	if (old_one == OSTREL_NOT_FOUND)
@@ -452,12 +460,12 @@ ostrel_error_t ostrel_rename_object_in_cairn(ostrel_db_t db, attrlist_t *idl, ui
 	AttrList props;
 	if (ostrel_error_t result = read_unlocked(db, idl, flags, &props))
 		return result;
-	bool is_same = false;
-	if (ostrel_error_t result = check_rename(db, idl, newidl, &is_same))
+	Rename rename;
+	if (ostrel_error_t result = check_rename(db, idl, newidl, &rename))
 		return result;
-	if (is_same)
+	if (rename.is_same)
 		return OSTREL_SUCCESS;
 	if (ostrel_error_t result = ostrel_write_object_to_cairn(db, newidl, flags, props.get()))
 		return result;
-	return remove_or_undo(db, idl, flags, newidl);
+	return remove_or_undo(db, idl, flags, newidl, rename);
 }

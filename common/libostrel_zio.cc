@@ -21,6 +21,8 @@
 
 namespace {
 
+constexpr unsigned int enter_seconds = 15;
+
 // The template for the child's covenant: no events but a hardware error, which ends the child's group alone.
 int set_up_template(int fd)
 {
@@ -61,18 +63,34 @@ int wait_for_child(pid_t child, pid_t *pid)
 	return info.si_code == CLD_EXITED ? info.si_status : error_of_signal(info.si_status);
 }
 
-// The child's way into the enclave.
+// The child's way into the enclave, whose root may lie on a file system of its own that doesn't answer.
 int begin_child(enclaveid_t enclave, boolean_t enter)
 {
 	struct sigaction action = {};
 	action.sa_handler = SIG_DFL;
 	(void) sigaction(SIGCHLD, &action, nullptr);
-	if (enter && enclave_enter(enclave) == -1)
+	if (!enter)
+		return 0;
+	ostrel_zlimit(enter_seconds);
+	if (enclave_enter(enclave) == -1)
 		_exit(errno);
+	(void) alarm(0);
 	return 0;
 }
 
 } // namespace
+
+void ostrel_zlimit(unsigned int seconds)
+{
+	struct sigaction action = {};
+	action.sa_handler = SIG_DFL;
+	(void) sigaction(SIGALRM, &action, nullptr);
+	sigset_t alarms;
+	(void) sigemptyset(&alarms);
+	(void) sigaddset(&alarms, SIGALRM);
+	(void) pthread_sigmask(SIG_UNBLOCK, &alarms, nullptr);
+	(void) alarm(seconds);
+}
 
 int ostrel_zfork(enclaveid_t enclave, boolean_t enter, pid_t *pid)
 {

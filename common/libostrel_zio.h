@@ -62,6 +62,8 @@ int ostrel_zfork(enclaveid_t enclave, boolean_t enter, pid_t *pid);
 
 // Ends a child of ostrel_zfork() with that status; in any other process it returns.
 void ostrel_zexit(enclaveid_t enclave, pid_t pid, int status);
+// In a child: ends it after so many seconds, which its parent takes for a failure.
+void ostrel_zlimit(unsigned int seconds);
 
 // Runs a callback in the enclave, and then, if that went well, in the calling process.
 int ostrel_zfop(const char *path, enclaveid_t enclave, zfcb_t *cb, zfoparg_t *oparg);

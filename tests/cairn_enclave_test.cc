@@ -1,6 +1,7 @@
 // Repositories of other enclaves: the enclave's own daemon, and the private one that is started where there is none. The
 // enclaves have a root with the daemon's program and what it needs, and nothing else.
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
@@ -12,6 +13,7 @@
 #include <sys/mount.h>
 #include <sys/time.h>
 #include <sys/wait.h>
+#include <thread>
 
 #include <meridon/hatch.h>
 
@@ -392,6 +394,47 @@ TEST_F(Enclaves, WhatIsPlantedInAnEnclaveLeadsNowhere)
 	    symlink((enclave->prefix() + "/system/transient").c_str(), enclave_path("/system/transient").c_str()), 0);
 	EXPECT_EQ(read(db).substr(0, 1), "?") << "a directory that is a link out";
 	EXPECT_EQ(get(db, "where"), "where:t|p=host;");
+}
+
+// The host's own objects stay at hand, however long that daemon takes.
+TEST_F(Enclaves, ADaemonThatDoesntAnswerHoldsUpThoseAloneWhoAskIt)
+{
+	ASSERT_EQ(start_inside(own_hatch), 0);
+	const pid_t daemon = server_of(enclave_path(own_hatch));
+	CairnDb db = open_cairn();
+	ASSERT_TRUE(db);
+	ASSERT_EQ(kill(daemon, SIGSTOP), 0);
+	std::atomic<bool> answered{false};
+	std::thread asks([&] {
+		(void) read(db);
+		answered = true;
+	});
+	usleep(100'000);
+	EXPECT_EQ(get(db, "where"), "where:t|p=host;");
+	CairnDb other = open_cairn();
+	EXPECT_EQ(put(other, "where", "p=still"), OSTREL_SUCCESS);
+	EXPECT_FALSE(answered);
+	ASSERT_EQ(kill(daemon, SIGCONT), 0);
+	asks.join();
+	EXPECT_EQ(read(db), "p=enclave;");
+}
+
+// A connection that broke though the daemon lives, as after a minute in which it was stopped.
+TEST_F(Enclaves, APrivateDaemonThatNewResourcesFindIsTheirs)
+{
+	CairnDb db = open_cairn(test_instance, 0, 5);
+	ASSERT_TRUE(db);
+	const pid_t daemon = server_of(enclave_path(private_hatch));
+	ASSERT_EQ(resources_of(db)->nsr_private_configd_pid, daemon);
+	{
+		ostrel_rpy_resources_t *res = nullptr;
+		MutexLock lock(db->db_privlock);
+		ASSERT_EQ(ostrel_create_rpy_resources(db.get(), &res), OSTREL_SUCCESS);
+	}
+	EXPECT_EQ(resources_of(db)->nsr_private_configd_pid, daemon);
+	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;");
+	db.reset();
+	EXPECT_TRUE(ends(daemon));
 }
 
 // Makes a new terminal the one of this process, which is to be nobody's group leader.

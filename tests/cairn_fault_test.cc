@@ -215,6 +215,25 @@ TEST_F(CairnFaults, AFailedRenameKeepsTheOldObjectAndNoOther)
 	}
 }
 
+// Taking the new object back would take along what is below it, the old one first of all.
+TEST_F(CairnFaults, ARenameWhoseRemoveFailsLosesNothingBelowTheNewName)
+{
+	for (int nth = 1;; nth++) {
+		fill();
+		AttrList from = group_of("a/b"), to = group_of("a:t");
+		trouble = {nth, RPY_ERROR_NO_MEMORY, false, false, 0};
+		const ostrel_error_t result = ostrel_db_rename(db.get(), from.get(), 0, to.get());
+		const bool fired = std::exchange(trouble, {}).fired;
+		if (!fired) {
+			EXPECT_EQ(result, OSTREL_SUCCESS);
+			EXPECT_EQ(get(db, "a"), "a:t|p=1;");
+			break;
+		}
+		EXPECT_EQ(result, OSTREL_NO_MEMORY) << nth;
+		EXPECT_EQ(get(db, "a/b"), "a/b:t/u|p=1;") << nth;
+	}
+}
+
 TEST_F(CairnFaults, FewCallsAreMade)
 {
 	for (int i = 0; i < 2000; i++)

@@ -1,0 +1,132 @@
+#include "lying_daemon.h"
+
+#include <fstream>
+#include <unistd.h>
+
+#include <meridon/hatch.h>
+
+#include "rpy/wire.h"
+
+namespace {
+
+void put(std::string *to, uint32_t number)
+{
+	to->append(reinterpret_cast<const char *>(&number), sizeof(number));
+}
+
+void put_head(std::string *reply)
+{
+	put(reply, rpy::magic);
+	put(reply, RPY_ERROR_NONE);
+}
+
+// A group without properties.
+void put_group(std::string *reply, uint64_t id, std::string_view name)
+{
+	reply->append(reinterpret_cast<const char *>(&id), sizeof(id));
+	for (uint32_t number : {3U, 0U, 0U, static_cast<uint32_t>(name.size())})
+		put(reply, number);
+	*reply += name;
+	put(reply, 1);
+	*reply += "t";
+	put(reply, 4);
+	put(reply, 0);
+}
+
+// The group of the name that was asked for.
+std::string group_reply(rpy::Reader in)
+{
+	(void) in.bytes(12); // the parent
+	std::string reply;
+	put_head(&reply);
+	put_group(&reply, 9, in.text());
+	return reply;
+}
+
+// More always follows.
+std::string page_reply(rpy::Reader in, uint32_t count)
+{
+	(void) in.bytes(16); // the parent, the filter
+	(void) in.text();
+	uint64_t id = in.u64();
+	std::string reply;
+	put_head(&reply);
+	put(&reply, 1);
+	put(&reply, count);
+	for (uint32_t i = 0; i < count; i++)
+		put_group(&reply, ++id, "g");
+	return reply;
+}
+
+std::string shared_reply(Lie lie, rpy::Reader in)
+{
+	std::string reply;
+	put(&reply, rpy::magic);
+	put(&reply, lie == Lie::bad_error ? 4000000000 : uint32_t{RPY_ERROR_NONE});
+	for (int i = 0; in.left() > 0 && lie != Lie::no_replies; i++) {
+		rpy::Reader request(in.text());
+		(void) request.bytes(8);
+		std::string one = group_reply(request);
+		if (lie == Lie::garbage && i == 1)
+			one.assign(one.size(), '\xff');
+		put(&reply, lie == Lie::too_long_a_reply && i == 1 ? 4000000000 : static_cast<uint32_t>(one.size()));
+		reply += one;
+	}
+	return reply;
+}
+
+std::string lying_reply(Lie lie, rpy::Reader in)
+{
+	(void) in.u32();
+	switch (static_cast<rpy::Op>(in.u32())) {
+	case rpy::Op::together:
+		return shared_reply(lie, in);
+	case rpy::Op::get_group:
+		usleep(lie == Lie::slow ? 300'000 : 500); // others come meanwhile
+		return group_reply(in);
+	case rpy::Op::list_groups:
+		return page_reply(in, lie == Lie::poor_pages ? 1 : rpy::page_least);
+	case rpy::Op::commit: {
+		std::string reply;
+		put_head(&reply);
+		put(&reply, lie == Lie::stale ? 0 : 1);
+		return reply;
+	}
+	case rpy::Op::read_group: {
+		std::string reply;
+		put_head(&reply);
+		put_group(&reply, in.u64(), "g");
+		return reply;
+	}
+	default: { // the service and the instance
+		std::string reply;
+		put_head(&reply);
+		for (uint32_t number : {2U, 0U, 3U, 0U})
+			put(&reply, number);
+		return reply;
+	}
+	}
+}
+
+void answer(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
+{
+	thread_local char copy[65536];
+	const size_t length =
+	    lying_reply(static_cast<LyingDaemon *>(cookie)->lie, {arg, size}).copy(copy, sizeof(copy));
+	(void) hatch_return(copy, length, nullptr, 0);
+}
+
+} // namespace
+
+LyingDaemon::~LyingDaemon()
+{
+	if (hatch_ != -1)
+		(void) hatch_revoke(hatch_);
+}
+
+bool LyingDaemon::serve(const std::string &path)
+{
+	std::ofstream(path).flush();
+	hatch_ = hatch_create(answer, this, HATCH_REFUSE_DESC);
+	return hatch_ != -1 && fattach(hatch_, path.c_str()) == 0;
+}
