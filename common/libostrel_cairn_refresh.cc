@@ -177,7 +177,7 @@ void ostrel_start_refresh(ostrel_rpy_resources_t *res, const ostrel_rpy_resource
 	MutexLock lock(gate->lock);
 	const uint64_t number = ++gate->made;
 	*job.get() = {res->nsr_db, gate, number};
-	if (ostrel_start_thread(ostrel_refresh_cairn_thread, job.get()) != 0)
+	if (ostrel_start_thread(ostrel_refresh_cairn_thread, job.get(), thread_name) != 0)
 		return;
 	(void) job.release(); // the thread's now
 	gate->present = number;

@@ -70,21 +70,25 @@ ostrel_error_t carry_out(const ostrel_update_arg_t *update)
 
 } // namespace
 
-int ostrel_start_thread(void *(*run)(void *), void *arg)
+int ostrel_start_thread(void *(*run)(void *), void *arg, const char *name)
 {
 	pthread_attr_t attributes;
 	if (int error = pthread_attr_init(&attributes))
 		return error;
 	sigset_t all;
 	(void) sigfillset(&all);
-	int error = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-	if (error == 0)
-		error = pthread_attr_setsigmask_np(&attributes, &all);
+	int error = pthread_attr_setsigmask_np(&attributes, &all);
 	pthread_t thread;
 	if (error == 0)
 		error = pthread_create(&thread, &attributes, run, arg);
 	(void) pthread_attr_destroy(&attributes);
-	return error;
+	if (error != 0)
+		return error;
+	// Whoever looks for the thread by its name finds it from now on. It may have ended already.
+	CancellationWaits cancellation;
+	(void) pthread_setname_np(thread, name);
+	(void) pthread_detach(thread);
+	return 0;
 }
 
 void *ostrel_update_thread(void *arg)
@@ -113,7 +117,7 @@ ostrel_error_t ostrel_create_update_thread(
 	if (!update)
 		return SETERROR(OSTREL_NO_MEMORY);
 	*update.get() = {op, db, idl_copy.release(), flags, objl_copy.release()};
-	if (int error = ostrel_start_thread(ostrel_update_thread, update.get()))
+	if (int error = ostrel_start_thread(ostrel_update_thread, update.get(), thread_name))
 		return ostrel_errno2error(error);
 	(void) update.release(); // the thread's now
 	return OSTREL_SUCCESS;

@@ -267,8 +267,9 @@ typedef struct ostrel_update_arg {
 // goes on; what copying a list or making a thread gave; OSTREL_INVALID_ARG  `idl` is NULL
 ostrel_error_t ostrel_create_update_thread(
     ostrel_op_t op, ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *objl);
-// Starts a detached thread that takes no signals: those are for the caller's threads. 0 or an errno value.
-int ostrel_start_thread(void *(*run)(void *), void *arg);
+// Starts a detached thread that takes no signals: those are for the caller's threads. It has its name, where there is a
+// /proc, before this comes back. 0 or an errno value.
+int ostrel_start_thread(void *(*run)(void *), void *arg, const char *name);
 // The thread's function; `arg` is an ostrel_update_arg_t, which it frees.
 void *ostrel_update_thread(void *arg);
 
