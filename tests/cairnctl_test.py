@@ -156,6 +156,35 @@ class Cairnctl(ToolTest):
         self.assertEqual(self.ctl("version").code, 0)
         for shell in ("bash", "zsh", "fish"):
             self.assertIn(b"snapshot", self.good("completion", shell).out)
+        self.assertEqual(self.ctl("completion", "csh").code, 2)
+
+    # What bash offers for the last of these words, each cut as bash cuts it.
+    def complete(self, *words):
+        script = """source <("$0" completion bash); PATH=$(dirname "$0"):$PATH
+COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _cairnctl; for reply in "${COMPREPLY[@]}"; do printf '%s\\n' "$reply"; done"""
+        done = subprocess.run(["bash", "-uc", script, CAIRNCTL, "cairnctl", *words], cwd=self.dir, env=self.env,
+                              capture_output=True, timeout=60)
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        return done.stdout.decode().splitlines()
+
+    def test_bash_completes_what_the_repository_holds_and_runs_none_of_it(self):
+        here = ("--hatch", self.hatch)
+        evil = "a$(touch ran)`touch ran`;touch ran"
+        for locator in ("net/link:default", "net/link:de:ep", "net/ring", evil):
+            self.good("add", locator)
+        self.assertEqual(self.complete("sh"), ["show"])
+        self.assertEqual(self.complete(*here, "show", "net/l"), ["net/link", "net/link:default", "net/link:de:ep"])
+        self.assertEqual(self.complete("--hatch", "=", self.hatch, "show", "net/link", ":"), ["default", "de:ep"])
+        self.assertEqual(self.complete("show", *here, "net/link", ":", "de", ":"), ["ep"])
+        for typed in ("", "a", "a\\$\\("):
+            offered = self.complete(*here, "delete", typed)[-1]
+            # What takes the word's place is that name and no more, once the shell has read it.
+            said = subprocess.run(["bash", "-c", "printf %s " + offered], cwd=self.dir, capture_output=True)
+            self.assertEqual(said.stdout.decode(), evil)
+        self.assertEqual(self.complete("--hatch", self.hatch[:-1]), [self.hatch])
+        self.assertEqual(self.complete(*here, "backup", self.hatch[:-1]), [self.hatch])
+        self.assertEqual(self.complete(*here, "status", ""), [])
+        self.assertFalse(os.path.exists(self.path("ran")))
 
     @unittest.skipIf(os.geteuid() != 0, "acting as another user needs root")
     def test_users_without_the_right_are_refused(self):

@@ -15,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include "completion.h"
 #include "repository.h"
 
 namespace {
@@ -580,39 +581,13 @@ std::string command_words()
 	return words;
 }
 
-constexpr struct {
-	const char *shell;
-	const char *script;
-} completions[] = {
-    {"bash", R"(_cairnctl()
-{{
-	local word=${{COMP_WORDS[COMP_CWORD]}}
-	if [ "$COMP_CWORD" -eq 1 ]; then
-		mapfile -t COMPREPLY < <(compgen -W "{0} --hatch --json --help --version" -- "$word")
-	else
-		mapfile -t COMPREPLY < <(compgen -W "$(cairnctl list 2>/dev/null) --help" -- "$word"; compgen -f -- "$word")
-	fi
-}}
-complete -F _cairnctl cairnctl
-)"},
-    {"zsh", R"(#compdef cairnctl
-_arguments '--hatch[the hatch of the daemon to ask]:path:_files' '--json[print JSON]' \
-	'1:command:({0})' '*::argument:_files'
-)"},
-    {"fish", R"(complete -c cairnctl -n __fish_use_subcommand -f -a "{0}"
-complete -c cairnctl -l json -d "print JSON"
-complete -c cairnctl -l hatch -r -d "the hatch of the daemon to ask"
-)"},
-};
-
 Exit run_completion(const Options &options)
 {
-	for (const auto &row : completions)
-		if (options.shell == row.shell) {
-			fmt::print(fmt::runtime(row.script), command_words());
-			return Exit::done;
-		}
-	throw Failure(Exit::usage, "'" + options.shell + "' is no shell known here", "give bash, zsh or fish");
+	std::string script = completion_script(options.shell, command_words());
+	if (script.empty())
+		throw Failure(Exit::usage, "'" + options.shell + "' is no shell known here", "give bash, zsh or fish");
+	fmt::print("{}", script);
+	return Exit::done;
 }
 
 void declare_completion(CLI::App &app, Options &options)
