@@ -186,6 +186,30 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _cairnctl; for reply in "${COMPREPLY[
         self.assertEqual(self.complete(*here, "status", ""), [])
         self.assertFalse(os.path.exists(self.path("ran")))
 
+    def test_a_backup_is_in_nobodys_way(self):
+        self.import_document()
+        self.write("copy.db.new", "of a run that was killed")
+        self.good("backup", self.path("copy.db"))
+        self.good("backup", self.path("copy.db"))
+        self.assertEqual(self.read("copy.db.new"), b"of a run that was killed")
+        self.assertEqual([n for n in sorted(os.listdir(self.dir)) if n.startswith("copy")], ["copy.db", "copy.db.new"])
+        os.mkdir(self.path("taken"))
+        self.assertEqual(self.ctl("backup", self.path("taken")).code, 6)
+        self.assertEqual([n for n in os.listdir(self.dir) if n.startswith("taken")], ["taken"])
+        self.assertEqual(self.ctl("backup", "/sys/copy.db").code, 3)  # no file can be made there
+
+    def test_files_that_cannot_be_read_say_so(self):
+        self.assertEqual(self.ctl("import", self.path("none")).code, 4)
+        directory = self.ctl("import", self.dir)
+        self.assertEqual(directory.code, 6)
+        self.assertIn(b"Is a directory", directory.err)
+        if os.geteuid() == 0:
+            os.chmod(self.dir, 0o755)
+            os.chmod(self.write("private", "{}"), 0o600)
+            done = subprocess.run([CAIRNCTL, "--hatch", self.hatch, "import", self.path("private")], user=1, group=1,
+                                  capture_output=True, env=self.env)
+            self.assertEqual(done.returncode, 3, done.stderr)
+
     @unittest.skipIf(os.geteuid() != 0, "acting as another user needs root")
     def test_users_without_the_right_are_refused(self):
         os.chmod(self.dir, 0o755)

@@ -1,21 +1,15 @@
 // What the commands of cairnctl do.
 #include "command.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <fnmatch.h>
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <map>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 
 #include "completion.h"
+#include "files.h"
 #include "repository.h"
 
 namespace {
@@ -394,20 +388,13 @@ void check_document(const Json &document, const std::string &file)
 
 Json read_document(const std::string &file)
 {
-	std::ifstream stream;
-	if (!file.empty() && file != "-") {
-		stream.open(file);
-		if (!stream)
-			throw Failure(errno == ENOENT ? Exit::not_found : Exit::failure,
-			    fmt::format("{}: {}", file, std::strerror(errno)), "");
-	}
-	std::istream &in = stream.is_open() ? static_cast<std::istream &>(stream) : std::cin;
+	std::string text = read_file(file), name = file.empty() ? "-" : file;
 	try {
-		Json document = Json::parse(in);
-		check_document(document, file.empty() ? "-" : file);
+		Json document = Json::parse(text);
+		check_document(document, name);
 		return document;
 	} catch (const Json::exception &error) {
-		throw Failure(Exit::invalid, fmt::format("{}: {}", file.empty() ? "-" : file, error.what()), "");
+		throw Failure(Exit::invalid, fmt::format("{}: {}", name, error.what()), "");
 	}
 }
 
@@ -480,41 +467,6 @@ void declare_import(CLI::App &app, Options &options)
 
 /* ---- The daemon and its store ---- */
 
-struct Descriptor {
-	int fd;
-	~Descriptor()
-	{
-		if (fd >= 0)
-			(void) close(fd);
-	}
-};
-
-// Writes beside the file first, so that a copy is whole or isn't there.
-void write_file(const std::string &path, const char *data, size_t size)
-{
-	std::string beside = path + ".new";
-	auto refuse = [&](const char *what) {
-		int error = errno;
-		(void) unlink(beside.c_str());
-		throw Failure(error == EACCES ? Exit::permission : Exit::failure,
-		    fmt::format("{}: {}: {}", path, what, std::strerror(error)), "");
-	};
-	Descriptor file = {open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)};
-	if (file.fd == -1)
-		throw Failure(errno == EACCES ? Exit::permission : Exit::failure,
-		    fmt::format("{}: {}", beside, std::strerror(errno)), "");
-	for (size_t done = 0; done < size;) {
-		ssize_t written = write(file.fd, data + done, size - done);
-		if (written == -1)
-			refuse("can't be written");
-		done += static_cast<size_t>(written);
-	}
-	if (fsync(file.fd) == -1)
-		refuse("can't be synced");
-	if (rename(beside.c_str(), path.c_str()) == -1)
-		refuse("can't be put in place");
-}
-
 Exit run_backup(const Options &options)
 {
 	Repository repository(options.hatch);
@@ -523,7 +475,7 @@ Exit run_backup(const Options &options)
 	if (_rpy_backup(repository.handle(), &bytes, &size) == -1)
 		fail("the backup");
 	std::unique_ptr<void, Destroyer<std::free>> hold(bytes);
-	write_file(options.file, static_cast<const char *>(bytes), size);
+	write_file(options.file, {static_cast<const char *>(bytes), size});
 	return Exit::done;
 }
 
