@@ -1,8 +1,11 @@
 # cairnctl against a real daemon: what an operator does, and what it says when that can't be done.
+import contextlib
 import json
 import os
 import signal
+import sqlite3
 import subprocess
+import threading
 import time
 import unittest
 
@@ -185,6 +188,130 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _cairnctl; for reply in "${COMPREPLY[
         self.assertEqual(self.complete(*here, "backup", self.hatch[:-1]), [self.hatch])
         self.assertEqual(self.complete(*here, "status", ""), [])
         self.assertFalse(os.path.exists(self.path("ran")))
+
+    # A document of one service with an instance "i".
+    def document(self, groups, snapshots=(), name="s", **more):
+        return {"format": "cairn-repository", "version": 1, "services": [{"name": name, "groups": [], "instances": [
+            {"name": "i", "groups": groups, "snapshots": [{"name": n, "groups": g} for n, g in snapshots], **more}]}]}
+
+    def load(self, document):
+        self.good("import", stdin=json.dumps(document).encode())
+
+    def refused(self, document, says):
+        result = self.ctl("--json", "import", stdin=json.dumps(document).encode())
+        self.assertEqual(result.code, 6, result.err)
+        self.assertIn(says, result.error()["message"])
+        self.assertNotIn("json.exception", result.error()["message"])
+        self.assertEqual(self.good("list").out, b"")
+
+    def test_names_of_any_bytes_come_back_as_they_went_in(self):
+        raw = group("\0" + "67ff", "\0" + "74fe", prop("\0" + "70fd", "count", 1))
+        document = self.document([raw], [("\0" + "6eff", [raw])], name="\0" + "73ff")
+        self.load(document)
+        self.assertEqual(self.good("export").json(), document)
+        place = b"s\xff:i"
+        self.assertEqual(self.good("--json", "list").json(), ["\0" + "73ff", "\0" + place.hex()])
+        self.assertEqual(self.good("--json", "snapshot", place).json(), ["\0" + "6eff"])
+        self.assertEqual(self.good("--json", "show", place, "--snapshot", b"n\xff").json(), [raw])
+        self.assertEqual(self.good("show", place).out, b"g\\xff (t\\xfe)\n  p\\xfd:count = 1\n")
+        changed = self.ctl("--json", "diff", place, b"n\xff", "current")
+        self.assertEqual((changed.code, changed.json()), (0, []))
+
+    def test_names_that_nothing_can_have_are_refused_before_anything_is_made(self):
+        for name in ("p\0q", "\0", "\0" + "0", "\0" + "6g", "\0" + "610062"):
+            self.refused(self.document([], name=name), "NUL" if len(name) > 1 else "bytes")
+            self.refused(self.document([group(name, "t")]), "name")
+            self.refused(self.document([group("g", name)]), "type")
+            self.refused(self.document([group("g", "t", prop(name, "count"))]), "name")
+            self.refused(self.document([], [(name, [])]), "name")
+        self.refused(self.document([], name="x:y"), "':'")
+        self.refused(self.document([group("a/b", "t")]), "'/'")
+        self.refused(self.document([group("g" * 256, "t")]), "256 bytes")
+        self.refused(self.document([], [("n", []), ("n", [])]), "two of the name 'n'")
+        doubled = self.document([group("g", "t")])
+        doubled["services"][0]["instances"] *= 2
+        self.refused(doubled, "two of the name 's:i'")
+        self.refused(self.document([group("g", "t"), group("h", "t", temporary="yes")]), "temporary")
+        self.refused({"format": "cairn-repository", "version": "x", "services": []}, "no document")
+
+    def test_nesting_has_an_end(self):
+        deep = '{"name":"g","type":"t","properties":[],"groups":[' * 60000 + "]}" * 60000
+        text = json.dumps(self.document(["HERE"])).replace('"HERE"', deep)
+        result = self.ctl("import", "-n", stdin=text.encode())
+        self.assertEqual(result.code, 6, result.code)
+        self.assertIn("nested deeper than 512 groups", result.err.decode())
+        value = json.dumps(self.document([group("g", "t", prop("p", "count", "HERE"))])).replace('"HERE"', "[" * 100000 + "]" * 100000)
+        self.assertEqual(self.ctl("import", stdin=value.encode()).code, 6)
+
+    def test_a_store_with_groups_too_deep_to_show_is_told_of(self):
+        self.load(self.document([group("g", "t")]))
+        self.load(self.document([group("g", "t")], name="other"))
+        self.stop()
+        store = sqlite3.connect(self.path("repository.db"))
+        top, kind = store.execute("select id, kind from nodes where name = 'g' order by id").fetchone()
+        free = store.execute("select next from state").fetchone()[0]
+        for node in range(free, free + 60000):
+            store.execute("insert into nodes values(?, ?, ?, 'g', 't', 0)", (node, kind, top))
+            top = node
+        store.execute("update state set next = ?", (top + 1,))
+        store.commit()
+        store.close()
+        self.start()
+        for words in (["show", "s:i"], ["export"], ["--json", "show", "s:i"]):
+            result = self.ctl(*words)
+            self.assertEqual((result.code, result.out), (1, b""), result.err)
+            self.assertIn(b"'s:i': groups lie deeper in each other than 512", result.err)
+        self.assertEqual(self.good("export", "other").json()["services"][0]["name"], "other")
+        self.good("delete", "-r", "s")
+
+    # Runs cairnctl with the same words again and again, until the end of the with-statement.
+    @contextlib.contextmanager
+    def again_and_again(self, *words):
+        end = threading.Event()
+
+        def work():
+            while not end.is_set():
+                self.ctl(*words)
+        worker = threading.Thread(target=work)
+        worker.start()
+        try:
+            yield
+        finally:
+            end.set()
+            worker.join()
+
+    def test_an_export_beside_changes_is_whole_or_fails(self):
+        groups = [group(f"g{i}", "t", groups=[group("below", "t")]) for i in range(700)]
+        whole = self.document(groups, [("kept", groups), ("running", groups)])
+        self.load(whole)
+        for change in (["take", "running"], ["revert", "kept"]):
+            with self.again_and_again("snapshot", "s:i", *change):
+                during = self.ctl("--json", "export")
+                if during.code != 0:
+                    self.assertEqual((during.code, during.error()["name"]), (7, "busy"))
+                else:
+                    self.assertEqual(during.json(), whole)
+                later = subprocess.Popen([CAIRNCTL, "--hatch", self.hatch, "export"], env=self.env,
+                                         stdout=subprocess.PIPE)
+                time.sleep(0.3)
+            out = later.communicate()[0]  # what it tried in vain beside the changes it tried again
+            self.assertEqual((later.returncode, json.loads(out)), (0, whole))
+
+    def test_listings_pass_over_what_goes_meanwhile(self):
+        services = [dict(self.document([group("g", "t")])["services"][0], name=f"s{i}") for i in range(200)]
+        self.load(dict(DOCUMENT, services=services))
+
+        def delete():
+            for service in services:
+                self.good("delete", "-r", service["name"])
+        worker = threading.Thread(target=delete)
+        worker.start()
+        while worker.is_alive():
+            for seen in (self.good("export").json()["services"],
+                         [s for s in services if s["name"] in self.good("list").out.decode().split()]):
+                self.assertEqual(seen, [s for s in services if s in seen])
+        worker.join()
+        self.assertEqual(self.good("list").out, b"")
 
     def test_a_backup_is_in_nobodys_way(self):
         self.import_document()

@@ -14,12 +14,24 @@
 
 namespace {
 
-constexpr const char *format_name = "cairn-repository";
 constexpr const char *current = "current"; // what an instance holds now, beside its snapshots
 
 void print_json(const Json &json)
 {
 	fmt::print("{}\n", json.dump(1, '\t'));
+}
+
+void print_names(const std::vector<std::string> &names, const Options &options)
+{
+	if (!options.json) {
+		for (const std::string &name : names)
+			fmt::print("{}\n", visible(name));
+		return;
+	}
+	Json list = Json::array();
+	for (const std::string &name : names)
+		list.push_back(text_to_json(name));
+	print_json(list);
 }
 
 void say(const std::string &text)
@@ -77,29 +89,42 @@ void declare_delete(CLI::App &app, Options &options)
 	app.add_flag("-r,--recursive", options.recursive, "with all that it holds");
 }
 
+// Reads what a listing gave, and passes it over if somebody deleted it since. `above` looks at what holds it: if that
+// has gone too, its failure is the answer.
+template <typename Read, typename Above>
+void unless_deleted(Read read, Above above)
+{
+	try {
+		read();
+	} catch (const Failure &failure) {
+		if (failure.code != Exit::not_found)
+			throw;
+		above();
+	}
+}
+
 std::vector<std::string> all_locators(Repository &repository)
 {
 	std::vector<std::string> locators;
-	for (const std::string &service : repository.services()) {
-		locators.push_back(service);
-		for (const std::string &instance : repository.instances(service))
-			locators.push_back(service + ":" + instance);
-	}
+	auto add_instances = [&](const Place &service) {
+		std::vector<Place> instances = repository.instances(service);
+		locators.push_back(service.locator);
+		for (const Place &instance : instances)
+			locators.push_back(instance.locator);
+	};
+	for (const Place &service : repository.services())
+		unless_deleted([&] { add_instances(service); }, [] {});
 	return locators;
 }
 
 Exit run_list(const Options &options)
 {
 	Repository repository(options.hatch);
-	Json found = Json::array();
+	std::vector<std::string> found;
 	for (const std::string &locator : all_locators(repository))
 		if (options.pattern.empty() || fnmatch(options.pattern.c_str(), locator.c_str(), 0) == 0)
 			found.push_back(locator);
-	if (options.json)
-		print_json(found);
-	else
-		for (const Json &locator : found)
-			fmt::print("{}\n", visible(locator.get<std::string>()));
+	print_names(found, options);
 	return Exit::done;
 }
 
@@ -120,13 +145,13 @@ std::string text_of(const Json &value)
 void print_groups(const Json &groups, int depth)
 {
 	for (const Json &group : groups) {
-		fmt::print("{:{}}{} ({}){}\n", "", 2 * depth, visible(group["name"].get<std::string>()),
-		    visible(group["type"].get<std::string>()), group.contains("temporary") ? " temporary" : "");
+		fmt::print("{:{}}{} ({}){}\n", "", 2 * depth, visible(text_in(group)), visible(text_in(group, "type")),
+		    group.contains("temporary") ? " temporary" : "");
 		for (const Json &property : group["properties"]) {
 			std::string values;
 			for (const Json &value : property["values"])
 				values += " " + (value.is_string() ? "\"" + text_of(value) + "\"" : text_of(value));
-			fmt::print("{:{}}{}:{} ={}\n", "", 2 * depth + 2, visible(property["name"].get<std::string>()),
+			fmt::print("{:{}}{}:{} ={}\n", "", 2 * depth + 2, visible(text_in(property)),
 			    property["type"].get<std::string>(), values);
 		}
 		if (group.contains("groups"))
@@ -156,12 +181,7 @@ void declare_show(CLI::App &app, Options &options)
 
 Exit list_snapshots(Repository &repository, const Place &place, const Options &options)
 {
-	std::vector<std::string> names = repository.snapshots(place);
-	if (options.json)
-		print_json(names);
-	else
-		for (const std::string &name : names)
-			fmt::print("{}\n", visible(name));
+	print_names(repository.snapshots(place), options);
 	return Exit::done;
 }
 
@@ -256,10 +276,10 @@ void declare_snapshot(CLI::App &app, Options &options)
 void flatten(const Json &groups, const std::string &path, std::map<std::string, std::string> *lines)
 {
 	for (const Json &group : groups) {
-		std::string here = path + "/" + group["name"].get<std::string>();
-		(*lines)[here] = group["type"].get<std::string>() + (group.contains("temporary") ? " temporary" : "");
+		std::string here = path + "/" + text_in(group);
+		(*lines)[here] = text_in(group, "type") + (group.contains("temporary") ? " temporary" : "");
 		for (const Json &property : group["properties"])
-			(*lines)[here + " " + property["name"].get<std::string>()] =
+			(*lines)[here + " " + text_in(property)] =
 			    property["type"].get<std::string>() + " " + property["values"].dump();
 		if (group.contains("groups"))
 			flatten(group["groups"], here, lines);
@@ -278,8 +298,8 @@ Exit run_diff(const Options &options)
 	Json differences = Json::array();
 	auto note = [&](const char *sign, const std::string &path, const std::string &text) {
 		if (options.json)
-			differences.push_back(
-			    {{"side", sign[0] == '-' ? options.name : options.other}, {"path", path}, {"is", text}});
+			differences.push_back({{"side", text_to_json(sign[0] == '-' ? options.name : options.other)},
+			    {"path", text_to_json(path)}, {"is", text_to_json(text)}});
 		else
 			fmt::print("{} {}: {}\n", sign, visible(path), visible(text));
 	};
@@ -311,39 +331,48 @@ void declare_diff(CLI::App &app, Options &options)
 
 /* ---- Documents ---- */
 
-Json place_document(Repository &repository, const std::string &name, const std::string &locator)
+Json instance_document(Repository &repository, const Place &place)
+{
+	Json document = {{"name", text_to_json(place.name)}, {"groups", repository.groups(place)}};
+	Json &snapshots = document["snapshots"] = Json::array();
+	auto add_snapshot = [&](const std::string &name) {
+		snapshots.push_back({{"name", text_to_json(name)}, {"groups", repository.groups(place, name)}});
+	};
+	for (const std::string &name : repository.snapshots(place))
+		unless_deleted([&] { add_snapshot(name); }, [&] { (void) repository.snapshots(place); });
+	return document;
+}
+
+Json service_document(Repository &repository, const Place &place)
+{
+	Json document = {{"name", text_to_json(place.name)}, {"groups", repository.groups(place)}};
+	Json &instances = document["instances"] = Json::array();
+	for (const Place &instance : repository.instances(place))
+		unless_deleted([&] { instances.push_back(instance_document(repository, instance)); },
+		    [&] { (void) repository.instances(place); });
+	return document;
+}
+
+// What a locator names, with the service above an instance.
+Json named_document(Repository &repository, const std::string &locator)
 {
 	Place place = repository.find(locator);
-	Json document = {{"name", name}, {"groups", repository.groups(place)}};
 	if (!place.is_instance)
-		return document;
-	document["snapshots"] = Json::array();
-	for (const std::string &snapshot : repository.snapshots(place))
-		document["snapshots"].push_back({{"name", snapshot}, {"groups", repository.groups(place, snapshot)}});
-	return document;
+		return service_document(repository, place);
+	return {{"name", text_to_json(locator.substr(0, locator.find(':')))}, {"groups", Json::array()},
+	    {"instances", Json::array({instance_document(repository, place)})}};
 }
 
 Exit run_export(const Options &options)
 {
 	Repository repository(options.hatch);
 	Json services = Json::array();
-	std::string only = options.locator;
-	if (!only.empty())
-		(void) repository.find(only);
-	for (const std::string &service : repository.services()) {
-		if (!only.empty() && only != service && only.compare(0, service.size() + 1, service + ":") != 0)
-			continue;
-		Json document = place_document(repository, service, service);
-		if (only.find(':') != only.npos)
-			document["groups"] = Json::array();
-		document["instances"] = Json::array();
-		for (const std::string &instance : repository.instances(service))
-			if (only.empty() || only == service || only == service + ":" + instance)
-				document["instances"].push_back(
-				    place_document(repository, instance, service + ":" + instance));
-		services.push_back(document);
-	}
-	print_json({{"format", format_name}, {"version", 1}, {"services", services}});
+	if (!options.locator.empty())
+		services.push_back(named_document(repository, options.locator));
+	else
+		for (const Place &service : repository.services())
+			unless_deleted([&] { services.push_back(service_document(repository, service)); }, [] {});
+	print_json({{"format", document_format}, {"version", document_version}, {"services", services}});
 	return Exit::done;
 }
 
@@ -352,59 +381,13 @@ void declare_export(CLI::App &app, Options &options)
 	app.add_option("LOCATOR", options.locator, "a service or an instance; everything without it");
 }
 
-const Json &array_of(const Json &document, const char *key, const std::string &where)
-{
-	if (!document.is_object() || !document.contains(key) || !document[key].is_array())
-		throw Failure(
-		    Exit::invalid, fmt::format("{}: no array '{}'", where, key), "give what 'cairnctl export' wrote");
-	return document[key];
-}
-
-std::string name_in(const Json &document, const std::string &where)
-{
-	if (!document.is_object() || !document.contains("name") || !document["name"].is_string())
-		throw Failure(Exit::invalid, where + ": no name", "give what 'cairnctl export' wrote");
-	return document["name"].get<std::string>();
-}
-
-void check_document(const Json &document, const std::string &file)
-{
-	if (!document.is_object() || document.value("format", "") != format_name || document.value("version", 0) != 1)
-		throw Failure(
-		    Exit::invalid, file + ": no document of a repository", "give what 'cairnctl export' wrote");
-	for (const Json &service : array_of(document, "services", file)) {
-		std::string name = name_in(service, file);
-		check_groups(array_of(service, "groups", name), name);
-		for (const Json &instance : array_of(service, "instances", name)) {
-			std::string locator = name + ":" + name_in(instance, name);
-			check_groups(array_of(instance, "groups", locator), locator);
-			for (const Json &snapshot : array_of(instance, "snapshots", locator)) {
-				std::string where = locator + ", snapshot " + name_in(snapshot, locator);
-				check_groups(array_of(snapshot, "groups", where), where);
-			}
-		}
-	}
-}
-
-Json read_document(const std::string &file)
-{
-	std::string text = read_file(file), name = file.empty() ? "-" : file;
-	try {
-		Json document = Json::parse(text);
-		check_document(document, name);
-		return document;
-	} catch (const Json::exception &error) {
-		throw Failure(Exit::invalid, fmt::format("{}: {}", name, error.what()), "");
-	}
-}
-
 // Snapshots are made by taking them: their groups come first, and go when the snapshot is taken.
 void import_instance(Repository &repository, const Place &place, const Json &document)
 {
 	for (const Json &entry : document["snapshots"]) {
 		repository.write(place, entry["groups"]);
 		Snapshot made(rpy_snapshot_create(repository.handle()));
-		std::string name = entry["name"].get<std::string>();
+		std::string name = text_in(entry);
 		if (_rpy_snapshot_take_new(place.instance.get(), name.c_str(), made.get()) == -1)
 			fail("the snapshot '" + name + "' of '" + place.locator + "'");
 		repository.clear(place);
@@ -414,12 +397,12 @@ void import_instance(Repository &repository, const Place &place, const Json &doc
 
 void import_service(Repository &repository, const Json &service, std::vector<std::string> *made)
 {
-	std::string name = service["name"].get<std::string>();
+	std::string name = text_in(service);
 	if (repository.add(name))
 		made->push_back(name);
 	repository.write(repository.find(name), service["groups"]);
 	for (const Json &instance : service["instances"]) {
-		std::string locator = name + ":" + instance["name"].get<std::string>();
+		std::string locator = name + ":" + text_in(instance);
 		(void) repository.add(locator);
 		made->push_back(locator);
 		import_instance(repository, repository.find(locator), instance);
@@ -428,13 +411,13 @@ void import_service(Repository &repository, const Json &service, std::vector<std
 
 Exit run_import(const Options &options)
 {
-	Json document = read_document(options.file);
+	Json document = parse_document(read_file(options.file), options.file.empty() ? "-" : options.file);
 	Repository repository(options.hatch);
 	for (const Json &service : document["services"]) {
-		std::string name = service["name"].get<std::string>();
+		std::string name = text_in(service);
 		bool taken = repository.exists(name) && !service["groups"].empty();
 		for (const Json &instance : service["instances"])
-			taken = taken || repository.exists(name + ":" + instance["name"].get<std::string>());
+			taken = taken || repository.exists(name + ":" + text_in(instance));
 		if (taken)
 			throw Failure(Exit::exists, "'" + name + "', or an instance of it, exists already",
 			    "delete it first: cairnctl delete --recursive LOCATOR");
@@ -495,14 +478,14 @@ Exit run_verify(const Options &options)
 	std::string findings(text);
 	for (size_t begin = 0; begin < findings.size();) {
 		size_t end = std::min(findings.find('\n', begin), findings.size());
-		lines.push_back(findings.substr(begin, end - begin));
+		lines.push_back(visible(findings.substr(begin, end - begin)));
 		begin = end + 1;
 	}
 	if (options.json)
 		print_json({{"findings", lines}});
 	else
 		for (const Json &line : lines)
-			fmt::print("{}\n", visible(line.get<std::string>()));
+			fmt::print("{}\n", line.get_ref<const std::string &>());
 	return lines.empty() ? Exit::done : Exit::findings;
 }
 
