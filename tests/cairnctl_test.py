@@ -234,6 +234,17 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _cairnctl; for reply in "${COMPREPLY[
         self.refused(self.document([group("g", "t"), group("h", "t", temporary="yes")]), "temporary")
         self.refused({"format": "cairn-repository", "version": "x", "services": []}, "no document")
 
+    def test_a_failed_import_takes_back_its_own_and_nothing_else(self):
+        document = self.document([group(f"g{i}", "t") for i in range(3000)], name="first")
+        document["services"] += self.document([], name="last")["services"]
+        running = subprocess.Popen([CAIRNCTL, "--hatch", self.hatch, "import", self.write("document", json.dumps(document))],
+                                   env=self.env, stderr=subprocess.DEVNULL)
+        while self.good("list").out == b"" and running.poll() is None:
+            pass
+        self.good("add", "last:i")  # somebody else's, made when the import had looked whether it is free
+        self.assertEqual(running.wait(), 5)
+        self.assertEqual(self.good("list").out.split(), [b"last", b"last:i"])
+
     def test_nesting_has_an_end(self):
         deep = '{"name":"g","type":"t","properties":[],"groups":[' * 60000 + "]}" * 60000
         text = json.dumps(self.document(["HERE"])).replace('"HERE"', deep)

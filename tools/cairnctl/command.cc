@@ -395,18 +395,52 @@ void import_instance(Repository &repository, const Place &place, const Json &doc
 	repository.write(place, document["groups"]);
 }
 
+[[noreturn]] void refuse_taken(const std::string &name)
+{
+	throw Failure(Exit::exists, "'" + name + "', or an instance of it, exists already",
+	    "delete it first: cairnctl delete --recursive LOCATOR");
+}
+
+// Notes what it made, and nothing else: what others made since somebody looked is theirs.
 void import_service(Repository &repository, const Json &service, std::vector<std::string> *made)
 {
 	std::string name = text_in(service);
 	if (repository.add(name))
 		made->push_back(name);
+	else if (!service["groups"].empty())
+		refuse_taken(name);
 	repository.write(repository.find(name), service["groups"]);
 	for (const Json &instance : service["instances"]) {
 		std::string locator = name + ":" + text_in(instance);
-		(void) repository.add(locator);
+		if (!repository.add(locator))
+			refuse_taken(name);
 		made->push_back(locator);
 		import_instance(repository, repository.find(locator), instance);
 	}
+}
+
+// Deletes what an import made, whatever of it can be deleted.
+void undo_import(Repository &repository, const std::vector<std::string> &made)
+{
+	for (auto locator = made.rbegin(); locator != made.rend(); ++locator)
+		try {
+			repository.remove(*locator, true);
+		} catch (const Failure &failure) {
+			if (failure.code != Exit::not_found)
+				say("what was imported so far stays: " + failure.message);
+			if (failure.code == Exit::no_server)
+				return;
+		}
+}
+
+void check_free(Repository &repository, const Json &service)
+{
+	std::string name = text_in(service);
+	bool taken = repository.exists(name) && !service["groups"].empty();
+	for (const Json &instance : service["instances"])
+		taken = taken || repository.exists(name + ":" + text_in(instance));
+	if (taken)
+		refuse_taken(name);
 }
 
 Exit run_import(const Options &options)
@@ -414,15 +448,9 @@ Exit run_import(const Options &options)
 	Json document = parse_document(read_file(options.file), options.file.empty() ? "-" : options.file);
 	Repository repository(options.hatch);
 	for (const Json &service : document["services"]) {
-		std::string name = text_in(service);
-		bool taken = repository.exists(name) && !service["groups"].empty();
-		for (const Json &instance : service["instances"])
-			taken = taken || repository.exists(name + ":" + text_in(instance));
-		if (taken)
-			throw Failure(Exit::exists, "'" + name + "', or an instance of it, exists already",
-			    "delete it first: cairnctl delete --recursive LOCATOR");
+		check_free(repository, service);
 		if (options.dry_run)
-			say("would import '" + name + "'");
+			say("would import '" + text_in(service) + "'");
 	}
 	if (options.dry_run)
 		return Exit::done;
@@ -430,13 +458,8 @@ Exit run_import(const Options &options)
 	try {
 		for (const Json &service : document["services"])
 			import_service(repository, service, &made);
-	} catch (const Failure &) { // what was begun goes again
-		try {
-			for (auto locator = made.rbegin(); locator != made.rend(); ++locator)
-				repository.remove(*locator, true);
-		} catch (const Failure &again) {
-			say("what was imported so far stays: " + again.message);
-		}
+	} catch (...) { // whatever it was: what was begun goes again
+		undo_import(repository, made);
 		throw;
 	}
 	return Exit::done;
