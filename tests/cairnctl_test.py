@@ -275,6 +275,15 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _cairnctl; for reply in "${COMPREPLY[
         self.assertEqual(self.good("export", "other").json()["services"][0]["name"], "other")
         self.good("delete", "-r", "s")
 
+    def test_snapshots_that_look_alike_but_differ_are_told_apart(self):
+        def state(value):
+            return [group("a", "t", prop("b", "astring", value)), group("a b", "t")]
+        self.load(self.document([group("g", "t", temporary=True)],
+                                [("one", state("OLD")), ("two", state("NEW")), ("three", [group("g", "t temporary")])]))
+        changed = self.ctl("diff", "s:i", "one", "two")
+        self.assertEqual((changed.code, changed.out), (10, b'- /a b: astring ["OLD"]\n+ /a b: astring ["NEW"]\n'))
+        self.assertEqual(self.ctl("diff", "s:i", "three", "current").code, 10)
+
     # Runs cairnctl with the same words again and again, until the end of the with-statement.
     @contextlib.contextmanager
     def again_and_again(self, *words):

@@ -272,14 +272,22 @@ void declare_snapshot(CLI::App &app, Options &options)
 
 /* ---- Differences ---- */
 
+// A text of names with a NUL between them, which no name holds: two that look alike aren't the same.
+std::string spaced(std::string text)
+{
+	std::replace(text.begin(), text.end(), '\0', ' ');
+	return text;
+}
+
 // A line for each group and property, by its path.
 void flatten(const Json &groups, const std::string &path, std::map<std::string, std::string> *lines)
 {
+	const std::string between(1, '\0');
 	for (const Json &group : groups) {
 		std::string here = path + "/" + text_in(group);
-		(*lines)[here] = text_in(group, "type") + (group.contains("temporary") ? " temporary" : "");
+		(*lines)[here] = text_in(group, "type") + (group.contains("temporary") ? between + "temporary" : "");
 		for (const Json &property : group["properties"])
-			(*lines)[here + " " + text_in(property)] =
+			(*lines)[here + between + text_in(property)] =
 			    property["type"].get<std::string>() + " " + property["values"].dump();
 		if (group.contains("groups"))
 			flatten(group["groups"], here, lines);
@@ -299,9 +307,9 @@ Exit run_diff(const Options &options)
 	auto note = [&](const char *sign, const std::string &path, const std::string &text) {
 		if (options.json)
 			differences.push_back({{"side", text_to_json(sign[0] == '-' ? options.name : options.other)},
-			    {"path", text_to_json(path)}, {"is", text_to_json(text)}});
+			    {"path", text_to_json(spaced(path))}, {"is", text_to_json(spaced(text))}});
 		else
-			fmt::print("{} {}: {}\n", sign, visible(path), visible(text));
+			fmt::print("{} {}: {}\n", sign, visible(spaced(path)), visible(spaced(text)));
 	};
 	bool differ = false;
 	for (auto a = sides[0].begin(), b = sides[1].begin(); a != sides[0].end() || b != sides[1].end();) {
