@@ -155,9 +155,9 @@ class Enclaves(t.ToolTest):
 
 
 class Texts(t.ToolTest):
-    def complete(self, *words):
+    def complete(self, *words, tool=t.OSTREL):
         script = f"""source <({t.OSTREL} completion bash)
-PATH={os.path.dirname(t.OSTREL)}:$PATH
+PATH={os.path.dirname(tool)}:$PATH
 COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _ostrel 2>/dev/null; printf '%s\\n' "${{COMPREPLY[@]}}" """
         done = subprocess.run(["bash", "-uc", script, "bash", *words], cwd=self.dir, capture_output=True, timeout=60)
         self.assertEqual(done.returncode, 0, done.stderr)
@@ -174,6 +174,13 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _ostrel 2>/dev/null; printf '%s\\n' "
         self.assertEqual(self.complete("ostrel", "get", "file", ":", "li"), ["links.db"])
         self.assertEqual(self.complete("ostrel", "completion", "f"), ["fish"])
         self.assertEqual(self.complete("ostrel", "version", ""), [])
+
+    def test_bash_completes_enclaves_and_runs_nothing_that_they_are_called(self):
+        fake = self.write("ostrel", "#!/bin/sh\nprintf '7\\tweb\\n8\\tdb\\n9\\tw$(touch ran)\\n'\n")
+        os.chmod(fake, 0o755)
+        self.assertEqual(self.complete("ostrel", "walk", "-E", "we", tool=fake), ["web"])
+        self.assertEqual(" ".join(self.complete("ostrel", "walk", "-E", "w", tool=fake)), "web w\\$\\(touch\\ ran\\)")
+        self.assertFalse(os.path.exists(self.path("ran")))
 
     def test_completion_scripts_parse(self):
         for shell, check in (("bash", ["bash", "-n"]), ("zsh", ["zsh", "-n"]), ("fish", ["fish", "-n"])):

@@ -1,30 +1,37 @@
 // What the commands of cairnctl do.
 #include "command.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <fnmatch.h>
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <map>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 
+#include "completion.h"
+#include "files.h"
 #include "repository.h"
 
 namespace {
 
-constexpr const char *format_name = "cairn-repository";
 constexpr const char *current = "current"; // what an instance holds now, beside its snapshots
 
 void print_json(const Json &json)
 {
 	fmt::print("{}\n", json.dump(1, '\t'));
+}
+
+void print_names(const std::vector<std::string> &names, const Options &options)
+{
+	if (!options.json) {
+		for (const std::string &name : names)
+			fmt::print("{}\n", visible(name));
+		return;
+	}
+	Json list = Json::array();
+	for (const std::string &name : names)
+		list.push_back(text_to_json(name));
+	print_json(list);
 }
 
 void say(const std::string &text)
@@ -82,29 +89,42 @@ void declare_delete(CLI::App &app, Options &options)
 	app.add_flag("-r,--recursive", options.recursive, "with all that it holds");
 }
 
+// Reads what a listing gave, and passes it over if somebody deleted it since. `above` looks at what holds it: if that
+// has gone too, its failure is the answer.
+template <typename Read, typename Above>
+void unless_deleted(Read read, Above above)
+{
+	try {
+		read();
+	} catch (const Failure &failure) {
+		if (failure.code != Exit::not_found)
+			throw;
+		above();
+	}
+}
+
 std::vector<std::string> all_locators(Repository &repository)
 {
 	std::vector<std::string> locators;
-	for (const std::string &service : repository.services()) {
-		locators.push_back(service);
-		for (const std::string &instance : repository.instances(service))
-			locators.push_back(service + ":" + instance);
-	}
+	auto add_instances = [&](const Place &service) {
+		std::vector<Place> instances = repository.instances(service);
+		locators.push_back(service.locator);
+		for (const Place &instance : instances)
+			locators.push_back(instance.locator);
+	};
+	for (const Place &service : repository.services())
+		unless_deleted([&] { add_instances(service); }, [] {});
 	return locators;
 }
 
 Exit run_list(const Options &options)
 {
 	Repository repository(options.hatch);
-	Json found = Json::array();
+	std::vector<std::string> found;
 	for (const std::string &locator : all_locators(repository))
 		if (options.pattern.empty() || fnmatch(options.pattern.c_str(), locator.c_str(), 0) == 0)
 			found.push_back(locator);
-	if (options.json)
-		print_json(found);
-	else
-		for (const Json &locator : found)
-			fmt::print("{}\n", visible(locator.get<std::string>()));
+	print_names(found, options);
 	return Exit::done;
 }
 
@@ -125,13 +145,13 @@ std::string text_of(const Json &value)
 void print_groups(const Json &groups, int depth)
 {
 	for (const Json &group : groups) {
-		fmt::print("{:{}}{} ({}){}\n", "", 2 * depth, visible(group["name"].get<std::string>()),
-		    visible(group["type"].get<std::string>()), group.contains("temporary") ? " temporary" : "");
+		fmt::print("{:{}}{} ({}){}\n", "", 2 * depth, visible(text_in(group)), visible(text_in(group, "type")),
+		    group.contains("temporary") ? " temporary" : "");
 		for (const Json &property : group["properties"]) {
 			std::string values;
 			for (const Json &value : property["values"])
 				values += " " + (value.is_string() ? "\"" + text_of(value) + "\"" : text_of(value));
-			fmt::print("{:{}}{}:{} ={}\n", "", 2 * depth + 2, visible(property["name"].get<std::string>()),
+			fmt::print("{:{}}{}:{} ={}\n", "", 2 * depth + 2, visible(text_in(property)),
 			    property["type"].get<std::string>(), values);
 		}
 		if (group.contains("groups"))
@@ -161,12 +181,7 @@ void declare_show(CLI::App &app, Options &options)
 
 Exit list_snapshots(Repository &repository, const Place &place, const Options &options)
 {
-	std::vector<std::string> names = repository.snapshots(place);
-	if (options.json)
-		print_json(names);
-	else
-		for (const std::string &name : names)
-			fmt::print("{}\n", visible(name));
+	print_names(repository.snapshots(place), options);
 	return Exit::done;
 }
 
@@ -257,14 +272,22 @@ void declare_snapshot(CLI::App &app, Options &options)
 
 /* ---- Differences ---- */
 
+// A text of names with a NUL between them, which no name holds: two that look alike aren't the same.
+std::string spaced(std::string text)
+{
+	std::replace(text.begin(), text.end(), '\0', ' ');
+	return text;
+}
+
 // A line for each group and property, by its path.
 void flatten(const Json &groups, const std::string &path, std::map<std::string, std::string> *lines)
 {
+	const std::string between(1, '\0');
 	for (const Json &group : groups) {
-		std::string here = path + "/" + group["name"].get<std::string>();
-		(*lines)[here] = group["type"].get<std::string>() + (group.contains("temporary") ? " temporary" : "");
+		std::string here = path + "/" + text_in(group);
+		(*lines)[here] = text_in(group, "type") + (group.contains("temporary") ? between + "temporary" : "");
 		for (const Json &property : group["properties"])
-			(*lines)[here + " " + property["name"].get<std::string>()] =
+			(*lines)[here + between + text_in(property)] =
 			    property["type"].get<std::string>() + " " + property["values"].dump();
 		if (group.contains("groups"))
 			flatten(group["groups"], here, lines);
@@ -283,10 +306,10 @@ Exit run_diff(const Options &options)
 	Json differences = Json::array();
 	auto note = [&](const char *sign, const std::string &path, const std::string &text) {
 		if (options.json)
-			differences.push_back(
-			    {{"side", sign[0] == '-' ? options.name : options.other}, {"path", path}, {"is", text}});
+			differences.push_back({{"side", text_to_json(sign[0] == '-' ? options.name : options.other)},
+			    {"path", text_to_json(spaced(path))}, {"is", text_to_json(spaced(text))}});
 		else
-			fmt::print("{} {}: {}\n", sign, visible(path), visible(text));
+			fmt::print("{} {}: {}\n", sign, visible(spaced(path)), visible(spaced(text)));
 	};
 	bool differ = false;
 	for (auto a = sides[0].begin(), b = sides[1].begin(); a != sides[0].end() || b != sides[1].end();) {
@@ -316,39 +339,48 @@ void declare_diff(CLI::App &app, Options &options)
 
 /* ---- Documents ---- */
 
-Json place_document(Repository &repository, const std::string &name, const std::string &locator)
+Json instance_document(Repository &repository, const Place &place)
+{
+	Json document = {{"name", text_to_json(place.name)}, {"groups", repository.groups(place)}};
+	Json &snapshots = document["snapshots"] = Json::array();
+	auto add_snapshot = [&](const std::string &name) {
+		snapshots.push_back({{"name", text_to_json(name)}, {"groups", repository.groups(place, name)}});
+	};
+	for (const std::string &name : repository.snapshots(place))
+		unless_deleted([&] { add_snapshot(name); }, [&] { (void) repository.snapshots(place); });
+	return document;
+}
+
+Json service_document(Repository &repository, const Place &place)
+{
+	Json document = {{"name", text_to_json(place.name)}, {"groups", repository.groups(place)}};
+	Json &instances = document["instances"] = Json::array();
+	for (const Place &instance : repository.instances(place))
+		unless_deleted([&] { instances.push_back(instance_document(repository, instance)); },
+		    [&] { (void) repository.instances(place); });
+	return document;
+}
+
+// What a locator names, with the service above an instance.
+Json named_document(Repository &repository, const std::string &locator)
 {
 	Place place = repository.find(locator);
-	Json document = {{"name", name}, {"groups", repository.groups(place)}};
 	if (!place.is_instance)
-		return document;
-	document["snapshots"] = Json::array();
-	for (const std::string &snapshot : repository.snapshots(place))
-		document["snapshots"].push_back({{"name", snapshot}, {"groups", repository.groups(place, snapshot)}});
-	return document;
+		return service_document(repository, place);
+	return {{"name", text_to_json(locator.substr(0, locator.find(':')))}, {"groups", Json::array()},
+	    {"instances", Json::array({instance_document(repository, place)})}};
 }
 
 Exit run_export(const Options &options)
 {
 	Repository repository(options.hatch);
 	Json services = Json::array();
-	std::string only = options.locator;
-	if (!only.empty())
-		(void) repository.find(only);
-	for (const std::string &service : repository.services()) {
-		if (!only.empty() && only != service && only.compare(0, service.size() + 1, service + ":") != 0)
-			continue;
-		Json document = place_document(repository, service, service);
-		if (only.find(':') != only.npos)
-			document["groups"] = Json::array();
-		document["instances"] = Json::array();
-		for (const std::string &instance : repository.instances(service))
-			if (only.empty() || only == service || only == service + ":" + instance)
-				document["instances"].push_back(
-				    place_document(repository, instance, service + ":" + instance));
-		services.push_back(document);
-	}
-	print_json({{"format", format_name}, {"version", 1}, {"services", services}});
+	if (!options.locator.empty())
+		services.push_back(named_document(repository, options.locator));
+	else
+		for (const Place &service : repository.services())
+			unless_deleted([&] { services.push_back(service_document(repository, service)); }, [] {});
+	print_json({{"format", document_format}, {"version", document_version}, {"services", services}});
 	return Exit::done;
 }
 
@@ -357,66 +389,13 @@ void declare_export(CLI::App &app, Options &options)
 	app.add_option("LOCATOR", options.locator, "a service or an instance; everything without it");
 }
 
-const Json &array_of(const Json &document, const char *key, const std::string &where)
-{
-	if (!document.is_object() || !document.contains(key) || !document[key].is_array())
-		throw Failure(
-		    Exit::invalid, fmt::format("{}: no array '{}'", where, key), "give what 'cairnctl export' wrote");
-	return document[key];
-}
-
-std::string name_in(const Json &document, const std::string &where)
-{
-	if (!document.is_object() || !document.contains("name") || !document["name"].is_string())
-		throw Failure(Exit::invalid, where + ": no name", "give what 'cairnctl export' wrote");
-	return document["name"].get<std::string>();
-}
-
-void check_document(const Json &document, const std::string &file)
-{
-	if (!document.is_object() || document.value("format", "") != format_name || document.value("version", 0) != 1)
-		throw Failure(
-		    Exit::invalid, file + ": no document of a repository", "give what 'cairnctl export' wrote");
-	for (const Json &service : array_of(document, "services", file)) {
-		std::string name = name_in(service, file);
-		check_groups(array_of(service, "groups", name), name);
-		for (const Json &instance : array_of(service, "instances", name)) {
-			std::string locator = name + ":" + name_in(instance, name);
-			check_groups(array_of(instance, "groups", locator), locator);
-			for (const Json &snapshot : array_of(instance, "snapshots", locator)) {
-				std::string where = locator + ", snapshot " + name_in(snapshot, locator);
-				check_groups(array_of(snapshot, "groups", where), where);
-			}
-		}
-	}
-}
-
-Json read_document(const std::string &file)
-{
-	std::ifstream stream;
-	if (!file.empty() && file != "-") {
-		stream.open(file);
-		if (!stream)
-			throw Failure(errno == ENOENT ? Exit::not_found : Exit::failure,
-			    fmt::format("{}: {}", file, std::strerror(errno)), "");
-	}
-	std::istream &in = stream.is_open() ? static_cast<std::istream &>(stream) : std::cin;
-	try {
-		Json document = Json::parse(in);
-		check_document(document, file.empty() ? "-" : file);
-		return document;
-	} catch (const Json::exception &error) {
-		throw Failure(Exit::invalid, fmt::format("{}: {}", file.empty() ? "-" : file, error.what()), "");
-	}
-}
-
 // Snapshots are made by taking them: their groups come first, and go when the snapshot is taken.
 void import_instance(Repository &repository, const Place &place, const Json &document)
 {
 	for (const Json &entry : document["snapshots"]) {
 		repository.write(place, entry["groups"]);
 		Snapshot made(rpy_snapshot_create(repository.handle()));
-		std::string name = entry["name"].get<std::string>();
+		std::string name = text_in(entry);
 		if (_rpy_snapshot_take_new(place.instance.get(), name.c_str(), made.get()) == -1)
 			fail("the snapshot '" + name + "' of '" + place.locator + "'");
 		repository.clear(place);
@@ -424,34 +403,62 @@ void import_instance(Repository &repository, const Place &place, const Json &doc
 	repository.write(place, document["groups"]);
 }
 
+[[noreturn]] void refuse_taken(const std::string &name)
+{
+	throw Failure(Exit::exists, "'" + name + "', or an instance of it, exists already",
+	    "delete it first: cairnctl delete --recursive LOCATOR");
+}
+
+// Notes what it made, and nothing else: what others made since somebody looked is theirs.
 void import_service(Repository &repository, const Json &service, std::vector<std::string> *made)
 {
-	std::string name = service["name"].get<std::string>();
+	std::string name = text_in(service);
 	if (repository.add(name))
 		made->push_back(name);
+	else if (!service["groups"].empty())
+		refuse_taken(name);
 	repository.write(repository.find(name), service["groups"]);
 	for (const Json &instance : service["instances"]) {
-		std::string locator = name + ":" + instance["name"].get<std::string>();
-		(void) repository.add(locator);
+		std::string locator = name + ":" + text_in(instance);
+		if (!repository.add(locator))
+			refuse_taken(name);
 		made->push_back(locator);
 		import_instance(repository, repository.find(locator), instance);
 	}
 }
 
+// Deletes what an import made, whatever of it can be deleted.
+void undo_import(Repository &repository, const std::vector<std::string> &made)
+{
+	for (auto locator = made.rbegin(); locator != made.rend(); ++locator)
+		try {
+			repository.remove(*locator, true);
+		} catch (const Failure &failure) {
+			if (failure.code != Exit::not_found)
+				say("what was imported so far stays: " + failure.message);
+			if (failure.code == Exit::no_server)
+				return;
+		}
+}
+
+void check_free(Repository &repository, const Json &service)
+{
+	std::string name = text_in(service);
+	bool taken = repository.exists(name) && !service["groups"].empty();
+	for (const Json &instance : service["instances"])
+		taken = taken || repository.exists(name + ":" + text_in(instance));
+	if (taken)
+		refuse_taken(name);
+}
+
 Exit run_import(const Options &options)
 {
-	Json document = read_document(options.file);
+	Json document = parse_document(read_file(options.file), options.file.empty() ? "-" : options.file);
 	Repository repository(options.hatch);
 	for (const Json &service : document["services"]) {
-		std::string name = service["name"].get<std::string>();
-		bool taken = repository.exists(name) && !service["groups"].empty();
-		for (const Json &instance : service["instances"])
-			taken = taken || repository.exists(name + ":" + instance["name"].get<std::string>());
-		if (taken)
-			throw Failure(Exit::exists, "'" + name + "', or an instance of it, exists already",
-			    "delete it first: cairnctl delete --recursive LOCATOR");
+		check_free(repository, service);
 		if (options.dry_run)
-			say("would import '" + name + "'");
+			say("would import '" + text_in(service) + "'");
 	}
 	if (options.dry_run)
 		return Exit::done;
@@ -459,13 +466,8 @@ Exit run_import(const Options &options)
 	try {
 		for (const Json &service : document["services"])
 			import_service(repository, service, &made);
-	} catch (const Failure &) { // what was begun goes again
-		try {
-			for (auto locator = made.rbegin(); locator != made.rend(); ++locator)
-				repository.remove(*locator, true);
-		} catch (const Failure &again) {
-			say("what was imported so far stays: " + again.message);
-		}
+	} catch (...) { // whatever it was: what was begun goes again
+		undo_import(repository, made);
 		throw;
 	}
 	return Exit::done;
@@ -479,41 +481,6 @@ void declare_import(CLI::App &app, Options &options)
 
 /* ---- The daemon and its store ---- */
 
-struct Descriptor {
-	int fd;
-	~Descriptor()
-	{
-		if (fd >= 0)
-			(void) close(fd);
-	}
-};
-
-// Writes beside the file first, so that a copy is whole or isn't there.
-void write_file(const std::string &path, const char *data, size_t size)
-{
-	std::string beside = path + ".new";
-	auto refuse = [&](const char *what) {
-		int error = errno;
-		(void) unlink(beside.c_str());
-		throw Failure(error == EACCES ? Exit::permission : Exit::failure,
-		    fmt::format("{}: {}: {}", path, what, std::strerror(error)), "");
-	};
-	Descriptor file = {open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)};
-	if (file.fd == -1)
-		throw Failure(errno == EACCES ? Exit::permission : Exit::failure,
-		    fmt::format("{}: {}", beside, std::strerror(errno)), "");
-	for (size_t done = 0; done < size;) {
-		ssize_t written = write(file.fd, data + done, size - done);
-		if (written == -1)
-			refuse("can't be written");
-		done += static_cast<size_t>(written);
-	}
-	if (fsync(file.fd) == -1)
-		refuse("can't be synced");
-	if (rename(beside.c_str(), path.c_str()) == -1)
-		refuse("can't be put in place");
-}
-
 Exit run_backup(const Options &options)
 {
 	Repository repository(options.hatch);
@@ -522,7 +489,7 @@ Exit run_backup(const Options &options)
 	if (_rpy_backup(repository.handle(), &bytes, &size) == -1)
 		fail("the backup");
 	std::unique_ptr<void, Destroyer<std::free>> hold(bytes);
-	write_file(options.file, static_cast<const char *>(bytes), size);
+	write_file(options.file, {static_cast<const char *>(bytes), size});
 	return Exit::done;
 }
 
@@ -542,14 +509,14 @@ Exit run_verify(const Options &options)
 	std::string findings(text);
 	for (size_t begin = 0; begin < findings.size();) {
 		size_t end = std::min(findings.find('\n', begin), findings.size());
-		lines.push_back(findings.substr(begin, end - begin));
+		lines.push_back(visible(findings.substr(begin, end - begin)));
 		begin = end + 1;
 	}
 	if (options.json)
 		print_json({{"findings", lines}});
 	else
 		for (const Json &line : lines)
-			fmt::print("{}\n", visible(line.get<std::string>()));
+			fmt::print("{}\n", line.get_ref<const std::string &>());
 	return lines.empty() ? Exit::done : Exit::findings;
 }
 
@@ -580,39 +547,13 @@ std::string command_words()
 	return words;
 }
 
-constexpr struct {
-	const char *shell;
-	const char *script;
-} completions[] = {
-    {"bash", R"(_cairnctl()
-{{
-	local word=${{COMP_WORDS[COMP_CWORD]}}
-	if [ "$COMP_CWORD" -eq 1 ]; then
-		mapfile -t COMPREPLY < <(compgen -W "{0} --hatch --json --help --version" -- "$word")
-	else
-		mapfile -t COMPREPLY < <(compgen -W "$(cairnctl list 2>/dev/null) --help" -- "$word"; compgen -f -- "$word")
-	fi
-}}
-complete -F _cairnctl cairnctl
-)"},
-    {"zsh", R"(#compdef cairnctl
-_arguments '--hatch[the hatch of the daemon to ask]:path:_files' '--json[print JSON]' \
-	'1:command:({0})' '*::argument:_files'
-)"},
-    {"fish", R"(complete -c cairnctl -n __fish_use_subcommand -f -a "{0}"
-complete -c cairnctl -l json -d "print JSON"
-complete -c cairnctl -l hatch -r -d "the hatch of the daemon to ask"
-)"},
-};
-
 Exit run_completion(const Options &options)
 {
-	for (const auto &row : completions)
-		if (options.shell == row.shell) {
-			fmt::print(fmt::runtime(row.script), command_words());
-			return Exit::done;
-		}
-	throw Failure(Exit::usage, "'" + options.shell + "' is no shell known here", "give bash, zsh or fish");
+	std::string script = completion_script(options.shell, command_words());
+	if (script.empty())
+		throw Failure(Exit::usage, "'" + options.shell + "' is no shell known here", "give bash, zsh or fish");
+	fmt::print("{}", script);
+	return Exit::done;
 }
 
 void declare_completion(CLI::App &app, Options &options)

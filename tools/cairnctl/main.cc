@@ -25,7 +25,8 @@ void declare(CLI::App &app, Options &options)
 	app.add_option("--hatch", options.hatch, "the hatch of the daemon to ask")->type_name("PATH");
 	app.footer("A locator is NAME[/NAME...] for a service, NAME[/NAME...]:INSTANCE for an instance.\n"
 		   "Exit codes: 0 done, 1 failure, 2 usage, 3 permission, 4 not found, 5 exists, 6 invalid argument,\n"
-		   "7 the store can't be written at present, 9 no memory, 10 differences or findings, 11 no daemon.");
+		   "7 the store can't be written, or changes too fast, at present, 9 no memory, 10 differences or "
+		   "findings, 11 no daemon.");
 	for (size_t i = 0; i < command_count; i++) {
 		CLI::App *command = app.add_subcommand(commands[i].name, commands[i].summary);
 		command->footer(commands[i].help);
@@ -69,10 +70,13 @@ int main(int argc, char **argv)
 		report(failure, json);
 		return static_cast<int>(failure.code);
 	} catch (const std::bad_alloc &) {
-		(void) std::fputs("cairnctl: error: insufficient memory\n", stderr);
+		(void) std::fputs(
+		    json ? "{\"error\":{\"code\":9,\"name\":\"memory\",\"message\":\"insufficient memory\"}}\n"
+			 : "cairnctl: error: insufficient memory\n",
+		    stderr);
 		return static_cast<int>(Exit::memory);
 	} catch (const std::exception &error) {
-		(void) std::fprintf(stderr, "cairnctl: error: %s\n", error.what());
+		report(Failure(Exit::failure, error.what(), ""), json);
 		return static_cast<int>(Exit::failure);
 	}
 }

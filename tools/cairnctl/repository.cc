@@ -1,6 +1,8 @@
 #include "repository.h"
 
+#include <chrono>
 #include <cstdint>
+#include <thread>
 
 #include <fmt/format.h>
 
@@ -29,38 +31,19 @@ constexpr struct {
     {RPY_ERROR_CONFLICT, Exit::failure, "a temporary group has the name of one in the snapshot"},
 };
 
-constexpr struct {
-	rpy_type_t type;
-	const char *word;
-} type_rows[] = {
-    {RPY_TYPE_BOOLEAN, "boolean"},
-    {RPY_TYPE_COUNT, "count"},
-    {RPY_TYPE_INTEGER, "integer"},
-    {RPY_TYPE_TIME, "time"},
-    {RPY_TYPE_ASTRING, "astring"},
-    {RPY_TYPE_OPAQUE, "opaque"},
-    {RPY_TYPE_USTRING, "ustring"},
-    {RPY_TYPE_URI, "uri"},
-    {RPY_TYPE_LOCATOR, "locator"},
-    {RPY_TYPE_HOST, "host"},
-    {RPY_TYPE_HOSTNAME, "hostname"},
-    {RPY_TYPE_NET_ADDR_V4, "net_addr_v4"},
-    {RPY_TYPE_NET_ADDR_V6, "net_addr_v6"},
-    {RPY_TYPE_NET_ADDR, "net_addr"},
-};
-
-rpy_type_t type_by_word(const std::string &word)
-{
-	for (const auto &row : type_rows)
-		if (word == row.word)
-			return row.type;
-	return RPY_TYPE_INVALID;
-}
-
 void check(int result, const std::string &doing)
 {
 	if (result == -1)
 		fail(doing);
+}
+
+// Whether a listing has begun; not if what it is to list has gone.
+bool started(int result, const std::string &doing)
+{
+	if (result == -1 && rpy_error() == RPY_ERROR_DELETED)
+		return false;
+	check(result, doing);
+	return true;
 }
 
 template <typename T>
@@ -77,32 +60,6 @@ std::string name_by(ssize_t (*get)(const Object *, char *, size_t), const Object
 	char name[RPY_NAME_MAX];
 	check(static_cast<int>(get(object, name, sizeof(name))), "reading a name");
 	return name;
-}
-
-bool is_utf8(const std::string &text)
-{
-	try {
-		(void) Json(text).dump();
-		return true;
-	} catch (const Json::exception &) {
-		return false;
-	}
-}
-
-std::string to_hex(const std::string &bytes)
-{
-	std::string text;
-	for (unsigned char byte : bytes)
-		text += fmt::format("{:02x}", byte);
-	return text;
-}
-
-std::string from_hex(const std::string &text)
-{
-	std::string bytes;
-	for (size_t i = 0; i + 1 < text.size(); i += 2)
-		bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
-	return bytes;
 }
 
 Json json_of(const rpy_value_t *value)
@@ -127,9 +84,7 @@ Json json_of(const rpy_value_t *value)
 	}
 	std::string text(static_cast<size_t>(rpy_value_get_bytes(value, nullptr, 0)), '\0');
 	(void) rpy_value_get_bytes(value, text.data(), text.size());
-	if (type != RPY_TYPE_OPAQUE && is_utf8(text))
-		return text;
-	return Json{{"hex", to_hex(text)}};
+	return bytes_to_json(text, type == RPY_TYPE_OPAQUE);
 }
 
 void set_value(rpy_value_t *value, rpy_type_t type, const Json &from, const std::string &doing)
@@ -144,50 +99,8 @@ void set_value(rpy_value_t *value, rpy_type_t type, const Json &from, const std:
 	default:
 		break;
 	}
-	std::string text = from.is_object() ? from_hex(from["hex"].get<std::string>()) : from.get<std::string>();
+	std::string text = bytes_from_json(from);
 	check(rpy_value_set_bytes(value, type, text.data(), text.size()), doing);
-}
-
-bool fits(const Json &value, rpy_type_t type)
-{
-	switch (type) {
-	case RPY_TYPE_BOOLEAN:
-		return value.is_boolean();
-	case RPY_TYPE_COUNT:
-		return value.is_number_unsigned();
-	case RPY_TYPE_INTEGER:
-		return value.is_number_integer() && (!value.is_number_unsigned() || value.get<uint64_t>() <= INT64_MAX);
-	default:
-		break;
-	}
-	if (value.is_string())
-		return true;
-	if (!value.is_object() || value.size() != 1 || !value.contains("hex") || !value["hex"].is_string())
-		return false;
-	std::string hex = value["hex"].get<std::string>();
-	return hex.size() % 2 == 0 && hex.find_first_not_of("0123456789abcdefABCDEF") == hex.npos;
-}
-
-[[noreturn]] void refuse(const std::string &where, const std::string &why)
-{
-	throw Failure(Exit::invalid, fmt::format("{}: {}", where, why), "see cairnctl(8) for the form of a document");
-}
-
-void check_property(const Json &property, const std::string &where)
-{
-	if (!property.is_object() || !property.contains("name") || !property["name"].is_string())
-		refuse(where, "a property without a name");
-	std::string here = where + ": property '" + property["name"].get<std::string>() + "'";
-	rpy_type_t type = property.contains("type") && property["type"].is_string()
-			      ? type_by_word(property["type"].get<std::string>())
-			      : RPY_TYPE_INVALID;
-	if (type == RPY_TYPE_INVALID)
-		refuse(here, "no known type");
-	if (!property.contains("values") || !property["values"].is_array())
-		refuse(here, "no array of values");
-	for (const Json &value : property["values"])
-		if (!fits(value, type))
-			refuse(here, "the value " + value.dump() + " isn't of type " + type_word(type));
 }
 
 } // namespace
@@ -200,32 +113,6 @@ void fail(const std::string &doing)
 			throw Failure(row.code, fmt::format("{}: {}", doing, rpy_strerror(error)), row.hint);
 	throw Failure(
 	    Exit::failure, fmt::format("{}: {}", doing, rpy_strerror(error)), "the system's log may tell more");
-}
-
-const char *type_word(rpy_type_t type)
-{
-	for (const auto &row : type_rows)
-		if (row.type == type)
-			return row.word;
-	return "invalid";
-}
-
-void check_groups(const Json &groups, const std::string &where)
-{
-	if (!groups.is_array())
-		refuse(where, "the groups aren't an array");
-	for (const Json &group : groups) {
-		if (!group.is_object() || !group.contains("name") || !group["name"].is_string() ||
-		    !group.contains("type") || !group["type"].is_string())
-			refuse(where, "a group without a name or a type");
-		std::string here = where + "/" + group["name"].get<std::string>();
-		if (!group.contains("properties") || !group["properties"].is_array())
-			refuse(here, "no array of properties");
-		for (const Json &property : group["properties"])
-			check_property(property, here);
-		if (group.contains("groups"))
-			check_groups(group["groups"], here);
-	}
 }
 
 Repository::Repository(const std::string &hatch) : handle_(rpy_handle_create(RPY_CLIENT_VERSION))
@@ -244,8 +131,10 @@ Repository::Repository(const std::string &hatch) : handle_(rpy_handle_create(RPY
 
 Place Repository::find(const std::string &locator)
 {
-	Place place = {locator, Service(made(rpy_service_create(handle()))),
-	    Instance(made(rpy_instance_create(handle()))), locator.find(':') != locator.npos};
+	size_t colon = locator.find(':');
+	Place place = {locator, colon == locator.npos ? locator : locator.substr(colon + 1),
+	    Service(made(rpy_service_create(handle()))), Instance(made(rpy_instance_create(handle()))),
+	    colon != locator.npos};
 	check(rpy_handle_decode_locator(
 		  handle(), locator.c_str(), nullptr, place.service.get(), place.instance.get(), nullptr, nullptr, 0),
 	    "'" + locator + "'");
@@ -286,26 +175,37 @@ void Repository::remove(const std::string &locator, bool recursive)
 	    "deleting '" + locator + "'");
 }
 
-std::vector<std::string> Repository::services()
+std::vector<Place> Repository::services()
 {
-	std::vector<std::string> names;
+	std::vector<Place> places;
 	Iter iter(made(rpy_iter_create(handle())));
-	Service service(made(rpy_service_create(handle())));
 	check(rpy_iter_scope_services(iter.get(), scope_.get()), "listing services");
-	while (rpy_iter_next_service(iter.get(), service.get()) == 1)
-		names.push_back(name_by(rpy_service_get_name, service.get()));
-	return names;
+	for (;;) {
+		Service service(made(rpy_service_create(handle())));
+		int step = rpy_iter_next_service(iter.get(), service.get());
+		check(step, "listing services");
+		if (step == 0)
+			return places;
+		std::string name = name_by(rpy_service_get_name, service.get());
+		places.push_back({name, name, std::move(service), nullptr, false});
+	}
 }
 
-std::vector<std::string> Repository::instances(const std::string &name)
+std::vector<Place> Repository::instances(const Place &service)
 {
-	std::vector<std::string> names;
-	Place place = find(name);
+	std::vector<Place> places;
+	std::string doing = "listing the instances of '" + service.locator + "'";
 	Iter iter(made(rpy_iter_create(handle())));
-	check(rpy_iter_service_instances(iter.get(), place.service.get()), "listing the instances of '" + name + "'");
-	while (rpy_iter_next_instance(iter.get(), place.instance.get()) == 1)
-		names.push_back(name_by(rpy_instance_get_name, place.instance.get()));
-	return names;
+	check(rpy_iter_service_instances(iter.get(), service.service.get()), doing);
+	for (;;) {
+		Instance instance(made(rpy_instance_create(handle())));
+		int step = rpy_iter_next_instance(iter.get(), instance.get());
+		check(step, doing);
+		if (step == 0)
+			return places;
+		std::string name = name_by(rpy_instance_get_name, instance.get());
+		places.push_back({service.locator + ":" + name, name, nullptr, std::move(instance), true});
+	}
 }
 
 std::vector<std::string> Repository::snapshots(const Place &place)
@@ -313,10 +213,12 @@ std::vector<std::string> Repository::snapshots(const Place &place)
 	std::vector<std::string> names;
 	Iter iter(made(rpy_iter_create(handle())));
 	Snapshot snapshot(made(rpy_snapshot_create(handle())));
-	check(rpy_iter_instance_snapshots(iter.get(), place.instance.get()),
-	    "listing snapshots of '" + place.locator + "'");
-	while (rpy_iter_next_snapshot(iter.get(), snapshot.get()) == 1)
+	std::string doing = "listing snapshots of '" + place.locator + "'";
+	check(rpy_iter_instance_snapshots(iter.get(), place.instance.get()), doing);
+	int step;
+	while ((step = rpy_iter_next_snapshot(iter.get(), snapshot.get())) == 1)
 		names.push_back(name_by(rpy_snapshot_get_name, snapshot.get()));
+	check(step, doing);
 	return names;
 }
 
@@ -339,7 +241,8 @@ Json Repository::properties_of(rpy_propertygroup_t *group)
 	Property property(made(rpy_property_create(handle())));
 	Value value(made(rpy_value_create(handle())));
 	check(rpy_iter_pg_properties(properties.get(), group), "reading properties");
-	while (rpy_iter_next_property(properties.get(), property.get()) == 1) {
+	int next;
+	while ((next = rpy_iter_next_property(properties.get(), property.get())) == 1) {
 		rpy_type_t type;
 		Json texts = Json::array();
 		check(rpy_property_type(property.get(), &type), "reading a property");
@@ -348,53 +251,81 @@ Json Repository::properties_of(rpy_propertygroup_t *group)
 		while ((step = rpy_iter_next_value(values.get(), value.get())) == 1)
 			texts.push_back(json_of(value.get()));
 		check(step, "reading values");
-		list.push_back({{"name", name_by(rpy_property_get_name, property.get())}, {"type", type_word(type)},
-		    {"values", texts}});
+		list.push_back({{"name", text_to_json(name_by(rpy_property_get_name, property.get()))},
+		    {"type", type_word(type)}, {"values", std::move(texts)}});
 	}
+	check(next, "reading properties");
 	return list;
 }
 
-Json Repository::groups_of(rpy_iter_t *iter)
+// Nothing if a group went away meanwhile: its part of the tree is lost, and the rest may be of two times.
+std::optional<Json> Repository::groups_of(rpy_iter_t *iter, const std::string &where, int depth)
 {
 	Json list = Json::array();
 	Group group(made(rpy_pg_create(handle())));
-	while (rpy_iter_next_pg(iter, group.get()) == 1) {
+	int step;
+	while ((step = rpy_iter_next_pg(iter, group.get())) == 1) {
+		if (depth > group_depth_max)
+			throw Failure(Exit::failure,
+			    fmt::format("{}: groups lie deeper in each other than {}", where, group_depth_max),
+			    "no such tree can be shown; delete it, or its outermost groups");
 		uint32_t flags = 0;
-		Json entry = {
-		    {"name", name_by(rpy_pg_get_name, group.get())}, {"type", name_by(rpy_pg_get_type, group.get())}};
+		Json entry = {{"name", text_to_json(name_by(rpy_pg_get_name, group.get()))},
+		    {"type", text_to_json(name_by(rpy_pg_get_type, group.get()))}};
 		check(rpy_pg_get_flags(group.get(), &flags), "reading a group");
 		if ((flags & RPY_PG_FLAG_TEMPORARY) != 0)
 			entry["temporary"] = true;
 		entry["properties"] = properties_of(group.get());
 		Iter below(made(rpy_iter_create(handle())));
-		if (rpy_iter_pg_pgs(below.get(), group.get()) == -1) {
-			if (rpy_error() == RPY_ERROR_DELETED) // meanwhile
-				continue;
-			fail("listing groups");
-		}
-		Json nested = groups_of(below.get());
-		if (!nested.empty())
-			entry["groups"] = nested;
-		list.push_back(entry);
+		if (!started(rpy_iter_pg_pgs(below.get(), group.get()), where))
+			return std::nullopt;
+		std::optional<Json> nested = groups_of(below.get(), where, depth + 1);
+		if (!nested)
+			return std::nullopt;
+		if (!nested->empty())
+			entry["groups"] = std::move(*nested);
+		list.push_back(std::move(entry));
 	}
+	check(step, where);
 	return list;
+}
+
+// Each level of a tree is a call of its own, and others may change it between two calls. What they replaced is read
+// again from the top, so that a tree is never half of one and half of another.
+template <typename Start>
+Json Repository::whole_tree(const std::string &where, Start start)
+{
+	constexpr int attempts = 8;
+	auto pause = std::chrono::milliseconds(10);
+	for (int attempt = 1;; attempt++, pause *= 2) {
+		Iter iter(made(rpy_iter_create(handle())));
+		if (start(iter.get()))
+			if (std::optional<Json> groups = groups_of(iter.get(), where, 1))
+				return std::move(*groups);
+		if (attempt == attempts)
+			throw Failure(Exit::busy, where + ": it is changed faster than it can be read", "try again");
+		std::this_thread::sleep_for(pause);
+	}
 }
 
 Json Repository::groups(const Place &place)
 {
-	Iter iter(made(rpy_iter_create(handle())));
-	check(place.is_instance ? rpy_iter_instance_pgs(iter.get(), place.instance.get())
-				: rpy_iter_service_pgs(iter.get(), place.service.get()),
-	    "'" + place.locator + "'");
-	return groups_of(iter.get());
+	std::string where = "'" + place.locator + "'";
+	return whole_tree(where, [&](rpy_iter_t *iter) {
+		check(place.is_instance ? rpy_iter_instance_pgs(iter, place.instance.get())
+					: rpy_iter_service_pgs(iter, place.service.get()),
+		    where);
+		return true;
+	});
 }
 
 Json Repository::groups(const Place &place, const std::string &snapshot_name)
 {
-	Iter iter(made(rpy_iter_create(handle())));
-	Snapshot frozen = snapshot(place, snapshot_name);
-	check(rpy_iter_snapshot_pgs(iter.get(), frozen.get()), "the snapshot '" + snapshot_name + "'");
-	return groups_of(iter.get());
+	std::string where = "the snapshot '" + snapshot_name + "' of '" + place.locator + "'";
+	return whole_tree(where, [&](rpy_iter_t *iter) {
+		Snapshot frozen = snapshot(place, snapshot_name); // one that was taken anew is another
+		return started(rpy_iter_snapshot_pgs(iter, frozen.get()), where);
+	});
 }
 
 // ---- Writing ----
@@ -408,14 +339,12 @@ void Repository::write_properties(rpy_propertygroup_t *group, const Json &proper
 	} children = {transaction.get()};
 	check(rpy_transaction_start(transaction.get(), group), doing);
 	for (const Json &property : properties) {
-		std::string here = doing + ": property '" + property["name"].get<std::string>() + "'";
+		std::string name = text_in(property), here = doing + ": property '" + name + "'";
 		rpy_type_t type = type_by_word(property["type"].get<std::string>());
 		std::unique_ptr<rpy_transaction_entry_t, Destroyer<rpy_entry_destroy>> entry(
 		    made(rpy_entry_create(handle())));
 		rpy_transaction_entry_t *attached = entry.get();
-		check(rpy_transaction_property_new(
-			  transaction.get(), attached, property["name"].get<std::string>().c_str(), type),
-		    here);
+		check(rpy_transaction_property_new(transaction.get(), attached, name.c_str(), type), here);
 		(void) entry.release(); // it goes with the transaction's children
 		for (const Json &from : property["values"]) {
 			Value value(made(rpy_value_create(handle())));
@@ -432,7 +361,7 @@ void Repository::write_properties(rpy_propertygroup_t *group, const Json &proper
 
 void Repository::write_group(const Place &place, rpy_propertygroup_t *parent, const Json &document)
 {
-	std::string name = document["name"].get<std::string>(), type = document["type"].get<std::string>();
+	std::string name = text_in(document), type = text_in(document, "type");
 	std::string doing = "the group '" + name + "' of '" + place.locator + "'";
 	uint32_t flags = document.value("temporary", false) ? RPY_PG_FLAG_TEMPORARY : 0;
 	Group group(made(rpy_pg_create(handle())));
@@ -461,6 +390,8 @@ void Repository::clear(const Place &place)
 	check(place.is_instance ? rpy_iter_instance_pgs(iter.get(), place.instance.get())
 				: rpy_iter_service_pgs(iter.get(), place.service.get()),
 	    "'" + place.locator + "'");
-	while (rpy_iter_next_pg(iter.get(), group.get()) == 1)
+	int step;
+	while ((step = rpy_iter_next_pg(iter.get(), group.get())) == 1)
 		check(rpy_pg_delete(group.get()), "deleting groups of '" + place.locator + "'");
+	check(step, "deleting groups of '" + place.locator + "'");
 }

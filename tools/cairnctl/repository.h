@@ -3,13 +3,13 @@
 #define CAIRNCTL_REPOSITORY_H
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <meridon/rpy.h>
-#include <nlohmann/json.hpp>
 
-using Json = nlohmann::ordered_json;
+#include "document.h"
 
 template <auto Destroy>
 struct Destroyer {
@@ -36,7 +36,8 @@ using Transaction = std::unique_ptr<rpy_transaction_t, Destroyer<rpy_transaction
 // A service, or an instance of it.
 struct Place {
 	std::string locator;
-	Service service;
+	std::string name; // the last part of the locator: a service's whole name, or an instance's
+	Service service;  // empty where an instance was listed
 	Instance instance;
 	bool is_instance = false;
 };
@@ -51,12 +52,14 @@ public:
 	// Makes what is missing of it. False if nothing was.
 	bool add(const std::string &locator);
 	void remove(const std::string &locator, bool recursive);
-	std::vector<std::string> services();
-	std::vector<std::string> instances(const std::string &service);
+	// Listings. What they gave may have gone by the time it is used, as Exit::not_found; never is it another of its name.
+	std::vector<Place> services();
+	std::vector<Place> instances(const Place &service);
 	std::vector<std::string> snapshots(const Place &place);
 	Snapshot snapshot(const Place &place, const std::string &name);
 
-	// The groups of a place, or of a snapshot of it, as a document.
+	// The groups of a place, or of a snapshot of it, as a document: a snapshot's are all of one time, a place's without
+	// gaps where others replaced some meanwhile. Exit::busy if they change so fast that no such document can be had.
 	Json groups(const Place &place);
 	Json groups(const Place &place, const std::string &snapshot_name);
 	// Writes groups of a document below a place.
@@ -67,7 +70,9 @@ public:
 	rpy_handle_t *handle() const { return handle_.get(); }
 
 private:
-	Json groups_of(rpy_iter_t *iter);
+	template <typename Start>
+	Json whole_tree(const std::string &where, Start start);
+	std::optional<Json> groups_of(rpy_iter_t *iter, const std::string &where, int depth);
 	Json properties_of(rpy_propertygroup_t *group);
 	void write_group(const Place &place, rpy_propertygroup_t *parent, const Json &group);
 	void write_properties(rpy_propertygroup_t *group, const Json &properties, const std::string &doing);
@@ -75,10 +80,5 @@ private:
 	RpyHandle handle_;
 	Scope scope_;
 };
-
-// The words of value types, and what a document may hold.
-const char *type_word(rpy_type_t type);
-// Refuses a document that isn't one of groups: where, and why.
-void check_groups(const Json &groups, const std::string &where);
 
 #endif

@@ -67,11 +67,13 @@ const CLI::App &declared(const CLI::App &app, const Command &command)
 	return *app.get_subcommand(command.name);
 }
 
+// What the tool lists is quoted and compared, never expanded: `compgen -W` would run what stands in `$(...)`.
+//
 // Back ends stand before a path: `file:` and `raw:` are cut off for the search of files, and bash, which takes a
 // colon for the end of a word, completes what stands behind it.
 constexpr const char *bash_frame = R"bash(# bash completion for ostrel
 _ostrel() {{
-	local cur=${{COMP_WORDS[COMP_CWORD]}} prev= command= i options= files=
+	local cur=${{COMP_WORDS[COMP_CWORD]}} prev= command= i name options= files=
 	((COMP_CWORD > 0)) && prev=${{COMP_WORDS[COMP_CWORD - 1]}}
 	COMPREPLY=()
 	for ((i = 1; i < COMP_CWORD; i++)); do
@@ -85,7 +87,10 @@ _ostrel() {{
 	done
 	case $prev in
 	-E | --enclave | --to-enclave | --other-enclave)
-		COMPREPLY=($(compgen -W "$(ostrel enclaves 2>/dev/null | cut -f2)" -- "$cur"))
+		while IFS= read -r name; do
+			printf -v name %q "$name"
+			[[ $name == "$cur"* ]] && COMPREPLY+=("$name")
+		done < <(ostrel enclaves 2>/dev/null | cut -f2)
 		return
 		;;
 	-s | --sort | -p | --prop) return ;;

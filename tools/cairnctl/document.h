@@ -1,0 +1,35 @@
+// Documents: how the repository looks in JSON, and what of that is accepted.
+#ifndef CAIRNCTL_DOCUMENT_H
+#define CAIRNCTL_DOCUMENT_H
+
+#include <string>
+
+#include <meridon/rpy.h>
+#include <nlohmann/json.hpp>
+
+using Json = nlohmann::ordered_json;
+
+constexpr const char *document_format = "cairn-repository";
+constexpr int document_version = 1;
+
+// How deep groups may lie in each other: far deeper than a daemon lets anybody make them, and no deeper than what walks
+// them, the JSON library's printer among it, can go down by calling itself.
+constexpr int group_depth_max = 512;
+
+// The words of value types.
+const char *type_word(rpy_type_t type);
+rpy_type_t type_by_word(const std::string &word);
+
+// Names and types as texts of JSON: as they are, or, where they aren't UTF-8, U+0000 and hexadecimal digits.
+Json text_to_json(const std::string &bytes);
+// The name of a part of a document that was checked, or what else stands there in that form.
+std::string text_in(const Json &part, const char *key = "name");
+
+// A value's bytes: a text, or an object with `hex`.
+Json bytes_to_json(const std::string &bytes, bool opaque);
+std::string bytes_from_json(const Json &value);
+
+// Parses what `export` wrote, and refuses anything else. `file` is the name to call it by.
+Json parse_document(const std::string &text, const std::string &file);
+
+#endif

@@ -1,0 +1,120 @@
+#include "files.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "shared/failure.h"
+
+namespace {
+
+struct Descriptor {
+	int fd;
+	~Descriptor()
+	{
+		if (fd >= 0)
+			(void) close(fd);
+	}
+};
+
+constexpr struct {
+	int error;
+	Exit code;
+} error_rows[] = {
+    {EACCES, Exit::permission},
+    {EPERM, Exit::permission},
+    {EROFS, Exit::permission},
+    {EISDIR, Exit::invalid},
+    {ENOMEM, Exit::memory},
+};
+
+[[noreturn]] void fail_with(int error, const std::string &doing, Exit otherwise = Exit::failure)
+{
+	Exit code = otherwise;
+	for (const auto &row : error_rows)
+		if (row.error == error)
+			code = row.code;
+	throw Failure(code, fmt::format("{}: {}", doing, std::strerror(error)), "");
+}
+
+std::string read_all(int fd, const std::string &name)
+{
+	std::string text;
+	char buffer[64 << 10];
+	ssize_t got;
+	while ((got = read(fd, buffer, sizeof(buffer))) > 0)
+		text.append(buffer, static_cast<size_t>(got));
+	if (got == -1)
+		fail_with(errno, name);
+	return text;
+}
+
+void write_all(int fd, std::string_view bytes, const std::string &name)
+{
+	while (!bytes.empty()) {
+		ssize_t written = write(fd, bytes.data(), bytes.size());
+		if (written == -1)
+			fail_with(errno, name + ": can't be written");
+		bytes.remove_prefix(static_cast<size_t>(written));
+	}
+	if (fsync(fd) == -1)
+		fail_with(errno, name + ": can't be synced");
+}
+
+// A file beside another one, until it takes that one's place.
+struct NewFile {
+	explicit NewFile(const std::string &path) : name(path + ".XXXXXX"), file{mkostemp(name.data(), O_CLOEXEC)}
+	{
+		if (file.fd == -1)
+			fail_with(errno, path + ": can't be made");
+	}
+	NewFile(const NewFile &) = delete;
+	NewFile &operator=(const NewFile &) = delete;
+	~NewFile()
+	{
+		if (!name.empty())
+			(void) unlink(name.c_str());
+	}
+	void replace(const std::string &path)
+	{
+		if (rename(name.c_str(), path.c_str()) == -1)
+			fail_with(errno, path + ": can't be put in place");
+		name.clear();
+	}
+
+	std::string name; // of its own, so that one that a killed run left is in nobody's way
+	Descriptor file;
+};
+
+void sync_directory_of(const std::string &path)
+{
+	size_t slash = path.rfind('/');
+	std::string directory = slash == path.npos ? "." : path.substr(0, slash + 1);
+	Descriptor opened = {open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+	if (opened.fd == -1 || fsync(opened.fd) == -1)
+		fail_with(errno, path + ": is in place, but its directory can't be synced");
+}
+
+} // namespace
+
+std::string read_file(const std::string &path)
+{
+	if (path.empty() || path == "-")
+		return read_all(STDIN_FILENO, "the standard input");
+	Descriptor file = {open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+	if (file.fd == -1)
+		fail_with(errno, path, errno == ENOENT || errno == ENOTDIR ? Exit::not_found : Exit::failure);
+	return read_all(file.fd, path);
+}
+
+void write_file(const std::string &path, std::string_view bytes)
+{
+	NewFile made(path);
+	write_all(made.file.fd, bytes, path);
+	made.replace(path);
+	sync_directory_of(path);
+}
