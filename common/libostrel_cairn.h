@@ -19,15 +19,16 @@
 #define OSTREL_ID_PGNAME "object-pgname"
 #define OSTREL_ID_PGTYPE "object-pgtype"
 
-inline constexpr size_t OSTREL_RPY_NAME_MAX = 256;        // bytes of a name, a type or a path, with its NUL
-inline constexpr int OSTREL_RPY_MAX_DEPTH = 8;            // levels of groups: depths 0 to 7
-inline constexpr int OSTREL_RPY_MAX_READERS = 32;         // entries of a pool
-inline constexpr int OSTREL_RPY_READ_WAITS = 20;          // seconds that a reader waits for an entry
-inline constexpr int OSTREL_RPY_MAX_VALUES = 128;         // values of a property on reading
-inline constexpr unsigned OSTREL_RPY_OBJECTS_START = 128; // places for objects at the start of a read by type
-inline constexpr int OSTREL_RPY_FOREIGN_SECONDS = 120;    // what an operation in another enclave takes at most
-inline constexpr int OSTREL_REFRESH_PERIOD = 5;           // seconds between two passes of the refresh thread
-inline constexpr int OSTREL_REFRESH_QUIET = 5;            // seconds without an update before a snapshot
+inline constexpr size_t OSTREL_RPY_NAME_MAX = 256;             // bytes of a name, a type or a path, with its NUL
+inline constexpr int OSTREL_RPY_MAX_DEPTH = 8;                 // levels of groups: depths 0 to 7
+inline constexpr int OSTREL_RPY_MAX_READERS = 32;              // entries of a pool
+inline constexpr int OSTREL_RPY_READ_WAITS = 20;               // seconds that a reader waits for an entry
+inline constexpr int OSTREL_RPY_MAX_VALUES = 128;              // values of a property on reading
+inline constexpr unsigned OSTREL_RPY_OBJECTS_START = 128;      // places for objects at the start of a read by type
+inline constexpr int OSTREL_RPY_FOREIGN_SECONDS = 120;         // what an operation in another enclave takes at most
+inline constexpr size_t OSTREL_RPY_FOREIGN_BYTES = 256U << 20; // what a read in another enclave gives at most
+inline constexpr int OSTREL_REFRESH_PERIOD = 5;                // seconds between two passes of the refresh thread
+inline constexpr int OSTREL_REFRESH_QUIET = 5;                 // seconds without an update before a snapshot
 
 struct RefreshGate;
 

@@ -181,6 +181,10 @@ public:
 	ostrel_error_t add(ostrel_rpy_work_t *work, uint64_t flags)
 	{
 		AttrList idl, props;
+		bytes_ += static_cast<size_t>(_rpy_pg_get_bytes(ostrel_res_pg_curr(work)));
+		if (work->nsr_until != 0 &&
+		    bytes_ > OSTREL_RPY_FOREIGN_BYTES) // an enclave's daemon may have more and more
+			return SETERROR(OSTREL_NO_MEMORY);
 		if (ostrel_error_t result = ostrel_pg2atl(work, &idl, &props))
 			return SETERROR(result);
 		if (ostrel_error_t result = make_room())
@@ -217,6 +221,7 @@ private:
 	attrlist_t **objs_ = nullptr;
 	unsigned int count_ = 0;
 	int room_ = 0;
+	size_t bytes_ = 0; // of their properties
 };
 
 ostrel_error_t read_by_name(ostrel_db_t db, ostrel_rpy_work_t *work, const char *pgname, uint64_t flags, Found *found)

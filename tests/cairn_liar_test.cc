@@ -36,6 +36,8 @@ TEST(CairnLiar, AnOperationIsGivenUpAfterSomeTimeAndTheNextOneWorks)
 	liar.lie = Lie::endless_pages;
 	EXPECT_EQ(walk(db, "*/*"), "? failure");
 	warp = 0;
+	liar.lie = Lie::much;
+	EXPECT_EQ(walk(db, "t/t/t"), "? insufficient memory");
 	liar.lie = Lie::none;
 	EXPECT_EQ(get(db, "g"), "g:t|");
 	EXPECT_EQ(put(db, "g", "p=1"), OSTREL_SUCCESS);

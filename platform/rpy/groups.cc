@@ -244,6 +244,10 @@ ssize_t rpy_pg_get_type(const rpy_propertygroup_t *pg, char *buffer, size_t size
 {
 	return is_set(pg) ? give_text(pg->group.type, buffer, size) : -1;
 }
+ssize_t _rpy_pg_get_bytes(const rpy_propertygroup_t *pg)
+{
+	return is_set(pg) ? static_cast<ssize_t>(pg->group.properties.size()) : -1;
+}
 int rpy_pg_get_flags(const rpy_propertygroup_t *pg, uint32_t *flags)
 {
 	if (!is_set(pg))

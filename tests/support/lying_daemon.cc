@@ -20,8 +20,8 @@ void put_head(std::string *reply)
 	put(reply, RPY_ERROR_NONE);
 }
 
-// A group without properties.
-void put_group(std::string *reply, uint64_t id, std::string_view name)
+// A group with one text for a property, if `text` isn't empty.
+void put_group(std::string *reply, uint64_t id, std::string_view name, std::string_view text = {})
 {
 	reply->append(reinterpret_cast<const char *>(&id), sizeof(id));
 	for (uint32_t number : {3U, 0U, 0U, static_cast<uint32_t>(name.size())})
@@ -29,8 +29,19 @@ void put_group(std::string *reply, uint64_t id, std::string_view name)
 	*reply += name;
 	put(reply, 1);
 	*reply += "t";
-	put(reply, 4);
-	put(reply, 0);
+	if (text.empty()) {
+		put(reply, 4);
+		put(reply, 0);
+		return;
+	}
+	const auto size = static_cast<uint32_t>(text.size());
+	put(reply, size + 25);
+	put(reply, 1);
+	put(reply, 1);
+	*reply += "p";
+	for (uint32_t number : {uint32_t{RPY_TYPE_ASTRING}, 1U, size + 4, size})
+		put(reply, number);
+	*reply += text;
 }
 
 // The group of the name that was asked for.
@@ -43,18 +54,18 @@ std::string group_reply(rpy::Reader in)
 	return reply;
 }
 
-// More always follows.
-std::string page_reply(rpy::Reader in, uint32_t count)
+// More always follows, but where there is a text.
+std::string page_reply(rpy::Reader in, uint32_t count, std::string_view text = {})
 {
 	(void) in.bytes(16); // the parent, the filter
 	(void) in.text();
 	uint64_t id = in.u64();
 	std::string reply;
 	put_head(&reply);
-	put(&reply, 1);
+	put(&reply, text.empty() ? 1 : 0);
 	put(&reply, count);
 	for (uint32_t i = 0; i < count; i++)
-		put_group(&reply, ++id, "g");
+		put_group(&reply, ++id, "g", text);
 	return reply;
 }
 
@@ -85,6 +96,8 @@ std::string lying_reply(Lie lie, rpy::Reader in)
 		usleep(lie == Lie::slow ? 300'000 : 500); // others come meanwhile
 		return group_reply(in);
 	case rpy::Op::list_groups:
+		if (lie == Lie::much)
+			return page_reply(in, 5, std::string(6'000'000, 'x'));
 		return page_reply(in, lie == Lie::poor_pages ? 1 : rpy::page_least);
 	case rpy::Op::commit: {
 		std::string reply;
@@ -110,9 +123,16 @@ std::string lying_reply(Lie lie, rpy::Reader in)
 
 void answer(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
 {
-	thread_local char copy[65536];
-	const size_t length =
-	    lying_reply(static_cast<LyingDaemon *>(cookie)->lie, {arg, size}).copy(copy, sizeof(copy));
+	char small[16384];
+	char *copy = small;
+	size_t length;
+	{
+		const std::string reply = lying_reply(static_cast<LyingDaemon *>(cookie)->lie, {arg, size});
+		length = reply.size();
+		if (length > sizeof(small))
+			copy = static_cast<char *>(hatch_reply_memory(length));
+		(void) reply.copy(copy, length);
+	}
 	(void) hatch_return(copy, length, nullptr, 0);
 }
 

@@ -14,6 +14,7 @@ enum class Lie {
 	endless_pages,    // more always follows
 	poor_pages,       // the same, one by one
 	slow,             // a group takes a third of a second
+	much,             // each group has five below it, with a text of 6 MB each
 	stale,            // a commit is always overtaken by another
 };
 

@@ -251,6 +251,8 @@ int rpy_pg_add_pg(
 ssize_t rpy_pg_get_name(const rpy_propertygroup_t *pg, char *buffer, size_t size);
 ssize_t rpy_pg_get_type(const rpy_propertygroup_t *pg, char *buffer, size_t size);
 int rpy_pg_get_flags(const rpy_propertygroup_t *pg, uint32_t *flags);
+/* How many bytes its properties take, about, or -1. */
+ssize_t _rpy_pg_get_bytes(const rpy_propertygroup_t *pg);
 
 /*
  * Brings a group object to the group's latest version: 1 if there was a newer one, 0 if not.
