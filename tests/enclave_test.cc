@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -478,11 +479,48 @@ TEST_F(EnclaveView, APathBelowARootIsOpenedInsideItWithoutWaiting)
 	EXPECT_EQ(text_at(host.path("outside")), "outside");
 }
 
+// Locks everything of the registry that a user can open.
+static bool lock_as_user(const std::string &registry)
+{
+	if (setresgid(1234, 1234, 1234) != 0 || setresuid(1234, 1234, 1234) != 0)
+		return false;
+	for (const char *name : {"/.", "/5", "/.lock"}) {
+		const int fd = open((registry + name).c_str(), O_RDONLY);
+		struct flock lock = {};
+		lock.l_type = F_RDLCK;
+		if (fd != -1)
+			(void) (flock(fd, LOCK_SH) == 0 && fcntl(fd, F_OFD_SETLK, &lock) == 0);
+		else if (std::string(name) != "/.lock")
+			return false;
+	}
+	return true;
+}
+
+TEST_F(EnclaveView, AUserHoldsUpNeitherTurnsNorUpdates)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "needs root to become another user";
+	ASSERT_EQ(chmod(host.directory().c_str(), 0755), 0);
+	StayingChild user([&] { return lock_as_user(host.path("run/enclaves")); });
+	ASSERT_GT(user.pid(), 0);
+	EXPECT_TRUE(Fd(_enclave_hold(5, 0)));
+	EXPECT_EQ(in_child([&] {
+		alarm(5);
+		const enclave_info_t changed = record(5, "web", root);
+		return enclave_registry_replace(&changed);
+	}),
+	    0);
+	EXPECT_EQ(
+	    in_child([&] { return setresuid(1234, 1234, 1234) == 0 && _enclave_hold(5, 0) == -1 ? errno : 0; }), EPERM);
+}
+
 TEST_F(EnclaveView, OneAtATimeHoldsAnEnclave)
 {
 	Fd first(_enclave_hold(5, 0));
 	ASSERT_TRUE(first);
 	EXPECT_EQ(error_of([&] { return _enclave_hold(5, 0); }), EAGAIN);
+	ASSERT_EQ(add(record(6, "db")), 0) << "updates don't wait for turns";
+	EXPECT_TRUE(Fd(_enclave_hold(6, 0))) << "nor do turns in another enclave";
 	std::thread end([&] {
 		usleep(50000);
 		first.reset();

@@ -178,29 +178,26 @@ int _enclave_has_process(enclaveid_t id, pid_t pid)
 	       same_directory(root.get(), of_process.get());
 }
 
-// A lock on the record, which lies on the host and which only those can open for writing who may change it.
 int _enclave_hold(enclaveid_t id, int seconds)
 {
 	if (id < 1 || id > ENCLAVE_ID_MAX)
 		return fail_with(EINVAL);
-	Fd dir;
-	char name[21];
-	(void) meridon_print_number(static_cast<uint64_t>(id), name);
-	if (int error = enclave_open_registry(&dir))
-		return fail_with(error == ENOENT || error == ENOTDIR ? EINVAL : error);
-	Fd record(openat(dir.get(), name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-	if (!record)
-		return fail_with(errno == ENOENT ? EINVAL : errno == EACCES ? EPERM : errno);
+	enclave_info_t info;
+	if (int error = enclave_find_record(id, &info))
+		return fail_with(error);
+	Fd dir, locks;
+	int error = enclave_open_registry(&dir);
+	if (error == 0)
+		error = enclave_open_locks(dir.get(), &locks);
+	if (error != 0)
+		return fail_with(error == ENOENT || error == ENOTDIR ? EINVAL : error == EACCES ? EPERM : error);
 	const timespec pause = {0, 20'000'000};
 	for (int turns = seconds * 50;; turns--) {
-		struct flock lock = {};
-		lock.l_type = F_WRLCK;
-		if (fcntl(record.get(), F_OFD_SETLK, &lock) == 0)
-			return record.release();
-		if (errno != EAGAIN && errno != EACCES && errno != EINTR)
-			return -1;
-		if (turns <= 0)
-			return fail_with(EAGAIN);
+		error = enclave_lock(locks.get(), id, F_OFD_SETLK);
+		if (error == 0)
+			return locks.release();
+		if (error != EAGAIN || turns <= 0)
+			return fail_with(error);
 		(void) nanosleep(&pause, nullptr);
 	}
 }

@@ -111,7 +111,7 @@ int _enclave_has_process(enclaveid_t id, pid_t pid);
  * Keeps others who ask for the same out of an enclave's set-up, within this host, for as long as the descriptor is open.
  * Waits for them at most `seconds`.
  * Owns:    the descriptor is the caller's; it is close-on-exec
- * Errors:  -1 with errno: EAGAIN if the time is over, EPERM without the right to write the enclave's record, or as
+ * Errors:  -1 with errno: EAGAIN if the time is over, EPERM without the right to write the registry, or as
  *          enclave_getattr()
  * Threads: any
  */
