@@ -479,6 +479,33 @@ TEST_F(EnclaveView, APathBelowARootIsOpenedInsideItWithoutWaiting)
 	EXPECT_EQ(text_at(host.path("outside")), "outside");
 }
 
+// Names come from ids here, and states from names: a record for each is enough, however many others there are.
+TEST_F(EnclaveView, TheStateOfTheEnclaveNamedLastTakesNoListing)
+{
+	auto opens = [] {
+		char name[ENCLAVE_NAME_MAX + 1];
+		enclave_state_t state = ENCLAVE_STATE_INVALID;
+		FailNth count(FailNth::Open, 1000000, EIO);
+		EXPECT_GT(getenclavenamebyid(5, name, sizeof(name)), 0);
+		EXPECT_EQ(enclave_get_state(name, &state), 0);
+		EXPECT_EQ(state, ENCLAVE_STATE_READY);
+		return count.calls();
+	};
+	const int alone = opens();
+	EXPECT_GT(alone, 0);
+	for (int id = 100; id < 150; id++)
+		ASSERT_EQ(add(record(id, "e" + std::to_string(id))), 0);
+	EXPECT_EQ(opens(), alone);
+	enclave_info_t renamed = record(5, "other");
+	ASSERT_EQ(enclave_registry_replace(&renamed), 0);
+	renamed = record(100, "web");
+	renamed.ei_state = ENCLAVE_STATE_DOWN;
+	ASSERT_EQ(enclave_registry_replace(&renamed), 0);
+	enclave_state_t state = ENCLAVE_STATE_INVALID;
+	EXPECT_EQ(enclave_get_state("web", &state), 0);
+	EXPECT_EQ(state, ENCLAVE_STATE_DOWN) << "the name is another's now";
+}
+
 // Locks everything of the registry that a user can open.
 static bool lock_as_user(const std::string &registry)
 {
