@@ -30,13 +30,17 @@ constexpr mode_t hatch_mode = 0644;
 constexpr int start_seconds = 15;      // a start takes 10 s at most
 constexpr int end_milliseconds = 5000; // an end waits for a commit that runs
 
+// The enclave goes along: by the text alone the path couldn't be told from one of the host's when the registry no longer
+// knows the enclave.
 struct HatchPath {
+	enclaveid_t enclave = ENCLAVE_ID_GLOBAL;
 	char text[1024];
 };
 
 ostrel_error_t ostrel_get_cairn_configd_hatchpath(enclaveid_t enclave, bool is_private, HatchPath *path)
 {
 	char root[sizeof(path->text)];
+	path->enclave = enclave;
 	if (enclave_getattr(enclave, ENCLAVE_ATTR_ROOT, root, sizeof(root)) < 0)
 		return SETERRNO(errno);
 	int length = is_private ? snprintf(path->text, sizeof(path->text), "%s%s.libostrel.%ld", root, hatch_place,
@@ -51,8 +55,11 @@ using Value = Handle<rpy_value_t, rpy_value_destroy>;
 
 ostrel_error_t ostrel_bind_cairn_configd_hatch(ostrel_rpy_resources_t *res, const HatchPath &path)
 {
-	Value value(rpy_value_create(res->nsr_handle));
-	if (!value || rpy_value_set_astring(value.get(), path.text) != 0 ||
+	Value value(rpy_value_create(res->nsr_handle)), enclave(rpy_value_create(res->nsr_handle));
+	if (enclave)
+		rpy_value_set_count(enclave.get(), static_cast<uint64_t>(path.enclave));
+	if (!value || !enclave || rpy_value_set_astring(value.get(), path.text) != 0 ||
+	    rpy_handle_decorate(res->nsr_handle, "enclave", enclave.get()) != 0 ||
 	    rpy_handle_decorate(res->nsr_handle, "hatch_path", value.get()) != 0 ||
 	    rpy_handle_bind(res->nsr_handle) != 0)
 		return SETERROR(ostrel_rpy_failure());
@@ -64,7 +71,7 @@ ostrel_error_t ostrel_check_cairn_configd_hatch(const HatchPath &path, pid_t *pi
 {
 	if (pid != nullptr)
 		*pid = 0;
-	Fd hatch(_enclave_open(path.text));
+	Fd hatch(_enclave_open_in(path.enclave, path.text));
 	struct stat kind;
 	hatch_info_t info;
 	if (!hatch || fstat(hatch.get(), &kind) == -1 || !S_ISREG(kind.st_mode) || kind.st_nlink != 1 ||

@@ -428,6 +428,29 @@ TEST_F(Enclaves, AProgramThatNeverEndsHoldsNobodyUp)
 	EXPECT_TRUE(ends(pid)) << "it stays behind";
 }
 
+// Whose root a path lies below is known, and not guessed from the registry.
+TEST_F(Enclaves, APathIsResolvedInTheEnclaveThatWasAskedForAlsoBelowTheRootOfAnother)
+{
+	ASSERT_EQ(start_inside("/elsewhere"), 0);
+	const pid_t daemon = server_of(enclave_path("/elsewhere"));
+	ASSERT_EQ(symlink("/elsewhere", enclave_path(own_hatch).c_str()), 0);
+	enclave_info_t nested;
+	ASSERT_EQ(enclave_registry_get(5, &nested), 0);
+	nested.ei_id = 6;
+	strcpy(nested.ei_name, "nested");
+	strcat(nested.ei_root, "/system");
+	ASSERT_EQ(enclave_registry_add(&nested), 0);
+	CairnDb db = open_cairn(test_instance, 0, 5);
+	ASSERT_TRUE(db);
+	EXPECT_FALSE(resources_of(db)->nsr_private_configd);
+	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;");
+	ostrel_rpy_resources_t claimed{};
+	claimed.nsr_enclaveid = 5;
+	claimed.nsr_private_configd = B_TRUE;
+	EXPECT_TRUE(ostrel_native_configd_inenclave_ready(&claimed));
+	end(daemon);
+}
+
 TEST_F(Enclaves, AProcessInsideOpensItsOwnDatabases)
 {
 	ASSERT_EQ(start_inside(own_hatch), 0);

@@ -479,6 +479,26 @@ TEST_F(EnclaveView, APathBelowARootIsOpenedInsideItWithoutWaiting)
 	EXPECT_EQ(text_at(host.path("outside")), "outside");
 }
 
+TEST_F(EnclaveView, AKnownEnclavesPathIsOpenedInItsRootOrNowhere)
+{
+	host.write("root/file", "inside");
+	host.write("outside", "outside");
+	ASSERT_EQ(symlink("/file", (root + "/within").c_str()), 0);
+	ASSERT_EQ(symlink(host.path("outside").c_str(), (root + "/out").c_str()), 0);
+	auto error_at = [](const std::string &path) {
+		return error_of([&] { return Fd(_enclave_open_in(5, path.c_str())).get(); });
+	};
+	EXPECT_EQ(error_at(root + "/within"), 0);
+	EXPECT_EQ(error_at(root + "/out"), ENOENT);
+	EXPECT_EQ(error_at(host.path("outside")), EINVAL) << "not a path of that enclave";
+	EXPECT_EQ(error_at(root), EINVAL);
+	enclave_info_t moved = record(5, "web", host.path("elsewhere"));
+	ASSERT_EQ(enclave_registry_replace(&moved), 0);
+	EXPECT_EQ(error_at(root + "/out"), EINVAL);
+	ASSERT_EQ(enclave_registry_remove(5), 0);
+	EXPECT_EQ(error_at(root + "/out"), EINVAL) << "without a record it isn't a path of the host";
+}
+
 // Names come from ids here, and states from names: a record for each is enough, however many others there are.
 TEST_F(EnclaveView, TheStateOfTheEnclaveNamedLastTakesNoListing)
 {

@@ -177,6 +177,19 @@ int _enclave_open(const char *path)
 	return open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
 }
 
+int _enclave_open_in(enclaveid_t id, const char *path)
+{
+	char root[PATH_MAX];
+	if (path == nullptr)
+		return fail_with(EINVAL);
+	if (enclave_getattr(id, ENCLAVE_ATTR_ROOT, root, sizeof(root)) < 0)
+		return -1;
+	size_t length = strlen(root);
+	if (strncmp(path, root, length) != 0 || path[length] != '/')
+		return fail_with(EINVAL);
+	return open_inside(root, path + length);
+}
+
 int _enclave_has_process(enclaveid_t id, pid_t pid)
 {
 	Fd root, of_process;

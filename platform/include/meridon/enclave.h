@@ -101,6 +101,14 @@ int enclave_get_state(const char *name, enclave_state_t *state);
 int _enclave_open(const char *path);
 
 /*
+ * The same for a path of that enclave, its root and a path inside: in one look at the record, so that it is never opened
+ * anywhere else, also if the record goes meanwhile.
+ * Errors:  -1 with errno of openat2(); EINVAL if no enclave has that id or its root isn't the path's; or as
+ *          enclave_getattr()
+ */
+int _enclave_open_in(enclaveid_t id, const char *path);
+
+/*
  * Whether a process lives in an enclave: its root directory is the enclave's, and if the enclave has a leader, its mount
  * and user namespaces are the leader's. Gives 1 or 0, and 0 for all that is unclear.
  * Threads: any
