@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
@@ -27,6 +28,7 @@ constexpr char hatch_place[] = "/system/transient/repository_hatch";
 constexpr char daemon_program[] = "/lib/cairn/bin/cairn.configd";
 constexpr char repository_file[] = "/etc/cairn/repository.db";
 constexpr mode_t hatch_mode = 0644;
+constexpr uint64_t daemon_capabilities = 1U << CAP_CHOWN | 1U << CAP_DAC_OVERRIDE | 1U << CAP_FOWNER; // as its unit has
 constexpr int start_seconds = 15;      // a start takes 10 s at most
 constexpr int end_milliseconds = 5000; // an end waits for a commit that runs
 
@@ -100,14 +102,24 @@ int make_hatch_file(const char *path)
 	return fchmod(file.get(), hatch_mode) == 0 ? 0 : errno;
 }
 
-// What a start needs of the host, opened before the fork: the enclave may have none of it.
-struct HostDevices {
+// What a start needs of the host, found out before the fork: the enclave may have none of it.
+struct HostView {
 	Fd nowhere;
 	Fd terminal; // of this process's session; none if it has none
+	uint64_t capabilities = 0;
 
-	HostDevices()
-	    : nowhere(open("/dev/null", O_RDWR | O_CLOEXEC)), terminal(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC))
-	{}
+	// What the program will have: no more than a repository needs, nor than the enclave's own processes have.
+	ostrel_error_t look(enclaveid_t enclave)
+	{
+		nowhere.reset(open("/dev/null", O_RDWR | O_CLOEXEC));
+		terminal.reset(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+		if (!nowhere)
+			return SETERROR(OSTREL_FAILURE);
+		if (_enclave_capabilities(enclave, &capabilities) == -1)
+			return SETERRNO(errno);
+		capabilities &= daemon_capabilities;
+		return OSTREL_SUCCESS;
+	}
 };
 
 // What lies at the program's place is the enclave's choice, and may never end. This child then ends by its alarm, which
@@ -125,8 +137,8 @@ void end_in_time()
 }
 
 // The program gets nothing of this process's: not its environment, nor its streams or other descriptors, which may not all
-// be close-on-exec, nor the terminal of its session, whose input it could write.
-[[noreturn]] void become_daemon(const char *path, const HostDevices &host)
+// be close-on-exec, nor the terminal of its session, whose input it could write, nor its capabilities.
+[[noreturn]] void become_daemon(const char *path, const HostView &host)
 {
 	static constexpr char search_path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
 	const char *const environment[] = {search_path, nullptr};
@@ -136,6 +148,8 @@ void end_in_time()
 	for (int fd = 0; fd < 3; fd++)
 		(void) dup2(host.nowhere.get(), fd);
 	(void) close_range(3, UINT_MAX, 0);
+	if (_enclave_confine(host.capabilities) == -1)
+		_exit(EPERM);
 	(void) execle(daemon_program, daemon_program, "-d", path, "-r", repository_file, static_cast<char *>(nullptr),
 	    environment);
 	_exit(0); // the missing hatch tells
@@ -143,7 +157,7 @@ void end_in_time()
 
 // The child that entered the enclave. Its status is its whole report. The daemon's first process has ended when the fork
 // comes back, so there is nobody to end after a failure.
-[[noreturn]] void start_inside(enclaveid_t enclave, const char *path, const HostDevices &host)
+[[noreturn]] void start_inside(enclaveid_t enclave, const char *path, const HostView &host)
 {
 	end_in_time();
 	pid_t daemon = 0;
@@ -159,9 +173,9 @@ ostrel_error_t start_private_configd(enclaveid_t enclave)
 {
 	char inside[64]; // composed here: the child can't
 	(void) snprintf(inside, sizeof(inside), "%s.libostrel.%ld", hatch_place, static_cast<long>(enclave));
-	const HostDevices host;
-	if (!host.nowhere)
-		return SETERROR(OSTREL_FAILURE);
+	HostView host;
+	if (ostrel_error_t result = host.look(enclave))
+		return result;
 	pid_t child;
 	int error = ostrel_zfork(enclave, B_TRUE, &child);
 	if (error == 0 && child == 0)

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <string>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -559,6 +560,50 @@ TEST_F(EnclaveView, AUserHoldsUpNeitherTurnsNorUpdates)
 	    0);
 	EXPECT_EQ(
 	    in_child([&] { return setresuid(1234, 1234, 1234) == 0 && _enclave_hold(5, 0) == -1 ? errno : 0; }), EPERM);
+}
+
+// A line of a process's status, without its name.
+static std::string status_line(const std::string &name)
+{
+	std::ifstream status("/proc/self/status");
+	for (std::string line; std::getline(status, line);)
+		if (line.rfind(name + ":", 0) == 0)
+			return line.substr(name.size() + 2);
+	return "";
+}
+
+TEST_F(EnclaveView, CapabilitiesAreThoseOfTheLeaderAndCanBeGivenUp)
+{
+	uint64_t capabilities = 0;
+	EXPECT_EQ(_enclave_capabilities(5, &capabilities), 0);
+	EXPECT_EQ(capabilities, UINT64_MAX) << "nobody there is known to have less";
+	EXPECT_EQ(error_of([&] { return _enclave_capabilities(6, &capabilities); }), EINVAL);
+	if (geteuid() != 0)
+		GTEST_SKIP() << "needs root to give capabilities up";
+	StayingChild leader([] {
+		for (int i = 1; i < 64; i++)
+			(void) prctl(PR_CAPBSET_DROP, i);
+		return true;
+	});
+	enclave_info_t info = record(5, "web", root);
+	info.ei_leader = leader.pid();
+	ASSERT_EQ(enclave_leader_start(leader.pid(), &info.ei_leader_start), 0);
+	ASSERT_EQ(enclave_registry_replace(&info), 0);
+	EXPECT_EQ(_enclave_capabilities(5, &capabilities), 0);
+	EXPECT_EQ(capabilities, 1U);
+	leader.end();
+	EXPECT_EQ(error_of([&] { return _enclave_capabilities(5, &capabilities); }), ESRCH);
+
+	EXPECT_EQ(in_child([] {
+		const std::string kept = "000000000000000b";
+		if (_enclave_confine(0xb) != 0)
+			return 1;
+		for (const char *set : {"CapPrm", "CapEff", "CapBnd"})
+			if (status_line(set) != kept)
+				return 2;
+		return status_line("NoNewPrivs") == "1" ? 0 : 3;
+	}),
+	    0);
 }
 
 TEST_F(EnclaveView, OneAtATimeHoldsAnEnclave)

@@ -125,6 +125,22 @@ int _enclave_has_process(enclaveid_t id, pid_t pid);
  */
 int _enclave_hold(enclaveid_t id, int seconds);
 
+/*
+ * Gives the capabilities that the processes of an enclave have at most, the bit 1 << CAP_... for each: the bounding set of
+ * its leader, or all if it has none.
+ * Errors:  -1 with errno: ESRCH if its leader has ended, or as enclave_getattr()
+ * Threads: any
+ */
+int _enclave_capabilities(enclaveid_t id, uint64_t *capabilities);
+
+/*
+ * Takes all capabilities but these from the calling thread, and from what it will execute, which can't get others by any
+ * file's mode (no_new_privs). Makes system calls alone.
+ * Errors:  -1 with errno
+ * Threads: any
+ */
+int _enclave_confine(uint64_t capabilities);
+
 /* ---- The registry ---- */
 
 /* A record of the registry. */
