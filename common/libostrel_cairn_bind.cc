@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
@@ -28,16 +29,21 @@ constexpr char hatch_place[] = "/system/transient/repository_hatch";
 constexpr char daemon_program[] = "/lib/cairn/bin/cairn.configd";
 constexpr char repository_file[] = "/etc/cairn/repository.db";
 constexpr mode_t hatch_mode = 0644;
+constexpr uint64_t daemon_capabilities = 1U << CAP_CHOWN | 1U << CAP_DAC_OVERRIDE | 1U << CAP_FOWNER; // as its unit has
 constexpr int start_seconds = 15;      // a start takes 10 s at most
 constexpr int end_milliseconds = 5000; // an end waits for a commit that runs
 
+// The enclave goes along: by the text alone the path couldn't be told from one of the host's when the registry no longer
+// knows the enclave.
 struct HatchPath {
+	enclaveid_t enclave = ENCLAVE_ID_GLOBAL;
 	char text[1024];
 };
 
 ostrel_error_t ostrel_get_cairn_configd_hatchpath(enclaveid_t enclave, bool is_private, HatchPath *path)
 {
 	char root[sizeof(path->text)];
+	path->enclave = enclave;
 	if (enclave_getattr(enclave, ENCLAVE_ATTR_ROOT, root, sizeof(root)) < 0)
 		return SETERRNO(errno);
 	int length = is_private ? snprintf(path->text, sizeof(path->text), "%s%s.libostrel.%ld", root, hatch_place,
@@ -52,8 +58,11 @@ using Value = Handle<rpy_value_t, rpy_value_destroy>;
 
 ostrel_error_t ostrel_bind_cairn_configd_hatch(ostrel_rpy_resources_t *res, const HatchPath &path)
 {
-	Value value(rpy_value_create(res->nsr_handle));
-	if (!value || rpy_value_set_astring(value.get(), path.text) != 0 ||
+	Value value(rpy_value_create(res->nsr_handle)), enclave(rpy_value_create(res->nsr_handle));
+	if (enclave)
+		rpy_value_set_count(enclave.get(), static_cast<uint64_t>(path.enclave));
+	if (!value || !enclave || rpy_value_set_astring(value.get(), path.text) != 0 ||
+	    rpy_handle_decorate(res->nsr_handle, "enclave", enclave.get()) != 0 ||
 	    rpy_handle_decorate(res->nsr_handle, "hatch_path", value.get()) != 0 ||
 	    rpy_handle_bind(res->nsr_handle) != 0)
 		return SETERROR(ostrel_rpy_failure());
@@ -65,7 +74,7 @@ ostrel_error_t ostrel_check_cairn_configd_hatch(const HatchPath &path, pid_t *pi
 {
 	if (pid != nullptr)
 		*pid = 0;
-	Fd hatch(_enclave_open(path.text));
+	Fd hatch(_enclave_open_in(path.enclave, path.text));
 	struct stat kind;
 	hatch_info_t info;
 	if (!hatch || fstat(hatch.get(), &kind) == -1 || !S_ISREG(kind.st_mode) || kind.st_nlink != 1 ||
@@ -94,19 +103,29 @@ int make_hatch_file(const char *path)
 	return fchmod(file.get(), hatch_mode) == 0 ? 0 : errno;
 }
 
-// What a start needs of the host, opened before the fork: the enclave may have none of it.
-struct HostDevices {
+// What a start needs of the host, found out before the fork: the enclave may have none of it.
+struct HostView {
 	Fd nowhere;
 	Fd terminal; // of this process's session; none if it has none
+	uint64_t capabilities = 0;
 
-	HostDevices()
-	    : nowhere(open("/dev/null", O_RDWR | O_CLOEXEC)), terminal(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC))
-	{}
+	// What the program will have: no more than a repository needs, nor than the enclave's own processes have.
+	ostrel_error_t look(enclaveid_t enclave)
+	{
+		nowhere.reset(open("/dev/null", O_RDWR | O_CLOEXEC));
+		terminal.reset(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+		if (!nowhere)
+			return SETERROR(OSTREL_FAILURE);
+		if (_enclave_capabilities(enclave, &capabilities) == -1)
+			return SETERRNO(errno);
+		capabilities &= daemon_capabilities;
+		return OSTREL_SUCCESS;
+	}
 };
 
 // The program gets nothing of this process's: not its environment, nor its streams or other descriptors, which may not all
-// be close-on-exec, nor the terminal of its session, whose input it could write.
-[[noreturn]] void become_daemon(const char *path, const HostDevices &host)
+// be close-on-exec, nor the terminal of its session, whose input it could write, nor its capabilities.
+[[noreturn]] void become_daemon(const char *path, const HostView &host)
 {
 	static constexpr char search_path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
 	const char *const environment[] = {search_path, nullptr};
@@ -116,6 +135,8 @@ struct HostDevices {
 	for (int fd = 0; fd < 3; fd++)
 		(void) dup2(host.nowhere.get(), fd);
 	(void) close_range(3, UINT_MAX, 0);
+	if (_enclave_confine(host.capabilities) == -1)
+		_exit(EPERM);
 	(void) execle(daemon_program, daemon_program, "-d", path, "-r", repository_file, static_cast<char *>(nullptr),
 	    environment);
 	_exit(0); // the missing hatch tells
@@ -123,7 +144,7 @@ struct HostDevices {
 
 // The child that entered the enclave. Its status is its whole report. The daemon's first process has ended when the fork
 // comes back, so there is nobody to end after a failure.
-[[noreturn]] void start_inside(enclaveid_t enclave, const char *path, const HostDevices &host)
+[[noreturn]] void start_inside(enclaveid_t enclave, const char *path, const HostView &host)
 {
 	ostrel_zlimit(
 	    start_seconds); // what lies at the program's place may never end: the kernel ends it with this child
@@ -140,9 +161,9 @@ ostrel_error_t start_private_configd(enclaveid_t enclave)
 {
 	char inside[64]; // composed here: the child can't
 	(void) snprintf(inside, sizeof(inside), "%s.libostrel.%ld", hatch_place, static_cast<long>(enclave));
-	const HostDevices host;
-	if (!host.nowhere)
-		return SETERROR(OSTREL_FAILURE);
+	HostView host;
+	if (ostrel_error_t result = host.look(enclave))
+		return result;
 	pid_t child;
 	int error = ostrel_zfork(enclave, B_TRUE, &child);
 	if (error == 0 && child == 0)

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <stdlib.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <thread>
@@ -469,6 +470,68 @@ TEST_F(Enclaves, AProgramThatNeverEndsHoldsNobodyUp)
 	ASSERT_TRUE(stat >> pid >> comm >> state >> parent >> group >> session >> terminal);
 	EXPECT_EQ(terminal, 0) << "it could write the input of the caller's terminal";
 	EXPECT_TRUE(ends(pid)) << "it stays behind";
+}
+
+// Whose root a path lies below is known, and not guessed from the registry.
+TEST_F(Enclaves, APathIsResolvedInTheEnclaveThatWasAskedForAlsoBelowTheRootOfAnother)
+{
+	ASSERT_EQ(start_inside("/elsewhere"), 0);
+	const pid_t daemon = server_of(enclave_path("/elsewhere"));
+	ASSERT_EQ(symlink("/elsewhere", enclave_path(own_hatch).c_str()), 0);
+	enclave_info_t nested;
+	ASSERT_EQ(enclave_registry_get(5, &nested), 0);
+	nested.ei_id = 6;
+	strcpy(nested.ei_name, "nested");
+	strcat(nested.ei_root, "/system");
+	ASSERT_EQ(enclave_registry_add(&nested), 0);
+	CairnDb db = open_cairn(test_instance, 0, 5);
+	ASSERT_TRUE(db);
+	EXPECT_FALSE(resources_of(db)->nsr_private_configd);
+	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;");
+	ostrel_rpy_resources_t claimed{};
+	claimed.nsr_enclaveid = 5;
+	claimed.nsr_private_configd = B_TRUE;
+	EXPECT_TRUE(ostrel_native_configd_inenclave_ready(&claimed));
+	end(daemon);
+}
+
+// What a stranger's program as root could do with the rest of root's powers: mount, trace, load modules. A leader that the
+// enclave's own starter has confined further is the measure then.
+TEST_F(Enclaves, TheProgramHasNoMoreCapabilitiesThanADaemonNeedsAndTheLeaderHas)
+{
+	fs::remove(enclave_path(program));
+	ASSERT_NO_FATAL_FAILURE(install("/bin/sh", enclave->root(), "/bin/sh"));
+	enclave->write(
+	    program, "#!/bin/sh\nwhile read name value; do echo $name$value; done </proc/self/status >/tmp/status\n");
+	ASSERT_EQ(chmod(enclave_path(program).c_str(), 0755), 0);
+	CairnDb db = open_cairn();
+	ASSERT_TRUE(db);
+	auto sets = [&] {
+		EXPECT_EQ(read(db), "? failure");
+		std::istringstream status(enclave->read("/tmp/status"));
+		std::string found;
+		for (std::string line; std::getline(status, line);)
+			if (line.rfind("Cap", 0) == 0 || line.rfind("NoNewPrivs", 0) == 0)
+				found += line + " ";
+		return found;
+	};
+	EXPECT_EQ(sets(),
+	    "CapInh:0000000000000000 CapPrm:000000000000000b CapEff:000000000000000b CapBnd:000000000000000b "
+	    "CapAmb:0000000000000000 NoNewPrivs:1 ");
+
+	StayingChild leader([&] {
+		for (int i = 1; i < 64; i++)
+			(void) prctl(PR_CAPBSET_DROP, i);
+		return chroot(enclave->root().c_str()) == 0;
+	});
+	enclave_info_t info;
+	ASSERT_EQ(enclave_registry_get(5, &info), 0);
+	info.ei_leader = leader.pid();
+	ASSERT_EQ(enclave_leader_start(leader.pid(), &info.ei_leader_start), 0);
+	ASSERT_EQ(enclave_registry_replace(&info), 0);
+	EXPECT_EQ(sets(),
+	    "CapInh:0000000000000000 CapPrm:0000000000000001 CapEff:0000000000000001 CapBnd:0000000000000001 "
+	    "CapAmb:0000000000000000 NoNewPrivs:1 ");
 }
 
 TEST_F(Enclaves, AProcessInsideOpensItsOwnDatabases)

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -478,11 +480,139 @@ TEST_F(EnclaveView, APathBelowARootIsOpenedInsideItWithoutWaiting)
 	EXPECT_EQ(text_at(host.path("outside")), "outside");
 }
 
+TEST_F(EnclaveView, AKnownEnclavesPathIsOpenedInItsRootOrNowhere)
+{
+	host.write("root/file", "inside");
+	host.write("outside", "outside");
+	ASSERT_EQ(symlink("/file", (root + "/within").c_str()), 0);
+	ASSERT_EQ(symlink(host.path("outside").c_str(), (root + "/out").c_str()), 0);
+	auto error_at = [](const std::string &path) {
+		return error_of([&] { return Fd(_enclave_open_in(5, path.c_str())).get(); });
+	};
+	EXPECT_EQ(error_at(root + "/within"), 0);
+	EXPECT_EQ(error_at(root + "/out"), ENOENT);
+	EXPECT_EQ(error_at(host.path("outside")), EINVAL) << "not a path of that enclave";
+	EXPECT_EQ(error_at(root), EINVAL);
+	enclave_info_t moved = record(5, "web", host.path("elsewhere"));
+	ASSERT_EQ(enclave_registry_replace(&moved), 0);
+	EXPECT_EQ(error_at(root + "/out"), EINVAL);
+	ASSERT_EQ(enclave_registry_remove(5), 0);
+	EXPECT_EQ(error_at(root + "/out"), EINVAL) << "without a record it isn't a path of the host";
+}
+
+// Names come from ids here, and states from names: a record for each is enough, however many others there are.
+TEST_F(EnclaveView, TheStateOfTheEnclaveNamedLastTakesNoListing)
+{
+	auto opens = [] {
+		char name[ENCLAVE_NAME_MAX + 1];
+		enclave_state_t state = ENCLAVE_STATE_INVALID;
+		FailNth count(FailNth::Open, 1000000, EIO);
+		EXPECT_GT(getenclavenamebyid(5, name, sizeof(name)), 0);
+		EXPECT_EQ(enclave_get_state(name, &state), 0);
+		EXPECT_EQ(state, ENCLAVE_STATE_READY);
+		return count.calls();
+	};
+	const int alone = opens();
+	EXPECT_GT(alone, 0);
+	for (int id = 100; id < 150; id++)
+		ASSERT_EQ(add(record(id, "e" + std::to_string(id))), 0);
+	EXPECT_EQ(opens(), alone);
+	enclave_info_t renamed = record(5, "other");
+	ASSERT_EQ(enclave_registry_replace(&renamed), 0);
+	renamed = record(100, "web");
+	renamed.ei_state = ENCLAVE_STATE_DOWN;
+	ASSERT_EQ(enclave_registry_replace(&renamed), 0);
+	enclave_state_t state = ENCLAVE_STATE_INVALID;
+	EXPECT_EQ(enclave_get_state("web", &state), 0);
+	EXPECT_EQ(state, ENCLAVE_STATE_DOWN) << "the name is another's now";
+}
+
+// Locks everything of the registry that a user can open.
+static bool lock_as_user(const std::string &registry)
+{
+	if (setresgid(1234, 1234, 1234) != 0 || setresuid(1234, 1234, 1234) != 0)
+		return false;
+	for (const char *name : {"/.", "/5", "/.lock"}) {
+		const int fd = open((registry + name).c_str(), O_RDONLY);
+		struct flock lock = {};
+		lock.l_type = F_RDLCK;
+		if (fd != -1)
+			(void) (flock(fd, LOCK_SH) == 0 && fcntl(fd, F_OFD_SETLK, &lock) == 0);
+		else if (std::string(name) != "/.lock")
+			return false;
+	}
+	return true;
+}
+
+TEST_F(EnclaveView, AUserHoldsUpNeitherTurnsNorUpdates)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "needs root to become another user";
+	ASSERT_EQ(chmod(host.directory().c_str(), 0755), 0);
+	StayingChild user([&] { return lock_as_user(host.path("run/enclaves")); });
+	ASSERT_GT(user.pid(), 0);
+	EXPECT_TRUE(Fd(_enclave_hold(5, 0)));
+	EXPECT_EQ(in_child([&] {
+		alarm(5);
+		const enclave_info_t changed = record(5, "web", root);
+		return enclave_registry_replace(&changed);
+	}),
+	    0);
+	EXPECT_EQ(
+	    in_child([&] { return setresuid(1234, 1234, 1234) == 0 && _enclave_hold(5, 0) == -1 ? errno : 0; }), EPERM);
+}
+
+// A line of a process's status, without its name.
+static std::string status_line(const std::string &name)
+{
+	std::ifstream status("/proc/self/status");
+	for (std::string line; std::getline(status, line);)
+		if (line.rfind(name + ":", 0) == 0)
+			return line.substr(name.size() + 2);
+	return "";
+}
+
+TEST_F(EnclaveView, CapabilitiesAreThoseOfTheLeaderAndCanBeGivenUp)
+{
+	uint64_t capabilities = 0;
+	EXPECT_EQ(_enclave_capabilities(5, &capabilities), 0);
+	EXPECT_EQ(capabilities, UINT64_MAX) << "nobody there is known to have less";
+	EXPECT_EQ(error_of([&] { return _enclave_capabilities(6, &capabilities); }), EINVAL);
+	if (geteuid() != 0)
+		GTEST_SKIP() << "needs root to give capabilities up";
+	StayingChild leader([] {
+		for (int i = 1; i < 64; i++)
+			(void) prctl(PR_CAPBSET_DROP, i);
+		return true;
+	});
+	enclave_info_t info = record(5, "web", root);
+	info.ei_leader = leader.pid();
+	ASSERT_EQ(enclave_leader_start(leader.pid(), &info.ei_leader_start), 0);
+	ASSERT_EQ(enclave_registry_replace(&info), 0);
+	EXPECT_EQ(_enclave_capabilities(5, &capabilities), 0);
+	EXPECT_EQ(capabilities, 1U);
+	leader.end();
+	EXPECT_EQ(error_of([&] { return _enclave_capabilities(5, &capabilities); }), ESRCH);
+
+	EXPECT_EQ(in_child([] {
+		const std::string kept = "000000000000000b";
+		if (_enclave_confine(0xb) != 0)
+			return 1;
+		for (const char *set : {"CapPrm", "CapEff", "CapBnd"})
+			if (status_line(set) != kept)
+				return 2;
+		return status_line("NoNewPrivs") == "1" ? 0 : 3;
+	}),
+	    0);
+}
+
 TEST_F(EnclaveView, OneAtATimeHoldsAnEnclave)
 {
 	Fd first(_enclave_hold(5, 0));
 	ASSERT_TRUE(first);
 	EXPECT_EQ(error_of([&] { return _enclave_hold(5, 0); }), EAGAIN);
+	ASSERT_EQ(add(record(6, "db")), 0) << "updates don't wait for turns";
+	EXPECT_TRUE(Fd(_enclave_hold(6, 0))) << "nor do turns in another enclave";
 	std::thread end([&] {
 		usleep(50000);
 		first.reset();

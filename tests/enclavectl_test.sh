@@ -120,7 +120,7 @@ expect 4 remove old
 complains "there is no enclave 'old'"
 expect 0 list
 [ "$(cut -f1 "$scratch/out" | tr '\n' ' ')" = '5 10 ' ] || fail 'what is left'
-[ "$(ls -A "$records" | sort -n | tr '\n' ' ')" = '5 10 ' ] || fail "left in the registry: $(ls -A "$records")"
+[ "$(ls -A "$records" | sort -n | tr '\n' ' ')" = '.lock 5 10 ' ] || fail "left in the registry: $(ls -A "$records")"
 
 # The way out.
 "$tool" list >/dev/full 2>"$scratch/err" && fail 'a full device went unseen'

@@ -4,9 +4,12 @@
 #include <malloc.h>
 #include <thread>
 
+#include <meridon/enclave.h>
+
 #include "alloc_fault.h"
 #include "repository.h"
 #include "rpy/wire.h"
+#include "scratch.h"
 
 namespace {
 
@@ -427,6 +430,47 @@ TEST_F(Rpy, WritersOfOneGroupLeaveOnesWorkAndReadersSeeNoMixture)
 	EXPECT_EQ(torn, 0);
 	EXPECT_GT(reads, 0);
 	EXPECT_TRUE(whole(client.read("g")));
+}
+
+// A path of an enclave is one of the host's neither before nor after the registry knows the enclave.
+TEST_F(Rpy, ABindInADecoratedEnclaveGoesNowhereElse)
+{
+	Scratch host;
+	ASSERT_EQ(setenv("MERIDON_ROOT", host.directory().c_str(), 1), 0);
+	ASSERT_EQ(symlink(daemon.hatch().c_str(), host.path("planted").c_str()), 0);
+	rpy_handle_t *handle = rpy_handle_create(RPY_CLIENT_VERSION);
+	ASSERT_NE(handle, nullptr);
+	{
+		Val path(rpy_value_create(handle)), enclave(rpy_value_create(handle));
+		ASSERT_TRUE(path && enclave);
+		auto bind = [&] { return rpy_handle_bind(handle) == 0 ? RPY_ERROR_NONE : rpy_error(); };
+		auto decorate = [&](uint64_t id) {
+			rpy_value_set_count(enclave.get(), id);
+			return rpy_handle_decorate(handle, "enclave", enclave.get());
+		};
+		EXPECT_EQ(decorate(10000), -1);
+		EXPECT_EQ(rpy_error(), RPY_ERROR_INVALID_ARGUMENT);
+		EXPECT_EQ(rpy_handle_decorate(handle, "hatch_path", enclave.get()), -1);
+		EXPECT_EQ(rpy_error(), RPY_ERROR_TYPE_MISMATCH);
+		ASSERT_EQ(rpy_value_set_astring(path.get(), host.path("planted").c_str()), 0);
+		ASSERT_EQ(rpy_handle_decorate(handle, "hatch_path", path.get()), 0);
+		ASSERT_EQ(decorate(5), 0);
+		EXPECT_EQ(bind(), RPY_ERROR_NO_SERVER) << "no such enclave";
+
+		enclave_info_t info = {};
+		info.ei_id = 5;
+		info.ei_state = ENCLAVE_STATE_RUNNING;
+		strcpy(info.ei_name, "testing");
+		strcpy(info.ei_root, host.directory().c_str());
+		ASSERT_EQ(enclave_registry_add(&info), 0);
+		EXPECT_EQ(bind(), RPY_ERROR_NO_SERVER) << "a link that leads out";
+		ASSERT_EQ(enclave_registry_remove(5), 0);
+		EXPECT_EQ(bind(), RPY_ERROR_NO_SERVER) << "no such enclave any more";
+		ASSERT_EQ(rpy_handle_decorate(handle, "enclave", nullptr), 0);
+		EXPECT_EQ(bind(), RPY_ERROR_NONE) << "a path of the host's";
+	}
+	rpy_handle_destroy(handle);
+	unsetenv("MERIDON_ROOT");
 }
 
 // One road through the client: bind, look up, list, commit. Gives rpy_error(), or RPY_ERROR_NONE.

@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -184,4 +185,24 @@ int enclave_enter(enclaveid_t id)
 		return 0;
 	errno = error;
 	return -1;
+}
+
+// Root gets the bounding set back when it executes a program, but with no_new_privs nothing that it hasn't. So it doesn't
+// matter that a process without CAP_SETPCAP can't make that set smaller.
+int _enclave_confine(uint64_t capabilities)
+{
+	__user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+	__user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3];
+	if (syscall(SYS_capget, &header, sets) == -1)
+		return -1;
+	for (int i = 0; i < _LINUX_CAPABILITY_U32S_3; i++) {
+		auto kept = static_cast<uint32_t>(capabilities >> (32 * i));
+		sets[i] = {sets[i].effective & kept, sets[i].permitted & kept, 0};
+	}
+	for (int i = 0; i < 32 * _LINUX_CAPABILITY_U32S_3; i++)
+		if ((capabilities >> i & 1) == 0)
+			(void) prctl(PR_CAPBSET_DROP, i, 0, 0, 0);
+	if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == -1)
+		return -1;
+	return syscall(SYS_capset, &header, sets) == 0 ? 0 : -1;
 }

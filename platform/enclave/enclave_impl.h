@@ -27,6 +27,13 @@ int enclave_open_process_root(pid_t pid, Fd *root);
 // Opens the registry's directory.
 int enclave_open_registry(Fd *dir);
 
+// Opens the file of the registry's locks, which is made at need: EACCES for who may not write the registry.
+int enclave_open_locks(int dir, Fd *locks);
+
+// Locks a byte of that file as long as it is open: that of an enclave, or that of ENCLAVE_ID_GLOBAL for the registry itself.
+// `command` is F_OFD_SETLKW, or F_OFD_SETLK, which gives EAGAIN if somebody else has it.
+int enclave_lock(int locks, enclaveid_t id, int command);
+
 // A leader, held so that its process id can't come to mean another process.
 struct EnclaveLeader {
 	Fd process;

@@ -2,6 +2,7 @@
 #include "enclave/enclave_impl.h"
 
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
@@ -56,6 +57,30 @@ string_view stat_field(string_view line, int number)
 		line.remove_prefix(field.size());
 	}
 	return field;
+}
+
+// The bounding set in the text of a process's status.
+int parse_bounding_set(string_view status, uint64_t *capabilities)
+{
+	constexpr string_view key = "\nCapBnd:\t";
+	size_t at = status.find(key);
+	if (at == string_view::npos)
+		return EBADMSG;
+	status.remove_prefix(at + key.size());
+	auto result = std::from_chars(status.data(), status.data() + status.size(), *capabilities, 16);
+	return result.ec == std::errc() ? 0 : EBADMSG;
+}
+
+// Looks for the leader after its status was read: what was read is then its own.
+int read_bounding_set(const enclave_info_t &info, uint64_t *capabilities)
+{
+	char text[16384];
+	ssize_t len = meridon_read_file(ProcPath(info.ei_leader, "status").text, text, sizeof text);
+	if (len == -1)
+		return proc_error(errno);
+	if (!enclave_leader_alive(&info))
+		return ESRCH;
+	return parse_bounding_set({text, static_cast<size_t>(len)}, capabilities);
 }
 
 struct Namespace {
@@ -159,4 +184,21 @@ int enclave_open_leader(const enclave_info_t *info, EnclaveLeader *leader)
 		return proc_error(errno);
 	leader->confined = !same_file(own, other);
 	return 0;
+}
+
+int _enclave_capabilities(enclaveid_t id, uint64_t *capabilities)
+{
+	enclave_info_t info = {};
+	int error = capabilities == nullptr ? EINVAL : 0;
+	if (error == 0 && id != ENCLAVE_ID_GLOBAL && id != getenclaveid())
+		error = enclave_find_record(id, &info);
+	uint64_t found = UINT64_MAX;
+	if (error == 0 && info.ei_leader != 0)
+		error = read_bounding_set(info, &found);
+	if (error == 0) {
+		*capabilities = found;
+		return 0;
+	}
+	errno = error;
+	return -1;
 }

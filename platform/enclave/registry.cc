@@ -10,7 +10,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <string_view>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include "base/directory.h"
@@ -23,6 +22,10 @@ using std::string_view;
 namespace {
 
 constexpr size_t record_max = 4096; // bytes of a record's file, with room for a NUL
+
+// Nobody but the registry's owner can open it. Whoever can open a file can lock it, also for reading alone, and the
+// directory and the records are open to all.
+constexpr char locks_name[] = ".lock"; // no number, so that a listing passes over it
 
 constexpr const char *state_names[] = {"configured", "incomplete", "unavailable", "installed", "ready", "running",
     "shutting_down", "down", "mounted", "invalid"};
@@ -186,6 +189,24 @@ int enclave_open_registry(Fd *dir)
 	return *dir ? 0 : errno;
 }
 
+int enclave_open_locks(int dir, Fd *locks)
+{
+	locks->reset(openat(dir, locks_name, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
+	return *locks ? 0 : errno;
+}
+
+int enclave_lock(int locks, enclaveid_t id, int command)
+{
+	struct flock lock = {};
+	lock.l_type = F_WRLCK;
+	lock.l_start = id;
+	lock.l_len = 1;
+	while (fcntl(locks, command, &lock) == -1)
+		if (errno != EINTR)
+			return errno == EACCES ? EAGAIN : errno;
+	return 0;
+}
+
 int enclave_read_record(int dir, enclaveid_t id, enclave_info_t *info)
 {
 	Fd file(openat(dir, FileName(id).text, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -246,17 +267,15 @@ public:
 			if (error == 0)
 				error = enclave_open_registry(&dir_);
 		}
-		if (error != 0)
-			return error;
-		while (flock(dir_.get(), LOCK_EX) == -1)
-			if (errno != EINTR)
-				return errno;
-		return 0;
+		if (error == 0)
+			error = enclave_open_locks(dir_.get(), &locks_);
+		return error != 0 ? error : enclave_lock(locks_.get(), ENCLAVE_ID_GLOBAL, F_OFD_SETLKW);
 	}
 	int dir() const { return dir_.get(); }
 
 private:
 	Fd dir_;
+	Fd locks_;
 
 	static int make_directories()
 	{

@@ -107,6 +107,18 @@ bool open_root_for(const enclave_info_t &info, pid_t pid, Fd *root)
 	return static_cast<bool>(*root);
 }
 
+// The enclave that this thread named last. Who asks for a state mostly has the name from there.
+thread_local enclaveid_t named_last = ENCLAVE_ID_GLOBAL;
+
+// Finds a record by its name, which no two have: in one look at that of the enclave named last, or in a listing.
+int find_named(const char *name, enclave_info_t *info)
+{
+	if (named_last != ENCLAVE_ID_GLOBAL && enclave_registry_get(named_last, info) == 0 &&
+	    strcmp(info->ei_name, name) == 0)
+		return 0;
+	return enclave_registry_find(name, info);
+}
+
 } // namespace
 
 ssize_t enclave_getattr(enclaveid_t id, int attribute, void *buffer, size_t size)
@@ -128,6 +140,7 @@ ssize_t getenclavenamebyid(enclaveid_t id, char *buffer, size_t length)
 	enclave_info_t info;
 	if (int error = enclave_find_record(id, &info))
 		return fail_with(error);
+	named_last = id;
 	return give(info.ei_name, buffer, length);
 }
 
@@ -140,7 +153,7 @@ int enclave_get_state(const char *name, enclave_state_t *state)
 		return 0;
 	}
 	enclave_info_t info;
-	int error = enclave_registry_find(name, &info);
+	int error = find_named(name, &info);
 	if (error != 0)
 		return fail_with(error == ENOENT || error == ENOTDIR ? EINVAL : error == EACCES ? EPERM : error);
 	*state = info.ei_state;
@@ -164,6 +177,19 @@ int _enclave_open(const char *path)
 	return open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
 }
 
+int _enclave_open_in(enclaveid_t id, const char *path)
+{
+	char root[PATH_MAX];
+	if (path == nullptr)
+		return fail_with(EINVAL);
+	if (enclave_getattr(id, ENCLAVE_ATTR_ROOT, root, sizeof(root)) < 0)
+		return -1;
+	size_t length = strlen(root);
+	if (strncmp(path, root, length) != 0 || path[length] != '/')
+		return fail_with(EINVAL);
+	return open_inside(root, path + length);
+}
+
 int _enclave_has_process(enclaveid_t id, pid_t pid)
 {
 	Fd root, of_process;
@@ -178,29 +204,26 @@ int _enclave_has_process(enclaveid_t id, pid_t pid)
 	       same_directory(root.get(), of_process.get());
 }
 
-// A lock on the record, which lies on the host and which only those can open for writing who may change it.
 int _enclave_hold(enclaveid_t id, int seconds)
 {
 	if (id < 1 || id > ENCLAVE_ID_MAX)
 		return fail_with(EINVAL);
-	Fd dir;
-	char name[21];
-	(void) meridon_print_number(static_cast<uint64_t>(id), name);
-	if (int error = enclave_open_registry(&dir))
-		return fail_with(error == ENOENT || error == ENOTDIR ? EINVAL : error);
-	Fd record(openat(dir.get(), name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-	if (!record)
-		return fail_with(errno == ENOENT ? EINVAL : errno == EACCES ? EPERM : errno);
+	enclave_info_t info;
+	if (int error = enclave_find_record(id, &info))
+		return fail_with(error);
+	Fd dir, locks;
+	int error = enclave_open_registry(&dir);
+	if (error == 0)
+		error = enclave_open_locks(dir.get(), &locks);
+	if (error != 0)
+		return fail_with(error == ENOENT || error == ENOTDIR ? EINVAL : error == EACCES ? EPERM : error);
 	const timespec pause = {0, 20'000'000};
 	for (int turns = seconds * 50;; turns--) {
-		struct flock lock = {};
-		lock.l_type = F_WRLCK;
-		if (fcntl(record.get(), F_OFD_SETLK, &lock) == 0)
-			return record.release();
-		if (errno != EAGAIN && errno != EACCES && errno != EINTR)
-			return -1;
-		if (turns <= 0)
-			return fail_with(EAGAIN);
+		error = enclave_lock(locks.get(), id, F_OFD_SETLK);
+		if (error == 0)
+			return locks.release();
+		if (error != EAGAIN || turns <= 0)
+			return fail_with(error);
 		(void) nanosleep(&pause, nullptr);
 	}
 }

@@ -308,21 +308,58 @@ void rpy_handle_destroy(rpy_handle_t *handle)
 	delete handle;
 }
 
-int rpy_handle_decorate(rpy_handle_t *handle, const char *name, rpy_value_t *value)
+// ---- Decorations; a NULL value takes one back ----
+
+static int set_path(rpy_handle_t *handle, const rpy_value_t *value)
 {
-	if (handle == nullptr || name == nullptr || strcmp(name, "hatch_path") != 0)
-		return fail(RPY_ERROR_INVALID_ARGUMENT);
-	if (handle->hatch)
-		return fail(RPY_ERROR_IN_USE);
 	if (value == nullptr) {
 		handle->path.reset();
 		return 0;
 	}
-	if (value->type != RPY_TYPE_ASTRING)
-		return fail(RPY_ERROR_TYPE_MISMATCH);
 	if (value->size == 0 || value->size >= path_max)
 		return fail(RPY_ERROR_INVALID_ARGUMENT);
 	return copy_text(value->view(), &handle->path) ? 0 : fail(RPY_ERROR_NO_MEMORY);
+}
+
+static int set_enclave(rpy_handle_t *handle, const rpy_value_t *value)
+{
+	uint64_t id = value == nullptr ? ENCLAVE_ID_GLOBAL : value->number;
+	if (id > ENCLAVE_ID_MAX)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	handle->enclave = static_cast<enclaveid_t>(id);
+	return 0;
+}
+
+static constexpr struct {
+	const char *name;
+	rpy_type_t type;
+	int (*set)(rpy_handle_t *handle, const rpy_value_t *value);
+} decorations[] = {
+    {"hatch_path", RPY_TYPE_ASTRING, set_path},
+    {"enclave", RPY_TYPE_COUNT, set_enclave},
+};
+
+static int open_hatch(const rpy_handle_t &handle, const char *path)
+{
+	if (handle.enclave != ENCLAVE_ID_GLOBAL)
+		return _enclave_open_in(handle.enclave, path);
+	return handle.path ? _enclave_open(path) : open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+}
+
+int rpy_handle_decorate(rpy_handle_t *handle, const char *name, rpy_value_t *value)
+{
+	if (handle == nullptr || name == nullptr)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	for (const auto &decoration : decorations) {
+		if (strcmp(name, decoration.name) != 0)
+			continue;
+		if (handle->hatch)
+			return fail(RPY_ERROR_IN_USE);
+		if (value != nullptr && value->type != decoration.type)
+			return fail(RPY_ERROR_TYPE_MISMATCH);
+		return decoration.set(handle, value);
+	}
+	return fail(RPY_ERROR_INVALID_ARGUMENT);
 }
 
 int rpy_handle_bind(rpy_handle_t *handle)
@@ -338,7 +375,7 @@ int rpy_handle_bind(rpy_handle_t *handle)
 			return fail(RPY_ERROR_NO_SERVER);
 		path = fixed;
 	}
-	Fd hatch(handle->path ? _enclave_open(path) : open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+	Fd hatch(open_hatch(*handle, path));
 	if (!hatch)
 		return fail(bind_error(errno));
 	struct stat kind;

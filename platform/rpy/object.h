@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <new>
 
+#include <meridon/enclave.h>
+
 #include "base/guards.h"
 #include "rpy/together.h"
 #include "rpy/wire.h"
@@ -144,6 +146,7 @@ bool fill_group(Call *call, rpy_propertygroup_t *pg);
 struct rpy_handle {
 	Fd hatch; // none while unbound
 	rpy::Text path;
+	enclaveid_t enclave = ENCLAVE_ID_GLOBAL; // where the path lies; the global one if that isn't known
 	rpy::Together together;
 };
 

@@ -101,6 +101,14 @@ int enclave_get_state(const char *name, enclave_state_t *state);
 int _enclave_open(const char *path);
 
 /*
+ * The same for a path of that enclave, its root and a path inside: in one look at the record, so that it is never opened
+ * anywhere else, also if the record goes meanwhile.
+ * Errors:  -1 with errno of openat2(); EINVAL if no enclave has that id or its root isn't the path's; or as
+ *          enclave_getattr()
+ */
+int _enclave_open_in(enclaveid_t id, const char *path);
+
+/*
  * Whether a process lives in an enclave: its root directory is the enclave's, and if the enclave has a leader, its mount
  * and user namespaces are the leader's. Gives 1 or 0, and 0 for all that is unclear.
  * Threads: any
@@ -111,11 +119,27 @@ int _enclave_has_process(enclaveid_t id, pid_t pid);
  * Keeps others who ask for the same out of an enclave's set-up, within this host, for as long as the descriptor is open.
  * Waits for them at most `seconds`.
  * Owns:    the descriptor is the caller's; it is close-on-exec
- * Errors:  -1 with errno: EAGAIN if the time is over, EPERM without the right to write the enclave's record, or as
+ * Errors:  -1 with errno: EAGAIN if the time is over, EPERM without the right to write the registry, or as
  *          enclave_getattr()
  * Threads: any
  */
 int _enclave_hold(enclaveid_t id, int seconds);
+
+/*
+ * Gives the capabilities that the processes of an enclave have at most, the bit 1 << CAP_... for each: the bounding set of
+ * its leader, or all if it has none.
+ * Errors:  -1 with errno: ESRCH if its leader has ended, or as enclave_getattr()
+ * Threads: any
+ */
+int _enclave_capabilities(enclaveid_t id, uint64_t *capabilities);
+
+/*
+ * Takes all capabilities but these from the calling thread, and from what it will execute, which can't get others by any
+ * file's mode (no_new_privs). Makes system calls alone.
+ * Errors:  -1 with errno
+ * Threads: any
+ */
+int _enclave_confine(uint64_t capabilities);
 
 /* ---- The registry ---- */
 

@@ -117,17 +117,18 @@ rpy_handle_t *rpy_handle_create(uint32_t version);
 void rpy_handle_destroy(rpy_handle_t *handle);
 
 /*
- * Decorates a handle for its next bind. "hatch_path" with a text is the only decoration: the path of the daemon's hatch,
- * at most 1023 bytes; a later one replaces it, a NULL value takes it back.
+ * Decorates a handle for its next binds. A later decoration replaces an earlier one, a NULL value takes it back.
+ *   "hatch_path"  a text: the path of the daemon's hatch, at most 1023 bytes
+ *   "enclave"     a count: the id of the enclave whose root the path begins with. It is opened nowhere but there.
  * Errors: RPY_ERROR_INVALID_ARGUMENT, RPY_ERROR_TYPE_MISMATCH, RPY_ERROR_IN_USE if the handle is bound, RPY_ERROR_NO_MEMORY
  */
 int rpy_handle_decorate(rpy_handle_t *handle, const char *name, rpy_value_t *value);
 
 /*
  * Binds a handle to the daemon behind its hatch: the decorated path, or the repository of the enclave that the process
- * is in. A path below the root of a registered enclave is resolved inside that root, whatever links lie on it. After a
- * failure it can be tried again.
- * Errors: RPY_ERROR_NO_SERVER        no daemon serves there
+ * is in. A path below the root of a registered enclave is resolved inside that root, whatever links lie on it; whoever
+ * knows the enclave says so by a decoration, since the registry may change meanwhile. After a failure it can be tried again.
+ * Errors: RPY_ERROR_NO_SERVER        no daemon serves there, or the decorated enclave isn't there
  *         RPY_ERROR_IN_USE           bound already
  *         RPY_ERROR_PERMISSION_DENIED, RPY_ERROR_NO_RESOURCES, RPY_ERROR_NO_MEMORY
  */
