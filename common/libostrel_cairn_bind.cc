@@ -146,8 +146,7 @@ struct HostView {
 // comes back, so there is nobody to end after a failure.
 [[noreturn]] void start_inside(enclaveid_t enclave, const char *path, const HostView &host)
 {
-	ostrel_zlimit(
-	    start_seconds); // what lies at the program's place may never end: the kernel ends it with this child
+	ostrel_zlimit(start_seconds); // the program may never end: the kernel ends it with this child
 	pid_t daemon = 0;
 	int error = make_hatch_file(path);
 	if (error == 0)
