@@ -1,22 +1,11 @@
 // Databases of an enclave whose daemon never comes to an end. The clock runs as fast as it is looked at.
-#include <atomic>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include "cairn_db.h"
 #include "lying_daemon.h"
 #include "test_enclave.h"
-
-static std::atomic<long> warp{0}, warped{0};
-extern "C" int clock_gettime(clockid_t id, struct timespec *now) noexcept
-{
-	const int result = static_cast<int>(syscall(SYS_clock_gettime, id, now, 0, 0, 0, 0));
-	if (id == CLOCK_MONOTONIC)
-		now->tv_sec += warped += warp;
-	return result;
-}
+#include "warped_clock.h"
 
 namespace {
 

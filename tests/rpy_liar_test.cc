@@ -2,23 +2,13 @@
 #include <atomic>
 #include <csignal>
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <thread>
 #include <unistd.h>
 
 #include "lying_daemon.h"
 #include "repository.h"
-
-// By how many seconds each look at the clock sets it forward.
-static std::atomic<long> warp{0}, warped{0};
-extern "C" int clock_gettime(clockid_t id, struct timespec *now) noexcept
-{
-	const int result = static_cast<int>(syscall(SYS_clock_gettime, id, now, 0, 0, 0, 0));
-	if (id == CLOCK_MONOTONIC)
-		now->tv_sec += warped += warp;
-	return result;
-}
+#include "warped_clock.h"
 
 namespace {
 
