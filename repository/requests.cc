@@ -39,7 +39,7 @@ std::unique_ptr<Node> new_node(Daemon *daemon, Parent kind, Node *parent, std::s
 {
 	auto node = std::make_unique<Node>();
 	node->kind = kind;
-	node->id = daemon->model.take_id();
+	node->id = daemon->model.take_id(node->stored());
 	node->parent = parent;
 	node->name = name;
 	return node;
@@ -254,7 +254,7 @@ rpy_error_t add_node(Daemon *daemon, std::unique_ptr<Node> node, Parent parent_k
 			return RPY_ERROR_CONSTRAINT_VIOLATED;
 		if (depth_of(added->parent) >= depth_max)
 			return RPY_ERROR_CONSTRAINT_VIOLATED;
-		added->id = model.take_id();
+		added->id = model.take_id(added->stored());
 		if (added->stored())
 			rows->push_back(node_row(*added));
 		return RPY_ERROR_NONE;
@@ -454,7 +454,7 @@ rpy_error_t commit(Daemon *daemon, Reader *in, Writer *out)
 			return RPY_ERROR_NONE;
 		if (rpy_error_t error = merge(old->properties, &entries, &version->properties); error != RPY_ERROR_NONE)
 			return error;
-		version->id = daemon->model.take_id();
+		version->id = daemon->model.take_id(group->stored());
 		if (group->stored()) {
 			rows->push_back({Row::What::put_version, version->id, 0, 0, 0, {}, {}, version->properties});
 			rows->push_back({Row::What::set_version, id, 0, 0, version->id});
