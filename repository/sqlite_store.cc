@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -24,6 +25,7 @@ using namespace std::chrono_literals;
 
 constexpr int application_id = 0x4341524e; // what a file of this kind says it is
 constexpr auto idle_time = 1s;
+constexpr const char *journal_end = "-journal";
 
 using Database = Handle<sqlite3, sqlite3_close_v2>;
 using Statement = Handle<sqlite3_stmt, sqlite3_finalize>;
@@ -95,6 +97,49 @@ int run(sqlite3 *database, const char *text)
 	return sqlite3_exec(database, text, nullptr, nullptr, nullptr);
 }
 
+// A copy of a store, with the journal that a crash left beside it, in a private directory. What can't be rolled back where
+// nothing can be written is rolled back there.
+class PrivateCopy {
+public:
+	explicit PrivateCopy(const std::string &path)
+	{
+		const char *const places[] = {"/dev/shm", getenv("TMPDIR"), "/run", "/tmp"}; // in memory, if it can be
+		for (const char *place : places) {
+			std::string made = std::string(place == nullptr ? "/tmp" : place) + "/cairn.configd-XXXXXX";
+			if (mkdtemp(made.data()) == nullptr)
+				continue;
+			directory_ = made;
+			if (fill(path))
+				return;
+			remove();
+		}
+	}
+	PrivateCopy(const PrivateCopy &) = delete;
+	PrivateCopy &operator=(const PrivateCopy &) = delete;
+	~PrivateCopy() { remove(); }
+
+	explicit operator bool() const { return !directory_.empty(); }
+	std::string file() const { return directory_ + "/repository.db"; }
+
+private:
+	bool fill(const std::string &path) const
+	{
+		std::error_code bad;
+		return std::filesystem::copy_file(path, file(), bad) &&
+		       std::filesystem::copy_file(path + journal_end, file() + journal_end, bad) &&
+		       chmod(file().c_str(), 0600) == 0 && chmod((file() + journal_end).c_str(), 0600) == 0;
+	}
+	void remove()
+	{
+		std::error_code ignored;
+		if (!directory_.empty())
+			std::filesystem::remove_all(directory_, ignored);
+		directory_.clear();
+	}
+
+	std::string directory_;
+};
+
 class SqliteStore : public Store {
 public:
 	SqliteStore(std::string path, int file) : path_(std::move(path)), file_(file) {}
@@ -117,7 +162,9 @@ public:
 	bool copy(std::string *bytes) override;
 
 private:
-	int connect(int flags);
+	int connect(int flags) { return connect(flags, path_); }
+	int connect(int flags, const std::string &path);
+	int connect_to_look(std::unique_ptr<PrivateCopy> *copy, bool *read_only);
 	void close();
 	void close_when_idle();
 	bool path_is_ours() const;
@@ -144,10 +191,10 @@ private:
 
 // ---- Opening and checking ----
 
-int SqliteStore::connect(int flags)
+int SqliteStore::connect(int flags, const std::string &path)
 {
 	sqlite3 *opened = nullptr;
-	int code = sqlite3_open_v2(path_.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+	int code = sqlite3_open_v2(path.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, nullptr);
 	database_.reset(opened);
 	if (code != SQLITE_OK)
 		return code;
@@ -253,14 +300,28 @@ Failure SqliteStore::read(const Loader &loader, uint64_t *next)
 	return {};
 }
 
+// Connects for reading what the store holds. A journal that a crash left is rolled back here: in the file, or, where
+// nothing can be written, in a copy.
+int SqliteStore::connect_to_look(std::unique_ptr<PrivateCopy> *copy, bool *read_only)
+{
+	int code = connect(SQLITE_OPEN_READWRITE);
+	*read_only = code != SQLITE_OK || sqlite3_db_readonly(database_.get(), "main") == 1;
+	if (code == SQLITE_OK || (code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT)
+		return code;
+	code = connect(SQLITE_OPEN_READONLY);
+	if (code != SQLITE_READONLY_ROLLBACK)
+		return code;
+	close();
+	*copy = std::make_unique<PrivateCopy>(path_);
+	return **copy ? connect(SQLITE_OPEN_READWRITE, (*copy)->file()) : code;
+}
+
 Failure SqliteStore::open(const Loader &loader, uint64_t *next)
 {
 	std::lock_guard<std::mutex> hold(lock_);
-	int code = connect(SQLITE_OPEN_READWRITE);
-	// A journal that a crash left is rolled back here; where nothing can be written, what lies there is read.
-	bool read_only = code != SQLITE_OK || sqlite3_db_readonly(database_.get(), "main") == 1;
-	if (code != SQLITE_OK && (code & 0xff) != SQLITE_NOTADB && (code & 0xff) != SQLITE_CORRUPT)
-		code = connect(SQLITE_OPEN_READONLY);
+	std::unique_ptr<PrivateCopy> copy; // which goes behind the connection to it
+	bool read_only = false;
+	int code = connect_to_look(&copy, &read_only);
 	if (code != SQLITE_OK)
 		return failure(code, (code & 0xff) == SQLITE_NOTADB ? "not a repository" : "can't be opened");
 	// One look at the file: its locks are taken once. It ends with the connection.
