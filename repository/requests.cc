@@ -260,10 +260,12 @@ rpy_error_t add_node(Daemon *daemon, std::unique_ptr<Node> node, Parent parent_k
 		return RPY_ERROR_NONE;
 	};
 	update.apply = [&] {
-		if (added->is_group()) // while nothing can change it
+		if (added->is_group()) {                          // while nothing can change it
+			added->type = model.intern(*added->type); // which lived as long as the request until now
 			put_group(out, wire_group(added));
-		else
+		} else {
 			out->u64(added->id);
+		}
 		model.add(std::move(node));
 	};
 	return daemon->updates.run(&update);
@@ -307,10 +309,8 @@ rpy_error_t add_group(Daemon *daemon, Reader *in, Writer *out)
 	node->flags = flags;
 	node->name = name;
 	node->version = daemon->model.no_properties();
-	{
-		WriteLock hold(daemon->model.lock); // readers look at types while they hold it
-		node->type = daemon->model.intern(type);
-	}
+	const std::string its_type(type);
+	node->type = &its_type;
 	return add_node(daemon, std::move(node), parent_kind, id, out);
 }
 
@@ -623,7 +623,7 @@ rpy_error_t together(Daemon *daemon, Reader *in, Writer *out);
 
 struct Request {
 	Handler *handler;
-	bool changes;
+	bool for_operators; // whoever may change things; what takes the store for long isn't everybody's either
 };
 
 constexpr Request requests[] = {
@@ -645,8 +645,8 @@ constexpr Request requests[] = {
     {take_snapshot, true},
     {delete_snapshot, true},
     {revert_snapshot, true},
-    {verify, false},
-    {backup, false},
+    {verify, true},
+    {backup, true},
     {together, false},
 };
 static_assert(sizeof(requests) / sizeof(*requests) == static_cast<size_t>(Op::count_));
@@ -695,7 +695,7 @@ rpy_error_t carry_out(Daemon *daemon, std::string_view request, bool (*read)(), 
 	uint32_t op = in.u32();
 	if (!in.ok() || !speaks || op >= static_cast<uint32_t>(Op::count_))
 		return RPY_ERROR_INVALID_ARGUMENT;
-	if (!(requests[op].changes ? modify() : read()))
+	if (!(requests[op].for_operators ? modify() : read()))
 		return RPY_ERROR_PERMISSION_DENIED;
 	return requests[op].handler(daemon, &in, reply);
 }
