@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <exception>
 #include <fcntl.h>
+#include <new>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -143,7 +145,8 @@ void clean_process()
 		(void) sigaction(number, &standard, nullptr); // two can't be changed, and need not be
 	struct sigaction ignored = {};
 	ignored.sa_handler = SIG_IGN;
-	(void) sigaction(SIGPIPE, &ignored, nullptr);
+	for (int number : {SIGPIPE, SIGXFSZ}) // a write that is refused says so
+		(void) sigaction(number, &ignored, nullptr);
 	sigset_t ends;
 	(void) sigemptyset(&ends);
 	(void) sigaddset(&ends, SIGTERM);
@@ -265,30 +268,55 @@ void report(int fd, int error)
 	(void) close(fd);
 }
 
+// What serves: the locked file, what it holds, and the hatch.
+struct Service {
+	const std::string hatch_path, file;
+	Fd held;
+	Hold hold = Hold::ours;
+	std::unique_ptr<Daemon> daemon;
+	int hatch = -1;
+};
+
+Failure bring_up(Service *service)
+{
+	if (Failure failure =
+		hold_file({service->file, service->hatch_path, can_serve}, &service->held, &service->hold))
+		return failure;
+	if (service->hold == Hold::served_already)
+		return {};
+	service->daemon =
+	    std::make_unique<Daemon>(service->file, make_sqlite_store(service->file, service->held.get()));
+	if (Failure failure = service->daemon->load())
+		return failure;
+	return attach(service->daemon.get(), service->hatch_path, &service->hatch);
+}
+
+// What can't be had at the start, memory or a thread, is a failure like others.
+Failure try_to_bring_up(Service *service)
+{
+	try {
+		return bring_up(service);
+	} catch (const std::bad_alloc &) {
+		return {ENOMEM, "out of memory"}; // short enough to need none
+	} catch (const std::exception &bad) {
+		return {EIO, bad.what()};
+	}
+}
+
 // The serving process. Gives its exit status.
 int serve(const Options &options, int ready)
 {
-	std::string hatch_path = options.hatch, file = options.file;
-	Fd held;
-	Hold hold;
-	Failure failure = hold_file({file, hatch_path, can_serve}, &held, &hold);
-	if (!failure && hold == Hold::served_already) {
+	// It lives until the process ends: its threads are the hatch's, which hatch_revoke() waits for.
+	static Service service = {options.hatch, options.file, {}, Hold::ours, {}, -1};
+	Failure failure = try_to_bring_up(&service);
+	if (!failure && service.hold == Hold::served_already) {
 		report(ready, 0);
 		return 0;
 	}
-	int hatch = -1;
-	// The daemon lives until the process ends: its threads are the hatch's, which hatch_revoke() waits for.
-	static std::unique_ptr<Daemon> daemon;
-	if (!failure) {
-		daemon = std::make_unique<Daemon>(file, make_sqlite_store(file, held.get()));
-		failure = daemon->load();
-	}
-	if (!failure)
-		failure = attach(daemon.get(), hatch_path, &hatch);
 	if (failure) {
 		log_message(LOG_ERR, "%s", failure.text.c_str());
 		report(ready, exit_status(failure.error));
-		daemon.reset();
+		service.daemon.reset();
 		return exit_status(failure.error);
 	}
 	if (!options.foreground) {
@@ -304,8 +332,8 @@ int serve(const Options &options, int ready)
 	(void) sigaddset(&ends, SIGINT);
 	int number = 0;
 	(void) sigwait(&ends, &number);
-	(void) hatch_revoke(hatch); // returns when no handler runs: updates are done
-	daemon.reset();
+	(void) hatch_revoke(service.hatch); // returns when no handler runs: updates are done
+	service.daemon.reset();
 	return 0;
 }
 
@@ -324,7 +352,11 @@ int wait_for_start(pid_t child, int ready)
 		(void) fprintf(stderr, "cairn.configd: the start takes too long; given up\n");
 		(void) kill(child, SIGKILL);
 	}
-	(void) waitpid(child, nullptr, 0);
+	int ended = 0;
+	(void) waitpid(child, &ended, 0);
+	if (found == 1)
+		(void) fprintf(stderr, "cairn.configd: the serving process ended at the start%s%s\n",
+		    WIFSIGNALED(ended) ? ": " : "", WIFSIGNALED(ended) ? strsignal(WTERMSIG(ended)) : "");
 	return EIO;
 }
 

@@ -1,13 +1,19 @@
 // What the daemon makes of a file that others left to it.
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 
+#include "alloc_fault.h"
 #include "repository.h"
+#include "store.h"
+#include "syscall_fault.h"
+#include "test_paths.h"
 
 namespace {
 
@@ -87,6 +93,119 @@ TEST_F(ConfigdStore, AnUpdateCutShortIsTakenBackWhereNothingCanBeWritten)
 	ASSERT_EQ(daemon.start(), 0);
 	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
+}
+
+TEST_F(ConfigdStore, NothingOfTheFilesOwnRunsInTheDaemon)
+{
+	ASSERT_NO_FATAL_FAILURE(fill());
+	daemon.stop();
+	std::string said;
+	for (const char *addition : {"trigger t after insert on nodes begin delete from nodes where name = 'g7'; end",
+		 "view v as select 1", "index i on nodes(length(name))"}) {
+		const std::string words = addition;
+		ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "create " + words));
+		EXPECT_EQ(daemon.start("hatch", &said), EIO) << addition;
+		EXPECT_NE(said.find("not a repository"), said.npos) << said;
+		const std::string name = words.substr(0, words.find(' ', words.find(' ') + 1));
+		ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "drop " + name));
+	}
+	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "analyze; vacuum")); // as an operator may
+	EXPECT_EQ(daemon.start("hatch", &said), 0) << said;
+}
+
+TEST_F(ConfigdStore, AnOperatorSeesAndGetsTheFileThatIsServed)
+{
+	ASSERT_NO_FATAL_FAILURE(fill());
+	void *bytes = nullptr;
+	size_t size = 0;
+	const std::string aside = daemon.place.path("aside");
+	ASSERT_EQ(rename(daemon.file().c_str(), aside.c_str()), 0);
+	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "create table evil(x)"));
+	EXPECT_EQ(_rpy_backup(client.handle, &bytes, &size), -1);
+	ASSERT_EQ(rename(aside.c_str(), daemon.file().c_str()), 0);
+	ASSERT_EQ(_rpy_backup(client.handle, &bytes, &size), 0);
+	free(bytes);
+
+	ASSERT_EQ(truncate(daemon.file().c_str(), static_cast<off_t>(size) / 2), 0);
+	char *findings = nullptr;
+	ASSERT_EQ(_rpy_verify(client.handle, &findings), 0);
+	EXPECT_STRNE(findings, "");
+	free(findings);
+}
+
+TEST_F(ConfigdStore, WhatTakesTheStoreForLongIsForOperators)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "skipped: acting as other users needs root";
+	ASSERT_NO_FATAL_FAILURE(fill());
+	ASSERT_EQ(chmod(daemon.place.directory().c_str(), 0755), 0);
+	pid_t child = fork();
+	if (child == 0) {
+		if (setgroups(0, nullptr) != 0 || setresuid(1234, 1234, 1234) != 0)
+			_exit(255);
+		RepositoryClient other(daemon.hatch());
+		char *findings = nullptr;
+		void *bytes = nullptr;
+		size_t size = 0;
+		const bool reads = other.read("g7") == Contents{{"v", {"7"}}};
+		const bool verify_denied =
+		    _rpy_verify(other.handle, &findings) == -1 && rpy_error() == RPY_ERROR_PERMISSION_DENIED;
+		const bool backup_denied =
+		    _rpy_backup(other.handle, &bytes, &size) == -1 && rpy_error() == RPY_ERROR_PERMISSION_DENIED;
+		_exit((reads ? 1 : 0) + (verify_denied ? 2 : 0) + (backup_denied ? 4 : 0));
+	}
+	int status = 0;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+TEST_F(ConfigdStore, LimitsOfItsStarterAreErrorsAndNoEnd)
+{
+	SKIP_WITHOUT_ALLOC_FAULTS(); // sanitizers take far more of the address space
+	ASSERT_NO_FATAL_FAILURE(fill());
+	daemon.stop();
+	auto start = [&](const std::string &limit, std::string *said) {
+		return run_program({"/bin/sh", "-c",
+				       "ulimit " + limit + "; exec " TEST_BINARY_DIR "/repository/cairn.configd -d " +
+					   daemon.hatch() + " -r " + daemon.file()},
+		    {}, said);
+	};
+	std::string said;
+	ASSERT_EQ(start("-f 100", &said), 0) << said; // of 512 or 1024 bytes
+	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	auto values = [](size_t count) { return std::vector<std::string>(count, std::string(20000, 'x')); };
+	EXPECT_EQ(client.write("g7", {{"w", values(8)}}), -1);
+	EXPECT_EQ(rpy_error(), RPY_ERROR_NO_RESOURCES);
+	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
+	ASSERT_EQ(daemon.start(), 0);
+	daemon.stop();
+
+	ASSERT_EQ(daemon.start(), 0);
+	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	for (int i = 0; i < 20; i++)
+		ASSERT_EQ(client.write("g" + std::to_string(i), {{"w", values(100)}}), 1);
+	daemon.stop();
+	EXPECT_EQ(start("-v 40000", &said), ENOMEM) << said;
+	EXPECT_NE(said.find("memory"), said.npos) << said;
+}
+
+// SQLite syncs the directory when it makes a journal, and takes no notice if that fails.
+TEST_F(ConfigdStore, AFailingSyncOfTheDirectoryIsNoSuccess)
+{
+	const std::string file = daemon.file();
+	Fd held(open(file.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
+	auto store = repository::make_sqlite_store(file, held.get());
+	repository::Store::Loader loader = {
+	    [](uint64_t, std::string_view) {}, [](const repository::Row &) { return true; }};
+	uint64_t next = 0;
+	ASSERT_FALSE(store->open(loader, &next));
+	repository::Rows rows = {{repository::Row::What::put_node, 2, 1, 0, 0, "service", "", {}}};
+	ASSERT_EQ(unlink((file + "-journal").c_str()), 0);
+	FailNth fault(FailNth::Fsync, 1, EIO);
+	EXPECT_NE(store->commit(rows, 3), RPY_ERROR_NONE);
+	fault.stop();
+	EXPECT_TRUE(fault.fired());
+	EXPECT_EQ(store->commit(rows, 3), RPY_ERROR_NONE);
 }
 
 } // namespace
