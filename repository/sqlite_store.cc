@@ -210,6 +210,7 @@ private:
 	void close();
 	void close_when_idle();
 	bool path_is_ours() const;
+	bool takes_writes() const;
 	bool sync_directory() const;
 	Failure failure(int code, const char *what) const;
 	Failure check_format(bool *fresh);
@@ -430,6 +431,13 @@ bool SqliteStore::path_is_ours() const
 	       ours.st_ino == there.st_ino && there.st_size > 0;
 }
 
+// Whether the file and its journal may be written, as far as that can be seen. A connection that was opened for writing
+// doesn't show that the mount or the file was made read-only since, and fails half-way through.
+bool SqliteStore::takes_writes() const
+{
+	return access(path_.c_str(), W_OK) == 0 && (access(journal_.c_str(), W_OK) == 0 || errno == ENOENT);
+}
+
 // Makes the names of the file and of its journal durable. SQLite does so and doesn't look whether it worked.
 bool SqliteStore::sync_directory() const
 {
@@ -540,7 +548,7 @@ rpy_error_t SqliteStore::commit(const Rows &rows, uint64_t next)
 	bool opened = !database_;
 	if (opened)
 		code = connect(SQLITE_OPEN_READWRITE);
-	if (code == SQLITE_OK && sqlite3_db_readonly(database_.get(), "main") == 1)
+	if (code == SQLITE_OK && (sqlite3_db_readonly(database_.get(), "main") == 1 || !takes_writes()))
 		code = SQLITE_READONLY;
 	const bool has_journal = access(journal_.c_str(), F_OK) == 0;
 	if (code == SQLITE_OK)
@@ -550,6 +558,8 @@ rpy_error_t SqliteStore::commit(const Rows &rows, uint64_t next)
 	last_use_ = std::chrono::steady_clock::now();
 	if (code != SQLITE_OK) {
 		rpy_error_t error = error_of(database_.get(), code);
+		if (error == RPY_ERROR_INTERNAL && !takes_writes())
+			error = RPY_ERROR_BACKEND_READONLY;
 		log_message(LOG_WARNING, "%s: an update was refused: %s", path_.c_str(),
 		    database_ && sqlite3_errcode(database_.get()) != SQLITE_OK ? sqlite3_errmsg(database_.get())
 									       : sqlite3_errstr(code));

@@ -5,7 +5,9 @@
 #include <filesystem>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
 #include <sqlite3.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 
@@ -93,6 +95,34 @@ TEST_F(ConfigdStore, AnUpdateCutShortIsTakenBackWhereNothingCanBeWritten)
 	ASSERT_EQ(daemon.start(), 0);
 	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
+}
+
+// Its connection was opened for writing a moment ago.
+TEST_F(ConfigdStore, AFileMadeReadOnlyRightAfterAnUpdateIsSeenToBe)
+{
+	ASSERT_NO_FATAL_FAILURE(fill());
+	auto refuses = [this](const char *why) {
+		EXPECT_EQ(client.add("more"), RPY_ERROR_BACKEND_READONLY) << why;
+		EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}})) << why;
+		EXPECT_EQ(server_of(daemon.hatch()), daemon.pid()) << why;
+	};
+	const std::string place = daemon.directory();
+	if (mount(place.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) != 0)
+		GTEST_SKIP() << "skipped: mounting needs root";
+	EXPECT_EQ(mount("none", place.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+	refuses("a read-only mount");
+	EXPECT_EQ(umount2(place.c_str(), MNT_DETACH), 0);
+	EXPECT_EQ(client.add("a"), RPY_ERROR_NONE);
+
+	Fd file(open(daemon.file().c_str(), O_RDONLY | O_CLOEXEC));
+	int flags = 0;
+	if (ioctl(file.get(), FS_IOC_GETFLAGS, &flags) != 0)
+		return; // this file system has none
+	int immutable = flags | FS_IMMUTABLE_FL;
+	ASSERT_EQ(ioctl(file.get(), FS_IOC_SETFLAGS, &immutable), 0);
+	refuses("an immutable file");
+	ASSERT_EQ(ioctl(file.get(), FS_IOC_SETFLAGS, &flags), 0);
+	EXPECT_EQ(client.add("b"), RPY_ERROR_NONE);
 }
 
 TEST_F(ConfigdStore, NothingOfTheFilesOwnRunsInTheDaemon)
