@@ -181,17 +181,20 @@ std::string gives_no_way(const std::string &path, pid_t holder, const std::strin
 // What is at a hatch: no server; the daemon that holds the file, and answers or doesn't; a server of something else.
 enum class Server { none, ours, silent, other };
 
-// Takes from a daemon's status which file it has.
+// Takes from a daemon's status which file it has. One that refuses to say so answers, too.
 bool file_of(std::string_view reply, std::string_view *file)
 {
 	rpy::Reader in(reply);
-	const bool good = in.u32() == rpy::magic && in.u32() == RPY_ERROR_NONE;
+	if (in.u32() != rpy::magic)
+		return false;
+	if (in.u32() != RPY_ERROR_NONE)
+		return in.ok();
 	(void) in.bytes(sizeof(uint64_t) + 2 * sizeof(uint32_t));
 	*file = in.text();
-	return good && in.ok();
+	return in.ok();
 }
 
-// Whether the server of a hatch gives its status, and of which file.
+// Whether the server of a hatch answers, and which file it has.
 bool answers(int hatch, std::string *file)
 {
 	uint32_t request[] = {rpy::magic, static_cast<uint32_t>(rpy::Op::status)};
