@@ -315,8 +315,9 @@ int serve(const Options &options, int ready)
 	}
 	if (failure) {
 		log_message(LOG_ERR, "%s", failure.text.c_str());
+		service.daemon.reset(); // nobody finds the file in use who hears that it isn't served
+		service.held.reset();
 		report(ready, exit_status(failure.error));
-		service.daemon.reset();
 		return exit_status(failure.error);
 	}
 	if (!options.foreground) {
