@@ -14,9 +14,16 @@ namespace repository {
 
 enum class Hold { ours, served_already };
 
+struct Start {
+	const std::string &file;
+	const std::string &hatch;
+	// Whether the hatch can be served. Asked before a daemon of another one is told to end, which would else be for nothing.
+	Failure (*can_serve)(const std::string &hatch);
+};
+
 // Opens the file, making an empty one if there is none, and locks it. If a daemon of the same hatch holds it, waits until
 // that one answers: `served_already`.
-Failure hold_file(const std::string &file, const std::string &hatch, Fd *held, Hold *hold);
+Failure hold_file(const Start &start, Fd *held, Hold *hold);
 
 } // namespace repository
 

@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <exception>
 #include <fcntl.h>
+#include <new>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -21,6 +23,7 @@
 
 #include "access.h"
 #include "base/guards.h"
+#include "hatch/record.h"
 #include "holder.h"
 #include "log.h"
 #include "requests.h"
@@ -91,13 +94,20 @@ int read_options(int argc, char **argv, Options *options)
 	return 0;
 }
 
-// The daemon changes its working directory: paths are made absolute first.
-std::string absolute(const char *path)
+// The daemon changes its working directory: paths are made absolute first. 0, or an errno value.
+int make_absolute(const char *path, std::string *whole)
 {
-	if (path[0] == '/')
-		return path;
 	char here[PATH_MAX];
-	return getcwd(here, sizeof(here)) == nullptr ? path : std::string(here) + "/" + path;
+	whole->assign(path);
+	if (path[0] == '/')
+		return 0;
+	if (getcwd(here, sizeof(here)) == nullptr) // which was removed, or can't be reached
+		return errno;
+	// It begins with another character where the directory lies outside of the process's root.
+	if (here[0] != '/')
+		return ENOENT;
+	whole->assign(here).append("/").append(path);
+	return 0;
 }
 
 int exit_status(int error)
@@ -135,7 +145,8 @@ void clean_process()
 		(void) sigaction(number, &standard, nullptr); // two can't be changed, and need not be
 	struct sigaction ignored = {};
 	ignored.sa_handler = SIG_IGN;
-	(void) sigaction(SIGPIPE, &ignored, nullptr);
+	for (int number : {SIGPIPE, SIGXFSZ}) // a write that is refused says so
+		(void) sigaction(number, &ignored, nullptr);
 	sigset_t ends;
 	(void) sigemptyset(&ends);
 	(void) sigaddset(&ends, SIGTERM);
@@ -175,31 +186,78 @@ void handle(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
 	(void) hatch_return(data, reply_size, nullptr, 0);
 }
 
-Failure attach(Daemon *daemon, const std::string &path, int *hatch)
+// Tries again while a living server has the hatch's place: one that was just killed may hold its lock for a moment yet.
+template <typename Try>
+int while_busy(Try attempt)
 {
-	auto failure = [&path](int error, const char *what) {
-		return Failure{error, path + ": " + what + ": " + strerror(error)};
-	};
-	Fd file(open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW, 0644));
-	if (!file)
-		return failure(errno, "can't be made");
-	file.reset();
-	*hatch = hatch_create(handle, daemon, HATCH_REFUSE_DESC);
-	if (*hatch == -1 || hatch_setparam(*hatch, HATCH_PARAM_DATA_MIN, 2 * sizeof(uint32_t)) == -1)
-		return failure(errno, "no hatch can be made");
-	// A server that was just killed may hold its lock for a moment yet.
 	int error = EBUSY;
 	for (int tries = 0; tries < attach_tries && error == EBUSY; tries++) {
 		if (tries > 0)
 			(void) usleep(attach_pause_us);
-		if (fattach(*hatch, path.c_str()) == 0)
-			return {};
-		error = errno;
+		error = attempt();
 	}
-	Failure bad = failure(
-	    error, error == EBUSY ? "a living server, or a file of something else, is there" : "can't be attached");
+	return error;
+}
+
+Failure attach_failure(const std::string &path, int error)
+{
+	const char *what =
+	    error == EBUSY ? "a living server, or a file of something else, is there" : "can't be attached";
+	return {error, path + ": " + what + ": " + strerror(error)};
+}
+
+Failure open_hatch_file(const std::string &path, Fd *file)
+{
+	file->reset(open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW, 0644));
+	if (*file)
+		return {};
+	int error = errno;
+	return {error, path + ": can't be made: " + strerror(error)};
+}
+
+// Whether it can be attached there, as far as that can be seen without doing it. An errno value.
+int can_attach(const std::string &path)
+{
+	Fd file;
+	if (Failure failure = open_hatch_file(path, &file))
+		return failure.error;
+	struct stat there;
+	hatch::Id id;
+	if (fstat(file.get(), &there) == -1)
+		return errno;
+	if (!S_ISREG(there.st_mode))
+		return EINVAL;
+	if (hatch::read_record(file.get(), &id) ? hatch::record_is_locked(file.get()) : there.st_size != 0)
+		return EBUSY;
+	const std::string directory = path.substr(0, path.find_last_of('/') + 1);
+	return faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) == -1 ? errno : 0;
+}
+
+Failure can_serve(const std::string &path)
+{
+	Fd file;
+	if (Failure failure = open_hatch_file(path, &file))
+		return failure;
+	const int error = while_busy([&path] { return can_attach(path); });
+	return error == 0 ? Failure{} : attach_failure(path, error);
+}
+
+Failure attach(Daemon *daemon, const std::string &path, int *hatch)
+{
+	Fd file;
+	if (Failure failure = open_hatch_file(path, &file))
+		return failure;
+	file.reset();
+	*hatch = hatch_create(handle, daemon, HATCH_REFUSE_DESC);
+	if (*hatch == -1 || hatch_setparam(*hatch, HATCH_PARAM_DATA_MIN, 2 * sizeof(uint32_t)) == -1) {
+		int error = errno;
+		return {error, path + ": no hatch can be made: " + strerror(error)};
+	}
+	const int error = while_busy([&] { return fattach(*hatch, path.c_str()) == 0 ? 0 : errno; });
+	if (error == 0)
+		return {};
 	(void) hatch_revoke(*hatch);
-	return bad;
+	return attach_failure(path, error);
 }
 
 // Says to the first process what became of the start: an errno value.
@@ -210,30 +268,56 @@ void report(int fd, int error)
 	(void) close(fd);
 }
 
+// What serves: the locked file, what it holds, and the hatch.
+struct Service {
+	const std::string hatch_path, file;
+	Fd held;
+	Hold hold = Hold::ours;
+	std::unique_ptr<Daemon> daemon;
+	int hatch = -1;
+};
+
+Failure bring_up(Service *service)
+{
+	if (Failure failure =
+		hold_file({service->file, service->hatch_path, can_serve}, &service->held, &service->hold))
+		return failure;
+	if (service->hold == Hold::served_already)
+		return {};
+	service->daemon =
+	    std::make_unique<Daemon>(service->file, make_sqlite_store(service->file, service->held.get()));
+	if (Failure failure = service->daemon->load())
+		return failure;
+	return attach(service->daemon.get(), service->hatch_path, &service->hatch);
+}
+
+// What can't be had at the start, memory or a thread, is a failure like others.
+Failure try_to_bring_up(Service *service)
+{
+	try {
+		return bring_up(service);
+	} catch (const std::bad_alloc &) {
+		return {ENOMEM, "out of memory"}; // short enough to need none
+	} catch (const std::exception &bad) {
+		return {EIO, bad.what()};
+	}
+}
+
 // The serving process. Gives its exit status.
 int serve(const Options &options, int ready)
 {
-	std::string hatch_path = options.hatch, file = options.file;
-	Fd held;
-	Hold hold;
-	Failure failure = hold_file(file, hatch_path, &held, &hold);
-	if (!failure && hold == Hold::served_already) {
+	// It lives until the process ends: its threads are the hatch's, which hatch_revoke() waits for.
+	static Service service = {options.hatch, options.file, {}, Hold::ours, {}, -1};
+	Failure failure = try_to_bring_up(&service);
+	if (!failure && service.hold == Hold::served_already) {
 		report(ready, 0);
 		return 0;
 	}
-	int hatch = -1;
-	// The daemon lives until the process ends: its threads are the hatch's, which hatch_revoke() waits for.
-	static std::unique_ptr<Daemon> daemon;
-	if (!failure) {
-		daemon = std::make_unique<Daemon>(file, make_sqlite_store(file, held.get()));
-		failure = daemon->load();
-	}
-	if (!failure)
-		failure = attach(daemon.get(), hatch_path, &hatch);
 	if (failure) {
 		log_message(LOG_ERR, "%s", failure.text.c_str());
+		service.daemon.reset(); // nobody finds the file in use who hears that it isn't served
+		service.held.reset();
 		report(ready, exit_status(failure.error));
-		daemon.reset();
 		return exit_status(failure.error);
 	}
 	if (!options.foreground) {
@@ -249,8 +333,8 @@ int serve(const Options &options, int ready)
 	(void) sigaddset(&ends, SIGINT);
 	int number = 0;
 	(void) sigwait(&ends, &number);
-	(void) hatch_revoke(hatch); // returns when no handler runs: updates are done
-	daemon.reset();
+	(void) hatch_revoke(service.hatch); // returns when no handler runs: updates are done
+	service.daemon.reset();
 	return 0;
 }
 
@@ -269,7 +353,11 @@ int wait_for_start(pid_t child, int ready)
 		(void) fprintf(stderr, "cairn.configd: the start takes too long; given up\n");
 		(void) kill(child, SIGKILL);
 	}
-	(void) waitpid(child, nullptr, 0);
+	int ended = 0;
+	(void) waitpid(child, &ended, 0);
+	if (found == 1)
+		(void) fprintf(stderr, "cairn.configd: the serving process ended at the start%s%s\n",
+		    WIFSIGNALED(ended) ? ": " : "", WIFSIGNALED(ended) ? strsignal(WTERMSIG(ended)) : "");
 	return EIO;
 }
 
@@ -303,7 +391,13 @@ int main(int argc, char **argv)
 	Options options;
 	if (int status = read_options(argc, argv, &options))
 		return status == -1 ? 0 : status;
-	std::string hatch = absolute(options.hatch), file = absolute(options.file);
+	std::string hatch, file;
+	for (auto [path, whole] : {std::pair(options.hatch, &hatch), std::pair(options.file, &file)})
+		if (int error = make_absolute(path, whole)) {
+			(void) fprintf(stderr, "cairn.configd: %s: the working directory can't be told: %s\n", path,
+			    strerror(error));
+			return exit_status(error);
+		}
 	options.hatch = hatch.c_str();
 	options.file = file.c_str();
 	clean_process();

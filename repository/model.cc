@@ -1,6 +1,9 @@
 #include "model.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <sys/random.h>
+#include <system_error>
 
 namespace repository {
 namespace {
@@ -32,6 +35,16 @@ void take_by_id(std::vector<Node *> *list, const Node *node)
 	list->erase(place);
 }
 
+// Where the ids of what ends with the daemon begin: behind all that a store has, at a place of each daemon's own. So no
+// later daemon uses one again, though none of them is written down.
+uint64_t first_passing_id()
+{
+	uint64_t random = 0;
+	if (getrandom(&random, sizeof(random), 0) != static_cast<ssize_t>(sizeof(random)))
+		throw std::system_error(errno, std::generic_category(), "no random number");
+	return (uint64_t{1} << 63) | (random >> 2);
+}
+
 } // namespace
 
 bool same_without_case(std::string_view one, std::string_view other)
@@ -40,7 +53,7 @@ bool same_without_case(std::string_view one, std::string_view other)
 	    one.begin(), one.end(), other.begin(), other.end(), [](char a, char b) { return folded(a) == folded(b); });
 }
 
-Model::Model()
+Model::Model() : next_passing_(first_passing_id())
 {
 	Version none;
 	uint32_t count = 0;

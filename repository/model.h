@@ -64,8 +64,8 @@ public:
 	const std::vector<Node *> &services() const { return services_; }
 	uint64_t groups() const { return groups_; }
 
-	// The next free id. Updates take ids from here; a number that an update doesn't use is lost.
-	uint64_t take_id() { return next_++; }
+	// The next free id of what is kept, or of what ends with the daemon. A number that an update doesn't use is lost.
+	uint64_t take_id(bool stored) { return stored ? next_++ : next_passing_++; }
 	uint64_t next_id() const { return next_; }
 	void set_next_id(uint64_t next) { next_ = next; }
 
@@ -92,6 +92,7 @@ private:
 	std::set<std::string, std::less<>> types_;
 	std::shared_ptr<const Version> empty_;
 	uint64_t next_ = 2;
+	uint64_t next_passing_;
 	uint64_t groups_ = 0;
 };
 

@@ -39,7 +39,7 @@ std::unique_ptr<Node> new_node(Daemon *daemon, Parent kind, Node *parent, std::s
 {
 	auto node = std::make_unique<Node>();
 	node->kind = kind;
-	node->id = daemon->model.take_id();
+	node->id = daemon->model.take_id(node->stored());
 	node->parent = parent;
 	node->name = name;
 	return node;
@@ -254,16 +254,18 @@ rpy_error_t add_node(Daemon *daemon, std::unique_ptr<Node> node, Parent parent_k
 			return RPY_ERROR_CONSTRAINT_VIOLATED;
 		if (depth_of(added->parent) >= depth_max)
 			return RPY_ERROR_CONSTRAINT_VIOLATED;
-		added->id = model.take_id();
+		added->id = model.take_id(added->stored());
 		if (added->stored())
 			rows->push_back(node_row(*added));
 		return RPY_ERROR_NONE;
 	};
 	update.apply = [&] {
-		if (added->is_group()) // while nothing can change it
+		if (added->is_group()) {                          // while nothing can change it
+			added->type = model.intern(*added->type); // which lived as long as the request until now
 			put_group(out, wire_group(added));
-		else
+		} else {
 			out->u64(added->id);
+		}
 		model.add(std::move(node));
 	};
 	return daemon->updates.run(&update);
@@ -307,10 +309,8 @@ rpy_error_t add_group(Daemon *daemon, Reader *in, Writer *out)
 	node->flags = flags;
 	node->name = name;
 	node->version = daemon->model.no_properties();
-	{
-		WriteLock hold(daemon->model.lock); // readers look at types while they hold it
-		node->type = daemon->model.intern(type);
-	}
+	const std::string its_type(type);
+	node->type = &its_type;
 	return add_node(daemon, std::move(node), parent_kind, id, out);
 }
 
@@ -454,7 +454,7 @@ rpy_error_t commit(Daemon *daemon, Reader *in, Writer *out)
 			return RPY_ERROR_NONE;
 		if (rpy_error_t error = merge(old->properties, &entries, &version->properties); error != RPY_ERROR_NONE)
 			return error;
-		version->id = daemon->model.take_id();
+		version->id = daemon->model.take_id(group->stored());
 		if (group->stored()) {
 			rows->push_back({Row::What::put_version, version->id, 0, 0, 0, {}, {}, version->properties});
 			rows->push_back({Row::What::set_version, id, 0, 0, version->id});
@@ -623,7 +623,7 @@ rpy_error_t together(Daemon *daemon, Reader *in, Writer *out);
 
 struct Request {
 	Handler *handler;
-	bool changes;
+	bool for_operators; // whoever may change things; what takes the store for long isn't everybody's either
 };
 
 constexpr Request requests[] = {
@@ -645,8 +645,8 @@ constexpr Request requests[] = {
     {take_snapshot, true},
     {delete_snapshot, true},
     {revert_snapshot, true},
-    {verify, false},
-    {backup, false},
+    {verify, true},
+    {backup, true},
     {together, false},
 };
 static_assert(sizeof(requests) / sizeof(*requests) == static_cast<size_t>(Op::count_));
@@ -695,7 +695,7 @@ rpy_error_t carry_out(Daemon *daemon, std::string_view request, bool (*read)(), 
 	uint32_t op = in.u32();
 	if (!in.ok() || !speaks || op >= static_cast<uint32_t>(Op::count_))
 		return RPY_ERROR_INVALID_ARGUMENT;
-	if (!(requests[op].changes ? modify() : read()))
+	if (!(requests[op].for_operators ? modify() : read()))
 		return RPY_ERROR_PERMISSION_DENIED;
 	return requests[op].handler(daemon, &in, reply);
 }

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <fcntl.h>
+#include <filesystem>
 #include <mutex>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -24,6 +26,7 @@ using namespace std::chrono_literals;
 
 constexpr int application_id = 0x4341524e; // what a file of this kind says it is
 constexpr auto idle_time = 1s;
+constexpr const char *journal_end = "-journal";
 
 using Database = Handle<sqlite3, sqlite3_close_v2>;
 using Statement = Handle<sqlite3_stmt, sqlite3_finalize>;
@@ -36,6 +39,40 @@ create table versions(id integer primary key, properties blob not null);
 create table state(id integer primary key check (id = 1), commits integer not null, next integer not null);
 insert into state values(1, 0, 2);
 )";
+
+int run(sqlite3 *database, const char *text)
+{
+	return sqlite3_exec(database, text, nullptr, nullptr, nullptr);
+}
+
+std::string_view blob_of(sqlite3_stmt *statement, int column)
+{
+	const void *data = sqlite3_column_blob(statement, column);
+	return {static_cast<const char *>(data), static_cast<size_t>(sqlite3_column_bytes(statement, column))};
+}
+
+// What a database consists of: the statements that made it. SQLite's own tables aside, which an operator's `analyze` makes.
+int schema_of(sqlite3 *database, std::string *text)
+{
+	Statement rows;
+	int code = sqlite3_prepare_v2(database,
+	    "select ifnull(sql, type) from sqlite_schema where name not like 'sqlite^_%' escape '^' order by name", -1,
+	    rows.out(), nullptr);
+	while (code == SQLITE_OK && (code = sqlite3_step(rows.get())) == SQLITE_ROW) {
+		*text += std::string(blob_of(rows.get(), 0)) + ";";
+		code = SQLITE_OK;
+	}
+	return code == SQLITE_DONE ? SQLITE_OK : code;
+}
+
+int own_schema(std::string *text)
+{
+	Database made;
+	int code = sqlite3_open(":memory:", made.out());
+	if (code == SQLITE_OK)
+		code = run(made.get(), schema);
+	return code == SQLITE_OK ? schema_of(made.get(), text) : code;
+}
 
 constexpr const char *row_statements[] = {
     "insert into nodes values(?1, ?2, nullif(?3, 0), ?4, ?5, ?6)",
@@ -59,10 +96,9 @@ void bind_number(sqlite3_stmt *statement, int at, uint64_t number)
 		(void) sqlite3_bind_int64(statement, at, static_cast<int64_t>(number));
 }
 
-std::string_view blob_of(sqlite3_stmt *statement, int column)
+bool is_damage(int code)
 {
-	const void *data = sqlite3_column_blob(statement, column);
-	return {static_cast<const char *>(data), static_cast<size_t>(sqlite3_column_bytes(statement, column))};
+	return (code & 0xff) == SQLITE_CORRUPT || (code & 0xff) == SQLITE_NOTADB;
 }
 
 bool is_readonly_errno(int error)
@@ -70,11 +106,22 @@ bool is_readonly_errno(int error)
 	return error == EROFS || error == EACCES || error == EPERM;
 }
 
+// Whether a write was refused by a limit of the process or of its user. At a commit the file alone tells.
+bool is_beyond_limit(sqlite3 *database)
+{
+	int error = database == nullptr ? 0 : sqlite3_system_errno(database);
+	if (database != nullptr && error == 0)
+		(void) sqlite3_file_control(database, "main", SQLITE_FCNTL_LAST_ERRNO, &error);
+	return error == EFBIG || error == EDQUOT;
+}
+
 // What a failing update says to its client.
 rpy_error_t error_of(sqlite3 *database, int code)
 {
 	if (database != nullptr && is_readonly_errno(sqlite3_system_errno(database)) && (code & 0xff) != SQLITE_FULL)
 		return RPY_ERROR_BACKEND_READONLY;
+	if ((code & 0xff) == SQLITE_IOERR && is_beyond_limit(database))
+		return RPY_ERROR_NO_RESOURCES;
 	switch (code & 0xff) {
 	case SQLITE_READONLY:
 		return RPY_ERROR_BACKEND_READONLY;
@@ -90,14 +137,54 @@ rpy_error_t error_of(sqlite3 *database, int code)
 	}
 }
 
-int run(sqlite3 *database, const char *text)
-{
-	return sqlite3_exec(database, text, nullptr, nullptr, nullptr);
-}
+// A copy of a store, with the journal that a crash left beside it, in a private directory. What can't be rolled back where
+// nothing can be written is rolled back there.
+class PrivateCopy {
+public:
+	explicit PrivateCopy(const std::string &path)
+	{
+		const char *const places[] = {"/dev/shm", getenv("TMPDIR"), "/run", "/tmp"}; // in memory, if it can be
+		for (const char *place : places) {
+			std::string made = std::string(place == nullptr ? "/tmp" : place) + "/cairn.configd-XXXXXX";
+			if (mkdtemp(made.data()) == nullptr)
+				continue;
+			directory_ = made;
+			if (fill(path))
+				return;
+			remove();
+		}
+	}
+	PrivateCopy(const PrivateCopy &) = delete;
+	PrivateCopy &operator=(const PrivateCopy &) = delete;
+	~PrivateCopy() { remove(); }
+
+	explicit operator bool() const { return !directory_.empty(); }
+	std::string file() const { return directory_ + "/repository.db"; }
+
+private:
+	bool fill(const std::string &path) const
+	{
+		std::error_code bad;
+		return std::filesystem::copy_file(path, file(), bad) &&
+		       std::filesystem::copy_file(path + journal_end, file() + journal_end, bad) &&
+		       chmod(file().c_str(), 0600) == 0 && chmod((file() + journal_end).c_str(), 0600) == 0;
+	}
+	void remove()
+	{
+		std::error_code ignored;
+		if (!directory_.empty())
+			std::filesystem::remove_all(directory_, ignored);
+		directory_.clear();
+	}
+
+	std::string directory_;
+};
 
 class SqliteStore : public Store {
 public:
-	SqliteStore(std::string path, int file) : path_(std::move(path)), file_(file) {}
+	SqliteStore(const std::string &path, int file)
+	    : path_(path), journal_(path + journal_end), directory_(path, 0, path.find_last_of('/') + 1), file_(file)
+	{}
 	~SqliteStore() override
 	{
 		{
@@ -117,10 +204,14 @@ public:
 	bool copy(std::string *bytes) override;
 
 private:
-	int connect(int flags);
+	int connect(int flags) { return connect(flags, path_); }
+	int connect(int flags, const std::string &path);
+	int connect_to_look(std::unique_ptr<PrivateCopy> *copy, bool *read_only);
 	void close();
 	void close_when_idle();
 	bool path_is_ours() const;
+	bool takes_writes() const;
+	bool sync_directory() const;
 	Failure failure(int code, const char *what) const;
 	Failure check_format(bool *fresh);
 	Failure read(const Loader &loader, uint64_t *next);
@@ -129,7 +220,8 @@ private:
 	bool read_commits(int64_t *commits);
 	rpy_error_t settle(int code);
 
-	const std::string path_;
+	const std::string path_, journal_;
+	const std::string directory_; // with a slash at its end; empty for the current one
 	const int file_;
 	std::mutex lock_; // guards all that follows
 	Database database_;
@@ -144,10 +236,10 @@ private:
 
 // ---- Opening and checking ----
 
-int SqliteStore::connect(int flags)
+int SqliteStore::connect(int flags, const std::string &path)
 {
 	sqlite3 *opened = nullptr;
-	int code = sqlite3_open_v2(path_.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+	int code = sqlite3_open_v2(path.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, nullptr);
 	database_.reset(opened);
 	if (code != SQLITE_OK)
 		return code;
@@ -155,6 +247,8 @@ int SqliteStore::connect(int flags)
 	(void) sqlite3_busy_timeout(opened, 5000);
 	(void) sqlite3_db_config(opened, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
 	(void) sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+	(void) sqlite3_db_config(opened, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+	(void) sqlite3_db_config(opened, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
 	code = run(
 	    opened, "pragma mmap_size=0; pragma foreign_keys=on; pragma cell_size_check=on; pragma synchronous=extra");
 	if (code == SQLITE_OK && (flags & SQLITE_OPEN_READWRITE) != 0)
@@ -172,7 +266,9 @@ void SqliteStore::close()
 
 Failure SqliteStore::failure(int code, const char *what) const
 {
-	int error = code == SQLITE_NOMEM ? ENOMEM : (code & 0xff) == SQLITE_PERM ? EACCES : EIO;
+	int error = code == SQLITE_NOMEM || code == SQLITE_IOERR_NOMEM ? ENOMEM
+		    : (code & 0xff) == SQLITE_PERM                     ? EACCES
+								       : EIO;
 	if (database_ && (code & 0xff) == SQLITE_CANTOPEN && sqlite3_system_errno(database_.get()) == EACCES)
 		error = EACCES;
 	return {
@@ -207,10 +303,22 @@ Failure SqliteStore::check_format(bool *fresh)
 	if (format != static_cast<int>(store_format))
 		return {EIO, path_ + ": has format " + std::to_string(format) + ", and this daemon knows " +
 				 std::to_string(store_format) + " alone"};
+	std::string ours, theirs;
+	int code = own_schema(&ours);
+	if (code == SQLITE_OK)
+		code = schema_of(database_.get(), &theirs);
+	if (code != SQLITE_OK)
+		return failure(code, "can't be read");
+	if (ours != theirs) // a constraint or a trigger of somebody else's would run here
+		return {EIO, path_ + ": not a repository: its tables aren't this daemon's"};
 	Statement check;
-	int code = sqlite3_prepare_v2(database_.get(), "pragma quick_check(1)", -1, check.out(), nullptr);
-	if (code == SQLITE_OK && sqlite3_step(check.get()) == SQLITE_ROW && blob_of(check.get(), 0) == "ok")
+	code = sqlite3_prepare_v2(database_.get(), "pragma quick_check(1)", -1, check.out(), nullptr);
+	if (code == SQLITE_OK)
+		code = sqlite3_step(check.get());
+	if (code == SQLITE_ROW && blob_of(check.get(), 0) == "ok")
 		return {};
+	if (code != SQLITE_ROW && !is_damage(code))
+		return failure(code, "can't be checked");
 	return {EIO, path_ + ": is damaged: restore it from a backup"};
 }
 
@@ -253,14 +361,28 @@ Failure SqliteStore::read(const Loader &loader, uint64_t *next)
 	return {};
 }
 
+// Connects for reading what the store holds. A journal that a crash left is rolled back here: in the file, or, where
+// nothing can be written, in a copy.
+int SqliteStore::connect_to_look(std::unique_ptr<PrivateCopy> *copy, bool *read_only)
+{
+	int code = connect(SQLITE_OPEN_READWRITE);
+	*read_only = code != SQLITE_OK || sqlite3_db_readonly(database_.get(), "main") == 1;
+	if (code == SQLITE_OK || is_damage(code))
+		return code;
+	code = connect(SQLITE_OPEN_READONLY);
+	if (code != SQLITE_READONLY_ROLLBACK)
+		return code;
+	close();
+	*copy = std::make_unique<PrivateCopy>(path_);
+	return **copy ? connect(SQLITE_OPEN_READWRITE, (*copy)->file()) : code;
+}
+
 Failure SqliteStore::open(const Loader &loader, uint64_t *next)
 {
 	std::lock_guard<std::mutex> hold(lock_);
-	int code = connect(SQLITE_OPEN_READWRITE);
-	// A journal that a crash left is rolled back here; where nothing can be written, what lies there is read.
-	bool read_only = code != SQLITE_OK || sqlite3_db_readonly(database_.get(), "main") == 1;
-	if (code != SQLITE_OK && (code & 0xff) != SQLITE_NOTADB && (code & 0xff) != SQLITE_CORRUPT)
-		code = connect(SQLITE_OPEN_READONLY);
+	std::unique_ptr<PrivateCopy> copy; // which goes behind the connection to it
+	bool read_only = false;
+	int code = connect_to_look(&copy, &read_only);
 	if (code != SQLITE_OK)
 		return failure(code, (code & 0xff) == SQLITE_NOTADB ? "not a repository" : "can't be opened");
 	// One look at the file: its locks are taken once. It ends with the connection.
@@ -277,6 +399,8 @@ Failure SqliteStore::open(const Loader &loader, uint64_t *next)
 				   ";pragma user_version=" + std::to_string(store_format) + ";commit;begin";
 		if ((code = run(database_.get(), text.c_str())) != SQLITE_OK)
 			return failure(code, "can't be made");
+		if (!sync_directory())
+			return {EIO, directory_ + ": can't be synced: " + strerror(errno)};
 	}
 	Failure bad = read(loader, next);
 	close();
@@ -305,6 +429,21 @@ bool SqliteStore::path_is_ours() const
 	struct stat ours, there;
 	return fstat(file_, &ours) == 0 && lstat(path_.c_str(), &there) == 0 && ours.st_dev == there.st_dev &&
 	       ours.st_ino == there.st_ino && there.st_size > 0;
+}
+
+// Whether the file and its journal may be written, as far as that can be seen. A connection that was opened for writing
+// doesn't show that the mount or the file was made read-only since, and fails half-way through.
+bool SqliteStore::takes_writes() const
+{
+	return access(path_.c_str(), W_OK) == 0 && (access(journal_.c_str(), W_OK) == 0 || errno == ENOENT);
+}
+
+// Makes the names of the file and of its journal durable. SQLite does so and doesn't look whether it worked.
+bool SqliteStore::sync_directory() const
+{
+	Fd directory(::open(directory_.empty() ? "." : directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	// A file system that can't sync directories isn't an error.
+	return directory && (fsync(directory.get()) == 0 || errno == EINVAL || errno == ENOTSUP);
 }
 
 // ---- Committing ----
@@ -409,15 +548,21 @@ rpy_error_t SqliteStore::commit(const Rows &rows, uint64_t next)
 	bool opened = !database_;
 	if (opened)
 		code = connect(SQLITE_OPEN_READWRITE);
-	if (code == SQLITE_OK && sqlite3_db_readonly(database_.get(), "main") == 1)
+	if (code == SQLITE_OK && (sqlite3_db_readonly(database_.get(), "main") == 1 || !takes_writes()))
 		code = SQLITE_READONLY;
+	const bool has_journal = access(journal_.c_str(), F_OK) == 0;
 	if (code == SQLITE_OK)
 		code = write_rows(rows, next);
+	if (code == SQLITE_OK && !has_journal && !sync_directory())
+		code = SQLITE_IOERR_DIR_FSYNC;
 	last_use_ = std::chrono::steady_clock::now();
 	if (code != SQLITE_OK) {
 		rpy_error_t error = error_of(database_.get(), code);
+		if (error == RPY_ERROR_INTERNAL && !takes_writes())
+			error = RPY_ERROR_BACKEND_READONLY;
 		log_message(LOG_WARNING, "%s: an update was refused: %s", path_.c_str(),
-		    database_ ? sqlite3_errmsg(database_.get()) : sqlite3_errstr(code));
+		    database_ && sqlite3_errcode(database_.get()) != SQLITE_OK ? sqlite3_errmsg(database_.get())
+									       : sqlite3_errstr(code));
 		close(); // which takes back what the transaction wrote
 		return error;
 	}
@@ -444,9 +589,8 @@ rpy_error_t SqliteStore::commit(const Rows &rows, uint64_t next)
 
 bool SqliteStore::writable()
 {
-	std::string directory = path_.substr(0, path_.find_last_of('/') + 1);
 	return path_is_ours() && access(path_.c_str(), W_OK) == 0 &&
-	       access(directory.empty() ? "." : directory.c_str(), W_OK) == 0;
+	       access(directory_.empty() ? "." : directory_.c_str(), W_OK) == 0;
 }
 
 uint64_t SqliteStore::bytes()
@@ -462,9 +606,12 @@ bool SqliteStore::verify(std::string *findings)
 		*findings += "the file was removed, replaced or emptied\n";
 		return true;
 	}
-	if (!database_ && connect(SQLITE_OPEN_READONLY) != SQLITE_OK) {
+	int opened = database_ ? SQLITE_OK : connect(SQLITE_OPEN_READONLY);
+	if (opened != SQLITE_OK) {
 		close();
-		return false;
+		if (is_damage(opened))
+			*findings += std::string(sqlite3_errstr(opened)) + "\n";
+		return is_damage(opened);
 	}
 	for (const char *text : {"pragma integrity_check", "pragma foreign_key_check"}) {
 		Statement check;
@@ -486,18 +633,18 @@ bool SqliteStore::copy(std::string *bytes)
 {
 	std::lock_guard<std::mutex> hold(lock_);
 	close();
-	if (connect(SQLITE_OPEN_READONLY) != SQLITE_OK) {
-		close();
-		return false;
-	}
+	int64_t commits = 0;
 	sqlite3_int64 size = 0;
-	Handle<unsigned char, sqlite3_free> image(sqlite3_serialize(database_.get(), "main", &size, 0));
-	if (image)
-		bytes->assign(reinterpret_cast<const char *>(image.get()), static_cast<size_t>(size));
-	bool done = static_cast<bool>(image);
-	image.reset();
+	Handle<unsigned char, sqlite3_free> image;
+	// What was put at the path meanwhile, or in the file, is no copy of what is served.
+	if (path_is_ours() && connect(SQLITE_OPEN_READONLY) == SQLITE_OK && read_commits(&commits) &&
+	    commits == commits_)
+		image.reset(sqlite3_serialize(database_.get(), "main", &size, 0));
 	close();
-	return done;
+	if (!image || !path_is_ours())
+		return false;
+	bytes->assign(reinterpret_cast<const char *>(image.get()), static_cast<size_t>(size));
+	return true;
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 #define REPOSITORY_UPDATES_H
 
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <mutex>
 
@@ -24,6 +23,26 @@ struct Update {
 	bool nothing = false; // there is nothing to change
 	rpy_error_t error = RPY_ERROR_NONE;
 	bool done = false;
+	Update *next = nullptr; // in the list that it is in
+};
+
+// Updates in the order in which they came. It takes no memory: an allocation that fails would leave an update in it that
+// nobody carries out.
+class UpdateList {
+public:
+	UpdateList() = default;
+	UpdateList(const UpdateList &) = delete;
+	UpdateList &operator=(const UpdateList &) = delete;
+
+	Update *first() const { return first_; }
+	void push(Update *update);
+	// Takes out what `*at` leads to: first_, or the `next` of the one before.
+	Update *take(Update **at);
+	Update **begin() { return &first_; }
+
+private:
+	Update *first_ = nullptr;
+	Update **end_ = &first_;
 };
 
 class Updates {
@@ -34,14 +53,14 @@ public:
 	rpy_error_t run(Update *update);
 
 private:
-	std::vector<Update *> next_batch();
-	void carry_out(const std::vector<Update *> &batch);
+	void next_batch(UpdateList *batch);
+	void carry_out(const UpdateList &batch) noexcept;
 
 	Model *const model_;
 	Store *const store_;
 	std::mutex lock_;
 	std::condition_variable changed_;
-	std::deque<Update *> waiting_;
+	UpdateList waiting_;
 	bool leading_ = false;
 };
 

@@ -124,7 +124,7 @@ class Cairnctl(ToolTest):
         self.assertIn("- /eth0 mtu: count [9000]\n+ /eth0 mtu: count [1500,18446744073709551615]\n", changed.out.decode())
         self.good("snapshot", place, "take", "now")
         self.good("snapshot", place, "revert", "before")
-        self.assertEqual(self.good("--json", "show", place).json(), NOW[1:] + BEFORE)
+        self.assertEqual(self.good("--json", "show", place).json(), BEFORE + NOW[1:])
         self.assertEqual(self.good("--json", "show", place, "--snapshot", "now").json(), NOW[:1])
         self.good("snapshot", place, "take", "now")
         self.assertEqual(self.good("--json", "show", place, "--snapshot", "now").json(), BEFORE)

@@ -281,6 +281,41 @@ TEST(Configd, LosesNothingThatItAcknowledgedHoweverOftenItIsKilled)
 	}
 }
 
+// What ends with the daemon leaves nothing in the file, its ids neither.
+TEST(Configd, AnObjectOfATemporaryGroupNeverBecomesAnotherGroup)
+{
+	Repository daemon;
+	ASSERT_EQ(daemon.start(), 0);
+	RepositoryClient client(daemon.hatch());
+	Pg lease = client.group();
+	ASSERT_EQ(rpy_instance_add_pg(client.instance, "lease", "t", RPY_PG_FLAG_TEMPORARY, lease.get()), 0);
+	ASSERT_EQ(client.add("kept"), RPY_ERROR_NONE);
+	ASSERT_EQ(client.add("passing", "t", RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
+	ASSERT_EQ(client.add("kept too"), RPY_ERROR_NONE);
+	Iter iter(rpy_iter_create(client.handle));
+	ASSERT_EQ(rpy_iter_instance_pgs(iter.get(), client.instance), 0);
+	EXPECT_EQ(client.names(iter.get()), (std::vector<std::string>{"kept", "kept too", "lease", "passing"}));
+
+	Pg last = client.group();
+	ASSERT_EQ(rpy_instance_add_pg(client.instance, "last", "t", RPY_PG_FLAG_TEMPORARY, last.get()), 0);
+	for (int i = 0; i < 10; i++)
+		ASSERT_EQ(client.write("lease", {{"v", {std::to_string(i)}}}), 1);
+	daemon.stop();
+	ASSERT_EQ(daemon.start(), 0);
+	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	for (int i = 0; i < 20; i++)
+		ASSERT_EQ(
+		    client.add("g" + std::to_string(i), "t", i % 2 == 0 ? 0 : RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
+	for (rpy_propertygroup_t *old : {lease.get(), last.get()}) {
+		EXPECT_EQ(rpy_pg_update(old), -1);
+		EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
+		EXPECT_EQ(client.write(old, {{"v", {"1"}}}), -1);
+		EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
+		EXPECT_EQ(rpy_pg_delete(old), -1);
+		EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
+	}
+}
+
 TEST(Configd, ServesReadsFromAReadOnlyFileSystemAndWritesAgainWhenItCan)
 {
 	Repository daemon;

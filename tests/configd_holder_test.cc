@@ -1,0 +1,151 @@
+// Which daemon holds a file: second starts, take-overs, and starts that see little of the holder.
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+
+#include "repository.h"
+#include "test_paths.h"
+
+namespace {
+
+constexpr const char *program = TEST_BINARY_DIR "/repository/cairn.configd";
+
+int start(const std::string &hatch, const std::string &file, std::string *said = nullptr)
+{
+	return run_program({program, "-d", hatch, "-r", file}, {}, said);
+}
+
+// Starts a daemon from a process that changed itself first. -1 if that can't be.
+int start_after(const std::function<bool()> &change, const std::string &hatch, const std::string &file)
+{
+	pid_t child = fork();
+	if (child == 0) {
+		if (change())
+			execl(program, program, "-d", hatch.c_str(), "-r", file.c_str(), nullptr);
+		_exit(127);
+	}
+	int status = 0;
+	EXPECT_EQ(waitpid(child, &status, 0), child);
+	return WIFEXITED(status) && WEXITSTATUS(status) != 127 ? WEXITSTATUS(status) : -1;
+}
+
+// What the service manager leaves of root's powers.
+bool keep_few_powers()
+{
+	bool good = true;
+	for (int number = 0; prctl(PR_CAPBSET_READ, number) >= 0; number++)
+		if (number != CAP_DAC_OVERRIDE && number != CAP_FOWNER && number != CAP_CHOWN)
+			good = good && prctl(PR_CAPBSET_DROP, number) == 0;
+	return good && prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
+}
+
+bool hide_proc()
+{
+	return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+	       mount("none", "/proc", "tmpfs", 0, nullptr) == 0;
+}
+
+TEST(ConfigdHolder, AStartWithFewerPowersKnowsADaemonWithMore)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "skipped: giving powers up needs root";
+	Repository daemon;
+	ASSERT_EQ(daemon.start("hatch.libostrel.1"), 0);
+	const pid_t first = daemon.pid();
+	EXPECT_EQ(start_after(keep_few_powers, daemon.hatch("hatch.libostrel.1"), daemon.file()), 0);
+	EXPECT_EQ(server_of(daemon.hatch("hatch.libostrel.1")), first);
+	EXPECT_EQ(start_after(keep_few_powers, daemon.hatch(), daemon.file()), 0);
+	EXPECT_TRUE(is_gone(first));
+	EXPECT_NE(server_of(daemon.hatch()), 0);
+	ASSERT_EQ(daemon.start("other"), 0);
+}
+
+TEST(ConfigdHolder, ASecondStartNeedsNoProc)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "skipped: mounting needs root";
+	Repository daemon;
+	ASSERT_EQ(daemon.start(), 0);
+	EXPECT_EQ(start_after(hide_proc, daemon.hatch(), daemon.file()), 0);
+	EXPECT_EQ(server_of(daemon.hatch()), daemon.pid());
+}
+
+TEST(ConfigdHolder, AStartThatCantServeEndsNoDaemonThatDoes)
+{
+	Repository daemon, another;
+	ASSERT_EQ(daemon.start(), 0);
+	ASSERT_EQ(another.start(), 0);
+	std::string said;
+	EXPECT_EQ(start(daemon.place.path("no/hatch"), daemon.file(), &said), EIO);
+	EXPECT_NE(said.find("no/hatch"), said.npos) << said;
+	EXPECT_EQ(start(another.hatch(), daemon.file(), &said), EIO);
+	EXPECT_NE(said.find("living server"), said.npos) << said;
+	EXPECT_EQ(start(daemon.place.write("text", "x"), daemon.file(), &said), EIO);
+	EXPECT_NE(said.find("something else"), said.npos) << said;
+	EXPECT_EQ(start(daemon.place.directory(), daemon.file(), &said), EIO);
+	EXPECT_EQ(server_of(daemon.hatch()), daemon.pid());
+	EXPECT_EQ(server_of(another.hatch()), another.pid());
+	RepositoryClient client(daemon.hatch());
+	EXPECT_EQ(client.add("g"), RPY_ERROR_NONE);
+}
+
+// A new one may serve in a moment.
+TEST(ConfigdHolder, AnOldDaemonThatServesNotHereGivesWay)
+{
+	Repository daemon, relative;
+	ASSERT_EQ(daemon.start(), 0);
+	const std::string place = relative.place.directory();
+	ASSERT_EQ(
+	    run_program({"/bin/sh", "-c",
+		"mkdir " + place + "/in; cd " + place + "/in; exec " + program + " -d hatch -r ../repository.db"}),
+	    0);
+	const pid_t hidden = daemon.pid(), elsewhere = server_of(relative.hatch("in/hatch"));
+	ASSERT_NE(elsewhere, 0);
+	ASSERT_EQ(unlink(daemon.hatch().c_str()), 0);
+	sleep(11);
+	EXPECT_EQ(daemon.start(), 0);
+	EXPECT_TRUE(is_gone(hidden));
+	EXPECT_EQ(relative.start(), 0);
+	EXPECT_TRUE(is_gone(elsewhere));
+}
+
+TEST(ConfigdHolder, ASecondStartWaitsUntilTheFirstAnswers)
+{
+	Repository daemon;
+	ASSERT_EQ(daemon.start(), 0);
+	ASSERT_EQ(kill(daemon.pid(), SIGSTOP), 0);
+	std::atomic<int> status{-1};
+	std::thread second([&] { status = start(daemon.hatch(), daemon.file()); });
+	usleep(500000);
+	EXPECT_EQ(status, -1) << "it said so of a daemon that doesn't answer";
+	ASSERT_EQ(kill(daemon.pid(), SIGCONT), 0);
+	second.join();
+	EXPECT_EQ(status, 0);
+	EXPECT_EQ(server_of(daemon.hatch()), daemon.pid());
+}
+
+TEST(ConfigdHolder, ARelativePathNeedsAWorkingDirectory)
+{
+	Scratch place;
+	std::string said;
+	const std::string name = place.directory().substr(place.directory().rfind('/') + 1);
+	EXPECT_EQ(
+	    run_program({"/bin/sh", "-c",
+			    "mkdir " + place.path("gone") + "; cd " + place.path("gone") + "; rmdir " +
+				place.path("gone") + "; exec " + program + " -d " + name + ".hatch -r " + name + ".db"},
+		{}, &said),
+	    EIO);
+	EXPECT_NE(said.find("working directory"), said.npos) << said;
+	EXPECT_NE(access(("/" + name + ".db").c_str(), F_OK), 0);
+}
+
+} // namespace
