@@ -86,11 +86,16 @@ void await_update(Database &database, const Options &options, const std::functio
 		: fmt::format("the update is deferred: the store can't be written now; waiting up to {} s for it",
 		      longest_deferral.count()))
 		 .in(database.label()));
-	if (options.no_wait || !wait_for(landed))
-		throw Failure(
-		    Exit::deferred, "the update hasn't landed, or somebody else changed the same object meanwhile")
-		    .in(database.label())
-		    .next("the store's server goes on trying for a while, and logs how it ends");
+	if (!options.no_wait && wait_for(landed))
+		return;
+	database.give_up();
+	const bool is_served = database.back_end().served;
+	throw Failure(Exit::deferred,
+	    is_served ? "the update hasn't landed, or somebody else changed the same object meanwhile"
+		      : "the update hasn't landed, and is given up, or somebody else changed the same object meanwhile")
+	    .in(database.label())
+	    .next(is_served ? "the store's server goes on trying for a while, and logs how it ends"
+			    : "no server goes on trying: run the command again when the store can be written");
 }
 
 void await_object(Database &database, const Options &options, const Object &object)
