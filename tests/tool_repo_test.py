@@ -232,9 +232,9 @@ class Commands(RepositoryTest):
 
 @unittest.skipUnless(os.geteuid() == 0, "needs root")
 class Served(RepositoryTest):
-    def serve(self, *words):
+    def serve(self, *words, below=()):
         self.hatch = self.path("run/net")
-        server = subprocess.Popen([t.OSTREL, "serve", "--json", DB, self.hatch, *words], cwd=self.dir, env=self.env,
+        server = subprocess.Popen([*below, t.OSTREL, "serve", "--json", DB, self.hatch, *words], cwd=self.dir, env=self.env,
                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(self.end, server)
         self.assertTrue(server.stdout.readline())
@@ -304,7 +304,10 @@ class Served(RepositoryTest):
         self.assertEqual(server.wait(30), 0)
         said = server.stderr.read().decode()
         self.assertIn("1 updates are deferred", said)
-        self.assertIn("1 have ended, 0 were given up", said)
+        self.assertIn("1 have landed, 0 were refused or given up and 0 are left behind", said)
+        self.assertIn("update of object-pgname=g; has landed", said)
+        self.assertEqual(json.loads(server.stdout.read()), {"deferred": 1, "left_behind": 0, "updates": [
+            {"object": "object-pgname=g;", "operation": "update", "outcome": "landed"}]})
         self.assertEqual(self.text("get", DB, "object-pgname=g", "-p", "p"), "new\n")
 
         server = self.serve()
@@ -314,7 +317,40 @@ class Served(RepositoryTest):
             server.send_signal(signal.SIGTERM)
             time.sleep(0.5)
         self.assertEqual(server.wait(30), 7)
-        self.assertIn("1 are left behind", server.stderr.read().decode())
+        said = server.stderr.read().decode()
+        self.assertIn("update of object-pgname=g; is left behind", said)
+        self.assertIn("1 are left behind", said)
+
+    def test_each_deferred_update_is_told_of_by_name(self):
+        self.start_on_mounted_store()
+        self.put("goes", "t", "p=1")
+        server = self.serve()
+        self.set_readonly("ro")
+        hatch = "hatch:" + self.hatch
+        self.tool("put", hatch, "object-pgname=g", "--no-wait", "--", "p=new", code=7)
+        for _ in range(2):  # the second one will find nothing to remove
+            self.tool("remove", hatch, "object-pgname=goes", "--no-wait", code=7)
+        server.send_signal(signal.SIGTERM)
+        time.sleep(0.5)
+        self.set_readonly("rw")
+        self.assertEqual(server.wait(30), 7)
+        outcomes = sorted((u["object"], u["operation"], u["outcome"]) for u in json.loads(server.stdout.read())["updates"])
+        self.assertEqual(outcomes, [("object-pgname=g;", "update", "landed"), ("object-pgname=goes;", "remove", "landed"),
+                                    ("object-pgname=goes;", "remove", "refused")])
+        self.assertIn("2 have landed, 1 were refused or given up", server.stderr.read().decode())
+
+    # Who may not write records learns no names from them.
+    def test_a_server_without_the_privilege_of_audit_counts_deferred_updates(self):
+        self.start_on_mounted_store()
+        server = self.serve(below=("setpriv", "--bounding-set", "-audit_write", "--inh-caps", "-audit_write"))
+        self.set_readonly("ro")
+        self.tool("put", "hatch:" + self.hatch, "object-pgname=g", "--no-wait", "--", "p=new", code=7)
+        server.send_signal(signal.SIGTERM)
+        time.sleep(0.5)
+        self.set_readonly("rw")
+        self.assertEqual(server.wait(30), 0)
+        self.assertEqual(json.loads(server.stdout.read()), {"deferred": 1, "left_behind": 0, "updates": []})
+        self.assertIn("1 have ended, 0 were refused or given up", server.stderr.read().decode())
 
     # Nobody goes on with an update of this process's own when it has ended.
     def test_an_own_update_that_is_deferred_is_waited_for_or_given_up(self):

@@ -15,11 +15,11 @@
 
 #include <fmt/format.h>
 
-#include "deferred.h"
 #include "failure.h"
 #include "hatch.h"
 #include "scratch.h"
 #include "text.h"
+#include "update_threads.h"
 
 namespace {
 

@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include <fmt/format.h>
@@ -35,33 +33,7 @@ bool wait_for(const std::function<bool()> &landed)
 	return false;
 }
 
-size_t update_threads()
-{
-	size_t count = 0;
-	std::error_code failed;
-	for (auto task = std::filesystem::directory_iterator("/proc/self/task", failed);
-	     !failed && task != std::filesystem::directory_iterator(); task.increment(failed)) {
-		std::string name;
-		std::ifstream comm(task->path() / "comm");
-		count += std::getline(comm, name) && name == "ostrel_update" ? 1 : 0;
-	}
-	return count;
-}
-
 } // namespace
-
-// One listing may pass over threads while others end, as those of a hatch do that is revoked: none counts only if it is
-// said again.
-size_t own_deferred_updates()
-{
-	constexpr int listings = 5;
-	size_t count = update_threads();
-	for (int i = 1; i < listings && count == 0; i++) {
-		std::this_thread::sleep_for(std::chrono::milliseconds(5));
-		count = update_threads();
-	}
-	return count;
-}
 
 bool is_stored_form(const Object &written, const Object &stored)
 {
