@@ -224,10 +224,12 @@ class Commands(RepositoryTest):
             self.assertEqual((counts["added"], counts["refused"]), (2, 3))
         self.assertEqual(self.names(), ["q", "q/r"])
         self.tool("remove", DB, "--all", "--yes")
-        other = [good[0], {"object-pgname": "q", "object-pgtype": "t"}]
-        self.tool("import", DB, stdin=document(*other))
-        self.assertIn(b"keeps its types", self.tool("import", DB, stdin=document(
-            {"object-pgname": "q", "object-pgtype": "w"})).err)
+        self.tool("import", DB, stdin=document(good[0], {"object-pgname": "q", "object-pgtype": "w"}))
+        self.assertEqual(self.text("walk", DB), "object-pgname=q\tobject-pgtype=w\tp=x\n"
+                                                "object-pgname=q/r\tobject-pgtype=w/u\tp=x\n")
+        self.assertIn(b"keeps its types", self.tool("import", DB, stdin=document(good[1])).err)
+        cut = {"object-pgname": "a/b", "object-pgtype": "t" * 200 + "/" + "u" * 54}
+        self.assertIn(b"may have been cut", self.tool("import", DB, stdin=document(cut)).err)
 
 
 @unittest.skipUnless(os.geteuid() == 0, "needs root")
@@ -265,7 +267,7 @@ class Served(RepositoryTest):
         self.addCleanup(shutil.rmtree, tree, ignore_errors=True)
         os.chmod(tree, 0o755)
         subprocess.run(["cmake", "--install", t.BUILD, "--prefix", tree], check=True, stdout=subprocess.DEVNULL)
-        self.write("etc/meridon/rights", "daemon: ostrel.read, ostrel.write\n")
+        self.write("etc/meridon/rights", "daemon: ostrel.read, ostrel.write\nbin: ostrel.write\n")
         server = self.serve()
         tool = os.path.join(tree, "bin", "ostrel")
 
@@ -277,6 +279,9 @@ class Served(RepositoryTest):
         done = as_user("daemon", "put", hatch, "object-pgname=eth0", "object-pgtype=link", "--", "mtu:uint32=1500")
         self.assertEqual((done.returncode, done.stderr), (0, b""))
         self.assertEqual(as_user("nobody", "walk", hatch).returncode, 3)
+        refused = as_user("bin", "remove", hatch, "--all", "--yes")
+        self.assertEqual(refused.returncode, 6)
+        self.assertIn(b"right to read", refused.stderr)
         self.assertEqual(as_user("daemon", "get", hatch, "object-pgname=eth0", "-p", "mtu").stdout, b"1500\n")
         self.assertIn(b"eth0", as_user("daemon", "walk", hatch).stdout)
         self.assertEqual(as_user("daemon", "walk", hatch, "object-pgname=none").returncode, 0)
@@ -289,6 +294,8 @@ class Served(RepositoryTest):
         self.assertEqual(self.names(), [])
         self.put("eth0", "link", "mtu:uint32=1500")
         self.assertEqual(self.text("get", DB, "object-pgname=eth0", "-p", "mtu"), "1500\n")
+        self.end(self.daemon)
+        self.assertIn(b"for a repository at its daemon", as_user("daemon", "walk", hatch).stderr)
         self.assertEqual(self.end(server), 0)
 
     def test_a_server_that_ends_waits_for_what_is_deferred(self):
@@ -356,6 +363,7 @@ class Served(RepositoryTest):
     def test_an_own_update_that_is_deferred_is_waited_for_or_given_up(self):
         self.start_on_mounted_store()
         self.set_readonly("ro")
+        self.env["MALLOC_PERTURB_"] = "165"  # what is used after it was freed shows
         for _ in range(20):
             result = self.run_tool("put", "--json", "--no-wait", DB, "object-pgname=g", "--", "p=lost")
             self.assertEqual(result.code, 7)

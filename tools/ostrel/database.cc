@@ -668,6 +668,10 @@ void Database::destroy()
 {
 	if (!holds_groups()) {
 		ostrel_error_t result = ostrel_db_remove(db_, nullptr, 0);
+		if (result == OSTREL_INVALID_ARG && back_->served && !readable())
+			throw Failure(Exit::invalid, "the server refuses to remove everything at once")
+			    .in(label_)
+			    .next("a repository is emptied group by group, which needs the right to read, too");
 		if (result != OSTREL_SUCCESS)
 			fail(result, "can't be removed");
 		return;

@@ -15,40 +15,59 @@
 namespace {
 
 constexpr char update_thread_name[] = "ostrel_update";
+constexpr char refresh_thread_name[] = "ostrel_refresh"; // the library's, for the snapshots of a repository
 
-std::vector<pid_t> list_update_threads()
+std::string name_of(pid_t thread)
 {
-	std::vector<pid_t> threads;
-	std::error_code failed;
-	for (auto task = std::filesystem::directory_iterator("/proc/self/task", failed);
-	     !failed && task != std::filesystem::directory_iterator(); task.increment(failed)) {
-		const auto thread = static_cast<pid_t>(std::stol(task->path().filename().string()));
-		if (is_update_thread(thread))
-			threads.push_back(thread);
-	}
-	return threads;
+	std::string name;
+	std::ifstream comm(fmt::format("/proc/self/task/{}/comm", thread));
+	(void) std::getline(comm, name); // empty for one that has ended
+	return name;
 }
+
+// The threads of this process, as one listing shows them. Until a new one has named itself, it bears its maker's name.
+struct Listing {
+	std::vector<pid_t> updates;
+	bool has_unknown = false; // one that may be the thread of an update, or ends
+
+	Listing()
+	{
+		std::error_code failed;
+		for (auto task = std::filesystem::directory_iterator("/proc/self/task", failed);
+		     !failed && task != std::filesystem::directory_iterator(); task.increment(failed))
+			add(static_cast<pid_t>(std::stol(task->path().filename().string())));
+	}
+
+private:
+	void add(pid_t thread)
+	{
+		const std::string name = name_of(thread);
+		if (name == update_thread_name)
+			updates.push_back(thread);
+		else if (thread != getpid() && name != refresh_thread_name)
+			has_unknown = true;
+	}
+};
 
 } // namespace
 
 bool is_update_thread(pid_t thread)
 {
-	std::string name;
-	std::ifstream comm(fmt::format("/proc/self/task/{}/comm", thread));
-	return std::getline(comm, name) && name == update_thread_name;
+	return name_of(thread) == update_thread_name;
 }
 
-// One listing may pass over threads while others end, as those of a hatch do that is revoked: none counts only if it is
-// said again.
+// A listing may also pass over threads while others end, as those of a hatch do that is revoked. So it counts once nothing
+// unknown is there, and none counts only if it is said again.
 std::vector<pid_t> update_threads()
 {
-	constexpr int listings = 5;
-	std::vector<pid_t> threads = list_update_threads();
-	for (int i = 1; i < listings && threads.empty(); i++) {
-		std::this_thread::sleep_for(std::chrono::milliseconds(5));
-		threads = list_update_threads();
+	constexpr int listings = 100;
+	constexpr std::chrono::milliseconds pause(5);
+	Listing now;
+	for (int i = 1; i < listings && now.has_unknown; i++) {
+		std::this_thread::sleep_for(pause);
+		now = Listing();
 	}
-	return threads;
+	return now.updates.empty() ? Listing().updates : now.updates;
 }
 
 std::optional<UpdateWatch::Attempt> UpdateWatch::last(pid_t thread)
