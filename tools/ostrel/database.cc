@@ -294,8 +294,8 @@ ostrel_error_t Database::walk_levels(const Identifiers &id, bool exact, const Vi
 	return OSTREL_SUCCESS;
 }
 
-// A walk of groups goes by their name, or else by their types. The other one is looked at here, and so is what isn't given:
-// an empty value stands for any, and an identifier of another name has no group.
+// A walk of groups goes by their name, or else by their types. With a name, the types are looked at here. An empty value
+// stands for any, and an identifier of another name has no group.
 ostrel_error_t Database::walk_groups(const Identifiers &id, bool exact, const Visit &visit)
 {
 	Identifiers wanted;
@@ -307,7 +307,8 @@ ostrel_error_t Database::walk_groups(const Identifiers &id, bool exact, const Vi
 	}
 	if (!names_groups(wanted))
 		return walk_levels(wanted, exact, visit);
-	const std::string *pattern = find_identifier(wanted, group_type_key);
+	const bool by_name = find_identifier(wanted, group_name_key) != nullptr;
+	const std::string *pattern = by_name ? find_identifier(wanted, group_type_key) : nullptr;
 	ostrel_error_t result = walk_once(wanted, exact, [&](Object &&object) {
 		const std::string *types = find_identifier(object.id, group_type_key);
 		if (pattern == nullptr || types == nullptr || fits_types(*types, *pattern))
