@@ -206,6 +206,9 @@ class Commands(RepositoryTest):
         self.assertEqual((self.names(), self.names(service)), (["a", "s"], []))
         self.tool("remove", DB, "object-pgname=s")
         self.error(6, "walk", "file.db", service)
+        for words in (("walk", DB), ("put", DB, "object-pgname=s", "object-pgtype=t")):
+            error = self.error(6, *words, "object-db-name=net/other", *(("--", "p=1") if words[0] == "put" else ()))
+            self.assertIn("neither the service", error["message"])
         document = self.text("export", DB).replace('"object-pgname"', '"object-db-name":"net/link","object-pgname"')
         self.assertIn("another database", self.error(6, "import", DB, stdin=document.encode())["message"])
 

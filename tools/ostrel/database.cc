@@ -363,18 +363,37 @@ void Database::walk(const Identifiers &id, bool exact, const Visit &visit)
 
 void Database::fail_walk(ostrel_error_t result, const Identifiers &id)
 {
-	if (is_unreadable(result))
+	if (is_unreadable(result, id))
 		explain_unread(id);
 	fail(result, "can't be read");
 }
 
-// Whether a read that failed so met a group that can't be read, in a store that answers.
-bool Database::is_unreadable(ostrel_error_t result)
+namespace {
+
+// The identifiers that choose the level alone.
+Identifiers level_of(const Identifiers &id)
+{
+	const std::string *level = find_identifier(id, level_key);
+	return level == nullptr ? Identifiers() : Identifiers{{level_key, *level}};
+}
+
+} // namespace
+
+// Whether a read that failed so met a group that can't be read, in a store that answers: no group has this type. Throws
+// Failure for a level that isn't there.
+bool Database::is_unreadable(ostrel_error_t result, const Identifiers &id)
 {
 	if ((result != OSTREL_INVALID_ARG && result != OSTREL_FAILURE) || !holds_groups())
 		return false;
-	const Identifiers nothing = {{group_type_key, "\x01"}};
-	return result == OSTREL_INVALID_ARG || walk_once(nothing, false, [](Object &&) {}) == OSTREL_SUCCESS;
+	Identifiers nothing = level_of(id);
+	nothing.emplace_back(group_type_key, "\x01");
+	const ostrel_error_t answer = walk_once(nothing, false, [](Object &&) {});
+	if (answer == OSTREL_INVALID_ARG)
+		throw Failure(Exit::invalid,
+		    fmt::format("{} is neither the service of this instance nor an instance of this service",
+			id_text(level_of(id))))
+		    .in(label_);
+	return answer == OSTREL_SUCCESS;
 }
 
 Failure Database::unreadable(const Identifiers &id) const
@@ -396,9 +415,8 @@ void Database::explain_unread(const Identifiers &id)
 	if (named)
 		throw unreadable(id);
 	for (const std::string &name : group_names(id).value_or(std::vector<std::string>())) {
-		Identifiers one = {{group_name_key, name}};
-		if (const std::string *level = find_identifier(id, level_key))
-			one.emplace_back(level_key, *level);
+		Identifiers one = level_of(id);
+		one.emplace_back(group_name_key, name);
 		if (look(one).there && !look(one).object)
 			throw unreadable(one);
 	}
@@ -459,7 +477,7 @@ std::optional<Object> Database::find(const Identifiers &id)
 	ostrel_error_t result = read(id, &object);
 	if (result == OSTREL_SUCCESS || result == OSTREL_NOT_FOUND)
 		return object;
-	if (is_unreadable(result)) {
+	if (is_unreadable(result, id)) {
 		if (std::optional<Failure> bad = why_bad_path(id))
 			throw bad->in(label_);
 		throw unreadable(id);
@@ -485,7 +503,7 @@ Look Database::look(const Identifiers &id)
 		throw bad->in(label_);
 	ostrel_error_t result = read(id, &found.object);
 	found.there = result != OSTREL_NOT_FOUND;
-	if (found.there && !found.object && !is_unreadable(result))
+	if (found.there && !found.object && !is_unreadable(result, id))
 		fail(result, fmt::format("{} can't be read", id_text(id)));
 	return found;
 }
@@ -622,7 +640,7 @@ void Database::check_group_rename(const Identifiers &from, const Identifiers &to
 		for (const std::string &name : *names)
 			all.push_back({{group_name_key, name}});
 	} else {
-		for (Object &object : objects())
+		for (Object &object : objects(level_of(from)))
 			all.push_back(std::move(object.id));
 	}
 	if (std::any_of(all.begin(), all.end(), [&](const Identifiers &id) { return is_below(id, from); }))

@@ -91,7 +91,7 @@ private:
 	void require_selection() const;
 	List list(const Identifiers &id) const;
 	bool is_group(const Identifiers &id) { return back_->repository || (names_groups(id) && holds_groups()); }
-	bool is_unreadable(ostrel_error_t result);
+	bool is_unreadable(ostrel_error_t result, const Identifiers &id);
 	Failure unreadable(const Identifiers &id) const;
 	std::optional<std::vector<std::string>> group_names(const Identifiers &id = {}) const;
 	ostrel_error_t read(const Identifiers &id, std::optional<Object> *object);
