@@ -117,16 +117,141 @@ class Commands(RepositoryTest):
         self.start_daemon()
         self.assertEqual(self.names(), ["a", "a/b"])
 
+    # What a repository would keep, or refuse, is known before: a trial fails as the update does, which changes nothing.
+    def test_an_update_that_would_be_refused_or_unreadable_fails_in_a_trial_too(self):
+        self.put("a/b", "t/u", "p=x", "up:boolean=true")
+        before = self.text("export", DB)
+        many = "p:int32=" + ",".join(map(str, range(129)))
+        for words, said in (
+                (("put", DB, "object-pgname=big", "object-pgtype=t", "--", many), "129 values"),
+                (("set", DB, "object-pgname=a/b", "--", "tags=a,,b"), "empty value among several"),
+                (("set", DB, "object-pgname=a/b", "--", "up:string=x"), "another kind"),
+                (("put", DB, "object-pgname=A/B", "--", "p:boolean=true"), "another kind"),
+                (("put", DB, "object-pgname=a/b", "--", "n" * 256 + "=1"), "name of a property"),
+                (("put", DB, "object-pgname=new", "--", "p=1"), "type for each level"),
+                (("put", DB, "object-pgname=a//c", "object-pgtype=t/t/t", "--", "p=1"), "empty names"),
+                (("put", DB, "object-pgname=new", "object-pgtype=t*", "--", "p=1"), "'*'"),
+                (("put", DB, "object-db-enclave=77", "object-pgname=a/b", "--", "p=1"), "isn't an identifier"),
+                (("rename", DB, "object-pgname=a", "--", "object-pgname=z", "object-pgtype=t"), "holds groups"),
+                (("rename", DB, "object-pgname=a/b", "--", "object-pgname=a/b/c", "object-pgtype=t/u/v"), "below itself"),
+                (("rename", DB, "object-pgname=a/b", "--", "object-pgname=z"), "type for each level")):
+            for trial in ((), ("-n",)):
+                self.assertIn(said, self.error(6, words[0], *trial, *words[1:])["message"], words)
+        self.assertEqual(self.text("export", DB), before)
+        self.tool("set", DB, "object-pgname=a/b", "--", "tags=")
+        self.tool("set", DB, "object-pgname=a/b", "--", many.rsplit(",", 1)[0].replace("p:", "n:"))
+
+    # Somebody else's values can be more than this tool reads.
+    def test_a_group_that_cant_be_read_is_named_replaced_and_removed(self):
+        def cairnctl(*words, **more):
+            return subprocess.run([CAIRNCTL, *words], env=self.env, check=True, stdout=subprocess.PIPE, **more).stdout
+
+        def spoil(name, values):
+            document = json.loads(cairnctl("export", "net/link"))
+            for group in document["services"][0]["instances"][0]["groups"]:
+                if group["name"] == name:
+                    group["properties"][0]["values"] = values
+            cairnctl("delete", "--recursive", "net/link")
+            cairnctl("import", "-", input=json.dumps(document).encode())
+        self.put("a", "t", "p=1")
+        for values in (["v"] * 129, ["a", "", "b"]):
+            self.put("bad", "t", "p=1")
+            spoil("bad", values)
+            for words in (("walk", DB), ("export", DB), ("get", DB, "object-pgname=bad"),
+                          ("set", DB, "object-pgname=bad", "--", "q=1")):
+                error = self.error(6, *words)
+                self.assertIn("object-pgname=bad can't be read", error["message"], words)
+                self.assertIn("ostrel put", error["hint"])
+            self.error(5, "put", DB, "object-pgname=bad", "--new", "--", "p=1")
+            self.tool("put", DB, "object-pgname=bad", "--", "p=3")
+            self.assertEqual(self.names(), ["a", "bad"])
+            spoil("bad", values)
+            self.tool("remove", DB, "object-pgname=bad")
+            self.assertEqual(self.names(), ["a"])
+            self.put("bad", "t", "p=1")
+            spoil("bad", values)
+            self.assertEqual(self.tool("remove", "--json", DB, "--all", "--yes").json()["objects"], 2)
+            self.assertEqual(self.names(), [])
+            self.put("a", "t", "p=1")
+
+    def test_groups_that_differ_in_case_alone_are_updated_one_by_one(self):
+        for name in ("Foo", "FOO", "Bar", "BAR"):
+            self.tool("put", "--case", DB, "object-pgname=" + name, "object-pgtype=t", "--", "p=" + name)
+        begun = time.monotonic()
+        self.tool("rename", DB, "object-pgname=Foo", "--", "object-pgname=new", "object-pgtype=zz")
+        self.tool("remove", DB, "object-pgname=Bar")
+        self.assertLess(time.monotonic() - begun, 20)
+        self.assertEqual(sorted(self.names()), ["BAR", "FOO", "new"])
+        self.assertEqual(self.text("get", DB, "object-pgname=bar", "-p", "p"), "BAR\n")
+
+    def test_a_walk_selects_by_what_groups_have(self):
+        self.put("a", "t", "p=1")
+        self.put("a/b", "t/u", "p=1")
+        for words, names in (((), ["a", "a/b"]), (("foo=bar",), []), (("foo=",), []), (("object-pgname=",), ["a", "a/b"]),
+                             (("object-pgtype=", "object-pgname=a"), ["a"]), (("object-pgtype=",), ["a", "a/b"]),
+                             (("object-pgname=a", "object-pgtype=x"), []), (("object-pgname=a/b", "object-pgtype=*/u"), ["a/b"])):
+            self.assertEqual(self.names(*words), names, words)
+        self.assertIn("path of types", self.error(6, "walk", DB, "object-pgtype=/")["message"])
+
+    def test_the_level_above_is_reached_by_its_name(self):
+        service = "object-db-name=net/link"
+        self.put("a", "t", "p=1")
+        self.tool("put", DB, service, "object-pgname=s", "object-pgtype=t", "--", "p=2")
+        self.assertEqual(self.names(service), ["s"])
+        self.assertEqual(self.names(), ["a"])
+        self.assertEqual(self.names(db="repo:net/link"), ["s"])
+        self.tool("set", DB, service, "object-pgname=s", "--", "p=3")
+        self.assertEqual(self.text("get", DB, service, "object-pgname=s", "-p", "p"), "3\n")
+        self.tool("rename", DB, service, "object-pgname=s", "--", "object-pgname=s", "object-pgtype=t")
+        self.assertEqual((self.names(), self.names(service)), (["a", "s"], []))
+        self.tool("remove", DB, "object-pgname=s")
+        self.error(6, "walk", "file.db", service)
+        for words in (("walk", DB), ("put", DB, "object-pgname=s", "object-pgtype=t")):
+            error = self.error(6, *words, "object-db-name=net/other", *(("--", "p=1") if words[0] == "put" else ()))
+            self.assertIn("neither the service", error["message"])
+        document = self.text("export", DB).replace('"object-pgname"', '"object-db-name":"net/link","object-pgname"')
+        self.assertIn("another database", self.error(6, "import", DB, stdin=document.encode())["message"])
+
+    def test_an_import_is_checked_before_anything_is_changed(self):
+        def document(*objects):
+            return json.dumps({"format": "ostrel-objects", "version": 1, "objects": [
+                {"id": id, "props": {"p": {"type": "string", "values": ["x"]}}} for id in objects]}).encode()
+        good = [{"object-pgname": "q/r", "object-pgtype": "t/u"}, {"object-pgname": "q", "object-pgtype": "t"}]
+        bad = [{"object-pgname": "new"}, {"object-pgname": "/".join("abcdefghi"), "object-pgtype": "t"}, {"name": "x"}]
+        mixed = document(good[0], *bad, good[1])
+        for trial in ((), ("-n",)):
+            self.assertEqual(self.error(6, "import", *trial, DB, stdin=mixed)["path"], "/objects/1")
+        self.assertEqual(self.names(), [])
+        for trial in (("-n",), ()):
+            counts = self.tool("import", "-k", "--json", *trial, DB, stdin=mixed, code=6).json()
+            self.assertEqual((counts["added"], counts["refused"]), (2, 3))
+        self.assertEqual(self.names(), ["q", "q/r"])
+        self.tool("remove", DB, "--all", "--yes")
+        self.tool("import", DB, stdin=document(good[0], {"object-pgname": "q", "object-pgtype": "w"}))
+        self.assertEqual(self.text("walk", DB), "object-pgname=q\tobject-pgtype=w\tp=x\n"
+                                                "object-pgname=q/r\tobject-pgtype=w/u\tp=x\n")
+        self.assertIn(b"keeps its types", self.tool("import", DB, stdin=document(good[1])).err)
+        cut = {"object-pgname": "a/b", "object-pgtype": "t" * 200 + "/" + "u" * 54}
+        self.assertIn(b"may have been cut", self.tool("import", DB, stdin=document(cut)).err)
+
 
 @unittest.skipUnless(os.geteuid() == 0, "needs root")
 class Served(RepositoryTest):
-    def serve(self, *words):
+    def serve(self, *words, below=()):
         self.hatch = self.path("run/net")
-        server = subprocess.Popen([t.OSTREL, "serve", "--json", DB, self.hatch, *words], cwd=self.dir, env=self.env,
+        server = subprocess.Popen([*below, t.OSTREL, "serve", "--json", DB, self.hatch, *words], cwd=self.dir, env=self.env,
                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(self.end, server)
         self.assertTrue(server.stdout.readline())
         return server
+
+    # A daemon whose store is a file system of its own, with one group.
+    def start_on_mounted_store(self):
+        self.end(self.daemon)
+        self.mount_store()
+        self.start_daemon()
+        subprocess.run([CAIRNCTL, "add", "net/link:default"], env=self.env, check=True, stdout=subprocess.DEVNULL)
+        self.put("g", "t", "p=old")
 
     def mount_store(self):
         if subprocess.run(["mount", "-t", "tmpfs", "none", self.path("store")], capture_output=True).returncode != 0:
@@ -145,7 +270,7 @@ class Served(RepositoryTest):
         self.addCleanup(shutil.rmtree, tree, ignore_errors=True)
         os.chmod(tree, 0o755)
         subprocess.run(["cmake", "--install", t.BUILD, "--prefix", tree], check=True, stdout=subprocess.DEVNULL)
-        self.write("etc/meridon/rights", "daemon: ostrel.read, ostrel.write\n")
+        self.write("etc/meridon/rights", "daemon: ostrel.read, ostrel.write\nbin: ostrel.write\n")
         server = self.serve()
         tool = os.path.join(tree, "bin", "ostrel")
 
@@ -157,17 +282,27 @@ class Served(RepositoryTest):
         done = as_user("daemon", "put", hatch, "object-pgname=eth0", "object-pgtype=link", "--", "mtu:uint32=1500")
         self.assertEqual((done.returncode, done.stderr), (0, b""))
         self.assertEqual(as_user("nobody", "walk", hatch).returncode, 3)
+        refused = as_user("bin", "remove", hatch, "--all", "--yes")
+        self.assertEqual(refused.returncode, 6)
+        self.assertIn(b"right to read", refused.stderr)
         self.assertEqual(as_user("daemon", "get", hatch, "object-pgname=eth0", "-p", "mtu").stdout, b"1500\n")
         self.assertIn(b"eth0", as_user("daemon", "walk", hatch).stdout)
+        self.assertEqual(as_user("daemon", "walk", hatch, "object-pgname=none").returncode, 0)
+        self.assertIn(b"there is no object", as_user("daemon", "get", hatch, "object-pgname=none").stderr)
+        renamed = as_user("daemon", "rename", hatch, "object-pgname=eth0", "--", "object-pgname=e1", "object-pgtype=link")
+        self.assertEqual((renamed.returncode, renamed.stderr), (0, b""))
+        self.assertEqual(self.names(), ["e1"])
+        self.put("e1/v4", "link/addr", "p=1")
+        self.assertEqual(as_user("daemon", "remove", hatch, "--all", "--yes").returncode, 0)
+        self.assertEqual(self.names(), [])
+        self.put("eth0", "link", "mtu:uint32=1500")
         self.assertEqual(self.text("get", DB, "object-pgname=eth0", "-p", "mtu"), "1500\n")
+        self.end(self.daemon)
+        self.assertIn(b"for a repository at its daemon", as_user("daemon", "walk", hatch).stderr)
         self.assertEqual(self.end(server), 0)
 
     def test_a_server_that_ends_waits_for_what_is_deferred(self):
-        self.end(self.daemon)
-        self.mount_store()
-        self.start_daemon()
-        subprocess.run([CAIRNCTL, "add", "net/link:default"], env=self.env, check=True, stdout=subprocess.DEVNULL)
-        self.put("g", "t", "p=old")
+        self.start_on_mounted_store()
         server = self.serve()
         self.set_readonly("ro")
         self.tool("put", "hatch:" + self.hatch, "object-pgname=g", "--no-wait", "--", "p=new", code=7)
@@ -179,7 +314,10 @@ class Served(RepositoryTest):
         self.assertEqual(server.wait(30), 0)
         said = server.stderr.read().decode()
         self.assertIn("1 updates are deferred", said)
-        self.assertIn("1 have ended, 0 were given up", said)
+        self.assertIn("1 have landed, 0 were refused or given up and 0 are left behind", said)
+        self.assertIn("update of object-pgname=g; has landed", said)
+        self.assertEqual(json.loads(server.stdout.read()), {"deferred": 1, "left_behind": 0, "updates": [
+            {"object": "object-pgname=g;", "operation": "update", "outcome": "landed"}]})
         self.assertEqual(self.text("get", DB, "object-pgname=g", "-p", "p"), "new\n")
 
         server = self.serve()
@@ -189,7 +327,61 @@ class Served(RepositoryTest):
             server.send_signal(signal.SIGTERM)
             time.sleep(0.5)
         self.assertEqual(server.wait(30), 7)
-        self.assertIn("1 are left behind", server.stderr.read().decode())
+        said = server.stderr.read().decode()
+        self.assertIn("update of object-pgname=g; is left behind", said)
+        self.assertIn("1 are left behind", said)
+
+    def test_each_deferred_update_is_told_of_by_name(self):
+        self.start_on_mounted_store()
+        self.put("goes", "t", "p=1")
+        server = self.serve()
+        self.set_readonly("ro")
+        hatch = "hatch:" + self.hatch
+        self.tool("put", hatch, "object-pgname=g", "--no-wait", "--", "p=new", code=7)
+        for _ in range(2):  # the second one will find nothing to remove
+            self.tool("remove", hatch, "object-pgname=goes", "--no-wait", code=7)
+        server.send_signal(signal.SIGTERM)
+        time.sleep(0.5)
+        self.set_readonly("rw")
+        self.assertEqual(server.wait(30), 7)
+        outcomes = sorted((u["object"], u["operation"], u["outcome"]) for u in json.loads(server.stdout.read())["updates"])
+        self.assertEqual(outcomes, [("object-pgname=g;", "update", "landed"), ("object-pgname=goes;", "remove", "landed"),
+                                    ("object-pgname=goes;", "remove", "refused")])
+        self.assertIn("2 have landed, 1 were refused or given up", server.stderr.read().decode())
+
+    # Who may not write records learns no names from them.
+    def test_a_server_without_the_privilege_of_audit_counts_deferred_updates(self):
+        self.start_on_mounted_store()
+        server = self.serve(below=("setpriv", "--bounding-set", "-audit_write", "--inh-caps", "-audit_write"))
+        self.set_readonly("ro")
+        self.tool("put", "hatch:" + self.hatch, "object-pgname=g", "--no-wait", "--", "p=new", code=7)
+        server.send_signal(signal.SIGTERM)
+        time.sleep(0.5)
+        self.set_readonly("rw")
+        self.assertEqual(server.wait(30), 0)
+        self.assertEqual(json.loads(server.stdout.read()), {"deferred": 1, "left_behind": 0, "updates": []})
+        self.assertIn("1 have ended, 0 were refused or given up", server.stderr.read().decode())
+
+    # Nobody goes on with an update of this process's own when it has ended.
+    def test_an_own_update_that_is_deferred_is_waited_for_or_given_up(self):
+        self.start_on_mounted_store()
+        self.set_readonly("ro")
+        self.env["MALLOC_PERTURB_"] = "165"  # what is used after it was freed shows
+        for _ in range(20):
+            result = self.run_tool("put", "--json", "--no-wait", DB, "object-pgname=g", "--", "p=lost")
+            self.assertEqual(result.code, 7)
+            self.assertIn("run the command again", result.error()["hint"])
+        many = json.dumps({"format": "ostrel-objects", "version": 1, "objects": [
+            {"id": {"object-pgname": f"g{i}", "object-pgtype": "t"}, "props": {}} for i in range(30)]})
+        self.tool("import", "--no-wait", DB, stdin=many.encode(), code=7)
+        waiting = subprocess.Popen([t.OSTREL, "put", DB, "object-pgname=g", "--", "p=new"], env=self.env,
+                                   stderr=subprocess.PIPE)
+        self.addCleanup(self.end, waiting)
+        self.assertIn(b"waiting", waiting.stderr.readline())
+        self.set_readonly("rw")
+        self.assertEqual(waiting.wait(30), 0)
+        self.assertEqual(self.names(), ["g"])
+        self.assertEqual(self.text("get", DB, "object-pgname=g", "-p", "p"), "new\n")
 
 
 if __name__ == "__main__":

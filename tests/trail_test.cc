@@ -1,11 +1,16 @@
 // The audit trail's interface and the raising of its privilege, for themselves.
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <initializer_list>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
+#include <tuple>
+#include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -188,6 +193,115 @@ TEST_F(Trail, WithoutThePrivilegeNothingIsWritten)
 	const pid_t pid = child.pid();
 	EXPECT_EQ(child.wait(), 0);
 	EXPECT_EQ(audit.records(pid).size(), 0U);
+}
+
+// ---- The watcher ----
+
+// What a watcher was told, in order. It is the process's watcher for as long as it lives.
+struct Watch {
+	using Told = std::tuple<trl_event_t, std::string, std::string, int, int, std::thread::id>;
+	std::vector<Told> told;
+	std::atomic<bool> held = false, inside = false;
+
+	Watch() { trl_watch(&Watch::take, this); }
+	~Watch() { trl_watch(nullptr, nullptr); }
+	Watch(const Watch &) = delete;
+	Watch &operator=(const Watch &) = delete;
+
+	static void take(void *cookie, trl_event_t event, const trl_object_t *object, int status, int retval)
+	{
+		auto *watch = static_cast<Watch *>(cookie);
+		watch->told.emplace_back(
+		    event, object->parent_file, object->object_name, status, retval, std::this_thread::get_id());
+		watch->inside = true;
+		watch->inside.notify_all();
+		watch->held.wait(true);
+	}
+};
+
+// A session and one object, where the host may have no audit: what the kernel makes of a record is of no interest.
+struct WatchedRecord {
+	Session session;
+	std::string file = "links.db", name = "name=eth0;";
+
+	explicit WatchedRecord(trl_event_t event = TRL_ostrel_update) : session(event)
+	{
+		trl_object_t &object =
+		    event == TRL_ostrel_remove ? session.data->trl_ostrel_remove : session.data->trl_ostrel_update;
+		object = {file.data(), name.data()};
+	}
+	int put(int status, int retval) { return trl_put_event(session.data, status, retval); }
+};
+
+TEST(TrailWatch, IsToldOfEachRecordOnTheThreadThatAsks)
+{
+	std::thread::id other;
+	{
+		Watch watch;
+		(void) WatchedRecord().put(TRL_SUCCESS, 0);
+		std::thread([&] {
+			other = std::this_thread::get_id();
+			(void) WatchedRecord(TRL_ostrel_remove).put(TRL_FAILURE, 1003);
+		}).join();
+		trl_watch(nullptr, nullptr);
+		trl_session_data_t *session = nullptr;
+		if (trl_start_session(&session, nullptr, 0) == 0) {
+			(void) WatchedRecord().put(TRL_SUCCESS, 0);
+			EXPECT_EQ(trl_end_session(session), 0);
+		}
+		const std::vector<Watch::Told> expected = {
+		    {TRL_ostrel_update, "links.db", "name=eth0;", TRL_SUCCESS, 0, std::this_thread::get_id()},
+		    {TRL_ostrel_remove, "links.db", "name=eth0;", TRL_FAILURE, 1003, other}};
+		EXPECT_EQ(watch.told, expected);
+	}
+}
+
+TEST(TrailWatch, IsToldWhereThereIsNoWayToTheLog)
+{
+	Process child([] {
+		const struct rlimit none = {0, 0};
+		EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+		trl_session_data_t *session = nullptr;
+		EXPECT_NE(trl_start_session(&session, nullptr, 0), 0);
+		const int without = errno;
+		Watch watch;
+		WatchedRecord record;
+		EXPECT_EQ(record.put(TRL_SUCCESS, 0), -1);
+		EXPECT_EQ(errno, without);
+		EXPECT_EQ(watch.told.size(), 1U);
+		return testing::Test::HasFailure() ? 1 : 0;
+	});
+	EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(TrailWatch, TakingItBackWaitsForACallThatRuns)
+{
+	Watch watch;
+	watch.held = true;
+	std::thread record([] { (void) WatchedRecord().put(TRL_SUCCESS, 0); });
+	watch.inside.wait(false);
+	Process child([] { // has no watcher, and waits for none
+		alarm(20);
+		trl_session_data_t *session = nullptr;
+		if (trl_start_session(&session, nullptr, 0) == 0)
+			(void) WatchedRecord().put(TRL_SUCCESS, 0);
+		Watch own;
+		(void) WatchedRecord().put(TRL_SUCCESS, 0);
+		return own.told.size() == 1 ? 0 : 1;
+	});
+	EXPECT_EQ(child.wait(), 0);
+	std::atomic<bool> back = false;
+	std::thread taker([&] {
+		trl_watch(nullptr, nullptr);
+		back = true;
+	});
+	std::this_thread::sleep_for(std::chrono::milliseconds(100));
+	EXPECT_FALSE(back);
+	watch.held = false;
+	watch.held.notify_all();
+	taker.join();
+	record.join();
+	EXPECT_EQ(watch.told.size(), 1U);
 }
 
 } // namespace

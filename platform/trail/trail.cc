@@ -1,5 +1,6 @@
 // The audit trail on the kernel's audit: a session is a socket to it, an event one message of the kind that trusted
 // programs send.
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -10,11 +11,13 @@
 
 #include "base/files.h"
 #include "base/guards.h"
+#include "base/thread_safety.h"
 #include "trail/libaudit.h"
 
 struct trl_session_data {
 	const Libaudit *library;
 	int audit;
+	int error; // not 0: there is no way to the log, for this reason, and the session is for the watcher alone
 	bool has_user;
 	uid_t uid;
 	gid_t gid;
@@ -125,10 +128,14 @@ private:
 	bool fits_ = true;
 };
 
+const trl_object_t &object_of(const Event &event)
+{
+	return event.event == TRL_ostrel_remove ? event.data.trl_ostrel_remove : event.data.trl_ostrel_update;
+}
+
 void describe(const Event &event, int status, int retval, RecordText &text)
 {
-	const trl_object_t &object =
-	    event.event == TRL_ostrel_remove ? event.data.trl_ostrel_remove : event.data.trl_ostrel_update;
+	const trl_object_t &object = object_of(event);
 	text.put("op", op_of(event.event));
 	text.put("event", event.event);
 	text.put_untrusted("parent_file", object.parent_file);
@@ -145,22 +152,65 @@ int fail(int error)
 	return -1;
 }
 
+// ---- The watcher ----
+
+Mutex watch_lock; // held while the watcher runs, so that who takes it back waits for that
+trl_watcher_t *watcher GUARDED_BY(watch_lock);
+void *watch_cookie GUARDED_BY(watch_lock);
+std::atomic<pid_t> watching; // the process that set it, or 0
+
+// A forked child has no watcher: the lock may be held there by a thread that it doesn't have.
+bool is_watched()
+{
+	const pid_t process = watching.load(std::memory_order_relaxed);
+	return process != 0 && process == getpid();
+}
+
+void tell_watcher(const Event &event, int status, int retval)
+{
+	if (!is_watched())
+		return;
+	CancellationWaits cancellation;
+	MutexLock lock(watch_lock);
+	if (watcher != nullptr)
+		watcher(watch_cookie, event.event, &object_of(event), status, retval);
+}
+
+// Gives 0, or why there is no way to the log.
+int open_log(trl_session_data_t *session)
+{
+	session->library = libaudit();
+	session->audit = -1;
+	if (session->library == nullptr)
+		return ENOTSUP;
+	session->audit = session->library->open();
+	return session->audit < 0 ? errno : 0;
+}
+
 } // namespace
+
+void trl_watch(trl_watcher_t *new_watcher, void *cookie)
+{
+	CancellationWaits cancellation;
+	const pid_t before = watching.load(std::memory_order_relaxed);
+	if (before != 0 && before != getpid())
+		watch_lock.init();
+	MutexLock lock(watch_lock);
+	watcher = new_watcher;
+	watch_cookie = cookie;
+	watching.store(new_watcher == nullptr ? 0 : getpid(), std::memory_order_relaxed);
+}
 
 int trl_start_session(trl_session_data_t **session, const void *imported, unsigned int flags)
 {
 	if (session == nullptr || imported != nullptr || flags != 0)
 		return fail(EINVAL);
-	const Libaudit *library = libaudit();
-	if (library == nullptr)
-		return fail(ENOTSUP);
 	Heap<trl_session_data_t> made(static_cast<trl_session_data_t *>(calloc(1, sizeof(trl_session_data_t))));
 	if (!made)
 		return fail(ENOMEM);
-	made->library = library;
-	made->audit = library->open();
-	if (made->audit < 0)
-		return -1;
+	made->error = open_log(made.get());
+	if (made->error != 0 && !is_watched())
+		return fail(made->error);
 	*session = made.release();
 	return 0;
 }
@@ -197,6 +247,9 @@ int trl_put_event(const trl_event_data_t *data, int status, int retval)
 	const auto *event = reinterpret_cast<const Event *>(data);
 	if (event == nullptr || !event->session->has_user)
 		return fail(EINVAL);
+	tell_watcher(*event, status, retval);
+	if (event->session->error != 0)
+		return fail(event->session->error);
 	RecordText text;
 	describe(*event, status, retval, text);
 	if (text.text() == nullptr)
@@ -217,7 +270,7 @@ void trl_free_event(trl_event_data_t *event)
 
 int trl_end_session(trl_session_data_t *session)
 {
-	if (session != nullptr)
+	if (session != nullptr && session->audit >= 0)
 		(void) close(session->audit);
 	free(session);
 	return 0;

@@ -67,6 +67,7 @@ struct Slot {
 	Object object;
 	std::string line; // empty: not made yet
 	bool changed = false;
+	bool is_new = false;
 };
 
 bool same_props(const std::vector<Property> &a, const std::vector<Property> &b)
@@ -84,7 +85,7 @@ bool same_objects(const std::vector<Object> &a, const std::vector<Object> &b)
 class Plan {
 public:
 	Plan(Database &database, Complaints &complaints, bool replace)
-	    : database_(database), complaints_(complaints), replace_(replace)
+	    : database_(database), complaints_(complaints), replace_(replace), groups_(database.holds_groups())
 	{
 		std::optional<std::vector<Object>> before = database.objects_if_any();
 		is_new_ = !before.has_value();
@@ -109,14 +110,28 @@ public:
 		}
 	}
 
-	// The objects that have to be written, and the identifiers of those that go.
+	// The objects that have to be written, groups before those below them, and the identifiers of those that go.
 	std::vector<const Object *> writes() const
 	{
 		std::vector<const Object *> all;
 		for (const Slot &slot : slots_)
 			if (slot.changed)
 				all.push_back(&slot.object);
+		if (groups_)
+			std::stable_sort(all.begin(), all.end(),
+			    [](const Object *a, const Object *b) { return group_depth(a->id) < group_depth(b->id); });
 		return all;
+	}
+
+	// The store refused an object that was to be written.
+	void take_back(const Object *object)
+	{
+		for (Slot &slot : slots_) {
+			if (&slot.object != object)
+				continue;
+			slot.changed = false;
+			(slot.is_new ? added : replaced)--;
+		}
 	}
 
 	std::vector<const Identifiers *> removals() const
@@ -167,8 +182,7 @@ private:
 	// A group is its path of names, whatever the types on it.
 	std::string key(const Identifiers &id) const
 	{
-		const bool group = database_.back_end().repository || (database_.back_end().served && names_groups(id));
-		return identity(group ? group_of(id) : id, database_.case_sensitive());
+		return identity(groups_ ? group_of(id) : id, database_.case_sensitive());
 	}
 
 	void place(Incoming &&incoming)
@@ -179,11 +193,19 @@ private:
 			throw Failure(Exit::invalid, fmt::format("{} has the same identifiers as {}",
 							 id_text(incoming.object.id), first->second));
 		Slot slot = {std::move(incoming.object), "", true};
-		if (database_.back_end().is_path)
-			make_line(slot, first);
 		auto [begin, end] = stored_.equal_range(name);
+		try {
+			if (database_.back_end().is_path)
+				make_line(slot);
+			else if (groups_)
+				check_group(slot.object, begin == end ? nullptr : &before_[begin->second]);
+		} catch (...) {
+			seen_.erase(first); // what can't be stored takes no place
+			throw;
+		}
 		if (begin == end) {
 			added++;
+			slot.is_new = true;
 			slots_.push_back(std::move(slot));
 		} else if (replace_) {
 			bool changed = count(begin->second, slot.object);
@@ -197,15 +219,19 @@ private:
 		}
 	}
 
-	void make_line(Slot &slot, std::unordered_map<std::string, std::string>::iterator seen)
+	void make_line(Slot &slot)
 	{
-		try {
-			slot.line = maker_.line(slot.object);
-		} catch (...) {
-			seen_.erase(seen); // what can't be stored takes no place
-			throw;
-		}
+		slot.line = maker_.line(slot.object);
 		warn_of_loss(database_, slot.object, maker_.stored());
+	}
+
+	void check_group(const Object &object, const Object *stored)
+	{
+		if (find_identifier(object.id, level_key) != nullptr)
+			throw Failure(Exit::invalid, fmt::format("{} names another database", level_key))
+			    .next("leave it out, and name that one on the command line");
+		database_.check_group(
+		    object, {stored != nullptr, stored == nullptr ? std::nullopt : std::optional(*stored)});
 	}
 
 	// Counts an object that is stored already: it keeps its place, and the spelling of its identifiers. True: it changes.
@@ -221,6 +247,7 @@ private:
 	Database &database_;
 	Complaints &complaints_;
 	bool replace_;
+	bool groups_; // the objects are groups of a repository
 	bool is_new_ = false;
 	std::vector<Object> before_;
 	std::vector<Slot> slots_;
@@ -231,7 +258,7 @@ private:
 };
 
 // One update for each object. What was done stays done if one of them fails, and the message says how far it came.
-void write_singly(Database &database, const Plan &plan, const Options &options)
+void write_singly(Database &database, Plan &plan, Complaints &complaints, const Options &options)
 {
 	std::vector<const Object *> writes = plan.writes();
 	std::vector<const Identifiers *> removals = plan.removals();
@@ -250,15 +277,27 @@ void write_singly(Database &database, const Plan &plan, const Options &options)
 		done++;
 		progress.step();
 	};
+	std::vector<const Object *> written;
+	auto put = [&](const Object *object) {
+		try {
+			database.put(*object);
+			written.push_back(object);
+		} catch (const Failure &failure) {
+			if (failure.code != Exit::invalid || !options.keep_going)
+				throw;
+			complaints.take(failure);
+			plan.take_back(object);
+		}
+	};
 	for (const Object *object : writes)
-		step([&] { database.put(*object); });
+		step([&] { put(object); });
 	// The other way round: a group is listed before those below it, and takes them along.
 	std::for_each(
 	    removals.rbegin(), removals.rend(), [&](const Identifiers *id) { step([&] { database.remove(*id); }); });
-	for (const Object *object : writes)
+	for (const Object *object : written)
 		await_object(database, options, *object);
 	for (const Identifiers *id : removals)
-		await_update(database, options, [&] { return !database.find(*id); });
+		await_update(database, options, [&] { return database.is_gone(*id); });
 }
 
 void write_file(Database &database, Plan &plan, const std::string &text)
@@ -333,7 +372,7 @@ Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints 
 		if (whole)
 			write_file(database, plan, text);
 		else
-			write_singly(database, plan, options);
+			write_singly(database, plan, complaints, options);
 	}
 	tell(plan, complaints, options);
 	return complaints.count() > 0 ? Exit::invalid : Exit::done;

@@ -26,20 +26,19 @@ Exit run(const Options &options)
 	bool known = database.readable(); // else only the update itself can tell
 	if (!known && options.only_new)
 		throw Failure(Exit::permission, "--new needs the right to read, too").in(database.label());
-	std::optional<std::vector<Object>> same;
+	Look before;
 	if (known)
-		same = database.objects_if_any(object.id, true);
-	bool there = same && !same->empty();
-	if (there && options.only_new)
+		before = database.look(object.id);
+	if (before.there && options.only_new)
 		throw Failure(Exit::exists, fmt::format("there is an object {}", id_text(object.id)))
 		    .in(database.label())
 		    .next("without --new its properties are replaced; ostrel set changes some of them");
-	rehearse(database, object);
+	rehearse(database, object, before);
 	if (!options.dry_run) {
 		database.put(object);
 		await_object(database, options, object);
 	}
-	return tell_update(options, !known ? "written" : there ? "replaced" : "created", object);
+	return tell_update(options, !known ? "written" : before.there ? "replaced" : "created", object);
 }
 
 } // namespace

@@ -20,8 +20,10 @@ void declare(CLI::App &app, Options &options)
 
 Exit remove_all(Database &database, const Options &options)
 {
-	bool known = database.readable();
-	size_t count = known ? database.objects().size() : 0;
+	const std::optional<size_t> found = database.count();
+	const bool known = database.readable();
+	// A missing database ends here, with its own message.
+	const size_t count = found ? *found : known ? database.objects().size() : 0;
 	if (!options.dry_run && !options.yes)
 		throw Failure(
 		    Exit::usage, known ? fmt::format("remove --all removes the database with its {} objects", count)
@@ -30,10 +32,7 @@ Exit remove_all(Database &database, const Options &options)
 		    .next("add --yes if that is meant");
 	if (!options.dry_run) {
 		database.destroy();
-		await_update(database, options, [&] {
-			std::optional<std::vector<Object>> left = database.objects_if_any();
-			return !left || left->empty();
-		});
+		await_update(database, options, [&] { return database.count().value_or(0) == 0; });
 	}
 	if (options.json) {
 		Json json;
@@ -61,10 +60,10 @@ Exit run(const Options &options)
 	database.require_updates(options.all ? Database::Loss::meant : Database::Loss::refused);
 	if (options.all)
 		return remove_all(database, options);
-	Object object = database.readable() ? database.get(id) : Object{id, {}};
+	Object object = database.readable() ? database.get_for_update(id) : Object{id, {}};
 	if (!options.dry_run) {
 		database.remove(id);
-		await_update(database, options, [&] { return !database.find(id); });
+		await_update(database, options, [&] { return database.is_gone(object.id); });
 	}
 	return tell_update(options, "removed", object);
 }

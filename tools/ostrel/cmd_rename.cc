@@ -26,15 +26,19 @@ Exit run(const Options &options)
 	Object object = known ? database.get(from) : Object{from, {}};
 	bool same = identity(from, options.case_sensitive) == identity(to, options.case_sensitive);
 	// The store itself would let two objects have the same identifiers.
-	if (!same && known && !database.objects(to, true).empty())
+	if (!same && known && database.look(to).there)
 		throw Failure(Exit::exists, fmt::format("there is an object {}", id_text(to)))
 		    .in(database.label())
 		    .next("remove it first, or choose other identifiers");
+	const Identifiers before = object.id;
 	object.id = to;
-	rehearse(database, object);
+	if (known)
+		database.check_group_rename(before, to);
+	rehearse(database, object, {});
 	if (!options.dry_run) {
 		database.rename(from, to);
-		await_update(database, options, [&] { return database.find(to) && (same || !database.find(from)); });
+		await_update(
+		    database, options, [&] { return database.find(to) && (same || database.is_gone(before)); });
 	}
 	return tell_update(options, "renamed", object);
 }

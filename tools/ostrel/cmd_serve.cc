@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <libgen.h>
 #include <linux/capability.h>
+#include <set>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -22,6 +23,8 @@
 #include "hatch.h"
 #include "log_messages.h"
 #include "readiness.h"
+#include "text.h"
+#include "update_threads.h"
 
 namespace {
 
@@ -226,38 +229,95 @@ void announce(const Database &database, const Options &options)
 	    who_may("read", options.read_auth), who_may("update", options.write_auth));
 }
 
+// ---- The end ----
+
+// What became of the updates that were deferred when the server was ended.
+class Ending {
+public:
+	explicit Ending(UpdateWatch &watch) : watch_(watch) { look(); }
+
+	// Whether any of them goes on.
+	bool look()
+	{
+		const std::vector<pid_t> running = update_threads();
+		threads_.insert(running.begin(), running.end()); // one listing may have passed over some
+		return !running.empty();
+	}
+
+	size_t count() const { return threads_.size(); }
+
+	// Says it, by name where that is known. `given_up` is how many the library gave up.
+	Exit tell(const Database &database, const Options &options, size_t given_up)
+	{
+		Json named = Json::array();
+		size_t landed = 0, refused = 0, left = 0;
+		for (pid_t thread : threads_) {
+			const bool runs = is_update_thread(thread);
+			const std::optional<UpdateWatch::Attempt> last = watch_.last(thread);
+			const bool has_landed = last && last->landed;
+			left += runs && !has_landed ? 1 : 0;
+			if (!last)
+				continue;
+			landed += has_landed ? 1 : 0;
+			refused += !has_landed && !runs ? 1 : 0;
+			const Outcome &outcome = outcomes[has_landed ? 0 : runs ? 2 : 1];
+			named.push_back({{"object", visible(last->object)}, {"operation", last->operation},
+			    {"outcome", outcome.word}});
+			warn(Failure(has_landed ? Exit::done : Exit::deferred,
+			    fmt::format("the deferred {} of {} {}", last->operation, last->object, outcome.sentence))
+				 .in(database.label()));
+		}
+		const size_t lost = std::max(refused, given_up) + left;
+		const size_t ended = count() - std::min(count(), lost);
+		warn(Failure(lost == 0 ? Exit::done : Exit::deferred,
+		    fmt::format("of {} deferred updates {} have {}, {} were refused or given up and {} are left behind",
+			count(), ended, ended == landed ? "landed" : "ended", lost - left, left))
+			 .in(database.label()));
+		if (options.json)
+			fmt::print(
+			    "{}\n", Json{{"deferred", count()}, {"left_behind", left}, {"updates", named}}.dump());
+		return lost == 0 ? Exit::done : Exit::deferred;
+	}
+
+private:
+	struct Outcome {
+		const char *word;
+		const char *sentence;
+	};
+	static constexpr Outcome outcomes[] = {
+	    {"landed", "has landed"}, {"refused", "was refused, or given up"}, {"left_behind", "is left behind"}};
+
+	UpdateWatch &watch_;
+	std::set<pid_t> threads_;
+};
+
 // Nobody gets in any more; updates that the store has put off are waited for, unless another signal comes. The handle is
 // never given up under one: a server that has to leave some behind ends as it stands.
-Exit end_with_updates(const Database &database, const EndSignals &signals)
+Exit end_with_updates(const Database &database, const Options &options, UpdateWatch &watch, const EndSignals &signals)
 {
-	const size_t pending = own_deferred_updates();
-	if (pending == 0)
+	Ending ending(watch);
+	if (ending.count() == 0)
 		return Exit::done;
 	warn(Failure(
 	    Exit::deferred, fmt::format("{} updates are deferred: the store can't be written now; waiting up to {} s",
-				pending, longest_deferral.count()))
+				ending.count(), longest_deferral.count()))
 		 .in(database.label()));
 	tell_manager(
 	    fmt::format("EXTEND_TIMEOUT_USEC={}", std::chrono::microseconds(longest_deferral).count()).c_str());
 	const std::vector<std::string> said = log_messages([&] {
 		const auto end = std::chrono::steady_clock::now() + longest_deferral;
-		while (own_deferred_updates() > 0 && std::chrono::steady_clock::now() < end &&
+		while (ending.look() && std::chrono::steady_clock::now() < end &&
 		       !signals.comes_within(std::chrono::milliseconds(50)))
 			continue;
 	});
-	const size_t left = own_deferred_updates();
 	for (const std::string &message : said)
 		warn(Failure(Exit::deferred, message).in(database.label()));
-	const size_t lost = left + said.size();
-	warn(Failure(lost == 0 ? Exit::done : Exit::deferred,
-	    fmt::format("of {} deferred updates {} have ended, {} were given up and {} are left behind", pending,
-		pending - std::min(pending, lost), said.size(), left))
-		 .in(database.label()));
-	if (left > 0) {
+	const Exit code = ending.tell(database, options, said.size());
+	if (own_deferred_updates() > 0) {
 		(void) std::fflush(nullptr);
-		_exit(static_cast<int>(Exit::deferred));
+		_exit(static_cast<int>(code));
 	}
-	return lost == 0 ? Exit::done : Exit::deferred;
+	return code;
 }
 
 Exit run(const Options &options)
@@ -279,6 +339,7 @@ Exit run(const Options &options)
 	raise_descriptor_limit();
 
 	EndSignals signals;
+	UpdateWatch watch;
 	{
 		Server server(database, options);
 		announce(database, options);
@@ -286,7 +347,7 @@ Exit run(const Options &options)
 		signals.wait();
 		tell_manager("STOPPING=1");
 	}
-	return end_with_updates(database, signals);
+	return end_with_updates(database, options, watch, signals);
 }
 
 } // namespace

@@ -90,7 +90,7 @@ Exit run(const Options &options)
 		apply(after, word);
 	if (same_props(before, after))
 		return tell_update(options, "unchanged", after);
-	rehearse(database, after);
+	rehearse(database, after, {true, before});
 	if (!options.dry_run) {
 		database.put(after);
 		await_object(database, options, after);

@@ -25,6 +25,7 @@ Exit run(const Options &options)
 		throw Failure(Exit::usage, "unset needs identifiers before --, and names of properties behind it");
 	database.require_updates();
 	Object object = database.get(id);
+	const Look before = {true, object};
 	for (const std::string &name : options.tail) {
 		auto found = std::find_if(
 		    object.props.begin(), object.props.end(), [&](const Property &p) { return p.name == name; });
@@ -34,7 +35,7 @@ Exit run(const Options &options)
 			    .next(fmt::format("nothing was changed; ostrel get {} shows the object", database.label()));
 		object.props.erase(found);
 	}
-	rehearse(database, object);
+	rehearse(database, object, before);
 	if (!options.dry_run) {
 		database.put(object);
 		await_object(database, options, object);

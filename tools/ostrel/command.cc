@@ -126,10 +126,13 @@ Exit tell_update(const Options &options, const char *done, const Object &object)
 	return Exit::done;
 }
 
-void rehearse(const Database &database, const Object &object)
+void rehearse(Database &database, const Object &object, const Look &before)
 {
-	if (!database.back_end().is_path) // what it can hold, the store knows alone
+	if (!database.back_end().is_path) {
+		if (database.readable()) // what it can hold, the store knows alone, but for groups
+			database.check_group(object, before);
 		return;
+	}
 	LineMaker maker;
 	try {
 		(void) maker.line(object);

@@ -76,9 +76,10 @@ int enclave_option(const std::string &text);
 void print_object(const Object &object);
 // Prints what an update did, or would do: as JSON if asked for, as a line in a dry run, otherwise not at all.
 Exit tell_update(const Options &options, const char *done, const Object &object);
-// Checks an update without making it, on a scratch database: whether the object can be stored, and whether it comes
-// back as it was given, of which it warns. A refused update would leave its temporary file beside the database.
-void rehearse(const Database &database, const Object &object);
+struct Look;
+// Checks an update without making it: whether the object can be stored, and whether it comes back as it was given, of which
+// it warns. For a file that is done on a scratch database: a refused update would leave its temporary file beside it.
+void rehearse(Database &database, const Object &object, const Look &before);
 // Warns if the object, once stored, isn't what was asked for.
 void warn_of_loss(const Database &database, const Object &wanted, const Object &stored);
 

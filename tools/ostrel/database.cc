@@ -2,21 +2,24 @@
 #include "database.h"
 #include "lines.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <new>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <thread>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
 #include "failure.h"
 #include "hatch.h"
-#include "repository.h"
 #include "scratch.h"
 #include "text.h"
+#include "update_threads.h"
 
 namespace {
 
@@ -52,6 +55,8 @@ int visit_object(ostrel_db_t, attrlist_t *id, attrlist_t *props, uint64_t, void 
 		return 1;
 	}
 }
+
+bool left_running = false;
 
 struct Diagnosis {
 	Exit code;
@@ -166,14 +171,49 @@ Database::Database(const std::string &name, enclaveid_t enclave, bool case_sensi
 		fail(result, "can't be opened");
 }
 
+// An update that is put off goes on with the handle, on a thread of this process. One that has landed ends at once, or with
+// its next attempt.
 Database::~Database()
 {
-	ostrel_db_close(db_);
+	constexpr std::chrono::milliseconds last_attempt(2000), pause(10);
+	size_t running = back_->repository && updated_ ? own_deferred_updates() : 0;
+	for (auto waited = pause; running > 0 && !given_up_ && waited < last_attempt; waited += pause) {
+		std::this_thread::sleep_for(pause);
+		running = own_deferred_updates();
+	}
+	left_running = left_running || running > 0;
+	if (running == 0)
+		ostrel_db_close(db_);
+	else if (!given_up_)
+		warn(Failure(Exit::deferred, "updates that were deferred before are given up").in(label_));
+}
+
+bool updates_left_running()
+{
+	return left_running;
 }
 
 bool Database::here() const
 {
 	return back_->is_path && (enclave_ == 0 || getenclaveid() != 0);
+}
+
+// The level at which an operation works stands beside the identifiers. Files know none: there it would be another file.
+List Database::list(const Identifiers &id) const
+{
+	if (back_->is_path)
+		return id_list(id);
+	Identifiers others;
+	for (const auto &pair : id) {
+		if (pair.first == enclave_key)
+			throw Failure(Exit::invalid, "the enclave isn't an identifier")
+			    .in(label_)
+			    .next("-E, --enclave names the enclave in which the database lies");
+		if (pair.first != level_key)
+			others.push_back(pair);
+	}
+	const std::string *level = find_identifier(id, level_key);
+	return id_list(others, level == nullptr ? nullptr : level->c_str());
 }
 
 void Database::require_selection() const
@@ -210,6 +250,9 @@ void Database::fail(ostrel_error_t result, const std::string &what)
 	if (back_->served && result == OSTREL_INVALID_ARG)
 		failure.next(
 		    fmt::format("the store that is served may be one that can only be walked: ostrel walk {}", label_));
+	if (back_->served && result == OSTREL_FAILURE)
+		failure.next("the server is there; the store behind it may not be: look at the server's log, and for a "
+			     "repository at its daemon");
 	if (enclave_ != 0)
 		failure.next(fmt::format("ostrel enclaves tells whether enclave {} is running", enclave_));
 	throw failure.in(label_);
@@ -251,25 +294,59 @@ ostrel_error_t Database::walk_levels(const Identifiers &id, bool exact, const Vi
 	return OSTREL_SUCCESS;
 }
 
+// A walk of groups goes by their name, or else by their types. With a name, the types are looked at here. An empty value
+// stands for any, and an identifier of another name has no group.
+ostrel_error_t Database::walk_groups(const Identifiers &id, bool exact, const Visit &visit)
+{
+	Identifiers wanted;
+	for (const auto &pair : id) {
+		if (pair.first != group_name_key && pair.first != group_type_key && pair.first != level_key)
+			return OSTREL_SUCCESS;
+		if (!pair.second.empty())
+			wanted.push_back(pair);
+	}
+	if (!names_groups(wanted))
+		return walk_levels(wanted, exact, visit);
+	const bool by_name = find_identifier(wanted, group_name_key) != nullptr;
+	const std::string *pattern = by_name ? find_identifier(wanted, group_type_key) : nullptr;
+	ostrel_error_t result = walk_once(wanted, exact, [&](Object &&object) {
+		const std::string *types = find_identifier(object.id, group_type_key);
+		if (pattern == nullptr || types == nullptr || fits_types(*types, *pattern))
+			visit(std::move(object));
+	});
+	return result == OSTREL_NOT_FOUND ? OSTREL_SUCCESS : result; // a walk to one name
+}
+
 ostrel_error_t Database::try_walk(const Identifiers &id, bool exact, const Visit &visit)
 {
-	if (back_->repository && !names_groups(id))
-		return walk_levels(id, exact, visit);
+	if (is_group(id))
+		return walk_groups(id, exact, visit);
 	ostrel_error_t result = walk_once(id, exact, visit);
-	if (back_->repository && result == OSTREL_NOT_FOUND)
-		return OSTREL_SUCCESS; // a walk to one name
-	// Behind a hatch may be a repository, which refuses this before it looks at anything.
-	if (back_->served && result == OSTREL_INVALID_ARG && !names_groups(id))
-		return walk_levels(id, exact, visit);
+	if (result == OSTREL_INVALID_ARG && holds_groups())
+		return walk_groups(id, exact, visit);
 	return result;
+}
+
+// A repository refuses a walk of everything before it looks at anything; all other stores have it.
+bool Database::holds_groups()
+{
+	if (!back_->served)
+		return back_->repository;
+	if (!holds_groups_) {
+		auto halt = [](ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *) { return 1; };
+		List all = id_list({});
+		holds_groups_ =
+		    ostrel_db_walk(db_, all.get(), 0, halt, nullptr, nullptr, nullptr) == OSTREL_INVALID_ARG;
+	}
+	return *holds_groups_;
 }
 
 ostrel_error_t Database::walk_once(const Identifiers &id, bool exact, const Visit &visit)
 {
-	List list = id_list(id);
+	List ids = list(id);
 	WalkState state = {&visit, nullptr};
-	ostrel_error_t result = ostrel_db_walk(
-	    db_, list.get(), exact ? OSTREL_FLAG_EXACT_MATCH : 0, visit_object, nullptr, &state, nullptr);
+	ostrel_error_t result =
+	    ostrel_db_walk(db_, ids.get(), exact ? OSTREL_FLAG_EXACT_MATCH : 0, visit_object, nullptr, &state, nullptr);
 	if (state.thrown)
 		std::rethrow_exception(state.thrown);
 	return result;
@@ -280,25 +357,89 @@ void Database::walk(const Identifiers &id, bool exact, const Visit &visit)
 	if (!id.empty())
 		require_selection();
 	ostrel_error_t result = try_walk(id, exact, visit);
-	if (result == OSTREL_INVALID_ARG)
-		explain_unread(id);
 	if (result != OSTREL_SUCCESS)
-		fail(result, "can't be read");
+		fail_walk(result, id);
 }
 
-// What makes a read of groups an invalid argument. Comes back where it isn't one of groups.
-void Database::explain_unread(const Identifiers &id) const
+void Database::fail_walk(ostrel_error_t result, const Identifiers &id)
 {
-	if (!back_->repository && !(back_->served && names_groups(id)))
-		return;
-	if (find_identifier(id, group_name_key) != nullptr) {
-		if (std::optional<Failure> bad = why_bad_path(id))
-			throw bad->in(label_);
+	if (is_unreadable(result, id))
+		explain_unread(id);
+	fail(result, "can't be read");
+}
+
+namespace {
+
+// The identifiers that choose the level alone.
+Identifiers level_of(const Identifiers &id)
+{
+	const std::string *level = find_identifier(id, level_key);
+	return level == nullptr ? Identifiers() : Identifiers{{level_key, *level}};
+}
+
+} // namespace
+
+// Whether a read that failed so met a group that can't be read, in a store that answers: no group has this type. Throws
+// Failure for a level that isn't there.
+bool Database::is_unreadable(ostrel_error_t result, const Identifiers &id)
+{
+	if ((result != OSTREL_INVALID_ARG && result != OSTREL_FAILURE) || !holds_groups())
+		return false;
+	Identifiers nothing = level_of(id);
+	nothing.emplace_back(group_type_key, "\x01");
+	const ostrel_error_t answer = walk_once(nothing, false, [](Object &&) {});
+	if (answer == OSTREL_INVALID_ARG)
+		throw Failure(Exit::invalid,
+		    fmt::format("{} is neither the service of this instance nor an instance of this service",
+			id_text(level_of(id))))
+		    .in(label_);
+	return answer == OSTREL_SUCCESS;
+}
+
+Failure Database::unreadable(const Identifiers &id) const
+{
+	return Failure(Exit::invalid,
+	    fmt::format("{} can't be read: a property there has more than 128 values, an empty one among several, or a "
+			"type that isn't read",
+		names_groups(id) ? id_text(id) : "a group"))
+	    .in(label_)
+	    .next("ostrel put replaces the properties of a group, ostrel remove removes it");
+}
+
+// Which group it was that couldn't be read, as far as that can be told.
+void Database::explain_unread(const Identifiers &id)
+{
+	const bool named = find_identifier(id, group_name_key) != nullptr;
+	if (std::optional<Failure> bad = named ? why_bad_path(id) : why_bad_pattern(id))
+		throw bad->in(label_);
+	if (named)
+		throw unreadable(id);
+	for (const std::string &name : group_names(id).value_or(std::vector<std::string>())) {
+		Identifiers one = level_of(id);
+		one.emplace_back(group_name_key, name);
+		if (look(one).there && !look(one).object)
+			throw unreadable(one);
 	}
-	throw Failure(Exit::invalid,
-	    fmt::format("{} can't be read: a property there has more than 128 values, or a type that isn't read",
-		id.empty() ? "a group" : id_text(id)))
-	    .in(label_);
+	throw unreadable(id);
+}
+
+// The names of all groups, also of those that can't be read. Nothing where the tool can't list them itself.
+std::optional<std::vector<std::string>> Database::group_names(const Identifiers &id) const
+{
+	if (!back_->repository || (enclave_ != 0 && enclave_ != getenclaveid()))
+		return std::nullopt;
+	const std::string *level = find_identifier(id, level_key);
+	return list_groups(level == nullptr ? name_ : *level);
+}
+
+std::optional<size_t> Database::count()
+{
+	if (!readable())
+		return std::nullopt;
+	if (std::optional<std::vector<std::string>> names = group_names())
+		return names->size();
+	std::optional<std::vector<Object>> all = objects_if_any();
+	return all ? std::optional(all->size()) : std::nullopt;
 }
 
 std::vector<Object> Database::objects(const Identifiers &id, bool exact)
@@ -314,30 +455,70 @@ std::optional<std::vector<Object>> Database::objects_if_any(const Identifiers &i
 	ostrel_error_t result = try_walk(id, exact, [&](Object &&object) { all.push_back(std::move(object)); });
 	if (result == OSTREL_NOT_FOUND)
 		return std::nullopt;
-	if (result == OSTREL_INVALID_ARG)
-		explain_unread(id);
 	if (result != OSTREL_SUCCESS)
-		fail(result, "can't be read");
+		fail_walk(result, id);
 	return all;
+}
+
+ostrel_error_t Database::read(const Identifiers &id, std::optional<Object> *object)
+{
+	List ids = list(id);
+	attrlist_t *props = nullptr;
+	ostrel_error_t result = ostrel_db_read(db_, ids.get(), 0, &props);
+	List owned(props);
+	if (result == OSTREL_SUCCESS)
+		*object = object_from_lists(ids.get(), props);
+	return result;
 }
 
 std::optional<Object> Database::find(const Identifiers &id)
 {
-	List list = id_list(id);
-	attrlist_t *props = nullptr;
-	ostrel_error_t result = ostrel_db_read(db_, list.get(), 0, &props);
-	if (result == OSTREL_NOT_FOUND)
-		return std::nullopt;
-	if (result == OSTREL_INVALID_ARG)
-		explain_unread(id);
+	std::optional<Object> object;
+	ostrel_error_t result = read(id, &object);
+	if (result == OSTREL_SUCCESS || result == OSTREL_NOT_FOUND)
+		return object;
+	if (is_unreadable(result, id)) {
+		if (std::optional<Failure> bad = why_bad_path(id))
+			throw bad->in(label_);
+		throw unreadable(id);
+	}
 	if (result == OSTREL_INVALID_ARG && objects(id, true).size() > 1)
 		throw Failure(Exit::invalid, fmt::format("several objects have the identifiers {}", id_text(id)))
 		    .in(label_)
 		    .next(fmt::format("ostrel check {} names their lines", label_));
-	if (result != OSTREL_SUCCESS)
+	fail(result, fmt::format("{} can't be read", id_text(id)));
+}
+
+Look Database::look(const Identifiers &id)
+{
+	Look found;
+	if (!is_group(id)) {
+		std::optional<std::vector<Object>> same = objects_if_any(id, true);
+		found.there = same && !same->empty();
+		if (found.there)
+			found.object = std::move(same->front());
+		return found;
+	}
+	if (std::optional<Failure> bad = why_bad_path(id))
+		throw bad->in(label_);
+	ostrel_error_t result = read(id, &found.object);
+	found.there = result != OSTREL_NOT_FOUND;
+	if (found.there && !found.object && !is_unreadable(result, id))
 		fail(result, fmt::format("{} can't be read", id_text(id)));
-	List owned(props);
-	return object_from_lists(list.get(), props);
+	return found;
+}
+
+// A repository that has no such name gives one that differs in case alone.
+bool Database::is_gone(const Identifiers &id)
+{
+	if (!is_group(id))
+		return !find(id);
+	const Look now = look(id);
+	if (!now.object)
+		return !now.there;
+	const std::string *name = find_identifier(id, group_name_key);
+	const std::string *name_now = find_identifier(now.object->id, group_name_key);
+	return name != nullptr && name_now != nullptr && *name != *name_now;
 }
 
 Object Database::get(const Identifiers &id)
@@ -357,6 +538,16 @@ Object Database::get(const Identifiers &id)
 				"ostrel walk {}{}",
 			near.size(), label_, shell_words(id)));
 	throw missing.in(label_);
+}
+
+Object Database::get_for_update(const Identifiers &id)
+{
+	if (!is_group(id))
+		return get(id);
+	Look found = look(id);
+	if (found.there && !found.object)
+		return {id, {}};
+	return found.there ? std::move(*found.object) : get(id);
 }
 
 bool Database::allowed(bool write)
@@ -402,9 +593,9 @@ void Database::require_updates(Loss loss)
 }
 
 // What the library refuses though the object itself can be stored.
-Failure Database::refused(const Identifiers &id, const Object *object) const
+Failure Database::refused(const Identifiers &id, const Object *object)
 {
-	if (back_->repository || (back_->served && names_groups(id)))
+	if (is_group(id) || (back_->served && names_groups(id)))
 		return why_refused(id, object);
 	if (back_->served) {
 		try {
@@ -426,11 +617,42 @@ Failure Database::refused(const Identifiers &id, const Object *object) const
 	    .next(fmt::format("ostrel check {} tells which lines are damaged", label_));
 }
 
+void Database::check_group(const Object &object, const Look &before)
+{
+	if (!is_group(object.id))
+		return;
+	(void) list(object.id); // what can't be an identifier
+	const Object *stored = before.object ? &*before.object : nullptr;
+	if (std::optional<Failure> why = why_unstorable(object, stored, !before.there))
+		throw why->in(label_);
+	if (std::string loss = group_loss(object, stored); !loss.empty())
+		warn(Failure(Exit::done, fmt::format("{}: {}", id_text(object.id), loss)).in(label_));
+}
+
+void Database::check_group_rename(const Identifiers &from, const Identifiers &to)
+{
+	if (!is_group(from))
+		return;
+	if (std::optional<Failure> why = why_unnamable(from, to))
+		throw why->in(label_);
+	std::vector<Identifiers> all;
+	if (std::optional<std::vector<std::string>> names = group_names(from)) {
+		for (const std::string &name : *names)
+			all.push_back({{group_name_key, name}});
+	} else {
+		for (Object &object : objects(level_of(from)))
+			all.push_back(std::move(object.id));
+	}
+	if (std::any_of(all.begin(), all.end(), [&](const Identifiers &id) { return is_below(id, from); }))
+		throw Failure(Exit::invalid, "a group that holds groups can't be renamed").in(label_);
+}
+
 void Database::put(const Object &object)
 {
-	List list = id_list(object.id);
+	List ids = list(object.id);
 	List props = props_list(object.props);
-	ostrel_error_t result = ostrel_db_write(db_, list.get(), 0, props.get());
+	updated_ = true;
+	ostrel_error_t result = ostrel_db_write(db_, ids.get(), 0, props.get());
 	if (result == OSTREL_INVALID_ARG)
 		throw refused(object.id, &object).in(label_);
 	if (result != OSTREL_SUCCESS)
@@ -439,8 +661,9 @@ void Database::put(const Object &object)
 
 void Database::rename(const Identifiers &from, const Identifiers &to)
 {
-	List old_list = id_list(from);
-	List new_list = id_list(to);
+	List old_list = list(from);
+	List new_list = list(to);
+	updated_ = true;
 	ostrel_error_t result = ostrel_db_rename(db_, old_list.get(), 0, new_list.get());
 	if (result == OSTREL_INVALID_ARG)
 		throw refused(to).in(label_);
@@ -450,23 +673,34 @@ void Database::rename(const Identifiers &from, const Identifiers &to)
 
 void Database::remove(const Identifiers &id)
 {
-	List list = id_list(id);
-	ostrel_error_t result = ostrel_db_remove(db_, list.get(), 0);
+	List ids = list(id);
+	updated_ = true;
+	ostrel_error_t result = ostrel_db_remove(db_, ids.get(), 0);
 	if (result == OSTREL_INVALID_ARG)
 		throw refused(id).in(label_);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be removed", id_text(id)));
 }
 
+// What lies below a group goes with it.
 void Database::destroy()
 {
-	if (back_->repository) {
-		Identifiers top = {{group_type_key, "*"}}; // what lies below goes with it
-		for (const Object &object : objects(top))
-			remove(object.id);
+	if (!holds_groups()) {
+		ostrel_error_t result = ostrel_db_remove(db_, nullptr, 0);
+		if (result == OSTREL_INVALID_ARG && back_->served && !readable())
+			throw Failure(Exit::invalid, "the server refuses to remove everything at once")
+			    .in(label_)
+			    .next("a repository is emptied group by group, which needs the right to read, too");
+		if (result != OSTREL_SUCCESS)
+			fail(result, "can't be removed");
 		return;
 	}
-	ostrel_error_t result = ostrel_db_remove(db_, nullptr, 0);
-	if (result != OSTREL_SUCCESS)
-		fail(result, "can't be removed");
+	if (std::optional<std::vector<std::string>> names = group_names()) {
+		for (const std::string &name : *names)
+			if (name.find('/') == std::string::npos)
+				remove({{group_name_key, name}});
+		return;
+	}
+	for (const Object &object : objects({{group_type_key, "*"}}))
+		remove(object.id);
 }

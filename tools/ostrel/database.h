@@ -11,6 +11,7 @@
 
 #include "failure.h"
 #include "object.h"
+#include "repository.h"
 
 // A kind of store.
 struct BackEnd {
@@ -22,6 +23,12 @@ struct BackEnd {
 	bool defers;     // an update may be put off, and land later
 	bool served;     // another process owns the database, and decides who may do what
 	bool repository; // objects are groups, named by their paths, and walked by type
+};
+
+// Whether an object is there, and the object, unless it can't be read.
+struct Look {
+	bool there = false;
+	std::optional<Object> object;
 };
 
 class Database {
@@ -40,6 +47,19 @@ public:
 	std::optional<Object> find(const Identifiers &id);
 	// The same; a missing object is a Failure that says what is there instead.
 	Object get(const Identifiers &id);
+	// The same for an update that doesn't need the properties: without them if they can't be read.
+	Object get_for_update(const Identifiers &id);
+	Look look(const Identifiers &id);
+	// Whether the object is gone, and what its identifiers name now, if anything, is another one.
+	bool is_gone(const Identifiers &id);
+	// Whether the objects are groups of a repository, here or behind the server.
+	bool holds_groups();
+	// The number of objects; nothing if there is no database, or the caller may not read it.
+	std::optional<size_t> count();
+
+	// Throw Failure if the store would refuse it, or nobody could read it there. What isn't a group they don't know.
+	void check_group(const Object &object, const Look &before);
+	void check_group_rename(const Identifiers &from, const Identifiers &to);
 
 	// Whether the server lets the caller read, or update. Where there is none, it does. Throws Failure if it can't be asked.
 	bool allowed(bool write);
@@ -52,6 +72,8 @@ public:
 	void rename(const Identifiers &from, const Identifiers &to);
 	void remove(const Identifiers &id);
 	void destroy();
+	// Updates that haven't landed are given up: the end doesn't wait for them.
+	void give_up() { given_up_ = true; }
 	// As objects(), or nothing if the database isn't there yet.
 	std::optional<std::vector<Object>> objects_if_any(const Identifiers &id = {}, bool exact = false);
 
@@ -67,12 +89,20 @@ public:
 
 private:
 	void require_selection() const;
-	Failure refused(const Identifiers &id, const Object *object = nullptr) const;
+	List list(const Identifiers &id) const;
+	bool is_group(const Identifiers &id) { return back_->repository || (names_groups(id) && holds_groups()); }
+	bool is_unreadable(ostrel_error_t result, const Identifiers &id);
+	Failure unreadable(const Identifiers &id) const;
+	std::optional<std::vector<std::string>> group_names(const Identifiers &id = {}) const;
+	ostrel_error_t read(const Identifiers &id, std::optional<Object> *object);
+	Failure refused(const Identifiers &id, const Object *object = nullptr);
 	[[noreturn]] void fail(ostrel_error_t result, const std::string &what);
 	void fail_repository(ostrel_error_t result, const std::string &what);
-	void explain_unread(const Identifiers &id) const;
+	[[noreturn]] void fail_walk(ostrel_error_t result, const Identifiers &id);
+	void explain_unread(const Identifiers &id);
 	ostrel_error_t walk_once(const Identifiers &id, bool exact, const Visit &visit);
 	ostrel_error_t walk_levels(const Identifiers &id, bool exact, const Visit &visit);
+	ostrel_error_t walk_groups(const Identifiers &id, bool exact, const Visit &visit);
 	ostrel_error_t try_walk(const Identifiers &id, bool exact, const Visit &visit);
 
 	std::string label_;
@@ -82,6 +112,12 @@ private:
 	bool case_sensitive_;
 	ostrel_db_t db_ = nullptr;
 	std::optional<bool> readable_;
+	std::optional<bool> holds_groups_;
+	bool updated_ = false;
+	bool given_up_ = false;
 };
+
+// Whether a handle had to be left to an update that still runs: the process then ends as it stands.
+bool updates_left_running();
 
 #endif

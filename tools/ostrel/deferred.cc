@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include <fmt/format.h>
@@ -35,33 +33,7 @@ bool wait_for(const std::function<bool()> &landed)
 	return false;
 }
 
-size_t update_threads()
-{
-	size_t count = 0;
-	std::error_code failed;
-	for (auto task = std::filesystem::directory_iterator("/proc/self/task", failed);
-	     !failed && task != std::filesystem::directory_iterator(); task.increment(failed)) {
-		std::string name;
-		std::ifstream comm(task->path() / "comm");
-		count += std::getline(comm, name) && name == "ostrel_update" ? 1 : 0;
-	}
-	return count;
-}
-
 } // namespace
-
-// One listing may pass over threads while others end, as those of a hatch do that is revoked: none counts only if it is
-// said again.
-size_t own_deferred_updates()
-{
-	constexpr int listings = 5;
-	size_t count = update_threads();
-	for (int i = 1; i < listings && count == 0; i++) {
-		std::this_thread::sleep_for(std::chrono::milliseconds(5));
-		count = update_threads();
-	}
-	return count;
-}
 
 bool is_stored_form(const Object &written, const Object &stored)
 {
@@ -86,11 +58,16 @@ void await_update(Database &database, const Options &options, const std::functio
 		: fmt::format("the update is deferred: the store can't be written now; waiting up to {} s for it",
 		      longest_deferral.count()))
 		 .in(database.label()));
-	if (options.no_wait || !wait_for(landed))
-		throw Failure(
-		    Exit::deferred, "the update hasn't landed, or somebody else changed the same object meanwhile")
-		    .in(database.label())
-		    .next("the store's server goes on trying for a while, and logs how it ends");
+	if (!options.no_wait && wait_for(landed))
+		return;
+	database.give_up();
+	const bool is_served = database.back_end().served;
+	throw Failure(Exit::deferred,
+	    is_served ? "the update hasn't landed, or somebody else changed the same object meanwhile"
+		      : "the update hasn't landed, and is given up, or somebody else changed the same object meanwhile")
+	    .in(database.label())
+	    .next(is_served ? "the store's server goes on trying for a while, and logs how it ends"
+			    : "no server goes on trying: run the command again when the store can be written");
 }
 
 void await_object(Database &database, const Options &options, const Object &object)

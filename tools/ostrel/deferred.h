@@ -11,9 +11,6 @@
 // A store tries 100 times, a second apart, before it gives up.
 inline constexpr std::chrono::seconds longest_deferral(110);
 
-// How many updates of this process are put off at the moment: each has a thread of the library's.
-size_t own_deferred_updates();
-
 // Waits until `landed` says so, if the database is one that can defer and the caller may read it; says that it waits.
 // Throws Failure (deferred) when the time is over: the store gives up after about that time, too.
 void await_update(Database &database, const Options &options, const std::function<bool()> &landed);

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "command.h"
+#include "database.h"
 #include "failure.h"
 #include "shared/standard_streams.h"
 
@@ -128,7 +129,12 @@ int main(int argc, char **argv)
 	// A reader that has seen enough ends the tool quietly, also where its starter ignored the signal.
 	(void) std::signal(SIGPIPE, SIG_DFL);
 	try {
-		return static_cast<int>(run_safely(argc, argv));
+		const Exit code = run_safely(argc, argv);
+		if (updates_left_running()) {
+			(void) std::fflush(nullptr); // was flushed and looked at before
+			_exit(static_cast<int>(code));
+		}
+		return static_cast<int>(code);
 	} catch (...) {
 		return static_cast<int>(Exit::failure); // not even the message could be printed
 	}

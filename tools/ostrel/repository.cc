@@ -12,12 +12,24 @@ namespace {
 
 constexpr size_t levels_max = 8;
 constexpr size_t path_max = RPY_NAME_MAX - 1;
+constexpr size_t values_max = 128; // that can be read
 
 std::string trimmed(const std::string &path)
 {
 	size_t begin = path.find_first_not_of('/');
 	size_t end = path.find_last_not_of('/');
 	return begin == std::string::npos ? std::string() : path.substr(begin, end - begin + 1);
+}
+
+std::vector<std::string> components(const std::string &path)
+{
+	const std::string text = trimmed(path);
+	std::vector<std::string> all;
+	for (size_t at = 0, end = 0; !text.empty() && end != std::string::npos; at = end + 1) {
+		end = text.find('/', at);
+		all.push_back(text.substr(at, end - at));
+	}
+	return all;
 }
 
 size_t levels_of(const std::string &path)
@@ -42,9 +54,80 @@ std::vector<std::string> stored_texts(const Property &property)
 	return texts;
 }
 
-struct DestroyHandle {
+// Values of the kinds don't turn into each other.
+std::string_view kind_of(const ValueType &type)
+{
+	return type.numeric ? "numbers" : type.quoted ? "strings" : "booleans";
+}
+
+std::optional<Failure> why_bad_property(const Property &property, const Property *stored)
+{
+	if (property.name.size() > path_max || property.name.find('/') != std::string::npos)
+		return Failure(
+		    Exit::invalid, fmt::format("{} can't be the name of a property", property.name.substr(0, 40)))
+		    .next(fmt::format("a repository takes {} bytes without a /", path_max));
+	if (property.values.size() > values_max)
+		return Failure(Exit::invalid, fmt::format("the property {} has {} values; {} could be read again",
+						  property.name, property.values.size(), values_max));
+	if (property.values.size() > 1 && property.type->quoted &&
+	    std::any_of(property.values.begin(), property.values.end(), [](const auto &text) { return text.empty(); }))
+		return Failure(Exit::invalid,
+		    fmt::format("the property {} has an empty value among several, which couldn't be read again",
+			property.name));
+	if (stored != nullptr && kind_of(*stored->type) != kind_of(*property.type))
+		return Failure(Exit::invalid,
+		    fmt::format("the property {} is stored already with values of another kind: {}, not {}",
+			property.name, kind_of(*stored->type), kind_of(*property.type)))
+		    .next("ostrel unset takes a property away first");
+	return std::nullopt;
+}
+
+// A path of types for a group that is new. Which of the levels above are there already isn't known.
+std::optional<Failure> why_bad_types(const Identifiers &id)
+{
+	const std::string *name = find_identifier(id, group_name_key), *type = find_identifier(id, group_type_key);
+	const std::vector<std::string> types = components(type == nullptr ? "" : *type);
+	const size_t levels = levels_of(*name);
+	if (types.size() < levels || types[levels - 1].empty())
+		return Failure(Exit::invalid, "a group that is new needs a type for each level of its path")
+		    .next(fmt::format("add object-pgtype=TYPE{}", levels > 1 ? "/TYPE..." : ""));
+	if (types[levels - 1].find('*') != std::string::npos)
+		return Failure(Exit::invalid, "a type has no '*': that is for the types of a walk");
+	return why_bad_pattern(id);
+}
+
+struct Destroy {
 	void operator()(rpy_handle_t *handle) const { rpy_handle_destroy(handle); }
+	void operator()(rpy_service_t *service) const { rpy_service_destroy(service); }
+	void operator()(rpy_instance_t *instance) const { rpy_instance_destroy(instance); }
+	void operator()(rpy_propertygroup_t *group) const { rpy_pg_destroy(group); }
+	void operator()(rpy_iter_t *iter) const { rpy_iter_destroy(iter); }
 };
+template <typename T>
+using Owned = std::unique_ptr<T, Destroy>;
+
+// Adds the groups that an iterator gives, each with those below it. A group that goes meanwhile has none.
+bool add_groups(rpy_handle_t *handle, rpy_iter_t *iter, const std::string &above, std::vector<std::string> &paths)
+{
+	Owned<rpy_propertygroup_t> group(rpy_pg_create(handle));
+	Owned<rpy_iter_t> below(rpy_iter_create(handle));
+	if (!group || !below)
+		return false;
+	int step;
+	while ((step = rpy_iter_next_pg(iter, group.get())) == 1) {
+		char name[RPY_NAME_MAX];
+		if (rpy_pg_get_name(group.get(), name, sizeof(name)) < 0)
+			return false;
+		paths.push_back(above + name);
+		if (rpy_iter_pg_pgs(below.get(), group.get()) == 0) {
+			if (!add_groups(handle, below.get(), above + name + "/", paths))
+				return false;
+		} else if (rpy_error() != RPY_ERROR_DELETED) {
+			return false;
+		}
+	}
+	return step == 0;
+}
 
 } // namespace
 
@@ -74,6 +157,22 @@ bool is_below(const Identifiers &id, const Identifiers &above)
 	return name != nullptr && top != nullptr && trimmed(*name).rfind(trimmed(*top) + "/", 0) == 0;
 }
 
+size_t group_depth(const Identifiers &id)
+{
+	const std::string *name = find_identifier(id, group_name_key);
+	return name == nullptr ? 0 : levels_of(*name);
+}
+
+bool fits_types(const std::string &types, const std::string &pattern)
+{
+	const std::vector<std::string> there = components(types), wanted = components(pattern);
+	return std::equal(there.begin(), there.end(), wanted.begin(), wanted.end(),
+	    [](const std::string &type, const std::string &asked) {
+		    const size_t star = asked.find('*');
+		    return star == std::string::npos ? type == asked : type.compare(0, star, asked, 0, star) == 0;
+	    });
+}
+
 bool is_repository_form(const Object &written, const Object &stored)
 {
 	return written.props.size() == stored.props.size() &&
@@ -96,17 +195,64 @@ std::optional<Failure> why_bad_path(const Identifiers &id)
 				       name->substr(0, 40), levels_max, path_max));
 	if (name->find('*') != std::string::npos)
 		return Failure(Exit::invalid, "a name has no '*': that is for the types of a walk");
+	if (trimmed(*name).find("//") != std::string::npos)
+		return Failure(Exit::invalid, "a path has no empty names");
 	return std::nullopt;
+}
+
+std::optional<Failure> why_bad_pattern(const Identifiers &id)
+{
+	const std::string *type = find_identifier(id, group_type_key);
+	if (type == nullptr || (type->size() <= path_max && levels_of(*type) >= 1 && levels_of(*type) <= levels_max))
+		return std::nullopt;
+	return Failure(Exit::invalid,
+	    fmt::format("a path of types has 1 to {} levels and {} bytes at most", levels_max, path_max));
+}
+
+std::optional<Failure> why_unstorable(const Object &object, const Object *stored, bool is_new)
+{
+	if (std::optional<Failure> bad = why_bad_path(object.id))
+		return bad;
+	if (is_new) {
+		if (std::optional<Failure> bad = why_bad_types(object.id))
+			return bad;
+	}
+	for (const Property &property : object.props) {
+		const Property *before = stored == nullptr ? nullptr : stored->find(property.name);
+		if (std::optional<Failure> bad = why_bad_property(property, before))
+			return bad;
+	}
+	return std::nullopt;
+}
+
+std::optional<Failure> why_unnamable(const Identifiers &from, const Identifiers &to)
+{
+	if (std::optional<Failure> bad = why_bad_path(to))
+		return bad;
+	const std::string *level = find_identifier(from, level_key), *new_level = find_identifier(to, level_key);
+	const bool one_level = level == nullptr ? new_level == nullptr : new_level != nullptr && *level == *new_level;
+	if (one_level && is_below(to, from))
+		return Failure(Exit::invalid, "a group can't be put below itself");
+	return why_bad_types(to);
+}
+
+std::string group_loss(const Object &object, const Object *stored)
+{
+	const std::string *wanted = find_identifier(object.id, group_type_key);
+	const std::string *kept = stored == nullptr ? nullptr : find_identifier(stored->id, group_type_key);
+	if (wanted != nullptr && kept != nullptr && trimmed(*wanted) != *kept)
+		return fmt::format("the group is there, and keeps its types: {}", *kept);
+	if (wanted != nullptr && wanted->size() == path_max)
+		return fmt::format("its path of types may have been cut: it has {} bytes", path_max);
+	return "";
 }
 
 Failure why_refused(const Identifiers &id, const Object *object)
 {
 	if (std::optional<Failure> bad = why_bad_path(id))
 		return *bad;
-	const std::string *name = find_identifier(id, group_name_key), *type = find_identifier(id, group_type_key);
-	if (type == nullptr || levels_of(*type) < levels_of(*name))
-		return Failure(Exit::invalid, "a group that is new needs a type for each level of its path")
-		    .next(fmt::format("add object-pgtype=TYPE{}", levels_of(*name) > 1 ? "/TYPE..." : ""));
+	if (std::optional<Failure> bad = why_bad_types(id))
+		return *bad;
 	if (object == nullptr)
 		return {Exit::invalid, "a group that holds groups can't be renamed, and none can be put below itself"};
 	return Failure(
@@ -116,11 +262,32 @@ Failure why_refused(const Identifiers &id, const Object *object)
 
 std::optional<Failure> repository_unreachable()
 {
-	std::unique_ptr<rpy_handle_t, DestroyHandle> handle(rpy_handle_create(RPY_CLIENT_VERSION));
+	Owned<rpy_handle_t> handle(rpy_handle_create(RPY_CLIENT_VERSION));
 	if (!handle || rpy_handle_bind(handle.get()) == 0)
 		return std::nullopt;
 	if (rpy_error() == RPY_ERROR_PERMISSION_DENIED)
 		return Failure(Exit::permission, "the repository daemon's hatch can't be opened: permission denied");
 	return Failure(Exit::no_connection, fmt::format("no repository: {}", rpy_strerror(rpy_error())))
 	    .next("start the daemon: systemctl start cairn-configd");
+}
+
+std::optional<std::vector<std::string>> list_groups(const std::string &locator)
+{
+	Owned<rpy_handle_t> handle(rpy_handle_create(RPY_CLIENT_VERSION));
+	if (!handle || rpy_handle_bind(handle.get()) != 0)
+		return std::nullopt;
+	const bool is_instance = locator.find(':') != std::string::npos;
+	Owned<rpy_service_t> service(rpy_service_create(handle.get()));
+	Owned<rpy_instance_t> instance(rpy_instance_create(handle.get()));
+	Owned<rpy_iter_t> iter(rpy_iter_create(handle.get()));
+	if (!service || !instance || !iter ||
+	    rpy_handle_decode_locator(handle.get(), locator.c_str(), nullptr, service.get(),
+		is_instance ? instance.get() : nullptr, nullptr, nullptr, 0) != 0)
+		return std::nullopt;
+	std::vector<std::string> paths;
+	const int begun = is_instance ? rpy_iter_instance_pgs(iter.get(), instance.get())
+				      : rpy_iter_service_pgs(iter.get(), service.get());
+	if (begun != 0 || !add_groups(handle.get(), iter.get(), "", paths))
+		return std::nullopt;
+	return paths;
 }

@@ -4,12 +4,15 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "failure.h"
 #include "object.h"
 
 inline constexpr const char *group_name_key = "object-pgname";
 inline constexpr const char *group_type_key = "object-pgtype";
+inline constexpr const char *level_key = "object-db-name"; // the instance or service that an operation goes to instead
+inline constexpr const char *enclave_key = "object-db-enclave";
 
 // The value of an identifier; NULL if it isn't there.
 const std::string *find_identifier(const Identifiers &id, const char *key);
@@ -20,17 +23,34 @@ bool names_groups(const Identifiers &id);
 Identifiers group_of(const Identifiers &id);
 // Whether a group lies below another one.
 bool is_below(const Identifiers &id, const Identifiers &above);
+// How many names its path has; 0 for what is no group.
+size_t group_depth(const Identifiers &id);
+// Whether a path of types is what a pattern asks for.
+bool fits_types(const std::string &types, const std::string &pattern);
 
 // Whether what is stored is what was written, in the repository's form: numbers of 64 bits, properties in any order.
 bool is_repository_form(const Object &written, const Object &stored);
 
 // What is wrong with the path of an object's name; nothing if it can be one.
 std::optional<Failure> why_bad_path(const Identifiers &id);
+// What is wrong with the pattern of types in identifiers; nothing if it can be one.
+std::optional<Failure> why_bad_pattern(const Identifiers &id);
+
+// Why a repository can't hold an object, or nobody could read it there. `stored` is the group as it is, or NULL.
+std::optional<Failure> why_unstorable(const Object &object, const Object *stored, bool is_new);
+// The same for the new identifiers of a group.
+std::optional<Failure> why_unnamable(const Identifiers &from, const Identifiers &to);
+// How the stored form of a group will differ from what was asked for; empty if it won't.
+std::string group_loss(const Object &object, const Object *stored);
 
 // Why a repository refuses an object that the library calls an invalid argument. Without properties: a rename.
 Failure why_refused(const Identifiers &id, const Object *object);
 
 // Why the repository of this enclave can't be asked; nothing if it can.
 std::optional<Failure> repository_unreachable();
+
+// The paths of names of all groups of a service or an instance of this enclave, each before those below it. Nothing if they
+// can't be listed. It also has groups that can't be read.
+std::optional<std::vector<std::string>> list_groups(const std::string &locator);
 
 #endif

@@ -60,12 +60,35 @@ typedef union trl_event_data {
 #define TRL_TEXT_MAX 4095
 
 /*
+ * Is told of a record: its event, its object, and its outcome as trl_put_event() got them.
+ *
+ * Owns:    the object and its texts are the record's, and go when the call returns.
+ */
+typedef void trl_watcher_t(void *cookie, trl_event_t event, const trl_object_t *object, int status, int retval);
+
+/*
+ * Sets the one watcher of this process, in place of the one before. It is told of each record that trl_put_event() is
+ * asked to write, before that, whether the kernel takes it or not. While there is a watcher, a session can be started on a
+ * host without a way to the audit log, too.
+ *
+ * NULL takes the watcher back: when this returns, no call of it runs, nor comes any more.
+ *
+ * Owns:    nothing; `cookie` is given to each call.
+ * Errors:  none.
+ * Threads: any. The watcher is called on any thread that writes a record, one call at a time; it can't be cancelled there.
+ *          It calls neither this function nor trl_put_event(), which would wait for its own end.
+ * Forks:   a forked child has no watcher, until it sets one.
+ */
+void trl_watch(trl_watcher_t *watcher, void *cookie);
+
+/*
  * Opens a way to the audit log. `imported` and `flags` mean nothing here: NULL and 0.
  *
  * Owns:    *session is new, one descriptor; end it with trl_end_session(). Untouched on failure.
  * Errors:  -1 with errno  EINVAL   session is NULL, or one of the others isn't NULL or 0
  *                         ENOTSUP  this host has no libaudit.so.1
  *                         ENOMEM, or what opening a socket to the kernel's audit gave
+ *          ENOTSUP and what the socket gave are those of trl_put_event() instead, if there is a watcher
  * Threads: any. A session is used by one thread at a time.
  */
 int trl_start_session(trl_session_data_t **session, const void *imported, unsigned int flags);
