@@ -108,8 +108,7 @@ std::string proc_text(pid_t pid, const char *name)
 	return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-// The argument behind `option` on a process's command line, as the daemon takes it.
-std::string argument_of(pid_t pid, const std::string &option)
+std::vector<std::string> command_line(pid_t pid)
 {
 	std::string text = proc_text(pid, "cmdline");
 	std::vector<std::string> words;
@@ -118,6 +117,12 @@ std::string argument_of(pid_t pid, const std::string &option)
 		words.push_back(text.substr(begin, end == text.npos ? end : end - begin));
 		begin = end == text.npos ? text.size() : end + 1;
 	}
+	return words;
+}
+
+// The argument behind `option` on a process's command line, as the daemon takes it.
+std::string argument_of(const std::vector<std::string> &words, const std::string &option)
+{
 	for (size_t i = 0; i < words.size(); i++) {
 		if (words[i] == option && i + 1 < words.size())
 			return words[i + 1];
@@ -281,12 +286,13 @@ Failure look_at_holder(pid_t holder, int file, const Start &start, Look *look)
 {
 	*look = Look::wait;
 	const bool is_one = is_daemon(holder);
-	if (proc_text(holder, "cmdline").empty()) // it is ending: its memory has gone, its locks go next
+	const std::vector<std::string> words = command_line(holder);
+	if (words.empty()) // it is ending: its memory has gone, its locks go next
 		return {};
 	if (!is_one)
 		return {EBUSY,
 		    start.file + ": process " + std::to_string(holder) + ", which is no repository daemon, holds it"};
-	const std::string held_for = argument_of(holder, "-d");
+	const std::string held_for = argument_of(words, "-d");
 	if (is_private(start.hatch) && !is_private(held_for))
 		return {EBUSY, gives_no_way(start.file, holder, held_for)};
 	const Server server = server_at(start.hatch, holder);
@@ -294,8 +300,10 @@ Failure look_at_holder(pid_t holder, int file, const Start &start, Look *look)
 		*look = Look::served;
 	if (server == Server::ours || server == Server::silent)
 		return {};
-	// It has just begun. An older one doesn't serve this hatch, even if it once did: somebody has removed the file.
-	if (may_be_for(held_for, start.hatch) && is_young(holder))
+	// It has just begun, or takes its time in the foreground, where nobody gives a start up. Any other that is older doesn't
+	// serve this hatch, even if it once did: somebody has removed the file.
+	const bool in_foreground = std::find(words.begin(), words.end(), "-f") != words.end();
+	if (may_be_for(held_for, start.hatch) && (in_foreground || is_young(holder)))
 		return {};
 	if (Failure failure = start.can_serve(start.hatch))
 		return failure;

@@ -51,13 +51,16 @@ std::string_view blob_of(sqlite3_stmt *statement, int column)
 	return {static_cast<const char *>(data), static_cast<size_t>(sqlite3_column_bytes(statement, column))};
 }
 
-// What a database consists of: the statements that made it. SQLite's own tables aside, which an operator's `analyze` makes.
+// What a database consists of: the statements that made it, but those of the tables that an operator's `analyze` makes.
+// Names tell nothing: whoever writes a file gives them.
 int schema_of(sqlite3 *database, std::string *text)
 {
 	Statement rows;
 	int code = sqlite3_prepare_v2(database,
-	    "select ifnull(sql, type) from sqlite_schema where name not like 'sqlite^_%' escape '^' order by name", -1,
-	    rows.out(), nullptr);
+	    "select sql from sqlite_schema where sql is not null and sql not in ("
+	    "'CREATE TABLE sqlite_stat1(tbl,idx,stat)', 'CREATE TABLE sqlite_stat4(tbl,idx,neq,nlt,ndlt,sample)')"
+	    " order by name, sql",
+	    -1, rows.out(), nullptr);
 	while (code == SQLITE_OK && (code = sqlite3_step(rows.get())) == SQLITE_ROW) {
 		*text += std::string(blob_of(rows.get(), 0)) + ";";
 		code = SQLITE_OK;

@@ -139,6 +139,14 @@ TEST_F(ConfigdStore, NothingOfTheFilesOwnRunsInTheDaemon)
 		const std::string name = words.substr(0, words.find(' ', words.find(' ') + 1));
 		ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "drop " + name));
 	}
+	// A name that SQLite keeps for itself makes nothing its own.
+	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "create index evil on nodes(length(name))"));
+	const std::string as_internal = "update sqlite_schema set name = 'sqlite_evil', sql = replace(sql, 'evil', "
+					"'sqlite_evil') where name = 'evil'";
+	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "pragma writable_schema = on; " + as_internal));
+	EXPECT_EQ(daemon.start("hatch", &said), EIO);
+	ASSERT_NO_FATAL_FAILURE(
+	    run_on(daemon.file(), "pragma writable_schema = on; delete from sqlite_schema where name = 'sqlite_evil'"));
 	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "analyze; vacuum")); // as an operator may
 	EXPECT_EQ(daemon.start("hatch", &said), 0) << said;
 }

@@ -100,13 +100,13 @@ void hand_out(Call *shared, rpy_error_t error, Fellow *leader)
 	}
 }
 
-void call_together(rpy_handle_t *handle, Fellow *leader)
+// In the leader's time: it came before the others.
+void call_together(rpy_handle_t *handle, Fellow *leader, Budget *budget)
 {
 	Call shared(Op::together);
 	for (Fellow *fellow = leader; fellow != nullptr; fellow = fellow->next)
 		shared.out.text(fellow->call->out.view());
-	Budget budget;
-	rpy_error_t error = shared.out.ok() ? shared.exchange(handle, &budget) : RPY_ERROR_NO_MEMORY;
+	rpy_error_t error = shared.out.ok() ? shared.exchange(handle, budget) : RPY_ERROR_NO_MEMORY;
 	if (error == RPY_ERROR_NONE)
 		error = shared.take_head();
 	hand_out(&shared, error, leader);
@@ -137,15 +137,14 @@ bool take_turn(Together *together, Fellow *fellow)
 	return false;
 }
 
-// Passes a turn on. Nobody waits for a daemon that this thread has found gone, or has waited for all the time that
-// there is.
-void end_turn(Together *together, rpy_error_t error)
+// Passes a turn on, or gives all up that wait.
+void end_turn(Together *together, bool give_up)
 {
 	Fellow *next;
 	{
 		MutexLock hold(together->lock);
 		next = together->first;
-		if (next == nullptr || error == RPY_ERROR_CONNECTION_BROKEN) {
+		if (next == nullptr || give_up) {
 			together->calls--;
 			together->first = together->last = nullptr;
 		} else {
@@ -155,14 +154,14 @@ void end_turn(Together *together, rpy_error_t error)
 				together->last = nullptr;
 		}
 	}
-	if (error != RPY_ERROR_CONNECTION_BROKEN) {
+	if (!give_up) {
 		if (next != nullptr)
 			wake(next, fellow_leads);
 		return;
 	}
 	while (Fellow *fellow = next) {
 		next = fellow->next;
-		fellow->error = error;
+		fellow->error = RPY_ERROR_CONNECTION_BROKEN;
 		wake(fellow, fellow_done);
 	}
 }
@@ -175,6 +174,7 @@ rpy_error_t exchange_together(rpy_handle_t *handle, Call *call)
 	CancellationWaits cancellation; // other threads hold what lies on this one's stack
 	Together *together = &handle->together;
 	Fellow own(call);
+	bool had_all_the_time = true;
 	together->process.enter(hatch::epoch(), [together] { forget_parent(together); });
 	if (!take_turn(together, &own)) {
 		FellowState state = wait(&own);
@@ -182,14 +182,22 @@ rpy_error_t exchange_together(rpy_handle_t *handle, Call *call)
 			return own.error;
 		if (state == fellow_alone)
 			return call->exchange(handle, &budget);
+		had_all_the_time = false;
+		int seconds;
+		size_t bytes;
 		MutexLock hold(together->lock);
-		take_along(together, &own);
+		if (budget.left(&seconds, &bytes)) // who has no time left takes nobody along
+			take_along(together, &own);
+		else
+			own.next = nullptr;
 	}
 	if (own.next == nullptr)
 		own.error = call->exchange(handle, &budget);
 	else
-		call_together(handle, &own);
-	end_turn(together, own.error);
+		call_together(handle, &own, &budget);
+	// Nobody waits for a daemon that has gone, or that hasn't answered for as long as one may take.
+	end_turn(together,
+	    own.error == RPY_ERROR_CONNECTION_BROKEN && (had_all_the_time || find_daemon(handle) != RPY_ERROR_NONE));
 	return own.state.load(std::memory_order_relaxed) == fellow_alone ? call->exchange(handle, &budget) : own.error;
 }
 
