@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <libintl.h>
+#include <unistd.h>
 
 #include "base/guards.h"
 #include "libostrel_cairn.h"
@@ -210,13 +211,21 @@ void ostrel_db_set_write_auth(ostrel_db_t db, const char *auth)
 	set_text(db->db_write_auth, auth);
 }
 
+// In a forked child, before the lock is taken: a thread that it doesn't have may hold it.
+static void enter_process(ostrel_db_t db)
+{
+	db->db_lock_process.enter(static_cast<uint64_t>(getpid()), [db] { db->db_lock.init(); });
+}
+
 void ostrel_db_rdlock(ostrel_db_t db)
 {
+	enter_process(db);
 	db->db_lock.rdlock();
 }
 
 void ostrel_db_wrlock(ostrel_db_t db)
 {
+	enter_process(db);
 	db->db_lock.wrlock();
 }
 
@@ -283,6 +292,7 @@ void ostrel_db_close(ostrel_db_t db)
 	if (!closing || db->db_cmds == nullptr || db->db_cmds->dbc_close == nullptr)
 		return;
 	CancellationWaits cancellation;
+	enter_process(db);
 	WriteLock lock(db->db_lock);
 	db->db_cmds->dbc_close(db);
 }
@@ -309,6 +319,7 @@ public:
 static ostrel_error_t read_locked(ostrel_db_t db, attrlist_t *idl, uint64_t flags, Objects &objs)
 {
 	CancellationWaits cancellation;
+	enter_process(db);
 	ReadLock lock(db->db_lock);
 	ReadMark mark(db);
 	return db->db_cmds->dbc_read(db, idl, db->db_flags | flags | OSTREL_FLAG_EXACT_MATCH | OSTREL_FLAG_WITH_PROPS,
@@ -388,6 +399,7 @@ template <typename Slot>
 static ostrel_error_t update_locked(ostrel_db_t db, unsigned short event, attrlist_t *idl, Slot slot)
 {
 	CancellationWaits cancellation;
+	enter_process(db);
 	WriteLock lock(db->db_lock);
 	ostrel_error_t result = slot();
 	if (db->db_cmds->dbc_audit != nullptr)

@@ -254,6 +254,7 @@ static void put_among_enclaves(ostrel_db_t db, ostrel_rpy_resources_t *res) REQU
 		ostrel_inherit_private_configd(res, *place);
 		release_first_of(db, place);
 	}
+	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a building that succeeds gives them
 	if (res->nsr_private_configd)
 		return; // they live as long as the operation
 	// The release may have destroyed resources, but it has changed nothing in this list.
@@ -265,6 +266,7 @@ static void put_among_enclaves(ostrel_db_t db, ostrel_rpy_resources_t *res) REQU
 static void put_as_native(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(db->db_privlock)
 {
 	ostrel_rpy_resources_t *before = native_of(db);
+	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a building that succeeds gives them
 	res->nsr_refcnt = 1;
 	ostrel_db_set_priv(db, res);
 	if (!res->nsr_issvc)
@@ -532,6 +534,14 @@ static ostrel_error_t ostrel_get_rpy_dbname_for_op(
 
 // ---- The resources of an operation ----
 
+// The entries that threads of the parent use stay as they are, and lost.
+static void forget_readers(ostrel_rpy_resources_t *res)
+{
+	(void) ostrel_init_monotonic(&res->nsr_reader_left);
+	res->nsr_read_resources = nullptr;
+	res->nsr_num_readers = 0;
+}
+
 // In a forked child: threads that it doesn't have may have held the lock, or have waited for something.
 static void forget_parent(ostrel_db_t db) NO_THREAD_SAFETY_ANALYSIS
 {
@@ -540,14 +550,14 @@ static void forget_parent(ostrel_db_t db) NO_THREAD_SAFETY_ANALYSIS
 	if (native == nullptr)
 		return;
 	ostrel_renew_refresh_gate(native->nsr_gate);
-	(void) ostrel_init_monotonic(&native->nsr_reader_left);
+	forget_readers(native);
 	for (auto *entry = native->nsr_enclave_resources; entry != nullptr; entry = entry->nsr_enclave_node)
-		(void) ostrel_init_monotonic(&entry->nsr_reader_left);
+		forget_readers(entry);
 }
 
 static void enter_process(ostrel_db_t db)
 {
-	db->db_process.enter(static_cast<uint64_t>(getpid()), [db] { forget_parent(db); });
+	db->db_priv_process.enter(static_cast<uint64_t>(getpid()), [db] { forget_parent(db); });
 }
 
 RpyOperation::RpyOperation(ostrel_db_t db) : db_(db)
@@ -621,6 +631,7 @@ ostrel_error_t RpyOperation::begin_read(attrlist_t *idl)
 		if (ostrel_error_t result = ostrel_get_rpy_read_resources(res_, &rres_))
 			return result;
 	}
+	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a taken entry is one
 	rres_->nsr_until = end_of_operation(enclave);
 	return ostrel_get_rpy_dbname_for_op(idl, res_, rres_);
 }

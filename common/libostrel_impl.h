@@ -100,9 +100,11 @@ struct ostrel_db {
 	char db_read_auth[1024];  // empty: none needed
 	char db_write_auth[1024];
 	RwLock db_lock ACQUIRED_BEFORE(db_privlock);
-	Mutex db_privlock;      // guards what lies behind db_priv
-	void *db_priv;          // the back end's; NULL until it sets it
-	ProcessMark db_process; // whose db_privlock that is: a thread of a forked child's parent may have held it
+	Mutex db_privlock; // guards what lies behind db_priv
+	void *db_priv;     // the back end's; NULL until it sets it
+	// Whose locks these are: threads of a forked child's parent may have held them.
+	ProcessMark db_lock_process;
+	ProcessMark db_priv_process;
 };
 
 // With a NULL handle the first three give NULL, NULL and 0, and the privlock's two do nothing; the others need a

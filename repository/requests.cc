@@ -218,7 +218,8 @@ rpy_error_t list_groups(Daemon *daemon, Reader *in, Writer *out)
 	for (; at != list.end(); ++at) {
 		if (!fits(*at, wanted, text))
 			continue;
-		if (count >= page_most || (count >= page_least && out->size() - begin >= page_bytes))
+		const size_t bytes = out->size() - begin;
+		if (count >= page_most || (count >= page_least && bytes >= page_bytes) || bytes >= page_bytes_most)
 			break;
 		put_group(out, wire_group(*at));
 		count++;

@@ -24,6 +24,14 @@ int start(const std::string &hatch, const std::string &file, std::string *said =
 	return run_program({program, "-d", hatch, "-r", file}, {}, said);
 }
 
+// Whoever takes a file over has it before the other process is gone altogether.
+bool goes(pid_t pid)
+{
+	for (int i = 0; i < 5000 && !is_gone(pid); i++)
+		usleep(1000);
+	return is_gone(pid);
+}
+
 // Starts a daemon from a process that changed itself first. -1 if that can't be.
 int start_after(const std::function<bool()> &change, const std::string &hatch, const std::string &file)
 {
@@ -64,7 +72,7 @@ TEST(ConfigdHolder, AStartWithFewerPowersKnowsADaemonWithMore)
 	EXPECT_EQ(start_after(keep_few_powers, daemon.hatch("hatch.libostrel.1"), daemon.file()), 0);
 	EXPECT_EQ(server_of(daemon.hatch("hatch.libostrel.1")), first);
 	EXPECT_EQ(start_after(keep_few_powers, daemon.hatch(), daemon.file()), 0);
-	EXPECT_TRUE(is_gone(first));
+	EXPECT_TRUE(goes(first));
 	EXPECT_NE(server_of(daemon.hatch()), 0);
 	ASSERT_EQ(daemon.start("other"), 0);
 }
@@ -73,6 +81,9 @@ TEST(ConfigdHolder, ASecondStartNeedsNoProc)
 {
 	if (geteuid() != 0)
 		GTEST_SKIP() << "skipped: mounting needs root";
+#ifdef __SANITIZE_ADDRESS__
+	GTEST_SKIP() << "a sanitized daemon needs /proc";
+#endif
 	Repository daemon;
 	ASSERT_EQ(daemon.start(), 0);
 	EXPECT_EQ(start_after(hide_proc, daemon.hatch(), daemon.file()), 0);
@@ -113,9 +124,9 @@ TEST(ConfigdHolder, AnOldDaemonThatServesNotHereGivesWay)
 	ASSERT_EQ(unlink(daemon.hatch().c_str()), 0);
 	sleep(11);
 	EXPECT_EQ(daemon.start(), 0);
-	EXPECT_TRUE(is_gone(hidden));
+	EXPECT_TRUE(goes(hidden));
 	EXPECT_EQ(relative.start(), 0);
-	EXPECT_TRUE(is_gone(elsewhere));
+	EXPECT_TRUE(goes(elsewhere));
 }
 
 TEST(ConfigdHolder, ASecondStartWaitsUntilTheFirstAnswers)

@@ -58,8 +58,9 @@ int join_namespaces(const EnclaveLeader &leader)
 	if ((leader.namespaces & CLONE_NEWUSER) != 0 && prctl(PR_SET_DUMPABLE, 0) == -1)
 		return entry_error(errno);
 	// The enclave's root belongs to none of this host's groups. Inside they couldn't be given up any more.
-	if ((leader.namespaces & CLONE_NEWUSER) != 0 && syscall(SYS_setgroups, 0, nullptr) == -1)
-		return entry_error(errno);
+	if ((leader.namespaces & CLONE_NEWUSER) != 0 && syscall(SYS_setgroups, 0, nullptr) == -1 &&
+	    getgroups(0, nullptr) != 0) // who may not give any up may have none
+		return entry_error(EPERM);
 	if (setns(leader.process.get(), leader.namespaces) == -1)
 		return entry_error(errno);
 	if ((leader.namespaces & CLONE_NEWUSER) == 0)

@@ -58,9 +58,11 @@ constexpr uint32_t page_most = 1024;
 constexpr uint32_t page_least = 256;
 constexpr size_t page_bytes = 4U << 20;
 
-// The properties of a group together, and so what one reply can have: a page, and a group that went beyond it.
+// The properties of a group together, and so what one reply can have: a page, which ends behind `page_bytes_most`, and the
+// group that went beyond that.
 constexpr size_t group_bytes_max = 256U << 20;
-constexpr size_t reply_max = group_bytes_max + 2 * page_bytes;
+constexpr size_t page_bytes_most = 64U << 20;
+constexpr size_t reply_max = group_bytes_max + page_bytes_most + page_bytes;
 
 // How deep groups nest.
 constexpr int depth_max = 64;

@@ -409,12 +409,18 @@ void import_instance(Repository &repository, const Place &place, const Json &doc
 	    "delete it first: cairnctl delete --recursive LOCATOR");
 }
 
+// What an import made: a service, with the groups that it wrote there, or an instance.
+struct Made {
+	std::string locator;
+	const Json *groups = nullptr; // of a service
+};
+
 // Notes what it made, and nothing else: what others made since somebody looked is theirs.
-void import_service(Repository &repository, const Json &service, std::vector<std::string> *made)
+void import_service(Repository &repository, const Json &service, std::vector<Made> *made)
 {
 	std::string name = text_in(service);
 	if (repository.add(name))
-		made->push_back(name);
+		made->push_back({name, &service["groups"]});
 	else if (!service["groups"].empty())
 		refuse_taken(name);
 	repository.write(repository.find(name), service["groups"]);
@@ -422,17 +428,19 @@ void import_service(Repository &repository, const Json &service, std::vector<std
 		std::string locator = name + ":" + text_in(instance);
 		if (!repository.add(locator))
 			refuse_taken(name);
-		made->push_back(locator);
+		made->push_back({locator});
 		import_instance(repository, repository.find(locator), instance);
 	}
 }
 
-// Deletes what an import made, whatever of it can be deleted.
-void undo_import(Repository &repository, const std::vector<std::string> &made)
+// Deletes what an import made, whatever of it can be deleted. A service that others use meanwhile stays.
+void undo_import(Repository &repository, const std::vector<Made> &made)
 {
-	for (auto locator = made.rbegin(); locator != made.rend(); ++locator)
+	for (auto one = made.rbegin(); one != made.rend(); ++one)
 		try {
-			repository.remove(*locator, true);
+			if (one->groups != nullptr)
+				repository.remove_groups(repository.find(one->locator), *one->groups);
+			repository.remove(one->locator, one->groups == nullptr);
 		} catch (const Failure &failure) {
 			if (failure.code != Exit::not_found)
 				say("what was imported so far stays: " + failure.message);
@@ -462,7 +470,7 @@ Exit run_import(const Options &options)
 	}
 	if (options.dry_run)
 		return Exit::done;
-	std::vector<std::string> made;
+	std::vector<Made> made;
 	try {
 		for (const Json &service : document["services"])
 			import_service(repository, service, &made);

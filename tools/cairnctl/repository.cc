@@ -26,7 +26,7 @@ constexpr struct {
     {RPY_ERROR_IN_USE, Exit::failure, "it isn't empty; --recursive deletes all that it holds"},
     {RPY_ERROR_INVALID_ARGUMENT, Exit::invalid, "a locator is NAME[/NAME...] or NAME[/NAME...]:INSTANCE"},
     {RPY_ERROR_BACKEND_READONLY, Exit::busy, "the repository's file or file system is read-only at present"},
-    {RPY_ERROR_NO_RESOURCES, Exit::failure, "the disk is full, or descriptors have run out"},
+    {RPY_ERROR_NO_RESOURCES, Exit::failure, "the disk is full, descriptors have run out, or the answer is too large"},
     {RPY_ERROR_NO_MEMORY, Exit::memory, ""},
     {RPY_ERROR_CONFLICT, Exit::failure, "a temporary group has the name of one in the snapshot"},
 };
@@ -381,6 +381,18 @@ void Repository::write(const Place &place, const Json &documents)
 {
 	for (const Json &document : documents)
 		write_group(place, nullptr, document);
+}
+
+void Repository::remove_groups(const Place &place, const Json &groups)
+{
+	Group group(made(rpy_pg_create(handle())));
+	for (const Json &entry : groups) {
+		const std::string name = text_in(entry);
+		int found = place.is_instance ? rpy_instance_get_pg(place.instance.get(), name.c_str(), group.get())
+					      : rpy_service_get_pg(place.service.get(), name.c_str(), group.get());
+		if (found == 0)
+			check(rpy_pg_delete(group.get()), "deleting groups of '" + place.locator + "'");
+	}
 }
 
 void Repository::clear(const Place &place)

@@ -66,6 +66,8 @@ public:
 	void write(const Place &place, const Json &groups);
 	// Deletes all groups of a place.
 	void clear(const Place &place);
+	// Deletes the groups of a document that lie directly below the place.
+	void remove_groups(const Place &place, const Json &groups);
 
 	rpy_handle_t *handle() const { return handle_.get(); }
 

@@ -89,7 +89,7 @@ public:
 
 private:
 	void require_selection() const;
-	List list(const Identifiers &id) const;
+	List list(const Identifiers &id);
 	bool is_group(const Identifiers &id) { return back_->repository || (names_groups(id) && holds_groups()); }
 	bool is_unreadable(ostrel_error_t result, const Identifiers &id);
 	Failure unreadable(const Identifiers &id) const;

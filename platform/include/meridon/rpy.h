@@ -14,6 +14,8 @@
  *            RPY_ERROR_CONNECTION_BROKEN  the daemon that the handle was bound to has gone, or hasn't answered for 60 s;
  *                                         a daemon that came after it is reached by a new bind alone
  *            RPY_ERROR_INTERNAL           the daemon doesn't speak as one, or couldn't do it
+ *            RPY_ERROR_NO_RESOURCES       descriptors have run out, or the answer is larger than any may be: 264 MiB, a
+ *                                         listing a sixteenth of the machine's memory
  *            RPY_ERROR_NO_MEMORY, RPY_ERROR_PERMISSION_DENIED
  *            and, where something is changed,
  *            RPY_ERROR_BACKEND_READONLY   the store can't be written at present
@@ -196,7 +198,7 @@ int rpy_service_add_instance(rpy_service_t *service, const char *name, rpy_insta
 int _rpy_service_delete(rpy_service_t *service, int all);
 int _rpy_instance_delete(rpy_instance_t *instance, int all);
 
-/* Listings in the order in which things were made, complete before the call gives 0. */
+/* Listings in the order in which things were made, complete before the call gives 0. Errors: RPY_ERROR_NO_RESOURCES */
 int rpy_iter_scope_services(rpy_iter_t *iter, const rpy_scope_t *scope);
 int rpy_iter_service_instances(rpy_iter_t *iter, const rpy_service_t *service);
 int rpy_iter_instance_snapshots(rpy_iter_t *iter, const rpy_instance_t *instance);
@@ -265,8 +267,8 @@ int rpy_pg_update(rpy_propertygroup_t *pg);
 int rpy_pg_delete(rpy_propertygroup_t *pg);
 
 /*
- * Set the iterator before the first group directly below the given thing, in the order in which they were made. The
- * listing is complete, with all properties, before the call gives 0, so that a step doesn't fail because a daemon died.
+ * Set the iterator before the first group directly below the given thing: those that are kept in the order in which they
+ * were made, then the temporary ones. The listing is complete, with all properties, before the call gives 0, so that a step doesn't fail because a daemon died.
  * Errors: RPY_ERROR_DELETED
  */
 int rpy_iter_service_pgs(rpy_iter_t *iter, const rpy_service_t *service);
