@@ -229,6 +229,26 @@ TEST_F(Refresh, AForkedChildWaitsForNoLockThatItsParentsThreadHeld)
 	(void) kill(here.daemon.pid(), SIGCONT);
 }
 
+TEST_F(Refresh, AForkedChildHasAPoolOfItsOwn)
+{
+	ASSERT_EQ(put(db, "g:t", "p=1"), OSTREL_SUCCESS);
+	ASSERT_EQ(get(db, "g"), "g:t|p=1;");
+	ostrel_rpy_resources_t *res = resources_of(db);
+	res->nsr_read_resources->nsr_inuse = B_TRUE; // as if a thread was reading, and thirty-one others
+	res->nsr_num_readers = OSTREL_RPY_MAX_READERS;
+	const pid_t child = fork();
+	if (child == 0) {
+		(void) signal(SIGALRM, SIG_DFL);
+		alarm(10);
+		_exit(get(db, "g") == "g:t|p=1;" ? 0 : 1);
+	}
+	int status;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(status, 0);
+	res->nsr_read_resources->nsr_inuse = B_FALSE;
+	res->nsr_num_readers = 1;
+}
+
 TEST_F(Refresh, PassesRunBesideUpdatesWalksAndALostDaemon)
 {
 	std::atomic<bool> stop{false};

@@ -54,6 +54,18 @@ class RepositoryTest(t.ToolTest):
         document = json.loads(self.text("walk", "--json", db, *words))
         return [found["id"]["object-pgname"] for found in document["objects"]]
 
+    def cairnctl(self, *words, **more):
+        return subprocess.run([CAIRNCTL, *words], env=self.env, check=True, capture_output=True, **more).stdout
+
+    # Gives a group values that no read takes.
+    def spoil(self, name, values):
+        document = json.loads(self.cairnctl("export", "net/link"))
+        for group in document["services"][0]["instances"][0]["groups"]:
+            if group["name"] == name:
+                group["properties"][0]["values"] = values
+        self.cairnctl("delete", "--recursive", "net/link")
+        self.cairnctl("import", "-", input=json.dumps(document).encode())
+
 
 class Commands(RepositoryTest):
     def test_each_command_works_on_a_repository(self):
@@ -143,20 +155,10 @@ class Commands(RepositoryTest):
 
     # Somebody else's values can be more than this tool reads.
     def test_a_group_that_cant_be_read_is_named_replaced_and_removed(self):
-        def cairnctl(*words, **more):
-            return subprocess.run([CAIRNCTL, *words], env=self.env, check=True, stdout=subprocess.PIPE, **more).stdout
-
-        def spoil(name, values):
-            document = json.loads(cairnctl("export", "net/link"))
-            for group in document["services"][0]["instances"][0]["groups"]:
-                if group["name"] == name:
-                    group["properties"][0]["values"] = values
-            cairnctl("delete", "--recursive", "net/link")
-            cairnctl("import", "-", input=json.dumps(document).encode())
         self.put("a", "t", "p=1")
         for values in (["v"] * 129, ["a", "", "b"]):
             self.put("bad", "t", "p=1")
-            spoil("bad", values)
+            self.spoil("bad", values)
             for words in (("walk", DB), ("export", DB), ("get", DB, "object-pgname=bad"),
                           ("set", DB, "object-pgname=bad", "--", "q=1")):
                 error = self.error(6, *words)
@@ -165,11 +167,11 @@ class Commands(RepositoryTest):
             self.error(5, "put", DB, "object-pgname=bad", "--new", "--", "p=1")
             self.tool("put", DB, "object-pgname=bad", "--", "p=3")
             self.assertEqual(self.names(), ["a", "bad"])
-            spoil("bad", values)
+            self.spoil("bad", values)
             self.tool("remove", DB, "object-pgname=bad")
             self.assertEqual(self.names(), ["a"])
             self.put("bad", "t", "p=1")
-            spoil("bad", values)
+            self.spoil("bad", values)
             self.assertEqual(self.tool("remove", "--json", DB, "--all", "--yes").json()["objects"], 2)
             self.assertEqual(self.names(), [])
             self.put("a", "t", "p=1")
@@ -300,6 +302,14 @@ class Served(RepositoryTest):
         self.end(self.daemon)
         self.assertIn(b"for a repository at its daemon", as_user("daemon", "walk", hatch).stderr)
         self.assertEqual(self.end(server), 0)
+
+    def test_a_group_that_cant_be_read_is_in_no_other_ones_way(self):
+        self.put("ok", "t", "p=1")
+        self.put("bad", "t", "p=1")
+        self.spoil("bad", ["v"] * 129)
+        self.serve("--read-auth", "", "--write-auth", "")
+        self.tool("rename", "hatch:" + self.hatch, "object-pgname=ok", "--", "object-pgname=new", "object-pgtype=t")
+        self.assertEqual(self.text("get", DB, "object-pgname=new", "-p", "p"), "1\n")
 
     def test_a_server_that_ends_waits_for_what_is_deferred(self):
         self.start_on_mounted_store()

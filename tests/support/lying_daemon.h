@@ -7,7 +7,7 @@
 
 enum class Lie {
 	none,             // each name is that of a group without properties
-	bad_error,        // a shared reply has an error number that there isn't
+	bad_error,        // a shared read is refused, by a number that there isn't
 	no_replies,       // a shared reply holds none
 	too_long_a_reply, // the second one in a shared reply is longer than all
 	garbage,          // the second one is no reply
