@@ -236,14 +236,21 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _cairnctl; for reply in "${COMPREPLY[
 
     def test_a_failed_import_takes_back_its_own_and_nothing_else(self):
         document = self.document([group(f"g{i}", "t") for i in range(3000)], name="first")
+        document["services"][0]["groups"] = [group("own", "t")]
+        document["services"][0]["instances"].append({"name": "last", "groups": [], "snapshots": []})
         document["services"] += self.document([], name="last")["services"]
-        running = subprocess.Popen([CAIRNCTL, "--hatch", self.hatch, "import", self.write("document", json.dumps(document))],
-                                   env=self.env, stderr=subprocess.DEVNULL)
-        while self.good("list").out == b"" and running.poll() is None:
-            pass
-        self.good("add", "last:i")  # somebody else's, made when the import had looked whether it is free
-        self.assertEqual(running.wait(), 5)
-        self.assertEqual(self.good("list").out.split(), [b"last", b"last:i"])
+        path = self.write("document", json.dumps(document))
+        # Somebody else's, made when the import had looked whether it is free: of a service of its own, and of the import's.
+        for locator, left in (("last:i", [b"last", b"last:i"]), ("first:last", [b"first", b"first:last"])):
+            running = subprocess.Popen([CAIRNCTL, "--hatch", self.hatch, "import", path], env=self.env,
+                                       stderr=subprocess.DEVNULL)
+            while self.good("list").out == b"" and running.poll() is None:
+                pass
+            self.good("add", locator)
+            self.assertEqual(running.wait(), 5)
+            self.assertEqual(self.good("list").out.split(), left)
+            self.assertEqual(json.loads(self.good("show", "--json", left[0].decode()).out), [])
+            self.good("delete", "--recursive", left[0].decode())
 
     def test_nesting_has_an_end(self):
         deep = '{"name":"g","type":"t","properties":[],"groups":[' * 60000 + "]}" * 60000
