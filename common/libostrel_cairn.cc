@@ -250,10 +250,8 @@ static bool is_at(ostrel_rpy_resources_t *const *place, const ostrel_rpy_resourc
 static void put_among_enclaves(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(db->db_privlock)
 {
 	ostrel_rpy_resources_t **place = place_in(&native_of(db)->nsr_enclave_resources, res);
-	if (is_at(place, res)) {
-		ostrel_inherit_private_configd(res, *place);
+	if (is_at(place, res))
 		release_first_of(db, place);
-	}
 	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a building that succeeds gives them
 	if (res->nsr_private_configd)
 		return; // they live as long as the operation
@@ -306,21 +304,6 @@ ostrel_error_t ostrel_create_rpy_resources(ostrel_db_t db, ostrel_rpy_resources_
 		return result;
 	*resp = res.release();
 	put_as_native(db, *resp);
-	return OSTREL_SUCCESS;
-}
-
-// Resources of another enclave, in the caller's hold. Threads that build them at the same moment each have theirs, and the
-// last one's stay.
-static ostrel_error_t create_for_enclave(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)
-    EXCLUDES(db->db_privlock)
-{
-	NewResources res;
-	if (ostrel_error_t result = build_resources(db, enclave, &res))
-		return result;
-	MutexLock lock(db->db_privlock);
-	*resp = res.release();
-	put_among_enclaves(db, *resp);
-	(*resp)->nsr_refcnt++;
 	return OSTREL_SUCCESS;
 }
 
@@ -478,6 +461,23 @@ static bool take_found(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources
 	found->nsr_refcnt++;
 	*resp = found;
 	return true;
+}
+
+// Resources of another enclave, in the caller's hold. Of threads that build them at the same moment the first one's stay.
+static ostrel_error_t create_for_enclave(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)
+    EXCLUDES(db->db_privlock)
+{
+	NewResources res;
+	if (ostrel_error_t result = build_resources(db, enclave, &res))
+		return result;
+	MutexLock lock(db->db_privlock);
+	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a building that succeeds gives them
+	if (!res->nsr_private_configd && take_found(db, enclave, resp))
+		return OSTREL_SUCCESS;
+	*resp = res.release();
+	put_among_enclaves(db, *resp);
+	(*resp)->nsr_refcnt++;
+	return OSTREL_SUCCESS;
 }
 
 ostrel_error_t ostrel_get_rpy_resources_for_enclave(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)

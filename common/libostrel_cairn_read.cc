@@ -182,8 +182,8 @@ public:
 	{
 		AttrList idl, props;
 		bytes_ += static_cast<size_t>(_rpy_pg_get_bytes(ostrel_res_pg_curr(work)));
-		if (work->nsr_until != 0 &&
-		    bytes_ > OSTREL_RPY_FOREIGN_BYTES) // an enclave's daemon may have more and more
+		// The daemon of another enclave may have more and more.
+		if (work->nsr_until != 0 && bytes_ > OSTREL_RPY_FOREIGN_BYTES)
 			return SETERROR(OSTREL_NO_MEMORY);
 		if (ostrel_error_t result = ostrel_pg2atl(work, &idl, &props))
 			return SETERROR(result);

@@ -397,6 +397,27 @@ TEST_F(Enclaves, WhatIsPlantedInAnEnclaveLeadsNowhere)
 	EXPECT_EQ(get(db, "where"), "where:t|p=host;");
 }
 
+// Nobody's are replaced under an update that waits for its snapshot.
+TEST_F(Enclaves, ThreadsThatBeginAtOnceComeToTheSameResources)
+{
+	ASSERT_EQ(start_inside(own_hatch), 0);
+	CairnDb db = open_cairn();
+	ASSERT_TRUE(db);
+	std::atomic<int> good{0};
+	std::vector<std::thread> threads;
+	for (int i = 0; i < 8; i++)
+		threads.emplace_back([&] { good += read(db) == "p=enclave;" ? 1 : 0; });
+	for (std::thread &thread : threads)
+		thread.join();
+	EXPECT_EQ(good, 8);
+	const ostrel_rpy_resources_t *only = resources_of(db)->nsr_enclave_resources;
+	ASSERT_NE(only, nullptr);
+	EXPECT_EQ(only->nsr_enclave_node, nullptr);
+	EXPECT_EQ(only->nsr_refcnt, 1U);
+	EXPECT_EQ(read(db), "p=enclave;");
+	EXPECT_EQ(resources_of(db)->nsr_enclave_resources, only);
+}
+
 // The host's own objects stay at hand, however long that daemon takes.
 TEST_F(Enclaves, ADaemonThatDoesntAnswerHoldsUpThoseAloneWhoAskIt)
 {

@@ -107,10 +107,9 @@ void call_together(rpy_handle_t *handle, Fellow *leader, Budget *budget)
 	for (Fellow *fellow = leader; fellow != nullptr; fellow = fellow->next)
 		shared.out.text(fellow->call->out.view());
 	rpy_error_t error = shared.out.ok() ? shared.exchange(handle, budget) : RPY_ERROR_NO_MEMORY;
-	const bool refused = error == RPY_ERROR_NONE && shared.take_head() != RPY_ERROR_NONE;
-	if (refused)
-		shared.in =
-		    Reader(); // nothing is there for anybody: a daemon of another release, or one short of memory
+	// A daemon of another release, or one that is short of memory, has nothing for anybody: each then asks alone.
+	if (error == RPY_ERROR_NONE && shared.take_head() != RPY_ERROR_NONE)
+		shared.in = Reader();
 	hand_out(&shared, error, leader);
 }
 
