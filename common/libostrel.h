@@ -4,6 +4,8 @@
  * A caller opens a database by name, together with the table of a back end, and reads, writes, renames, removes and
  * walks objects. An object is a pair of attribute lists: the identifiers that single it out, and its properties.
  * The order of calls is open, then any operation from any thread, then close.
+ *
+ * A program may have global functions of the platform's names, `regex` or `fattach` say: the library never calls them.
  */
 #ifndef LIBOSTREL_H
 #define LIBOSTREL_H
