@@ -455,9 +455,9 @@ char *ostrel_tokenize_by_unescaped_delim(char *str, char delim, char **next);
 
 /* One named value. A table of values ends with an entry whose name is NULL. */
 typedef struct ostrel_valdesc {
-	const char *nvd_name;        /* the value's name in the store; "?" marks a number that isn't stored */
-	const char *nvd_description; /* the caller's own */
-	uint64_t nvd_val;            /* the number; in a bitfield, one or more bits */
+	char *nvd_name;        /* the value's name in the store; "?" marks a number that isn't stored */
+	char *nvd_description; /* the caller's own */
+	uint64_t nvd_val;      /* the number; in a bitfield, one or more bits */
 } ostrel_valdesc_t;
 
 #define OSTREL_PROP_BITFIELD 0x1   /* the number is a set of bits, and npd_vals names the bits */
@@ -465,22 +465,22 @@ typedef struct ostrel_valdesc {
 #define OSTREL_PROP_NO_CONVERT 0x4 /* the property is left alone, whatever else the descriptor says */
 
 /* One property. A table of properties ends with an entry whose name is NULL. What the library doesn't read is the
- * caller's own. */
+ * caller's own. It changes nothing in either structure, nor what they point to. */
 typedef struct ostrel_propdesc {
-	const char *npd_name;                     /* the property's name in the list */
-	const char *npd_description;              /* not read */
-	uint64_t npd_type;                        /* the stored type: DATA_TYPE_BOOLEAN, _INT64, _UINT64 or _STRING;
+	char *npd_name;                     /* the property's name in the list */
+	char *npd_description;              /* not read */
+	uint64_t npd_type;                  /* the stored type: DATA_TYPE_BOOLEAN, _INT64, _UINT64 or _STRING;
 						      DATA_TYPE_UNKNOWN leaves it alone on the way to the store */
-	uint_t npd_min_vals;                      /* not read */
-	uint_t npd_max_vals;                      /* not read */
-	int64_t npd_min_range;                    /* not read */
-	int64_t npd_max_range;                    /* not read */
-	uint64_t npd_flags;                       /* OSTREL_PROP_* */
-	const char *npd_delimiters;               /* the delimiter characters of a delimited property */
-	const ostrel_valdesc_t *npd_legacy_names; /* not read */
-	const ostrel_valdesc_t *npd_vals;         /* the names of values, or NULL */
-	uint_t npd_version;                       /* not read */
-	ostrel_valdesc_t npd_stability;           /* not read */
+	uint_t npd_min_vals;                /* not read */
+	uint_t npd_max_vals;                /* not read */
+	int64_t npd_min_range;              /* not read */
+	int64_t npd_max_range;              /* not read */
+	uint64_t npd_flags;                 /* OSTREL_PROP_* */
+	char *npd_delimiters;               /* the delimiter characters of a delimited property */
+	ostrel_valdesc_t *npd_legacy_names; /* not read */
+	ostrel_valdesc_t *npd_vals;         /* the names of values, or NULL */
+	uint_t npd_version;                 /* not read */
+	ostrel_valdesc_t npd_stability;     /* not read */
 } ostrel_propdesc_t;
 
 /*

@@ -61,17 +61,17 @@ struct Table {
 		for (auto &table : vals) {
 			size_t copies = bytes.next() % 16 == 0 ? 140 : 1;
 			for (int left = bytes.next() % 5; left > 0; left--)
-				table.insert(
-				    table.end(), copies, {bytes.pick(value_names), nullptr, bytes.pick(numbers)});
+				table.insert(table.end(), copies,
+				    {const_cast<char *>(bytes.pick(value_names)), nullptr, bytes.pick(numbers)});
 			table.push_back({nullptr, nullptr, 0});
 			table.shrink_to_fit();
 		}
 		for (int left = bytes.next() % 6; left > 0; left--) {
 			Entry entry = {};
-			entry.desc.npd_name = bytes.pick(property_names);
+			entry.desc.npd_name = const_cast<char *>(bytes.pick(property_names));
 			entry.desc.npd_type = bytes.pick(types);
 			entry.desc.npd_flags = bytes.next() % 8;
-			entry.desc.npd_delimiters = bytes.pick(delimiters);
+			entry.desc.npd_delimiters = const_cast<char *>(bytes.pick(delimiters));
 			uint8_t which = bytes.next() % 4;
 			entry.desc.npd_vals = which < 3 ? vals[which].data() : nullptr;
 			entries.push_back(entry);

@@ -100,25 +100,31 @@ std::string List::show() const
 	return out.str();
 }
 
+// The descriptors are C's: their texts aren't const.
+char *c(const char *text)
+{
+	return const_cast<char *>(text);
+}
+
 // A table of one property.
 struct Table {
 	ostrel_propdesc_t descs[2] = {};
 
-	Table(uint64_t type, uint64_t flags, const ostrel_valdesc_t *vals = nullptr, const char *delimiters = nullptr)
+	Table(uint64_t type, uint64_t flags, ostrel_valdesc_t *vals = nullptr, const char *delimiters = nullptr)
 	{
-		descs[0].npd_name = "p";
+		descs[0].npd_name = c("p");
 		descs[0].npd_type = type;
 		descs[0].npd_flags = flags;
 		descs[0].npd_vals = vals;
-		descs[0].npd_delimiters = delimiters;
+		descs[0].npd_delimiters = c(delimiters);
 	}
 	operator const ostrel_propdesc_t *() const { return descs; }
 };
 
-const ostrel_valdesc_t ab[] = {{"a", nullptr, 1}, {"b", nullptr, 2}, {nullptr, nullptr, 0}};
-const ostrel_valdesc_t ab_none[] = {{"a", nullptr, 1}, {"b", nullptr, 2}, {"?", nullptr, 0}, {nullptr, nullptr, 0}};
-const ostrel_valdesc_t ab_both[] = {{"a", nullptr, 1}, {"b", nullptr, 2}, {"ab", nullptr, 3}, {nullptr, nullptr, 0}};
-const ostrel_valdesc_t none[] = {{nullptr, nullptr, 0}};
+ostrel_valdesc_t ab[] = {{c("a"), nullptr, 1}, {c("b"), nullptr, 2}, {nullptr, nullptr, 0}};
+ostrel_valdesc_t ab_none[] = {{c("a"), nullptr, 1}, {c("b"), nullptr, 2}, {c("?"), nullptr, 0}, {nullptr, nullptr, 0}};
+ostrel_valdesc_t ab_both[] = {{c("a"), nullptr, 1}, {c("b"), nullptr, 2}, {c("ab"), nullptr, 3}, {nullptr, nullptr, 0}};
+ostrel_valdesc_t none[] = {{nullptr, nullptr, 0}};
 
 Numbers many(size_t count, uint64_t number)
 {
@@ -289,7 +295,7 @@ TEST(ToPersist, BitfieldTakesTheNamesOfAllItsBits)
 
 TEST(ToPersist, BitfieldWithMoreNamesThanRoomIsRefused)
 {
-	std::vector<ostrel_valdesc_t> vals(129, {"again", nullptr, 1});
+	std::vector<ostrel_valdesc_t> vals(129, {c("again"), nullptr, 1});
 	vals.push_back({nullptr, nullptr, 0});
 	const Table table(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, vals.data());
 	EXPECT_EQ(to_persist(List().numbers("p", {1}), table),
@@ -355,7 +361,7 @@ TEST(FromPersist, NamesBecomeTheirNumbersInAnyCase)
 
 TEST(FromPersist, NamesThatRepeatGiveANumberEachButNeverMoreThanFit)
 {
-	std::vector<ostrel_valdesc_t> vals = {{"x", nullptr, 1}, {"X", nullptr, 2}, {nullptr, nullptr, 0}};
+	std::vector<ostrel_valdesc_t> vals = {{c("x"), nullptr, 1}, {c("X"), nullptr, 2}, {nullptr, nullptr, 0}};
 	const Table table(DATA_TYPE_STRING, 0, vals.data());
 	EXPECT_EQ(from_persist(List().texts("p", {"x"}), table), ok("p=u:1|2;"));
 	EXPECT_EQ(from_persist(List().texts("p", many(64, "x")), table).result, 0);
@@ -368,9 +374,9 @@ TEST(FromPersist, NamesThatRepeatGiveANumberEachButNeverMoreThanFit)
 TEST(FromPersist, TooManyMembersStayWithAMessageAndTheRestGoesOn)
 {
 	ostrel_propdesc_t descs[3] = {};
-	descs[0].npd_name = "p";
+	descs[0].npd_name = c("p");
 	descs[0].npd_vals = ab;
-	descs[1].npd_name = "q";
+	descs[1].npd_name = c("q");
 	descs[1].npd_vals = ab;
 	List list;
 	list.texts("p", many(129, "a")).texts("q", {"b"});
@@ -426,7 +432,7 @@ TEST(Conversion, StepsOverTheCallersOwnFieldsAndStopsAtTheFirstFailure)
 	Entry entries[4] = {};
 	const char *names[] = {"first", "second", "third"};
 	for (int i = 0; i < 3; i++) {
-		entries[i].desc.npd_name = names[i];
+		entries[i].desc.npd_name = c(names[i]);
 		entries[i].desc.npd_type = DATA_TYPE_STRING;
 		entries[i].desc.npd_vals = ab;
 		memset(entries[i].own, 'x', sizeof(entries[i].own));
@@ -440,12 +446,12 @@ TEST(Conversion, StepsOverTheCallersOwnFieldsAndStopsAtTheFirstFailure)
 TEST(Conversion, ComesBackFromTheStoreAsItWas)
 {
 	ostrel_propdesc_t descs[4] = {};
-	descs[0].npd_name = "mode";
-	descs[1].npd_name = "flags";
+	descs[0].npd_name = c("mode");
+	descs[1].npd_name = c("flags");
 	descs[1].npd_flags = OSTREL_PROP_BITFIELD;
-	descs[2].npd_name = "servers";
+	descs[2].npd_name = c("servers");
 	descs[2].npd_flags = OSTREL_PROP_DELIMITED;
-	descs[2].npd_delimiters = ", ";
+	descs[2].npd_delimiters = c(", ");
 	for (int i = 0; i < 3; i++)
 		descs[i].npd_type = DATA_TYPE_STRING;
 	descs[0].npd_vals = descs[1].npd_vals = ab;
@@ -467,7 +473,7 @@ TEST(Conversion, LeavesThePropertyWhereMemoryRunsOut)
 {
 	SKIP_WITHOUT_ALLOC_FAULTS();
 	const std::string name(100, 'n');
-	const ostrel_valdesc_t vals[] = {{name.c_str(), nullptr, 1}, {nullptr, nullptr, 0}};
+	ostrel_valdesc_t vals[] = {{c(name.c_str()), nullptr, 1}, {nullptr, nullptr, 0}};
 	const Table names(DATA_TYPE_STRING, 0, vals), joins(DATA_TYPE_STRING, OSTREL_PROP_DELIMITED, nullptr, ";");
 	const Table values(DATA_TYPE_INT64, 0);
 	struct {

@@ -14,7 +14,7 @@
 enum { MODE_AUTO, MODE_MANUAL, MODE_OFF, MODE_PROBING };
 enum { FEATURE_RX = 1, FEATURE_TX = 2, FEATURE_VLAN = 4 };
 
-static const ostrel_valdesc_t mode_vals[] = {
+static ostrel_valdesc_t mode_vals[] = {
     {"auto", "found out by the link itself", MODE_AUTO},
     {"manual", "as configured", MODE_MANUAL},
     {"off", "not used", MODE_OFF},
@@ -22,7 +22,7 @@ static const ostrel_valdesc_t mode_vals[] = {
     {NULL, NULL, 0},
 };
 
-static const ostrel_valdesc_t feature_vals[] = {
+static ostrel_valdesc_t feature_vals[] = {
     {"rx", "checksums of what comes in", FEATURE_RX},
     {"tx", "checksums of what goes out", FEATURE_TX},
     {"vlan", "tags", FEATURE_VLAN},

@@ -144,18 +144,18 @@ void PropertyTable::add(const Json &json, const std::string &path)
 	descs_.push_back(desc);
 }
 
-const char *PropertyTable::keep(const Json &json, const std::string &path)
+char *PropertyTable::keep(const Json &json, const std::string &path)
 {
 	require_kind(json, Json::value_t::string, path);
-	const std::string &text = texts_.emplace_back(json.get<std::string>());
+	std::string &text = texts_.emplace_back(json.get<std::string>());
 	if (text.empty())
 		bad_element(path, "an empty text");
 	if (text.find('\0') != std::string::npos)
 		bad_element(path, "a text can't hold a NUL character");
-	return text.c_str();
+	return text.data();
 }
 
-const ostrel_valdesc_t *PropertyTable::values(const Json &json, const std::string &path)
+ostrel_valdesc_t *PropertyTable::values(const Json &json, const std::string &path)
 {
 	require_kind(json, Json::value_t::array, path);
 	std::vector<ostrel_valdesc_t> &table = values_.emplace_back();

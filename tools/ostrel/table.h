@@ -21,8 +21,8 @@ private:
 	void read(const std::string &file);
 	void add(const Json &json, const std::string &path);
 	void check_name(const char *name, const std::string &path) const;
-	const char *keep(const Json &json, const std::string &path);
-	const ostrel_valdesc_t *values(const Json &json, const std::string &path);
+	char *keep(const Json &json, const std::string &path);
+	ostrel_valdesc_t *values(const Json &json, const std::string &path);
 
 	// The descriptors point into these, which never move what they hold.
 	std::deque<std::string> texts_;
