@@ -64,6 +64,7 @@ static constexpr struct {
 
 const char *ostrel_strerror(ostrel_error_t err)
 {
+	CancellationWaits cancellation;
 	for (const auto &row : ostrel_errors) {
 		if (row.error_code == err)
 			return dgettext(text_domain, row.error_desc);
@@ -537,6 +538,7 @@ ostrel_error_t ostrel_db_walk(ostrel_db_t db, attrlist_t *idl, uint64_t flags, o
 
 ostrel_error_t ostrel_db_check_auth(ostrel_db_t db, boolean_t write)
 {
+	CancellationWaits cancellation;
 	if (db == nullptr || db->db_cmds->dbc_auth == nullptr)
 		return OSTREL_SUCCESS;
 	return db->db_cmds->dbc_auth(db, write);

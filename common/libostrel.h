@@ -80,7 +80,8 @@ int ostrel_error2errno(ostrel_error_t err);
 /*
  * A handle of an open database. Many threads may use one at once. Nobody counts references: after ostrel_db_close() it
  * is gone, so a database stays open for as long as any call on it runs, and as any update that was taken over for a
- * later retry is in flight. No operation is a cancellation point, though a walk's callback may be one.
+ * later retry is in flight. No operation of this library is a cancellation point, though a walk's callback may be one; a
+ * thread whose cancellation is asynchronous may call none of them.
  */
 typedef struct ostrel_db *ostrel_db_t;
 /* A back end: what kind of place a database lies in. There are the ones below and no others. */
@@ -599,11 +600,11 @@ void ostrel_hatchserver_destroy(const char *path, int hatch_fd);
  * without it.
  *
  * Errors:  none. A message device that can't be opened leaves the syslog half of "msglog".
- * Threads: any.
+ * Threads: any. Waits for messages on their way to the type that is closed, but not for those on standard error.
  */
 void ostrel_log_open(const char *name);
 
-/* Closes the chosen type. The next message looks for a type as if none had been chosen. Threads: any. */
+/* Closes the chosen type. The next message looks for a type as if none had been chosen. Threads: as above. */
 void ostrel_log_close(void);
 
 /*
@@ -613,7 +614,10 @@ void ostrel_log_close(void);
  *
  * Owns:    nothing is kept. The text isn't NULL.
  * Errors:  none; what can't be written is lost.
- * Threads: any.
+ * Threads: any. A message waits where its output does, a full pipe for instance, and holds up nothing else: no fork(),
+ *          and no message in a child that is forked meanwhile. Handlers of pthread_atfork() may call all four operations.
+ * Signals: a signal handler may call none of the four, unless it can't have interrupted one of them nor any function of
+ *          the C library that isn't async-signal-safe: it would wait for what the interrupted thread holds.
  * Limits:  OSTREL_LOG_TEXT_MAX for ostrel_log(); ostrel_log_fmt() writes the text whole, but for the device's limit
  */
 void ostrel_log(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));

@@ -247,6 +247,7 @@ private:
 ostrel_error_t ostrel_hatchserver_create(
     const char *path, const char *read_auth, const char *write_auth, ostrel_db_t db, int *hatch_fd)
 {
+	CancellationWaits cancellation;
 	if (db == nullptr || *ostrel_db_get_name(db) == '\0' || hatch_fd == nullptr)
 		return OSTREL_INVALID_ARG;
 	ostrel_db_set_read_auth(db, read_auth);
@@ -270,6 +271,7 @@ ostrel_error_t ostrel_hatchserver_create(
 
 void ostrel_hatchserver_destroy(const char *path, int hatch_fd)
 {
+	CancellationWaits cancellation;
 	if (hatch_fd != -1)
 		(void) hatch_revoke(hatch_fd);
 	if (path != nullptr)

@@ -1,19 +1,25 @@
 // The log that the library and its callers share: one message, a priority and a text, to one of three outputs.
 //
-// One mutex guards the choice of the output and each write to it, so that nothing is written to an output that another
-// thread is closing. It costs no parallel work: each of the outputs takes one message at a time in any case.
+// A reader-writer lock guards the choice of the output. A message holds it for reading while it is written, if its output is
+// one that another thread could close meanwhile. No handler of a fork takes it: a writer may wait in a full pipe for as
+// long as it likes, and a program's own handlers may log. A forked child makes the lock anew instead.
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 #include <utility>
 
 #include <meridon/msglog.h>
 #include <meridon/progpath.h>
 
+#include "base/guards.h"
+#include "base/process_mark.h"
 #include "base/thread_safety.h"
 #include "libostrel_log.h"
 #include "libostrel_trace.h"
@@ -33,86 +39,87 @@ FILE *ostrel_msglog_fp;
 
 namespace {
 
-Mutex log_mutex;
+RwLock log_lock;
+ProcessMark log_process;
 
-void before_fork() NO_THREAD_SAFETY_ANALYSIS
-{
-	log_mutex.lock();
-}
+// The C library sends with a lock of its own held, and no forked child can make that anew: one whose parent had a thread in
+// there sends its messages by itself.
+std::atomic<int> in_syslog;
+std::atomic<bool> syslog_is_lost;
 
-void after_fork() NO_THREAD_SAFETY_ANALYSIS
-{
-	log_mutex.unlock();
-}
-
-// Before the mutex is taken for the first time: a child that is forked while another thread logs would find it locked,
-// with nobody to unlock it.
-void watch_forks()
-{
-	static pthread_once_t once = PTHREAD_ONCE_INIT;
-	(void) pthread_once(&once, [] { (void) pthread_atfork(before_fork, after_fork, after_fork); });
-}
-
-// Holds the log. A thread that is cancelled in the middle of a write would leave the mutex locked for ever, so that
-// waits until the message is out. The caller's errno outlives a message.
-class SCOPED_CAPABILITY LogHold {
+class SyslogUse {
 public:
-	LogHold() ACQUIRE(log_mutex) : errno_(errno)
-	{
-		(void) pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
-		watch_forks();
-		log_mutex.lock();
-	}
-	~LogHold() RELEASE()
-	{
-		log_mutex.unlock();
-		(void) pthread_setcancelstate(cancel_state_, nullptr);
-		errno = errno_;
-	}
-	LogHold(const LogHold &) = delete;
-	LogHold &operator=(const LogHold &) = delete;
+	SyslogUse() { in_syslog++; }
+	~SyslogUse() { in_syslog--; }
+	SyslogUse(const SyslogUse &) = delete;
+	SyslogUse &operator=(const SyslogUse &) = delete;
+};
+
+// Whoever wants to choose comes before the messages that arrive meanwhile, or might wait for ever.
+void renew()
+{
+	pthread_rwlockattr_t attributes;
+	(void) pthread_rwlockattr_init(&attributes); // none of these three fails with what it is given
+	(void) pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+	(void) pthread_rwlock_init(&log_lock.raw, &attributes);
+	(void) pthread_rwlockattr_destroy(&attributes);
+	if (in_syslog.exchange(0) > 0)
+		syslog_is_lost = true;
+}
+
+// A call of the log: it isn't cancelled, since it would leave the lock behind, and the caller's errno outlives it.
+class LogCall {
+public:
+	LogCall() : errno_(errno) { log_process.enter(static_cast<uint64_t>(getpid()), renew); }
+	~LogCall() { errno = errno_; }
+	LogCall(const LogCall &) = delete;
+	LogCall &operator=(const LogCall &) = delete;
 
 private:
 	int errno_;
-	int cancel_state_;
+	CancellationWaits cancellation_;
 };
 
 // The choice goes with the output: what was closed is never written again, and the same name opens it anew.
-void close_locked() REQUIRES(log_mutex)
+void close_locked() REQUIRES(log_lock)
 {
 	ostrel_log_type_t *type = std::exchange(ostrel_log_type, nullptr);
 	if (type != nullptr && type->nlt_close != nullptr)
 		type->nlt_close();
 }
 
-void take_program_name() REQUIRES(log_mutex)
+// It is written once: messages on standard error read it without the lock.
+void take_program_name() REQUIRES(log_lock)
 {
 	const char *path = getprogpath();
+	if (ostrel_log_execname[0] != '\0')
+		return;
 	size_t length = path == nullptr ? 0 : strnlen(path, sizeof(ostrel_log_execname) - 1);
 	if (length > 0)
 		memcpy(ostrel_log_execname, path, length);
 	ostrel_log_execname[length] = '\0';
 }
 
-void open_locked(const char *name) REQUIRES(log_mutex)
+// The output is chosen when it is open: a child that is forked in between has nothing that is half open.
+void open_locked(const char *name) REQUIRES(log_lock)
 {
-	if (name == nullptr || (ostrel_log_type != nullptr && strcmp(ostrel_log_type->nlt_name, name) == 0))
+	if (ostrel_log_type != nullptr && strcmp(ostrel_log_type->nlt_name, name) == 0)
 		return;
 	close_locked();
 	for (ostrel_log_type_t &type : ostrel_log_types) {
 		if (strcmp(type.nlt_name, name) != 0)
 			continue;
-		ostrel_log_type = &type;
 		take_program_name();
 		if (type.nlt_open != nullptr)
 			type.nlt_open();
+		ostrel_log_type = &type;
 		return;
 	}
 }
 
 // Writes one record of at most `limit` bytes. What is too long loses the front of the program's name first, since the
 // end of a path tells more, and then the end of the text.
-bool write_record(int priority, const char *text, size_t limit) REQUIRES(log_mutex)
+bool write_record(int priority, const char *text, size_t limit) REQUIRES_SHARED(log_lock)
 {
 	char record[MSGLOG_RECORD_MAX + 1];
 	const char *name = ostrel_log_execname;
@@ -124,9 +131,45 @@ bool write_record(int priority, const char *text, size_t limit) REQUIRES(log_mut
 	return fwrite(record, 1, static_cast<size_t>(length), ostrel_msglog_fp) == static_cast<size_t>(length);
 }
 
+// Without the time, which the receiver adds: the C library has a lock for that, too.
+void send_to_syslog(int priority, const char *text)
+{
+	struct sockaddr_un address = {AF_UNIX, "/dev/log"};
+	Fd log(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+	if (!log || connect(log.get(), reinterpret_cast<struct sockaddr *>(&address), sizeof(address)) != 0)
+		return;
+	char head[sizeof(ostrel_log_execname) + 64];
+	int length = snprintf(head, sizeof(head), "<%d>%s[%d]: ", (priority & LOG_PRIMASK) | LOG_DAEMON,
+	    ostrel_log_execname, static_cast<int>(getpid()));
+	struct iovec parts[] = {{head, static_cast<size_t>(length)}, {const_cast<char *>(text), strlen(text)}};
+	struct msghdr message = {};
+	message.msg_iov = parts;
+	message.msg_iovlen = 2;
+	(void) sendmsg(log.get(), &message, MSG_NOSIGNAL); // nobody to tell of a failure
+}
+
+// Writes to the chosen output. False if there is none.
+bool write_chosen(int priority, const char *text)
+{
+	ostrel_log_type_t *unguarded;
+	{
+		ReadLock lock(log_lock);
+		unguarded = ostrel_log_type;
+		if (unguarded == nullptr)
+			return false;
+		if (unguarded->nlt_close != nullptr) {
+			unguarded->nlt_log(priority, text);
+			return true;
+		}
+	}
+	unguarded->nlt_log(priority, text);
+	return true;
+}
+
 } // namespace
 
-// ---- The three outputs. All of them are called with the log's mutex held. ----
+// ---- The three outputs. The first two are opened and closed with the log's lock held for writing, and written to with it
+// held for reading. ----
 
 void ostrel_msglog_open()
 {
@@ -145,10 +188,10 @@ void ostrel_msglog_open()
 
 void ostrel_msglog_close()
 {
-	if (ostrel_msglog_fp != nullptr)
-		(void) fclose(ostrel_msglog_fp); // nobody to tell of a failure
-	ostrel_msglog_fp = nullptr;
 	ostrel_msglog_fd = -1;
+	FILE *stream = std::exchange(ostrel_msglog_fp, nullptr);
+	if (stream != nullptr)
+		(void) fclose(stream); // nobody to tell of a failure
 	ostrel_syslog_close();
 }
 
@@ -161,16 +204,23 @@ void ostrel_msglog(int priority, const char *text) NO_THREAD_SAFETY_ANALYSIS // 
 
 void ostrel_syslog_open()
 {
-	openlog(ostrel_log_execname, LOG_PID | LOG_NOWAIT, LOG_DAEMON);
+	SyslogUse use;
+	if (!syslog_is_lost)
+		openlog(ostrel_log_execname, LOG_PID | LOG_NOWAIT, LOG_DAEMON);
 }
 
 void ostrel_syslog_close()
 {
-	closelog();
+	SyslogUse use;
+	if (!syslog_is_lost)
+		closelog();
 }
 
 void ostrel_syslog(int priority, const char *text)
 {
+	if (syslog_is_lost)
+		return send_to_syslog(priority, text);
+	SyslogUse use;
 	syslog(priority, "%s", text);
 }
 
@@ -183,25 +233,37 @@ void ostrel_stderrlog(int priority, const char *text)
 
 void ostrel_log_open(const char *name)
 {
-	LogHold hold;
+	if (name == nullptr)
+		return;
+	LogCall call;
+	WriteLock lock(log_lock);
 	open_locked(name);
 }
 
 void ostrel_log_close(void)
 {
-	LogHold hold;
+	LogCall call;
+	WriteLock lock(log_lock);
 	close_locked();
+}
+
+static void log_message(int priority, const char *text)
+{
+	LogCall call;
+	const char *name;
+	if (write_chosen(priority, text) || (name = getenv("OSTREL_LOG")) == nullptr)
+		return;
+	{
+		WriteLock lock(log_lock);
+		if (ostrel_log_type == nullptr) // else another thread has chosen meanwhile
+			open_locked(name);
+	}
+	(void) write_chosen(priority, text);
 }
 
 void ostrel_log_fmt(int priority, const char *text)
 {
-	{
-		LogHold hold;
-		if (ostrel_log_type == nullptr)
-			open_locked(getenv("OSTREL_LOG"));
-		if (ostrel_log_type != nullptr)
-			ostrel_log_type->nlt_log(priority, text);
-	}
+	log_message(priority, text);
 	if (OSTREL_TRACED(log))
 		ostrel_trace_log(priority, text);
 }

@@ -17,7 +17,7 @@ typedef const struct ostrel_log_type ostrel_log_type_t;
 
 extern ostrel_log_type_t ostrel_log_types[3];
 
-// All of these belong to the log's mutex; only tests without a second thread look at them without it.
+// All of these belong to the log's lock; only tests without a second thread look at them without it.
 extern ostrel_log_type_t *ostrel_log_type; // NULL while nothing is chosen
 extern char ostrel_log_execname[1024];
 extern int ostrel_msglog_fd;

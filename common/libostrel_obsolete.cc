@@ -71,6 +71,7 @@ int ostrel_file_select(const struct dirent *entry)
 
 void ostrel_make_files_obsolete(const char *dir, const char *pattern)
 {
+	CancellationWaits cancellation;
 	PatternInUse in_use(pattern);
 	if (ostrel_file_regexp == nullptr) {
 		ostrel_log(

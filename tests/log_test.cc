@@ -6,11 +6,11 @@
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
+#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sstream>
 #include <string>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -325,8 +325,8 @@ TEST_F(Log, ReachesTheKernelsLogWhereThereIsNoOtherDevice)
 
 namespace {
 
-// In a child with a /dev of its own: gives the datagrams that reach /dev/log there while `what` runs.
-std::vector<std::string> syslog_lines(const std::function<void()> &what, size_t expected)
+// In a child with a /dev of its own: gives the datagrams that reach /dev/log there while `what` runs. It gets the socket.
+std::vector<std::string> syslog_lines(const std::function<void(int log)> &what, size_t expected)
 {
 	int out[2];
 	EXPECT_EQ(pipe(out), 0);
@@ -342,7 +342,7 @@ std::vector<std::string> syslog_lines(const std::function<void()> &what, size_t 
 			_exit(77);
 		openlog(nullptr, 0, LOG_USER); // as in a process that never used syslog
 		closelog();
-		what();
+		what(log.get());
 		char text[4096];
 		for (size_t i = 0; i < expected; i++) {
 			ssize_t length = recv(log.get(), text, sizeof(text) - 1, 0);
@@ -377,7 +377,7 @@ TEST_F(Log, SyslogGetsTheTextAsItStandsUnderTheProgramsName)
 	if (getuid() != 0)
 		GTEST_SKIP() << "a /dev of its own needs root";
 	std::vector<std::string> lines = syslog_lines(
-	    [] {
+	    [](int) {
 		    ostrel_log_open("msglog"); // with the identity that the platform gives
 		    ostrel_log_fmt(LOG_DEBUG, "to both");
 		    ostrel_log_open("syslog");
@@ -441,10 +441,27 @@ TEST_F(Log, IsClosedAndReopenedUnderThreadsThatWrite)
 	EXPECT_EQ(last, program() + ": 3: last");
 }
 
-// A child that is forked in the middle of another thread's message can log, too.
-TEST_F(Log, IsFreeInAForkedChild)
+namespace {
+
+std::atomic<bool> handlers_log;
+
+void log_in_handler()
+{
+	if (handlers_log)
+		ostrel_log(3, "handler");
+}
+
+// Before the log is used for the first time: handlers that it had would run within these.
+const int handlers_set = pthread_atfork(log_in_handler, log_in_handler, log_in_handler);
+
+} // namespace
+
+// A child that is forked in the middle of another thread's message can log, too, and so can a program's own handlers.
+TEST_F(Log, IsFreeInAForkedChildAndInHandlersOfTheFork)
 {
 	make_device_file();
+	ASSERT_EQ(handlers_set, 0);
+	handlers_log = true;
 	ostrel_log_open("msglog");
 	std::atomic<bool> stop = false;
 	std::thread writer([&] {
@@ -452,10 +469,11 @@ TEST_F(Log, IsFreeInAForkedChild)
 			ostrel_log(3, "parent");
 	});
 	int ended_well = 0;
+	alarm(120); // ends a parent that waits for ever
 	for (int i = 0; i < 100; i++) {
 		pid_t child = fork();
 		if (child == 0) {
-			alarm(10); // ends a child that waits for ever
+			alarm(60);
 			ostrel_log(3, "child");
 			_exit(0);
 		}
@@ -465,48 +483,111 @@ TEST_F(Log, IsFreeInAForkedChild)
 		if (status != 0)
 			break;
 	}
+	alarm(0);
+	handlers_log = false;
 	stop = true;
 	writer.join();
 	EXPECT_EQ(ended_well, 100);
 }
 
-// A thread that is cancelled while it writes lets go of the log all the same.
-TEST_F(Log, OutlivesAThreadThatIsCancelledInAMessage)
-{
-	ASSERT_EQ(mkfifo(device().c_str(), 0600), 0);
-	Fd in(open(device().c_str(), O_RDONLY | O_NONBLOCK));
-	ostrel_log_open("msglog");
-	pthread_t thread;
-	ASSERT_EQ(pthread_create(
-		      &thread, nullptr,
-		      [](void *) -> void * {
-			      for (;; pthread_testcancel()) // until the pipe is full
-				      ostrel_log(3, "%1000d", 1);
-		      },
-		      nullptr),
-	    0);
-	int waiting = 0, seen = -1;
-	while (ioctl(in.get(), FIONREAD, &waiting) == 0 && (waiting == 0 || waiting != seen)) {
-		seen = waiting;
-		usleep(20000);
+namespace {
+
+// Logs until the output takes no more.
+class Flood {
+public:
+	explicit Flood(int output)
+	    : writer_([this] {
+		      while (!stop_)
+			      ostrel_log(3, "%1000d", 1);
+	      })
+	{
+		for (int full = 0; full < 5; usleep(10000)) {
+			struct pollfd look = {output, POLLOUT, 0};
+			full = poll(&look, 1, 0) == 0 ? full + 1 : 0;
+		}
 	}
-	ASSERT_EQ(pthread_cancel(thread), 0);
-	char drain[65536];
-	std::thread reader([&] {
-		for (int i = 0; i < 100; i++) {
+	// What it has written is to be read from now on.
+	~Flood()
+	{
+		stop_ = true;
+		writer_.join();
+	}
+
+private:
+	std::atomic<bool> stop_ = false;
+	std::thread writer_;
+};
+
+} // namespace
+
+TEST_F(Log, AFullPipeHoldsUpNobodyButItsWriters)
+{
+	make_device_file();
+	int pipe_ends[2];
+	ASSERT_EQ(pipe(pipe_ends), 0);
+	Fd in(pipe_ends[0]), saved(dup(STDERR_FILENO));
+	ASSERT_EQ(dup2(pipe_ends[1], STDERR_FILENO), STDERR_FILENO);
+	(void) close(pipe_ends[1]);
+	ostrel_log_open("stderr");
+	alarm(120);
+	std::thread reader;
+	{
+		Flood flood(STDERR_FILENO);
+		pid_t child = fork();
+		if (child == 0) {
+			alarm(60);
+			ostrel_log_open("msglog");
+			ostrel_log(3, "child");
+			_exit(0);
+		}
+		int status = -1;
+		EXPECT_EQ(waitpid(child, &status, 0), child);
+		EXPECT_EQ(status, 0);
+		ostrel_log_open("msglog");
+		ostrel_log(3, "elsewhere");
+		EXPECT_NE(file_text(device()).find(program() + ": 3: elsewhere\n"), std::string::npos);
+		reader = std::thread([&] {
+			char drain[65536];
 			while (read(in.get(), drain, sizeof(drain)) > 0) {
 			}
-			usleep(1000);
-		}
-	});
-	void *result = nullptr;
-	ASSERT_EQ(pthread_join(thread, &result), 0);
-	EXPECT_EQ(result, PTHREAD_CANCELED);
+		});
+	}
+	alarm(0);
+	(void) dup2(saved.get(), STDERR_FILENO);
 	reader.join();
-	ostrel_log(3, "free");
-	ssize_t length = read(in.get(), drain, sizeof(drain));
-	ASSERT_GT(length, 0);
-	EXPECT_EQ(std::string(drain, static_cast<size_t>(length)), program() + ": 3: free\n");
+	EXPECT_EQ(file_text(device()).find(program() + ": 3: child\n"), 0u);
+}
+
+// The C library's own lock of syslog is another thread's in such a child, for good.
+TEST_F(Log, AChildOfAProcessThatWaitsInSyslogLogs)
+{
+	if (getuid() != 0)
+		GTEST_SKIP() << "a /dev of its own needs root";
+	auto flood_and_fork = [](int log) {
+		sockaddr_un address = {AF_UNIX, "/dev/log"};
+		int output = socket(AF_UNIX, SOCK_DGRAM, 0);
+		if (connect(output, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
+			_exit(1);
+		alarm(120);
+		ostrel_log_open("syslog");
+		Flood flood(output);
+		pid_t child = fork();
+		if (child == 0) {
+			alarm(60);
+			ostrel_log_open("stderr");
+			ostrel_log_open("syslog");
+			ostrel_log_fmt(LOG_ERR, "the child's");
+			_exit(0);
+		}
+		char text[4096];
+		for (ssize_t length; (length = recv(log, text, sizeof(text) - 1, 0)) > 0;) {
+			text[length] = '\0';
+			if (strstr(text, "the child's") != nullptr)
+				_exit(0);
+		}
+		_exit(2);
+	};
+	EXPECT_EQ(syslog_lines(flood_and_fork, 0).size(), 0u);
 }
 
 // ---- The running program ----

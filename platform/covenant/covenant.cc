@@ -156,6 +156,7 @@ pid_t fork_without_signal()
 
 int covenant_open(const char *path, int oflag)
 {
+	CancellationWaits cancellation;
 	if (path == nullptr || strcmp(path, COVENANT_PROCESS_TEMPLATE) != 0 || (oflag & ~O_CLOEXEC) != O_RDWR) {
 		errno = EINVAL;
 		return -1;

@@ -172,6 +172,7 @@ int enclave_find_record(enclaveid_t id, enclave_info_t *info)
 // No lock: threads that look at the same moment find the same, and the first one to store it wins.
 enclaveid_t getenclaveid(void)
 {
+	CancellationWaits cancellation;
 	enclaveid_t id = own_enclave.load();
 	if (id != not_looked_up || look_up_mark(&id) != 0)
 		return id;

@@ -121,6 +121,7 @@ int compare_namespaces(pid_t pid, int *flags)
 
 int enclave_leader_start(pid_t pid, uint64_t *startp)
 {
+	CancellationWaits cancellation;
 	if (pid <= 0 || startp == nullptr)
 		return EINVAL;
 	char line[1024];
@@ -141,6 +142,7 @@ int enclave_leader_start(pid_t pid, uint64_t *startp)
 
 int enclave_leader_alive(const enclave_info_t *info)
 {
+	CancellationWaits cancellation;
 	uint64_t start = 0;
 	return info != nullptr && info->ei_leader > 0 && enclave_leader_start(info->ei_leader, &start) == 0 &&
 	       start == info->ei_leader_start;
@@ -188,6 +190,7 @@ int enclave_open_leader(const enclave_info_t *info, EnclaveLeader *leader)
 
 int _enclave_capabilities(enclaveid_t id, uint64_t *capabilities)
 {
+	CancellationWaits cancellation;
 	enclave_info_t info = {};
 	int error = capabilities == nullptr ? EINVAL : 0;
 	if (error == 0 && id != ENCLAVE_ID_GLOBAL && id != getenclaveid())

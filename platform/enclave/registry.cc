@@ -416,6 +416,7 @@ int check_exists(int registry, enclaveid_t id)
 
 int enclave_registry_get(enclaveid_t id, enclave_info_t *info)
 {
+	CancellationWaits cancellation;
 	if (!is_id(id) || info == nullptr)
 		return EINVAL;
 	Fd dir;
@@ -426,6 +427,7 @@ int enclave_registry_get(enclaveid_t id, enclave_info_t *info)
 
 int enclave_registry_list(enclave_info_t **infos, size_t *count)
 {
+	CancellationWaits cancellation;
 	if (infos == nullptr || count == nullptr)
 		return EINVAL;
 	Fd dir;
@@ -446,6 +448,7 @@ int enclave_registry_list(enclave_info_t **infos, size_t *count)
 
 int enclave_registry_find(const char *name, enclave_info_t *info)
 {
+	CancellationWaits cancellation;
 	if (name == nullptr || info == nullptr)
 		return EINVAL;
 	enclave_info_t *infos = nullptr;
@@ -474,6 +477,7 @@ int enclave_registry_check(const enclave_info_t *info)
 
 int enclave_registry_add(const enclave_info_t *info)
 {
+	CancellationWaits cancellation;
 	if (int error = enclave_registry_check(info))
 		return error;
 	LockedRegistry registry;
@@ -489,6 +493,7 @@ int enclave_registry_add(const enclave_info_t *info)
 
 int enclave_registry_replace(const enclave_info_t *info)
 {
+	CancellationWaits cancellation;
 	if (int error = enclave_registry_check(info))
 		return error;
 	LockedRegistry registry;
@@ -503,6 +508,7 @@ int enclave_registry_replace(const enclave_info_t *info)
 
 int enclave_registry_remove(enclaveid_t id)
 {
+	CancellationWaits cancellation;
 	if (!is_id(id))
 		return EINVAL;
 	LockedRegistry registry;

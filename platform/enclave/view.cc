@@ -123,6 +123,7 @@ int find_named(const char *name, enclave_info_t *info)
 
 ssize_t enclave_getattr(enclaveid_t id, int attribute, void *buffer, size_t size)
 {
+	CancellationWaits cancellation;
 	if (attribute != ENCLAVE_ATTR_ROOT)
 		return fail_with(EINVAL);
 	if (id == ENCLAVE_ID_GLOBAL || id == getenclaveid())
@@ -135,6 +136,7 @@ ssize_t enclave_getattr(enclaveid_t id, int attribute, void *buffer, size_t size
 
 ssize_t getenclavenamebyid(enclaveid_t id, char *buffer, size_t length)
 {
+	CancellationWaits cancellation;
 	if (id == ENCLAVE_ID_GLOBAL)
 		return give("global", buffer, length);
 	enclave_info_t info;
@@ -146,6 +148,7 @@ ssize_t getenclavenamebyid(enclaveid_t id, char *buffer, size_t length)
 
 int enclave_get_state(const char *name, enclave_state_t *state)
 {
+	CancellationWaits cancellation;
 	if (name == nullptr || state == nullptr)
 		return fail_with(EINVAL);
 	if (strcmp(name, "global") == 0) {
@@ -162,6 +165,7 @@ int enclave_get_state(const char *name, enclave_state_t *state)
 
 int _enclave_open(const char *path)
 {
+	CancellationWaits cancellation;
 	if (path == nullptr)
 		return fail_with(EINVAL);
 	enclave_info_t *infos = nullptr;
@@ -179,6 +183,7 @@ int _enclave_open(const char *path)
 
 int _enclave_open_in(enclaveid_t id, const char *path)
 {
+	CancellationWaits cancellation;
 	char root[PATH_MAX];
 	if (path == nullptr)
 		return fail_with(EINVAL);
@@ -192,6 +197,7 @@ int _enclave_open_in(enclaveid_t id, const char *path)
 
 int _enclave_has_process(enclaveid_t id, pid_t pid)
 {
+	CancellationWaits cancellation;
 	Fd root, of_process;
 	enclave_info_t info;
 	if (pid <= 0 || enclave_open_process_root(pid, &of_process) != 0)
@@ -206,6 +212,7 @@ int _enclave_has_process(enclaveid_t id, pid_t pid)
 
 int _enclave_hold(enclaveid_t id, int seconds)
 {
+	CancellationWaits cancellation;
 	if (id < 1 || id > ENCLAVE_ID_MAX)
 		return fail_with(EINVAL);
 	enclave_info_t info;

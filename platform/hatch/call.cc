@@ -344,6 +344,7 @@ int hatch_info(int fd, hatch_info_t *info)
 
 void hatch_forget(int fd)
 {
+	CancellationWaits cancellation;
 	hatch::Look look;
 	if (hatch::look_at(fd, &look))
 		hatch::forget_connections(look.attachment);

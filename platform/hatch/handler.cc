@@ -178,7 +178,10 @@ int hatch_return(const char *data, size_t size, hatch_desc_t *descs, unsigned in
 	errno = call == nullptr ? EINVAL : ndescs != 0 ? ENOTSUP : EFAULT;
 	if (call == nullptr || ndescs != 0 || (data == nullptr && size != 0))
 		return -1;
-	hatch::send_reply(call->hatch, call->peer, hatch::Refusal::none, data, size);
+	{
+		CancellationWaits cancellation;
+		hatch::send_reply(call->hatch, call->peer, hatch::Refusal::none, data, size);
+	}
 	call->answered = true;
 	siglongjmp(call->back, 1);
 }

@@ -241,6 +241,7 @@ void destroy(Hatch *hatch) NO_THREAD_SAFETY_ANALYSIS
 
 int hatch_create(hatch_handler_t *handler, void *cookie, unsigned int attributes)
 {
+	CancellationWaits cancellation;
 	if (handler == nullptr || (attributes & ~HATCH_REFUSE_DESC) != 0)
 		return hatch::fail_with(EINVAL);
 	hatch::watch_forks();
@@ -263,6 +264,7 @@ int hatch_setparam(int fd, int parameter, size_t value)
 
 int fattach(int fd, const char *path)
 {
+	CancellationWaits cancellation;
 	hatch::FoundHatch found(fd);
 	int error = found ? hatch::attach(&*found, path) : EBADF;
 	return error == 0 ? 0 : hatch::fail_with(error);
@@ -270,6 +272,7 @@ int fattach(int fd, const char *path)
 
 int hatch_revoke(int fd)
 {
+	CancellationWaits cancellation;
 	hatch::Hatch *hatch = hatch::begin_revoke(fd);
 	if (hatch == nullptr)
 		return hatch::fail_with(EBADF);

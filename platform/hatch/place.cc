@@ -177,6 +177,7 @@ bool holds_place(const Place &place)
 
 int fdetach(const char *path)
 {
+	CancellationWaits cancellation;
 	hatch::Spot spot;
 	hatch::Present present;
 	int error = hatch::find_spot(path, &spot);

@@ -151,6 +151,7 @@ bool check(const char *right, const char *name, uid_t uid)
 
 int chkrightattr_peercred(const char *auth, const char *user, const peercred_t *cred)
 {
+	CancellationWaits cancellation;
 	if (auth == nullptr || *auth == '\0' || user == nullptr || cred == nullptr)
 		return 0;
 	uid_t uid = peercred_getruid(cred);

@@ -303,6 +303,7 @@ rpy_handle_t *rpy_handle_create(uint32_t version)
 
 void rpy_handle_destroy(rpy_handle_t *handle)
 {
+	CancellationWaits cancellation;
 	if (handle != nullptr && handle->hatch)
 		hatch_forget(handle->hatch.get());
 	delete handle;
@@ -364,6 +365,7 @@ int rpy_handle_decorate(rpy_handle_t *handle, const char *name, rpy_value_t *val
 
 int rpy_handle_bind(rpy_handle_t *handle)
 {
+	CancellationWaits cancellation;
 	if (handle == nullptr)
 		return fail(RPY_ERROR_INVALID_ARGUMENT);
 	if (handle->hatch)
@@ -389,6 +391,7 @@ int rpy_handle_bind(rpy_handle_t *handle)
 
 int rpy_handle_unbind(rpy_handle_t *handle)
 {
+	CancellationWaits cancellation;
 	if (handle == nullptr)
 		return fail(RPY_ERROR_INVALID_ARGUMENT);
 	if (!handle->hatch)

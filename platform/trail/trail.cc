@@ -203,6 +203,7 @@ void trl_watch(trl_watcher_t *new_watcher, void *cookie)
 
 int trl_start_session(trl_session_data_t **session, const void *imported, unsigned int flags)
 {
+	CancellationWaits cancellation;
 	if (session == nullptr || imported != nullptr || flags != 0)
 		return fail(EINVAL);
 	Heap<trl_session_data_t> made(static_cast<trl_session_data_t *>(calloc(1, sizeof(trl_session_data_t))));
@@ -244,6 +245,7 @@ trl_event_data_t *trl_alloc_event(const trl_session_data_t *session, trl_event_t
 
 int trl_put_event(const trl_event_data_t *data, int status, int retval)
 {
+	CancellationWaits cancellation;
 	const auto *event = reinterpret_cast<const Event *>(data);
 	if (event == nullptr || !event->session->has_user)
 		return fail(EINVAL);
@@ -270,6 +272,7 @@ void trl_free_event(trl_event_data_t *event)
 
 int trl_end_session(trl_session_data_t *session)
 {
+	CancellationWaits cancellation;
 	if (session != nullptr && session->audit >= 0)
 		(void) close(session->audit);
 	free(session);

@@ -2,6 +2,7 @@
 #ifndef TESTS_LOG_CAPTURE_H
 #define TESTS_LOG_CAPTURE_H
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -12,27 +13,32 @@ public:
 	LogCapture()
 	{
 		ostrel_log_close();
-		lines().clear();
+		taken().clear();
 		ostrel_log_type = &type;
 	}
 	~LogCapture() { ostrel_log_close(); }
 	LogCapture(const LogCapture &) = delete;
 	LogCapture &operator=(const LogCapture &) = delete;
 
-	// Each message as "priority: text", up to now: it takes the log's mutex, as each message does.
-	static std::vector<std::string> &lines()
+	// Each message as "priority: text", up to now.
+	static std::vector<std::string> lines()
 	{
-		ostrel_log_open(nullptr);
+		std::lock_guard hold(mutex);
 		return taken();
 	}
 
 private:
+	static inline std::mutex mutex;
 	static std::vector<std::string> &taken()
 	{
 		static std::vector<std::string> lines;
 		return lines;
 	}
-	static void take(int priority, const char *text) { taken().push_back(std::to_string(priority) + ": " + text); }
+	static void take(int priority, const char *text)
+	{
+		std::lock_guard hold(mutex);
+		taken().push_back(std::to_string(priority) + ": " + text);
+	}
 	static constexpr struct ostrel_log_type type = {"captured by a test", nullptr, nullptr, take};
 };
 

@@ -3,6 +3,8 @@
  * known as its leader, that process's namespaces. 0 is the global enclave.
  *
  * The registry of a host holds one record for each of its enclaves.
+ *
+ * None of the calls below is a cancellation point.
  */
 #ifndef MERIDON_ENCLAVE_H
 #define MERIDON_ENCLAVE_H
