@@ -2,8 +2,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -12,6 +10,7 @@
 #include "alloc_fault.h"
 #include "base/guards.h"
 #include "list_text.h"
+#include "scratch.h"
 #include "test_paths.h"
 
 namespace {
@@ -23,19 +22,13 @@ struct Golden {
 	std::string bytes;
 };
 
-std::string read_file(const fs::path &path)
-{
-	std::ifstream in(path, std::ios::binary);
-	return {std::istreambuf_iterator<char>(in), {}};
-}
-
 // The files of a folder of the fuzzer's corpus.
 std::vector<Golden> golden(const char *folder)
 {
 	std::vector<Golden> all;
 	fs::path path = fs::path(TEST_SOURCE_DIR) / "fuzz/corpus/attrlist_unpack" / folder;
 	for (const auto &entry : fs::directory_iterator(path))
-		all.push_back({entry.path().filename(), read_file(entry.path())});
+		all.push_back({entry.path().filename(), file_text(entry.path())});
 	EXPECT_GE(all.size(), 10U) << path;
 	return all;
 }
@@ -85,7 +78,7 @@ AttrList make_object()
 
 TEST(PackedList, AnObjectHasTheseBytes)
 {
-	std::string file = read_file(fs::path(TEST_SOURCE_DIR) / "fuzz/corpus/attrlist_unpack/accepted/object");
+	std::string file = file_text(fs::path(TEST_SOURCE_DIR) / "fuzz/corpus/attrlist_unpack/accepted/object");
 	EXPECT_EQ(pack(make_object().get()), file);
 }
 

@@ -210,16 +210,15 @@ TEST_F(Enclaves, ADatabaseOfAnEnclaveKeepsThePrivateDaemonUntilItIsClosed)
 	ASSERT_TRUE(db);
 	const pid_t daemon = server_of(enclave_path(private_hatch));
 	EXPECT_GT(daemon, 0);
-	std::ifstream environment("/proc/" + std::to_string(daemon) + "/environ");
-	ASSERT_TRUE(environment);
-	EXPECT_EQ(std::string(std::istreambuf_iterator<char>(environment), {}).find("secret"), std::string::npos);
+	const std::string proc = "/proc/" + std::to_string(daemon), environment = file_text(proc + "/environ");
+	EXPECT_NE(environment.find("PATH="), std::string::npos);
+	EXPECT_EQ(environment.find("secret"), std::string::npos);
 	EXPECT_EQ(resources_of(db)->nsr_private_configd_pid, daemon);
 	EXPECT_TRUE(_enclave_has_process(5, daemon));
 	EXPECT_FALSE(_enclave_has_process(5, host_daemon));
-	for (const auto &entry : fs::directory_iterator("/proc/" + std::to_string(daemon) + "/fd")) {
-		const std::string open = fs::read_symlink(entry.path());
-		EXPECT_TRUE(
-		    std::stoi(entry.path().filename()) > 2 || open == "/dev/null" || open.rfind("socket:", 0) == 0)
+	for (const std::string &fd : entries_of(proc + "/fd")) {
+		const std::string open = link_text(proc + "/fd/" + fd);
+		EXPECT_TRUE(std::stoi(fd) > 2 || open == "/dev/null" || open.rfind("socket:", 0) == 0)
 		    << "it has this process's " << open;
 	}
 	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;");

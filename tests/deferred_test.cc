@@ -1,7 +1,6 @@
 // Deferred updates: a store of the test's own asks for retries, and the seconds between them pass at once.
 #include <atomic>
 #include <csignal>
-#include <dirent.h>
 #include <functional>
 #include <malloc.h>
 #include <map>
@@ -18,6 +17,7 @@
 #include "alloc_fault.h"
 #include "base/guards.h"
 #include "log_capture.h"
+#include "scratch.h"
 
 namespace {
 
@@ -94,11 +94,7 @@ const struct ostrel_db_cmds store_cmds = {
 
 int threads_alive()
 {
-	Handle<DIR, [](DIR *dir) { (void) closedir(dir); }> tasks(opendir("/proc/self/task"));
-	int count = -2; // . and ..
-	while (readdir(tasks.get()) != nullptr)
-		count++;
-	return count;
+	return static_cast<int>(entries_of("/proc/self/task").size());
 }
 
 // Waits until as many threads as before the test are left, 60 seconds at most.

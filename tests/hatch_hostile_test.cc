@@ -4,7 +4,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/mman.h>
@@ -81,8 +81,7 @@ private:
 
 ptrdiff_t threads_of(pid_t pid)
 {
-	auto tasks = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task");
-	return std::distance(begin(tasks), end(tasks));
+	return std::ssize(entries_of("/proc/" + std::to_string(pid) + "/task"));
 }
 
 class HatchHostile : public testing::Test {

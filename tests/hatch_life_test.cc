@@ -4,7 +4,6 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -30,11 +29,7 @@ std::string state_of(int fd)
 
 class HatchLife : public testing::Test {
 protected:
-	int names_in_directory() const
-	{
-		auto entries = std::filesystem::directory_iterator(scratch_.directory());
-		return static_cast<int>(std::distance(begin(entries), end(entries)));
-	}
+	int names_in_directory() const { return static_cast<int>(entries_of(scratch_.directory()).size()); }
 
 	Scratch scratch_;
 	std::string path_ = attachable(scratch_.path("hatch"));

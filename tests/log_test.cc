@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <functional>
 #include <poll.h>
 #include <pthread.h>
@@ -29,20 +28,13 @@
 #include "base/guards.h"
 #include "libostrel_log.h"
 #include "libostrel_trace.h"
+#include "scratch.h"
 
 namespace {
 
 std::string program()
 {
 	return getprogpath();
-}
-
-std::string file_text(const std::string &path)
-{
-	std::ifstream in(path);
-	std::stringstream text;
-	text << in.rdbuf();
-	return text.str();
 }
 
 // Starts each test with nothing chosen, and a directory of its own as the root of the message device.

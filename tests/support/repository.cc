@@ -65,9 +65,7 @@ bool is_gone(pid_t pid)
 	if (text[state + 2] != 'Z')
 		return false;
 	// Its other threads hold its files until they have ended, too.
-	std::error_code ended;
-	std::filesystem::directory_iterator tasks(directory + "/task", ended);
-	return ended || std::distance(tasks, std::filesystem::directory_iterator()) <= 1;
+	return entries_of(directory + "/task").size() <= 1;
 }
 
 int Repository::start(const std::string &hatch_name, std::string *output)

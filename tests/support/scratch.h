@@ -2,15 +2,17 @@
 #ifndef TESTS_SCRATCH_H
 #define TESTS_SCRATCH_H
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -50,21 +52,45 @@ private:
 	std::string directory_;
 };
 
+// These three never fail, also for what goes while they look, as a process does: they give what they have seen.
+
+// Without C++ streams: their buffer throws where the process of a file has ended meanwhile.
 inline std::string file_text(const std::string &path)
 {
-	std::ifstream file(path, std::ios::binary);
-	return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+	std::string text;
+	char block[4096];
+	FILE *file = fopen(path.c_str(), "re");
+	for (size_t length; file != nullptr && (length = fread(block, 1, sizeof(block), file)) > 0;)
+		text.append(block, length);
+	if (file != nullptr)
+		(void) fclose(file);
+	return text;
+}
+
+inline std::vector<std::string> entries_of(const std::string &path)
+{
+	std::vector<std::string> names;
+	DIR *directory = opendir(path.c_str());
+	while (const dirent *entry = directory == nullptr ? nullptr : readdir(directory)) {
+		if (std::string_view(entry->d_name) != "." && std::string_view(entry->d_name) != "..")
+			names.emplace_back(entry->d_name);
+	}
+	if (directory != nullptr)
+		(void) closedir(directory);
+	return names;
+}
+
+inline std::string link_text(const std::string &path)
+{
+	char text[PATH_MAX];
+	const ssize_t length = readlink(path.c_str(), text, sizeof(text));
+	return {text, length > 0 ? static_cast<size_t>(length) : 0};
 }
 
 // How many descriptors the process has open.
 inline int open_descriptors()
 {
-	int count = 0;
-	DIR *directory = opendir("/proc/self/fd");
-	while (readdir(directory) != nullptr)
-		count++;
-	closedir(directory);
-	return count - 3; // the two dots, and the directory's own
+	return static_cast<int>(entries_of("/proc/self/fd").size()) - 1; // the directory's own
 }
 
 #endif
