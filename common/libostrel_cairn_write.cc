@@ -395,17 +395,11 @@ ostrel_error_t remove_or_undo(ostrel_db_t db, attrlist_t *idl, uint64_t flags, a
 	return result;
 }
 
-bool has_text(attrlist_t *idl)
-{
-	char text[OSTREL_IDSTR_SIZE];
-	return ostrel_idlist2idstr(idl, text) == OSTREL_SUCCESS;
-}
-
 // The record of the update is made from its list. What a read has added mustn't cost it that: the stored types may be long.
 void keep_text(attrlist_t *idl, attrlist_t *given)
 {
 	char *pgtype;
-	if (has_text(idl) || !has_text(given))
+	if (ostrel_idlist_has_text(idl) || !ostrel_idlist_has_text(given))
 		return;
 	(void) attrlist_remove_all(idl, OSTREL_ID_PGTYPE);
 	if (ostrel_idlist_get(given, OSTREL_ID_PGTYPE, &pgtype) == OSTREL_SUCCESS)

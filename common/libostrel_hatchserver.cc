@@ -96,9 +96,7 @@ void drop_own_enclave(ostrel_db_t db, attrlist_t *idl)
 // What has no text leaves no record. Nobody but root chooses that.
 bool may_update(const Request &request)
 {
-	char ids[OSTREL_IDSTR_SIZE];
-	return peercred_getruid(request.cred.get()) == 0 ||
-	       ostrel_idlist2idstr(request.ids.get(), ids) == OSTREL_SUCCESS;
+	return peercred_getruid(request.cred.get()) == 0 || ostrel_idlist_has_text(request.ids.get());
 }
 
 ostrel_error_t carry_out(ostrel_hatch_cmd_t cmd, Request &request)
@@ -289,13 +287,14 @@ ostrel_error_t ostrel_hatchserver_create(
 	if (fattach(hatch.get(), path) == -1)
 		return ostrel_errno2error(errno);
 	*hatch_fd = hatch.release();
+	trl_keep_way();
 	return OSTREL_SUCCESS;
 }
 
 void ostrel_hatchserver_destroy(const char *path, int hatch_fd)
 {
-	if (hatch_fd != -1)
-		(void) hatch_revoke(hatch_fd);
+	if (hatch_fd != -1 && hatch_revoke(hatch_fd) == 0)
+		trl_leave_way();
 	if (path != nullptr)
 		(void) unlink(path);
 }

@@ -107,6 +107,12 @@ boolean_t ostrel_idlist_match(ostrel_db_t db, attrlist_t *idl, attrlist_t *objid
 	return held == equal ? B_TRUE : B_FALSE;
 }
 
+bool ostrel_idlist_has_text(attrlist_t *idl)
+{
+	char text[OSTREL_IDSTR_SIZE];
+	return ostrel_idlist2idstr(idl, text) == OSTREL_SUCCESS;
+}
+
 bool ostrel_idlist_stays(ostrel_db_t db, attrlist_t *idl)
 {
 	char *name;

@@ -157,6 +157,8 @@ boolean_t ostrel_idlist_is_empty(attrlist_t *idl);
 // handle was opened so. Without `exact` it is a subset test, in which an empty value matches any; with it, both lists
 // have the same keys with the same values, in any order. What can't be compared isn't selected.
 boolean_t ostrel_idlist_match(ostrel_db_t db, attrlist_t *idl, attrlist_t *objidl, boolean_t exact);
+// Whether it has a text form, which a record needs.
+bool ostrel_idlist_has_text(attrlist_t *idl);
 // The dbc_stays of a back end for which the name and the enclave of the handle, to the letter, are its own database.
 ostrel_stayscmd_t ostrel_idlist_stays;
 // Whether a list has a key that chooses a file, level, instance or enclave, whatever its value.

@@ -361,6 +361,40 @@ TEST_F(Audit, ARenameOfAGroupWithLongTypesIsRecorded)
 	EXPECT_EQ(walk(db, "*"), "b:t ");
 }
 
+// Whoever takes all of a server's descriptors, by connections for instance, isn't rid of the records of its updates.
+TEST_F(Audit, UpdatesAreRecordedWhereNoDescriptorIsLeft)
+{
+	CairnDaemon here;
+	file_.path = test_instance;
+	LocalServer server(file_, nullptr, nullptr, ostrel_cairn_db_cmds);
+	int gate[2];
+	ASSERT_EQ(::pipe2(gate, O_CLOEXEC), 0);
+	Fd gate_out(gate[0]), gate_in(gate[1]);
+	Process client([&] {
+		Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
+		for (char go, i = 0; i < 5; i++) {
+			(void) ostrel_db_write(db.get(), group_of("a:t").get(), 0, props_of("p=x").get());
+			if (i == 2 && ::read(gate_out.get(), &go, 1) != 1)
+				return 1;
+		}
+		return 0;
+	});
+	size_t before = 0;
+	ASSERT_TRUE(eventually([&] { return (before += audit_->records().size()) == 3; }));
+	struct rlimit limit;
+	ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+	const struct rlimit low = {256, limit.rlim_max};
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+	std::vector<Fd> all;
+	for (int fd; (fd = ::dup(gate_in.get())) != -1;)
+		all.emplace_back(fd);
+	EXPECT_EQ(::write(gate_in.get(), "x", 1), 1);
+	EXPECT_EQ(client.wait(), 0);
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+	all.clear();
+	EXPECT_EQ(audit_->records().size(), 2U);
+}
+
 TEST_F(Audit, AClientThatMayNotUpdateLeavesNoRecord)
 {
 	file_.write_rights("daemon: ostrel.write\n");
