@@ -439,10 +439,11 @@ private:
 	static std::string marked(const std::string &text, const std::string &by)
 	{
 		AttrList idl = idl_of(by + ";" + text);
-		if (const size_t hash = by.find('#'); hash != std::string::npos)
-			EXPECT_EQ(attrlist_add_int64(
-				      idl.get(), by.substr(0, hash - 1).c_str(), std::stoll(by.substr(hash + 1))),
-			    0);
+		const size_t hash = by.find('#');
+		const std::string name = by.substr(0, by.find('='));
+		if (hash != std::string::npos &&
+		    attrlist_add_int64(idl.get(), name.c_str(), std::stoll(by.substr(hash + 1))) != 0)
+			abort();
 		return packed(idl.get());
 	}
 	std::string asked_for(uid_t real, const std::string &hatch, const std::string &by) const
