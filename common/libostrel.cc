@@ -109,6 +109,7 @@ static constexpr struct ostrel_db_cmds files_db_cmds = {
     .dbc_audit = ostrel_audit,
     .dbc_auth = nullptr,
     .dbc_visit = ostrel_visit_objects_of_file,
+    .dbc_stays = ostrel_idlist_stays,
 };
 
 // Read only, by having no slots to update with.
@@ -121,9 +122,10 @@ static constexpr struct ostrel_db_cmds rawfiles_db_cmds = {
     .dbc_remove = nullptr,
     .dbc_audit = nullptr,
     .dbc_auth = nullptr,
+    .dbc_stays = ostrel_idlist_stays,
 };
 
-// No audit records here: the server's back end makes them.
+// No audit records here: the server's back end makes them. Where a list leads to, the server alone knows.
 static constexpr struct ostrel_db_cmds hatches_db_cmds = {
     .dbc_open = ostrel_hatch_db_open,
     .dbc_close = ostrel_hatch_db_close,
@@ -144,6 +146,7 @@ static constexpr struct ostrel_db_cmds cairn_db_cmds = {
     .dbc_remove = ostrel_remove_object_from_cairn,
     .dbc_audit = ostrel_audit,
     .dbc_auth = nullptr,
+    .dbc_stays = ostrel_idlist_stays,
 };
 
 ostrel_db_cmds_t ostrel_cairn_db_cmds = &cairn_db_cmds;

@@ -126,7 +126,9 @@ extern ostrel_db_cmds_t ostrel_rawfiles_db_cmds;
  * again by the next operation.
  *
  * Takes all operations that the served database takes, with these results of its own:
- *          OSTREL_EPERM        the user doesn't hold the right, or the list names another file
+ *          OSTREL_EPERM        the user doesn't hold the right, or the list leads out of the served database and the
+ *                              user doesn't hold ostrel.elsewhere
+ *          OSTREL_INVALID_ARG  also: an update by another user than root whose identifiers have no text form
  *          OSTREL_FAILURE      there is no server: a plain file, or the server went before or during the call (an
  *                              update may then have been carried out); a signal handler that doesn't restart calls
  *          OSTREL_NOT_FOUND    also: nothing is at the path any more
@@ -556,7 +558,10 @@ void ostrel_make_files_obsolete(const char *dir, const char *pattern);
 /*
  * Serves an open database to other processes, which open `path` with ostrel_hatches_db_cmds. A caller needs the right
  * `read_auth` to read and `write_auth` to update (see chkrightattr_peercred()); NULL or an empty name lets everybody.
- * A database in a file can't be made to touch another one. Whoever may update may also remove the whole database.
+ * A request that leads elsewhere, by an object-db-name or object-db-enclave that isn't the handle's own, also needs the
+ * right "ostrel.elsewhere". The handle's own enclave is taken out of a request. An update whose identifiers have no text
+ * form, and so would leave no record, is OSTREL_INVALID_ARG but for root. Whoever may update may also remove the whole
+ * database.
  *
  * The directory of the path is made if it isn't there, and gets mode 0755 and the owner 16:65 in any case; the file gets
  * mode 0644, and may be left over from an earlier server, even one that lives: its clients come here then. A path

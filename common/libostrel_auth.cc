@@ -10,6 +10,7 @@ namespace {
 
 constexpr size_t entry_first = 570; // bytes of an entry of the user database; doubled as long as it asks for more
 constexpr size_t entry_max = 1U << 20;
+constexpr char elsewhere[] = "ostrel.elsewhere";
 
 // A failure that names no error, or one that speaks of a thing not found, mustn't read as success, or as something about
 // an object: whoever isn't known holds no right.
@@ -57,4 +58,9 @@ ostrel_error_t ostrel_db_check_read_auth(ostrel_db_t db, const peercred_t *cred)
 ostrel_error_t ostrel_db_check_write_auth(ostrel_db_t db, const peercred_t *cred)
 {
 	return db == nullptr ? OSTREL_SUCCESS : check_auth(ostrel_db_get_write_auth(db), cred);
+}
+
+ostrel_error_t ostrel_check_elsewhere_auth(const peercred_t *cred)
+{
+	return check_auth(elsewhere, cred);
 }

@@ -395,13 +395,28 @@ ostrel_error_t remove_or_undo(ostrel_db_t db, attrlist_t *idl, uint64_t flags, a
 	return result;
 }
 
+// The record of the update is made from its list. What a read has added mustn't cost it that: the stored types may be long.
+void keep_text(attrlist_t *idl, attrlist_t *given)
+{
+	char *pgtype;
+	if (ostrel_idlist_has_text(idl) || !ostrel_idlist_has_text(given))
+		return;
+	(void) attrlist_remove_all(idl, OSTREL_ID_PGTYPE);
+	if (ostrel_idlist_get(given, OSTREL_ID_PGTYPE, &pgtype) == OSTREL_SUCCESS)
+		(void) ostrel_idlist_add(idl, OSTREL_ID_PGTYPE, pgtype); // in the room of the longer one
+}
+
 // Reads the object with the lock given up, since the read takes it itself. The dispatcher holds it around each slot, which a
 // slot's type doesn't say.
 ostrel_error_t read_unlocked(ostrel_db_t db, attrlist_t *idl, uint64_t flags, AttrList *props) NO_THREAD_SAFETY_ANALYSIS
 {
+	AttrList given;
+	if (int error = attrlist_dup(idl, given.out(), 0))
+		return SETERRNO(error);
 	ostrel_db_unlock(db);
 	ostrel_error_t result = ostrel_db_read(db, idl, flags, props->out());
 	ostrel_db_wrlock(db);
+	keep_text(idl, given.get());
 	return result;
 }
 

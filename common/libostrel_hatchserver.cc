@@ -75,15 +75,28 @@ const Command *find_command(ostrel_hatch_cmd_t cmd)
 	return nullptr;
 }
 
-// The file back ends go to the file that the identifiers name. A caller from outside would have any file of the server's
-// that way, by the rights that it has on this one.
-bool names_another_file(const Request &request)
+// A caller from outside would have any file of the server's, and any enclave's repository, by the rights that it has on this
+// database.
+bool stays(ostrel_db_t db, attrlist_t *idl)
 {
-	char *name;
-	const ostrel_db_cmds_t cmds = ostrel_db_get_cmds(request.db);
-	return (cmds == ostrel_files_db_cmds || cmds == ostrel_rawfiles_db_cmds) &&
-	       ostrel_idlist_get_db_name(request.ids.get(), &name) == OSTREL_SUCCESS &&
-	       strcmp(name, ostrel_db_get_name(request.db)) != 0;
+	ostrel_stayscmd_t *answer = ostrel_db_get_cmds(db)->dbc_stays;
+	return answer != nullptr ? answer(db, idl) : !ostrel_idlist_chooses(idl);
+}
+
+// The handle's own enclave says nothing, but a list that holds one has no text for a record. A back end that doesn't know
+// what lists mean gets them as they are.
+void drop_own_enclave(ostrel_db_t db, attrlist_t *idl)
+{
+	int64_t enclave;
+	if (ostrel_db_get_cmds(db)->dbc_stays != nullptr &&
+	    attrlist_lookup_int64(idl, OSTREL_ID_ENCLAVE, &enclave) == 0 && enclave == ostrel_db_get_enclaveid(db))
+		(void) attrlist_remove(idl, OSTREL_ID_ENCLAVE, DATA_TYPE_INT64); // it is there
+}
+
+// What has no text leaves no record. Nobody but root chooses that.
+bool may_update(const Request &request)
+{
+	return peercred_getruid(request.cred.get()) == 0 || ostrel_idlist_has_text(request.ids.get());
 }
 
 ostrel_error_t carry_out(ostrel_hatch_cmd_t cmd, Request &request)
@@ -95,7 +108,16 @@ ostrel_error_t carry_out(ostrel_hatch_cmd_t cmd, Request &request)
 		return result;
 	if (command->run == nullptr)
 		return OSTREL_SUCCESS;
-	return names_another_file(request) ? OSTREL_EPERM : command->run(request);
+	attrlist_t *newids = cmd == OSTREL_HATCH_CMD_RENAME_REQ ? request.data.get() : nullptr;
+	if (!stays(request.db, request.ids.get()) || !stays(request.db, newids)) {
+		if (ostrel_error_t result = ostrel_check_elsewhere_auth(request.cred.get()))
+			return result;
+	}
+	drop_own_enclave(request.db, request.ids.get());
+	drop_own_enclave(request.db, newids);
+	if (cmd != OSTREL_HATCH_CMD_READ_REQ && !may_update(request))
+		return OSTREL_INVALID_ARG;
+	return command->run(request);
 }
 
 // The bytes are the client's: nothing is believed before the lengths are seen to add up.
@@ -266,14 +288,15 @@ ostrel_error_t ostrel_hatchserver_create(
 	if (fattach(hatch.get(), path) == -1)
 		return ostrel_errno2error(errno);
 	*hatch_fd = hatch.release();
+	trl_keep_way();
 	return OSTREL_SUCCESS;
 }
 
 void ostrel_hatchserver_destroy(const char *path, int hatch_fd)
 {
 	CancellationWaits cancellation;
-	if (hatch_fd != -1)
-		(void) hatch_revoke(hatch_fd);
+	if (hatch_fd != -1 && hatch_revoke(hatch_fd) == 0)
+		trl_leave_way();
 	if (path != nullptr)
 		(void) unlink(path);
 }

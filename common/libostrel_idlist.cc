@@ -107,6 +107,28 @@ boolean_t ostrel_idlist_match(ostrel_db_t db, attrlist_t *idl, attrlist_t *objid
 	return held == equal ? B_TRUE : B_FALSE;
 }
 
+bool ostrel_idlist_has_text(attrlist_t *idl)
+{
+	char text[OSTREL_IDSTR_SIZE];
+	return ostrel_idlist2idstr(idl, text) == OSTREL_SUCCESS;
+}
+
+bool ostrel_idlist_stays(ostrel_db_t db, attrlist_t *idl)
+{
+	char *name;
+	int64_t enclave;
+	if (attrlist_exists(idl, OSTREL_ID_DB_NAME) &&
+	    (ostrel_idlist_get_db_name(idl, &name) != OSTREL_SUCCESS || strcmp(name, ostrel_db_get_name(db)) != 0))
+		return false;
+	return !attrlist_exists(idl, OSTREL_ID_ENCLAVE) ||
+	       (attrlist_lookup_int64(idl, OSTREL_ID_ENCLAVE, &enclave) == 0 && enclave == ostrel_db_get_enclaveid(db));
+}
+
+bool ostrel_idlist_chooses(attrlist_t *idl)
+{
+	return attrlist_exists(idl, OSTREL_ID_DB_NAME) || attrlist_exists(idl, OSTREL_ID_ENCLAVE);
+}
+
 ostrel_error_t ostrel_idlist2idstr(attrlist_t *idl, char *buf)
 {
 	size_t used = 0;

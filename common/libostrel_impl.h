@@ -59,6 +59,7 @@ typedef ostrel_error_t ostrel_authcmd_t(ostrel_db_t db, boolean_t write);
 typedef ostrel_error_t ostrel_visit_t(attrlist_t *object, void *arg);
 typedef ostrel_error_t ostrel_visitcmd_t(
     ostrel_db_t db, attrlist_t *idl, uint64_t flags, ostrel_visit_t *visit, void *arg);
+typedef bool ostrel_stayscmd_t(ostrel_db_t db, attrlist_t *idl);
 
 // A back end: what it receives and must return, slot by slot. An empty slot (NULL) means what stands in brackets.
 struct ostrel_db_cmds {
@@ -88,6 +89,10 @@ struct ostrel_db_cmds {
 	// they needn't all be in memory. What can fail in the store has been done before the first visit, and the
 	// objects are those of one moment. Gives what the visit gave. [dbc_read serves]
 	ostrel_visitcmd_t *dbc_visit = nullptr;
+	// For a hatch server, with no lock held: whether an operation with this list, which may be NULL, stays in the
+	// handle's database, and goes to no other file, level, instance or enclave. What isn't certain doesn't stay.
+	// [no list with one of the keys that choose these stays]
+	ostrel_stayscmd_t *dbc_stays = nullptr;
 };
 
 // The handle. Nothing in it changes after open but db_priv, the authorization texts (set once, when a server is made)
@@ -133,6 +138,8 @@ void ostrel_db_unlock_priv(ostrel_db_t db) RELEASE(db->db_privlock);
 // with
 ostrel_error_t ostrel_db_check_read_auth(ostrel_db_t db, const peercred_t *cred);
 ostrel_error_t ostrel_db_check_write_auth(ostrel_db_t db, const peercred_t *cred);
+// Whether it may leave the served database as well. The same errors.
+ostrel_error_t ostrel_check_elsewhere_auth(const peercred_t *cred);
 
 // For the analysis: what takes the handle's lock isn't called by who holds it, since the lock isn't recursive.
 extern "C" {
@@ -150,6 +157,12 @@ boolean_t ostrel_idlist_is_empty(attrlist_t *idl);
 // handle was opened so. Without `exact` it is a subset test, in which an empty value matches any; with it, both lists
 // have the same keys with the same values, in any order. What can't be compared isn't selected.
 boolean_t ostrel_idlist_match(ostrel_db_t db, attrlist_t *idl, attrlist_t *objidl, boolean_t exact);
+// Whether it has a text form, which a record needs.
+bool ostrel_idlist_has_text(attrlist_t *idl);
+// The dbc_stays of a back end for which the name and the enclave of the handle, to the letter, are its own database.
+ostrel_stayscmd_t ostrel_idlist_stays;
+// Whether a list has a key that chooses a file, level, instance or enclave, whatever its value.
+bool ostrel_idlist_chooses(attrlist_t *idl);
 
 // Objects
 // Gives the two lists that lie in an object, in place, nothing copied. Errors: OSTREL_NOT_FOUND  one of the two is

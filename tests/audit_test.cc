@@ -271,8 +271,6 @@ TEST_F(Audit, WhatHasNoTextOrNoNameOrNoEventIsntRecorded)
 	AttrList enclave = idl_of("a=1");
 	ASSERT_EQ(ostrel_idlist_add_enclaveid(enclave.get(), 5), OSTREL_SUCCESS);
 	EXPECT_EQ(ostrel_db_remove(db.get(), enclave.get(), 0), OSTREL_SUCCESS);
-	EXPECT_EQ(ostrel_db_remove(db.get(), idl_of("a=" + std::string(253, 'x')).get(), 0), OSTREL_SUCCESS)
-	    << "a text of 256 characters";
 	EXPECT_EQ(ostrel_db_remove(open_database("", &answering).get(), idl_of("a=1").get(), 0), OSTREL_SUCCESS);
 	ostrel_audit(nullptr, TRL_ostrel_update, idl_of("a=1").get(), OSTREL_SUCCESS);
 	for (unsigned short event : std::initializer_list<unsigned short>{0, 133, 136, 65535})
@@ -307,6 +305,94 @@ TEST_F(Audit, AnUpdateThroughAHatchIsRecordedInTheClientsName)
 	EXPECT_EQ(write(server.db(), "a=1"), OSTREL_SUCCESS);
 	EXPECT_EQ(audit_->records().at(0)["subj_uid"], "0") << "outside of a call it's the process";
 	(void) unsetenv("MERIDON_ROOT");
+}
+
+// What has no text leaves no record, and so nobody but root gets it carried out.
+TEST_F(Audit, NoClientChoosesNotToBeRecorded)
+{
+	std::atomic<int> carried_out = 0;
+	answer = [&] {
+		carried_out++;
+		return OSTREL_FAILURE;
+	};
+	LocalServer server(file_, nullptr, nullptr, &answering);
+	const std::string longest = "a=" + std::string(252, 'x');
+	struct {
+		AttrList idl;
+		std::string text; // of the record; "-": there is none
+	} rows[] = {{idl_of("a=1"), "a=1;"}, {idl_of("a=1"), "-"}, {idl_of(longest), longest + ";"},
+	    {idl_of(longest + "x"), "-"}, {idl_of("object-id-string=x"), ""}, {{}, ""}};
+	ASSERT_EQ(ostrel_idlist_add_enclaveid(rows[0].idl.get(), 0), OSTREL_SUCCESS); // the handle's own
+	ASSERT_EQ(attrlist_add_int32(rows[1].idl.get(), "b", 1), 0);
+	for (const auto &row : rows) {
+		for (uid_t user : {4242U, 0U}) {
+			const bool allowed = row.text != "-" || user == 0;
+			carried_out = 0;
+			Process client([&] {
+				become(user, user);
+				Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
+				return ostrel_db_remove(db.get(), row.idl.get(), 0);
+			});
+			EXPECT_EQ(client.wait(), allowed ? OSTREL_FAILURE : OSTREL_INVALID_ARG)
+			    << row.text << " by " << user;
+			EXPECT_EQ(carried_out, allowed ? 1 : 0) << row.text << " by " << user;
+			const std::vector<AuditRecord> found = audit_->records();
+			ASSERT_EQ(found.size(), row.text == "-" ? 0U : 1U) << row.text << " by " << user;
+			for (const AuditRecord &record : found)
+				EXPECT_EQ(record["object_name"] + record["subj_uid"], row.text + std::to_string(user));
+		}
+	}
+}
+
+// A rename reads the object, and what is stored of its identifiers comes into the list that the record is made from.
+TEST_F(Audit, ARenameOfAGroupWithLongTypesIsRecorded)
+{
+	CairnDaemon here;
+	ASSERT_TRUE(here.ready);
+	CairnDb db = open_cairn();
+	ASSERT_TRUE(db);
+	const std::string types = std::string(240, 't');
+	ASSERT_EQ(put(db, "a:" + types, "p=1"), OSTREL_SUCCESS);
+	EXPECT_EQ(audit_->records().size(), 0U) << "a text of its own that is too long: root's";
+	EXPECT_EQ(move(db, "a", "b:t"), OSTREL_SUCCESS);
+	const std::vector<AuditRecord> found = audit_->records();
+	ASSERT_EQ(found.size(), 1U);
+	EXPECT_EQ(in_short(found[0]), "update object-pgname=a; 0 0 success");
+	EXPECT_EQ(walk(db, "*"), "b:t ");
+}
+
+// Whoever takes all of a server's descriptors, by connections for instance, isn't rid of the records of its updates.
+TEST_F(Audit, UpdatesAreRecordedWhereNoDescriptorIsLeft)
+{
+	CairnDaemon here;
+	file_.path = test_instance;
+	LocalServer server(file_, nullptr, nullptr, ostrel_cairn_db_cmds);
+	int gate[2];
+	ASSERT_EQ(::pipe2(gate, O_CLOEXEC), 0);
+	Fd gate_out(gate[0]), gate_in(gate[1]);
+	Process client([&] {
+		Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
+		for (char go, i = 0; i < 5; i++) {
+			(void) ostrel_db_write(db.get(), group_of("a:t").get(), 0, props_of("p=x").get());
+			if (i == 2 && ::read(gate_out.get(), &go, 1) != 1)
+				return 1;
+		}
+		return 0;
+	});
+	size_t before = 0;
+	ASSERT_TRUE(eventually([&] { return (before += audit_->records().size()) == 3; }));
+	struct rlimit limit;
+	ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+	const struct rlimit low = {256, limit.rlim_max};
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+	std::vector<Fd> all;
+	for (int fd; (fd = ::dup(gate_in.get())) != -1;)
+		all.emplace_back(fd);
+	EXPECT_EQ(::write(gate_in.get(), "x", 1), 1);
+	EXPECT_EQ(client.wait(), 0);
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+	all.clear();
+	EXPECT_EQ(audit_->records().size(), 2U);
 }
 
 TEST_F(Audit, AClientThatMayNotUpdateLeavesNoRecord)

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <deque>
 #include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "alloc_fault.h"
+#include "cairn_db.h"
 #include "served_db.h"
 
 namespace {
@@ -175,26 +177,6 @@ TEST_F(HatchRequests, OfManyMegabytesAreJudgedByTheDatabase)
 	EXPECT_EQ(ask(hatch_.get(), Block(READ, big)).objects, "");
 	expect(Block(WRITE, big, props("p=x")), OSTREL_INVALID_ARG);
 	expect(Block(REMOVE, big), OSTREL_NOT_FOUND);
-}
-
-TEST_F(HatchRequests, CannotChooseAnotherFile)
-{
-	const std::string other = file_.scratch.write("other", first_text);
-	for (const std::string &name : {other, file_.scratch.directory() + "/./db", std::string()}) {
-		const std::string choosing = ids("object-db-name=" + name + ";a=1");
-		expect(Block(READ, choosing), OSTREL_EPERM);
-		expect(Block(WRITE, choosing, props("p=x")), OSTREL_EPERM);
-		expect(Block(RENAME, choosing, ids("a=3")), OSTREL_EPERM);
-		expect(Block(REMOVE, choosing), OSTREL_EPERM);
-	}
-	EXPECT_EQ(file_text(other), first_text);
-	const std::string same = ids("object-db-name=" + file_.path + ";a=1");
-	EXPECT_EQ(ask(hatch_.get(), Block(READ, same)).objects, "a=1;|p=one; ");
-	Database raw = open_database(file_.path, ostrel_rawfiles_db_cmds);
-	LocalHatch raw_hatch(file_.scratch.path("raw"), ostrel_hatch_handler, raw.get());
-	Fd raw_fd = open_hatch(file_.scratch.path("raw"));
-	EXPECT_EQ(ask(raw_fd.get(), Block(READ, ids("object-db-name=/etc/shadow"))).head.nda_result, OSTREL_EPERM);
-	EXPECT_EQ(ask(raw_fd.get(), Block(READ, ids("object-db-name=" + file_.path))).head.nda_result, OSTREL_SUCCESS);
 }
 
 // A store of the test's own: reads give as many objects of as many bytes as it says.
@@ -412,6 +394,149 @@ TEST_F(HatchRights, ARequestFromOutsideLearnsNothingOfWhatItAsksFor)
 	});
 	EXPECT_EQ(client.wait(), 0);
 	EXPECT_EQ(file_.text(), first_text);
+}
+
+// ---- Requests that leave the served database ----
+
+// A letter for each result of read, write, rename, rename to there, remove, and what the read found.
+struct Leaving {
+	std::string by;            // an identifier; behind a '#' stands a number
+	std::string without, with; // the right. Empty: any result that isn't OSTREL_EPERM
+};
+constexpr char refused[] = "PPPPP";
+
+class HatchElsewhere : public HatchRights {
+protected:
+	// Asks for all of it as a user with the right to go elsewhere, as root, and as a user with the other rights alone.
+	void expect(const std::string &hatch, const std::vector<Leaving> &rows)
+	{
+		for (const Leaving &row : rows) {
+			for (const char *name : {"daemon", "bin", "root"}) {
+				begin_();
+				const std::string before = state_();
+				const std::string answers = asked_for(user(name), hatch, row.by);
+				const bool has_right = *name != 'd';
+				const std::string &expected = has_right ? row.with : row.without;
+				EXPECT_TRUE(
+				    answers == expected || (expected.empty() && answers.find('P') == std::string::npos))
+				    << row.by << " by " << name << ": " << answers;
+				EXPECT_TRUE(has_right || row.without != refused || state_() == before) << row.by;
+			}
+		}
+	}
+
+	const std::string rights_ = "daemon: ostrel.read, ostrel.write\nbin: ostrel.*\n";
+	const std::string other_ = file_.scratch.path("other"), done_ = "..... a=1;|p=one; ";
+	// Objects of the served database, and of where it goes. All is made anew, and looked at, for each user.
+	std::string here_ = "a=2", here_new_ = "a=4", there_ = "a=1", there_new_ = "a=3";
+	std::function<void()> begin_ = [this] {
+		file_.write(first_text);
+		file_.scratch.write("other", first_text);
+	};
+	std::function<std::string()> state_ = [this] { return file_.text() + file_text(other_); };
+
+private:
+	static std::string marked(const std::string &text, const std::string &by)
+	{
+		AttrList idl = idl_of(by + ";" + text);
+		const size_t hash = by.find('#');
+		const std::string name = by.substr(0, by.find('='));
+		if (hash != std::string::npos &&
+		    attrlist_add_int64(idl.get(), name.c_str(), std::stoll(by.substr(hash + 1))) != 0)
+			abort();
+		return packed(idl.get());
+	}
+	std::string asked_for(uid_t real, const std::string &hatch, const std::string &by) const
+	{
+		const Block requests[] = {Block(READ, marked(there_, by)),
+		    Block(WRITE, marked(there_, by), props("p=x")), Block(RENAME, marked(there_, by), ids(there_new_)),
+		    Block(RENAME, ids(here_), marked(here_new_, by)), Block(REMOVE, marked(there_new_, by))};
+		int pipe[2];
+		EXPECT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+		Process client([&] {
+			become(real, real);
+			Fd fd = open_hatch(hatch);
+			std::string letters, found;
+			for (const Block &request : requests) {
+				const Reply reply = ask(fd.get(), request);
+				letters += reply.error != 0 ? '!' : ".Pienwmfur"[reply.head.nda_result];
+				found += reply.objects;
+			}
+			const std::string all = found.empty() ? letters : letters + " " + found;
+			return write(pipe[1], all.data(), all.size()) == ssize_t(all.size()) ? 0 : 1;
+		});
+		EXPECT_EQ(client.wait(), 0);
+		Fd in(pipe[0]), out(pipe[1]);
+		char text[256];
+		return {text, size_t(std::max(read(in.get(), text, sizeof text), ssize_t{0}))};
+	}
+};
+
+TEST_F(HatchElsewhere, AnotherFileOrEnclaveTakesTheRight)
+{
+	file_.write_rights(rights_);
+	const std::string name = "object-db-name=", enclave = "object-db-enclave=", link = file_.scratch.path("link");
+	ASSERT_EQ(::link(file_.path.c_str(), link.c_str()), 0);
+	Process server = serve_file(file_, "ostrel.read", "ostrel.write");
+	expect(file_.hatch, {{name + other_, refused, done_}, {name + file_.scratch.path("./db"), refused, done_},
+				{name + link, refused, ""}, {name + other_ + "/no", refused, "nnn.n"},
+				{name + "#1", refused, done_}, {enclave + "#5", refused, ""},
+				{enclave + "global", refused, "....n"}, {enclave + "#4294967296", refused, ""},
+				{name + file_.path, done_, done_}, {enclave + "#0", done_, done_}});
+	ServedFile raw;
+	raw.path = file_.path;
+	Process raw_server = serve_file(raw, "ostrel.read", "ostrel.write", ostrel_rawfiles_db_cmds);
+	there_ = there_new_ = "";
+	const std::string lines = ".iiii object-rawline=line1;|object-rawline=a=1;\tp=string,one;; "
+				  "object-rawline=line2;|object-rawline=a=2;\tp=string,two;; ";
+	expect(raw.hatch, {{name + other_, refused, lines}, {name + file_.path, lines, lines}});
+}
+
+// What a list means the far server alone knows, and it takes the one between for the caller.
+TEST_F(HatchElsewhere, NothingIsPassedOnToAFurtherHatchWithoutIt)
+{
+	file_.write_rights(rights_);
+	Process far_server = serve_file(file_);
+	ServedFile between;
+	between.path = file_.hatch;
+	Process server = serve_file(between, "ostrel.read", "ostrel.write", ostrel_hatches_db_cmds);
+	expect(between.hatch,
+	    {{"object-db-name=" + other_, refused, done_}, {"object-db-name=" + file_.path, refused, done_},
+		{"object-db-enclave=#0", refused, ""}, {"object-db-name=" + file_.hatch, refused, ""}});
+}
+
+TEST_F(HatchElsewhere, AnotherLevelOrEnclaveOfARepositoryTakesTheRight)
+{
+	CairnDaemon here;
+	ASSERT_TRUE(here.ready);
+	std::filesystem::create_directories(here.daemon.place.path("etc/meridon"));
+	ASSERT_EQ(chmod(here.daemon.place.write("etc/meridon/rights", rights_).c_str(), 0644), 0);
+	here_ = "object-pgname=c;object-pgtype=t";
+	here_new_ = "object-pgname=d;object-pgtype=t";
+	there_ = "object-pgname=a;object-pgtype=t";
+	there_new_ = "object-pgname=b;object-pgtype=t";
+	for (const auto &[own, other] :
+	    {std::pair(test_instance, test_service), std::pair(test_service, test_instance)}) {
+		CairnDb own_db = open_cairn(own), other_db = open_cairn(other);
+		state_ = [&] { return walk(own_db, "*") + "/ " + walk(other_db, "*"); };
+		begin_ = [&] {
+			for (const char *group : {"a", "b", "c", "d"}) {
+				(void) drop(own_db, group);
+				(void) drop(other_db, group);
+			}
+			ASSERT_EQ(put(own_db, "c:t", "p=two"), OSTREL_SUCCESS);
+			ASSERT_EQ(put(other_db, "a:t", "p=one"), OSTREL_SUCCESS);
+		};
+		ServedFile served;
+		served.path = own;
+		Process server = serve_file(served, "ostrel.read", "ostrel.write", ostrel_cairn_db_cmds);
+		const std::string name = "object-db-name=", enclave = "object-db-enclave=";
+		// A rename without a place among the new identifiers leads to the served one.
+		expect(served.hatch, {{name + other, refused, "....n " + there_ + ";|p=one; "}});
+		EXPECT_EQ(state_(), "b:t / d:t ");
+		expect(served.hatch, {{name + "net/other", refused, "iiiii"}, {enclave + "#5", refused, ""},
+					 {enclave + "#0", "n....", "n...."}, {name + own, "n....", "n...."}});
+	}
 }
 
 // ---- Beginning and end ----

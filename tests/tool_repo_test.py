@@ -284,6 +284,8 @@ class Served(RepositoryTest):
         done = as_user("daemon", "put", hatch, "object-pgname=eth0", "object-pgtype=link", "--", "mtu:uint32=1500")
         self.assertEqual((done.returncode, done.stderr), (0, b""))
         self.assertEqual(as_user("nobody", "walk", hatch).returncode, 3)
+        elsewhere = as_user("daemon", "walk", hatch, "object-db-name=net/ip")
+        self.assertEqual((elsewhere.returncode, b"ostrel.elsewhere" in elsewhere.stderr), (3, True))
         refused = as_user("bin", "remove", hatch, "--all", "--yes")
         self.assertEqual(refused.returncode, 6)
         self.assertIn(b"right to read", refused.stderr)

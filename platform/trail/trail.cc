@@ -13,11 +13,13 @@
 #include "base/guards.h"
 #include "base/thread_safety.h"
 #include "trail/libaudit.h"
+#include "trail/reserve.h"
 
 struct trl_session_data {
 	const Libaudit *library;
 	int audit;
-	int error; // not 0: there is no way to the log, for this reason, and the session is for the watcher alone
+	bool reserved; // it is the reserve, and goes back there
+	int error;     // not 0: there is no way to the log, for this reason, and the session is for the watcher alone
 	bool has_user;
 	uid_t uid;
 	gid_t gid;
@@ -184,7 +186,13 @@ int open_log(trl_session_data_t *session)
 	if (session->library == nullptr)
 		return ENOTSUP;
 	session->audit = session->library->open();
-	return session->audit < 0 ? errno : 0;
+	if (session->audit >= 0)
+		return 0;
+	const int error = errno;
+	if (error == EMFILE || error == ENFILE)
+		session->audit = trail::take_reserve();
+	session->reserved = session->audit >= 0;
+	return session->reserved ? 0 : error;
 }
 
 } // namespace
@@ -273,7 +281,9 @@ void trl_free_event(trl_event_data_t *event)
 int trl_end_session(trl_session_data_t *session)
 {
 	CancellationWaits cancellation;
-	if (session != nullptr && session->audit >= 0)
+	if (session != nullptr && session->reserved)
+		trail::give_reserve_back();
+	else if (session != nullptr && session->audit >= 0)
 		(void) close(session->audit);
 	free(session);
 	return 0;

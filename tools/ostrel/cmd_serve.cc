@@ -48,6 +48,7 @@ void declare(CLI::App &app, Options &options)
 	app.footer(
 	    "Serves in the foreground until SIGTERM, SIGINT or SIGHUP. Others reach the database as hatch:PATH.\n"
 	    "Root grants rights in /etc/meridon/rights: lines `user: right, right` or `%group: right`.\n"
+	    "To another file, level or enclave a request gets with the right ostrel.elsewhere only.\n"
 	    "The directory of PATH is made if it is missing; it gets mode 0755 and the owner 16:65.");
 }
 

@@ -215,6 +215,7 @@ List Database::list(const Identifiers &id)
 			others.push_back(pair);
 	}
 	const std::string *level = find_identifier(id, level_key);
+	chose_level_ = chose_level_ || level != nullptr;
 	return id_list(others, level == nullptr ? nullptr : level->c_str());
 }
 
@@ -238,9 +239,9 @@ void Database::fail(ostrel_error_t result, const std::string &what)
 		if (result == OSTREL_EPERM)
 			throw Failure(Exit::permission, fmt::format("{}: the server doesn't allow it", what))
 			    .in(label_)
-			    .next(fmt::format("ostrel auth {} tells what it allows; root grants rights in "
+			    .next(fmt::format("ostrel auth {} tells what it allows; {}root grants rights in "
 					      "/etc/meridon/rights",
-				label_));
+				label_, chose_level_ ? "object-db-name also needs the right ostrel.elsewhere; " : ""));
 	}
 	if (back_->repository)
 		fail_repository(result, what);

@@ -113,6 +113,7 @@ private:
 	ostrel_db_t db_ = nullptr;
 	std::optional<bool> readable_;
 	std::optional<bool> holds_groups_;
+	bool chose_level_ = false;
 	bool updated_ = false;
 	bool given_up_ = false;
 };

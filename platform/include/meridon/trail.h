@@ -82,6 +82,19 @@ typedef void trl_watcher_t(void *cookie, trl_event_t event, const trl_object_t *
 void trl_watch(trl_watcher_t *watcher, void *cookie);
 
 /*
+ * Keeps a way to the audit log open, for sessions that begin when this process or the host has no descriptor left: else
+ * whoever takes them all would be rid of its records. Such sessions come one after another. The calls go in pairs, and may
+ * nest; a program that does updates for others makes the first one before it begins.
+ *
+ * Owns:    one descriptor, from the first trl_keep_way() to the last trl_leave_way().
+ * Errors:  none can be reported: without a way to the log none is kept.
+ * Threads: any.
+ * Forks:   a forked child keeps none, until it calls this itself.
+ */
+void trl_keep_way(void);
+void trl_leave_way(void);
+
+/*
  * Opens a way to the audit log. `imported` and `flags` mean nothing here: NULL and 0.
  *
  * Owns:    *session is new, one descriptor; end it with trl_end_session(). Untouched on failure.

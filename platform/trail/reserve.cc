@@ -1,0 +1,112 @@
+#include "trail/reserve.h"
+
+#include <atomic>
+#include <cstddef>
+#include <ctime>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <meridon/trail.h>
+
+#include "base/guards.h"
+#include "base/thread_safety.h"
+#include "trail/libaudit.h"
+
+namespace {
+
+constexpr time_t longest_wait = 1; // seconds; a record takes microseconds
+
+Mutex reserve_lock;
+pthread_cond_t reserve_is_free = PTHREAD_COND_INITIALIZER;
+std::atomic<pid_t> reserve_process; // whose all this is, or 0
+size_t keepers GUARDED_BY(reserve_lock);
+int reserve GUARDED_BY(reserve_lock) = -1;
+bool taken GUARDED_BY(reserve_lock);
+
+// A forked child has a copy of its parent's socket and locks, which it doesn't use.
+bool is_kept_here()
+{
+	const pid_t process = reserve_process.load(std::memory_order_relaxed);
+	return process != 0 && process == getpid();
+}
+
+void close_reserve() REQUIRES(reserve_lock)
+{
+	if (reserve != -1)
+		(void) close(reserve); // nothing waits in it
+	reserve = -1;
+}
+
+void enter_process() NO_THREAD_SAFETY_ANALYSIS
+{
+	const pid_t before = reserve_process.exchange(getpid(), std::memory_order_relaxed);
+	if (before == 0 || before == getpid())
+		return;
+	reserve_lock.init();
+	reserve_is_free = PTHREAD_COND_INITIALIZER;
+	close_reserve();
+	keepers = 0;
+	taken = false;
+}
+
+// What came too late for the session before.
+void drain(int socket)
+{
+	char scrap[256];
+	while (recv(socket, scrap, sizeof(scrap), MSG_DONTWAIT | MSG_TRUNC) > 0)
+		continue;
+}
+
+} // namespace
+
+int trail::take_reserve()
+{
+	if (!is_kept_here())
+		return -1;
+	timespec end = {};
+	(void) clock_gettime(CLOCK_MONOTONIC, &end);
+	end.tv_sec += longest_wait;
+	MutexLock lock(reserve_lock);
+	for (bool waited = true; taken && waited;)
+		waited = pthread_cond_clockwait(&reserve_is_free, &reserve_lock.raw, CLOCK_MONOTONIC, &end) == 0;
+	if (taken || reserve == -1)
+		return -1;
+	taken = true;
+	drain(reserve);
+	return reserve;
+}
+
+void trail::give_reserve_back()
+{
+	if (!is_kept_here())
+		return;
+	MutexLock lock(reserve_lock);
+	taken = false;
+	if (keepers == 0)
+		close_reserve();
+	(void) pthread_cond_signal(&reserve_is_free);
+}
+
+void trl_keep_way(void)
+{
+	CancellationWaits cancellation;
+	enter_process();
+	MutexLock lock(reserve_lock);
+	keepers++;
+	if (reserve != -1)
+		return;
+	if (const Libaudit *library = libaudit())
+		reserve = library->open();
+}
+
+void trl_leave_way(void)
+{
+	if (!is_kept_here())
+		return;
+	CancellationWaits cancellation;
+	MutexLock lock(reserve_lock);
+	if (keepers == 0 || --keepers > 0)
+		return;
+	if (!taken)
+		close_reserve();
+}
