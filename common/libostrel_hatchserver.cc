@@ -295,8 +295,10 @@ ostrel_error_t ostrel_hatchserver_create(
 void ostrel_hatchserver_destroy(const char *path, int hatch_fd)
 {
 	CancellationWaits cancellation;
-	if (hatch_fd != -1 && hatch_revoke(hatch_fd) == 0)
+	if (hatch_fd != -1) {
+		(void) hatch_revoke(hatch_fd);
 		trl_leave_way();
+	}
 	if (path != nullptr)
 		(void) unlink(path);
 }
