@@ -74,15 +74,6 @@ TEST(AttrList, EveryTypeComesBackInOrder)
 	EXPECT_EQ(list_text(list.get()), rich_text);
 }
 
-TEST(AttrList, NewPairReplacesByNameAndTakesTheLastPlace)
-{
-	AttrList list = make_list();
-	ASSERT_EQ(attrlist_add_string(list.get(), "a", "first"), 0);
-	ASSERT_EQ(attrlist_add_int64(list.get(), "b", 2), 0);
-	ASSERT_EQ(attrlist_add_uint64(list.get(), "a", 3), 0);
-	EXPECT_EQ(list_text(list.get()), "b:7=2;a:8=3;");
-}
-
 TEST(AttrList, LookUpWantsNameAndType)
 {
 	AttrList list = make_list();
@@ -285,31 +276,6 @@ TEST(AttrList, DepthHasALimit)
 	EXPECT_EQ(attrlist_add_attrlist(other.get(), "l", second), 0);
 	EXPECT_EQ(attrlist_merge(second, deepest.get(), ATL_UNIQUE_NAME_TYPE), EINVAL);
 	EXPECT_EQ(list_text(copy.get()), list_text(deepest.get()));
-}
-
-// From the second round on the pairs lie in one run of memory, with and without an index.
-TEST(AttrList, ClearedListIsAsGoodAsNew)
-{
-	AttrList list = make_list();
-	for (int round = 0; round < 6; round++) {
-		ASSERT_EQ(attrlist_clear(list.get()), 0);
-		AttrList rich = make_rich_list(), copy;
-		ASSERT_EQ(attrlist_merge(list.get(), rich.get(), ATL_UNIQUE_NAME_TYPE), 0);
-		std::string expected = rich_text;
-		for (int more = 0; more < round; more++) {
-			std::string name(1, static_cast<char>('A' + more));
-			ASSERT_EQ(attrlist_add_int32(list.get(), name.c_str(), more), 0);
-			expected += name + ":5=" + std::to_string(more) + ";";
-		}
-		ASSERT_EQ(attrlist_dup(list.get(), copy.out(), 0), 0);
-		EXPECT_EQ(list_text(copy.get()), expected);
-		// Both can be changed, each for itself.
-		ASSERT_EQ(attrlist_remove_all(copy.get(), "u32"), 0);
-		ASSERT_EQ(attrlist_add_string(copy.get(), "s", "new"), 0);
-		EXPECT_EQ(list_text(list.get()), expected);
-		ASSERT_EQ(attrlist_clear(list.get()), 0);
-		EXPECT_EQ(list_text(copy.get()).find("lost"), std::string::npos);
-	}
 }
 
 // ---- Memory and time ----

@@ -17,26 +17,12 @@ cat >"$work/program.c" <<'END'
 #include <stdlib.h>
 #include <unistd.h>
 
+#define MUST(what) ((what) ? (void) 0 : (fprintf(stderr, "not so: %s\n", #what), exit(8)))
+
 void trapped(const char *name)
 {
-	fprintf(stderr, "the library called the program's own %s()\n", name);
+	fprintf(stderr, "a library called the program's own %s()\n", name);
 	_exit(9);
-}
-
-static attrlist_t *id(void)
-{
-	attrlist_t *made = NULL;
-	if (ostrel_idlist_init(&made, NULL) != OSTREL_SUCCESS || ostrel_idlist_add(made, "a", "1") != OSTREL_SUCCESS)
-		exit(2);
-	return made;
-}
-
-static attrlist_t *properties(void)
-{
-	attrlist_t *made = NULL;
-	if (ostrel_idlist_init(&made, NULL) != OSTREL_SUCCESS || ostrel_atl_add_one_string(made, "p", "v") != 0)
-		exit(3);
-	return made;
 }
 
 static int see(ostrel_db_t db, attrlist_t *idl, attrlist_t *props, uint64_t flags, void *seen)
@@ -46,46 +32,39 @@ static int see(ostrel_db_t db, attrlist_t *idl, attrlist_t *props, uint64_t flag
 	return 0;
 }
 
-static void use(ostrel_db_t db)
+static ostrel_error_t use(const char *name, ostrel_db_cmds_t cmds, enclaveid_t enclave, const char *hatch)
 {
-	attrlist_t *props = NULL;
-	int seen = 0;
-	if (ostrel_db_write(db, id(), 0, properties()) != OSTREL_SUCCESS ||
-	    ostrel_db_read(db, id(), 0, &props) != OSTREL_SUCCESS ||
-	    ostrel_db_walk(db, NULL, 0, see, NULL, &seen, NULL) != OSTREL_SUCCESS || seen != 1)
-		exit(4);
+	attrlist_t *id, *props, *found;
+	ostrel_db_t db;
+	int fd, seen = 0;
+	MUST(ostrel_idlist_init(&id, NULL) == OSTREL_SUCCESS && ostrel_idlist_init(&props, NULL) == OSTREL_SUCCESS);
+	MUST(ostrel_idlist_add(id, "a", "1") == OSTREL_SUCCESS && ostrel_atl_add_one_string(props, "p", "v") == 0);
+	if (ostrel_db_open(name, enclave, cmds, 0, &db) != OSTREL_SUCCESS)
+		return OSTREL_FAILURE;
+	ostrel_error_t result = ostrel_db_write(db, id, 0, props);
+	if (result == OSTREL_SUCCESS)
+		MUST(ostrel_db_read(db, id, 0, &found) == OSTREL_SUCCESS &&
+		     ostrel_db_walk(db, NULL, 0, see, NULL, &seen, NULL) == OSTREL_SUCCESS && seen == 1);
+	if (hatch != NULL) {
+		MUST(ostrel_hatchserver_create(hatch, "", "", db, &fd) == OSTREL_SUCCESS);
+		MUST(use(hatch, ostrel_hatches_db_cmds, 0, NULL) == OSTREL_SUCCESS);
+		ostrel_hatchserver_destroy(hatch, fd);
+	}
+	ostrel_db_close(db);
+	return result;
 }
 
 int main(int argc, char **argv)
 {
-	(void) argc;
-	const char *place = argv[1];
-	char path[256], hatch[256];
-	ostrel_db_t db, client;
-	int fd;
+	MUST(argc == 2 && chdir(argv[1]) == 0);
 	ostrel_log_open("msglog");
-	ostrel_log(7, "%s", place);
-	snprintf(path, sizeof(path), "%s/db", place);
-	snprintf(hatch, sizeof(hatch), "%s/hatches/hatch", place);
-	if (ostrel_db_open(path, 0, ostrel_files_db_cmds, 0, &db) != OSTREL_SUCCESS)
-		exit(6);
-	use(db);
-	if (geteuid() == 0) {
-		if (ostrel_hatchserver_create(hatch, "", "", db, &fd) != OSTREL_SUCCESS ||
-		    ostrel_db_open(hatch, 0, ostrel_hatches_db_cmds, 0, &client) != OSTREL_SUCCESS)
-			exit(7);
-		use(client);
-		ostrel_db_close(client);
-		ostrel_hatchserver_destroy(hatch, fd);
-	}
-	ostrel_db_close(db);
-	if (ostrel_db_open(path, 5, ostrel_files_db_cmds, 0, &db) != OSTREL_SUCCESS ||
-	    ostrel_db_write(db, id(), 0, properties()) == OSTREL_SUCCESS ||
-	    ostrel_db_open("none", 0, ostrel_cairn_db_cmds, 0, &client) == OSTREL_SUCCESS)
-		exit(8);
-	ostrel_make_files_obsolete(place, "^db$");
-	snprintf(path, sizeof(path), "%s/db.obsolete", place);
-	return access(path, F_OK) == 0 ? 0 : 10;
+	ostrel_log(7, "%s", "text");
+	MUST(use("db", ostrel_files_db_cmds, 0, geteuid() == 0 ? "hatches/hatch" : NULL) == OSTREL_SUCCESS);
+	MUST(use("db", ostrel_files_db_cmds, 5, NULL) != OSTREL_SUCCESS);
+	MUST(use("none", ostrel_cairn_db_cmds, 0, NULL) != OSTREL_SUCCESS);
+	ostrel_make_files_obsolete(".", "^db$");
+	MUST(access("db.obsolete", F_OK) == 0);
+	return 0;
 }
 END
 
