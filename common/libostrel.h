@@ -149,8 +149,14 @@ extern ostrel_db_cmds_t ostrel_hatches_db_cmds;
  * Numbers come back as 64-bit arrays; a stored property keeps its type, and takes no attribute of another kind. Types
  * beyond booleans, numbers and strings aren't taken. A write creates the levels that are missing, of the types in
  * "object-pgtype". A rename within one tree can't put a group below itself, and one of a group that holds groups is
- * refused: removing the old one would take them along. An instance's snapshot "running" follows its updates in 5 to 10
- * seconds, and at the close.
+ * refused: removing the old one would take them along. So is one that asks for another spelling or other types where the
+ * group is. An instance's snapshot "running" follows its updates in 5 to 10 seconds, and at the close; a forked child begins
+ * to take snapshots with its first operation.
+ *
+ * A service or instance that was deleted and made again is found by the next operation. A private daemon of another enclave
+ * ends with the handle that started it, its last copy in forked children, or their processes; operations of others that are
+ * under way come to their end first, and the next ones start another. An enclave that gets another root directory gets another
+ * repository: the next operation goes there.
  *
  * Errors beside those of each operation:
  *          OSTREL_INVALID_ARG  neither path in the list, a path of more than 8 components or more than 255 bytes, a `*` in

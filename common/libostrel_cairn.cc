@@ -250,8 +250,10 @@ static bool is_at(ostrel_rpy_resources_t *const *place, const ostrel_rpy_resourc
 static void put_among_enclaves(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(db->db_privlock)
 {
 	ostrel_rpy_resources_t **place = place_in(&native_of(db)->nsr_enclave_resources, res);
-	if (is_at(place, res))
+	if (is_at(place, res)) {
+		ostrel_hand_refresh_on(res, *place);
 		release_first_of(db, place);
+	}
 	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a building that succeeds gives them
 	if (res->nsr_private_configd)
 		return; // they live as long as the operation
@@ -259,6 +261,22 @@ static void put_among_enclaves(ostrel_db_t db, ostrel_rpy_resources_t *res) REQU
 	res->nsr_enclave_node = *place;
 	*place = res;
 	res->nsr_refcnt = 1;
+}
+
+// Resources of other enclaves that wait for their snapshot wait on. The others are built anew on demand.
+static void hand_waiting_on(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t *before)
+{
+	for (auto **from = &before->nsr_enclave_resources; *from != nullptr;) {
+		ostrel_rpy_resources_t *entry = *from;
+		if (!ostrel_refresh_is_pending(entry)) {
+			from = &entry->nsr_enclave_node;
+			continue;
+		}
+		*from = entry->nsr_enclave_node;
+		auto **to = place_in(&res->nsr_enclave_resources, entry);
+		entry->nsr_enclave_node = *to;
+		*to = entry;
+	}
 }
 
 static void put_as_native(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(db->db_privlock)
@@ -271,13 +289,13 @@ static void put_as_native(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(
 		ostrel_start_refresh(res, before);
 	if (before != nullptr) {
 		ostrel_hand_refresh_on(res, before);
+		hand_waiting_on(res, before);
 		ostrel_inherit_private_configd(res, before);
 	}
 	ostrel_rele_rpy_resources_locked(db, before, nullptr);
 }
 
-// Without any lock: a daemon takes its time, and that of another enclave as much as it likes.
-static ostrel_error_t build_resources(ostrel_db_t db, enclaveid_t enclave, NewResources *out)
+static ostrel_error_t build_once(ostrel_db_t db, enclaveid_t enclave, NewResources *out, bool *is_lost)
 {
 	NewResources res(allocate_resources(db, enclave));
 	if (!res)
@@ -288,13 +306,28 @@ static ostrel_error_t build_resources(ostrel_db_t db, enclaveid_t enclave, NewRe
 	ostrel_error_t result = ostrel_bind_cairn_configd(enclave, res.get());
 	if (result == OSTREL_SUCCESS)
 		result = create_objects(res.get());
-	if (result == OSTREL_SUCCESS)
+	if (result == OSTREL_SUCCESS) {
 		result = look_locator_up(res.get());
+		*is_lost = result != OSTREL_SUCCESS && res->nsr_private_configd && res->nsr_private_configd_pid == 0 &&
+			   rpy_error() == RPY_ERROR_CONNECTION_BROKEN;
+	}
 	if (result == OSTREL_SUCCESS)
 		*out = std::move(res);
 	else
 		ostrel_end_private_configd(res.get());
 	return result;
+}
+
+// Without any lock: a daemon takes its time, and that of another enclave as much as it likes. A private one that was found may
+// end before it is called for the first time, as often as others start and end one.
+static ostrel_error_t build_resources(ostrel_db_t db, enclaveid_t enclave, NewResources *out)
+{
+	for (int tries = 0;; tries++) {
+		bool is_lost = false;
+		ostrel_error_t result = build_once(db, enclave, out, &is_lost);
+		if (!is_lost || tries == OSTREL_RPY_BUILD_TRIES)
+			return result;
+	}
 }
 
 ostrel_error_t ostrel_create_rpy_resources(ostrel_db_t db, ostrel_rpy_resources_t **resp)
@@ -417,6 +450,16 @@ static bool ostrel_rpy_handle_has_server(const ostrel_rpy_resources_t *res, rpy_
 	       rpy_error() != RPY_ERROR_CONNECTION_BROKEN;
 }
 
+// Whether an operation can begin on the resources. A private daemon that is about to end goes on for those who have called it.
+static bool is_usable(const ostrel_rpy_resources_t *res, rpy_scope_t *scope)
+{
+	if (res->nsr_deleted || !ostrel_rpy_handle_has_server(res, scope) || ostrel_enclave_has_moved(res))
+		return false;
+	rpy_status_t status;
+	return !res->nsr_private_configd || _rpy_status(res->nsr_handle, &status) == 0 ||
+	       rpy_error() != RPY_ERROR_CONNECTION_BROKEN;
+}
+
 static bool is_active(enclaveid_t enclave)
 {
 	char name[ENCLAVE_NAME_MAX + 1];
@@ -454,8 +497,7 @@ static ostrel_rpy_resources_t *find_resources(ostrel_db_t db, enclaveid_t enclav
 static bool take_found(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp) REQUIRES(db->db_privlock)
 {
 	ostrel_rpy_resources_t *found = find_resources(db, enclave);
-	if (found == nullptr || !ostrel_rpy_handle_has_server(found, found->nsr_scope) ||
-	    ostrel_native_configd_inenclave_ready(found))
+	if (found == nullptr || !is_usable(found, found->nsr_scope) || ostrel_native_configd_inenclave_ready(found))
 		return false;
 	found->nsr_cache_hits++;
 	found->nsr_refcnt++;
@@ -550,9 +592,12 @@ static void forget_parent(ostrel_db_t db) NO_THREAD_SAFETY_ANALYSIS
 	if (native == nullptr)
 		return;
 	ostrel_renew_refresh_gate(native->nsr_gate);
+	native->nsr_private_daemon.is_inherited = true;
 	forget_readers(native);
 	for (auto *entry = native->nsr_enclave_resources; entry != nullptr; entry = entry->nsr_enclave_node)
 		forget_readers(entry);
+	if (native->nsr_refresh_thread != 0)
+		ostrel_start_refresh(native, native);
 }
 
 static void enter_process(ostrel_db_t db)
@@ -611,7 +656,7 @@ bool RpyOperation::take_ready(enclaveid_t enclave)
 		res_ = found;
 	}
 	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a taken entry is one
-	if (ostrel_rpy_handle_has_server(res_, rres_->nsr_scope))
+	if (is_usable(res_, rres_->nsr_scope))
 		return true;
 	ostrel_rele_rpy_resources(db_, res_, rres_);
 	res_ = nullptr;
@@ -636,6 +681,37 @@ ostrel_error_t RpyOperation::begin_read(attrlist_t *idl)
 	return ostrel_get_rpy_dbname_for_op(idl, res_, rres_);
 }
 
+// Whether what an operation works on, a service or an instance, was deleted.
+static bool top_is_deleted(const ostrel_rpy_work_t *work)
+{
+	int found = work->nsr_svclevelop ? rpy_service_get_pg(work->nsr_svc, "any", work->nsr_pg[0])
+					 : rpy_instance_get_pg(work->nsr_op_inst, "any", work->nsr_pg[0]);
+	return found != 0 && rpy_error() == RPY_ERROR_DELETED;
+}
+
+bool RpyOperation::renew(attrlist_t *idl)
+{
+	if (rpy_error() != RPY_ERROR_DELETED || !top_is_deleted(work()))
+		return false;
+	res_->nsr_deleted = true;
+	RpyOperation next(db_);
+	ostrel_error_t result =
+	    rres_ != nullptr ? next.begin_read(idl) : next.begin_update(idl, res_->nsr_temp != B_FALSE);
+	if (result != OSTREL_SUCCESS) {
+		res_->nsr_deleted = false; // an instance's service may still be there
+		return false;
+	}
+	std::swap(res_, next.res_);
+	std::swap(rres_, next.rres_);
+	return true;
+}
+
+ostrel_error_t RpyOperation::find(attrlist_t *idl, const char *pgname)
+{
+	ostrel_error_t result = ostrel_rpy_get_real_pg(db_, work(), pgname);
+	return result == OSTREL_FAILURE && renew(idl) ? ostrel_rpy_get_real_pg(db_, work(), pgname) : result;
+}
+
 // ---- Open and close ----
 
 ostrel_error_t ostrel_open_cairn(ostrel_db_t db)
@@ -654,6 +730,22 @@ static RefreshGate *gate_of(ostrel_db_t db)
 	return native == nullptr ? nullptr : native->nsr_gate;
 }
 
+// A snapshot that is pending on a connection that broke is taken on another one.
+static void take_last_snapshot(ostrel_db_t db)
+{
+	MutexLock lock(db->db_privlock);
+	ostrel_rpy_resources_t *native = native_of(db);
+	if (native == nullptr || native->nsr_issvc || !ostrel_refresh_is_pending(native) ||
+	    is_usable(native, native->nsr_scope))
+		return;
+	NewResources fresh;
+	if (build_resources(db, native->nsr_enclaveid, &fresh) != OSTREL_SUCCESS)
+		return;
+	ostrel_hand_refresh_on(fresh.get(), native);
+	ostrel_refresh_cairn(fresh.get(), true);
+	ostrel_end_private_configd(fresh.get());
+}
+
 // The native resources that are there when the last refresh thread has ended are the last ones: nobody is left who could
 // replace them.
 void ostrel_close_cairn(ostrel_db_t db)
@@ -661,6 +753,7 @@ void ostrel_close_cairn(ostrel_db_t db)
 	enter_process(db);
 	RefreshGate *gate = gate_of(db);
 	ostrel_close_refresh(gate);
+	take_last_snapshot(db);
 	MutexLock lock(db->db_privlock);
 	ostrel_rpy_resources_t *res = native_of(db);
 	ostrel_db_set_priv(db, nullptr);

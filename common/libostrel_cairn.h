@@ -23,6 +23,7 @@ inline constexpr size_t OSTREL_RPY_NAME_MAX = 256;             // bytes of a nam
 inline constexpr int OSTREL_RPY_MAX_DEPTH = 8;                 // levels of groups: depths 0 to 7
 inline constexpr int OSTREL_RPY_MAX_READERS = 32;              // entries of a pool
 inline constexpr int OSTREL_RPY_READ_WAITS = 20;               // seconds that a reader waits for an entry
+inline constexpr int OSTREL_RPY_BUILD_TRIES = 20;              // for a private daemon that ends before the first call
 inline constexpr int OSTREL_RPY_MAX_VALUES = 128;              // values of a property on reading
 inline constexpr unsigned OSTREL_RPY_OBJECTS_START = 128;      // places for objects at the start of a read by type
 inline constexpr int OSTREL_RPY_FOREIGN_SECONDS = 120;         // what an operation in another enclave takes at most
@@ -31,6 +32,15 @@ inline constexpr int OSTREL_REFRESH_PERIOD = 5;                // seconds betwee
 inline constexpr int OSTREL_REFRESH_QUIET = 5;                 // seconds without an update before a snapshot
 
 struct RefreshGate;
+
+// A private daemon that these resources started: a descriptor of its process, which needs neither the enclave's record nor its
+// files, and the lifeline, a socket that all forked copies of the resources share with it. It ends when none of them is left.
+struct PrivateDaemon {
+	Fd process;
+	Fd lifeline;       // open as long as these resources are there
+	Fd end;            // the daemon's end: hangs up when no lifeline is open any more
+	bool is_inherited; // this process is a forked child: the daemon is its parent's, as long as that one has it
+};
 
 // What one operation works with. Updates have one, in the resources, and readers each one of the pool.
 struct ostrel_rpy_work_t {
@@ -85,9 +95,12 @@ struct ostrel_rpy_resources_t : ostrel_rpy_work_t {
 	ostrel_rpy_resources_t *nsr_enclave_resources; // of native ones: those of other enclaves
 	ostrel_rpy_resources_t *nsr_enclave_node;      // the next in such a list
 	uint64_t nsr_cache_hits;
+	std::atomic<bool> nsr_deleted; // the service or instance was: nobody else takes these
+	dev_t nsr_root_device;         // the root directory of another enclave, as it was before the bind
+	ino_t nsr_root_inode;
 	boolean_t nsr_private_configd;        // bound to a private daemon
 	pid_t nsr_private_configd_pid;        // its process, if this process started it; else 0
-	pid_t nsr_private_starter;            // this process then: a forked child hasn't started it
+	PrivateDaemon nsr_private_daemon;     // what ends it then
 	RefreshGate *nsr_gate;                // of native ones of an instance; lives as long as the database is open
 	uint64_t nsr_refresh_thread;          // the number of their refresh thread at the gate; 0 if there is none
 	std::atomic<time_t> nsr_last_refresh; // seconds since the Epoch: when the snapshot was begun; 0 if it wasn't
@@ -136,6 +149,11 @@ public:
 	// The resources of the enclave that `idl` names, at the level that it names. An update holds db_lock for writing.
 	ostrel_error_t begin_update(attrlist_t *idl, bool temp);
 	ostrel_error_t begin_read(attrlist_t *idl);
+	// Finds the group of a path of names, as ostrel_rpy_get_real_pg(), after a renewal if need be.
+	ostrel_error_t find(attrlist_t *idl, const char *pgname);
+	// After a look-up that failed: whether the service or instance was deleted. If it was made again, the operation has new
+	// resources now, and the caller begins anew.
+	bool renew(attrlist_t *idl);
 
 	ostrel_rpy_resources_t *res() const { return res_; }
 	ostrel_rpy_work_t *work() const { return rres_ != nullptr ? static_cast<ostrel_rpy_work_t *>(rres_) : res_; }
@@ -157,13 +175,18 @@ ostrel_error_t ostrel_bind_cairn_configd(enclaveid_t enclave, ostrel_rpy_resourc
 bool ostrel_native_configd_inenclave_ready(const ostrel_rpy_resources_t *res);
 // Resources that replace others may have found the private daemon that those started: it is theirs now.
 void ostrel_inherit_private_configd(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t *before);
-// Asks the private daemon that these resources started to end, if it is still that.
-void ostrel_end_private_configd(const ostrel_rpy_resources_t *res);
+// Gives up the private daemon that these resources started: it ends with them, in a forked child with the last copy. Waits for
+// its end, and drops the connection before.
+void ostrel_end_private_configd(ostrel_rpy_resources_t *res);
+// Whether the enclave has another root directory than it had at the bind.
+bool ostrel_enclave_has_moved(const ostrel_rpy_resources_t *res);
 
 // ---- Refresh ----
 
 // Notes an update for the refresh thread. After each one that was committed.
 void ostrel_request_refresh_cairn(ostrel_rpy_resources_t *res);
+// Whether an update waits for its snapshot.
+bool ostrel_refresh_is_pending(const ostrel_rpy_resources_t *res);
 // Takes the snapshot "running" if there is an update since the last one, and either quiet time has gone by or `force`.
 void ostrel_refresh_cairn(ostrel_rpy_resources_t *res, bool force);
 // Starts the refresh thread of new native resources, and lets that of the ones before them end. Without memory or a
@@ -191,6 +214,8 @@ struct RpyPath {
 
 	// Errors: OSTREL_INVALID_ARG  a path too long, of too many components, or of none
 	ostrel_error_t set(const char *path);
+	// The same for what a walk goes by: one without components fits nothing.
+	ostrel_error_t set_pattern(const char *path);
 };
 
 // What a creation made: depths `first` to `last`, none if `first` is -1.

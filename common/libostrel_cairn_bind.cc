@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -31,7 +32,7 @@ constexpr char repository_file[] = "/etc/cairn/repository.db";
 constexpr mode_t hatch_mode = 0644;
 constexpr uint64_t daemon_capabilities = 1U << CAP_CHOWN | 1U << CAP_DAC_OVERRIDE | 1U << CAP_FOWNER; // as its unit has
 constexpr int start_seconds = 15;      // a start takes 10 s at most
-constexpr int end_milliseconds = 5000; // an end waits for a commit that runs
+constexpr int end_milliseconds = 6000; // an end waits for the operations of others, 4 s at most
 
 // The enclave goes along: by the text alone the path couldn't be told from one of the host's when the registry no longer
 // knows the enclave.
@@ -106,7 +107,8 @@ int make_hatch_file(const char *path)
 // What a start needs of the host, found out before the fork: the enclave may have none of it.
 struct HostView {
 	Fd nowhere;
-	Fd terminal; // of this process's session; none if it has none
+	Fd terminal;       // of this process's session; none if it has none
+	int lifeline = -1; // the daemon's end
 	uint64_t capabilities = 0;
 
 	// What the program will have: no more than a repository needs, nor than the enclave's own processes have.
@@ -123,8 +125,9 @@ struct HostView {
 	}
 };
 
-// The program gets nothing of this process's: not its environment, nor its streams or other descriptors, which may not all
-// be close-on-exec, nor the terminal of its session, whose input it could write, nor its capabilities.
+// The program gets nothing of this process's but its end of the lifeline, as its input: not its environment, nor its streams
+// or other descriptors, which may not all be close-on-exec, nor the terminal of its session, whose input it could write, nor
+// its capabilities.
 [[noreturn]] void become_daemon(const char *path, const HostView &host)
 {
 	static constexpr char search_path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
@@ -132,8 +135,10 @@ struct HostView {
 	(void) prctl(PR_SET_PDEATHSIG, SIGKILL);
 	if (host.terminal)
 		(void) ioctl(host.terminal.get(), TIOCNOTTY);
+	// The caller may have had no streams, so that these are where they are to be.
+	const int input = fcntl(host.lifeline, F_DUPFD, 3), nowhere = fcntl(host.nowhere.get(), F_DUPFD, 3);
 	for (int fd = 0; fd < 3; fd++)
-		(void) dup2(host.nowhere.get(), fd);
+		(void) dup2(fd == 0 ? input : nowhere, fd);
 	(void) close_range(3, UINT_MAX, 0);
 	if (_enclave_confine(host.capabilities) == -1)
 		_exit(EPERM);
@@ -156,11 +161,38 @@ struct HostView {
 	_exit(ostrel_error2errno(ostrel_errno2error(error)));
 }
 
-ostrel_error_t start_private_configd(enclaveid_t enclave)
+ostrel_error_t make_lifeline(PrivateDaemon *daemon)
+{
+	int ends[2];
+	if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == -1)
+		return SETERRNO(errno);
+	daemon->lifeline.reset(ends[0]);
+	daemon->end.reset(ends[1]);
+	daemon->is_inherited = false;
+	return OSTREL_SUCCESS;
+}
+
+// Holds the process that serves a hatch, if it lives in the enclave. Looked at again when it is held: its id is its own then.
+ostrel_error_t hold_server(const HatchPath &path, pid_t *pid, Fd *process)
+{
+	pid_t server;
+	if (ostrel_error_t result = ostrel_check_cairn_configd_hatch(path, &server))
+		return result;
+	process->reset(static_cast<int>(syscall(SYS_pidfd_open, server, 0)));
+	if (!*process)
+		return SETERRNO(errno);
+	if (ostrel_error_t result = ostrel_check_cairn_configd_hatch(path, pid))
+		return result;
+	// Else somebody else's hatch lies there.
+	return *pid == server && _enclave_has_process(path.enclave, server) ? OSTREL_SUCCESS : SETERROR(OSTREL_FAILURE);
+}
+
+ostrel_error_t start_private_configd(enclaveid_t enclave, int lifeline)
 {
 	char inside[64]; // composed here: the child can't
 	(void) snprintf(inside, sizeof(inside), "%s.libostrel.%ld", hatch_place, static_cast<long>(enclave));
 	HostView host;
+	host.lifeline = lifeline;
 	if (ostrel_error_t result = host.look(enclave))
 		return result;
 	pid_t child;
@@ -170,19 +202,31 @@ ostrel_error_t start_private_configd(enclaveid_t enclave)
 	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 }
 
-// Starts a private daemon, and finds out which process it is.
+// Starts a private daemon, and finds out which process it is. After a failure the daemon ends with the lifeline.
 ostrel_error_t start_and_bind(enclaveid_t enclave, ostrel_rpy_resources_t *res, const HatchPath &path)
 {
-	if (ostrel_error_t result = start_private_configd(enclave))
+	PrivateDaemon daemon = {};
+	if (ostrel_error_t result = make_lifeline(&daemon))
 		return result;
-	pid_t pid;
-	if (ostrel_error_t result = ostrel_check_cairn_configd_hatch(path, &pid))
+	if (ostrel_error_t result = start_private_configd(enclave, daemon.end.get()))
 		return result;
-	if (!_enclave_has_process(enclave, pid))
-		return SETERROR(OSTREL_FAILURE); // somebody else's hatch lies there
-	res->nsr_private_configd_pid = pid;
-	res->nsr_private_starter = getpid();
+	if (ostrel_error_t result = hold_server(path, &res->nsr_private_configd_pid, &daemon.process)) {
+		res->nsr_private_configd_pid = 0;
+		return result;
+	}
+	res->nsr_private_daemon = std::move(daemon);
 	return ostrel_bind_cairn_configd_hatch(res, path);
+}
+
+// Before the bind: who is given another root meanwhile binds again.
+void note_root(enclaveid_t enclave, ostrel_rpy_resources_t *res)
+{
+	char path[sizeof(HatchPath::text)];
+	struct stat root;
+	if (enclave_getattr(enclave, ENCLAVE_ATTR_ROOT, path, sizeof(path)) < 0 || stat(path, &root) == -1)
+		return;
+	res->nsr_root_device = root.st_dev;
+	res->nsr_root_inode = root.st_ino;
 }
 
 // Those who want to start one at the same time come one after the other, so that all but the first find it. Without the
@@ -210,6 +254,7 @@ ostrel_error_t ostrel_bind_cairn_configd(enclaveid_t enclave, ostrel_rpy_resourc
 	HatchPath path;
 	if (ostrel_error_t result = ostrel_get_cairn_configd_hatchpath(enclave, false, &path))
 		return result;
+	note_root(enclave, res);
 	ostrel_error_t result = ostrel_bind_cairn_configd_hatch(res, path);
 	// Memory or descriptors that this process lacks say nothing about a daemon, and a private one beside the enclave's own
 	// would be in its way.
@@ -226,6 +271,20 @@ bool ostrel_native_configd_inenclave_ready(const ostrel_rpy_resources_t *res)
 	       ostrel_check_cairn_configd_hatch(path, nullptr) == OSTREL_SUCCESS;
 }
 
+// Signals don't cut the wait short.
+static void wait_for_end(int process)
+{
+	struct timespec now = {};
+	(void) clock_gettime(CLOCK_MONOTONIC, &now);
+	const int64_t end = now.tv_sec * 1000 + now.tv_nsec / 1'000'000 + end_milliseconds;
+	int64_t left = end_milliseconds;
+	struct pollfd ended = {process, POLLIN, 0};
+	while (left > 0 && poll(&ended, 1, static_cast<int>(left)) == -1 && errno == EINTR) {
+		(void) clock_gettime(CLOCK_MONOTONIC, &now);
+		left = end - (now.tv_sec * 1000 + now.tv_nsec / 1'000'000);
+	}
+}
+
 void ostrel_inherit_private_configd(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t *before)
 {
 	HatchPath path;
@@ -236,27 +295,32 @@ void ostrel_inherit_private_configd(ostrel_rpy_resources_t *res, ostrel_rpy_reso
 	    server != before->nsr_private_configd_pid)
 		return;
 	res->nsr_private_configd_pid = std::exchange(before->nsr_private_configd_pid, 0);
-	res->nsr_private_starter = before->nsr_private_starter;
+	res->nsr_private_daemon = std::move(before->nsr_private_daemon);
 }
 
-void ostrel_end_private_configd(const ostrel_rpy_resources_t *res)
+void ostrel_end_private_configd(ostrel_rpy_resources_t *res)
 {
-	pid_t pid = res->nsr_private_configd_pid;
-	// A forked child has a copy of its parent's resources, and the daemon is still its parent's.
-	if (!res->nsr_private_configd || res->nsr_enclaveid == ENCLAVE_ID_GLOBAL || pid == 0 ||
-	    res->nsr_private_starter != getpid())
+	PrivateDaemon daemon = std::move(res->nsr_private_daemon);
+	if (!daemon.process)
 		return;
-	// Held first: what is found out about the id below is about this process, or the signal reaches nobody.
-	Fd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-	HatchPath path;
-	pid_t server;
-	if (!process || ostrel_get_cairn_configd_hatchpath(res->nsr_enclaveid, true, &path) != OSTREL_SUCCESS ||
-	    ostrel_check_cairn_configd_hatch(path, &server) != OSTREL_SUCCESS || server != pid ||
-	    !_enclave_has_process(res->nsr_enclaveid, pid))
-		return;
-	if (syscall(SYS_pidfd_send_signal, process.get(), SIGTERM, nullptr, 0) == -1)
+	res->nsr_private_configd_pid = 0;
+	daemon.lifeline.reset();
+	struct pollfd others = {daemon.end.get(), 0, 0};
+	if (daemon.is_inherited && poll(&others, 1, 0) == 0)
+		return;                            // the parent has it, or another child
+	(void) rpy_handle_unbind(res->nsr_handle); // what is connected is waited for
+	if (syscall(SYS_pidfd_send_signal, daemon.process.get(), SIGTERM, nullptr, 0) == -1)
 		return; // it has ended meanwhile
 	// Whoever comes next shall not be bound to a daemon that is about to go.
-	struct pollfd ended = {process.get(), POLLIN, 0};
-	(void) poll(&ended, 1, end_milliseconds);
+	wait_for_end(daemon.process.get());
+}
+
+bool ostrel_enclave_has_moved(const ostrel_rpy_resources_t *res)
+{
+	struct stat root;
+	char path[sizeof(HatchPath::text)];
+	if (res->nsr_enclaveid == ENCLAVE_ID_GLOBAL ||
+	    enclave_getattr(res->nsr_enclaveid, ENCLAVE_ATTR_ROOT, path, sizeof(path)) < 0)
+		return false; // without a record the id is given to none
+	return stat(path, &root) == -1 || root.st_dev != res->nsr_root_device || root.st_ino != res->nsr_root_inode;
 }

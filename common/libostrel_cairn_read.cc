@@ -195,6 +195,7 @@ public:
 		count_++;
 		return OSTREL_SUCCESS;
 	}
+	bool is_empty() const { return count_ == 0; }
 	void hand_out(attrlist_t ***objs, unsigned int *count)
 	{
 		*objs = objs_;
@@ -224,17 +225,17 @@ private:
 	size_t bytes_ = 0; // of their properties
 };
 
-ostrel_error_t read_by_name(ostrel_db_t db, ostrel_rpy_work_t *work, const char *pgname, uint64_t flags, Found *found)
+ostrel_error_t read_by_name(RpyOperation *operation, attrlist_t *idl, const char *pgname, uint64_t flags, Found *found)
 {
-	if (ostrel_error_t result = ostrel_rpy_get_real_pg(db, work, pgname))
+	if (ostrel_error_t result = operation->find(idl, pgname))
 		return SETERROR(result);
-	return found->add(work, flags);
+	return found->add(operation->work(), flags);
 }
 
 ostrel_error_t read_by_type(ostrel_rpy_work_t *work, const char *pgtype, uint64_t flags, Found *found)
 {
 	RpyPath types;
-	if (ostrel_error_t result = types.set(pgtype))
+	if (ostrel_error_t result = types.set_pattern(pgtype))
 		return SETERROR(result);
 	ostrel_rpy_iter_reset(work);
 	for (;;) {
@@ -266,8 +267,10 @@ ostrel_error_t ostrel_read_objects_from_cairn(
 	Found found;
 	if (!found.alloc(pgname != nullptr ? 1 : static_cast<int>(OSTREL_RPY_OBJECTS_START)))
 		return SETERROR(OSTREL_NO_MEMORY);
-	ostrel_error_t result = pgname != nullptr ? read_by_name(db, operation.work(), pgname, flags, &found)
+	ostrel_error_t result = pgname != nullptr ? read_by_name(&operation, idl, pgname, flags, &found)
 						  : read_by_type(operation.work(), pgtype, flags, &found);
+	if (result == OSTREL_FAILURE && found.is_empty() && operation.renew(idl))
+		result = read_by_type(operation.work(), pgtype, flags, &found);
 	if (result == OSTREL_SUCCESS)
 		found.hand_out(objs, count);
 	return result;

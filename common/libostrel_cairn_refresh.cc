@@ -41,7 +41,7 @@ static void ostrel_refresh_cairn_take_snap(ostrel_rpy_resources_t *res)
 		(void) _rpy_snapshot_take_new(res->nsr_inst, snapshot_name, res->nsr_snap);
 }
 
-static bool is_pending(const ostrel_rpy_resources_t *res)
+bool ostrel_refresh_is_pending(const ostrel_rpy_resources_t *res)
 {
 	const time_t last_tx = res->nsr_last_tx.load();
 	return last_tx != 0 && last_tx >= res->nsr_last_refresh.load();
@@ -49,7 +49,7 @@ static bool is_pending(const ostrel_rpy_resources_t *res)
 
 void ostrel_hand_refresh_on(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t *before)
 {
-	if (!is_pending(before))
+	if (!ostrel_refresh_is_pending(before))
 		return;
 	res->nsr_last_tx.store(before->nsr_last_tx.exchange(0));
 	ostrel_refresh_needed.store(B_TRUE);
@@ -58,7 +58,7 @@ void ostrel_hand_refresh_on(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t 
 // The time and the flag are set before the snapshot is taken, so that an update beside it is seen to be younger.
 void ostrel_refresh_cairn(ostrel_rpy_resources_t *res, bool force)
 {
-	if (res->nsr_issvc || !is_pending(res))
+	if (res->nsr_issvc || !ostrel_refresh_is_pending(res))
 		return;
 	const time_t now = now_seconds();
 	if (!force && now - res->nsr_last_tx.load() < OSTREL_REFRESH_QUIET)
@@ -153,12 +153,25 @@ bool pass(ostrel_db_t db)
 	return true;
 }
 
+// Whether anything of this database waits for its snapshot: one that another database took has reset the flag.
+bool is_waiting(ostrel_db_t db)
+{
+	MutexLock lock(db->db_privlock);
+	auto *native = static_cast<ostrel_rpy_resources_t *>(ostrel_db_get_priv(db));
+	if (native == nullptr || ostrel_refresh_is_pending(native))
+		return native != nullptr;
+	ostrel_rpy_resources_t *entry = native->nsr_enclave_resources;
+	while (entry != nullptr && !ostrel_refresh_is_pending(entry))
+		entry = entry->nsr_enclave_node;
+	return entry != nullptr;
+}
+
 void *ostrel_refresh_cairn_thread(void *arg)
 {
 	Heap<RefreshJob> job(static_cast<RefreshJob *>(arg));
 	(void) pthread_setname_np(pthread_self(), thread_name);
 	while (wait_for_pass(*job.get())) {
-		if (ostrel_refresh_needed.load() && !pass(job->db))
+		if ((ostrel_refresh_needed.load() || is_waiting(job->db)) && !pass(job->db))
 			break;
 	}
 	leave(job->gate);

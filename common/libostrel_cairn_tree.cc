@@ -20,7 +20,7 @@ char *strip_leading_and_terminating_delims(char *str, char delim)
 }
 
 // A path that were cut to fit would be that of another group.
-ostrel_error_t RpyPath::set(const char *path)
+ostrel_error_t RpyPath::set_pattern(const char *path)
 {
 	const size_t length = strnlen(path, sizeof(text));
 	if (length == sizeof(text))
@@ -28,14 +28,18 @@ ostrel_error_t RpyPath::set(const char *path)
 	memcpy(text, path, length + 1);
 	count = 0;
 	char *rest = strip_leading_and_terminating_delims(text, '/');
-	if (*rest == '\0')
-		return OSTREL_INVALID_ARG;
-	while (rest != nullptr) {
+	while (rest != nullptr && *rest != '\0') {
 		if (count == OSTREL_RPY_MAX_DEPTH)
 			return OSTREL_INVALID_ARG;
 		component[count++] = strsep(&rest, "/");
 	}
 	return OSTREL_SUCCESS;
+}
+
+ostrel_error_t RpyPath::set(const char *path)
+{
+	const ostrel_error_t result = set_pattern(path);
+	return result == OSTREL_SUCCESS && count == 0 ? OSTREL_INVALID_ARG : result;
 }
 
 // ---- The current group ----
@@ -219,7 +223,8 @@ ostrel_error_t ostrel_rpy_iter_next_pg(ostrel_rpy_work_t *work, const RpyPath *n
 {
 	if ((name == nullptr) == (type == nullptr))
 		return OSTREL_INVALID_ARG;
-	return next_pg(work, 0, {name != nullptr ? *name : *type, name != nullptr});
+	const WantedPath path = {name != nullptr ? *name : *type, name != nullptr};
+	return path.count() > 0 ? next_pg(work, 0, path) : OSTREL_WALK_HALTED;
 }
 
 // ---- Looking a group up ----

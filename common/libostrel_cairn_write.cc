@@ -133,7 +133,7 @@ ostrel_error_t set_value(
 ostrel_error_t ostrel_array2rpy_entries(ostrel_rpy_resources_t *res, rpy_transaction_entry_t *entry,
     const AttributeType &attribute, rpy_type_t stored, const Values &values)
 {
-	if (!takes(stored, attribute))
+	if (values.count > 0 && !takes(stored, attribute))
 		return SETERROR(OSTREL_INVALID_ARG);
 	for (unsigned int i = 0; i < values.count; i++) {
 		Value value(rpy_value_create(res->nsr_handle));
@@ -272,14 +272,14 @@ bool is_temporary(uint64_t flags)
 
 // Finds the group of a write, or makes it.
 ostrel_error_t find_or_create(
-    ostrel_db_t db, ostrel_rpy_resources_t *res, const char *pgname, const char *pgtype, RpyCreation *made)
+    RpyOperation *operation, attrlist_t *idl, const char *pgname, const char *pgtype, RpyCreation *made)
 {
-	ostrel_error_t result = ostrel_rpy_get_real_pg(db, res, pgname);
+	ostrel_error_t result = operation->find(idl, pgname);
 	if (result != OSTREL_NOT_FOUND)
 		return result == OSTREL_SUCCESS ? result : SETERROR(result);
 	if (pgtype == nullptr)
 		return SETERROR(OSTREL_INVALID_ARG);
-	return ostrel_rpy_add_pg(res, pgname, pgtype, made);
+	return ostrel_rpy_add_pg(operation->res(), pgname, pgtype, made);
 }
 
 // ---- Renames ----
@@ -290,6 +290,7 @@ struct GroupPlace {
 	boolean_t svclevel;
 	char instance[OSTREL_RPY_NAME_MAX];
 	char pgname[OSTREL_RPY_NAME_MAX];
+	bool is_as_asked; // the list has the stored spelling, and the stored types
 
 	bool same_top(const GroupPlace &other) const
 	{
@@ -305,7 +306,7 @@ struct GroupPlace {
 ostrel_error_t note_place(const RpyOperation &operation, const char *pgname, GroupPlace *place)
 {
 	const ostrel_rpy_resources_t *res = operation.res();
-	*place = {res->nsr_enclaveid, res->nsr_svclevelop, "", ""};
+	*place = {res->nsr_enclaveid, res->nsr_svclevelop, "", "", false};
 	if (!res->nsr_svclevelop &&
 	    rpy_instance_get_name(res->nsr_op_inst, place->instance, sizeof(place->instance)) == -1)
 		return SETERROR(ostrel_rpy_failure());
@@ -321,24 +322,39 @@ ostrel_error_t note_place(const RpyOperation &operation, const char *pgname, Gro
 	return OSTREL_SUCCESS;
 }
 
+// Whether a list's path is the stored one. Types may be left over: no level is theirs.
+bool is_stored_path(const char *asked, const char *stored)
+{
+	RpyPath mine, theirs;
+	if (mine.set(asked) != OSTREL_SUCCESS || theirs.set(stored) != OSTREL_SUCCESS || mine.count < theirs.count)
+		return false;
+	for (int i = 0; i < theirs.count; i++) {
+		if (strcmp(mine.component[i], theirs.component[i]) != 0)
+			return false;
+	}
+	return true;
+}
+
 // Where the group of a list is: in the repository's spelling if it is there.
 ostrel_error_t find_place(ostrel_db_t db, attrlist_t *idl, GroupPlace *place, bool *has_groups)
 {
 	*has_groups = false;
-	char *pgname;
-	if (ostrel_idlist2pginfo(idl, &pgname, nullptr) != OSTREL_SUCCESS)
+	char *pgname = nullptr, *pgtype = nullptr;
+	if (ostrel_idlist2pginfo(idl, &pgname, &pgtype) != OSTREL_SUCCESS || pgname == nullptr)
 		return SETERROR(OSTREL_INVALID_ARG);
 	RpyOperation operation(db);
 	if (ostrel_error_t result = operation.begin_update(idl, false))
 		return result;
+	ostrel_error_t found = operation.find(idl, pgname);
 	ostrel_rpy_resources_t *res = operation.res();
-	ostrel_error_t found = ostrel_rpy_get_real_pg(db, res, pgname);
 	if (found != OSTREL_SUCCESS && found != OSTREL_NOT_FOUND)
 		return SETERROR(found);
 	if (ostrel_error_t result = note_place(operation, found == OSTREL_SUCCESS ? res->nsr_pgname : pgname, place))
 		return result;
 	if (found != OSTREL_SUCCESS)
 		return OSTREL_SUCCESS;
+	place->is_as_asked =
+	    is_stored_path(pgname, res->nsr_pgname) && (pgtype == nullptr || is_stored_path(pgtype, res->nsr_pgtype));
 	rpy_iter_t *iter = res->nsr_pgiter[res->nsr_pgdepth];
 	if (rpy_iter_pg_pgs(iter, ostrel_res_pg_curr(res)) != 0)
 		return SETERROR(ostrel_rpy_failure());
@@ -363,7 +379,8 @@ ostrel_error_t check_rename(ostrel_db_t db, attrlist_t *idl, attrlist_t *newidl,
 		return result;
 	const bool one_tree = from.same_top(to);
 	found->is_same = one_tree && strcmp(from.pgname, to.pgname) == 0;
-	if (!found->is_same && (has_groups || (one_tree && to.is_below(from))))
+	// Nothing gives a group that stays another spelling, or other types.
+	if (found->is_same ? !to.is_as_asked : has_groups || (one_tree && to.is_below(from)))
 		return SETERROR(OSTREL_INVALID_ARG);
 	return OSTREL_SUCCESS;
 }
@@ -377,7 +394,7 @@ ostrel_error_t look_for(ostrel_db_t db, attrlist_t *idl)
 	RpyOperation operation(db);
 	if (ostrel_error_t result = operation.begin_update(idl, false))
 		return result;
-	return ostrel_rpy_get_real_pg(db, operation.res(), pgname);
+	return operation.find(idl, pgname);
 }
 
 // Removes the old object of a rename, or takes the new one back. A connection that broke leaves open whether the old one is
@@ -434,9 +451,9 @@ ostrel_error_t ostrel_write_object_to_cairn(ostrel_db_t db, attrlist_t *idl, uin
 	RpyOperation operation(db);
 	if (ostrel_error_t result = operation.begin_update(idl, is_temporary(flags)))
 		return SETERROR(result);
-	ostrel_rpy_resources_t *res = operation.res();
 	RpyCreation made;
-	ostrel_error_t result = find_or_create(db, res, pgname, pgtype, &made);
+	ostrel_error_t result = find_or_create(&operation, idl, pgname, pgtype, &made);
+	ostrel_rpy_resources_t *res = operation.res();
 	if (result == OSTREL_SUCCESS)
 		result = commit(res, props, made.first != -1);
 	rpy_transaction_destroy_children(res->nsr_tx);
@@ -457,9 +474,9 @@ ostrel_error_t ostrel_remove_object_from_cairn(ostrel_db_t db, attrlist_t *idl, 
 	RpyOperation operation(db);
 	if (ostrel_error_t result = operation.begin_update(idl, is_temporary(flags)))
 		return result;
-	ostrel_rpy_resources_t *res = operation.res();
-	if (ostrel_error_t result = ostrel_rpy_get_real_pg(db, res, pgname))
+	if (ostrel_error_t result = operation.find(idl, pgname))
 		return result;
+	ostrel_rpy_resources_t *res = operation.res();
 	if (rpy_pg_delete(ostrel_res_pg_curr(res)) != 0)
 		return ostrel_rpy_failure();
 	ostrel_request_refresh_cairn(res);

@@ -170,12 +170,6 @@ bool is_daemon(pid_t pid)
 	return is_of_ours(pid) && proc_text(pid, "comm") == own.substr(0, name_max) + "\n";
 }
 
-// Whether a hatch is one of the library's, for a daemon that stands in where an enclave's own isn't up.
-bool is_private(const std::string &hatch)
-{
-	return hatch.find(".libostrel.") != hatch.npos;
-}
-
 std::string gives_no_way(const std::string &path, pid_t holder, const std::string &hatch)
 {
 	std::string text = path;
@@ -327,6 +321,11 @@ std::string doesnt_let_go(const std::string &path, pid_t holder)
 }
 
 } // namespace
+
+bool is_private(const std::string &hatch)
+{
+	return hatch.find(".libostrel.") != hatch.npos;
+}
 
 Failure hold_file(const Start &start, Fd *held, Hold *hold)
 {

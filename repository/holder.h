@@ -12,6 +12,9 @@
 
 namespace repository {
 
+// Whether a hatch is one of the library's, for a daemon that stands in where an enclave's own isn't up.
+bool is_private(const std::string &hatch);
+
 enum class Hold { ours, served_already };
 
 struct Start {

@@ -23,6 +23,7 @@
 
 #include "access.h"
 #include "base/guards.h"
+#include "hatch/drain.h"
 #include "hatch/record.h"
 #include "holder.h"
 #include "log.h"
@@ -34,6 +35,7 @@ namespace {
 constexpr int start_ms = 9500;
 constexpr int attach_tries = 200;
 constexpr useconds_t attach_pause_us = 5000;
+constexpr int drain_seconds = 4; // with what a look takes below the time that the next daemon waits for the file
 
 constexpr const char *help_text =
     "Usage: cairn.configd -d HATCH -r FILE [-f]\n"
@@ -303,6 +305,23 @@ Failure try_to_bring_up(Service *service)
 	}
 }
 
+// Who starts a private daemon may leave it a socket as its input, whose other end those have that it is for. When they have
+// gone, however they ended, that is a SIGTERM. False if there is none.
+bool hold_lifeline(const std::string &hatch)
+{
+	struct stat input;
+	if (!is_private(hatch) || fstat(0, &input) == -1 || !S_ISSOCK(input.st_mode))
+		return false;
+	const int flags = fcntl(0, F_GETFL);
+	if (fcntl(0, F_SETSIG, SIGTERM) == -1 || fcntl(0, F_SETOWN, getpid()) == -1 ||
+	    fcntl(0, F_SETFL, flags | O_ASYNC) == -1)
+		return false;
+	pollfd gone = {0, POLLRDHUP, 0};
+	if (poll(&gone, 1, 0) > 0) // before it was looked at
+		(void) kill(getpid(), SIGTERM);
+	return true;
+}
+
 // The serving process. Gives its exit status.
 int serve(const Options &options, int ready)
 {
@@ -323,7 +342,7 @@ int serve(const Options &options, int ready)
 	if (!options.foreground) {
 		log_to_syslog();
 		Fd nowhere = open_nowhere();
-		for (int fd = 0; fd < 3 && nowhere; fd++)
+		for (int fd = hold_lifeline(service.hatch_path) ? 1 : 0; fd < 3 && nowhere; fd++)
 			(void) dup2(nowhere.get(), fd);
 	}
 	report(ready, 0);
@@ -333,6 +352,8 @@ int serve(const Options &options, int ready)
 	(void) sigaddset(&ends, SIGINT);
 	int number = 0;
 	(void) sigwait(&ends, &number);
+	if (is_private(service.hatch_path)) // which its starter ends, whoever else is at work with it
+		hatch::drain(service.hatch, drain_seconds);
 	(void) hatch_revoke(service.hatch); // returns when no handler runs: updates are done
 	service.daemon.reset();
 	return 0;

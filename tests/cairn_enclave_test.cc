@@ -242,25 +242,119 @@ TEST_F(Enclaves, ADatabaseOfAnEnclaveKeepsThePrivateDaemonUntilItIsClosed)
 	EXPECT_TRUE(ends(daemon));
 }
 
-TEST_F(Enclaves, OnlyAPrivateDaemonThatStillServesItsHatchIsAskedToEnd)
+// Whatever has become of the enclave meanwhile.
+TEST_F(Enclaves, APrivateDaemonEndsWithTheDatabaseThatStartedItInEveryCase)
+{
+	enclave_info_t info;
+	ASSERT_EQ(enclave_registry_get(5, &info), 0);
+	auto open_one = [&](CairnDb *db) {
+		*db = open_cairn(test_instance, 0, 5);
+		return server_of(enclave_path(private_hatch));
+	};
+	auto ends_after = [&](const std::function<void()> &change) {
+		CairnDb db;
+		const pid_t daemon = open_one(&db);
+		EXPECT_GT(daemon, 0);
+		change();
+		db.reset();
+		EXPECT_TRUE(enclave_registry_replace(&info) == 0 || enclave_registry_add(&info) == 0);
+		return daemon > 0 && ends(daemon);
+	};
+	EXPECT_TRUE(ends_after([] { (void) enclave_registry_remove(5); }));
+	EXPECT_TRUE(ends_after([&] { fs::remove(enclave_path(private_hatch)); }));
+	EXPECT_TRUE(ends_after([&] {
+		enclave_info_t led = info;
+		StayingChild leader([] { return true; });
+		led.ei_leader = leader.pid();
+		EXPECT_EQ(enclave_leader_start(leader.pid(), &led.ei_leader_start), 0);
+		EXPECT_EQ(enclave_registry_replace(&led), 0);
+	}));
+	// A program that opens and then forks into the background, and is killed there.
+	for (bool killed : {false, true}) {
+		int opened[2], go_on[2];
+		ASSERT_EQ(pipe(opened), 0);
+		ASSERT_EQ(pipe(go_on), 0);
+		char byte = 0;
+		EXPECT_EQ(in_child([&] {
+			CairnDb db;
+			const pid_t daemon = open_one(&db);
+			const pid_t background = fork();
+			if (background != 0)
+				_exit(daemon > 0 && background > 0 ? 0 : 1);
+			alarm(20);
+			const bool reads = get(db, "where") == "where:t|p=enclave;" && !is_gone(daemon);
+			if (write(opened[1], reads ? "y" : "n", 1) != 1 || ::read(go_on[0], &byte, 1) != 1)
+				_exit(1);
+			if (killed)
+				(void) raise(SIGKILL);
+			db.reset();
+			return 0;
+		}),
+		    0);
+		ASSERT_EQ(::read(opened[0], &byte, 1), 1);
+		EXPECT_EQ(byte, 'y');
+		const pid_t daemon = server_of(enclave_path(private_hatch));
+		EXPECT_GT(daemon, 0) << "the child goes on with it";
+		ASSERT_EQ(write(go_on[1], &byte, 1), 1);
+		EXPECT_TRUE(ends(daemon)) << killed;
+	}
+}
+
+// Each operation starts and ends one, or finds that of another.
+TEST_F(Enclaves, ThePrivateDaemonOfOneOperationEndsNoneOfAnother)
+{
+	constexpr int processes = 4, writes = 10;
+	pid_t children[processes];
+	for (pid_t &child : children) {
+		child = fork();
+		if (child != 0)
+			continue;
+		CairnDb db = open_cairn();
+		int failed = 0;
+		for (int i = 0; i < writes; i++) {
+			const std::string name = "g" + std::to_string(&child - children) + "_" + std::to_string(i);
+			failed += ostrel_db_write(db.get(), in_enclave(name + ":t").get(), 0, props_of("p=1").get()) !=
+				  OSTREL_SUCCESS;
+		}
+		db.reset();
+		_exit(failed);
+	}
+	for (pid_t child : children) {
+		int status;
+		ASSERT_EQ(waitpid(child, &status, 0), child);
+		EXPECT_EQ(status, 0);
+	}
+	CairnDb db = open_cairn(test_instance, 0, 5);
+	std::istringstream names(walk(db, "t"));
+	int whole = 0;
+	for (std::string name; names >> name;)
+		whole += get(db, name.substr(0, name.find(':'))) == name + "|p=1;" ? 1 : 0;
+	EXPECT_EQ(whole, processes * writes);
+}
+
+TEST_F(Enclaves, AnIdThatIsGivenToAnotherRootLeadsToThatOnesRepository)
 {
 	ASSERT_EQ(start_inside(own_hatch), 0);
-	const pid_t own = server_of(enclave_path(own_hatch));
-	ostrel_rpy_resources_t claimed{};
-	claimed.nsr_enclaveid = 5;
-	claimed.nsr_private_configd = B_TRUE;
-	for (pid_t stranger : {host_daemon, own, getppid()}) {
-		claimed.nsr_private_configd_pid = stranger;
-		ostrel_end_private_configd(&claimed);
-		usleep(20000);
-		EXPECT_FALSE(is_gone(stranger));
+	CairnDb db = open_cairn(), native = open_cairn(test_instance, 0, 5);
+	EXPECT_EQ(read(db), "p=enclave;");
+	EXPECT_EQ(get(native, "where"), "where:t|p=enclave;");
+	// The old root lives on, with its daemon. The path may be the same.
+	const std::string root = enclave->root(), old = root + "-before";
+	const pid_t daemon = server_of(enclave_path(own_hatch));
+	ASSERT_EQ(umount2(enclave_path("/proc").c_str(), MNT_DETACH), 0);
+	fs::rename(root, old);
+	fs::create_directories(root + "/system/transient");
+	for (const char *path : {"/lib", "/lib64", "/etc", "/proc", "/dev"}) {
+		if (fs::exists(old + path))
+			fs::copy(old + path, root + path, fs::copy_options::recursive);
 	}
-	// Nor the one that serves there now, if it lives elsewhere.
-	fs::copy_file(host_hatch, enclave_path(private_hatch));
-	claimed.nsr_private_configd_pid = host_daemon;
-	ostrel_end_private_configd(&claimed);
-	usleep(20000);
-	EXPECT_FALSE(is_gone(host_daemon));
+	ASSERT_NO_FATAL_FAILURE(mount_proc());
+	ASSERT_EQ(start_inside(own_hatch), 0);
+	RepositoryClient maker(enclave_path(own_hatch));
+	ASSERT_EQ(maker.write("where", {{"p", {"new"}}}), 1);
+	EXPECT_EQ(read(db), "p=new;");
+	EXPECT_EQ(get(native, "where"), "where:t|p=new;");
+	end(daemon);
 }
 
 TEST_F(Enclaves, TheEnclavesOwnDaemonIsUsedWhereItIsUpAndItsResourcesKept)

@@ -123,6 +123,34 @@ TEST_F(Refresh, UpdatesOfAServiceTakeNoSnapshot)
 	EXPECT_EQ(running(), "b");
 }
 
+// They share the flag, which any snapshot resets.
+TEST_F(Refresh, ADatabaseThatWaitsGetsItsSnapshotBesideThoseOfAnother)
+{
+	Handle<rpy_instance_t, rpy_instance_destroy> second(rpy_instance_create(client.handle));
+	ASSERT_EQ(rpy_service_add_instance(client.service, "second", second.get()), 0);
+	CairnDb other = open_cairn("net/link:second");
+	ASSERT_EQ(put(other, "g:t", "p=first"), OSTREL_SUCCESS);
+	wall_clock += 3;
+	ASSERT_EQ(put(db, "g:t", "p=a"), OSTREL_SUCCESS);
+	wall_clock += 2;
+	for (int i = 0; i < 2000 && resources_of(other)->nsr_last_refresh == 0; i++)
+		usleep(1000);
+	usleep(some_passes);
+	EXPECT_EQ(running(), "none");
+	wall_clock += 3;
+	EXPECT_TRUE(becomes("a"));
+}
+
+TEST_F(Refresh, ACloseTakesThePendingSnapshotAlsoFromADaemonThatWasRestarted)
+{
+	ASSERT_EQ(put(db, "g:t", "p=a"), OSTREL_SUCCESS);
+	ostrel_stop_refresh(resources_of(db)); // a pass would replace the connection
+	here.restart();
+	db.reset();
+	ASSERT_EQ(client.bind(here.hatch()), RPY_ERROR_NONE);
+	EXPECT_EQ(running(), "a");
+}
+
 // A pass that finds no daemon is the last of its thread, and the next operation's resources start another one.
 TEST_F(Refresh, WhatWaitedOnABrokenConnectionIsTakenOnTheNext)
 {
@@ -171,6 +199,23 @@ TEST_F(Refresh, AForkedChildUsesAndClosesADatabaseThoughTheThreadIsItsParents)
 	EXPECT_EQ(status, 0);
 	EXPECT_EQ(running(), "child");
 	EXPECT_EQ(get(db, "g"), "g:t|p=child;");
+}
+
+TEST_F(Refresh, AProgramThatForksIntoTheBackgroundGetsItsSnapshots)
+{
+	const pid_t child = fork();
+	ASSERT_GE(child, 0);
+	if (child == 0) {
+		(void) signal(SIGALRM, SIG_DFL);
+		alarm(20);
+		if (put(db, "g:t", "p=child") != OSTREL_SUCCESS)
+			_exit(1);
+		wall_clock += 5;
+		pause();
+	}
+	EXPECT_TRUE(becomes("child"));
+	(void) kill(child, SIGKILL);
+	(void) waitpid(child, nullptr, 0);
 }
 
 TEST_F(Refresh, AForkedChildReplacesBrokenConnectionsAndItsThreadsAsItsParentDoes)

@@ -120,6 +120,10 @@ TEST_F(Cairn, AStoredPropertyKeepsItsTypeAndTakesNoOtherKind)
 	EXPECT_EQ(array[0], UINT64_MAX);
 	EXPECT_EQ(write_one(text), OSTREL_INVALID_ARG);
 	EXPECT_EQ(write_one(truth), OSTREL_INVALID_ARG);
+	EXPECT_EQ(write_one([](attrlist_t *props) { return attrlist_add_string_array(props, "p", nullptr, 0); }),
+	    OSTREL_SUCCESS)
+	    << "no values are of no kind";
+	EXPECT_EQ(write_one(text), OSTREL_INVALID_ARG) << "it has kept its type";
 	ASSERT_EQ(put(db, "s:t", "p=x"), OSTREL_SUCCESS);
 	EXPECT_EQ(get(db, "s"), "s:t|p=x;");
 	ASSERT_EQ(put(db, "g", ""), OSTREL_SUCCESS);
@@ -197,6 +201,10 @@ TEST_F(Cairn, APathThatCantBeOneIsRefusedAndNothingIsHit)
 	}
 	EXPECT_EQ(walk(db, nine_types), invalid);
 	EXPECT_EQ(get(db, "a//b"), invalid);
+	for (const char *empty : {"", "/", "//"}) {
+		EXPECT_EQ(walk(db, empty), "") << "a type path without a component fits nothing";
+		EXPECT_EQ(get(db, std::string(":") + empty), not_found);
+	}
 	EXPECT_EQ(walk(db, "*"), "a:t " + name + ":t ");
 	EXPECT_EQ(ostrel_db_walk(
 		      db.get(), nullptr, 0, [](auto...) { return 0; }, nullptr, nullptr, nullptr),
@@ -310,9 +318,11 @@ TEST_F(Cairn, ARenameMovesAnObjectAndLosesNone)
 	ASSERT_EQ(move(db, "x/c", "b:v"), OSTREL_SUCCESS) << "onto another one";
 	EXPECT_EQ(get(db, "b"), "b:t|p=1;");
 
-	for (const char *same : {"b:t", "B:v", "/b/:t"})
+	for (const char *same : {"b:t", "/b/:t/left"})
 		EXPECT_EQ(move(db, "b", same), OSTREL_SUCCESS) << same;
 	EXPECT_EQ(move(db, "B", "b:t"), OSTREL_SUCCESS);
+	for (const char *other : {"b:v", "B:t", "b:*"})
+		EXPECT_EQ(move(db, "b", other), OSTREL_INVALID_ARG) << other;
 	EXPECT_EQ(get(db, "b"), "b:t|p=1;") << "a rename onto itself changes nothing";
 
 	EXPECT_EQ(move(db, "b", "b/below:t/u"), OSTREL_INVALID_ARG);
@@ -365,6 +375,40 @@ TEST_F(Cairn, OperationsOnALivingConnectionBuildNothingAndABrokenOneIsReplaced)
 	EXPECT_EQ(put(db, "a", "p=2"), OSTREL_FAILURE);
 	here.start();
 	EXPECT_EQ(put(db, "a", "p=2"), OSTREL_SUCCESS);
+}
+
+// As a restore does it.
+TEST_F(Cairn, WhatWasDeletedAndMadeAgainIsFoundByTheNextOperationOfEveryOpenHandle)
+{
+	const std::string on_service = std::string(";object-db-name=") + test_service;
+	RepositoryClient restorer(here.hatch());
+	auto restored = [&](bool all) {
+		bool made =
+		    all ? _rpy_service_delete(restorer.service, 1) == 0 && restorer.bind(here.hatch()) == RPY_ERROR_NONE
+			: _rpy_instance_delete(restorer.instance, 1) == 0 &&
+			      rpy_service_add_instance(restorer.service, "default", restorer.instance) == 0;
+		return made && restorer.add("g") == RPY_ERROR_NONE;
+	};
+	for (bool all : {false, true}) {
+		ASSERT_TRUE(restored(all));
+		EXPECT_EQ(get(db, "g"), "g:t|");
+		ASSERT_TRUE(restored(all));
+		EXPECT_EQ(walk(db, "t"), "g:t ");
+		ASSERT_TRUE(restored(all));
+		EXPECT_EQ(put(db, "g", "p=1"), OSTREL_SUCCESS);
+		ASSERT_TRUE(restored(all));
+		EXPECT_EQ(move(db, "g", "h:t"), OSTREL_SUCCESS);
+		ASSERT_TRUE(restored(all));
+		EXPECT_EQ(drop(db, "g"), OSTREL_SUCCESS);
+	}
+	ASSERT_EQ(put(db, "s:t" + on_service, "p=1"), OSTREL_SUCCESS);
+	CairnDb service = open_cairn(test_service);
+	ASSERT_TRUE(restored(true));
+	EXPECT_EQ(put(db, "s:t" + on_service, "p=2"), OSTREL_SUCCESS);
+	EXPECT_EQ(get(service, "s"), "s:t|p=2;");
+	ASSERT_EQ(_rpy_instance_delete(restorer.instance, 1), 0);
+	EXPECT_EQ(get(db, "g"), failure);
+	EXPECT_EQ(get(db, "s" + on_service), "s:t|p=2;");
 }
 
 TEST_F(Cairn, AWriteEndsUpWholeUnderOthersThatChangeTheGroupAllTheTime)

@@ -140,6 +140,12 @@ bool lock_record(int fd)
 	return fcntl(fd, F_OFD_SETLK, &lock) == 0;
 }
 
+void unlock_record(int fd)
+{
+	struct flock lock = whole_file(F_UNLCK);
+	(void) fcntl(fd, F_OFD_SETLK, &lock);
+}
+
 bool record_is_locked(int fd)
 {
 	// Asked as a reader would: readers' locks, which anybody can take, don't count.

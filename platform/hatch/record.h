@@ -65,6 +65,7 @@ bool was_replaced(int fd);
 
 // The server's lock on its record, which dies with it. Nobody who may only read the file can pretend to hold it.
 bool lock_record(int fd);
+void unlock_record(int fd);
 bool record_is_locked(int fd);
 
 } // namespace hatch
