@@ -637,6 +637,7 @@ ostrel_error_t RpyOperation::begin_update(attrlist_t *idl, bool temp)
 		return result;
 	if (ostrel_error_t result = ostrel_get_rpy_resources_for_enclave(db_, enclave, &res_))
 		return result;
+	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a look-up that succeeds gives them
 	res_->nsr_temp = temp ? B_TRUE : B_FALSE;
 	res_->nsr_until = end_of_operation(enclave);
 	return ostrel_get_rpy_dbname_for_op(idl, res_, res_);

@@ -9,12 +9,13 @@ namespace hatch {
 namespace {
 
 constexpr int64_t second_ns = 1'000'000'000;
+constexpr int64_t silent_ns = 2 * second_ns;
 constexpr timespec pause = {0, 2'000'000};
 
 bool is_at_work(const Hatch &hatch, int64_t now) REQUIRES(hatch.lock)
 {
 	for (const Peer *peer = hatch.peers; peer != nullptr; peer = peer->next)
-		if (peer->in_hand || peer->held > 0 || peer->since > now - second_ns)
+		if (peer->in_hand || peer->held > 0 || peer->since > now - silent_ns)
 			return true;
 	return false;
 }

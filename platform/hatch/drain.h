@@ -5,7 +5,7 @@
 namespace hatch {
 
 // Gives up a hatch's sign of life: whoever looks for the server finds none, and another one may take its place. Then waits, at
-// most `seconds`, until each client has hung up, or has had no call for a second: an operation of several calls isn't cut
+// most `seconds`, until each client has hung up, or has had no call for two: an operation of several calls isn't cut
 // off in the middle. Calls are served meanwhile, and until hatch_revoke().
 void drain(int fd, int seconds);
 
