@@ -450,10 +450,18 @@ static bool ostrel_rpy_handle_has_server(const ostrel_rpy_resources_t *res, rpy_
 	       rpy_error() != RPY_ERROR_CONNECTION_BROKEN;
 }
 
-// Whether an operation can begin on the resources. A private daemon that is about to end goes on for those who have called it.
-static bool is_usable(const ostrel_rpy_resources_t *res, rpy_scope_t *scope)
+// Whether an enclave has another root directory now than its resources were bound below.
+static bool has_moved(const ostrel_rpy_resources_t *res, const EnclaveRoot &root)
 {
-	if (res->nsr_deleted || !ostrel_rpy_handle_has_server(res, scope) || ostrel_enclave_has_moved(res))
+	const EnclaveRoot &bound = res->nsr_root;
+	return root.state != EnclaveRoot::unknown &&
+	       (root.state != bound.state || root.device != bound.device || root.inode != bound.inode);
+}
+
+// Whether an operation can begin on the resources. A private daemon that is about to end goes on for those who have called it.
+static bool is_usable(const ostrel_rpy_resources_t *res, const EnclaveRoot &root, rpy_scope_t *scope)
+{
+	if (res->nsr_deleted || has_moved(res, root) || !ostrel_rpy_handle_has_server(res, scope))
 		return false;
 	rpy_status_t status;
 	return !res->nsr_private_configd || _rpy_status(res->nsr_handle, &status) == 0 ||
@@ -494,10 +502,12 @@ static ostrel_rpy_resources_t *find_resources(ostrel_db_t db, enclaveid_t enclav
 }
 
 // Takes resources that are there, alive, and not to give way to the enclave's own daemon.
-static bool take_found(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp) REQUIRES(db->db_privlock)
+static bool take_found(ostrel_db_t db, enclaveid_t enclave, const EnclaveRoot &root, ostrel_rpy_resources_t **resp)
+    REQUIRES(db->db_privlock)
 {
 	ostrel_rpy_resources_t *found = find_resources(db, enclave);
-	if (found == nullptr || !is_usable(found, found->nsr_scope) || ostrel_native_configd_inenclave_ready(found))
+	if (found == nullptr || !is_usable(found, root, found->nsr_scope) ||
+	    ostrel_native_configd_inenclave_ready(found))
 		return false;
 	found->nsr_cache_hits++;
 	found->nsr_refcnt++;
@@ -506,15 +516,15 @@ static bool take_found(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources
 }
 
 // Resources of another enclave, in the caller's hold. Of threads that build them at the same moment the first one's stay.
-static ostrel_error_t create_for_enclave(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)
-    EXCLUDES(db->db_privlock)
+static ostrel_error_t create_for_enclave(ostrel_db_t db, enclaveid_t enclave, const EnclaveRoot &root,
+    ostrel_rpy_resources_t **resp) EXCLUDES(db->db_privlock)
 {
 	NewResources res;
 	if (ostrel_error_t result = build_resources(db, enclave, &res))
 		return result;
 	MutexLock lock(db->db_privlock);
 	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a building that succeeds gives them
-	if (!res->nsr_private_configd && take_found(db, enclave, resp))
+	if (!res->nsr_private_configd && take_found(db, enclave, root, resp))
 		return OSTREL_SUCCESS;
 	*resp = res.release();
 	put_among_enclaves(db, *resp);
@@ -524,11 +534,12 @@ static ostrel_error_t create_for_enclave(ostrel_db_t db, enclaveid_t enclave, os
 
 ostrel_error_t ostrel_get_rpy_resources_for_enclave(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)
 {
+	const EnclaveRoot root = ostrel_look_at_root(enclave); // without the lock
 	{
 		MutexLock lock(db->db_privlock);
 		if (native_of(db) == nullptr)
 			return SETERROR(OSTREL_INVALID_ARG);
-		if (take_found(db, enclave, resp))
+		if (take_found(db, enclave, root, resp))
 			return OSTREL_SUCCESS;
 		if (enclave == native_of(db)->nsr_enclaveid) {
 			if (ostrel_error_t result = ostrel_create_rpy_resources(db, resp))
@@ -538,7 +549,7 @@ ostrel_error_t ostrel_get_rpy_resources_for_enclave(ostrel_db_t db, enclaveid_t 
 			return OSTREL_SUCCESS;
 		}
 	}
-	return create_for_enclave(db, enclave, resp);
+	return create_for_enclave(db, enclave, root, resp);
 }
 
 // ---- The level of an operation ----
@@ -647,6 +658,7 @@ ostrel_error_t RpyOperation::begin_update(attrlist_t *idl, bool temp)
 // that readers' calls run beside each other. What isn't as simple is left to the long road.
 bool RpyOperation::take_ready(enclaveid_t enclave)
 {
+	const EnclaveRoot root = ostrel_look_at_root(enclave);
 	{
 		MutexLock lock(db_->db_privlock);
 		ostrel_rpy_resources_t *found = native_of(db_) == nullptr ? nullptr : find_resources(db_, enclave);
@@ -657,7 +669,7 @@ bool RpyOperation::take_ready(enclaveid_t enclave)
 		res_ = found;
 	}
 	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a taken entry is one
-	if (is_usable(res_, rres_->nsr_scope))
+	if (is_usable(res_, root, rres_->nsr_scope))
 		return true;
 	ostrel_rele_rpy_resources(db_, res_, rres_);
 	res_ = nullptr;
@@ -737,7 +749,7 @@ static void take_last_snapshot(ostrel_db_t db)
 	MutexLock lock(db->db_privlock);
 	ostrel_rpy_resources_t *native = native_of(db);
 	if (native == nullptr || native->nsr_issvc || !ostrel_refresh_is_pending(native) ||
-	    is_usable(native, native->nsr_scope))
+	    is_usable(native, ostrel_look_at_root(native->nsr_enclaveid), native->nsr_scope))
 		return;
 	NewResources fresh;
 	if (build_resources(db, native->nsr_enclaveid, &fresh) != OSTREL_SUCCESS)

@@ -42,6 +42,13 @@ struct PrivateDaemon {
 	bool is_inherited; // this process is a forked child: the daemon is its parent's, as long as that one has it
 };
 
+// The root directory of an enclave.
+struct EnclaveRoot {
+	enum { unknown, missing, there } state;
+	dev_t device;
+	ino_t inode;
+};
+
 // What one operation works with. Updates have one, in the resources, and readers each one of the pool.
 struct ostrel_rpy_work_t {
 	char nsr_pgname[OSTREL_RPY_NAME_MAX]; // the current group's path of names, as the repository spells it
@@ -95,9 +102,8 @@ struct ostrel_rpy_resources_t : ostrel_rpy_work_t {
 	ostrel_rpy_resources_t *nsr_enclave_resources; // of native ones: those of other enclaves
 	ostrel_rpy_resources_t *nsr_enclave_node;      // the next in such a list
 	uint64_t nsr_cache_hits;
-	std::atomic<bool> nsr_deleted; // the service or instance was: nobody else takes these
-	dev_t nsr_root_device;         // the root directory of another enclave, as it was before the bind
-	ino_t nsr_root_inode;
+	std::atomic<bool> nsr_deleted;        // the service or instance was: nobody else takes these
+	EnclaveRoot nsr_root;                 // as it was before the bind
 	boolean_t nsr_private_configd;        // bound to a private daemon
 	pid_t nsr_private_configd_pid;        // its process, if this process started it; else 0
 	PrivateDaemon nsr_private_daemon;     // what ends it then
@@ -178,8 +184,8 @@ void ostrel_inherit_private_configd(ostrel_rpy_resources_t *res, ostrel_rpy_reso
 // Gives up the private daemon that these resources started: it ends with them, in a forked child with the last copy. Waits for
 // its end, and drops the connection before.
 void ostrel_end_private_configd(ostrel_rpy_resources_t *res);
-// Whether the enclave has another root directory than it had at the bind.
-bool ostrel_enclave_has_moved(const ostrel_rpy_resources_t *res);
+// Looks at the root directory of an enclave other than the global one, which may take its time.
+EnclaveRoot ostrel_look_at_root(enclaveid_t enclave);
 
 // ---- Refresh ----
 

@@ -218,17 +218,6 @@ ostrel_error_t start_and_bind(enclaveid_t enclave, ostrel_rpy_resources_t *res, 
 	return ostrel_bind_cairn_configd_hatch(res, path);
 }
 
-// Before the bind: who is given another root meanwhile binds again.
-void note_root(enclaveid_t enclave, ostrel_rpy_resources_t *res)
-{
-	char path[sizeof(HatchPath::text)];
-	struct stat root;
-	if (enclave_getattr(enclave, ENCLAVE_ATTR_ROOT, path, sizeof(path)) < 0 || stat(path, &root) == -1)
-		return;
-	res->nsr_root_device = root.st_dev;
-	res->nsr_root_inode = root.st_ino;
-}
-
 // Those who want to start one at the same time come one after the other, so that all but the first find it. Without the
 // right to that, the start itself will say what is missing.
 ostrel_error_t bind_private(enclaveid_t enclave, ostrel_rpy_resources_t *res)
@@ -254,7 +243,7 @@ ostrel_error_t ostrel_bind_cairn_configd(enclaveid_t enclave, ostrel_rpy_resourc
 	HatchPath path;
 	if (ostrel_error_t result = ostrel_get_cairn_configd_hatchpath(enclave, false, &path))
 		return result;
-	note_root(enclave, res);
+	res->nsr_root = ostrel_look_at_root(enclave); // one that changes meanwhile shows at the next operation
 	ostrel_error_t result = ostrel_bind_cairn_configd_hatch(res, path);
 	// Memory or descriptors that this process lacks say nothing about a daemon, and a private one beside the enclave's own
 	// would be in its way.
@@ -315,12 +304,13 @@ void ostrel_end_private_configd(ostrel_rpy_resources_t *res)
 	wait_for_end(daemon.process.get());
 }
 
-bool ostrel_enclave_has_moved(const ostrel_rpy_resources_t *res)
+EnclaveRoot ostrel_look_at_root(enclaveid_t enclave)
 {
 	struct stat root;
 	char path[sizeof(HatchPath::text)];
-	if (res->nsr_enclaveid == ENCLAVE_ID_GLOBAL ||
-	    enclave_getattr(res->nsr_enclaveid, ENCLAVE_ATTR_ROOT, path, sizeof(path)) < 0)
-		return false; // without a record the id is given to none
-	return stat(path, &root) == -1 || root.st_dev != res->nsr_root_device || root.st_ino != res->nsr_root_inode;
+	if (enclave == ENCLAVE_ID_GLOBAL || enclave_getattr(enclave, ENCLAVE_ATTR_ROOT, path, sizeof(path)) < 0)
+		return {EnclaveRoot::unknown, 0, 0}; // without a record the id is nobody else's
+	if (stat(path, &root) == -1)
+		return {EnclaveRoot::missing, 0, 0};
+	return {EnclaveRoot::there, root.st_dev, root.st_ino};
 }

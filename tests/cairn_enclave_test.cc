@@ -375,10 +375,19 @@ TEST_F(Enclaves, TheEnclavesOwnDaemonIsUsedWhereItIsUpAndItsResourcesKept)
 	EXPECT_EQ(kept->nsr_cache_hits, 1U);
 	EXPECT_FALSE(fs::exists(enclave_path(private_hatch)));
 
+	ASSERT_EQ(ostrel_db_write(db.get(), in_enclave("where").get(), 0, props_of("p=enclave").get()), OSTREL_SUCCESS);
+	{
+		ostrel_rpy_resources_t *res = nullptr;
+		MutexLock lock(db->db_privlock);
+		ASSERT_EQ(ostrel_create_rpy_resources(db.get(), &res), OSTREL_SUCCESS);
+	}
+	EXPECT_EQ(resources_of(db)->nsr_enclave_resources, kept) << "an update waits there for its snapshot";
+
 	const pid_t before = server_of(enclave_path(own_hatch));
 	end(before);
 	ASSERT_EQ(start_inside(own_hatch), 0);
 	EXPECT_EQ(read(db), "p=enclave;") << "a new connection";
+	EXPECT_TRUE(ostrel_refresh_is_pending(resources_of(db)->nsr_enclave_resources));
 
 	enclave->set_state(ENCLAVE_STATE_DOWN);
 	(void) read(db, 77);

@@ -254,8 +254,9 @@ Failure why_refused(const Identifiers &id, const Object *object)
 	if (std::optional<Failure> bad = why_bad_types(id))
 		return *bad;
 	if (object == nullptr)
-		return {Exit::invalid, "a group that holds groups can't be renamed, none can be put below itself, and none gets "
-				       "another spelling or other types where it is"};
+		return {Exit::invalid,
+		    "a group that holds groups can't be renamed, none can be put below itself, and none gets "
+		    "another spelling or other types where it is"};
 	return Failure(
 	    Exit::invalid, "a property has a type that isn't stored, or is stored already with values of another kind")
 	    .next("booleans, numbers and strings are stored; ostrel unset takes a property away first");
