@@ -6,7 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <libintl.h>
-#include <unistd.h>
+
+#include <meridon/process.h>
 
 #include "base/guards.h"
 #include "libostrel_cairn.h"
@@ -218,7 +219,7 @@ void ostrel_db_set_write_auth(ostrel_db_t db, const char *auth)
 // In a forked child, before the lock is taken: a thread that it doesn't have may hold it.
 static void enter_process(ostrel_db_t db)
 {
-	db->db_lock_process.enter(static_cast<uint64_t>(getpid()), [db] { db->db_lock.init(); });
+	db->db_lock_process.enter(_meridon_process(), [db] { db->db_lock.init(); });
 }
 
 void ostrel_db_rdlock(ostrel_db_t db)

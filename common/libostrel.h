@@ -6,6 +6,10 @@
  * The order of calls is open, then any operation from any thread, then close.
  *
  * A program may have global functions of the platform's names, `regex` or `fattach` say: the library never calls them.
+ *
+ * No signal makes an operation fail or leaves open what became of it, whether its handler restarts calls or not; nor does a
+ * stop, a freezer or a debugger. A forked child may use every handle, whatever its parent's threads do, also in another
+ * namespace of process ids; one that shares its parent's memory (vfork()) uses none.
  */
 #ifndef LIBOSTREL_H
 #define LIBOSTREL_H
@@ -130,7 +134,7 @@ extern ostrel_db_cmds_t ostrel_rawfiles_db_cmds;
  *                              user doesn't hold ostrel.elsewhere
  *          OSTREL_INVALID_ARG  also: an update by another user than root whose identifiers have no text form
  *          OSTREL_FAILURE      there is no server: a plain file, or the server went before or during the call (an
- *                              update may then have been carried out); a signal handler that doesn't restart calls
+ *                              update may then have been carried out)
  *          OSTREL_NOT_FOUND    also: nothing is at the path any more
  */
 extern ostrel_db_cmds_t ostrel_hatches_db_cmds;
@@ -164,7 +168,10 @@ extern ostrel_db_cmds_t ostrel_hatches_db_cmds;
  *          OSTREL_EPERM        the repository doesn't let this user
  *          OSTREL_NEEDS_RETRY  a read found 32 others at work for 20 s; updates of a store that is read-only for the
  *                              moment are deferred instead
- *          OSTREL_FAILURE      no daemon, or it went during the operation: the next one looks for it again
+ *          OSTREL_FAILURE      no daemon, or it went during the operation, or didn't answer for 60 s: the next one looks
+ *                              for it again. An update of an object that was there may be carried out all the same. What
+ *                              a write has made goes as soon as the daemon comes to it; if it goes away in between, an
+ *                              object without properties may stay. After a rename both objects may be there, never none
  * Threads: any number of reads and walks beside each other; updates one by one.
  */
 extern ostrel_db_cmds_t ostrel_cairn_db_cmds;

@@ -8,7 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <unistd.h>
+
+#include <meridon/process.h>
 
 // ---- Results ----
 
@@ -613,7 +614,7 @@ static void forget_parent(ostrel_db_t db) NO_THREAD_SAFETY_ANALYSIS
 
 static void enter_process(ostrel_db_t db)
 {
-	db->db_priv_process.enter(static_cast<uint64_t>(getpid()), [db] { forget_parent(db); });
+	db->db_priv_process.enter(_meridon_process(), [db] { forget_parent(db); });
 }
 
 RpyOperation::RpyOperation(ostrel_db_t db) : db_(db)

@@ -258,11 +258,14 @@ ostrel_error_t commit(ostrel_rpy_resources_t *res, attrlist_t *props, bool creat
 	}
 }
 
-// Takes back what a failed write has created: the group that is current, if it is one of those.
-void undo_creation(ostrel_rpy_resources_t *res, const RpyCreation &made)
+// Takes back what a failed write has created: the group that is current, if it is one of those. What others have put there
+// stays, unless it can't be told from this write's own: a commit whose fate is open may be still to come.
+void undo_creation(ostrel_rpy_resources_t *res, const RpyCreation &made, bool commit_is_open)
 {
-	if (made.first != -1 && res->nsr_pgdepth >= made.first && res->nsr_pgdepth <= made.last)
-		(void) rpy_pg_delete(ostrel_res_pg_curr(res)); // it stays, then, and is empty
+	if (made.first == -1 || res->nsr_pgdepth < made.first || res->nsr_pgdepth > made.last)
+		return;
+	// After a failure it stays, and is empty.
+	(void) (commit_is_open ? rpy_pg_delete : _rpy_pg_withdraw)(ostrel_res_pg_curr(res));
 }
 
 bool is_temporary(uint64_t flags)
@@ -397,17 +400,46 @@ ostrel_error_t look_for(ostrel_db_t db, attrlist_t *idl)
 	return operation.find(idl, pgname);
 }
 
-// Removes the old object of a rename, or takes the new one back. A connection that broke leaves open whether the old one is
-// there, and one of the two has to stay. A new one with groups below it stays: they would go with it.
+// What became of a remove that failed.
+struct RemoveFate {
+	bool is_open = false;      // it may be carried out all the same
+	bool daemon_ended = false; // not by the daemon that was asked, at any rate
+};
+
+ostrel_error_t remove_group(ostrel_db_t db, attrlist_t *idl, uint64_t flags, RemoveFate *fate)
+{
+	char *pgname;
+	if (ostrel_idlist2pginfo(idl, &pgname, nullptr) != OSTREL_SUCCESS)
+		return OSTREL_INVALID_ARG;
+	RpyOperation operation(db);
+	if (ostrel_error_t result = operation.begin_update(idl, is_temporary(flags)))
+		return result;
+	if (ostrel_error_t result = operation.find(idl, pgname))
+		return result;
+	ostrel_rpy_resources_t *res = operation.res();
+	if (rpy_pg_delete(ostrel_res_pg_curr(res)) != 0) {
+		ostrel_error_t result = ostrel_rpy_failure();
+		fate->is_open = _rpy_is_open() != 0;
+		fate->daemon_ended = fate->is_open && _rpy_daemon_has_ended(res->nsr_handle) != 0;
+		return result;
+	}
+	ostrel_request_refresh_cairn(res);
+	return OSTREL_SUCCESS;
+}
+
+// Removes the old object of a rename, or takes the new one back. A remove whose fate is open may be carried out after the old
+// object was seen, however late, so that both stay unless nobody is left to do so. A new one with groups below it stays:
+// they would go with it.
 ostrel_error_t remove_or_undo(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl, const Rename &rename)
 {
-	ostrel_error_t result = ostrel_remove_object_from_cairn(db, idl, flags);
+	RemoveFate fate;
+	ostrel_error_t result = remove_group(db, idl, flags, &fate);
 	if (result == OSTREL_SUCCESS || rename.has_company)
 		return result;
-	ostrel_error_t old_one = result == OSTREL_FAILURE ? look_for(db, idl) : OSTREL_SUCCESS;
+	ostrel_error_t old_one = fate.is_open ? look_for(db, idl) : OSTREL_SUCCESS;
 	if (old_one == OSTREL_NOT_FOUND)
 		return OSTREL_SUCCESS;
-	if (old_one == OSTREL_SUCCESS)
+	if (old_one == OSTREL_SUCCESS && fate.is_open == fate.daemon_ended)
 		(void) ostrel_remove_object_from_cairn(db, newidl, flags);
 	return result;
 }
@@ -454,13 +486,16 @@ ostrel_error_t ostrel_write_object_to_cairn(ostrel_db_t db, attrlist_t *idl, uin
 	RpyCreation made;
 	ostrel_error_t result = find_or_create(&operation, idl, pgname, pgtype, &made);
 	ostrel_rpy_resources_t *res = operation.res();
-	if (result == OSTREL_SUCCESS)
+	bool commit_is_open = false;
+	if (result == OSTREL_SUCCESS) {
 		result = commit(res, props, made.first != -1);
+		commit_is_open = result != OSTREL_SUCCESS && _rpy_is_open() != 0;
+	}
 	rpy_transaction_destroy_children(res->nsr_tx);
 	if (result == OSTREL_SUCCESS)
 		ostrel_request_refresh_cairn(res);
 	else
-		undo_creation(res, made);
+		undo_creation(res, made, commit_is_open);
 	return result;
 }
 
@@ -468,19 +503,8 @@ ostrel_error_t ostrel_remove_object_from_cairn(ostrel_db_t db, attrlist_t *idl, 
 {
 	if (idl == nullptr || ostrel_idlist_is_empty(idl))
 		return OSTREL_INVALID_ARG;
-	char *pgname;
-	if (ostrel_idlist2pginfo(idl, &pgname, nullptr) != OSTREL_SUCCESS)
-		return OSTREL_INVALID_ARG;
-	RpyOperation operation(db);
-	if (ostrel_error_t result = operation.begin_update(idl, is_temporary(flags)))
-		return result;
-	if (ostrel_error_t result = operation.find(idl, pgname))
-		return result;
-	ostrel_rpy_resources_t *res = operation.res();
-	if (rpy_pg_delete(ostrel_res_pg_curr(res)) != 0)
-		return ostrel_rpy_failure();
-	ostrel_request_refresh_cairn(res);
-	return OSTREL_SUCCESS;
+	RemoveFate ignored;
+	return remove_group(db, idl, flags, &ignored);
 }
 
 ostrel_error_t ostrel_rename_object_in_cairn(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl)

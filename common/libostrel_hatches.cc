@@ -9,6 +9,8 @@
 #include <new>
 #include <sys/mman.h>
 
+#include <meridon/process.h>
+
 #include "base/guards.h"
 
 namespace {
@@ -45,6 +47,8 @@ bool is_alive(int fd)
 // Gives the handle's cell, with a living hatch or one that was opened just now. Errors: 0, or an errno value.
 int use_cell(ostrel_db_t db, CellUse *use)
 {
+	// In a forked child a thread that it doesn't have may hold the lock.
+	db->db_priv_process.enter(_meridon_process(), [db] { db->db_privlock.init(); });
 	MutexLock lock(db->db_privlock);
 	Cell *cell = cell_of(db);
 	if (cell != nullptr && !is_alive(cell->fd)) {

@@ -361,6 +361,33 @@ rpy_error_t delete_group(Daemon *daemon, Reader *in, Writer *)
 	return in->done() ? delete_node(daemon, id, Parent::group, Parent::group, true) : RPY_ERROR_INVALID_ARGUMENT;
 }
 
+// For a client that made a group and can't go on: what others have put there meanwhile is theirs.
+rpy_error_t withdraw_group(Daemon *daemon, Reader *in, Writer *)
+{
+	const auto kind = static_cast<Parent>(in->u32());
+	const uint64_t id = in->u64();
+	const std::string_view name = in->text();
+	if (!in->done() || id == 0)
+		return RPY_ERROR_INVALID_ARGUMENT;
+	Update update;
+	Node *node = nullptr;
+	update.prepare = [&](Rows *rows) {
+		node = daemon->model.find(kind, id);
+		if (node != nullptr && !name.empty())
+			node = daemon->model.child(node, Parent::group, name);
+		if (node == nullptr || node->kind != Parent::group)
+			return RPY_ERROR_NOT_FOUND;
+		const std::vector<Node *> tree = Model::tree(node);
+		for (const Node *each : tree)
+			if (each->version->id != 0)
+				return RPY_ERROR_IN_USE;
+		delete_rows(tree, rows);
+		return RPY_ERROR_NONE;
+	};
+	update.apply = [&] { daemon->model.remove(node); };
+	return daemon->updates.run(&update);
+}
+
 rpy_error_t delete_snapshot(Daemon *daemon, Reader *in, Writer *)
 {
 	uint64_t id = in->u64();
@@ -649,6 +676,7 @@ constexpr Request requests[] = {
     {verify, true},
     {backup, true},
     {together, false},
+    {withdraw_group, true},
 };
 static_assert(sizeof(requests) / sizeof(*requests) == static_cast<size_t>(Op::count_));
 

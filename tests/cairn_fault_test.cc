@@ -1,13 +1,18 @@
 // Databases in the repository when something fails: each call to the daemon with each error, and each allocation.
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <sys/time.h>
+#include <thread>
 
 #include <meridon/hatch.h>
 
 #include "alloc_fault.h"
 #include "cairn_db.h"
+#include "hatch_peer.h"
 #include "rpy/wire.h"
+#include "warped_clock.h"
 
 namespace {
 
@@ -24,12 +29,36 @@ thread_local Trouble trouble;
 // Answers what would be a commit, and nothing else, as overtaken by others.
 thread_local bool commits_are_stale;
 
-bool is_commit(const hatch_arg_t *arg)
+// What the first call of a kind meets: a daemon that stops, while the clock runs as fast as it is looked at; one that is killed
+// when it has the call, and followed by another one when that is known; or one that doesn't come to it for a long time, but
+// answers others.
+enum class By { stop, kill, queue };
+struct Stall {
+	rpy::Op op = rpy::Op::count_;
+	Repository *daemon = nullptr;
+	By how = By::stop;
+	std::string queued = {};
+};
+Stall stall;
+
+bool is_stopped(pid_t pid)
+{
+	std::error_code ended;
+	for (const auto &task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ended)) {
+		const std::string text = file_text(task.path() / "stat");
+		const size_t state = text.rfind(") ");
+		if (state == text.npos || text[state + 2] != 'T')
+			return false;
+	}
+	return true;
+}
+
+bool is_call(const hatch_arg_t *arg, rpy::Op which)
 {
 	uint32_t op = 0;
 	if (arg->data_size >= 2 * sizeof(op))
 		memcpy(&op, arg->data_ptr + sizeof(op), sizeof(op));
-	return op == static_cast<uint32_t>(rpy::Op::commit);
+	return op == static_cast<uint32_t>(which);
 }
 
 int answer(hatch_arg_t *arg, std::initializer_list<uint32_t> words)
@@ -50,7 +79,24 @@ extern "C" int __real_hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, 
 extern "C" int __wrap_hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 {
 	trouble.calls++;
-	if (commits_are_stale && is_commit(arg))
+	if (is_call(arg, stall.op)) {
+		stall.op = rpy::Op::count_;
+		if (stall.how == By::queue) {
+			stall.queued.assign(arg->data_ptr, arg->data_size);
+			errno = ETIMEDOUT;
+			return -1;
+		}
+		(void) kill(stall.daemon->pid(), SIGSTOP);
+		while (!is_stopped(stall.daemon->pid()))
+			usleep(100);
+		warp = stall.how == By::stop ? 1 : 0;
+		std::jthread killer([] {
+			if (stall.how == By::kill && usleep(100'000) == 0)
+				stall.daemon->kill();
+		});
+		return __real_hatch_call_bounded(fd, arg, seconds, reply_max);
+	}
+	if (commits_are_stale && is_call(arg, rpy::Op::commit))
 		return answer(arg, {rpy::magic, RPY_ERROR_NONE, 0});
 	if (trouble.left == 1) {
 		trouble.fired = true;
@@ -59,6 +105,15 @@ extern "C" int __wrap_hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, 
 	}
 	trouble.left -= trouble.left > 0 ? 1 : 0;
 	return __real_hatch_call_bounded(fd, arg, seconds, reply_max);
+}
+
+extern "C" int __real__rpy_daemon_has_ended(const rpy_handle_t *handle);
+extern "C" int __wrap__rpy_daemon_has_ended(const rpy_handle_t *handle)
+{
+	const int ended = __real__rpy_daemon_has_ended(handle);
+	if (ended == 1 && stall.daemon->start(CairnDaemon::hatch_name) != 0)
+		ADD_FAILURE() << "no daemon";
+	return ended;
 }
 
 namespace {
@@ -233,6 +288,104 @@ TEST_F(CairnFaults, ARenameWhoseRemoveFailsLosesNothingBelowTheNewName)
 		EXPECT_EQ(get(db, "a/b"), "a/b:t/u|p=1;") << nth;
 	}
 }
+
+void signal_often(int flags)
+{
+	struct sigaction action = {};
+	action.sa_handler = [](int) {};
+	action.sa_flags = flags;
+	const itimerval often = {{0, 3000}, {0, 3000}};
+	ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
+	ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+}
+void signal_no_more()
+{
+	const itimerval never = {};
+	(void) setitimer(ITIMER_REAL, &never, nullptr);
+	warp = 0;
+}
+
+// A daemon that stalls for longer than it is waited for carries out late what it was asked for.
+class CairnStalls : public CairnFaults {
+protected:
+	void SetUp() override
+	{
+		CairnFaults::SetUp();
+		fill();
+		signal_often(SA_RESTART); // so that the clock is looked at
+	}
+	void TearDown() override { signal_no_more(); }
+
+	// The result of what meets the stall, when the daemon is well again.
+	template <typename Operation>
+	ostrel_error_t at(rpy::Op op, By how, Operation operation)
+	{
+		stall = {op, &here.daemon, how};
+		ostrel_error_t result = operation();
+		EXPECT_EQ(stall.op, rpy::Op::count_);
+		warp = 0;
+		(void) kill(here.daemon.pid(), SIGCONT);
+		if (how == By::queue) {
+			EXPECT_EQ(call(open_hatch(here.hatch()).get(), stall.queued).error, 0);
+		}
+		return result;
+	}
+};
+
+TEST_F(CairnStalls, WhatAFailedWriteHasMadeIsTakenBackWhenItComesAbout)
+{
+	for (rpy::Op op : {rpy::Op::add_group, rpy::Op::commit}) {
+		EXPECT_EQ(at(op, By::stop, [&] { return put(db, "new:t", "p=1"); }), OSTREL_FAILURE);
+		EXPECT_TRUE(eventually([&] { return get(db, "new") == "? object not found"; }));
+		usleep(100'000); // nothing comes after that
+		EXPECT_EQ(get(db, "new"), "? object not found");
+		EXPECT_EQ(put(db, "new:t", "p=2"), OSTREL_SUCCESS);
+		EXPECT_EQ(drop(db, "new"), OSTREL_SUCCESS);
+	}
+}
+
+TEST_F(CairnStalls, ARenameWhoseRemoveComesLateLosesNothing)
+{
+	for (By how : {By::stop, By::queue}) {
+		EXPECT_EQ(at(rpy::Op::delete_group, how, [&] { return move(db, "m", "moved:t"); }), OSTREL_FAILURE);
+		EXPECT_TRUE(eventually([&] { return get(db, "m") == "? object not found"; }));
+		EXPECT_EQ(get(db, "moved"), "moved:t|p=m;");
+		fill();
+	}
+}
+
+// Nobody is left to carry it out: one that is there stays, and the other goes.
+TEST_F(CairnStalls, ARenameWhoseDaemonEndsKeepsTheOldObject)
+{
+	EXPECT_EQ(at(rpy::Op::delete_group, By::kill, [&] { return move(db, "m", "moved:t"); }), OSTREL_FAILURE);
+	EXPECT_EQ(get(db, "m"), "m:t|p=m;");
+	EXPECT_EQ(get(db, "moved"), "? object not found");
+}
+
+class CairnSignals : public CairnFaults, public testing::WithParamInterface<int> {};
+
+TEST_P(CairnSignals, NoneMakesAnUpdateFail)
+{
+	constexpr int stops = -1;
+	const pid_t self = getpid();
+	Process stopper([=] {
+		while (GetParam() == stops && usleep(3000) == 0 && kill(self, SIGSTOP) == 0)
+			(void) kill(self, SIGCONT);
+		return 0;
+	});
+	if (GetParam() != stops)
+		signal_often(GetParam());
+	for (int i = 0; i < 100; i++) {
+		ASSERT_EQ(put(db, "new:t", "p=1"), OSTREL_SUCCESS) << i;
+		ASSERT_EQ(put(db, "new", "p=2"), OSTREL_SUCCESS) << i;
+		ASSERT_EQ(move(db, "new", "moved:t"), OSTREL_SUCCESS) << i;
+		ASSERT_EQ(get(db, "moved"), "moved:t|p=2;") << i;
+		ASSERT_EQ(drop(db, "moved"), OSTREL_SUCCESS) << i;
+	}
+	signal_no_more();
+}
+
+INSTANTIATE_TEST_SUITE_P(Cairn, CairnSignals, testing::Values(0, SA_RESTART, -1));
 
 TEST_F(CairnFaults, FewCallsAreMade)
 {

@@ -8,8 +8,10 @@
 #include <latch>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <thread>
 #include <vector>
 
@@ -338,28 +340,105 @@ TEST_F(HatchCall, MemoryForLargeRepliesIsUsedAgain)
 	}
 }
 
-void note_signal(int) {}
+// Stops a process `stopped_ms` long, again and again; 0: so short that it is hardly noticed.
+Process stop_often(pid_t pid, unsigned int pause_ms, unsigned int stopped_ms)
+{
+	return Process([=] {
+		do {
+			usleep(pause_ms * 1000);
+			(void) kill(pid, SIGSTOP);
+			usleep(stopped_ms * 1000);
+		} while (kill(pid, SIGCONT) == 0);
+		return 0;
+	});
+}
 
+enum { By_stops = -1 };
 class Interrupted : public HatchCall, public testing::WithParamInterface<int> {};
 
-TEST_P(Interrupted, CallEndsWithEintrExactlyIfTheHandlerDoesNotRestart)
+// Waits for a connection, for room to send, for the reply and for the rest of it, with a bound and without.
+TEST_P(Interrupted, CallGoesOnWhateverTheHandlerSays)
 {
 	Process server = serve(path_);
 	Fd fd = open_hatch(path_);
-	struct sigaction action = {};
-	action.sa_handler = note_signal;
-	action.sa_flags = GetParam();
-	ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
-	struct itimerval soon = {};
-	soon.it_value.tv_usec = 50'000;
-	ASSERT_EQ(setitimer(ITIMER_REAL, &soon, nullptr), 0);
-	Answer answer = call(fd.get(), Ask{Do::Sleep, 300, 0});
-	EXPECT_EQ(answer.error, GetParam() == SA_RESTART ? 0 : EINTR);
-	// The reply of the call that was given up belongs to nobody: the next call has its own.
-	EXPECT_EQ(call(fd.get(), std::string("next")).data, "next");
+	Process client([&] {
+		struct sigaction action = {};
+		action.sa_handler = [](int) {};
+		action.sa_flags = GetParam();
+		const itimerval often = {{0, 3000}, {0, 3000}};
+		if (GetParam() != By_stops &&
+		    (sigaction(SIGALRM, &action, nullptr) != 0 || setitimer(ITIMER_REAL, &often, nullptr) != 0))
+			return 1;
+		const std::string much = test_bytes(3'000'000);
+		for (int seconds : {0, 100}) {
+			Ask ask = {Do::Sleep, 100, 0};
+			hatch_arg_t sleep = {reinterpret_cast<char *>(&ask), sizeof ask, nullptr, 0, nullptr, 0};
+			if (hatch_call_bounded(fd.get(), &sleep, seconds, 0) != 0)
+				return 2;
+			for (int i = 0; i < 20; i++) {
+				std::string copy = much;
+				hatch_arg_t arg = {copy.data(), copy.size(), nullptr, 0, nullptr, 0};
+				if (hatch_call_bounded(fd.get(), &arg, seconds, 0) != 0)
+					return 3;
+				if (much.compare(0, much.npos, arg.data_ptr, arg.data_size) != 0)
+					return 4;
+				(void) munmap(arg.rbuf, arg.rsize);
+			}
+			hatch_forget(fd.get());
+		}
+		return 0;
+	});
+	Process stopper = GetParam() == By_stops ? stop_often(client.pid(), 3, 0) : Process([] { return 0; });
+	EXPECT_EQ(client.wait(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Hatch, Interrupted, testing::Values(0, SA_RESTART));
+INSTANTIATE_TEST_SUITE_P(Hatch, Interrupted, testing::Values(0, SA_RESTART, int{By_stops}));
+
+TEST_F(HatchCall, AReplyThatCameWhileTheCallerWasStoppedIsTakenThoughTheTimeIsOver)
+{
+	Process server = serve(path_);
+	Fd fd = open_hatch(path_);
+	Process client([&] {
+		Ask ask = {Do::Sleep, 300, 0};
+		hatch_arg_t arg = {reinterpret_cast<char *>(&ask), sizeof ask, nullptr, 0, nullptr, 0};
+		return hatch_call_bounded(fd.get(), &arg, 1, 0) == 0 ? 0 : errno;
+	});
+	Process stopper = stop_often(client.pid(), 100, 3000);
+	EXPECT_EQ(client.wait(), 0);
+}
+
+// What a server of ours does when a user may not have more of its memory.
+TEST_F(HatchCall, ARefusalInTheMiddleOfARequestIsToldAsOne)
+{
+	LocalHatch place(path_); // for the record; its socket gives way to one that refuses
+	Fd fd = open_hatch(path_);
+	hatch::Id id = {};
+	ASSERT_TRUE(hatch::read_record(fd.get(), &id));
+	sockaddr_un address = {};
+	address.sun_family = AF_UNIX;
+	scratch_.path(hatch::socket_name(id).text).copy(address.sun_path, sizeof address.sun_path - 1);
+	ASSERT_EQ(unlink(address.sun_path), 0);
+	Fd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+	ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+	ASSERT_EQ(listen(listener.get(), 1), 0);
+	// Before the rest of the request comes, while it comes, and when all of it waits unread.
+	for (size_t size : {2 * piece_max, 40 * piece_max}) {
+		for (int delay_ms : {0, 50}) {
+			std::thread server([&] {
+				Fd peer(accept(listener.get(), nullptr, nullptr));
+				char byte;
+				EXPECT_EQ(recv(peer.get(), &byte, 1, 0), 1);
+				usleep(static_cast<unsigned int>(delay_ms) * 1000);
+				const hatch::ReplyHead refusal = {
+				    hatch::wire_magic, static_cast<uint32_t>(hatch::Refusal::no_memory), 0};
+				EXPECT_EQ(send(peer.get(), &refusal, sizeof refusal, 0), ssize_t{sizeof refusal});
+			});
+			EXPECT_EQ(call(fd.get(), std::string(size, 'x')).error, ENOMEM) << size << ", " << delay_ms;
+			server.join();
+			hatch_forget(fd.get());
+		}
+	}
+}
 
 // In a frame of its own: a thread that is cancelled never ends the frames that it leaves, as a sanitizer sees them.
 __attribute__((noinline)) void sleep_in_call(int fd)

@@ -2,6 +2,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <thread>
@@ -67,6 +68,41 @@ TEST_F(HatchUsers, EachMessageHasItsOwnSenderOnOneConnection)
 	other.join();
 	EXPECT_EQ(caller_at(fd.get()).uid, 0U);
 	EXPECT_EQ(open_descriptors(), connections);
+}
+
+TEST_F(HatchUsers, WhoHasChangedItsUserConnectsAnew)
+{
+	// Replies with the makers of all its connections.
+	LocalHatch hatch(path_, [](void *, char *, size_t, hatch_desc_t *, unsigned int) {
+		struct ucred makers[256] = {};
+		for (int fd = 0; fd < 256; fd++) {
+			socklen_t len = sizeof *makers;
+			(void) getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &makers[fd], &len);
+		}
+		(void) hatch_return(reinterpret_cast<char *>(makers), sizeof makers, nullptr, 0);
+	});
+	struct Case {
+		bool before;
+		uid_t real, effective;
+	};
+	for (Case ids : {Case{true, 1000, 1000}, Case{true, 0, 1001}, Case{false, 0, 1001}, Case{false, 1001, 0}}) {
+		Process client([&] {
+			Fd fd = open_hatch(path_);
+			if (ids.before)
+				(void) call(fd.get(), std::string("x"));
+			become(ids.real, ids.effective);
+			const std::string reply = call(fd.get(), std::string("x")).data;
+			struct ucred makers[256] = {};
+			(void) reply.copy(reinterpret_cast<char *>(makers), sizeof makers);
+			int real = 0, root = 0;
+			for (const struct ucred &maker : makers) {
+				real += maker.pid == getpid() && maker.uid == ids.real;
+				root += maker.pid == getpid() && maker.uid == 0;
+			}
+			return geteuid() == ids.effective && (ids.effective == 0 ? root : real) == 1 ? 0 : 1;
+		});
+		EXPECT_EQ(client.wait(), 0) << ids.before << ", " << ids.real << " as " << ids.effective;
+	}
 }
 
 TEST_F(HatchUsers, AnUnprivilegedUserReachesAHatchThatItMayOnlyRead)

@@ -186,6 +186,22 @@ class Commands(RepositoryTest):
         self.assertEqual(sorted(self.names()), ["BAR", "FOO", "new"])
         self.assertEqual(self.text("get", DB, "object-pgname=bar", "-p", "p"), "BAR\n")
 
+    def test_of_two_that_make_the_same_groups_none_fails(self):
+        self.put("g", "t", "p=1")
+        document = json.loads(self.text("export", DB))
+        one = document["objects"][0]
+        document["objects"] = [{**one, "id": {**one["id"], "object-pgname": "g%d" % i}} for i in range(300)]
+        self.write("objects", json.dumps(document).encode())
+        imports = []
+        for _ in range(3):
+            with open(self.path("objects"), "rb") as objects:
+                imports.append(subprocess.Popen([t.OSTREL, "import", DB], stdin=objects, env=self.env,
+                                                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE))
+        self.assertEqual([(0, b"")] * 3, [(each.wait(), each.stderr.read()) for each in imports])
+        for each in imports:
+            each.stderr.close()
+        self.assertEqual(301, len(self.names()))
+
     def test_a_walk_selects_by_what_groups_have(self):
         self.put("a", "t", "p=1")
         self.put("a/b", "t/u", "p=1")

@@ -8,12 +8,16 @@
 
 #include <meridon/hatch.h>
 
+#include "hatch/call.h"
 #include "hatch/connections.h"
 #include "hatch/server.h"
 #include "hatch/wire.h"
 
 namespace hatch {
 namespace {
+
+thread_local bool open_fate = false;
+thread_local FollowUp *follow_up = nullptr;
 
 // What a call came to: its errno value, and whether the connection can serve another one.
 struct Outcome {
@@ -30,7 +34,6 @@ constexpr Outcome broken(int error)
 int connection_error(int error)
 {
 	switch (error) {
-	case EINTR:
 	case ENOMEM:
 		return error;
 	case ENOBUFS:
@@ -43,7 +46,8 @@ int connection_error(int error)
 	}
 }
 
-// When a call is to be over, whatever the other end does: one that sends a byte now and then isn't waited for, either.
+// When a call is to be over, whatever the other end does: one that sends a byte now and then isn't waited for, either. A
+// process that was stopped beyond it has one second more, once: the server may have been stopped with it.
 class Deadline {
 public:
 	explicit Deadline(int seconds) : bounded_(seconds > 0)
@@ -53,12 +57,17 @@ public:
 	}
 
 	// Seconds that a step may wait, rounded up, or `without_end`. False if the time is over.
-	bool left(int *seconds) const
+	bool left(int *seconds)
 	{
 		*seconds = without_end;
 		if (!bounded_)
 			return true;
-		const int64_t rest = end_ - now();
+		int64_t rest = end_ - now();
+		if (rest <= 0 && !late_) {
+			late_ = true;
+			end_ += second - rest;
+			rest = second;
+		}
 		*seconds = static_cast<int>((rest + second - 1) / second);
 		return rest > 0;
 	}
@@ -66,6 +75,7 @@ public:
 private:
 	static constexpr int64_t second = 1'000'000'000;
 	bool bounded_;
+	bool late_ = false;
 	int64_t end_ = 0;
 
 	static int64_t now()
@@ -88,7 +98,7 @@ void set_patience(Connection *connection, int seconds)
 }
 
 // Lets the next message take what is left of the time. False if nothing is.
-bool have_patience(Connection *connection, const Deadline &deadline)
+bool have_patience(Connection *connection, Deadline &deadline)
 {
 	int seconds;
 	if (!deadline.left(&seconds))
@@ -97,23 +107,68 @@ bool have_patience(Connection *connection, const Deadline &deadline)
 	return true;
 }
 
-int send_first(const Connection &connection, const hatch_arg_t &arg, size_t *sent)
+// Sockets that may wait for so long and no longer give up at each signal and each stop, whatever the handler says. So sending
+// and receiving begin again, with what is left of the time.
+int send(Connection *connection, Deadline &deadline, const iovec *parts, size_t count)
 {
-	RequestHead head = {wire_magic, 0, arg.data_size};
-	size_t size = std::min(arg.data_size, connection.piece);
-	iovec parts[] = {{&head, sizeof head}, {arg.data_ptr, size}};
-	*sent = size;
-	return send_message(connection.socket.get(), parts, size == 0 ? 1 : 2, 0);
+	while (have_patience(connection, deadline)) {
+		int error = send_message(connection->socket.get(), parts, count, 0);
+		if (error != EINTR)
+			return error;
+	}
+	return ETIMEDOUT;
 }
 
-int send_rest(Connection *connection, const hatch_arg_t &arg, const Deadline &deadline, size_t sent)
+// Once the time is over it takes what lies there.
+int receive(Connection *connection, Deadline &deadline, iovec *parts, size_t count, Message *message)
+{
+	bool was_reset = false;
+	for (;;) {
+		int flags = have_patience(connection, deadline) ? 0 : MSG_DONTWAIT;
+		*message = receive_message(connection->socket.get(), parts, count, flags);
+		if (message->size > 0)
+			return 0;
+		if (message->size == 0)
+			return EBADF;
+		// A server that refuses a request in the middle closes with some of it unread: that is told before the refusal.
+		const bool again = errno == EINTR || (errno == ECONNRESET && !was_reset);
+		if (!again)
+			return connection_error(errno);
+		was_reset |= errno == ECONNRESET;
+	}
+}
+
+int send_first(Connection *connection, const hatch_arg_t &arg, Deadline &deadline, size_t *sent)
+{
+	RequestHead head = {wire_magic, 0, arg.data_size};
+	size_t size = std::min(arg.data_size, connection->piece);
+	iovec parts[] = {{&head, sizeof head}, {arg.data_ptr, size}};
+	*sent = size;
+	return send(connection, deadline, parts, size == 0 ? 1 : 2);
+}
+
+// Why the server hung up in the middle of a request, if it said so before.
+int refusal_or(const Connection &connection, int error)
+{
+	ReplyHead head = {};
+	iovec part = {&head, sizeof head};
+	for (int look = 0; look < 2; look++) { // the first may find the connection's own error
+		Message message = receive_message(connection.socket.get(), &part, 1, MSG_DONTWAIT);
+		if (message.size == static_cast<ssize_t>(head_size) && head.magic == wire_magic && head.refusal != 0)
+			return refusal_errno(head.refusal);
+	}
+	return error;
+}
+
+int send_rest(Connection *connection, const hatch_arg_t &arg, Deadline &deadline, size_t sent)
 {
 	while (sent < arg.data_size) {
 		size_t size = std::min(arg.data_size - sent, connection->piece);
 		iovec part = {arg.data_ptr + sent, size};
-		if (!have_patience(connection, deadline))
-			return ETIMEDOUT;
-		if (int error = send_message(connection->socket.get(), &part, 1, 0))
+		int error = send(connection, deadline, &part, 1);
+		if (error == EPIPE || error == ECONNRESET)
+			return refusal_or(*connection, EBADF);
+		if (error != 0)
 			return connection_error(error);
 		sent += size;
 	}
@@ -124,7 +179,7 @@ int send_rest(Connection *connection, const hatch_arg_t &arg, const Deadline &de
 // can reach; the caller's has them, or will get them.
 enum class Memory { own, callers };
 
-int receive_rest(Connection *connection, const Deadline &deadline, char *data, size_t size, Memory memory)
+int receive_rest(Connection *connection, Deadline &deadline, char *data, size_t size, Memory memory)
 {
 	while (size > 0) {
 		if (!have_patience(connection, deadline))
@@ -132,9 +187,9 @@ int receive_rest(Connection *connection, const Deadline &deadline, char *data, s
 		if (memory == Memory::own)
 			fill_pages(data, std::min(size, piece_max));
 		iovec part = {data, size};
-		Message message = receive_message(connection->socket.get(), &part, 1, 0);
-		if (message.size <= 0)
-			return message.size == 0 ? EBADF : connection_error(errno);
+		Message message;
+		if (int error = receive(connection, deadline, &part, 1, &message))
+			return error;
 		if (!message.whole)
 			return EPROTO;
 		data += message.size;
@@ -150,7 +205,7 @@ struct Landed {
 	size_t in_buffer; // how many of them lie in the caller's buffer; the others lie in the connection's landing
 };
 
-int receive_first(Connection *connection, const hatch_arg_t &arg, Landed *landed)
+int receive_first(Connection *connection, const hatch_arg_t &arg, Deadline &deadline, Landed *landed)
 {
 	size_t room = arg.rbuf == nullptr ? 0 : arg.rsize;
 	if (room < piece_max && !connection->landing && !connection->landing.map(piece_max, Fill::on_use))
@@ -160,9 +215,9 @@ int receive_first(Connection *connection, const hatch_arg_t &arg, Landed *landed
 	if (room == 0)
 		parts[1] = parts[2];
 	size_t count = room == 0 || room >= piece_max ? 2 : 3;
-	Message message = receive_message(connection->socket.get(), parts, count, 0);
-	if (message.size <= 0)
-		return message.size == 0 ? EBADF : connection_error(errno);
+	Message message;
+	if (int error = receive(connection, deadline, parts, count, &message))
+		return error;
 	if (!message.whole || message.size < static_cast<ssize_t>(head_size) || landed->head.magic != wire_magic)
 		return EPROTO;
 	landed->size = static_cast<size_t>(message.size) - head_size;
@@ -171,8 +226,7 @@ int receive_first(Connection *connection, const hatch_arg_t &arg, Landed *landed
 }
 
 // Makes the fresh mapping of a reply that the caller has no room for.
-int gather(
-    Connection *connection, const hatch_arg_t &arg, const Deadline &deadline, const Landed &landed, Mapping *reply)
+int gather(Connection *connection, const hatch_arg_t &arg, Deadline &deadline, const Landed &landed, Mapping *reply)
 {
 	size_t size = landed.head.size;
 	// What has not arrived yet is only a claim.
@@ -188,15 +242,15 @@ int gather(
 	return receive_rest(connection, deadline, reply->data() + landed.size, size - landed.size, Memory::own);
 }
 
-Outcome receive_reply(Connection *connection, const Deadline &deadline, size_t reply_max, hatch_arg_t *arg)
+Outcome receive_reply(Connection *connection, Deadline &deadline, size_t reply_max, hatch_arg_t *arg)
 {
 	Landed landed;
-	if (!have_patience(connection, deadline))
-		return broken(ETIMEDOUT);
-	if (int error = receive_first(connection, *arg, &landed))
+	if (int error = receive_first(connection, *arg, deadline, &landed))
 		return broken(error);
-	if (landed.head.refusal != 0)
+	if (landed.head.refusal != 0) {
+		open_fate = landed.head.refusal == static_cast<uint32_t>(Refusal::no_reply); // the handler ran
 		return {refusal_errno(landed.head.refusal), landed.head.size == 0};
+	}
 	size_t size = landed.head.size;
 	if (reply_max != 0 && size > reply_max)
 		return broken(EMSGSIZE);
@@ -221,21 +275,22 @@ constexpr int attempts_max = 20;
 
 // Sends the first message over a connection that was kept, or a new one. One that the server hung up before doesn't
 // count: nothing of the call was sent over it.
-int begin_call(int fd, const Attachment &attachment, const hatch_arg_t &arg, const Deadline &deadline, Connection **out,
-    size_t *sent)
+int begin_call(
+    int fd, const Attachment &attachment, const hatch_arg_t &arg, Deadline &deadline, Connection **out, size_t *sent)
 {
+	const Ids ids = Ids::own();
 	int error = EBADF;
 	for (int attempt = 0; attempt < attempts_max;) {
-		*out = take_connection(attachment);
+		*out = take_connection(attachment, ids);
 		if (*out == nullptr) {
 			attempt++;
-			int seconds;
-			if (!deadline.left(&seconds))
-				return ETIMEDOUT;
-			if (int no_road = make_connection(fd, attachment, seconds, out))
-				return no_road == EAGAIN ? ETIMEDOUT : no_road;
+			int no_road = EINTR, seconds;
+			while (no_road == EINTR && deadline.left(&seconds))
+				no_road = make_connection(fd, attachment, ids, seconds, out);
+			if (no_road != 0)
+				return no_road == EAGAIN || no_road == EINTR ? ETIMEDOUT : no_road;
 		}
-		error = have_patience(*out, deadline) ? send_first(**out, arg, sent) : ETIMEDOUT;
+		error = send_first(*out, arg, deadline, sent);
 		if (error == 0)
 			return 0;
 		drop_connection(*out);
@@ -250,15 +305,19 @@ int call(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 	Look look;
 	if (!look_at(fd, &look))
 		return EBADF;
-	const Deadline deadline(seconds);
+	Deadline deadline(seconds);
 	Connection *connection;
 	size_t sent;
 	if (int error = begin_call(fd, look.attachment, *arg, deadline, &connection, &sent))
 		return error;
 	Outcome outcome = broken(send_rest(connection, *arg, deadline, sent));
-	if (outcome.error == 0)
+	if (outcome.error == 0) {
+		open_fate = true;
 		outcome = receive_reply(connection, deadline, reply_max, arg);
+	}
 	if (!outcome.reusable) {
+		if (open_fate && follow_up != nullptr)
+			follow_up->send(connection->socket.get());
 		drop_connection(connection);
 		return outcome.error;
 	}
@@ -277,9 +336,9 @@ int find_server(int fd, const Attachment &attachment, pid_t *server)
 	if (known_server(attachment, server))
 		return 0;
 	Connection *connection;
-	int error = make_connection(fd, attachment, not_at_all, &connection);
+	int error = make_connection(fd, attachment, Ids::own(), not_at_all, &connection);
 	if (error != 0) // a server that can't be asked now is there all the same
-		return error == EBADF || error == EINTR ? error : 0;
+		return error == EBADF ? error : 0;
 	keep_connection(connection);
 	(void) known_server(attachment, server);
 	return 0;
@@ -313,6 +372,30 @@ int fail_with(int error)
 }
 
 } // namespace
+
+bool fate_is_open()
+{
+	return open_fate;
+}
+
+FollowUp::FollowUp(std::string_view request) : request_(request)
+{
+	follow_up = this;
+}
+
+FollowUp::~FollowUp()
+{
+	follow_up = nullptr;
+}
+
+void FollowUp::send(int socket)
+{
+	RequestHead head = {wire_magic, 0, request_.size()};
+	const iovec parts[] = {
+	    {&head, sizeof head}, {const_cast<char *>(request_.data()), request_.size()}}; // only read
+	sent_ = send_message(socket, parts, 2, MSG_DONTWAIT) == 0;
+}
+
 } // namespace hatch
 
 int hatch_call(int fd, hatch_arg_t *arg)
@@ -323,6 +406,7 @@ int hatch_call(int fd, hatch_arg_t *arg)
 int hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 {
 	CancellationWaits cancellation; // else a call half-way would leave its connection to nobody
+	hatch::open_fate = false;
 	if (arg == nullptr || (arg->data_ptr == nullptr && arg->data_size != 0) || seconds < 0)
 		return hatch::fail_with(EFAULT);
 	if (arg->desc_num != 0)

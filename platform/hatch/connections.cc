@@ -54,6 +54,7 @@ Table &own_table() REQUIRES(table_lock)
 	uint64_t now = epoch();
 	if (table.epoch != now) {
 		close_all();
+		table.servers_met = 0; // in another namespace they have other numbers
 		table.epoch = now;
 	}
 	return table;
@@ -142,22 +143,25 @@ void drop_hung_up() REQUIRES(table_lock)
 
 } // namespace
 
-Connection *take_connection(const Attachment &attachment)
+Connection *take_connection(const Attachment &attachment, const Ids &ids)
 {
 	watch_forks();
 	MutexLock hold(table_lock);
 	Table &own = own_table();
 	for (size_t i = own.idle_count; i-- > 0;) {
-		if (own.idle[i]->attachment == attachment) {
-			Connection *connection = remove_idle(i);
+		if (own.idle[i]->attachment != attachment)
+			continue;
+		Connection *connection = remove_idle(i);
+		if (connection->ids == ids) {
 			link_used(connection);
 			return connection;
 		}
+		delete connection;
 	}
 	return nullptr;
 }
 
-int make_connection(int fd, const Attachment &attachment, int seconds, Connection **out)
+int make_connection(int fd, const Attachment &attachment, const Ids &ids, int seconds, Connection **out)
 {
 	auto *connection = new (std::nothrow) Connection{};
 	if (connection == nullptr)
@@ -169,6 +173,7 @@ int make_connection(int fd, const Attachment &attachment, int seconds, Connectio
 		return error;
 	}
 	connection->attachment = attachment;
+	connection->ids = ids;
 	connection->piece = prepare_sending(connection->socket.get());
 	MutexLock hold(table_lock);
 	(void) own_table();
@@ -210,6 +215,7 @@ bool known_server(const Attachment &attachment, pid_t *server)
 {
 	watch_forks();
 	MutexLock hold(table_lock);
+	(void) own_table();
 	const Server *found = find_server(attachment);
 	if (found != nullptr)
 		*server = found->pid;

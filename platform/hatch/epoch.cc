@@ -5,6 +5,8 @@
 #include <pthread.h>
 #include <sys/mman.h>
 
+#include <meridon/process.h>
+
 #include "hatch/mapping.h"
 
 namespace hatch {
@@ -21,12 +23,13 @@ void make_mark()
 {
 	void *page = mmap(nullptr, page_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
 	mark = &unwiped;
-	if (page == MAP_FAILED)
-		return;
-	if (madvise(page, page_size, MADV_WIPEONFORK) == 0)
+	if (page != MAP_FAILED && madvise(page, page_size, MADV_WIPEONFORK) == 0) {
 		mark = static_cast<Mark *>(page);
-	else
+		return;
+	}
+	if (page != MAP_FAILED)
 		(void) munmap(page, page_size);
+	(void) pthread_atfork(nullptr, nullptr, [] { unwiped.store(0, std::memory_order_relaxed); });
 }
 
 } // namespace
@@ -43,3 +46,8 @@ uint64_t epoch()
 }
 
 } // namespace hatch
+
+uint64_t _meridon_process(void)
+{
+	return hatch::epoch();
+}

@@ -155,7 +155,8 @@ void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, siz
 			return put_aside(hatch, peer, data + sent, size - sent);
 		error = 0;
 	}
-	peer->finished |= error != 0;
+	// What a client that has gone sent before may be there to take back what this call did.
+	peer->finished |= error != 0 && error != EPIPE;
 }
 
 void send_rest(Hatch *hatch, Peer *peer)

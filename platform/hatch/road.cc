@@ -6,10 +6,13 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -73,6 +76,40 @@ int open_socket_file(int directory, const Id &id, Fd *out)
 	return S_ISSOCK(st.st_mode) ? 0 : EBADF;
 }
 
+// The kernel names a connection's maker by the effective user, and the sender of a message by the real one; a server refuses
+// messages of others than the maker, unless that is root. So a thread that has two users connects as the real one, and only
+// if it surely comes back. The system calls are for this thread alone.
+class RealUser {
+public:
+	RealUser()
+	{
+		uid_t real, saved;
+		if (getresuid(&real, &effective_, &saved) == -1 || real == effective_ || effective_ == 0 ||
+		    saved != effective_)
+			return;
+		capabilities_known_ = syscall(SYS_capget, &head_, capabilities_) == 0;
+		changed_ = syscall(SYS_setresuid, -1, real, -1) == 0;
+	}
+	~RealUser()
+	{
+		if (!changed_)
+			return;
+		if (syscall(SYS_setresuid, -1, effective_, -1) == -1)
+			abort(); // not as somebody else
+		if (capabilities_known_)
+			(void) syscall(SYS_capset, &head_, capabilities_); // what it had, it may have
+	}
+	RealUser(const RealUser &) = delete;
+	RealUser &operator=(const RealUser &) = delete;
+
+private:
+	uid_t effective_ = 0;
+	bool changed_ = false;
+	bool capabilities_known_ = false;
+	__user_cap_header_struct head_ = {_LINUX_CAPABILITY_VERSION_3, 0};
+	__user_cap_data_struct capabilities_[_LINUX_CAPABILITY_U32S_3] = {};
+};
+
 int connect_file(int file, int seconds, Fd *out)
 {
 	Fd socket_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | (seconds == not_at_all ? SOCK_NONBLOCK : 0), 0));
@@ -85,6 +122,7 @@ int connect_file(int file, int seconds, Fd *out)
 	struct sockaddr_un address = {};
 	address.sun_family = AF_UNIX;
 	(void) snprintf(address.sun_path, sizeof address.sun_path, "/proc/thread-self/fd/%d", file);
+	const RealUser maker;
 	if (connect(socket_fd.get(), reinterpret_cast<struct sockaddr *>(&address), sizeof address) == -1)
 		return errno;
 	if (seconds == not_at_all && fcntl(socket_fd.get(), F_SETFL, 0) == -1)

@@ -15,7 +15,8 @@ inline constexpr int not_at_all = -1;
 
 // Connects to the server of an attachment that look_at() found behind `fd`. A server that has more connections to accept
 // than fit gives EAGAIN when the time is over.
-// Errors: 0, or an errno value: EINTR, ENOMEM, EMFILE, ENFILE, EAGAIN as they are; anything else on the way is EBADF.
+// Errors: 0, or an errno value: EINTR (of a wait that a signal or a stop ended: try again), ENOMEM, EMFILE, ENFILE, EAGAIN
+//         as they are; anything else on the way is EBADF.
 int connect_road(int fd, const Attachment &attachment, int seconds, Fd *out, pid_t *server);
 
 } // namespace hatch

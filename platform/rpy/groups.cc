@@ -82,12 +82,14 @@ int add_pg(const Top &top, const char *text, const char *type_text, uint32_t fla
 		return fail(RPY_ERROR_INVALID_ARGUMENT);
 	if (pg->handle != top.handle)
 		return fail(RPY_ERROR_HANDLE_MISMATCH);
-	Call call(Op::add_group);
+	Call call(Op::add_group), undo(Op::withdraw_group);
 	put_parent(&call.out, top.kind, top.id);
 	call.out.text(name);
 	call.out.text(type);
 	call.out.u32(flags);
-	if (!call.send(top.handle) || !fill_group(&call, pg))
+	put_parent(&undo.out, top.kind, top.id);
+	undo.out.text(name);
+	if (!call.send_before(top.handle, &undo) || !fill_group(&call, pg))
 		return -1;
 	pg->frozen = false;
 	return 0;
@@ -281,6 +283,18 @@ int rpy_pg_delete(rpy_propertygroup_t *pg)
 		return fail(RPY_ERROR_CONSTRAINT_VIOLATED);
 	Call call(Op::delete_group);
 	call.out.u64(pg->group.id);
+	return call.send(pg->handle) && call.sound() ? 0 : -1;
+}
+
+int _rpy_pg_withdraw(rpy_propertygroup_t *pg)
+{
+	if (!is_set(pg))
+		return -1;
+	if (pg->frozen)
+		return fail(RPY_ERROR_CONSTRAINT_VIOLATED);
+	Call call(Op::withdraw_group);
+	put_parent(&call.out, Parent::group, pg->group.id);
+	call.out.text({});
 	return call.send(pg->handle) && call.sound() ? 0 : -1;
 }
 

@@ -3,14 +3,18 @@
 #include <climits>
 #include <ctime>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <meridon/enclave.h>
 #include <meridon/hatch.h>
 
 #include "base/files.h"
+#include "hatch/call.h"
+#include "hatch/epoch.h"
 #include "rpy/object.h"
 
 namespace rpy {
@@ -20,7 +24,10 @@ constexpr const char *hatch_place = "system/transient/repository_hatch";
 constexpr size_t path_max = 1024;
 constexpr int64_t second_ns = 1'000'000'000;
 
+constexpr int64_t end_ns = 5 * second_ns; // how long a daemon that has given up its hatch may take to end
+
 thread_local rpy_error_t last_error = RPY_ERROR_NONE;
+thread_local bool last_is_open = false;
 
 constexpr struct {
 	rpy_error_t error;
@@ -105,13 +112,6 @@ struct FreshReply {
 	}
 };
 
-// A signal handler that doesn't restart calls leaves open whether the call was carried out; a read is simply asked again.
-bool may_repeat(Op op)
-{
-	return op <= Op::list_snapshots || op == Op::get_group || op == Op::read_group || op == Op::list_groups ||
-	       op == Op::get_snapshot || op == Op::verify || op == Op::backup || op == Op::together;
-}
-
 } // namespace
 
 Block *make_block(size_t size)
@@ -148,6 +148,14 @@ bool copy_text(std::string_view from, Text *to)
 int fail(rpy_error_t error)
 {
 	last_error = error;
+	last_is_open = false;
+	return -1;
+}
+
+int fail_open(rpy_error_t error)
+{
+	(void) fail(error);
+	last_is_open = true;
 	return -1;
 }
 
@@ -198,21 +206,17 @@ size_t listing_max()
 
 rpy_error_t Call::exchange(rpy_handle_t *handle, Budget *budget)
 {
-	uint32_t op;
-	memcpy(&op, out.data() + sizeof(magic), sizeof(op));
+	int seconds;
+	size_t bytes;
+	is_open = false;
+	if (!budget->left(&seconds, &bytes))
+		return bytes > 0 ? RPY_ERROR_CONNECTION_BROKEN : RPY_ERROR_NO_RESOURCES;
 	char room[16384];
-	hatch_arg_t arg;
-	int result;
-	do {
-		int seconds;
-		size_t bytes;
-		if (!budget->left(&seconds, &bytes))
-			return bytes > 0 ? RPY_ERROR_CONNECTION_BROKEN : RPY_ERROR_NO_RESOURCES;
-		arg = {out.data(), out.size(), nullptr, 0, room, sizeof(room)};
-		result = hatch_call_bounded(handle->hatch.get(), &arg, seconds, bytes);
-	} while (result == -1 && errno == EINTR && may_repeat(static_cast<Op>(op)));
+	hatch_arg_t arg = {out.data(), out.size(), nullptr, 0, room, sizeof(room)};
+	const int result = hatch_call_bounded(handle->hatch.get(), &arg, seconds, bytes);
+	is_open = hatch::fate_is_open();
 	if (result == -1)
-		return errno == EINTR ? RPY_ERROR_CONNECTION_BROKEN : call_error(errno);
+		return call_error(errno);
 	FreshReply fresh = {&arg, room};
 	budget->take(arg.data_size);
 	return keep({arg.data_ptr, arg.data_size});
@@ -235,6 +239,7 @@ rpy_error_t Call::take_head()
 	uint32_t error = in.u32();
 	if (!in.ok() || !speaks || error < RPY_ERROR_NONE || error > RPY_ERROR_INTERNAL)
 		return RPY_ERROR_INTERNAL;
+	is_open = false; // the daemon has said what became of it
 	return static_cast<rpy_error_t>(error);
 }
 
@@ -242,7 +247,7 @@ bool Call::take(rpy_error_t error)
 {
 	if (error == RPY_ERROR_NONE)
 		error = take_head();
-	return error == RPY_ERROR_NONE || (fail(error), false);
+	return error == RPY_ERROR_NONE || ((is_open ? fail_open(error) : fail(error)), false);
 }
 
 bool Call::send(rpy_handle_t *handle)
@@ -256,6 +261,18 @@ bool Call::send(rpy_handle_t *handle, Budget *budget)
 	return ready(handle) && take(exchange(handle, budget));
 }
 
+bool Call::send_before(rpy_handle_t *handle, Call *undo)
+{
+	hatch::FollowUp follow_up(undo->out.view());
+	if (send(handle))
+		return true;
+	const rpy_error_t error = last_error;
+	if (!last_is_open)
+		return false;
+	const bool is_undone = !follow_up.was_sent() && undo->send(handle);
+	return (is_undone ? fail(error) : fail_open(error)), false;
+}
+
 bool Call::send_read(rpy_handle_t *handle)
 {
 	return ready(handle) && take(exchange_together(handle, this));
@@ -267,7 +284,7 @@ rpy_error_t find_daemon(const rpy_handle_t *handle)
 		return RPY_ERROR_NOT_BOUND;
 	hatch_info_t info;
 	if (hatch_info(handle->hatch.get(), &info) == -1)
-		return errno == EINTR ? RPY_ERROR_NONE : call_error(errno); // an interrupted look says nothing about it
+		return call_error(errno);
 	return (info.di_attributes & HATCH_REVOKED) != 0 ? RPY_ERROR_CONNECTION_BROKEN : RPY_ERROR_NONE;
 }
 
@@ -386,6 +403,8 @@ int rpy_handle_bind(rpy_handle_t *handle)
 	    hatch_info(hatch.get(), &info) == -1 || (info.di_attributes & HATCH_REVOKED) != 0)
 		return fail(RPY_ERROR_NO_SERVER);
 	handle->hatch = std::move(hatch);
+	handle->daemon = info.di_target;
+	handle->binder = hatch::epoch();
 	return 0;
 }
 
@@ -398,6 +417,32 @@ int rpy_handle_unbind(rpy_handle_t *handle)
 		return fail(RPY_ERROR_NOT_BOUND);
 	hatch_forget(handle->hatch.get());
 	handle->hatch.reset();
+	return 0;
+}
+
+// ---- What became of a change ----
+
+int _rpy_is_open(void)
+{
+	return last_is_open ? 1 : 0;
+}
+
+int _rpy_daemon_has_ended(const rpy_handle_t *handle)
+{
+	// The number says nothing in a child, which may be in another namespace.
+	if (handle == nullptr || !handle->hatch || handle->daemon == 0 || handle->binder != hatch::epoch())
+		return 0;
+	// Who has taken the number since only makes the daemon seem to live.
+	Fd process(static_cast<int>(syscall(SYS_pidfd_open, handle->daemon, 0)));
+	if (!process)
+		return errno == ESRCH ? 1 : 0;
+	struct pollfd ended = {process.get(), POLLIN, 0};
+	constexpr int look_ms = 100;
+	const int64_t end = now_ns() + end_ns;
+	do {
+		if (poll(&ended, 1, look_ms) > 0)
+			return 1;
+	} while (find_daemon(handle) != RPY_ERROR_NONE && now_ns() < end);
 	return 0;
 }
 

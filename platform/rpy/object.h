@@ -68,6 +68,8 @@ bool copy_text(std::string_view from, Text *to);
 // ---- Errors ----
 
 int fail(rpy_error_t error);
+// Of a change that the daemon may carry out all the same.
+int fail_open(rpy_error_t error);
 
 template <typename T>
 T *fail_null(rpy_error_t error)
@@ -110,7 +112,10 @@ public:
 	// Sends what was written. Errors: as rpy_error() says.
 	bool send(rpy_handle_t *handle);
 	bool send(rpy_handle_t *handle, Budget *budget);
-	// The same for a read of one group, which may share a call with those of other threads.
+	// The same for a change that must not come about once it has failed here. If it may all the same, `undo` follows it: over
+	// its own connection, which the daemon serves in order, or, where that has gone, in a call of its own.
+	bool send_before(rpy_handle_t *handle, Call *undo);
+	// The same as send() for a read of one group, which may share a call with those of other threads.
 	bool send_read(rpy_handle_t *handle);
 
 	// The steps of these. Each gives RPY_ERROR_NONE or what is wrong, and leaves rpy_error() alone.
@@ -123,6 +128,7 @@ public:
 	Writer out;
 	Reader in;
 	BlockRef reply;
+	bool is_open = false; // the daemon may carry it out, or have done so, though it failed here
 
 private:
 	bool ready(const rpy_handle_t *handle) const;
@@ -147,6 +153,8 @@ struct rpy_handle {
 	Fd hatch; // none while unbound
 	rpy::Text path;
 	enclaveid_t enclave = ENCLAVE_ID_GLOBAL; // where the path lies; the global one if that isn't known
+	pid_t daemon = 0;                        // who served the hatch when it was bound; 0 if that can't be seen
+	uint64_t binder = 0;                     // and this process then
 	rpy::Together together;
 };
 

@@ -40,6 +40,8 @@ enum class Op : uint32_t {
 	verify,          // -> findings text
 	backup,          // -> the store's bytes
 	together,        // texts, each a get_group or read_group -> the replies, as texts
+	withdraw_group, // parent, name text: the group of that name there, or `parent` itself, goes if nothing was ever committed to
+			// it and to all below
 	count_
 };
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include <meridon/process.h>
 #include <meridon/trail.h>
 
 #include "base/files.h"
@@ -159,13 +160,13 @@ int fail(int error)
 Mutex watch_lock; // held while the watcher runs, so that who takes it back waits for that
 trl_watcher_t *watcher GUARDED_BY(watch_lock);
 void *watch_cookie GUARDED_BY(watch_lock);
-std::atomic<pid_t> watching; // the process that set it, or 0
+std::atomic<uint64_t> watching; // the process that set it, or 0
 
 // A forked child has no watcher: the lock may be held there by a thread that it doesn't have.
 bool is_watched()
 {
-	const pid_t process = watching.load(std::memory_order_relaxed);
-	return process != 0 && process == getpid();
+	const uint64_t process = watching.load(std::memory_order_relaxed);
+	return process != 0 && process == _meridon_process();
 }
 
 void tell_watcher(const Event &event, int status, int retval)
@@ -200,13 +201,13 @@ int open_log(trl_session_data_t *session)
 void trl_watch(trl_watcher_t *new_watcher, void *cookie)
 {
 	CancellationWaits cancellation;
-	const pid_t before = watching.load(std::memory_order_relaxed);
-	if (before != 0 && before != getpid())
+	const uint64_t before = watching.load(std::memory_order_relaxed);
+	if (before != 0 && before != _meridon_process())
 		watch_lock.init();
 	MutexLock lock(watch_lock);
 	watcher = new_watcher;
 	watch_cookie = cookie;
-	watching.store(new_watcher == nullptr ? 0 : getpid(), std::memory_order_relaxed);
+	watching.store(new_watcher == nullptr ? 0 : _meridon_process(), std::memory_order_relaxed);
 }
 
 int trl_start_session(trl_session_data_t **session, const void *imported, unsigned int flags)

@@ -655,12 +655,24 @@ void Database::check_group_rename(const Identifiers &from, const Identifiers &to
 		throw Failure(Exit::invalid, "a group that holds groups can't be renamed").in(label_);
 }
 
+// Somebody made the new object's group between the look for it and its creation: the update is now one of a group that is
+// there. Those who remove it and make it again all the time win in the end.
+template <typename Update>
+static ostrel_error_t past_others(Update update)
+{
+	constexpr int attempts_max = 100;
+	ostrel_error_t result = OSTREL_EXISTS;
+	for (int attempt = 0; attempt < attempts_max && result == OSTREL_EXISTS; attempt++)
+		result = update();
+	return result;
+}
+
 void Database::put(const Object &object)
 {
 	List ids = list(object.id);
 	List props = props_list(object.props);
 	updated_ = true;
-	ostrel_error_t result = ostrel_db_write(db_, ids.get(), 0, props.get());
+	ostrel_error_t result = past_others([&] { return ostrel_db_write(db_, ids.get(), 0, props.get()); });
 	if (result == OSTREL_INVALID_ARG)
 		throw refused(object.id, &object).in(label_);
 	if (result != OSTREL_SUCCESS)
@@ -672,7 +684,7 @@ void Database::rename(const Identifiers &from, const Identifiers &to)
 	List old_list = list(from);
 	List new_list = list(to);
 	updated_ = true;
-	ostrel_error_t result = ostrel_db_rename(db_, old_list.get(), 0, new_list.get());
+	ostrel_error_t result = past_others([&] { return ostrel_db_rename(db_, old_list.get(), 0, new_list.get()); });
 	if (result == OSTREL_INVALID_ARG)
 		throw refused(to).in(label_);
 	if (result != OSTREL_SUCCESS)

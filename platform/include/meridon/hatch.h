@@ -5,6 +5,8 @@
  * Rules that hold for every call below, unless its comment says otherwise:
  *   Errors:  0, or -1 with errno.
  *   Threads: any, any number at once, on one descriptor too. None of them is a cancellation point.
+ *   Signals: no call ends for a signal, whatever its handler says, nor for a stop, a freezer or a debugger: it waits on.
+ *   Users:   a connection is used by the real user and group who made it. After a change of these the next call makes one.
  *   Forks:   a forked child makes connections of its own, and serves none of its parent's hatches: there the
  *            descriptors of those are EBADF. A child that a handler forks is no handler, and ends if it returns from one.
  *   Needs:   /proc, on the client's side.
@@ -160,13 +162,13 @@ int hatch_peercred(peercred_t **cred);
  *          own buffer may have changed.
  * Errors:  EBADF         no hatch, or none any more: not an open descriptor, a plain file, a server that has gone before
  *                        or during the call. Never ENOENT, ENOTDIR, EACCES, EPERM, EEXIST or EINVAL.
- *          EINTR         a signal handler ran that doesn't restart calls. The call may have been carried out or not.
  *          ECONNABORTED  the handler gave no reply
  *          ENOBUFS       fewer bytes than the hatch takes
  *          ENOTSUP       descriptors
  *          EPROTO        the other end doesn't speak as a hatch does
  *          EFAULT        arg is NULL, or data_ptr is NULL and data_size isn't 0
- *          ENOMEM, EMFILE, ENFILE
+ *          ENOMEM        here, or of the server for this request; also when it says so in the middle of it
+ *          EMFILE, ENFILE
  * Limits:  requests and replies of any length that memory allows
  */
 int hatch_call(int hatch, hatch_arg_t *arg);
@@ -174,7 +176,8 @@ int hatch_call(int hatch, hatch_arg_t *arg);
 /*
  * The same for a caller that doesn't trust the server: a call that isn't over after `seconds`, whatever the server does,
  * fails, and one whose reply has more than `reply_max` bytes; each may have been carried out or not. 0 seconds wait without
- * end, 0 bytes are no bound; a negative number is EFAULT.
+ * end, 0 bytes are no bound; a negative number is EFAULT. A process that was stopped for longer than that still gets the
+ * reply that lies there, or comes within a second.
  *
  * Errors:  as hatch_call(), ETIMEDOUT, and EMSGSIZE for a reply that is too long
  */
@@ -189,7 +192,6 @@ int hatch_call_bounded(int hatch, hatch_arg_t *arg, int seconds, size_t reply_ma
  *
  * Errors:  EBADF   not a hatch
  *          EFAULT  info is NULL
- *          EINTR   before the hatch was reached for the first time
  */
 int hatch_info(int hatch, hatch_info_t *info);
 

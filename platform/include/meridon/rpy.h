@@ -12,7 +12,8 @@
  *            needs the daemon fails with
  *            RPY_ERROR_NOT_BOUND          the handle isn't bound
  *            RPY_ERROR_CONNECTION_BROKEN  the daemon that the handle was bound to has gone, or hasn't answered for 60 s;
- *                                         a daemon that came after it is reached by a new bind alone
+ *                                         a daemon that came after it is reached by a new bind alone. A change may be
+ *                                         carried out all the same: _rpy_is_open() tells
  *            RPY_ERROR_INTERNAL           the daemon doesn't speak as one, or couldn't do it
  *            RPY_ERROR_NO_RESOURCES       descriptors have run out, or the answer is larger than any may be: 264 MiB, a
  *                                         listing a sixteenth of the machine's memory
@@ -27,7 +28,10 @@
  *            call, which takes NULL. They must go before their handle. Texts and buffers stay the caller's.
  *   Threads: several threads may use one handle at once, each with objects of its own; an object that nobody fills or
  *            destroys may be read by all. Binding, unbinding and destroying a handle exclude all other use of it.
- *   Forks:   a handle may be used on both sides.
+ *   Signals: none of them makes a call fail or leaves its fate open, whether its handler restarts calls or not; nor does
+ *            a stop, a freezer or a debugger. The wait goes on to the same end; after a stop beyond it, for a second more.
+ *   Forks:   a handle may be used on both sides, also by a child that no handler of pthread_atfork() ran in, or that is
+ *            in another namespace of process ids.
  */
 #ifndef MERIDON_RPY_H
 #define MERIDON_RPY_H
@@ -108,6 +112,13 @@ typedef struct rpy_transaction_entry rpy_transaction_entry_t;
 
 /* Why the last failing call of this thread failed; RPY_ERROR_NONE before any did. */
 rpy_error_t rpy_error(void);
+/* 1 if what that call asked for may be carried out all the same, now or later: it was sent, and no answer came. */
+int _rpy_is_open(void);
+/*
+ * 1 if the daemon that the handle was bound to is known to have ended, so that nothing is carried out any more that it was
+ * asked for. Waits up to 5 s for one that has given up its hatch.
+ */
+int _rpy_daemon_has_ended(const rpy_handle_t *handle);
 
 /* A short text for an error number, also for one that is none. Static; never NULL. */
 const char *rpy_strerror(rpy_error_t error);
@@ -236,6 +247,8 @@ int rpy_pg_get_pg(const rpy_propertygroup_t *parent, const char *name, rpy_prope
 
 /*
  * Create a group, without properties, and fill `pg` with it. `flags` is 0 or RPY_PG_FLAG_TEMPORARY. `pg` may be `parent`.
+ * After a failure the group isn't there, or goes as soon as the daemon has made it; it stays only if the daemon goes away in
+ * between, or if somebody has put something into it.
  * Errors: RPY_ERROR_EXISTS
  *         RPY_ERROR_CONSTRAINT_VIOLATED  a persistent group below a temporary one; anything in a snapshot
  *         RPY_ERROR_DELETED              what it would hang below has gone
@@ -265,6 +278,12 @@ int rpy_pg_update(rpy_propertygroup_t *pg);
 
 /* Deletes a group and the groups below it. Errors: RPY_ERROR_DELETED, RPY_ERROR_CONSTRAINT_VIOLATED in a snapshot */
 int rpy_pg_delete(rpy_propertygroup_t *pg);
+
+/*
+ * The same, but only as long as nothing was ever committed to any of them.
+ * Errors: RPY_ERROR_IN_USE if something was, RPY_ERROR_NOT_FOUND if it has gone; as above
+ */
+int _rpy_pg_withdraw(rpy_propertygroup_t *pg);
 
 /*
  * Set the iterator before the first group directly below the given thing: those that are kept in the order in which they
