@@ -104,15 +104,19 @@ typedef const struct ostrel_db_cmds *ostrel_db_cmds_t;
 
 /*
  * Flat text files, one object a line. The database's name is the path of the file.
- * Takes all operations. An update replaces the file whole, by a rename of the path followed by ".new". It has these results
- * of its own:
+ * Takes all operations. An update replaces the file whole, by a rename of the path followed by ".new". Updates of one file,
+ * by any handles, threads, processes and enclaves, are carried out one after another, with a lock on that temporary file;
+ * programs that change the file in other ways aren't kept out, nor is anybody on a file system without locks. An update has
+ * these results of its own:
+ *          OSTREL_EPERM        also: the temporary file is somebody else's, in a directory that isn't owned by root or the
+ *                              process's user, or that others can write to; its owner would keep the database
  *          OSTREL_INVALID_ARG  a list is NULL; an object of the new file can't be written so that it is read back the
  *                              same: it has no identifiers, a pair that a line can't hold, or too long a text; the
  *                              path, or what is at the temporary one, isn't a plain file
  *          OSTREL_NO_MEMORY    also: no space on the device
- *          OSTREL_FAILURE      the path is a directory; the file was changed in place meanwhile; a read, write or sync
- *                              failed. If that was the sync of the directory, the new file stands, though a crash may
- *                              bring the old one back
+ *          OSTREL_FAILURE      the path is a directory; another update didn't end within 60 s; the file was changed in
+ *                              place meanwhile; a read, write or sync failed. If that was the sync of the directory, the
+ *                              new file stands, though a crash may bring the old one back
  */
 extern ostrel_db_cmds_t ostrel_files_db_cmds;
 

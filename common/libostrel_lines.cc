@@ -497,6 +497,16 @@ ostrel_error_t ostrel_format_line(ostrel_line *line, const char *idstr, attrlist
 	return line->overflow ? OSTREL_INVALID_ARG : OSTREL_SUCCESS;
 }
 
+ostrel_error_t ostrel_format_object(attrlist_t *idlist, attrlist_t *props, ostrel_line *line)
+{
+	char idstr[OSTREL_IDSTR_SIZE];
+	if (ostrel_error_t bad = ostrel_check_identifiers(idlist))
+		return bad;
+	if (ostrel_error_t bad = ostrel_idlist2idstr(idlist, idstr))
+		return bad;
+	return ostrel_format_line(line, idstr, props);
+}
+
 ostrel_error_t ostrel_attrlist2line(FILE *stream, const char *idstr, attrlist_t *props)
 {
 	ostrel_line line;

@@ -78,6 +78,9 @@ ostrel_error_t ostrel_check_identifiers(attrlist_t *idlist);
  */
 ostrel_error_t ostrel_format_line(ostrel_line *line, const char *idstr, attrlist_t *props);
 
+// Formats the line of an object. Errors: OSTREL_INVALID_ARG if it wouldn't be read back as this object.
+ostrel_error_t ostrel_format_object(attrlist_t *idlist, attrlist_t *props, ostrel_line *line);
+
 // Formats a line, prints it and flushes the stream. A failure of the formatting leaves the line unfinished in the
 // stream. Errors: as ostrel_format_line(), and the error of the stream.
 ostrel_error_t ostrel_attrlist2line(FILE *stream, const char *idstr, attrlist_t *props);

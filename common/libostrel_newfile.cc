@@ -7,12 +7,13 @@
 #include <sys/stat.h>
 
 #include "base/directory.h"
+#include "libostrel_zio.h"
 
 static constexpr size_t buffer_size = 131072;
 static constexpr size_t small_buffer_size = 8192;
 
-// The directory of a path, open for a sync. A directory that may be written but not read can't be opened: then it is
-// `stand_in`, a file of the same file system, of which all is synced.
+// The directory of a path, open for a sync. A directory that may be written but not read can't be opened: then all of the
+// file system is synced, through a file of it, if there is one.
 class DirectorySync {
 public:
 	int open(const char *path)
@@ -28,47 +29,16 @@ public:
 		fd_.reset(::open(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 		return fd_ || errno == EACCES ? 0 : errno;
 	}
-	bool needs_stand_in() const { return !fd_; }
-	void stand_in(Fd file)
+	int sync(int stand_in) const
 	{
-		fd_ = std::move(file);
-		whole_ = true;
-	}
-	int sync() const
-	{
-		if (!whole_)
+		if (fd_)
 			return meridon_sync_dir(fd_.get());
-		return syncfs(fd_.get()) == 0 ? 0 : errno;
+		return stand_in < 0 || syncfs(stand_in) == 0 ? 0 : errno;
 	}
 
 private:
 	Fd fd_;
-	bool whole_ = false;
 };
-
-// What the open says of things that aren't regular files: a link, a socket, a device that isn't there.
-static int refusal(int error)
-{
-	return error == ELOOP || error == ENXIO || error == ENODEV ? EINVAL : error;
-}
-
-ostrel_error_t NewFile::open(ostrel_db_t db, const char *path, size_t expected)
-{
-	static constexpr char suffix[] = ".new";
-	size_t length = strlen(path);
-	if (length + sizeof(suffix) > sizeof(temporary_))
-		return SETERROR(OSTREL_INVALID_ARG);
-	memcpy(temporary_, path, length);
-	memcpy(temporary_ + length, suffix, sizeof(suffix));
-	path_ = path;
-	enclave_ = getenclaveid() == 0 ? ostrel_db_get_enclaveid(db) : 0;
-	used_ = 0;
-	room_ = expected < buffer_size - small_buffer_size ? expected + small_buffer_size : buffer_size;
-	buffer_.reset(static_cast<char *>(malloc(room_)));
-	if (!buffer_)
-		return SETERROR(OSTREL_NO_MEMORY);
-	return open_temporary();
-}
 
 // Takes those of the numbers 0, 1 and 2 that the process has closed: a new file that got one of them would get the
 // messages, too, that somebody writes to his standard error meanwhile.
@@ -85,36 +55,75 @@ private:
 	Fd held_[3];
 };
 
-// Without O_TRUNC: what is there is looked at first, and emptied only if it is ours.
-ostrel_error_t NewFile::open_temporary()
+int NewFile::lock(enclaveid_t enclave, const char *path)
 {
-	static constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+	static constexpr char suffix[] = ".new";
+	path_ = path;
+	enclave_ = getenclaveid() == 0 ? enclave : 0;
+	size_t length = strlen(path);
+	if (length + sizeof(suffix) > sizeof(temporary_))
+		return EINVAL;
+	memcpy(temporary_, path, length);
+	memcpy(temporary_ + length, suffix, sizeof(suffix));
 	StandardNumbers taken;
-	int error = 0;
-	if (enclave_ == 0) {
-		fd_.reset(::open(temporary_, flags, 0644));
-		error = errno;
-	} else {
-		fd_.reset(ostrel_zopen(temporary_, flags, 0644, enclave_, &error));
+	return enclave_ == 0 ? lock_.take(temporary_) : ostrel_zlock(temporary_, path, enclave_, &lock_, &database_);
+}
+
+NewFile::~NewFile()
+{
+	if (!begun_ && lock_.is_unused())
+		discard();
+}
+
+void NewFile::discard() const
+{
+	if (lock_.fd() >= 0)
+		(void) (enclave_ == 0 ? unlink(temporary_) : ostrel_zunlink(temporary_, enclave_));
+}
+
+int NewFile::find_database(struct stat *status, bool *exists) const
+{
+	*exists = enclave_ == 0 || database_;
+	if (!*exists || (enclave_ == 0 ? stat(path_, status) : fstat(database_.get(), status)) == 0)
+		return 0;
+	*exists = false;
+	return errno == ENOENT ? 0 : errno;
+}
+
+int NewFile::set_owner_and_mode(const struct stat *like) const
+{
+	static constexpr mode_t permissions = 07777;
+	if (like == nullptr) {
+		const bool keeps = enclave_ != 0 && !lock_.is_unused();
+		return keeps || fchmod(lock_.fd(), 0644) == 0 ? 0 : errno;
 	}
-	if (!fd_)
-		return SETERRNO(refusal(error));
-	struct stat found;
-	if (fstat(fd_.get(), &found) != 0)
-		return SETERRNO(errno);
-	if (!S_ISREG(found.st_mode) || found.st_nlink != 1)
-		return SETERROR(OSTREL_INVALID_ARG);
-	if (found.st_size != 0 && ftruncate(fd_.get(), 0) != 0)
-		return SETERRNO(errno);
-	if (enclave_ == 0 && fchmod(fd_.get(), 0644) != 0)
-		return SETERRNO(errno);
-	return OSTREL_SUCCESS;
+	struct stat now;
+	if (fstat(lock_.fd(), &now) != 0)
+		return errno;
+	if ((now.st_uid != like->st_uid || now.st_gid != like->st_gid) &&
+	    fchown(lock_.fd(), like->st_uid, like->st_gid) != 0)
+		return errno;
+	return fchmod(lock_.fd(), like->st_mode & permissions) == 0 ? 0 : errno;
+}
+
+int NewFile::begin(size_t expected, const struct stat *like)
+{
+	room_ = expected < buffer_size - small_buffer_size ? expected + small_buffer_size : buffer_size;
+	buffer_.reset(static_cast<char *>(malloc(room_)));
+	if (!buffer_)
+		return ENOMEM;
+	if (lock_.found().st_size != 0 && ftruncate(lock_.fd(), 0) != 0)
+		return errno;
+	if (int error = set_owner_and_mode(like))
+		return error;
+	begun_ = true;
+	return 0;
 }
 
 int NewFile::write_all(const char *text, size_t length)
 {
 	while (length > 0) {
-		ssize_t written = write(fd_.get(), text, length);
+		ssize_t written = write(lock_.fd(), text, length);
 		if (written < 0 && errno == EINTR)
 			continue;
 		if (written < 0)
@@ -134,12 +143,12 @@ int NewFile::flush()
 	return error;
 }
 
-ostrel_error_t NewFile::append(const char *text, size_t length)
+int NewFile::append(const char *text, size_t length)
 {
 	while (length > 0) {
 		if (used_ == room_) {
 			if (int error = flush())
-				return SETERRNO(error);
+				return error;
 		}
 		size_t part = length < room_ - used_ ? length : room_ - used_;
 		memcpy(buffer_.get() + used_, text, part);
@@ -147,15 +156,15 @@ ostrel_error_t NewFile::append(const char *text, size_t length)
 		text += part;
 		length -= part;
 	}
-	return OSTREL_SUCCESS;
+	return 0;
 }
 
-ostrel_error_t NewFile::copy(int from, off_t begin, off_t end)
+int NewFile::copy(int from, off_t begin, off_t end)
 {
 	while (begin < end) {
 		if (used_ == room_) {
 			if (int error = flush())
-				return SETERRNO(error);
+				return error;
 		}
 		size_t left = static_cast<size_t>(end - begin);
 		size_t part = left < room_ - used_ ? left : room_ - used_;
@@ -163,53 +172,46 @@ ostrel_error_t NewFile::copy(int from, off_t begin, off_t end)
 		if (got < 0 && errno == EINTR)
 			continue;
 		if (got <= 0)
-			return SETERRNO(got < 0 ? errno : EIO);
+			return got < 0 ? errno : EIO;
 		used_ += static_cast<size_t>(got);
 		begin += got;
 	}
-	return OSTREL_SUCCESS;
+	return 0;
 }
 
 int NewFile::put_in_place()
 {
-	if (enclave_ != 0) {
-		if (close(fd_.release()) != 0)
-			return errno;
+	if (enclave_ != 0)
 		return ostrel_zrename(temporary_, path_, enclave_);
-	}
 	// Opened before the rename, so that what can fail fails while the old file stands.
 	DirectorySync directory;
 	if (int error = directory.open(temporary_))
 		return error;
-	if (directory.needs_stand_in()) {
-		Fd same(fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0));
-		if (!same)
-			return errno;
-		directory.stand_in(std::move(same));
-	}
-	if (close(fd_.release()) != 0)
-		return errno;
 	if (rename(temporary_, path_) != 0)
 		return errno;
-	return directory.sync();
+	return directory.sync(lock_.fd());
 }
 
-ostrel_error_t NewFile::commit()
+// The rename is made under the lock. The close comes after it, and has nothing to tell: all is on the disk.
+int NewFile::commit()
 {
 	if (int error = flush())
-		return SETERRNO(error);
-	if (fsync(fd_.get()) != 0)
-		return SETERRNO(errno);
+		return error;
+	if (fsync(lock_.fd()) != 0)
+		return errno;
 	int error = put_in_place();
-	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
+	lock_.release();
+	return error;
 }
 
-int ostrel_unlink_durably(const char *path)
+int NewFile::remove_database()
 {
+	if (enclave_ != 0)
+		return ostrel_zunlink(path_, enclave_);
 	DirectorySync directory;
-	if (int error = directory.open(path))
+	if (int error = directory.open(path_))
 		return error;
-	if (unlink(path) != 0)
+	if (unlink(path_) != 0)
 		return errno;
-	return directory.needs_stand_in() ? 0 : directory.sync();
+	return directory.sync(lock_.fd());
 }

@@ -1,5 +1,6 @@
 // Flat files: updates. The old file is gone through once, to find what changes and to see that every other line can be
-// written again; then the new file is put together. Lines that are in the writer's form already are copied as they stand,
+// written again; then the updates of the file are locked, and the new file is put together. If the file isn't the same by
+// then, it is gone through once more: under the lock it stays. Lines that are in the writer's form already are copied as they stand,
 // straight from the old file, so an update needs memory for what it writes anew only.
 #include <cassert>
 #include <cerrno>
@@ -15,17 +16,6 @@
 
 // ---- Lines to be written ----
 
-// Formats an object's line. Errors: OSTREL_INVALID_ARG if it wouldn't be read back as this object.
-static ostrel_error_t format_object(attrlist_t *idlist, attrlist_t *props, ostrel_line *line)
-{
-	char idstr[1024];
-	if (ostrel_error_t bad = ostrel_check_identifiers(idlist))
-		return bad;
-	if (ostrel_error_t bad = ostrel_idlist2idstr(idlist, idstr))
-		return bad;
-	return ostrel_format_line(line, idstr, props);
-}
-
 // Bytes that grow.
 class Bytes {
 public:
@@ -36,7 +26,7 @@ public:
 
 	ostrel_error_t append(const void *bytes, size_t length)
 	{
-		if (length > room_ - used_) {
+		if (bytes_ == nullptr || length > room_ - used_) {
 			size_t room = 2 * room_ + length + 256;
 			char *grown = static_cast<char *>(realloc(bytes_, room));
 			if (grown == nullptr)
@@ -72,14 +62,17 @@ public:
 			ostrel_error_t result = ostrel_errno2error(error);
 			return result == OSTREL_NOT_FOUND ? OSTREL_SUCCESS : SETERROR(result);
 		}
-		if (fstat(fd_.get(), &opened_) != 0)
-			return SETERRNO(errno);
-		if (S_ISREG(opened_.st_mode))
-			return OSTREL_SUCCESS;
-		return SETERRNO(S_ISDIR(opened_.st_mode) ? EISDIR : EINVAL);
+		return look();
+	}
+	// As open(), of a file that is open already, or of none.
+	ostrel_error_t adopt(Fd fd)
+	{
+		fd_ = std::move(fd);
+		return fd_ ? look() : OSTREL_SUCCESS;
 	}
 	void close() { fd_.reset(); }
 	bool exists() const { return static_cast<bool>(fd_); }
+	bool is(const struct stat &file) const { return exists() && ostrel_same_file(file, opened_); }
 	size_t size() const { return static_cast<size_t>(opened_.st_size); }
 
 	ostrel_error_t read(LineSelection *lines)
@@ -89,15 +82,16 @@ public:
 	}
 	ostrel_error_t copy(off_t begin, off_t end, NewFile *to) const
 	{
-		if (const char *text = reader_.whole_text())
-			return to->append(text + begin, static_cast<size_t>(end - begin));
-		return to->copy(fd_.get(), begin, end);
+		const char *text = reader_.whole_text();
+		int error = text != nullptr ? to->append(text + begin, static_cast<size_t>(end - begin))
+					    : to->copy(fd_.get(), begin, end);
+		return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 	}
 
 	// Databases are replaced whole. A file that somebody changed in place meanwhile may have been read in two versions.
 	ostrel_error_t check_unchanged() const
 	{
-		if (reader_.whole_text() != nullptr)
+		if (!exists() || reader_.whole_text() != nullptr)
 			return OSTREL_SUCCESS;
 		struct stat now;
 		if (fstat(fd_.get(), &now) != 0)
@@ -108,6 +102,15 @@ public:
 	}
 
 private:
+	ostrel_error_t look()
+	{
+		if (fstat(fd_.get(), &opened_) != 0)
+			return SETERRNO(errno);
+		if (S_ISREG(opened_.st_mode))
+			return OSTREL_SUCCESS;
+		return SETERRNO(S_ISDIR(opened_.st_mode) ? EISDIR : EINVAL);
+	}
+
 	Fd fd_;
 	struct stat opened_ = {};
 	BlockReader reader_{-1, LongLines::Drop};
@@ -158,11 +161,14 @@ ostrel_error_t Plan::carry_out(const OldFile &old_file, NewFile *file) const
 {
 	for (size_t i = 0; i < count(); i++) {
 		const Stretch &stretch = stretches()[i];
-		ostrel_error_t bad = stretch.copied ? old_file.copy(stretch.begin, stretch.end, file)
-						    : file->append(text_.begin() + stretch.begin,
-							  static_cast<size_t>(stretch.end - stretch.begin));
-		if (bad != OSTREL_SUCCESS)
-			return bad;
+		if (stretch.copied) {
+			if (ostrel_error_t bad = old_file.copy(stretch.begin, stretch.end, file))
+				return bad;
+			continue;
+		}
+		size_t length = static_cast<size_t>(stretch.end - stretch.begin);
+		if (int error = file->append(text_.begin() + stretch.begin, length))
+			return SETERRNO(error);
 	}
 	return OSTREL_SUCCESS;
 }
@@ -172,9 +178,12 @@ ostrel_error_t Plan::carry_out(const OldFile &old_file, NewFile *file) const
 // One update; which of the lists are given tells its kind.
 struct Update {
 	ostrel_db_t db;
+	const char *path;
 	attrlist_t *idlist;
 	attrlist_t *newidlist; // of a rename
 	attrlist_t *props;     // of a write
+
+	bool is_write() const { return newidlist == nullptr && props != nullptr; }
 };
 
 // Goes through the old file and makes the plan.
@@ -212,7 +221,7 @@ private:
 ostrel_error_t Planner::write(attrlist_t *idlist, attrlist_t *props)
 {
 	ostrel_line line;
-	ostrel_error_t result = format_object(idlist, props, &line);
+	ostrel_error_t result = ostrel_format_object(idlist, props, &line);
 	if (result == OSTREL_SUCCESS)
 		return plan_->write(line.text, line.length);
 	if (result != OSTREL_INVALID_ARG)
@@ -245,83 +254,128 @@ ostrel_error_t Planner::odd_line(const char *, const char *, attrlist_t *idlist,
 	return OSTREL_SUCCESS;
 }
 
-static ostrel_error_t write_first_object(ostrel_db_t db, const char *path, attrlist_t *idlist, attrlist_t *props)
+// The old file, and the new one as it would be.
+class Draft {
+public:
+	explicit Draft(const Update &update) : update_(update), planner_(update, &plan_) {}
+
+	ostrel_error_t make()
+	{
+		ostrel_error_t bad = old_file_.open(update_.db, update_.path);
+		return bad != OSTREL_SUCCESS ? bad : plan();
+	}
+	ostrel_error_t make(Fd database)
+	{
+		ostrel_error_t bad = old_file_.adopt(std::move(database));
+		return bad != OSTREL_SUCCESS ? bad : plan();
+	}
+	// Whether it was made of this file; or, for NULL, of none.
+	bool is_of(const struct stat *file) const
+	{
+		return file != nullptr ? old_file_.is(*file) : !old_file_.exists();
+	}
+	ostrel_error_t write(NewFile *file);
+
+private:
+	ostrel_error_t plan();
+
+	const Update &update_;
+	OldFile old_file_;
+	Plan plan_;
+	Planner planner_;
+};
+
+// What can be refused is refused here: nothing was touched yet.
+ostrel_error_t Draft::plan()
 {
-	AttrList object;
-	if (ostrel_error_t bad = ostrel_object_create(idlist, props, object.out()))
+	if (old_file_.exists()) {
+		if (ostrel_error_t bad = planner_.read(&old_file_))
+			return bad;
+	}
+	if (!planner_.matched() && !update_.is_write())
+		return planner_.empty() ? SETERROR(OSTREL_NOT_FOUND) : OSTREL_NOT_FOUND;
+	if (!planner_.matched()) {
+		if (ostrel_error_t bad = planner_.write(update_.idlist, update_.props))
+			return bad;
+	}
+	return planner_.writable() ? OSTREL_SUCCESS : SETERROR(OSTREL_INVALID_ARG);
+}
+
+ostrel_error_t Draft::write(NewFile *file)
+{
+	if (int error = file->begin(old_file_.size()))
+		return SETERRNO(error);
+	if (ostrel_error_t bad = plan_.carry_out(old_file_, file))
 		return bad;
-	attrlist_t *objects[] = {object.get()};
-	return ostrel_write_objects_to_file(db, path, objects, 1);
+	if (ostrel_error_t bad = old_file_.check_unchanged())
+		return bad;
+	// A file that is still open when the new one takes its place costs the file system an orphan to look after.
+	old_file_.close();
+	int error = file->commit();
+	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
+}
+
+static ostrel_error_t update_again(const Update &update, NewFile *file)
+{
+	Draft draft(update);
+	Fd database = file->take_database();
+	ostrel_error_t bad = database ? draft.make(std::move(database)) : draft.make();
+	return bad != OSTREL_SUCCESS ? bad : draft.write(file);
 }
 
 ostrel_error_t ostrel_update_object_in_file(
     ostrel_db_t db, attrlist_t *idlist, attrlist_t *newidlist, uint64_t, attrlist_t *props)
 {
+	Update update = {db, ostrel_file_path(db, idlist), idlist, newidlist, props};
 	[[maybe_unused]] bool rename = newidlist != nullptr && props == nullptr;
 	[[maybe_unused]] bool remove = newidlist == nullptr && props == nullptr;
-	bool write = newidlist == nullptr && props != nullptr;
-	assert(rename || remove || write);
-	const char *path = ostrel_file_path(db, idlist);
-	if (path == nullptr)
+	assert(rename || remove || update.is_write());
+	if (update.path == nullptr)
 		return SETERROR(OSTREL_INVALID_ARG);
 
-	OldFile old_file;
-	if (ostrel_error_t bad = old_file.open(db, path))
+	Draft draft(update);
+	if (ostrel_error_t bad = draft.make())
 		return bad;
-	Update update = {db, idlist, newidlist, props};
-	Plan plan;
-	Planner planner(update, &plan);
-	if (old_file.exists()) {
-		if (ostrel_error_t bad = planner.read(&old_file))
-			return bad;
-	}
-	if (!planner.matched() && !write)
-		return OSTREL_NOT_FOUND;
-	if (planner.empty())
-		return write_first_object(db, path, idlist, props);
-	if (!planner.matched()) {
-		if (ostrel_error_t bad = planner.write(idlist, props))
-			return bad;
-	}
-
 	NewFile new_file;
-	if (ostrel_error_t bad = new_file.open(db, path, old_file.size()))
-		return bad;
-	if (!planner.writable())
-		return SETERROR(OSTREL_INVALID_ARG);
-	if (ostrel_error_t bad = plan.carry_out(old_file, &new_file))
-		return bad;
-	if (ostrel_error_t bad = old_file.check_unchanged())
-		return bad;
-	// A file that is still open when the new one takes its place costs the file system an orphan to look after.
-	old_file.close();
-	return new_file.commit();
+	if (int error = new_file.lock(ostrel_db_get_enclaveid(db), update.path))
+		return SETERRNO(error);
+	struct stat now;
+	bool exists = false;
+	if (int error = new_file.find_database(&now, &exists))
+		return SETERRNO(error);
+	return draft.is_of(exists ? &now : nullptr) ? draft.write(&new_file) : update_again(update, &new_file);
 }
 
-static ostrel_error_t write_object(NewFile *file, attrlist_t *object)
+static ostrel_error_t plan_object(Plan *plan, attrlist_t *object)
 {
 	AttrList idlist;
 	AttrList props;
 	if (ostrel_error_t bad = ostrel_object_get(object, idlist.out(), props.out()))
 		return SETERROR(bad);
 	ostrel_line line;
-	if (ostrel_error_t bad = format_object(idlist.get(), props.get(), &line))
+	if (ostrel_error_t bad = ostrel_format_object(idlist.get(), props.get(), &line))
 		return SETERROR(bad);
-	return file->append(line.text, line.length);
+	return plan->write(line.text, line.length);
 }
 
 ostrel_error_t ostrel_write_objects_to_file(ostrel_db_t db, const char *dbname, attrlist_t **objs, uint_t nobjs)
 {
-	NewFile file;
-	if (ostrel_error_t bad = file.open(db, dbname, 0))
-		return bad;
+	Plan plan;
 	for (uint_t i = 0; i < nobjs; i++) {
 		if (objs[i] == nullptr)
 			continue;
-		if (ostrel_error_t bad = write_object(&file, objs[i]))
+		if (ostrel_error_t bad = plan_object(&plan, objs[i]))
 			return bad;
 	}
-	return file.commit();
+	NewFile file;
+	if (int error = file.lock(ostrel_db_get_enclaveid(db), dbname))
+		return SETERRNO(error);
+	if (int error = file.begin(0))
+		return SETERRNO(error);
+	if (ostrel_error_t bad = plan.carry_out(OldFile(), &file))
+		return bad;
+	int error = file.commit();
+	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 }
 
 ostrel_error_t ostrel_write_object_to_file(ostrel_db_t db, attrlist_t *idlist, uint64_t flags, attrlist_t *props)
@@ -347,16 +401,26 @@ ostrel_error_t ostrel_remove_object_from_file(ostrel_db_t db, attrlist_t *idlist
 	return ostrel_update_object_in_file(db, idlist, nullptr, flags, nullptr);
 }
 
+// Under the lock, so that no update that is under way brings the file back. A file that can't be updated, for want of space
+// or because something is in the way, can still be removed.
+static int remove_database(const char *name, enclaveid_t enclave)
+{
+	struct stat status;
+	if (enclave == 0 && lstat(name, &status) != 0)
+		return errno;
+	NewFile lock;
+	if (lock.lock(enclave, name) == ETIMEDOUT)
+		return ETIMEDOUT;
+	return lock.remove_database();
+}
+
 ostrel_error_t ostrel_destroy_db_file(const char *name, enclaveid_t enclave)
 {
 	static constexpr enclaveid_t last_enclave = 9999;
 	enclaveid_t own = getenclaveid();
-	int error = 0;
-	if (enclave > last_enclave || enclave == own)
-		error = ostrel_unlink_durably(name);
-	else if (own != 0)
+	const bool here = enclave > last_enclave || enclave == own;
+	if (!here && own != 0)
 		return SETERROR(OSTREL_INVALID_ARG);
-	else
-		error = ostrel_zunlink(name, enclave);
+	int error = remove_database(name, here ? 0 : enclave);
 	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 }

@@ -308,6 +308,55 @@ FILE *ostrel_zfopen(const char *path, const char *mode, enclaveid_t enclave, int
 	return stream;
 }
 
+/* ---- Locking ---- */
+
+// In the child, which ends with what this gives. Two descriptors are sent: the temporary file, and the database; where there
+// is none, the temporary file once more.
+static int lock_inside(zfarg_t *arg)
+{
+	if (arg->zfarg_inglobalenclave)
+		return 0;
+	const zlock_arg_t &request = arg->zfarg_oparg->zfop_lockarg;
+	FileLock lock;
+	if (int error = lock.take(arg->zfarg_filename, FileLockPlace::OtherEnclave))
+		return error;
+	if (lock.is_unused() && fchown(lock.fd(), OSTREL_ZFILE_UID, OSTREL_ZFILE_GID) == -1)
+		return errno;
+	Fd database;
+	int error = open_existing({request.zlock_database, O_RDONLY, 0, false}, &database);
+	if (error != 0 && error != ENOENT)
+		return error;
+	Fd temporary(lock.give_away());
+	if (int failed = fdpass_send(request.zlock_end, temporary.get()))
+		return failed;
+	return fdpass_send(request.zlock_end, database ? database.get() : temporary.get());
+}
+
+int ostrel_zlock(const char *temporary, const char *database_path, enclaveid_t enclave, FileLock *lock, Fd *database)
+{
+	int ends[2];
+	if (int error = fdpass_pair(ends))
+		return error;
+	Fd receiver(ends[0]), sender(ends[1]);
+	zfoparg_t oparg;
+	oparg.zfop_lockarg = {database_path, ends[1]};
+	if (int error = ostrel_zfop(temporary, enclave, lock_inside, &oparg))
+		return error;
+	int received;
+	if (int error = fdpass_receive(ends[0], &received))
+		return error;
+	lock->adopt(received);
+	if (int error = fdpass_receive(ends[0], &received))
+		return error;
+	database->reset(received);
+	struct stat status;
+	if (fstat(database->get(), &status) == -1)
+		return errno;
+	if (ostrel_same_file(status, lock->found()))
+		database->reset();
+	return 0;
+}
+
 /* ---- Renaming and unlinking ---- */
 
 // Whoever changes a directory makes the change durable. The directory is opened first, so that one that can't be is a

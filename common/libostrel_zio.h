@@ -5,6 +5,8 @@
 
 #include <sys/types.h>
 
+#include "base/guards.h"
+#include "libostrel_filelock.h"
 #include "libostrel_impl.h"
 
 // The owner of a file that is new in an enclave.
@@ -23,9 +25,15 @@ struct zrename_arg_t {
 	const char *zrename_newname;
 };
 
+struct zlock_arg_t {
+	const char *zlock_database;
+	int zlock_end; // what the child sends into
+};
+
 union zfoparg_t {
 	zopen_arg_t zfop_openarg;
 	zrename_arg_t zfop_renamearg;
+	zlock_arg_t zfop_lockarg;
 };
 
 // What a callback is called with. The two truth values are equal where the operation is to be done: in the calling
@@ -70,5 +78,12 @@ int ostrel_zfop(const char *path, enclaveid_t enclave, zfcb_t *cb, zfoparg_t *op
 
 // The same with a pipe for the descriptor that an open gives.
 int ostrel_zopen_impl(const char *path, enclaveid_t enclave, zfcb_t *cb, zfoparg_t *oparg);
+
+/*
+ * Takes the lock of a database's updates in another enclave. A temporary file that is new gets its owner there.
+ * Owns:   *lock is taken; *database is the file as it is then, open for reading, or none if there is none
+ * Errors: as of FileLock::take(), of the open, and of ostrel_zfork()
+ */
+int ostrel_zlock(const char *temporary, const char *database_path, enclaveid_t enclave, FileLock *lock, Fd *database);
 
 #endif

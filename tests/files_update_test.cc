@@ -128,8 +128,11 @@ TEST_F(FilesUpdate, WhatCannotBeWrittenChangesNothing)
 	EXPECT_EQ(write("", "x=int32,1"), OSTREL_INVALID_ARG);
 	AttrList split = ids("");
 	ASSERT_EQ(ostrel_idlist_add(split.get(), "a", "1;b=2"), OSTREL_SUCCESS);
+	EXPECT_FALSE(scratch.has("db.new"));
+	scratch.write("db.new", "untouched");
 	EXPECT_EQ(ostrel_db_rename(db, ids("a=1").get(), 0, split.get()), OSTREL_INVALID_ARG);
 	EXPECT_EQ(text(), old);
+	EXPECT_EQ(file_text(scratch.path("db.new")), "untouched");
 	// A line that was read but can't be written stops every update of its file.
 	std::string long_id = "a=" + std::string(300, 'v') + ";\t\nb=1;\t\n";
 	holds(long_id);
@@ -252,6 +255,35 @@ TEST_F(FilesUpdate, WhatIsNoFileOfItsOwnInTheTemporaryPlaceIsRefusedAndStays)
 		ASSERT_EQ(::remove(temporary.c_str()), 0);
 	}
 	EXPECT_EQ(write("a=1", "x=int32,1"), OSTREL_SUCCESS);
+}
+
+TEST_F(FilesUpdate, AStrangersTemporaryFileIsUsedOnlyWhereNobodyElseCanPutOne)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "needs another user to be";
+	struct Place {
+		mode_t mode;
+		uid_t owner;
+		ostrel_error_t result;
+	};
+	static constexpr Place places[] = {{0755, 0, OSTREL_SUCCESS}, {0755, 65534, OSTREL_EPERM},
+	    {0775, 0, OSTREL_EPERM}, {0757, 0, OSTREL_EPERM}, {01777, 0, OSTREL_EPERM}};
+	std::string temporary = scratch.path("db.new");
+	for (const Place &place : places) {
+		holds("a=1;\t\n");
+		scratch.write("db.new", "theirs");
+		ASSERT_EQ(chown(temporary.c_str(), 65534, 65534), 0);
+		ASSERT_EQ(chown(scratch.directory().c_str(), place.owner, 0), 0);
+		ASSERT_EQ(chmod(scratch.directory().c_str(), place.mode), 0);
+		EXPECT_EQ(write("a=1", "x=int32,1"), place.result) << std::oct << place.mode;
+		bool done = place.result == OSTREL_SUCCESS;
+		EXPECT_EQ(text(), done ? "a=1;\tx=int32,1;\n" : "a=1;\t\n");
+		EXPECT_EQ(done ? "theirs" : file_text(temporary), "theirs");
+		struct stat found;
+		ASSERT_EQ(stat(path.c_str(), &found), 0);
+		EXPECT_EQ(found.st_uid, done ? 65534U : 0U);
+		(void) unlink(path.c_str());
+	}
 }
 
 TEST_F(FilesUpdate, DestroyingKnowsWhichEnclaveItMay)

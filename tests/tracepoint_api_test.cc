@@ -240,6 +240,21 @@ TEST_F(Tracepoints, ARefusedUpdateIsSeenUnlessItIsARemove)
 	EXPECT_EQ(hits[0].probe, "seterror");
 }
 
+// A missing file, and one without objects, are reported; a search in one that has some isn't.
+TEST_F(Tracepoints, AnUpdateOfNothingIsReportedUnlessItSearched)
+{
+	for (const char *text : {"", "# no object\n", "b=1;\t\n"}) {
+		if (*text != '\0')
+			std::ofstream(path_) << text;
+		EXPECT_EQ(ostrel_db_remove(db_, idl_of("a=1").get(), 0), OSTREL_NOT_FOUND);
+		EXPECT_EQ(ostrel_db_rename(db_, idl_of("a=1").get(), 0, idl_of("a=2").get()), OSTREL_NOT_FOUND);
+		int reported = 0;
+		for (const Hit &hit : tracefs_.hits())
+			reported += hit.probe == "seterror";
+		EXPECT_EQ(reported, *text == 'b' ? 0 : 2) << text;
+	}
+}
+
 TEST_F(Tracepoints, ReadsShowWhatTheyFound)
 {
 	ASSERT_EQ(ostrel_db_write(db_, idl_of("a=1;b=x").get(), 0, props_of("p=x").get()), OSTREL_SUCCESS);

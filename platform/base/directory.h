@@ -9,14 +9,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-// Opens the directory that holds the last component of `path`.
+// Opens the directory that holds the last component of `path`, for reading or by O_PATH.
 // Errors: the descriptor, or -1 with errno.
-inline int meridon_open_parent(const char *path)
+inline int meridon_open_parent(const char *path, int access = O_RDONLY)
 {
 	char dir[PATH_MAX];
 	const char *slash = strrchr(path, '/');
 	if (slash == nullptr)
-		return open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+		return open(".", access | O_DIRECTORY | O_CLOEXEC);
 	// The slash stays, so that "/file" gives "/".
 	size_t len = static_cast<size_t>(slash - path) + 1;
 	if (len >= sizeof dir) {
@@ -25,7 +25,7 @@ inline int meridon_open_parent(const char *path)
 	}
 	memcpy(dir, path, len);
 	dir[len] = '\0';
-	return open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+	return open(dir, access | O_DIRECTORY | O_CLOEXEC);
 }
 
 // Makes the entries of a directory durable. A file system that has nothing to sync there isn't an error.

@@ -78,12 +78,13 @@ class ToolTest(unittest.TestCase):
         return result.error()
 
     # What a run prints with its standard output and error on a terminal of that many columns.
-    def on_terminal(self, *words, columns=80, code=0):
+    def on_terminal(self, *words, columns=80, code=0, first=lambda: None):
         leader, follower = pty.openpty()
         fcntl.ioctl(follower, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
         child = subprocess.Popen([OSTREL, *words], stdin=subprocess.DEVNULL, stdout=follower, stderr=follower,
                                  cwd=self.dir, env=self.env)
         os.close(follower)
+        first()
         seen = b""
         try:
             while select.select([leader], [], [], 60)[0]:

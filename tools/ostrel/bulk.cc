@@ -1,8 +1,7 @@
 // Many objects at once. An update through the library rewrites the whole file, so that one update for each object
 // would take time with the square of their number, and would show half of the work if it failed in the middle. So
-// each object's line is made by the library in a scratch file of one object, the lines are put together (a database
-// file is nothing but its objects' lines), and the file is replaced by one rename. A database that another process
-// owns gets one update for each object instead.
+// the objects' lines are put together (a database file is nothing but these), and the file is replaced by one rename. A
+// database that another process owns gets one update for each object instead.
 #include "bulk.h"
 
 #include <algorithm>
@@ -17,7 +16,6 @@
 #include "repository.h"
 #include "scratch.h"
 #include "terminal.h"
-#include "trail.h"
 
 namespace {
 
@@ -30,7 +28,7 @@ void note_signal(int)
 	interrupted = 1;
 }
 
-// For the time of the work a signal ends it between two objects, so that nothing is left in the scratch place.
+// For the time of the work a signal ends it between two objects, with a word on how far it came.
 class SignalGuard {
 public:
 	SignalGuard()
@@ -74,12 +72,6 @@ bool same_props(const std::vector<Property> &a, const std::vector<Property> &b)
 {
 	return std::equal(a.begin(), a.end(), b.begin(), b.end(),
 	    [](const Property &x, const Property &y) { return x.name == y.name && same_value(x, y); });
-}
-
-bool same_objects(const std::vector<Object> &a, const std::vector<Object> &b)
-{
-	return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-	    [](const Object &x, const Object &y) { return x.id == y.id && same_props(x.props, y.props); });
 }
 
 class Plan {
@@ -169,13 +161,6 @@ public:
 
 	bool changes() const { return is_new_ || added + replaced + removed() > 0; }
 	size_t removed() const { return removals().size(); }
-	// The database isn't what it was when the plan was made.
-	bool outdated()
-	{
-		std::optional<std::vector<Object>> now = database_.objects_if_any();
-		return now.has_value() == is_new_ || (now && !same_objects(before_, *now));
-	}
-
 	size_t added = 0, replaced = 0, unchanged = 0;
 
 private:
@@ -300,22 +285,6 @@ void write_singly(Database &database, Plan &plan, Complaints &complaints, const 
 		await_update(database, options, [&] { return database.is_gone(*id); });
 }
 
-void write_file(Database &database, Plan &plan, const std::string &text)
-{
-	if (plan.outdated())
-		throw Failure(Exit::deferred, "the database was changed by somebody else meanwhile; nothing was done")
-		    .in(database.label())
-		    .next("run the command again");
-	try {
-		replace_file(database.name(), database.enclave(), text);
-	} catch (Failure &failure) {
-		record_updates(database.name(), plan.writes(), plan.removals(), failure.code);
-		failure.in(database.label());
-		throw;
-	}
-	record_updates(database.name(), plan.writes(), plan.removals(), Exit::done);
-}
-
 void tell(const Plan &plan, const Complaints &complaints, const Options &options)
 {
 	if (options.json) {
@@ -356,7 +325,7 @@ void Complaints::take(const Failure &failure)
 
 Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints &complaints, const Options &options)
 {
-	database.require_updates(options.replace ? Database::Loss::meant : Database::Loss::refused);
+	begin_update(database, options, options.replace ? Database::Loss::meant : Database::Loss::refused);
 	SignalGuard signals;
 	Plan plan(database, complaints, options.replace);
 	Progress progress("object", objects.size());
@@ -367,10 +336,12 @@ Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints 
 	}
 	bool whole = database.back_end().is_path;
 	std::string text = whole ? plan.text() : "";
+	if (plan.changes())
+		database.check_loss();
 	if (!options.dry_run && plan.changes()) {
 		plan.check_removals();
 		if (whole)
-			write_file(database, plan, text);
+			database.replace(text, plan.writes(), plan.removals());
 		else
 			write_singly(database, plan, complaints, options);
 	}

@@ -2,6 +2,7 @@
 #include "bulk.h"
 #include "command.h"
 #include "database.h"
+#include "lines.h"
 
 namespace {
 
@@ -18,13 +19,14 @@ Exit run(const Options &options)
 {
 	Database from(options.database, enclave_option(options.enclave), options.case_sensitive);
 	Database to(options.other, enclave_option(options.other_enclave), options.case_sensitive);
-	to.require_updates(options.replace ? Database::Loss::meant : Database::Loss::refused);
+	to.require_updates(Database::Loss::meant, Database::Hold::no);
 	Complaints complaints(options.keep_going);
 	std::vector<Incoming> objects;
 	from.walk({}, false, [&](Object &&object) {
 		std::string place = id_text(object.id);
 		objects.push_back({std::move(object), std::move(place)});
 	});
+	tell_unread_lines(from);
 	return write_many(to, std::move(objects), complaints, options);
 }
 

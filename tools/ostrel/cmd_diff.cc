@@ -8,6 +8,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
+#include "lines.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -143,6 +144,8 @@ Exit run(const Options &options)
 	Database one(options.database, enclave_option(options.enclave), options.case_sensitive);
 	Database other(options.other, enclave_option(options.other_enclave), options.case_sensitive);
 	std::vector<Object> before = one.objects(), after = other.objects();
+	tell_unread_lines(one);
+	tell_unread_lines(other);
 	std::vector<Difference> differences = compare(before, after, options.case_sensitive);
 	if (options.json)
 		print_json(differences);

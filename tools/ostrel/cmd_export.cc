@@ -2,6 +2,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
+#include "lines.h"
 
 namespace {
 
@@ -23,6 +24,7 @@ Exit run(const Options &options)
 	if (!document)
 		document.emplace();
 	document->finish();
+	tell_unread_lines(database);
 	return Exit::done;
 }
 

@@ -50,7 +50,7 @@ std::vector<DocumentObject> read_input(const std::string &path, Complaints &comp
 Exit run(const Options &options)
 {
 	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
-	database.require_updates(options.replace ? Database::Loss::meant : Database::Loss::refused);
+	database.require_updates(Database::Loss::meant, Database::Hold::no);
 	Complaints complaints(options.keep_going);
 	std::vector<Incoming> objects;
 	for (DocumentObject &element : read_input(options.other, complaints))

@@ -22,7 +22,7 @@ Exit run(const Options &options)
 	Object object = {parse_identifiers(options.words), parse_properties(options.tail)};
 	if (object.id.empty())
 		throw Failure(Exit::usage, "put needs the identifiers of an object before --");
-	database.require_updates();
+	begin_update(database, options);
 	bool known = database.readable(); // else only the update itself can tell
 	if (!known && options.only_new)
 		throw Failure(Exit::permission, "--new needs the right to read, too").in(database.label());

@@ -57,10 +57,13 @@ Exit run(const Options &options)
 		throw Failure(Exit::usage,
 		    options.all ? "remove --all takes no identifiers" : "remove needs the identifiers of an object")
 		    .next("remove DB ID... removes an object, remove DB --all --yes the whole database");
-	database.require_updates(options.all ? Database::Loss::meant : Database::Loss::refused);
-	if (options.all)
+	if (options.all) {
+		database.require_updates(Database::Loss::meant, Database::Hold::no); // the library holds it itself
 		return remove_all(database, options);
+	}
+	begin_update(database, options);
 	Object object = database.readable() ? database.get_for_update(id) : Object{id, {}};
+	database.check_loss();
 	if (!options.dry_run) {
 		database.remove(id);
 		await_update(database, options, [&] { return database.is_gone(object.id); });

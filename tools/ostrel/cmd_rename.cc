@@ -21,7 +21,7 @@ Exit run(const Options &options)
 	Identifiers from = parse_identifiers(options.words), to = parse_identifiers(options.tail);
 	if (from.empty() || to.empty())
 		throw Failure(Exit::usage, "rename needs the old identifiers before --, and the new ones behind it");
-	database.require_updates();
+	begin_update(database, options);
 	bool known = database.readable();
 	Object object = known ? database.get(from) : Object{from, {}};
 	bool same = identity(from, options.case_sensitive) == identity(to, options.case_sensitive);

@@ -83,7 +83,7 @@ Exit run(const Options &options)
 	std::vector<PropertyWord> words;
 	for (const std::string &text : options.tail)
 		words.push_back(parse_property_word(text));
-	database.require_updates();
+	begin_update(database, options);
 	Object before = database.get(id);
 	Object after = before;
 	for (const PropertyWord &word : words)

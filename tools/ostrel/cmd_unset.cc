@@ -23,7 +23,7 @@ Exit run(const Options &options)
 	Identifiers id = parse_identifiers(options.words);
 	if (id.empty() || options.tail.empty())
 		throw Failure(Exit::usage, "unset needs identifiers before --, and names of properties behind it");
-	database.require_updates();
+	begin_update(database, options);
 	Object object = database.get(id);
 	const Look before = {true, object};
 	for (const std::string &name : options.tail) {

@@ -8,6 +8,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
+#include "lines.h"
 #include "terminal.h"
 #include "text.h"
 #include "word.h"
@@ -229,6 +230,7 @@ Exit run(const Options &options)
 			for (Object &object : objects)
 				keep_chosen(object, options.props);
 			print_objects_table(objects, options);
+			tell_unread_lines(database);
 			return Exit::done;
 		}
 		for (Object &object : objects)
@@ -239,6 +241,7 @@ Exit run(const Options &options)
 			document.emplace();
 		document->finish();
 	}
+	tell_unread_lines(database);
 	return Exit::done;
 }
 

@@ -77,6 +77,7 @@ void declare_update(CLI::App &app, Options &options)
 {
 	declare_dry_run(app, options);
 	app.add_flag("--no-wait", options.no_wait, "Don't wait for a store that puts the update off");
+	app.add_flag("--force", options.force, "Update a file though comments and lines in another form are lost");
 }
 
 int enclave_option(const std::string &text)
@@ -126,6 +127,13 @@ Exit tell_update(const Options &options, const char *done, const Object &object)
 	return Exit::done;
 }
 
+void begin_update(Database &database, const Options &options, Database::Loss loss)
+{
+	if (options.force && loss == Database::Loss::refused)
+		loss = Database::Loss::told;
+	database.require_updates(loss, options.dry_run ? Database::Hold::no : Database::Hold::yes);
+}
+
 void rehearse(Database &database, const Object &object, const Look &before)
 {
 	if (!database.back_end().is_path) {
@@ -141,6 +149,7 @@ void rehearse(Database &database, const Object &object, const Look &before)
 		throw;
 	}
 	warn_of_loss(database, object, maker.stored());
+	database.check_loss();
 }
 
 void warn_of_loss(const Database &database, const Object &wanted, const Object &stored)

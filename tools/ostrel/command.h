@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "database.h"
 #include "failure.h"
 
 // What was given on the command line. Commands use what they declare.
@@ -30,6 +31,7 @@ struct Options {
 	bool replace = false;
 	bool keep_going = false;
 	bool only_new = false;
+	bool force = false;
 	bool write = false;
 	bool no_wait = false;
 	std::string read_auth = "ostrel.read"; // the rights that a server asks for
@@ -67,7 +69,6 @@ void declare_update(CLI::App &app, Options &options);
 
 // ---- What several commands do ----
 
-class Database;
 struct Object;
 
 // The enclave that an option names; the one of this process, if it's empty.
@@ -76,7 +77,9 @@ int enclave_option(const std::string &text);
 void print_object(const Object &object);
 // Prints what an update did, or would do: as JSON if asked for, as a line in a dry run, otherwise not at all.
 Exit tell_update(const Options &options, const char *done, const Object &object);
-struct Look;
+// Checks that the database can be updated, and keeps other updates of a file waiting until this one has ended. Without
+// --force a file's lines stay, unless their loss is meant.
+void begin_update(Database &database, const Options &options, Database::Loss loss = Database::Loss::refused);
 // Checks an update without making it: whether the object can be stored, and whether it comes back as it was given, of which
 // it warns. For a file that is done on a scratch database: a refused update would leave its temporary file beside it.
 void rehearse(Database &database, const Object &object, const Look &before);

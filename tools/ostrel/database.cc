@@ -17,8 +17,10 @@
 
 #include "failure.h"
 #include "hatch.h"
+#include "libostrel_newfile.h"
 #include "scratch.h"
 #include "text.h"
+#include "trail.h"
 #include "update_threads.h"
 
 namespace {
@@ -148,7 +150,8 @@ std::string shell_words(const Identifiers &id)
 } // namespace
 
 Database::Database(const std::string &name, enclaveid_t enclave, bool case_sensitive)
-    : label_(name), name_(name), back_(&back_ends[0]), enclave_(enclave), case_sensitive_(case_sensitive)
+    : label_(name), name_(name), back_(&back_ends[0]), enclave_(enclave), case_sensitive_(case_sensitive),
+      held_(std::make_unique<NewFile>())
 {
 	size_t colon = name.find(':');
 	const BackEnd *prefixed =
@@ -570,17 +573,32 @@ bool Database::readable()
 	return *readable_;
 }
 
-void Database::require_updates(Loss loss)
+void Database::require_updates(Loss loss, Hold hold)
 {
 	if (!back_->updates)
 		throw Failure(Exit::unsupported, fmt::format("{}: databases are read only", back_->prefix)).in(label_);
 	if (back_->served && !allowed(true))
 		fail(OSTREL_EPERM, "can't be updated");
-	if (!here()) {
-		if (back_->is_path && loss == Loss::refused)
-			refuse_lost_lines(*this);
+	if (here())
+		require_regular_file();
+	if (!back_->is_path)
 		return;
-	}
+	// Why it can't be held is said when there is something to be written.
+	if (hold == Hold::yes)
+		hold_error_ = held_->lock(enclave_, name_.c_str());
+	if (hold == Hold::yes && hold_error_ == 0)
+		hold_error_ = held_->find_database(&seen_, &exists_);
+	loss_ = loss;
+}
+
+void Database::check_loss() const
+{
+	if (back_->is_path && loss_ != Loss::meant)
+		look_for_lost_lines(*this, loss_ == Loss::told);
+}
+
+void Database::require_regular_file() const
+{
 	struct stat status;
 	if (const char *kind = stat(name_.c_str(), &status) == 0 ? odd_kind(status) : nullptr)
 		throw Failure(Exit::invalid, fmt::format("is {}, which can't be updated", kind))
@@ -591,8 +609,6 @@ void Database::require_updates(Loss loss)
 		    fmt::format("is a link to {}: an update would replace the link, not that file", *target))
 		    .in(label_)
 		    .next("give the path of the file itself");
-	if (loss == Loss::refused)
-		refuse_lost_lines(*this);
 }
 
 // What the library refuses though the object itself can be stored.
@@ -609,16 +625,96 @@ Failure Database::refused(const Identifiers &id, const Object *object)
 		}
 		return {Exit::invalid, "the server refuses it: the store that it serves can't hold this"};
 	}
-	std::string temporary = name_ + ".new";
-	struct stat status;
-	if (temporary.size() > OSTREL_DB_NAME_MAX)
-		return {Exit::invalid, "the path is too long for the name of a temporary file beside it"};
-	if (here() && lstat(temporary.c_str(), &status) == 0 && (!S_ISREG(status.st_mode) || status.st_nlink != 1))
-		return Failure(Exit::invalid, fmt::format("{} is in the way: it isn't a plain file", temporary))
-		    .next("move it away: updates are made under this name");
-	return Failure(Exit::invalid, "another object of the database can't be written back")
-	    .next(fmt::format("ostrel check {} tells which lines are damaged", label_));
+	return {Exit::invalid, "it can't be stored"}; // a file's own refusals come before
 }
+
+// ---- Files ----
+
+// Why the temporary file beside the database keeps every update from being made.
+void Database::fail_replace(int error)
+{
+	const std::string temporary = name_ + ".new";
+	struct stat status;
+	const bool found = here() && lstat(temporary.c_str(), &status) == 0;
+	if (temporary.size() > OSTREL_DB_NAME_MAX)
+		throw Failure(Exit::invalid, "the path is too long for the name of a temporary file beside it");
+	if (error == ETIMEDOUT)
+		throw Failure(Exit::deferred, fmt::format("another update holds {}", temporary))
+		    .next("run the command again; lslocks -u shows who holds it");
+	if (found && (!S_ISREG(status.st_mode) || status.st_nlink != 1))
+		throw Failure(Exit::invalid, fmt::format("{} is in the way: it isn't a plain file", temporary))
+		    .next("move it away: updates are made under this name");
+	if (found && error == EACCES && status.st_uid != geteuid())
+		throw Failure(
+		    Exit::permission, fmt::format("{} belongs to user {}, who would keep a hold of the database",
+					  temporary, status.st_uid))
+		    .next("remove it, if no update runs, and look at who may write to the directory");
+	fail(ostrel_errno2error(error), "can't be written");
+}
+
+void Database::replace_held(const std::string &content)
+{
+	struct stat now;
+	bool exists = false;
+	int error = hold_error_;
+	if (error == 0)
+		error = held_->find_database(&now, &exists);
+	if (error != 0)
+		fail_replace(error);
+	// A program that replaces the file in another way isn't kept out.
+	if (exists != exists_ || (exists && (!ostrel_same_file(now, seen_) || now.st_size != seen_.st_size)))
+		throw Failure(Exit::deferred, "the database was changed by somebody else meanwhile; nothing was done")
+		    .next("run the command again");
+	error = held_->begin(content.size(), exists ? &now : nullptr);
+	if (error == EPERM && exists)
+		throw Failure(Exit::permission,
+		    fmt::format("the file belongs to user {}, group {}, and an update by this user would change that",
+			now.st_uid, now.st_gid))
+		    .next("let its owner, or root, make the update");
+	if (error == 0)
+		error = held_->append(content.data(), content.size());
+	if (error == 0)
+		error = held_->commit();
+	if (error == 0)
+		return;
+	held_->discard();
+	fail_replace(error);
+}
+
+void Database::replace(const std::string &content, const std::vector<const Object *> &writes,
+    const std::vector<const Identifiers *> &removals)
+{
+	try {
+		replace_held(content);
+	} catch (Failure &failure) {
+		record_updates(name_, writes, removals, failure.code);
+		failure.in(label_);
+		throw;
+	}
+	record_updates(name_, writes, removals, Exit::done);
+}
+
+std::string Database::changed_text(const Change &change, const Object *written)
+{
+	std::vector<Object> all = objects_if_any().value_or(std::vector<Object>());
+	change(all);
+	LineMaker maker;
+	std::string text;
+	for (const Object &object : all) {
+		try {
+			text += maker.line(object);
+		} catch (const Failure &failure) {
+			if (failure.code != Exit::invalid || (written != nullptr && object.id == written->id))
+				throw;
+			throw Failure(Exit::invalid, "another object of the database can't be written back")
+			    .in(label_)
+			    .next(fmt::format("ostrel check {} tells which lines are damaged", label_));
+		}
+	}
+	return text;
+}
+
+// ---- Updates ----
 
 void Database::check_group(const Object &object, const Look &before)
 {
@@ -669,6 +765,20 @@ static ostrel_error_t past_others(Update update)
 
 void Database::put(const Object &object)
 {
+	if (back_->is_path) {
+		auto change = [&](std::vector<Object> &all) {
+			bool found = false;
+			for (Object &stored : all) {
+				if (!is_same(stored.id, object.id))
+					continue;
+				stored.props = object.props;
+				found = true;
+			}
+			if (!found)
+				all.push_back(object);
+		};
+		return replace(changed_text(change, &object), {&object}, {});
+	}
 	List ids = list(object.id);
 	List props = props_list(object.props);
 	updated_ = true;
@@ -681,6 +791,15 @@ void Database::put(const Object &object)
 
 void Database::rename(const Identifiers &from, const Identifiers &to)
 {
+	if (back_->is_path) {
+		auto change = [&](std::vector<Object> &all) {
+			for (Object &stored : all)
+				if (is_same(stored.id, from))
+					stored.id = to;
+		};
+		const Object renamed = {from, {}};
+		return replace(changed_text(change, nullptr), {&renamed}, {});
+	}
 	List old_list = list(from);
 	List new_list = list(to);
 	updated_ = true;
@@ -693,6 +812,12 @@ void Database::rename(const Identifiers &from, const Identifiers &to)
 
 void Database::remove(const Identifiers &id)
 {
+	if (back_->is_path) {
+		auto change = [&](std::vector<Object> &all) {
+			std::erase_if(all, [&](const Object &stored) { return is_same(stored.id, id); });
+		};
+		return replace(changed_text(change, nullptr), {}, {&id});
+	}
 	List ids = list(id);
 	updated_ = true;
 	ostrel_error_t result = ostrel_db_remove(db_, ids.get(), 0);

@@ -3,8 +3,10 @@
 #define OSTREL_TOOL_DATABASE_H
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include <libostrel.h>
@@ -12,6 +14,8 @@
 #include "failure.h"
 #include "object.h"
 #include "repository.h"
+
+class NewFile; // the library's
 
 // A kind of store.
 struct BackEnd {
@@ -66,14 +70,23 @@ public:
 	// The same for reading; asked once.
 	bool readable();
 	// Throws Failure unless the store can be updated, by this caller, and without loss. To empty a file is no loss.
-	enum class Loss { refused, meant };
-	void require_updates(Loss loss = Loss::refused);
+	// Loss::told is one that is said and accepted; check_loss() looks for it. With Hold::yes no other update of a file is made from here to the
+	// end of this handle, by whichever program.
+	enum class Loss { refused, told, meant };
+	enum class Hold { no, yes };
+	void require_updates(Loss loss, Hold hold);
+	// Says what an update of a file would lose. Throws Failure if that isn't accepted.
+	void check_loss() const;
 	void put(const Object &object);
 	void rename(const Identifiers &from, const Identifiers &to);
 	void remove(const Identifiers &id);
 	void destroy();
 	// Updates that haven't landed are given up: the end doesn't wait for them.
 	void give_up() { given_up_ = true; }
+	// Puts a file with this content in the place of one that is held, whole or not at all, durably; mode and owner stay.
+	// Leaves the audit records of these updates. Throws Failure.
+	void replace(const std::string &content, const std::vector<const Object *> &writes,
+	    const std::vector<const Identifiers *> &removals);
 	// As objects(), or nothing if the database isn't there yet.
 	std::optional<std::vector<Object>> objects_if_any(const Identifiers &id = {}, bool exact = false);
 
@@ -89,12 +102,22 @@ public:
 
 private:
 	void require_selection() const;
+	void require_regular_file() const;
 	List list(const Identifiers &id);
+	bool is_same(const Identifiers &a, const Identifiers &b) const
+	{
+		return identity(a, case_sensitive_) == identity(b, case_sensitive_);
+	}
 	bool is_group(const Identifiers &id) { return back_->repository || (names_groups(id) && holds_groups()); }
 	bool is_unreadable(ostrel_error_t result, const Identifiers &id);
 	Failure unreadable(const Identifiers &id) const;
 	std::optional<std::vector<std::string>> group_names(const Identifiers &id = {}) const;
 	ostrel_error_t read(const Identifiers &id, std::optional<Object> *object);
+	// Brings back the file with changed objects.
+	using Change = std::function<void(std::vector<Object> &)>;
+	std::string changed_text(const Change &change, const Object *written);
+	void replace_held(const std::string &content);
+	[[noreturn]] void fail_replace(int error);
 	Failure refused(const Identifiers &id, const Object *object = nullptr);
 	[[noreturn]] void fail(ostrel_error_t result, const std::string &what);
 	void fail_repository(ostrel_error_t result, const std::string &what);
@@ -114,6 +137,11 @@ private:
 	std::optional<bool> readable_;
 	std::optional<bool> holds_groups_;
 	bool chose_level_ = false;
+	std::unique_ptr<NewFile> held_; // of a file that is to be updated
+	int hold_error_ = 0;
+	struct stat seen_ = {}; // the file when it was held
+	bool exists_ = false;
+	Loss loss_ = Loss::refused;
 	bool updated_ = false;
 	bool given_up_ = false;
 };

@@ -6,9 +6,11 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -129,25 +131,86 @@ private:
 	Line line_ = {1, {}, 0, false};
 };
 
-// Whether the library reads the whole of a line, or it's one that holds nothing.
-bool is_kept(const Line &line)
+// What an update makes of a line.
+enum class Fate { kept, dropped, unread, rewritten };
+
+Fate fate_of(const Line &line)
 {
 	std::string_view bytes = line.bytes;
 	if (line.length > OSTREL_LINE_MAX || line.has_nul)
-		return false;
+		return Fate::unread;
 	if (!bytes.empty() && bytes.back() == '\n')
 		bytes.remove_suffix(1);
+	const std::string_view whole = bytes;
 	while (!bytes.empty() && ostrel_line_space(bytes[0]))
 		bytes.remove_prefix(1);
 	if (bytes.empty() || bytes[0] == '#')
-		return true;
+		return Fate::dropped;
 	std::string copy(bytes);
 	attrlist_t *id = nullptr, *props = nullptr;
 	ostrel_error_t result = ostrel_line2attrlist(copy.data(), &id, &props);
 	List owned_id(id), owned_props(props);
 	if (result == OSTREL_NO_MEMORY)
 		throw std::bad_alloc();
-	return result == OSTREL_SUCCESS;
+	if (result != OSTREL_SUCCESS)
+		return Fate::unread;
+	ostrel_line again;
+	if (ostrel_format_object(id, props, &again) != OSTREL_SUCCESS)
+		return Fate::kept; // it keeps every update from being made
+	return whole == std::string_view(again.text, again.length - 1) ? Fate::kept : Fate::rewritten;
+}
+
+struct Fates {
+	size_t dropped = 0, unread = 0, rewritten = 0;
+	size_t first = 0; // line that isn't kept
+	size_t first_unread = 0;
+
+	void add(const Line &line)
+	{
+		const Fate fate = fate_of(line);
+		if (fate == Fate::kept)
+			return;
+		if (first == 0)
+			first = line.number;
+		if (fate == Fate::unread && unread++ == 0)
+			first_unread = line.number;
+		dropped += fate == Fate::dropped;
+		rewritten += fate == Fate::rewritten;
+	}
+};
+
+// What can't be read at all isn't updated either, and whoever reads or updates it says why.
+std::optional<Fates> fates_of_lines(const Database &database)
+{
+	Fates fates;
+	try {
+		each_line(database, [&](const Line &line) { fates.add(line); });
+	} catch (const Failure &) {
+		return std::nullopt;
+	}
+	return fates;
+}
+
+std::string lines_text(size_t count)
+{
+	return count == 1 ? "1 line" : fmt::format("{} lines", count);
+}
+
+// Such as "drop 2 comments or empty lines and rewrite 1 line".
+std::string loss_text(const Fates &fates)
+{
+	std::vector<std::string> parts;
+	if (fates.unread > 0)
+		parts.push_back(fmt::format("drop {} that can't be read", lines_text(fates.unread)));
+	if (fates.dropped > 0)
+		parts.push_back(fmt::format("drop {} {}", fates.dropped,
+		    fates.dropped == 1 ? "comment or empty line" : "comments or empty lines"));
+	if (fates.rewritten > 0)
+		parts.push_back(fmt::format("rewrite {}", lines_text(fates.rewritten)));
+	std::string text = parts[0];
+	for (size_t i = 1; i < parts.size(); i++)
+		text += (i + 1 < parts.size() ? ", " : " and ") + parts[i];
+	return text;
 }
 
 } // namespace
@@ -180,24 +243,34 @@ void each_line(const Database &database, const std::function<void(const Line &li
 		visit(line.finish());
 }
 
-void refuse_lost_lines(const Database &database)
+void look_for_lost_lines(const Database &database, bool accepted)
 {
-	size_t first = 0, count = 0;
-	try {
-		each_line(database, [&](const Line &line) {
-			if (is_kept(line))
-				return;
-			first = count++ == 0 ? line.number : first;
-		});
-	} catch (const Failure &) {
-		return; // what can't be read isn't updated either, and the update itself says why
+	const std::optional<Fates> fates = fates_of_lines(database);
+	if (!fates || fates->first == 0)
+		return;
+	if (accepted) {
+		warn(Failure(Exit::done, fmt::format("the update will {}", loss_text(*fates))).in(database.label()));
+		return;
 	}
-	if (count > 0)
-		throw Failure(Exit::invalid,
-		    fmt::format("{} can't be read, and an update would drop {}",
-			count == 1 ? "a line" : fmt::format("{} lines", count), count == 1 ? "it" : "them"))
-		    .in(database.label())
-		    .on_line(first)
-		    .next(fmt::format(
-			"'ostrel check {}' tells what is wrong; mend the lines or take them out", database.label()));
+	throw Failure(Exit::invalid, fmt::format("an update would {}", loss_text(*fates)))
+	    .in(database.label())
+	    .on_line(fates->unread > 0 ? fates->first_unread : fates->first)
+	    .next(fates->unread > 0
+		      ? fmt::format("'ostrel check {}' tells what is wrong; mend the lines, or lose them with --force",
+			    database.label())
+		      : std::string("--force updates the file all the same"));
+}
+
+void tell_unread_lines(const Database &database)
+{
+	struct stat status;
+	const bool flat = database.back_end().is_path && database.back_end().updates;
+	if (!flat || (database.here() && (stat(database.name().c_str(), &status) != 0 || !S_ISREG(status.st_mode))))
+		return;
+	const std::optional<Fates> fates = fates_of_lines(database);
+	if (fates && fates->unread > 0)
+		warn(Failure(Exit::done, fmt::format("{} can't be read", lines_text(fates->unread)))
+			 .in(database.label())
+			 .on_line(fates->first_unread)
+			 .next(fmt::format("'ostrel check {}' tells what is wrong", database.label())));
 }

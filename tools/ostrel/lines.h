@@ -19,7 +19,11 @@ struct Line {
 // a device that doesn't end within the first block, as the library does.
 void each_line(const Database &database, const std::function<void(const Line &line)> &visit);
 
-// Throws Failure if an update would drop a line, or a part of one: the library writes back what it could read.
-void refuse_lost_lines(const Database &database);
+// Looks for lines that an update would drop or rewrite: the library writes back what it could read, in a form of its own.
+// Says how many, as a warning if that is accepted, else as the Failure that it throws.
+void look_for_lost_lines(const Database &database, bool accepted);
+
+// Warns of lines that can't be read, and are missing from what is shown. Reads a regular file once more; no other is.
+void tell_unread_lines(const Database &database);
 
 #endif

@@ -1,0 +1,172 @@
+// The lock of a database file's updates: an open-file-description lock on its temporary file. Whoever had it before has
+// renamed that file over the database, or left it where it is; so a lock counts only if the path still leads to the file.
+#include "libostrel_filelock.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+#include "base/directory.h"
+#include "base/guards.h"
+#include "libostrel_zio.h"
+
+// A new file is its owner's alone until it is locked: who may read a file may lock it, too, and hold up everybody. The
+// sticky bit, which means nothing for a file, marks one that was never used.
+static constexpr mode_t unused_mode = S_ISVTX | 0600;
+
+static constexpr int64_t second = 1000000000;
+
+static int64_t now()
+{
+	struct timespec time;
+	(void) clock_gettime(CLOCK_MONOTONIC, &time); // can't fail with this clock
+	return time.tv_sec * second + time.tv_nsec;
+}
+
+// Waits that grow from 50 us to 4 ms, with a share of chance, so that those who wait don't go in step.
+class Patience {
+public:
+	// False once 60 s have gone by.
+	bool lasts()
+	{
+		if (begin_ == 0)
+			begin_ = now();
+		return now() - begin_ < 60 * second;
+	}
+	bool wait()
+	{
+		if (!lasts())
+			return false;
+		struct timespec pause = {0, static_cast<long>(delay_ / 2 + now() % delay_)};
+		(void) nanosleep(&pause, nullptr); // a signal cuts it short
+		delay_ = delay_ < 2000000 ? 2 * delay_ : 4000000;
+		return true;
+	}
+	// Of a file that can't be opened: whether its owner has changed anything within the last second.
+	bool sees_change(const struct stat &file)
+	{
+		if (file.st_ino != seen_.st_ino || file.st_ctim.tv_sec != seen_.st_ctim.tv_sec ||
+		    file.st_ctim.tv_nsec != seen_.st_ctim.tv_nsec) {
+			seen_ = file;
+			since_ = now();
+		}
+		return now() - since_ < second;
+	}
+
+private:
+	int64_t begin_ = 0;
+	int64_t delay_ = 50000;
+	struct stat seen_ = {};
+	int64_t since_ = 0;
+};
+
+int FileLock::give_away()
+{
+	return std::exchange(fd_, -1);
+}
+
+void FileLock::adopt(int fd)
+{
+	release();
+	fd_ = fd;
+	(void) fstat(fd, &found_); // of an open file
+}
+
+static int set_lock(int fd, short type)
+{
+	struct flock lock = {};
+	lock.l_type = type;
+	lock.l_whence = SEEK_SET;
+	return fcntl(fd, F_OFD_SETLK, &lock) == 0 ? 0 : errno;
+}
+
+void FileLock::release()
+{
+	if (fd_ < 0)
+		return;
+	(void) set_lock(fd_, F_UNLCK);
+	(void) close(fd_); // what was written was synced
+	fd_ = -1;
+}
+
+// In the usual case it isn't there. What is there is looked at before it is opened: the open alone may act on a device.
+int FileLock::open_or_make(const char *path)
+{
+	static constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+	found_ = {};
+	fd_ = open(path, flags | O_CREAT | O_EXCL, unused_mode);
+	if (fd_ >= 0 || errno != EEXIST)
+		return fd_ >= 0 ? 0 : errno;
+	if (lstat(path, &found_) != 0)
+		return errno == ENOENT ? ESTALE : errno;
+	if (!S_ISREG(found_.st_mode))
+		return S_ISDIR(found_.st_mode) ? EISDIR : EINVAL;
+	fd_ = open(path, flags);
+	if (fd_ >= 0)
+		return 0;
+	return errno == ENOENT ? ESTALE : errno == ELOOP || errno == ENXIO || errno == ENODEV ? EINVAL : errno;
+}
+
+// EAGAIN: somebody else has it.
+int FileLock::try_to_lock() const
+{
+	int error = set_lock(fd_, F_WRLCK);
+	return error == EAGAIN || error == EACCES || error == EINTR ? EAGAIN : 0;
+}
+
+// ESTALE: the path leads to another file by now, or to none.
+int FileLock::look(const char *path)
+{
+	struct stat there;
+	if (fstat(fd_, &found_) != 0)
+		return errno;
+	if (lstat(path, &there) != 0)
+		return errno == ENOENT ? ESTALE : errno;
+	return ostrel_same_file(there, found_) ? 0 : ESTALE;
+}
+
+// A file of somebody else keeps its owner, who may then write to the database. It is used where only those could put it
+// there whose word counts anyway.
+int FileLock::check(const char *path, FileLockPlace place) const
+{
+	if (!S_ISREG(found_.st_mode) || found_.st_nlink != 1)
+		return EINVAL;
+	const uid_t system = place == FileLockPlace::OtherEnclave ? OSTREL_ZFILE_UID : 0;
+	const uid_t self = geteuid();
+	if (found_.st_uid == self || (found_.st_uid == system && system != 0))
+		return 0;
+	Fd directory(meridon_open_parent(path, O_PATH));
+	struct stat status;
+	if (!directory || fstat(directory.get(), &status) != 0)
+		return errno;
+	const bool trusted = status.st_uid == 0 || status.st_uid == self || status.st_uid == system;
+	return trusted && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 ? 0 : EACCES;
+}
+
+int FileLock::take(const char *path, FileLockPlace place)
+{
+	for (Patience patience;;) {
+		release();
+		int error = open_or_make(path);
+		const bool forbidden = fd_ < 0 && error == EACCES;
+		while (error == 0) {
+			const bool held = try_to_lock() == EAGAIN;
+			error = look(path);
+			if (error != 0 || !held)
+				break;
+			if (!patience.wait())
+				return ETIMEDOUT;
+		}
+		if (error == 0)
+			return check(path, place);
+		if (forbidden && S_ISREG(found_.st_mode) && patience.sees_change(found_) && patience.wait())
+			continue;
+		if (error != ESTALE)
+			return error;
+		if (!patience.lasts())
+			return ETIMEDOUT;
+	}
+}
