@@ -224,13 +224,14 @@ int _enclave_hold(enclaveid_t id, int seconds)
 		error = enclave_open_locks(dir.get(), &locks);
 	if (error != 0)
 		return fail_with(error == ENOENT || error == ENOTDIR ? EINVAL : error == EACCES ? EPERM : error);
-	const timespec pause = {0, 20'000'000};
 	for (int turns = seconds * 50;; turns--) {
 		error = enclave_lock(locks.get(), id, F_OFD_SETLK);
 		if (error == 0)
 			return locks.release();
 		if (error != EAGAIN || turns <= 0)
 			return fail_with(error);
-		(void) nanosleep(&pause, nullptr);
+		timespec pause = {0, 20'000'000};
+		while (nanosleep(&pause, &pause) == -1 && errno == EINTR) {
+		}
 	}
 }
