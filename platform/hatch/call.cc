@@ -278,15 +278,15 @@ constexpr int attempts_max = 20;
 int begin_call(
     int fd, const Attachment &attachment, const hatch_arg_t &arg, Deadline &deadline, Connection **out, size_t *sent)
 {
-	const Ids ids = Ids::own();
+	const uid_t user = getuid();
 	int error = EBADF;
 	for (int attempt = 0; attempt < attempts_max;) {
-		*out = take_connection(attachment, ids);
+		*out = take_connection(attachment, user);
 		if (*out == nullptr) {
 			attempt++;
 			int no_road = EINTR, seconds;
 			while (no_road == EINTR && deadline.left(&seconds))
-				no_road = make_connection(fd, attachment, ids, seconds, out);
+				no_road = make_connection(fd, attachment, user, seconds, out);
 			if (no_road != 0)
 				return no_road == EAGAIN || no_road == EINTR ? ETIMEDOUT : no_road;
 		}
@@ -336,7 +336,7 @@ int find_server(int fd, const Attachment &attachment, pid_t *server)
 	if (known_server(attachment, server))
 		return 0;
 	Connection *connection;
-	int error = make_connection(fd, attachment, Ids::own(), not_at_all, &connection);
+	int error = make_connection(fd, attachment, getuid(), not_at_all, &connection);
 	if (error != 0) // a server that can't be asked now is there all the same
 		return error == EBADF ? error : 0;
 	keep_connection(connection);

@@ -143,7 +143,7 @@ void drop_hung_up() REQUIRES(table_lock)
 
 } // namespace
 
-Connection *take_connection(const Attachment &attachment, const Ids &ids)
+Connection *take_connection(const Attachment &attachment, uid_t user)
 {
 	watch_forks();
 	MutexLock hold(table_lock);
@@ -152,7 +152,7 @@ Connection *take_connection(const Attachment &attachment, const Ids &ids)
 		if (own.idle[i]->attachment != attachment)
 			continue;
 		Connection *connection = remove_idle(i);
-		if (connection->ids == ids) {
+		if (connection->user == user) {
 			link_used(connection);
 			return connection;
 		}
@@ -161,7 +161,7 @@ Connection *take_connection(const Attachment &attachment, const Ids &ids)
 	return nullptr;
 }
 
-int make_connection(int fd, const Attachment &attachment, const Ids &ids, int seconds, Connection **out)
+int make_connection(int fd, const Attachment &attachment, uid_t user, int seconds, Connection **out)
 {
 	auto *connection = new (std::nothrow) Connection{};
 	if (connection == nullptr)
@@ -173,7 +173,7 @@ int make_connection(int fd, const Attachment &attachment, const Ids &ids, int se
 		return error;
 	}
 	connection->attachment = attachment;
-	connection->ids = ids;
+	connection->user = user;
 	connection->piece = prepare_sending(connection->socket.get());
 	MutexLock hold(table_lock);
 	(void) own_table();

@@ -5,7 +5,6 @@
 #include <sys/types.h>
 
 #include "base/guards.h"
-#include "base/ids.h"
 #include "hatch/mapping.h"
 #include "hatch/record.h"
 #include "hatch/road.h"
@@ -20,7 +19,7 @@ struct Connection {
 	Connection *prev;
 	Fd socket;
 	Attachment attachment;
-	Ids ids;         // its maker's: it is theirs for ever
+	uid_t user;      // its maker's real one: it is theirs for ever
 	size_t piece;    // payload that a message of ours can have
 	int seconds;     // how long a step may wait for the other end; 0 without end
 	Mapping landing; // where replies are received that the caller has no room for; made when first needed
@@ -28,9 +27,9 @@ struct Connection {
 
 // Gives an idle connection to an attachment, or NULL. It is the caller's until it is kept or dropped. Those that others made are
 // closed: the process, or a thread of it, has changed its user since.
-Connection *take_connection(const Attachment &attachment, const Ids &ids);
+Connection *take_connection(const Attachment &attachment, uid_t user);
 // Makes one. Errors: as connect_road().
-int make_connection(int fd, const Attachment &attachment, const Ids &ids, int seconds, Connection **out);
+int make_connection(int fd, const Attachment &attachment, uid_t user, int seconds, Connection **out);
 // Puts a connection back for the next call. The one that was idle for longest goes when there are too many.
 void keep_connection(Connection *connection);
 // Closes a connection.

@@ -5,7 +5,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "base/ids.h"
 #include "hatch/epoch.h"
 #include "rpy/object.h"
 
@@ -24,7 +23,8 @@ struct Fellow {
 	rpy_error_t error = RPY_ERROR_NONE;
 	std::atomic<uint32_t> state{fellow_waits};
 	Fellow *next = nullptr;
-	Ids ids = {}; // the daemon looks at who sends: threads of the same ids share a call
+	uid_t uid = 0; // the daemon looks at who sends: threads of the same ids share a call
+	gid_t gid = 0;
 
 	explicit Fellow(Call *its_call) : call(its_call) {}
 	Fellow(const Fellow &) = delete;
@@ -64,7 +64,7 @@ void take_along(Together *together, Fellow *leader) REQUIRES(together->lock)
 	Fellow **place = &together->first;
 	while (Fellow *fellow = *place) {
 		size_t with = size + fellow->call->out.size();
-		if (fellow->ids == leader->ids && with <= requests_max) {
+		if (fellow->uid == leader->uid && fellow->gid == leader->gid && with <= requests_max) {
 			size = with;
 			*place = fellow->next;
 			fellow->next = nullptr;
@@ -131,7 +131,8 @@ bool take_turn(Together *together, Fellow *fellow)
 		together->calls++;
 		return true;
 	}
-	fellow->ids = Ids::own();
+	fellow->uid = getuid();
+	fellow->gid = getgid();
 	(together->last == nullptr ? together->first : together->last->next) = fellow;
 	together->last = fellow;
 	return false;

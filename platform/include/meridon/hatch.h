@@ -6,7 +6,7 @@
  *   Errors:  0, or -1 with errno.
  *   Threads: any, any number at once, on one descriptor too. None of them is a cancellation point.
  *   Signals: no call ends for a signal, whatever its handler says, nor for a stop, a freezer or a debugger: it waits on.
- *   Users:   a connection is used by the real user and group who made it. After a change of these the next call makes one.
+ *   Users:   a connection is used by the real user who made it. After a change of that the next call makes one.
  *   Forks:   a forked child makes connections of its own, and serves none of its parent's hatches: there the
  *            descriptors of those are EBADF. A child that a handler forks is no handler, and ends if it returns from one.
  *   Needs:   /proc, on the client's side.
