@@ -16,6 +16,7 @@
 #include <utility>
 
 #include <meridon/msglog.h>
+#include <meridon/process.h>
 #include <meridon/progpath.h>
 
 #include "base/guards.h"
@@ -70,7 +71,7 @@ void renew()
 // A call of the log: it isn't cancelled, since it would leave the lock behind, and the caller's errno outlives it.
 class LogCall {
 public:
-	LogCall() : errno_(errno) { log_process.enter(static_cast<uint64_t>(getpid()), renew); }
+	LogCall() : errno_(errno) { log_process.enter(_meridon_process(), renew); }
 	~LogCall() { errno = errno_; }
 	LogCall(const LogCall &) = delete;
 	LogCall &operator=(const LogCall &) = delete;

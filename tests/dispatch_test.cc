@@ -238,35 +238,6 @@ TEST_P(Dispatch, EmptySlotsRefuseOperationsAndNothingElse)
 	ostrel_db_close(nullptr);
 }
 
-TEST_P(Dispatch, TheAccessorsTakeWhatTheirContractsSay)
-{
-	open();
-	EXPECT_EQ(ostrel_db_get_name(nullptr), nullptr);
-	EXPECT_EQ(ostrel_db_get_cmds(nullptr), nullptr);
-	EXPECT_EQ(ostrel_db_get_flags(nullptr), 0U);
-	ostrel_db_lock_priv(nullptr);
-	ostrel_db_unlock_priv(nullptr);
-
-	ostrel_db_set_read_auth(db, std::string(2000, 'r').c_str());
-	ostrel_db_set_write_auth(db, "some.right");
-	EXPECT_EQ(ostrel_db_get_read_auth(db), std::string(1023, 'r'));
-	EXPECT_STREQ(ostrel_db_get_write_auth(db), "some.right");
-	ostrel_db_set_read_auth(db, "short");
-	ostrel_db_set_write_auth(db, nullptr);
-	EXPECT_STREQ(ostrel_db_get_read_auth(db), "short");
-	EXPECT_STREQ(ostrel_db_get_write_auth(db), "");
-
-	ostrel_db_lock_priv(db);
-	EXPECT_NE(pthread_mutex_trylock(&db->db_privlock.raw), 0);
-	ostrel_db_unlock_priv(db);
-	ostrel_db_rdlock(db);
-	EXPECT_EQ(lock_of(db), Lock::Read);
-	ostrel_db_unlock(db);
-	ostrel_db_wrlock(db);
-	EXPECT_EQ(lock_of(db), Lock::Write);
-	ostrel_db_unlock(db);
-}
-
 TEST_P(Dispatch, AuthorizationIsAskedOfTheBackEndWithoutALock)
 {
 	open();

@@ -429,6 +429,7 @@ int _rpy_is_open(void)
 
 int _rpy_daemon_has_ended(const rpy_handle_t *handle)
 {
+	CancellationWaits cancellation;
 	// The number says nothing in a child, which may be in another namespace.
 	if (handle == nullptr || !handle->hatch || handle->daemon == 0 || handle->binder != hatch::epoch())
 		return 0;

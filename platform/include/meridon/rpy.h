@@ -28,6 +28,7 @@
  *            call, which takes NULL. They must go before their handle. Texts and buffers stay the caller's.
  *   Threads: several threads may use one handle at once, each with objects of its own; an object that nobody fills or
  *            destroys may be read by all. Binding, unbinding and destroying a handle exclude all other use of it.
+ *   Cancel:  none of them is a cancellation point.
  *   Signals: none of them makes a call fail or leaves its fate open, whether its handler restarts calls or not; nor does
  *            a stop, a freezer or a debugger. The wait goes on to the same end; after a stop beyond it, for a second more.
  *   Forks:   a handle may be used on both sides, also by a child that no handler of pthread_atfork() ran in, or that is
