@@ -163,6 +163,21 @@ protected:
 		return result == OSTREL_SUCCESS ? text_of(props.get()) : std::string("? ") + ostrel_strerror(result);
 	}
 
+	void use_private_daemon()
+	{
+		CairnDb db = open_cairn();
+		ASSERT_TRUE(db);
+		const std::string hatch = enclave_path(private_hatch);
+		EXPECT_EQ(read(db), "p=enclave;");
+		EXPECT_EQ(server_of(hatch), 0) << "it was made for the operation";
+		EXPECT_EQ(ostrel_db_write(db.get(), in_enclave("where").get(), 0, props_of("p=changed").get()),
+		    OSTREL_SUCCESS);
+		EXPECT_EQ(server_of(hatch), 0);
+		EXPECT_EQ(read(db), "p=changed;");
+		EXPECT_EQ(resources_of(db)->nsr_enclave_resources, nullptr);
+		EXPECT_EQ(get(db, "where"), "where:t|p=host;") << "the host's own isn't touched";
+	}
+
 	std::optional<TestEnclave> enclave;
 	std::string host_hatch;
 	pid_t host_daemon = 0;
@@ -173,34 +188,14 @@ protected:
 	TestEnclave::Kind kind() const override { return TestEnclave::Leader; }
 };
 
-void use_private_daemon(const CairnDb &db, const std::function<std::string()> &read, const std::string &hatch,
-    const std::function<AttrList(const char *)> &named)
-{
-	EXPECT_EQ(read(), "p=enclave;");
-	EXPECT_EQ(server_of(hatch), 0) << "it was made for the operation";
-	EXPECT_EQ(ostrel_db_write(db.get(), named("where").get(), 0, props_of("p=changed").get()), OSTREL_SUCCESS);
-	EXPECT_EQ(server_of(hatch), 0);
-	EXPECT_EQ(read(), "p=changed;");
-	EXPECT_EQ(resources_of(db)->nsr_enclave_resources, nullptr);
-	EXPECT_EQ(get(db, "where"), "where:t|p=host;") << "the host's own isn't touched";
-}
-
 TEST_F(Enclaves, WithoutADaemonAPrivateOneIsStartedUsedAndEnded)
 {
-	CairnDb db = open_cairn();
-	ASSERT_TRUE(db);
-	use_private_daemon(
-	    db, [&] { return read(db); }, enclave_path(private_hatch),
-	    [&](const char *group) { return in_enclave(group); });
+	use_private_daemon();
 }
 
 TEST_F(LeaderEnclaves, WithoutADaemonAPrivateOneIsStartedUsedAndEnded)
 {
-	CairnDb db = open_cairn();
-	ASSERT_TRUE(db);
-	use_private_daemon(
-	    db, [&] { return read(db); }, enclave_path(private_hatch),
-	    [&](const char *group) { return in_enclave(group); });
+	use_private_daemon();
 }
 
 TEST_F(Enclaves, ADatabaseOfAnEnclaveKeepsThePrivateDaemonUntilItIsClosed)
