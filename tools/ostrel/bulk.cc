@@ -295,7 +295,7 @@ void tell(const Plan &plan, const Complaints &complaints, const Options &options
 		json["unchanged"] = plan.unchanged;
 		json["removed"] = plan.removed();
 		json["refused"] = complaints.count();
-		fmt::print("{}\n", json.dump());
+		write_json(json);
 		return;
 	}
 	std::string text = fmt::format("{} added, {} replaced, {} unchanged, {} removed, {} refused", plan.added,

@@ -19,7 +19,7 @@ Exit run(const Options &options)
 	bool allowed = database.allowed(options.write);
 	const char *operation = options.write ? "write" : "read";
 	if (options.json)
-		fmt::print("{}\n", Json{{"operation", operation}, {"allowed", allowed}}.dump());
+		write_json(Json{{"operation", operation}, {"allowed", allowed}});
 	else
 		fmt::print("{}: {}\n", operation, allowed ? "allowed" : "refused");
 	if (!allowed)

@@ -117,8 +117,7 @@ void print_json(const Options &options, const std::vector<Entry> &entries)
 			file["message"] = text_to_json(entry.message);
 		files.push_back(file);
 	}
-	fmt::print("{}\n",
-	    Json{{"directory", text_to_json(options.database)}, {"dry_run", options.dry_run}, {"files", files}}.dump());
+	write_json(Json{{"directory", text_to_json(options.database)}, {"dry_run", options.dry_run}, {"files", files}});
 }
 
 void print_lines(const Options &options, const std::vector<Entry> &entries)

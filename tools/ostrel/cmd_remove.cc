@@ -38,10 +38,10 @@ Exit remove_all(Database &database, const Options &options)
 		Json json;
 		json["result"] = "removed";
 		json["dry_run"] = options.dry_run;
-		json["database"] = database.label();
+		json["database"] = text_to_json(database.label());
 		if (known)
 			json["objects"] = count;
-		fmt::print("{}\n", json.dump());
+		write_json(json);
 	} else if (options.dry_run) {
 		fmt::print(
 		    "would be removed: the database{}\n", known ? fmt::format(" with its {} objects", count) : "");

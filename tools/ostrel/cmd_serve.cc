@@ -219,10 +219,8 @@ std::string who_may(const char *what, const std::string &right)
 void announce(const Database &database, const Options &options)
 {
 	if (options.json) {
-		fmt::print(
-		    "{}\n", Json{{"serving", database.label()}, {"path", options.other},
-				{"read_auth", options.read_auth}, {"write_auth", options.write_auth}, {"pid", getpid()}}
-				.dump());
+		write_json(Json{{"serving", text_to_json(database.label())}, {"path", text_to_json(options.other)},
+		    {"read_auth", options.read_auth}, {"write_auth", options.write_auth}, {"pid", getpid()}});
 		(void) std::fflush(stdout);
 		return;
 	}
@@ -275,8 +273,7 @@ public:
 			count(), ended, ended == landed ? "landed" : "ended", lost - left, left))
 			 .in(database.label()));
 		if (options.json)
-			fmt::print(
-			    "{}\n", Json{{"deferred", count()}, {"left_behind", left}, {"updates", named}}.dump());
+			write_json(Json{{"deferred", count()}, {"left_behind", left}, {"updates", named}});
 		return lost == 0 ? Exit::done : Exit::deferred;
 	}
 
