@@ -31,8 +31,11 @@ Exit remove_all(Database &database, const Options &options)
 		    .in(database.label())
 		    .next("add --yes if that is meant");
 	if (!options.dry_run) {
-		database.destroy();
-		await_update(database, options, [&] { return database.count().value_or(0) == 0; });
+		Retries retries = database.destroy();
+		await_update(database, options, retries, [&] {
+			const size_t left = database.count().value_or(0);
+			return Seen{left == 0, left == count};
+		});
 	}
 	if (options.json) {
 		Json json;
@@ -65,8 +68,11 @@ Exit run(const Options &options)
 	Object object = database.readable() ? database.get_for_update(id) : Object{id, {}};
 	database.check_loss();
 	if (!options.dry_run) {
-		database.remove(id);
-		await_update(database, options, [&] { return database.is_gone(object.id); });
+		Retries retries = database.remove(id);
+		await_update(database, options, retries, [&] {
+			const bool gone = database.is_gone(object.id);
+			return Seen{gone, !gone};
+		});
 	}
 	return tell_update(options, "removed", object);
 }
