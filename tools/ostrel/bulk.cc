@@ -359,8 +359,10 @@ Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints 
 	}
 	bool whole = database.back_end().is_path;
 	std::string text = whole ? plan.text() : "";
-	if (plan.changes())
+	if (plan.changes()) {
+		database.require_place();
 		database.check_loss();
+	}
 	if (!options.dry_run && plan.changes()) {
 		plan.check_removals();
 		if (whole)

@@ -4,6 +4,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
+#include "hatch.h"
 
 namespace {
 
@@ -22,7 +23,10 @@ Exit run(const Options &options)
 		write_json(Json{{"operation", operation}, {"allowed", allowed}});
 	else
 		fmt::print("{}: {}\n", operation, allowed ? "allowed" : "refused");
-	if (!allowed)
+	const std::string fault = allowed ? "" : rights_fault_at(database.name());
+	if (!fault.empty())
+		warn(Failure(Exit::permission, "who holds which right" + fault).in(database.label()));
+	else if (!allowed)
 		note("root grants rights in /etc/meridon/rights; the server's log and ostrel serve --help tell which "
 		     "one it asks for");
 	return allowed ? Exit::done : Exit::permission;

@@ -30,6 +30,7 @@ Exit remove_all(Database &database, const Options &options)
 				       : std::string("remove --all removes the whole database"))
 		    .in(database.label())
 		    .next("add --yes if that is meant");
+	database.require_place();
 	if (!options.dry_run) {
 		Retries retries = database.destroy();
 		await_update(database, options, retries, [&] {
@@ -66,6 +67,7 @@ Exit run(const Options &options)
 	}
 	begin_update(database, options);
 	Object object = database.readable() ? database.get_for_update(id) : Object{id, {}};
+	database.require_place();
 	database.check_loss();
 	if (!options.dry_run) {
 		Retries retries = database.remove(id);

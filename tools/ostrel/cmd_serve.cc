@@ -23,6 +23,7 @@
 #include "hatch.h"
 #include "log_messages.h"
 #include "readiness.h"
+#include "shared/rights.h"
 #include "text.h"
 #include "update_threads.h"
 
@@ -341,6 +342,9 @@ Exit run(const Options &options)
 	{
 		Server server(database, options);
 		announce(database, options);
+		const std::string fault = rights_fault(geteuid());
+		if (!fault.empty() && !(options.read_auth.empty() && options.write_auth.empty()))
+			warn(Failure(Exit::permission, "who holds which right" + fault));
 		tell_manager("READY=1");
 		signals.wait();
 		tell_manager("STOPPING=1");

@@ -141,6 +141,7 @@ void rehearse(Database &database, const Object &object, const Look &before)
 			database.check_group(object, before);
 		return;
 	}
+	database.require_place();
 	LineMaker maker;
 	try {
 		(void) maker.line(object);
