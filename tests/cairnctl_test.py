@@ -143,6 +143,8 @@ class Cairnctl(ToolTest):
 
     def test_a_backup_restores(self):
         self.import_document()
+        os.mkfifo(self.path("fifo"))
+        self.assertEqual(self.ctl("backup", self.path("fifo")).code, 6)  # nor is a device replaced
         self.good("backup", self.path("copy.db"))
         self.assertEqual(os.stat(self.path("copy.db")).st_mode & 0o777, 0o600)
         self.good("delete", "-r", "net/link")

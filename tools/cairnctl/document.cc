@@ -253,6 +253,10 @@ Json parse_document(const std::string &text, const std::string &file)
 		check_document(document, file);
 		return document;
 	} catch (const Json::exception &error) {
-		throw Failure(Exit::invalid, fmt::format("{}: {}", file, error.what()), "");
+		const std::string what = error.what();
+		const size_t bracket = what.find("] "); // behind the parser's own name for the error
+		throw Failure(Exit::invalid,
+		    fmt::format("{}: {}", file, bracket == what.npos ? what : what.substr(bracket + 2)),
+		    "see cairnctl(8) for the form of a document");
 	}
 }
