@@ -24,12 +24,12 @@ def group(name, kind, *properties, **more):
             "properties": list(properties), **{k: v for k, v in more.items() if k == "groups"}}
 
 
-NOW = [group("eth0", "link", prop("mtu", "count", 1500, 2**64 - 1), prop("up", "boolean", True, False),
-             prop("low", "integer", -2**63), prop("tags", "astring", "a", "", "ä\n"), prop("none", "uri"),
+NOW = [group("eth0", "link", prop("mtu", "count", 1500, 2**53, str(2**64 - 1)), prop("up", "boolean", True, False),
+             prop("low", "integer", str(-2**63)), prop("tags", "astring", "a", "", "ä\n"), prop("none", "uri"),
              prop("raw", "opaque", {"hex": "00ff"}), groups=[group("v4", "ip", groups=[group("deep", "x")])]),
        group("gone", "link", temporary=True)]
 BEFORE = [group("eth0", "link", prop("mtu", "count", 9000))]
-DOCUMENT = {"format": "cairn-repository", "version": 1, "services": [
+DOCUMENT = {"format": "cairn-repository", "version": 2, "services": [
     {"name": "net/link", "groups": [group("all", "defaults")], "instances": [
         {"name": "default", "groups": NOW, "snapshots": [
             {"name": "before", "groups": BEFORE}, {"name": "empty", "groups": []}]}]},
@@ -80,6 +80,12 @@ class Cairnctl(ToolTest):
         self.assertEqual(kept["groups"], NOW[:1])
         self.assertEqual(kept["snapshots"], DOCUMENT["services"][0]["instances"][0]["snapshots"])
         self.assertEqual(self.ctl("verify").code, 0)
+        self.assertIn(" 9007199254740992 18446744073709551615\n", self.good("show", "net/link:default").out.decode())
+        for name in ("net/link", "sys"):
+            self.good("delete", "-r", name)
+        old = json.dumps(DOCUMENT).replace('"version": 2', '"version": 1')
+        self.good("import", stdin=old.replace(f'"{2**64 - 1}"', str(2**64 - 1)).replace(f'"{-2**63}"', str(-2**63)).encode())
+        self.assertEqual(self.good("export").json(), DOCUMENT)
 
     def test_an_import_is_all_or_nothing(self):
         bad = json.loads(json.dumps(DOCUMENT))
@@ -121,7 +127,7 @@ class Cairnctl(ToolTest):
         self.assertEqual(self.good("diff", place, "before", "before").out, b"")
         changed = self.ctl("diff", place, "before", "current")
         self.assertEqual(changed.code, 10)
-        self.assertIn("- /eth0 mtu: count [9000]\n+ /eth0 mtu: count [1500,18446744073709551615]\n", changed.out.decode())
+        self.assertIn("- /eth0 mtu: count [9000]\n+ /eth0 mtu: count [1500,9007199254740992,18446744073709551615]\n", changed.out.decode())
         self.good("snapshot", place, "take", "now")
         self.good("snapshot", place, "revert", "before")
         self.assertEqual(self.good("--json", "show", place).json(), BEFORE + NOW[1:])
@@ -137,6 +143,8 @@ class Cairnctl(ToolTest):
 
     def test_a_backup_restores(self):
         self.import_document()
+        os.mkfifo(self.path("fifo"))
+        self.assertEqual(self.ctl("backup", self.path("fifo")).code, 6)  # nor is a device replaced
         self.good("backup", self.path("copy.db"))
         self.assertEqual(os.stat(self.path("copy.db")).st_mode & 0o777, 0o600)
         self.good("delete", "-r", "net/link")
@@ -191,7 +199,7 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _cairnctl; for reply in "${COMPREPLY[
 
     # A document of one service with an instance "i".
     def document(self, groups, snapshots=(), name="s", **more):
-        return {"format": "cairn-repository", "version": 1, "services": [{"name": name, "groups": [], "instances": [
+        return {"format": "cairn-repository", "version": 2, "services": [{"name": name, "groups": [], "instances": [
             {"name": "i", "groups": groups, "snapshots": [{"name": n, "groups": g} for n, g in snapshots], **more}]}]}
 
     def load(self, document):

@@ -21,7 +21,7 @@ def thing(name, **props):
 
 
 NASTY = (b"name=net0;zone=;\tmtu=uint32,-1;on=boolean,true,false;tags=string,a\\,b,,c\\;d,\\\\;none=int64;"
-         b"big=uint64,-1;small=int64,-9223372036854775808;\n"
+         b"big=uint64,-1,9007199254740992;small=int64,-9223372036854775808;\n"
          b"name=\xff\xfe;\traw\x80=string,\xc3\xa4,\xc3,\x01\t;\n"
          b"z=\xe2\x82\xac;a=2;m=3;\t\n")
 
@@ -49,16 +49,21 @@ class Documents(t.ToolTest):
         self.write("a", NASTY)
         exported = self.tool("export", "a").out
         parsed = json.loads(exported)
-        self.assertEqual((parsed["format"], parsed["version"]), ("ostrel-objects", 1))
+        self.assertEqual((parsed["format"], parsed["version"]), ("ostrel-objects", 2))
         first = parsed["objects"][0]["props"]
         self.assertEqual(list(first), ["mtu", "on", "tags", "none", "big", "small"])
         self.assertEqual(first["mtu"], {"type": "uint32", "values": [4294967295]})
-        self.assertEqual(first["big"]["values"], [18446744073709551615])
-        self.assertEqual(first["small"]["values"], [-9223372036854775808])
+        self.assertEqual(first["big"]["values"], ["18446744073709551615", 9007199254740992])
+        self.assertEqual(first["small"]["values"], ["-9223372036854775808"])
         self.assertEqual(parsed["objects"][1]["id"], {"name": "\0fffe"})
         self.assertEqual(list(parsed["objects"][2]["id"]), ["z", "a", "m"])
+        in_floats = json.dumps(json.loads(exported, parse_int=lambda digits: int(float(digits)))).encode()
+        in_numbers = exported.replace(b'"18446744073709551615"', b"18446744073709551615").replace(b'version":2', b'version":1')
+        for text in (in_floats, in_numbers, exported):
+            self.tool("import", "--replace", "b", stdin=text)
+            self.assertEqual(self.read("b"), NASTY)
+            os.remove(self.path("b"))
         self.tool("import", "b", stdin=exported)
-        self.assertEqual(self.read("b"), NASTY)
         self.assertEqual(self.tool("export", "b").out, exported)
         self.tool("diff", "a", "b")
         self.tool("copy", "a", "c")
@@ -111,7 +116,8 @@ class Documents(t.ToolTest):
             (prop({"type": "int32", "values": [2147483648]}), "/objects/1/props/x/values/0"),
             (prop({"type": "uint64", "values": [18446744073709551616]}), "/objects/1/props/x/values/0"),
             (prop({"type": "int64", "values": [1.5]}), "/objects/1/props/x/values/0"),
-            (prop({"type": "int64", "values": ["1"]}), "/objects/1/props/x/values/0"),
+            (prop({"type": "int32", "values": ["1"]}), "/objects/1/props/x/values/0"),
+            (prop({"type": "int64", "values": ["1.0"]}), "/objects/1/props/x/values/0"),
             (prop({"type": "boolean", "values": [1]}), "/objects/1/props/x/values/0"),
             (prop({"type": "string", "values": ["a\0b"]}), "/objects/1/props/x/values/0"),
             (prop({"type": "string", "values": ["\0f"]}), "/objects/1/props/x/values/0"),
@@ -130,7 +136,7 @@ class Documents(t.ToolTest):
             (changed(lambda o: o["props"].update({"a/b~c": 1})), "/objects/1/props/a~1b~0c"),
             (document().replace(b"[]", b"[" * 1000 + b"]" * 1000), "/objects" + "/0" * 15),
             (document(thing("a")).replace(b'"props"', b'"id": {"name": "b"}, "props"'), "/objects/0/id"),
-            (document().replace(b'"version": 1', b'"version": 2'), "/version"),
+            (document().replace(b'"version": 1', b'"version": 3'), "/version"),
             (document().replace(b"ostrel-objects", b"something"), "/format"),
             (document().replace(b"{", b'{"more": 1,', 1), "/more"),
         ]

@@ -23,7 +23,7 @@ class Values(t.ToolTest):
             with self.subTest(word):
                 self.tool("put", "d", "n=" + word, "--", f"v:{word}={least},{greatest}")
                 self.assertEqual(self.tool("get", "d", "n=" + word, "--json").json()["props"]["v"]["values"],
-                                 [least, greatest])
+                                 [n if abs(n) <= 2**53 else str(n) for n in (least, greatest)])
                 self.assertEqual(self.text("get", "d", "n=" + word, "-p", "v"), f"{least}\n{greatest}\n")
                 before = self.read("d")
                 for bad in (least - 1, greatest + 1):

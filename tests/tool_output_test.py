@@ -7,6 +7,8 @@ import subprocess
 
 import ostrel_tool as t
 
+CAIRNCTL, ENCLAVECTL = (os.path.join(os.path.abspath(t.BUILD), "tools", name) for name in ("cairnctl", "enclavectl"))
+
 
 class Terminal(t.ToolTest):
     def plain(self, *words, **more):
@@ -44,6 +46,22 @@ class Terminal(t.ToolTest):
             text.decode()
         # A script gets the bytes as they are.
         self.assertEqual(self.tool("get", "db", ident, "-p", "x").out, evil + b"\n")
+
+    # They make one name look like another: no program shows them, and in JSON they are escaped.
+    def test_marks_that_turn_the_writing_or_hide_are_shown_by_all_programs(self):
+        self.env["MERIDON_ROOT"] = self.dir
+        marks = "a\u061c\u200e\u202e\u2066\u2069\u2063\U000e0041"
+        os.makedirs(self.path("run/enclaves"))
+        os.mkdir(self.path(marks))
+        self.write("run/enclaves/7", f"name=web\nroot={self.path(marks)}\nstate=ready\n")
+        self.write("d", f"n={marks};\tx=string,{marks};\n")
+        for program, *words in ([t.OSTREL, "walk", "d"], [t.OSTREL, "enclaves"], [t.OSTREL, "get", marks, "a=1"],
+                                [ENCLAVECTL, "list"], [ENCLAVECTL, "show", marks], [CAIRNCTL, "--hatch", "/no" + marks, "list"]):
+            for json_too, shown in (([], rb"a\xd8\x9c\xe2\x80\x8e\xe2\x80\xae"), (["--json"], rb"\u061c\u200e\u202e\u2066")):
+                done = subprocess.run([program, *words, *json_too], cwd=self.dir, env=self.env, capture_output=True)
+                said = done.stdout + done.stderr
+                self.assertTrue(said.isascii(), said)
+                self.assertTrue(shown in said or rb"\xe2\x80\xae" in said.replace(rb"\\", b"\\"), said)
 
     def test_colour_is_for_terminals_that_want_it(self):
         self.write("d", "n=a;\tx=int32,1;\n")
@@ -104,6 +122,29 @@ cmp small/d copy; echo $code"""
         for line in done.stderr.splitlines():
             self.assertIn("no space", json.loads(line)["error"]["message"])
 
+    # Each is refused before anything is made, in a dry run too, and the hint is about this fault.
+    def test_places_where_nothing_can_be_replaced_are_named(self):
+        if os.getuid() != 0 or shutil.which("unshare") is None:
+            self.skipTest("needs root, to mount")
+        for name in ("bound", "ro/d"):
+            os.makedirs(os.path.dirname(self.path(name)), exist_ok=True)
+            self.write(name, "a=1;\tx=string,1;\n")
+        script = "mount --bind bound bound; mount -t tmpfs t ro; cp bound ro/d; mount -o remount,ro ro; exec \"$@\""
+        for db, code, said in (("bound", 6, "mounted there by itself"), ("ro/d", 1, "read-only"), ("ro/new", 1, "read-only"),
+                               ("/proc/x", 6, "takes no files"), ("/sys/x", 6, "takes no files"), ("Repo:x", 2, "no kind"),
+                               ("https:x", 2, "./https:x")):
+            for words in (["put", db, "a=1", "--", "x=2"], ["put", "-n", db, "a=1", "--", "x=2"], ["remove", db, "--all", "--yes"],
+                          ["import", db, "doc"]):
+                if words[0] == "remove" and db in ("ro/new", "/proc/x", "/sys/x"):
+                    continue  # there is nothing
+                self.write("doc", '{"format":"ostrel-objects","version":2,"objects":[{"id":{"b":"1"},"props":{}}]}')
+                done = subprocess.run(["unshare", "-m", "bash", "-c", script, "sh", t.OSTREL, "--json", *words], cwd=self.dir,
+                                      env=self.env, capture_output=True)
+                error = json.loads(done.stderr)["error"]
+                self.assertEqual(done.returncode, code, error)
+                self.assertIn(said, error["message"] + error["hint"], words)
+        self.assertEqual(sorted(os.listdir(self.dir)), ["bound", "doc", "ro"])
+
     def test_version_and_help(self):
         self.assertRegex(self.text("version"), r"^ostrel \d+\.\d+\.\d+\n$")
         self.assertEqual("ostrel " + self.tool("version", "--json").json()["version"] + "\n", self.text("--version"))
@@ -125,7 +166,12 @@ class Enclaves(t.ToolTest):
         here = ["-E", "web", "/etc/d"]
         self.assertEqual(self.tool("--json", "enclaves").json()["enclaves"],
                          [{"id": 7, "name": "web", "state": "running", "root": self.path("inside")}])
-        self.assertEqual(self.text("enclaves"), f"7\tweb\trunning\t{self.path('inside')}\n")
+        self.assertEqual(self.text("enclaves"), f"7\tweb\trunning\t-\t{self.path('inside')}\n")
+        self.write("host/run/enclaves/9", f"name=dead\nroot=/\nstate=running\nleader={os.getpid()}\nleader_start=1\n")
+        self.assertEqual(self.text("enclaves").splitlines()[1], f"9\tdead\trunning\t{os.getpid()} (gone)\t/")
+        for words in ([], ["--json"]):
+            listed = subprocess.run([ENCLAVECTL, "list", *words], env=self.env, capture_output=True).stdout
+            self.assertIn(listed.strip(b"{}\n"), self.tool("enclaves", *words).out)
         self.tool("put", *here, "n=1", "--", "x=1")
         self.assertEqual(self.read("inside/etc/d"), b"n=1;\tx=string,1;\n")
         self.assertEqual(self.text("walk", "-E", "7", "/etc/d"), "n=1\tx=1\n")

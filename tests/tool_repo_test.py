@@ -5,6 +5,7 @@ import pwd
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -14,6 +15,23 @@ import ostrel_tool as t
 CONFIGD = os.path.join(os.path.abspath(t.BUILD), "repository", "cairn.configd")
 CAIRNCTL = os.path.join(os.path.abspath(t.BUILD), "tools", "cairnctl")
 DB = "repo:net/link:default"
+NO_AUDIT = ("setpriv", "--bounding-set", "-audit_write", "--inh-caps", "-audit_write")
+# Writes to one group without a pause: what it held before, and something else, in turns.
+OTHER_WRITER = """
+import ctypes, sys
+lib = ctypes.CDLL(sys.argv[1])
+db, ids, zero = ctypes.c_void_p(), ctypes.c_void_p(), ctypes.c_uint64(0)
+lib.ostrel_db_open(b"net/link:default", 0, ctypes.c_void_p.in_dll(lib, "ostrel_cairn_db_cmds"), zero, ctypes.byref(db))
+lib.ostrel_idlist_init(ctypes.byref(ids), None)
+lib.ostrel_idlist_add(ids, b"object-pgname", b"g")
+while True:
+    for value in (b"old", b"other"):
+        props = ctypes.c_void_p()
+        lib.attrlist_alloc(ctypes.byref(props), 1, 0)
+        lib.ostrel_atl_add_one_string(props, b"p", value)
+        lib.ostrel_db_write(db, ids, zero, props)
+        lib.attrlist_free(props)
+"""
 
 
 class RepositoryTest(t.ToolTest):
@@ -380,7 +398,7 @@ class Served(RepositoryTest):
     # Who may not write records learns no names from them.
     def test_a_server_without_the_privilege_of_audit_counts_deferred_updates(self):
         self.start_on_mounted_store()
-        server = self.serve(below=("setpriv", "--bounding-set", "-audit_write", "--inh-caps", "-audit_write"))
+        server = self.serve(below=NO_AUDIT)
         self.set_readonly("ro")
         self.tool("put", "hatch:" + self.hatch, "object-pgname=g", "--no-wait", "--", "p=new", code=7)
         server.send_signal(signal.SIGTERM)
@@ -389,6 +407,34 @@ class Served(RepositoryTest):
         self.assertEqual(server.wait(30), 0)
         self.assertEqual(json.loads(server.stdout.read()), {"deferred": 1, "left_behind": 0, "updates": []})
         self.assertIn("1 have ended, 0 were refused or given up", server.stderr.read().decode())
+
+    @unittest.skipIf(t.sanitized(), "the other writer is no program of the sanitizer")
+    def test_what_another_writer_made_of_it_is_no_deferral(self):
+        self.start_on_mounted_store()
+        self.serve()
+        hatch = "hatch:" + self.hatch
+        other = subprocess.Popen([sys.executable, "-c", OTHER_WRITER, os.path.join(t.BUILD, "common", "libostrel.so.1")],
+                                 env=self.env)
+        self.addCleanup(self.end, other, signal.SIGKILL)
+        for i in range(10):
+            for db, *below in ((DB,), (hatch,), (DB, *NO_AUDIT), (hatch, "unshare", "-pf")):  # the last sees no server
+                done = subprocess.run([*below, t.OSTREL, "put", db, "object-pgname=g", "--no-wait", "--", f"p=mine{i}"],
+                                      env=self.env, capture_output=True)
+                self.assertEqual((done.returncode, done.stderr), (0, b""), below)
+        many = json.dumps({"format": "ostrel-objects", "version": 1, "objects": [
+            {"id": {"object-pgname": "g"}, "props": {"p": {"type": "string", "values": ["mine"]}}}]})
+        self.tool("import", "--no-wait", hatch, stdin=many.encode())
+        for db, codes in ((DB, [0]), (hatch, [0, 7])):  # a server's thread may have ended before anybody sees what it wrote
+            other.send_signal(signal.SIGSTOP)
+            self.set_readonly("ro")
+            waiting = subprocess.Popen([t.OSTREL, "put", db, "object-pgname=g", "--", "p=mine"], env=self.env,
+                                       stderr=subprocess.PIPE)
+            self.addCleanup(self.end, waiting)
+            self.assertIn(b"waiting", waiting.stderr.readline())
+            self.set_readonly("rw")
+            other.send_signal(signal.SIGCONT)
+            self.assertIn(waiting.wait(30), codes)
+        self.assertIsNone(other.poll())
 
     # Nobody goes on with an update of this process's own when it has ended.
     def test_an_own_update_that_is_deferred_is_waited_for_or_given_up(self):

@@ -109,6 +109,10 @@ class Serving(ServeTest):
             self.assertEqual(refused.json(), {"operation": "write", "allowed": False})
         self.assertEqual(self.read("links.db"), before)
         self.assertIn("ostrel auth", self.user_error(STRANGER, 3, "walk", self.db)["hint"])
+        os.chmod(self.path("etc/meridon/rights"), 0o664)
+        self.assertIn("rights doesn't count", self.user_error(READER, 3, "walk", self.db)["hint"])
+        self.assertIn(b"others may write it", self.as_user(READER, "auth", self.db, code=3).err)
+        os.chmod(self.path("etc/meridon/rights"), 0o644)
         self.as_user(WRITER, "set", self.db, "name=eth0", "--", "mtu=9000")
         self.assertEqual(self.text("get", "links.db", "name=eth0", "-p", "mtu"), "9000\n")
 

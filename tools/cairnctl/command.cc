@@ -18,7 +18,7 @@ constexpr const char *current = "current"; // what an instance holds now, beside
 
 void print_json(const Json &json)
 {
-	fmt::print("{}\n", json.dump(1, '\t'));
+	write_json(json, 1, '\t');
 }
 
 void print_names(const std::vector<std::string> &names, const Options &options)
@@ -149,7 +149,7 @@ void print_groups(const Json &groups, int depth)
 		    group.contains("temporary") ? " temporary" : "");
 		for (const Json &property : group["properties"]) {
 			std::string values;
-			for (const Json &value : property["values"])
+			for (const Json &value : values_as_numbers(property))
 				values += " " + (value.is_string() ? "\"" + text_of(value) + "\"" : text_of(value));
 			fmt::print("{:{}}{}:{} ={}\n", "", 2 * depth + 2, visible(text_in(property)),
 			    property["type"].get<std::string>(), values);
@@ -288,7 +288,7 @@ void flatten(const Json &groups, const std::string &path, std::map<std::string, 
 		(*lines)[here] = text_in(group, "type") + (group.contains("temporary") ? between + "temporary" : "");
 		for (const Json &property : group["properties"])
 			(*lines)[here + between + text_in(property)] =
-			    property["type"].get<std::string>() + " " + property["values"].dump();
+			    property["type"].get<std::string>() + " " + values_as_numbers(property).dump();
 		if (group.contains("groups"))
 			flatten(group["groups"], here, lines);
 	}
@@ -536,7 +536,8 @@ Exit run_status(const Options &options)
 		fail("the daemon's state");
 	if (options.json) {
 		print_json({{"pid", status.rs_pid}, {"file", visible(status.rs_file)}, {"format", status.rs_format},
-		    {"writable", status.rs_writable != 0}, {"groups", status.rs_groups}, {"bytes", status.rs_bytes}});
+		    {"writable", status.rs_writable != 0}, {"groups", number_to_json(status.rs_groups)},
+		    {"bytes", number_to_json(status.rs_bytes)}});
 		return Exit::done;
 	}
 	fmt::print("pid       {}\nfile      {}\nformat    {}\nwritable  {}\ngroups    {}\nbytes     {}\n",

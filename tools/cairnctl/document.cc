@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "shared/failure.h"
+#include "shared/visible.h"
 
 namespace {
 
@@ -31,16 +32,6 @@ constexpr struct {
 };
 
 // ---- Texts ----
-
-bool is_utf8(const std::string &text)
-{
-	try {
-		(void) Json(text).dump();
-		return true;
-	} catch (const Json::exception &) {
-		return false;
-	}
-}
 
 std::string to_hex(const std::string &bytes)
 {
@@ -122,9 +113,9 @@ bool fits(const Json &value, rpy_type_t type)
 	case RPY_TYPE_BOOLEAN:
 		return value.is_boolean();
 	case RPY_TYPE_COUNT:
-		return value.is_number_unsigned();
+		return number_from_json<uint64_t>(value).has_value();
 	case RPY_TYPE_INTEGER:
-		return value.is_number_integer() && (!value.is_number_unsigned() || value.get<uint64_t>() <= INT64_MAX);
+		return number_from_json<int64_t>(value).has_value();
 	default:
 		break;
 	}
@@ -187,8 +178,9 @@ void check_service(const Json &service, const std::string &name)
 
 void check_document(const Json &document, const std::string &file)
 {
+	const Json version = document.is_object() ? document.value("version", Json()) : Json();
 	if (!document.is_object() || document.value("format", Json()) != document_format ||
-	    document.value("version", Json()) != document_version)
+	    (version != document_version && version != 1))
 		throw Failure(
 		    Exit::invalid, file + ": no document of a repository", "give what 'cairnctl export' wrote");
 	std::set<std::string> names;
@@ -221,11 +213,6 @@ rpy_type_t type_by_word(const std::string &word)
 	return RPY_TYPE_INVALID;
 }
 
-Json text_to_json(const std::string &bytes)
-{
-	return is_utf8(bytes) ? bytes : std::string(1, '\0') + to_hex(bytes);
-}
-
 std::string text_in(const Json &part, const char *key)
 {
 	return text_from_json(part.at(key).get_ref<const std::string &>()).value();
@@ -234,6 +221,17 @@ std::string text_in(const Json &part, const char *key)
 Json bytes_to_json(const std::string &bytes, bool opaque)
 {
 	return !opaque && is_utf8(bytes) ? Json(bytes) : Json{{"hex", to_hex(bytes)}};
+}
+
+Json values_as_numbers(const Json &property)
+{
+	const rpy_type_t type = type_by_word(property["type"].get_ref<const std::string &>());
+	Json values = property["values"];
+	if (type == RPY_TYPE_COUNT || type == RPY_TYPE_INTEGER)
+		for (Json &value : values)
+			if (value.is_string())
+				value = Json::parse(value.get_ref<const std::string &>());
+	return values;
 }
 
 std::string bytes_from_json(const Json &value)
@@ -255,6 +253,10 @@ Json parse_document(const std::string &text, const std::string &file)
 		check_document(document, file);
 		return document;
 	} catch (const Json::exception &error) {
-		throw Failure(Exit::invalid, fmt::format("{}: {}", file, error.what()), "");
+		const std::string what = error.what();
+		const size_t bracket = what.find("] "); // behind the parser's own name for the error
+		throw Failure(Exit::invalid,
+		    fmt::format("{}: {}", file, bracket == what.npos ? what : what.substr(bracket + 2)),
+		    "see cairnctl(8) for the form of a document");
 	}
 }

@@ -5,12 +5,11 @@
 #include <string>
 
 #include <meridon/rpy.h>
-#include <nlohmann/json.hpp>
 
-using Json = nlohmann::ordered_json;
+#include "shared/json.h"
 
 constexpr const char *document_format = "cairn-repository";
-constexpr int document_version = 1;
+constexpr int document_version = 2; // 1 is read as well: it had whole numbers as numbers alone
 
 // How deep groups may lie in each other: far deeper than a daemon lets anybody make them, and no deeper than what walks
 // them, the JSON library's printer among it, can go down by calling itself.
@@ -20,14 +19,15 @@ constexpr int group_depth_max = 512;
 const char *type_word(rpy_type_t type);
 rpy_type_t type_by_word(const std::string &word);
 
-// Names and types as texts of JSON: as they are, or, where they aren't UTF-8, U+0000 and hexadecimal digits.
-Json text_to_json(const std::string &bytes);
 // The name of a part of a document that was checked, or what else stands there in that form.
 std::string text_in(const Json &part, const char *key = "name");
 
 // A value's bytes: a text, or an object with `hex`.
 Json bytes_to_json(const std::string &bytes, bool opaque);
 std::string bytes_from_json(const Json &value);
+
+// The values of a property of a document, numbers all in one form.
+Json values_as_numbers(const Json &property);
 
 // Parses what `export` wrote, and refuses anything else. `file` is the name to call it by.
 Json parse_document(const std::string &text, const std::string &file);

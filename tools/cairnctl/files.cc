@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -24,30 +25,39 @@ struct Descriptor {
 constexpr struct {
 	int error;
 	Exit code;
+	const char *hint;
 } error_rows[] = {
-    {EACCES, Exit::permission},
-    {EPERM, Exit::permission},
-    {EROFS, Exit::permission},
-    {EISDIR, Exit::invalid},
-    {ENOMEM, Exit::memory},
+    {EACCES, Exit::permission,
+	"look at the rights with ls -ld; what is written is made beside the file first, in its directory"},
+    {EPERM, Exit::permission, "the directory, or the file, may be marked as not to be changed: see lsattr -d"},
+    {EROFS, Exit::permission, "the file system is read-only: give a path in another one"},
+    {EISDIR, Exit::invalid, "give the path of a file"},
+    {EBUSY, Exit::failure, "the file is mounted there by itself, and can't be replaced: give another path"},
+    {ENOENT, Exit::failure, "the path, or a directory on it, isn't there, or can hold no files"},
+    {ENOSPC, Exit::failure, "make room, or give a path in another file system"},
+    {EDQUOT, Exit::failure, "the quota of its owner is used up"},
+    {ENOMEM, Exit::memory, ""},
 };
 
 [[noreturn]] void fail_with(int error, const std::string &doing, Exit otherwise = Exit::failure)
 {
-	Exit code = otherwise;
+	const std::string text = fmt::format("{}: {}", doing, std::strerror(error));
 	for (const auto &row : error_rows)
 		if (row.error == error)
-			code = row.code;
-	throw Failure(code, fmt::format("{}: {}", doing, std::strerror(error)), "");
+			throw Failure(row.code == Exit::failure ? otherwise : row.code, text, row.hint);
+	throw Failure(otherwise, text, "");
 }
 
 std::string read_all(int fd, const std::string &name)
 {
 	std::string text;
 	char buffer[64 << 10];
-	ssize_t got;
-	while ((got = read(fd, buffer, sizeof(buffer))) > 0)
+	ssize_t got = 0;
+	bool is_text = true; // a device of zeros would have no end
+	while (is_text && (got = read(fd, buffer, sizeof(buffer))) > 0) {
 		text.append(buffer, static_cast<size_t>(got));
+		is_text = std::memchr(buffer, 0, static_cast<size_t>(got)) == nullptr;
+	}
 	if (got == -1)
 		fail_with(errno, name);
 	return text;
@@ -113,6 +123,11 @@ std::string read_file(const std::string &path)
 
 void write_file(const std::string &path, std::string_view bytes)
 {
+	struct stat there;
+	if (lstat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode) && !S_ISLNK(there.st_mode))
+		throw Failure(Exit::invalid,
+		    fmt::format("{}: isn't a regular file, and would be replaced by one", path),
+		    "give the path of a file, or of one that doesn't exist yet");
 	NewFile made(path);
 	write_all(made.file.fd, bytes, path);
 	made.replace(path);

@@ -34,6 +34,15 @@ void declare(CLI::App &app, Options &options)
 	}
 }
 
+// What was printed counts only once it has left: a full disk is seen here.
+Exit flushed(Exit code)
+{
+	if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+		throw Failure(
+		    Exit::failure, "the standard output can't be written", "look for a full disk, or a closed end");
+	return code;
+}
+
 Exit parse_and_run(int argc, char **argv)
 {
 	Options options;
@@ -42,7 +51,7 @@ Exit parse_and_run(int argc, char **argv)
 	try {
 		app.parse(argc, argv);
 	} catch (const CLI::Success &asked) { // --help, --version
-		return static_cast<Exit>(app.exit(asked));
+		return flushed(static_cast<Exit>(app.exit(asked)));
 	} catch (const CLI::ParseError &error) {
 		throw Failure(Exit::usage, error.what(), "see cairnctl --help, or cairnctl COMMAND --help");
 	}
@@ -50,10 +59,7 @@ Exit parse_and_run(int argc, char **argv)
 	for (size_t i = 0; i < command_count; i++)
 		if (app.got_subcommand(commands[i].name))
 			code = commands[i].run(options);
-	if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-		throw Failure(
-		    Exit::failure, "the standard output can't be written", "look for a full disk, or a closed end");
-	return code;
+	return flushed(code);
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "shared/failure.h"
+#include "shared/rights.h"
 
 namespace {
 
@@ -75,10 +76,10 @@ Json json_of(const rpy_value_t *value)
 		return byte != 0;
 	case RPY_TYPE_COUNT:
 		(void) rpy_value_get_count(value, &count);
-		return count;
+		return number_to_json(count);
 	case RPY_TYPE_INTEGER:
 		(void) rpy_value_get_integer(value, &integer);
-		return integer;
+		return number_to_json(integer);
 	default:
 		break;
 	}
@@ -93,9 +94,9 @@ void set_value(rpy_value_t *value, rpy_type_t type, const Json &from, const std:
 	case RPY_TYPE_BOOLEAN:
 		return rpy_value_set_boolean(value, from.get<bool>() ? 1 : 0);
 	case RPY_TYPE_COUNT:
-		return rpy_value_set_count(value, from.get<uint64_t>());
+		return rpy_value_set_count(value, number_from_json<uint64_t>(from).value());
 	case RPY_TYPE_INTEGER:
-		return rpy_value_set_integer(value, from.get<int64_t>());
+		return rpy_value_set_integer(value, number_from_json<int64_t>(from).value());
 	default:
 		break;
 	}
@@ -108,9 +109,10 @@ void set_value(rpy_value_t *value, rpy_type_t type, const Json &from, const std:
 void fail(const std::string &doing)
 {
 	rpy_error_t error = rpy_error();
+	const std::string fault = error == RPY_ERROR_PERMISSION_DENIED ? rights_fault(0) : "";
 	for (const auto &row : error_rows)
 		if (row.error == error)
-			throw Failure(row.code, fmt::format("{}: {}", doing, rpy_strerror(error)), row.hint);
+			throw Failure(row.code, fmt::format("{}: {}", doing, rpy_strerror(error)), row.hint + fault);
 	throw Failure(
 	    Exit::failure, fmt::format("{}: {}", doing, rpy_strerror(error)), "the system's log may tell more");
 }

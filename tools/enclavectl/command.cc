@@ -13,13 +13,11 @@
 
 #include <fmt/format.h>
 #include <meridon/enclave.h>
-#include <nlohmann/json.hpp>
 
+#include "shared/enclaves.h"
 #include "shared/failure.h"
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 /* ---- Failures of the registry, by their error number ---- */
 
@@ -136,28 +134,6 @@ enclave_info_t find(const std::string &enclave)
 
 /* ---- What is printed ---- */
 
-Json json_of(const enclave_info_t &info)
-{
-	Json row;
-	row["id"] = info.ei_id;
-	row["name"] = info.ei_name;
-	row["state"] = enclave_state_name(info.ei_state);
-	row["root"] = visible(info.ei_root);
-	if (info.ei_leader != 0) {
-		row["leader"] = info.ei_leader;
-		row["leader_start"] = info.ei_leader_start;
-		row["leader_alive"] = enclave_leader_alive(&info) != 0;
-	}
-	return row;
-}
-
-std::string leader_text(const enclave_info_t &info)
-{
-	if (info.ei_leader == 0)
-		return "-";
-	return fmt::format("{}{}", info.ei_leader, enclave_leader_alive(&info) != 0 ? "" : " (gone)");
-}
-
 void print_table(const std::vector<std::vector<std::string>> &rows)
 {
 	std::vector<size_t> widths(rows.at(0).size());
@@ -175,8 +151,8 @@ void print_table(const std::vector<std::vector<std::string>> &rows)
 void print_update(const Options &options, const char *verb, const enclave_info_t &info)
 {
 	if (options.json) {
-		Json document = {{"done", !options.dry_run}, {"enclave", json_of(info)}};
-		fmt::print("{}\n", document.dump());
+		Json document = {{"done", !options.dry_run}, {"enclave", enclave_to_json(info)}};
+		write_json(document);
 	} else if (options.dry_run) {
 		fmt::print(stderr, "would {} enclave {} ({}): state {}, leader {}, root {}\n", verb, info.ei_id,
 		    info.ei_name, enclave_state_name(info.ei_state), leader_text(info), visible(info.ei_root));
@@ -260,12 +236,11 @@ void run_list(const Options &options)
 	Json list = Json::array();
 	for (size_t i = 0; i < count; i++) {
 		const enclave_info_t &info = infos[i];
-		list.push_back(json_of(info));
-		rows.push_back({std::to_string(info.ei_id), info.ei_name, enclave_state_name(info.ei_state),
-		    leader_text(info), visible(info.ei_root)});
+		list.push_back(enclave_to_json(info));
+		rows.push_back(enclave_fields(info));
 	}
 	if (options.json) {
-		fmt::print("{}\n", Json{{"enclaves", list}}.dump());
+		write_json({{"enclaves", list}});
 	} else if (isatty(STDOUT_FILENO) != 0) {
 		rows.insert(rows.begin(), {"ID", "NAME", "STATE", "LEADER", "ROOT"});
 		print_table(rows);
@@ -284,7 +259,7 @@ void run_show(const Options &options)
 {
 	enclave_info_t info = find(options.enclave);
 	if (options.json) {
-		fmt::print("{}\n", json_of(info).dump());
+		write_json(enclave_to_json(info));
 		return;
 	}
 	fmt::print("id: {}\nname: {}\nstate: {}\nroot: {}\nleader: {}\n", info.ei_id, info.ei_name,

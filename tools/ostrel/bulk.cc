@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <functional>
 #include <optional>
 #include <unordered_map>
 
@@ -113,6 +114,12 @@ public:
 			std::stable_sort(all.begin(), all.end(),
 			    [](const Object *a, const Object *b) { return group_depth(a->id) < group_depth(b->id); });
 		return all;
+	}
+
+	Look before(const Object &object) const
+	{
+		auto found = stored_.find(key(object.id));
+		return found == stored_.end() ? Look() : Look{true, before_[found->second]};
 	}
 
 	// The store refused an object that was to be written.
@@ -262,27 +269,43 @@ void write_singly(Database &database, Plan &plan, Complaints &complaints, const 
 		done++;
 		progress.step();
 	};
-	std::vector<const Object *> written;
+	// A server goes on with all that it got. Everything else that is put off is waited for before the next one.
+	std::vector<std::function<void()>> later;
+	auto settle = [&](std::function<void()> &&landed) {
+		if (options.no_wait && database.back_end().served)
+			later.push_back(std::move(landed));
+		else
+			landed();
+	};
 	auto put = [&](const Object *object) {
+		Retries retries;
 		try {
-			database.put(*object);
-			written.push_back(object);
+			retries = database.put(*object);
 		} catch (const Failure &failure) {
 			if (failure.code != Exit::invalid || !options.keep_going)
 				throw;
 			complaints.take(failure);
 			plan.take_back(object);
+			return;
 		}
+		settle([&, object, retries]() mutable {
+			await_object(database, options, retries, *object, plan.before(*object));
+		});
+	};
+	auto remove = [&](const Identifiers *id) {
+		settle([&, id, retries = database.remove(*id)]() mutable {
+			await_update(database, options, retries, [&] {
+				const bool gone = database.is_gone(*id);
+				return Seen{gone, !gone};
+			});
+		});
 	};
 	for (const Object *object : writes)
 		step([&] { put(object); });
 	// The other way round: a group is listed before those below it, and takes them along.
-	std::for_each(
-	    removals.rbegin(), removals.rend(), [&](const Identifiers *id) { step([&] { database.remove(*id); }); });
-	for (const Object *object : written)
-		await_object(database, options, *object);
-	for (const Identifiers *id : removals)
-		await_update(database, options, [&] { return database.is_gone(*id); });
+	std::for_each(removals.rbegin(), removals.rend(), [&](const Identifiers *id) { step([&] { remove(id); }); });
+	for (const auto &landed : later)
+		landed();
 }
 
 void tell(const Plan &plan, const Complaints &complaints, const Options &options)
@@ -295,7 +318,7 @@ void tell(const Plan &plan, const Complaints &complaints, const Options &options
 		json["unchanged"] = plan.unchanged;
 		json["removed"] = plan.removed();
 		json["refused"] = complaints.count();
-		fmt::print("{}\n", json.dump());
+		write_json(json);
 		return;
 	}
 	std::string text = fmt::format("{} added, {} replaced, {} unchanged, {} removed, {} refused", plan.added,
@@ -336,8 +359,10 @@ Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints 
 	}
 	bool whole = database.back_end().is_path;
 	std::string text = whole ? plan.text() : "";
-	if (plan.changes())
+	if (plan.changes()) {
+		database.require_place();
 		database.check_loss();
+	}
 	if (!options.dry_run && plan.changes()) {
 		plan.check_removals();
 		if (whole)

@@ -4,6 +4,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
+#include "hatch.h"
 
 namespace {
 
@@ -19,10 +20,13 @@ Exit run(const Options &options)
 	bool allowed = database.allowed(options.write);
 	const char *operation = options.write ? "write" : "read";
 	if (options.json)
-		fmt::print("{}\n", Json{{"operation", operation}, {"allowed", allowed}}.dump());
+		write_json(Json{{"operation", operation}, {"allowed", allowed}});
 	else
 		fmt::print("{}: {}\n", operation, allowed ? "allowed" : "refused");
-	if (!allowed)
+	const std::string fault = allowed ? "" : rights_fault_at(database.name());
+	if (!fault.empty())
+		warn(Failure(Exit::permission, "who holds which right" + fault).in(database.label()));
+	else if (!allowed)
 		note("root grants rights in /etc/meridon/rights; the server's log and ostrel serve --help tell which "
 		     "one it asks for");
 	return allowed ? Exit::done : Exit::permission;

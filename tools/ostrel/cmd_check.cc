@@ -326,7 +326,7 @@ Exit run(const Options &options)
 		}
 	}
 	if (options.json)
-		fmt::print("{}\n", Json{{"findings", list}}.dump());
+		write_json(Json{{"findings", list}});
 	return code;
 }
 

@@ -64,7 +64,7 @@ Exit run(const Options &options)
 	List props = convert(object, table, options.to_persist, database.label());
 	Object converted = object_from_lists(id_list(object.id).get(), props.get());
 	if (options.json)
-		fmt::print("{}\n", object_to_json(converted).dump());
+		write_json(object_to_json(converted));
 	else
 		print_object(converted);
 	return Exit::done;

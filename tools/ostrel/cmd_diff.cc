@@ -105,7 +105,7 @@ void print_json(const std::vector<Difference> &differences)
 		}
 		list.push_back(std::move(row));
 	}
-	fmt::print("{}\n", Json{{"differences", list}}.dump());
+	write_json(Json{{"differences", list}});
 }
 
 void print_text(char sign, const std::string &text)

@@ -6,9 +6,8 @@
 #include <meridon/enclave.h>
 
 #include "command.h"
-#include "document.h"
+#include "shared/enclaves.h"
 #include "terminal.h"
-#include "text.h"
 
 namespace {
 
@@ -21,23 +20,16 @@ void declare(CLI::App &, Options &) {}
 void print_json(const enclave_info_t *infos, size_t count)
 {
 	Json list = Json::array();
-	for (size_t i = 0; i < count; i++) {
-		Json row;
-		row["id"] = infos[i].ei_id;
-		row["name"] = infos[i].ei_name;
-		row["state"] = enclave_state_name(infos[i].ei_state);
-		row["root"] = text_to_json(infos[i].ei_root);
-		list.push_back(row);
-	}
-	fmt::print("{}\n", Json{{"enclave", getenclaveid()}, {"enclaves", list}}.dump());
+	for (size_t i = 0; i < count; i++)
+		list.push_back(enclave_to_json(infos[i]));
+	write_json({{"enclave", getenclaveid()}, {"enclaves", list}});
 }
 
 void print_rows(const enclave_info_t *infos, size_t count)
 {
-	Table table = {{"id", "name", "state", "root"}, {}};
+	Table table = {{"id", "name", "state", "leader", "root"}, {}};
 	for (size_t i = 0; i < count; i++)
-		table.rows.push_back({std::to_string(infos[i].ei_id), visible(infos[i].ei_name),
-		    enclave_state_name(infos[i].ei_state), visible(infos[i].ei_root)});
+		table.rows.push_back(enclave_fields(infos[i]));
 	if (is_terminal(STDOUT_FILENO))
 		return table.rows.empty() ? note("no enclaves") : print_table(table);
 	for (const auto &row : table.rows)

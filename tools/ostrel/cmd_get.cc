@@ -48,7 +48,7 @@ Exit run(const Options &options)
 	}
 	const Object &shown = options.props.empty() ? object : chosen;
 	if (options.json)
-		fmt::print("{}\n", object_to_json(shown).dump());
+		write_json(object_to_json(shown));
 	else if (options.props.empty())
 		print_object(shown);
 	else

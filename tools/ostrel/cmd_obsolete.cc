@@ -54,6 +54,8 @@ std::string new_name(const std::string &name)
 // The entries that match now, sorted by name. The library looks for itself; this is what it is compared with.
 std::vector<Entry> matching_entries(const std::string &dir, const std::string &pattern)
 {
+	if (pattern.empty()) // such as a variable that isn't set
+		throw Failure(Exit::usage, "an empty pattern matches every entry").next("write '.' if that is meant");
 	std::unique_ptr<char, Release> compiled(regcmp(pattern.c_str(), nullptr));
 	if (!compiled)
 		throw Failure(Exit::usage, fmt::format("'{}' isn't an extended regular expression", pattern))
@@ -117,8 +119,7 @@ void print_json(const Options &options, const std::vector<Entry> &entries)
 			file["message"] = text_to_json(entry.message);
 		files.push_back(file);
 	}
-	fmt::print("{}\n",
-	    Json{{"directory", text_to_json(options.database)}, {"dry_run", options.dry_run}, {"files", files}}.dump());
+	write_json(Json{{"directory", text_to_json(options.database)}, {"dry_run", options.dry_run}, {"files", files}});
 }
 
 void print_lines(const Options &options, const std::vector<Entry> &entries)

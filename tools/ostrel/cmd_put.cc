@@ -35,8 +35,8 @@ Exit run(const Options &options)
 		    .next("without --new its properties are replaced; ostrel set changes some of them");
 	rehearse(database, object, before);
 	if (!options.dry_run) {
-		database.put(object);
-		await_object(database, options, object);
+		Retries retries = database.put(object);
+		await_object(database, options, retries, object, before);
 	}
 	return tell_update(options, !known ? "written" : before.there ? "replaced" : "created", object);
 }

@@ -30,18 +30,22 @@ Exit remove_all(Database &database, const Options &options)
 				       : std::string("remove --all removes the whole database"))
 		    .in(database.label())
 		    .next("add --yes if that is meant");
+	database.require_place();
 	if (!options.dry_run) {
-		database.destroy();
-		await_update(database, options, [&] { return database.count().value_or(0) == 0; });
+		Retries retries = database.destroy();
+		await_update(database, options, retries, [&] {
+			const size_t left = database.count().value_or(0);
+			return Seen{left == 0, left == count};
+		});
 	}
 	if (options.json) {
 		Json json;
 		json["result"] = "removed";
 		json["dry_run"] = options.dry_run;
-		json["database"] = database.label();
+		json["database"] = text_to_json(database.label());
 		if (known)
 			json["objects"] = count;
-		fmt::print("{}\n", json.dump());
+		write_json(json);
 	} else if (options.dry_run) {
 		fmt::print(
 		    "would be removed: the database{}\n", known ? fmt::format(" with its {} objects", count) : "");
@@ -63,10 +67,14 @@ Exit run(const Options &options)
 	}
 	begin_update(database, options);
 	Object object = database.readable() ? database.get_for_update(id) : Object{id, {}};
+	database.require_place();
 	database.check_loss();
 	if (!options.dry_run) {
-		database.remove(id);
-		await_update(database, options, [&] { return database.is_gone(object.id); });
+		Retries retries = database.remove(id);
+		await_update(database, options, retries, [&] {
+			const bool gone = database.is_gone(object.id);
+			return Seen{gone, !gone};
+		});
 	}
 	return tell_update(options, "removed", object);
 }

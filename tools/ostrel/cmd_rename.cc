@@ -36,9 +36,11 @@ Exit run(const Options &options)
 		database.check_group_rename(before, to);
 	rehearse(database, object, {});
 	if (!options.dry_run) {
-		database.rename(from, to);
-		await_update(
-		    database, options, [&] { return database.find(to) && (same || database.is_gone(before)); });
+		Retries retries = database.rename(from, to);
+		await_update(database, options, retries, [&] {
+			const bool there = database.look(to).there;
+			return Seen{there && (same || database.is_gone(before)), !there || same};
+		});
 	}
 	return tell_update(options, "renamed", object);
 }

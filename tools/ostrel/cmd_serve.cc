@@ -23,6 +23,7 @@
 #include "hatch.h"
 #include "log_messages.h"
 #include "readiness.h"
+#include "shared/rights.h"
 #include "text.h"
 #include "update_threads.h"
 
@@ -219,10 +220,8 @@ std::string who_may(const char *what, const std::string &right)
 void announce(const Database &database, const Options &options)
 {
 	if (options.json) {
-		fmt::print(
-		    "{}\n", Json{{"serving", database.label()}, {"path", options.other},
-				{"read_auth", options.read_auth}, {"write_auth", options.write_auth}, {"pid", getpid()}}
-				.dump());
+		write_json(Json{{"serving", text_to_json(database.label())}, {"path", text_to_json(options.other)},
+		    {"read_auth", options.read_auth}, {"write_auth", options.write_auth}, {"pid", getpid()}});
 		(void) std::fflush(stdout);
 		return;
 	}
@@ -275,8 +274,7 @@ public:
 			count(), ended, ended == landed ? "landed" : "ended", lost - left, left))
 			 .in(database.label()));
 		if (options.json)
-			fmt::print(
-			    "{}\n", Json{{"deferred", count()}, {"left_behind", left}, {"updates", named}}.dump());
+			write_json(Json{{"deferred", count()}, {"left_behind", left}, {"updates", named}});
 		return lost == 0 ? Exit::done : Exit::deferred;
 	}
 
@@ -344,6 +342,9 @@ Exit run(const Options &options)
 	{
 		Server server(database, options);
 		announce(database, options);
+		const std::string fault = rights_fault(geteuid());
+		if (!fault.empty() && !(options.read_auth.empty() && options.write_auth.empty()))
+			warn(Failure(Exit::permission, "who holds which right" + fault));
 		tell_manager("READY=1");
 		signals.wait();
 		tell_manager("STOPPING=1");

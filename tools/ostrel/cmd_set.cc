@@ -92,8 +92,8 @@ Exit run(const Options &options)
 		return tell_update(options, "unchanged", after);
 	rehearse(database, after, {true, before});
 	if (!options.dry_run) {
-		database.put(after);
-		await_object(database, options, after);
+		Retries retries = database.put(after);
+		await_object(database, options, retries, after, {true, before});
 	}
 	return tell_update(options, "changed", after);
 }

@@ -37,8 +37,8 @@ Exit run(const Options &options)
 	}
 	rehearse(database, object, before);
 	if (!options.dry_run) {
-		database.put(object);
-		await_object(database, options, object);
+		Retries retries = database.put(object);
+		await_object(database, options, retries, object, before);
 	}
 	return tell_update(options, "changed", object);
 }

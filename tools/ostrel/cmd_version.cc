@@ -11,7 +11,7 @@ void declare(CLI::App &, Options &) {}
 Exit run(const Options &options)
 {
 	if (options.json)
-		fmt::print("{}\n", Json{{"version", OSTREL_TOOL_VERSION}}.dump());
+		write_json(Json{{"version", OSTREL_TOOL_VERSION}});
 	else
 		fmt::print("ostrel {}\n", OSTREL_TOOL_VERSION);
 	return Exit::done;

@@ -118,7 +118,7 @@ Exit tell_update(const Options &options, const char *done, const Object &object)
 		json["result"] = done;
 		json["dry_run"] = options.dry_run;
 		json["object"] = object_to_json(object);
-		fmt::print("{}\n", json.dump());
+		write_json(json);
 	} else if (options.dry_run) {
 		fmt::print("would be {}: {}\n", done, id_text(object.id));
 		for (const Property &property : object.props)
@@ -141,6 +141,7 @@ void rehearse(Database &database, const Object &object, const Look &before)
 			database.check_group(object, before);
 		return;
 	}
+	database.require_place();
 	LineMaker maker;
 	try {
 		(void) maker.line(object);

@@ -7,9 +7,12 @@
 #include <chrono>
 #include <cstring>
 #include <exception>
+#include <fcntl.h>
+#include <linux/magic.h>
 #include <new>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/vfs.h>
 #include <thread>
 #include <unistd.h>
 
@@ -19,6 +22,7 @@
 #include "hatch.h"
 #include "libostrel_newfile.h"
 #include "scratch.h"
+#include "shared/rights.h"
 #include "text.h"
 #include "trail.h"
 #include "update_threads.h"
@@ -38,6 +42,16 @@ const BackEnd *back_end_by_prefix(std::string_view prefix)
 		if (prefix == row.prefix)
 			return &row;
 	return nullptr;
+}
+
+// A bare path that begins like this was meant to be something else.
+bool looks_like_prefix(std::string_view text)
+{
+	constexpr std::string_view others = "0123456789+-.";
+	auto is_letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+	return !text.empty() && is_letter(text[0]) && std::all_of(text.begin(), text.end(), [&](char c) {
+		return is_letter(c) || others.find(c) != std::string_view::npos;
+	});
 }
 
 // A walk's callback lives inside a C library: what it throws is kept, and thrown again outside.
@@ -99,6 +113,41 @@ std::optional<std::string> link_target(const std::string &path)
 	return std::string(target, static_cast<size_t>(length));
 }
 
+bool holds_no_files(const std::string &directory)
+{
+	struct statfs fs;
+	return statfs(directory.c_str(), &fs) == 0 && (fs.f_type == PROC_SUPER_MAGIC || fs.f_type == SYSFS_MAGIC);
+}
+
+// Whether an attribute of a file, as statx() has it, is set.
+bool has_attribute(const std::string &path, uint64_t attribute)
+{
+	struct statx facts;
+	return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE, &facts) == 0 &&
+	       (facts.stx_attributes & attribute) != 0;
+}
+
+// What keeps a file from being made or replaced where rights don't matter. An update makes a new one beside it.
+std::optional<Diagnosis> diagnose_place(const std::string &path)
+{
+	const std::string directory = parent_of(path);
+	struct statvfs fs;
+	if (has_attribute(path, STATX_ATTR_MOUNT_ROOT))
+		return Diagnosis{Exit::invalid, "is mounted there by itself, and an update would have to replace it",
+		    "update the file that is mounted, where it lies, or mount the directory around it instead"};
+	if (holds_no_files(directory))
+		return Diagnosis{Exit::invalid, fmt::format("{} is the kernel's, and takes no files", directory),
+		    "give a path in a file system on a disk or in memory"};
+	if (statvfs(directory.c_str(), &fs) == 0 && (fs.f_flag & ST_RDONLY) != 0)
+		return Diagnosis{Exit::failure, "the file system is read-only",
+		    fmt::format("mount it writable, if that is meant: findmnt -T {}", directory)};
+	for (const std::string &marked : {path, directory})
+		if (has_attribute(marked, STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND))
+			return Diagnosis{Exit::permission, fmt::format("{} is marked as not to be changed", marked),
+			    fmt::format("lsattr -d {0} shows the mark; chattr -ia {0} takes it away", marked)};
+	return std::nullopt;
+}
+
 Diagnosis diagnose_missing(const std::string &path)
 {
 	struct stat status;
@@ -108,14 +157,22 @@ Diagnosis diagnose_missing(const std::string &path)
 	if (stat(parent_of(path).c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
 		return {
 		    Exit::not_found, fmt::format("there is no directory {}", parent_of(path)), "make the directory"};
+	if (holds_no_files(parent_of(path)))
+		return {Exit::not_found, "there is no such file", "give another path: no database can be made there"};
 	return {Exit::not_found, "there is no such file",
 	    "ostrel put or ostrel import makes a database where there is none"};
 }
 
+// Whether there is no room for what an update of the file would make: the whole of it once more.
 bool disk_is_full(const std::string &path)
 {
+	constexpr uint64_t margin = 64 << 10;
 	struct statvfs fs;
-	return statvfs(parent_of(path).c_str(), &fs) == 0 && (fs.f_bavail == 0 || (fs.f_files > 0 && fs.f_favail == 0));
+	struct stat status;
+	if (statvfs(parent_of(path).c_str(), &fs) != 0)
+		return false;
+	const uint64_t needed = margin + (stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0);
+	return fs.f_bavail * fs.f_frsize < needed || (fs.f_files > 0 && fs.f_favail == 0);
 }
 
 // What can be seen of a file that an operation failed on. Nothing is opened: a FIFO would make the tool wait.
@@ -123,6 +180,8 @@ std::optional<Diagnosis> diagnose_path(const std::string &path, ostrel_error_t r
 {
 	struct stat status;
 	int found = stat(path.c_str(), &status);
+	if (result == OSTREL_NO_MEMORY && disk_is_full(path))
+		return Diagnosis{Exit::memory, "there is no space left on the file system", "make room, and try again"};
 	if (found != 0 && (errno == ENOENT || errno == ENOTDIR))
 		return result == OSTREL_NOT_FOUND ? std::optional(diagnose_missing(path)) : std::nullopt;
 	if (found != 0)
@@ -134,8 +193,6 @@ std::optional<Diagnosis> diagnose_path(const std::string &path, ostrel_error_t r
 		    fmt::format(
 			"look at the rights with ls -ld {} {}; updates also need the right to write to the directory",
 			path, parent_of(path))};
-	if (result == OSTREL_NO_MEMORY && disk_is_full(path))
-		return Diagnosis{Exit::memory, "there is no space left on the file system", "make room, and try again"};
 	return std::nullopt;
 }
 
@@ -159,6 +216,12 @@ Database::Database(const std::string &name, enclaveid_t enclave, bool case_sensi
 	if (prefixed != nullptr) {
 		back_ = prefixed;
 		name_ = name.substr(colon + 1);
+	} else if (colon != std::string::npos && looks_like_prefix(std::string_view(name).substr(0, colon))) {
+		throw Failure(Exit::usage, fmt::format("'{}:' is no kind of database", name.substr(0, colon)))
+		    .in(label_)
+		    .next(fmt::format("write file:PATH, raw:PATH, repo:LOCATOR or hatch:PATH; a file of that name is "
+				      "written ./{}",
+			name));
 	}
 	if (name_.empty())
 		throw Failure(Exit::usage, "a database needs a name")
@@ -243,14 +306,15 @@ void Database::fail(ostrel_error_t result, const std::string &what)
 			throw Failure(Exit::permission, fmt::format("{}: the server doesn't allow it", what))
 			    .in(label_)
 			    .next(fmt::format("ostrel auth {} tells what it allows; {}root grants rights in "
-					      "/etc/meridon/rights",
-				label_, chose_level_ ? "object-db-name also needs the right ostrel.elsewhere; " : ""));
+					      "/etc/meridon/rights{}",
+				label_, chose_level_ ? "object-db-name also needs the right ostrel.elsewhere; " : "",
+				rights_fault_at(name_)));
 	}
 	if (back_->repository)
 		fail_repository(result, what);
 	if (result == OSTREL_NO_MEMORY)
 		throw Failure(Exit::memory, fmt::format("{}: there is no memory, or no space left", what)).in(label_);
-	if (result == OSTREL_NOT_FOUND && back_->is_path)
+	if (result == OSTREL_NOT_FOUND && back_->is_path && !here())
 		throw Failure(Exit::not_found, fmt::format("there is no such file in enclave {}", enclave_)).in(label_);
 	Failure failure(exit_of(result), fmt::format("{}: {}", what, ostrel_strerror(result)));
 	if (back_->served && result == OSTREL_INVALID_ARG)
@@ -259,6 +323,8 @@ void Database::fail(ostrel_error_t result, const std::string &what)
 	if (back_->served && result == OSTREL_FAILURE)
 		failure.next("the server is there; the store behind it may not be: look at the server's log, and for a "
 			     "repository at its daemon");
+	if (here() && result == OSTREL_FAILURE)
+		failure.next("the file system refuses it: a quota may be used up, and the system's log may tell more");
 	if (enclave_ != 0)
 		failure.next(fmt::format("ostrel enclaves tells whether enclave {} is running", enclave_));
 	throw failure.in(label_);
@@ -279,7 +345,8 @@ void Database::fail_repository(ostrel_error_t result, const std::string &what)
 		throw Failure(Exit::permission, fmt::format("{}: the repository doesn't allow it", what))
 		    .in(label_)
 		    .next("root, the daemon's user and who holds the right cairn.modify in /etc/meridon/rights may "
-			  "update");
+			  "update" +
+			  rights_fault(0));
 }
 
 // A store that is walked by type alone is walked level by level.
@@ -611,6 +678,14 @@ void Database::require_regular_file() const
 		    .next("give the path of the file itself");
 }
 
+void Database::require_place() const
+{
+	if (!here())
+		return;
+	if (std::optional<Diagnosis> found = diagnose_place(name_))
+		throw Failure(found->code, found->message).in(label_).next(found->hint);
+}
+
 // What the library refuses though the object itself can be stored.
 Failure Database::refused(const Identifiers &id, const Object *object)
 {
@@ -763,7 +838,24 @@ static ostrel_error_t past_others(Update update)
 	return result;
 }
 
-void Database::put(const Object &object)
+// What an update has to be made after, so that its threads can be told from those before.
+void Database::begin_update()
+{
+	updated_ = true;
+	if (!back_->defers || finder_)
+		return;
+	if (back_->repository)
+		watch_ = std::make_unique<UpdateWatch>(UpdateWatch::Keep::all);
+	std::optional<pid_t> process = back_->served ? hatch_server(name_) : std::optional(getpid());
+	finder_ = std::make_unique<RetryFinder>(process == 0 ? std::nullopt : process, watch_.get());
+}
+
+Retries Database::made_update()
+{
+	return finder_ ? finder_->find() : Retries();
+}
+
+Retries Database::put(const Object &object)
 {
 	if (back_->is_path) {
 		auto change = [&](std::vector<Object> &all) {
@@ -777,19 +869,21 @@ void Database::put(const Object &object)
 			if (!found)
 				all.push_back(object);
 		};
-		return replace(changed_text(change, &object), {&object}, {});
+		replace(changed_text(change, &object), {&object}, {});
+		return Retries();
 	}
 	List ids = list(object.id);
 	List props = props_list(object.props);
-	updated_ = true;
+	begin_update();
 	ostrel_error_t result = past_others([&] { return ostrel_db_write(db_, ids.get(), 0, props.get()); });
 	if (result == OSTREL_INVALID_ARG)
 		throw refused(object.id, &object).in(label_);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be written", id_text(object.id)));
+	return made_update();
 }
 
-void Database::rename(const Identifiers &from, const Identifiers &to)
+Retries Database::rename(const Identifiers &from, const Identifiers &to)
 {
 	if (back_->is_path) {
 		auto change = [&](std::vector<Object> &all) {
@@ -798,39 +892,44 @@ void Database::rename(const Identifiers &from, const Identifiers &to)
 					stored.id = to;
 		};
 		const Object renamed = {from, {}};
-		return replace(changed_text(change, nullptr), {&renamed}, {});
+		replace(changed_text(change, nullptr), {&renamed}, {});
+		return Retries();
 	}
 	List old_list = list(from);
 	List new_list = list(to);
-	updated_ = true;
+	begin_update();
 	ostrel_error_t result = past_others([&] { return ostrel_db_rename(db_, old_list.get(), 0, new_list.get()); });
 	if (result == OSTREL_INVALID_ARG)
 		throw refused(to).in(label_);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be renamed", id_text(from)));
+	return made_update();
 }
 
-void Database::remove(const Identifiers &id)
+Retries Database::remove(const Identifiers &id)
 {
 	if (back_->is_path) {
 		auto change = [&](std::vector<Object> &all) {
 			std::erase_if(all, [&](const Object &stored) { return is_same(stored.id, id); });
 		};
-		return replace(changed_text(change, nullptr), {}, {&id});
+		replace(changed_text(change, nullptr), {}, {&id});
+		return Retries();
 	}
 	List ids = list(id);
-	updated_ = true;
+	begin_update();
 	ostrel_error_t result = ostrel_db_remove(db_, ids.get(), 0);
 	if (result == OSTREL_INVALID_ARG)
 		throw refused(id).in(label_);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be removed", id_text(id)));
+	return made_update();
 }
 
 // What lies below a group goes with it.
-void Database::destroy()
+Retries Database::destroy()
 {
 	if (!holds_groups()) {
+		begin_update();
 		ostrel_error_t result = ostrel_db_remove(db_, nullptr, 0);
 		if (result == OSTREL_INVALID_ARG && back_->served && !readable())
 			throw Failure(Exit::invalid, "the server refuses to remove everything at once")
@@ -838,14 +937,16 @@ void Database::destroy()
 			    .next("a repository is emptied group by group, which needs the right to read, too");
 		if (result != OSTREL_SUCCESS)
 			fail(result, "can't be removed");
-		return;
+		return made_update();
 	}
+	Retries retries;
 	if (std::optional<std::vector<std::string>> names = group_names()) {
 		for (const std::string &name : *names)
 			if (name.find('/') == std::string::npos)
-				remove({{group_name_key, name}});
-		return;
+				retries.add(remove({{group_name_key, name}}));
+		return retries;
 	}
 	for (const Object &object : objects({{group_type_key, "*"}}))
-		remove(object.id);
+		retries.add(remove(object.id));
+	return retries;
 }

@@ -14,6 +14,7 @@
 #include "failure.h"
 #include "object.h"
 #include "repository.h"
+#include "update_threads.h"
 
 class NewFile; // the library's
 
@@ -77,10 +78,12 @@ public:
 	void require_updates(Loss loss, Hold hold);
 	// Says what an update of a file would lose. Throws Failure if that isn't accepted.
 	void check_loss() const;
-	void put(const Object &object);
-	void rename(const Identifiers &from, const Identifiers &to);
-	void remove(const Identifiers &id);
-	void destroy();
+	// Throws Failure if no file can be made or replaced there, whoever asks.
+	void require_place() const;
+	Retries put(const Object &object);
+	Retries rename(const Identifiers &from, const Identifiers &to);
+	Retries remove(const Identifiers &id);
+	Retries destroy();
 	// Updates that haven't landed are given up: the end doesn't wait for them.
 	void give_up() { given_up_ = true; }
 	// Puts a file with this content in the place of one that is held, whole or not at all, durably; mode and owner stay.
@@ -119,6 +122,8 @@ private:
 	void replace_held(const std::string &content);
 	[[noreturn]] void fail_replace(int error);
 	Failure refused(const Identifiers &id, const Object *object = nullptr);
+	void begin_update();
+	Retries made_update();
 	[[noreturn]] void fail(ostrel_error_t result, const std::string &what);
 	void fail_repository(ostrel_error_t result, const std::string &what);
 	[[noreturn]] void fail_walk(ostrel_error_t result, const Identifiers &id);
@@ -143,6 +148,8 @@ private:
 	bool exists_ = false;
 	Loss loss_ = Loss::refused;
 	bool updated_ = false;
+	std::unique_ptr<UpdateWatch> watch_;  // of an own repository's updates, from the first one on
+	std::unique_ptr<RetryFinder> finder_; // of a store that defers, the same
 	bool given_up_ = false;
 };
 

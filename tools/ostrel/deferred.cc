@@ -15,6 +15,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds first_pause(50), longest_pause(1000);
+constexpr int looks = 5; // at what is as before, before the update counts as deferred
 
 bool same_props(const Object &a, const Object &b)
 {
@@ -22,15 +23,86 @@ bool same_props(const Object &a, const Object &b)
 	    [](const Property &x, const Property &y) { return x.name == y.name && same_value(x, y); });
 }
 
-bool wait_for(const std::function<bool()> &landed)
+enum class Fate { landed, open, lost };
+
+// Where the store's own word isn't enough, what is stored counts. Another's later value never says "not yet".
+Fate fate_of(Retries::State state, const std::function<Seen()> &look)
+{
+	if (state == Retries::State::none || state == Retries::State::landed)
+		return Fate::landed;
+	if (state == Retries::State::refused)
+		return Fate::lost;
+	const Seen seen = look();
+	if (state == Retries::State::ended)
+		return seen.wanted ? Fate::landed : Fate::lost;
+	const bool landed =
+	    state == Retries::State::going_on ? seen.wanted && !seen.before : seen.wanted || !seen.before;
+	return landed ? Fate::landed : Fate::open;
+}
+
+// A server's threads may have been passed over, but then what was to be there isn't. Its yes stands, also if it has ended.
+void look_closely(Retries &retries, const std::function<Seen()> &look)
+{
+	try {
+		if (!look().wanted)
+			retries.look_again();
+	} catch (const Failure &) {
+		return;
+	}
+}
+
+// What is known at once. What is as before may have been changed back.
+Fate first_fate(Database &database, Retries &retries, const std::function<Seen()> &look)
+{
+	if (database.back_end().served && retries.state() == Retries::State::none)
+		look_closely(retries, look);
+	Fate fate = fate_of(retries.state(), look);
+	for (int i = 0; i < looks && fate == Fate::open && retries.state() == Retries::State::unseen; i++) {
+		std::this_thread::sleep_for(first_pause);
+		fate = fate_of(retries.state(), look);
+	}
+	return fate;
+}
+
+Fate wait_for(const Retries &retries, const std::function<Seen()> &look)
 {
 	Clock::time_point end = Clock::now() + longest_deferral;
-	for (auto pause = first_pause; Clock::now() < end; pause = std::min(pause * 2, longest_pause)) {
+	Fate fate = Fate::open;
+	for (auto pause = first_pause; fate == Fate::open && Clock::now() < end;
+	     pause = std::min(pause * 2, longest_pause)) {
 		std::this_thread::sleep_for(pause);
-		if (landed())
-			return true;
+		fate = fate_of(retries.state(), look);
 	}
-	return false;
+	return fate;
+}
+
+constexpr struct {
+	Retries::State state;
+	const char *own, *served;
+} reasons[] = {
+    {Retries::State::refused, "the update was deferred, and then refused or given up", ""},
+    {Retries::State::ended,
+	"the update was deferred, and refused or given up, or somebody has changed the object since",
+	"the update was deferred, and has ended: it was refused or given up, or it can't be read, or somebody has "
+	"changed the object since"},
+    {Retries::State::unseen, "the update hasn't landed, and is given up, or somebody has changed it back",
+	"the update hasn't landed, or somebody has changed it back"},
+    {Retries::State::going_on, "the update hasn't landed, and is given up", "the update hasn't landed"},
+};
+
+Failure lost(const Database &database, Retries::State state)
+{
+	const bool is_served = database.back_end().served;
+	const char *reason = "the update hasn't landed";
+	for (const auto &row : reasons)
+		if (row.state == state)
+			reason = is_served ? row.served : row.own;
+	const bool may_go_on = is_served && state != Retries::State::ended;
+	return Failure(Exit::deferred, reason)
+	    .in(database.label())
+	    .next(may_go_on   ? "the store's server goes on trying for a while, and logs how it ends"
+		  : is_served ? "the server's log, and the audit trail, tell how it ended"
+			      : "no server goes on trying: run the command again when the store can be written");
 }
 
 } // namespace
@@ -48,9 +120,13 @@ bool is_stored_form(const Object &written, const Object &stored)
 	}
 }
 
-void await_update(Database &database, const Options &options, const std::function<bool()> &landed)
+void await_update(Database &database, const Options &options, Retries &retries, const std::function<Seen()> &look)
 {
-	if (!database.back_end().defers || !database.readable() || landed())
+	if (!database.back_end().defers)
+		return;
+	const std::function<Seen()> see = [&] { return database.readable() ? look() : Seen{false, false}; };
+	Fate fate = first_fate(database, retries, see);
+	if (fate == Fate::landed)
 		return;
 	warn(Failure(Exit::deferred,
 	    options.no_wait
@@ -58,22 +134,24 @@ void await_update(Database &database, const Options &options, const std::functio
 		: fmt::format("the update is deferred: the store can't be written now; waiting up to {} s for it",
 		      longest_deferral.count()))
 		 .in(database.label()));
-	if (!options.no_wait && wait_for(landed))
+	if (fate == Fate::open && !options.no_wait)
+		fate = wait_for(retries, see);
+	if (fate == Fate::landed)
+		return;
+	const Retries::State state = retries.state();
+	if (state == Retries::State::landed) // at the last moment
 		return;
 	database.give_up();
-	const bool is_served = database.back_end().served;
-	throw Failure(Exit::deferred,
-	    is_served ? "the update hasn't landed, or somebody else changed the same object meanwhile"
-		      : "the update hasn't landed, and is given up, or somebody else changed the same object meanwhile")
-	    .in(database.label())
-	    .next(is_served ? "the store's server goes on trying for a while, and logs how it ends"
-			    : "no server goes on trying: run the command again when the store can be written");
+	throw lost(database, state);
 }
 
-void await_object(Database &database, const Options &options, const Object &object)
+void await_object(
+    Database &database, const Options &options, Retries &retries, const Object &object, const Look &before)
 {
-	await_update(database, options, [&] {
-		std::optional<Object> stored = database.find(object.id);
-		return stored && is_stored_form(object, *stored);
+	await_update(database, options, retries, [&] {
+		const Look now = database.look(object.id);
+		const bool same = now.object && before.object ? same_props(*now.object, *before.object)
+							      : !now.object && !before.object;
+		return Seen{now.object && is_stored_form(object, *now.object), same && now.there == before.there};
 	});
 }

@@ -9,31 +9,27 @@
 #include <fmt/format.h>
 
 #include "element.h"
-#include "text.h"
+#include "shared/visible.h"
 
 namespace {
 
 constexpr const char *format_name = "ostrel-objects";
-constexpr int format_version = 1;
+constexpr int format_version = 2; // 1 is read as well: it had numbers of 64 bits as numbers alone
 
 // ---- Writing ----
 
 Json value_to_json(const ValueType &type, const std::string &value)
 {
-	return type.quoted ? Json(text_to_json(value)) : Json::parse(value);
+	if (type.quoted)
+		return text_to_json(value);
+	const Json plain = Json::parse(value);
+	if (!plain.is_number())
+		return plain;
+	return plain.is_number_unsigned() ? number_to_json(plain.get<uint64_t>())
+					  : number_to_json(plain.get<int64_t>());
 }
 
 } // namespace
-
-std::string text_to_json(const std::string &text)
-{
-	if (is_utf8(text))
-		return text;
-	std::string hex(1, '\0');
-	for (char byte : text)
-		hex += fmt::format("{:02x}", static_cast<unsigned char>(byte));
-	return hex;
-}
 
 Json id_to_json(const Identifiers &id)
 {
@@ -74,7 +70,7 @@ DocumentWriter::DocumentWriter()
 
 void DocumentWriter::add(const Object &object)
 {
-	std::string text = object_to_json(object).dump();
+	std::string text = visible_json(object_to_json(object).dump());
 	fmt::print("{}\n{}", first_ ? "" : ",", text);
 	first_ = false;
 }
@@ -105,11 +101,17 @@ std::string text_from_json(const std::string &text, const std::string &path)
 	return bytes;
 }
 
-// Which kind of JSON value stands for a type: its numbers are whole, its booleans aren't words.
+bool is_wide(const ValueType &type)
+{
+	return type.array == DATA_TYPE_INT64_ARRAY || type.array == DATA_TYPE_UINT64_ARRAY;
+}
+
+// Which kind of JSON value stands for a type: its numbers are whole, its booleans aren't words. Only those of 64 bits may
+// be texts.
 bool kind_fits(const Json &json, const ValueType &type)
 {
 	if (type.numeric)
-		return json.is_number();
+		return json.is_number() || (is_wide(type) && json.is_string());
 	return type.quoted ? json.is_string() : json.is_boolean();
 }
 
@@ -122,8 +124,9 @@ std::string value_from_json(const Json &json, const ValueType &type, const std::
 		bad_element(
 		    path, fmt::format("{} isn't a whole number within the range of {}", json.dump(), type.word));
 	try {
-		return type.normalize(
-		    type.quoted ? text_from_json(json.get_ref<const std::string &>(), path) : json.dump());
+		if (type.quoted)
+			return type.normalize(text_from_json(json.get_ref<const std::string &>(), path));
+		return type.normalize(json.is_string() ? json.get_ref<const std::string &>() : json.dump());
 	} catch (Failure &failure) {
 		failure.at(path);
 		throw;
@@ -192,9 +195,10 @@ public:
 		require_keys(rest, {"format", "version", "objects"}, "");
 		if (member(rest, "format", "") != format_name)
 			bad_element("/format", fmt::format("the format isn't \"{}\"", format_name));
-		if (member(rest, "version", "") != format_version)
-			bad_element(
-			    "/version", fmt::format("this version of the format isn't known; {} is", format_version));
+		const Json &version = member(rest, "version", "");
+		if (version != format_version && version != 1)
+			bad_element("/version",
+			    fmt::format("this version of the format isn't known; 1 to {} are", format_version));
 		require_kind(member(rest, "objects", ""), Json::value_t::array, "/objects");
 		return std::move(found_);
 	}

@@ -7,15 +7,9 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "failure.h"
 #include "object.h"
-
-using Json = nlohmann::ordered_json;
-
-// A text that isn't UTF-8 becomes a NUL character and its bytes in hexadecimal: no text of a database holds a NUL.
-std::string text_to_json(const std::string &text);
+#include "shared/json.h"
 
 Json id_to_json(const Identifiers &id);
 Json property_to_json(const Property &property);

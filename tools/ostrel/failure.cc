@@ -81,7 +81,7 @@ void print_json(const char *kind, const Failure &failure)
 		body["hint"] = visible(failure.hint);
 	nlohmann::ordered_json document;
 	document[kind] = body;
-	fmt::print(stderr, "{}\n", document.dump());
+	fmt::print(stderr, "{}\n", visible_json(document.dump()));
 }
 
 void print(const char *kind, const Failure &failure)

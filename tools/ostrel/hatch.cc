@@ -10,6 +10,8 @@
 #include <fmt/format.h>
 #include <meridon/hatch.h>
 
+#include "shared/rights.h"
+
 namespace {
 
 class Descriptor {
@@ -70,4 +72,12 @@ std::optional<Failure> hatch_unreachable(const std::string &path)
 		    .next(fmt::format("a database file is written file:{}", path));
 	return Failure(Exit::no_connection, "no server answers: it has ended, or hasn't begun")
 	    .next(fmt::format("start the server: ostrel serve DB {}", path));
+}
+
+std::string rights_fault_at(const std::string &path)
+{
+	const std::optional<pid_t> server = hatch_server(path);
+	struct stat process;
+	const bool seen = server && *server != 0 && stat(fmt::format("/proc/{}", *server).c_str(), &process) == 0;
+	return rights_fault(seen ? process.st_uid : 0);
 }

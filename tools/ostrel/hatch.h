@@ -16,4 +16,7 @@ std::optional<pid_t> hatch_server(const std::string &path);
 // gone is no more than a failure to it.
 std::optional<Failure> hatch_unreachable(const std::string &path);
 
+// Why the server at `path` doesn't go by the file of rights; empty if it does, as far as can be seen from here.
+std::string rights_fault_at(const std::string &path);
+
 #endif

@@ -1,4 +1,4 @@
-// Escapes and widths. Divisions: UTF-8, making visible, escapes as they are typed, widths.
+// Escapes and widths. Divisions: escapes as they are typed, widths.
 #include "text.h"
 
 #include <cctype>
@@ -12,94 +12,6 @@
 #include "failure.h"
 
 namespace {
-
-// ---- UTF-8 ----
-
-struct Decoded {
-	char32_t code;
-	size_t length; // 0: not UTF-8 here
-};
-
-constexpr struct {
-	unsigned char mask, lead;
-	size_t length;
-	char32_t least; // anything below has a shorter form
-} utf8_forms[] = {{0x80, 0x00, 1, 0}, {0xe0, 0xc0, 2, 0x80}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
-
-Decoded decode(std::string_view text)
-{
-	auto first = static_cast<unsigned char>(text[0]);
-	for (const auto &form : utf8_forms) {
-		if ((first & form.mask) != form.lead)
-			continue;
-		if (text.size() < form.length)
-			return {0, 0};
-		char32_t code = first & static_cast<unsigned char>(~form.mask);
-		for (size_t i = 1; i < form.length; i++) {
-			auto byte = static_cast<unsigned char>(text[i]);
-			if ((byte & 0xc0) != 0x80)
-				return {0, 0};
-			code = code << 6 | (byte & 0x3f);
-		}
-		if (code < form.least || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff))
-			return {0, 0};
-		return {code, form.length};
-	}
-	return {0, 0};
-}
-
-// ---- Making visible ----
-
-// Characters that a terminal obeys instead of showing, or that hide what stands beside them.
-constexpr struct {
-	char32_t first, last;
-} hidden_ranges[] = {{0x00, 0x1f}, {0x7f, 0x9f}, {0xad, 0xad}, {0x61c, 0x61c}, {0x180e, 0x180e}, {0x200b, 0x200f},
-    {0x2028, 0x202e}, {0x2060, 0x206f}, {0xfeff, 0xfeff}, {0xfff9, 0xfffb}, {0xe0000, 0xe007f}};
-
-bool is_hidden(char32_t code)
-{
-	for (const auto &range : hidden_ranges)
-		if (code >= range.first && code <= range.last)
-			return true;
-	return false;
-}
-
-constexpr struct {
-	char byte, letter;
-} short_escapes[] = {{'\n', 'n'}, {'\t', 't'}, {'\r', 'r'}};
-
-void append_escaped_byte(std::string &out, char byte)
-{
-	for (const auto &row : short_escapes) {
-		if (row.byte == byte) {
-			out += '\\';
-			out += row.letter;
-			return;
-		}
-	}
-	out += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
-}
-
-std::string show(std::string_view text, std::string_view guarded)
-{
-	std::string out;
-	out.reserve(text.size());
-	while (!text.empty()) {
-		Decoded next = decode(text);
-		size_t length = next.length == 0 ? 1 : next.length;
-		std::string_view bytes = text.substr(0, length);
-		if (next.length == 0 || is_hidden(next.code)) {
-			for (char byte : bytes)
-				append_escaped_byte(out, byte);
-		} else {
-			if (guarded.find(bytes[0]) != std::string_view::npos)
-				out += '\\';
-			out += bytes;
-		}
-		text.remove_prefix(length);
-	}
-	return out;
-}
 
 // ---- Escapes as they are typed ----
 
@@ -158,25 +70,9 @@ size_t width_of(char32_t code)
 
 } // namespace
 
-bool is_utf8(std::string_view text)
-{
-	while (!text.empty()) {
-		Decoded next = decode(text);
-		if (next.length == 0)
-			return false;
-		text.remove_prefix(next.length);
-	}
-	return true;
-}
-
-std::string visible(std::string_view text)
-{
-	return show(text, "");
-}
-
 std::string escape(std::string_view text)
 {
-	return show(text, "\\,");
+	return visible(text, "\\,");
 }
 
 std::string join_values(const std::vector<std::string> &values)
@@ -229,7 +125,7 @@ size_t display_width(std::string_view text)
 {
 	size_t width = 0;
 	while (!text.empty()) {
-		Decoded next = decode(text);
+		Decoded next = decode_utf8(text);
 		width += next.length == 0 ? 1 : width_of(next.code);
 		text.remove_prefix(next.length == 0 ? 1 : next.length);
 	}
@@ -240,7 +136,7 @@ size_t fitting_prefix(std::string_view text, size_t width)
 {
 	size_t used = 0, taken = 0;
 	while (taken < text.size()) {
-		Decoded next = decode(text.substr(taken));
+		Decoded next = decode_utf8(text.substr(taken));
 		used += next.length == 0 ? 1 : width_of(next.code);
 		if (used > width && taken > 0)
 			break;

@@ -7,12 +7,9 @@
 #include <string_view>
 #include <vector>
 
-bool is_utf8(std::string_view text);
+#include "shared/visible.h"
 
-// A copy that can go to a terminal: control characters, what turns the direction of writing, and bytes that aren't
-// UTF-8 appear as \n, \t, \r or \xHH. Backslashes stay.
-std::string visible(std::string_view text);
-// The same, with a backslash before each backslash and each comma: unescape() gives the text back.
+// As visible() has it, with a backslash before each backslash and each comma: unescape() gives the text back.
 std::string escape(std::string_view text);
 // The values of a property as one word, which split_values() takes apart.
 std::string join_values(const std::vector<std::string> &values);

@@ -14,24 +14,31 @@
 
 namespace {
 
+// How often it is looked before none counts.
+constexpr int listings = 5;
+constexpr std::chrono::milliseconds between_listings(5);
+
 constexpr char update_thread_name[] = "ostrel_update"; // which each has before its update is known to be put off
 
-std::string name_of(pid_t thread)
+std::string name_of(pid_t process, pid_t thread)
 {
 	std::string name;
-	std::ifstream comm(fmt::format("/proc/self/task/{}/comm", thread));
+	std::ifstream comm(fmt::format("/proc/{}/task/{}/comm", process, thread));
 	(void) std::getline(comm, name); // empty for one that has ended
 	return name;
 }
 
-std::vector<pid_t> listing()
+// Nothing if the process can't be looked at.
+std::optional<std::vector<pid_t>> listing(pid_t process)
 {
 	std::vector<pid_t> threads;
 	std::error_code failed;
-	for (auto task = std::filesystem::directory_iterator("/proc/self/task", failed);
-	     !failed && task != std::filesystem::directory_iterator(); task.increment(failed)) {
+	auto task = std::filesystem::directory_iterator(fmt::format("/proc/{}/task", process), failed);
+	if (failed)
+		return std::nullopt;
+	for (; !failed && task != std::filesystem::directory_iterator(); task.increment(failed)) {
 		auto thread = static_cast<pid_t>(std::stol(task->path().filename().string()));
-		if (is_update_thread(thread))
+		if (is_update_thread(thread, process))
 			threads.push_back(thread);
 	}
 	return threads;
@@ -39,21 +46,19 @@ std::vector<pid_t> listing()
 
 } // namespace
 
-bool is_update_thread(pid_t thread)
+bool is_update_thread(pid_t thread, pid_t process)
 {
-	return name_of(thread) == update_thread_name;
+	return name_of(process, thread) == update_thread_name;
 }
 
 // One listing may pass over threads while others end, as those of a hatch do that is revoked: none counts only if it is
 // said again.
 std::vector<pid_t> update_threads()
 {
-	constexpr int listings = 5;
-	constexpr std::chrono::milliseconds pause(5);
-	std::vector<pid_t> threads = listing();
+	std::vector<pid_t> threads = listing(getpid()).value_or(std::vector<pid_t>());
 	for (int i = 1; i < listings && threads.empty(); i++) {
-		std::this_thread::sleep_for(pause);
-		threads = listing();
+		std::this_thread::sleep_for(between_listings);
+		threads = listing(getpid()).value_or(std::vector<pid_t>());
 	}
 	return threads;
 }
@@ -63,6 +68,15 @@ std::optional<UpdateWatch::Attempt> UpdateWatch::last(pid_t thread)
 	std::lock_guard<std::mutex> guard(lock_);
 	auto found = last_.find(thread);
 	return found == last_.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::vector<pid_t> UpdateWatch::threads()
+{
+	std::vector<pid_t> all;
+	std::lock_guard<std::mutex> guard(lock_);
+	for (const auto &entry : last_)
+		all.push_back(entry.first);
+	return all;
 }
 
 // Runs on the thread of the update, below a C library.
@@ -86,4 +100,65 @@ void UpdateWatch::keep(Attempt &&attempt)
 		return;
 	std::erase_if(last_, [](const auto &entry) { return !is_update_thread(entry.first); });
 	look_at_ = std::max(look_at_, 2 * last_.size());
+}
+
+Retries::State Retries::state() const
+{
+	if (!process_)
+		return State::unseen;
+	bool going_on = false, refused = false, ended = false;
+	for (pid_t thread : threads_) {
+		const bool runs =
+		    is_update_thread(thread, *process_); // before its record is looked at, which then is the last
+		const std::optional<UpdateWatch::Attempt> last =
+		    watch_ == nullptr ? std::nullopt : watch_->last(thread);
+		if (last && last->landed)
+			continue;
+		(runs ? going_on : last ? refused : ended) = true;
+	}
+	if (going_on || refused || ended)
+		return going_on ? State::going_on : refused ? State::refused : State::ended;
+	return threads_.empty() ? State::none : State::landed;
+}
+
+void Retries::add(const Retries &other)
+{
+	std::set<pid_t> threads = std::move(threads_);
+	*this = other;
+	threads_.insert(threads.begin(), threads.end());
+}
+
+void Retries::look_again()
+{
+	for (int i = 1; i < listings && process_ && threads_.empty(); i++) {
+		std::this_thread::sleep_for(between_listings);
+		for (pid_t thread : listing(*process_).value_or(std::vector<pid_t>()))
+			if (others_.count(thread) == 0)
+				threads_.insert(thread);
+	}
+}
+
+RetryFinder::RetryFinder(std::optional<pid_t> process, UpdateWatch *watch)
+    : process_(process && listing(*process) ? process : std::nullopt), watch_(watch)
+{
+	(void) find();
+}
+
+Retries RetryFinder::find()
+{
+	Retries found;
+	found.process_ = process_;
+	found.watch_ = watch_;
+	found.others_ = known_;
+	if (!process_)
+		return found;
+	std::vector<pid_t> threads =
+	    listing(*process_).value_or(std::vector<pid_t>()); // none of a process that has gone
+	if (watch_ != nullptr)
+		for (pid_t recorded : watch_->threads()) // also those that have ended already
+			threads.push_back(recorded);
+	for (pid_t thread : threads)
+		if (known_.insert(thread).second)
+			found.threads_.insert(thread);
+	return found;
 }

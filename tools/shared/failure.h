@@ -5,6 +5,8 @@
 #include <exception>
 #include <string>
 
+#include "visible.h"
+
 enum class Exit : int {
 	done = 0,
 	failure = 1,
@@ -36,8 +38,5 @@ extern const char *const program_name;
 
 // Prints it on the standard error, as text or as one line of JSON.
 void report(const Failure &failure, bool as_json);
-
-// Text that comes from elsewhere, with control characters and broken UTF-8 made visible.
-std::string visible(const std::string &text);
 
 #endif
