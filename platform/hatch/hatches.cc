@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "hatch/place.h"
+#include "hatch/pool.h"
 #include "hatch/server.h"
 
 namespace hatch {
@@ -46,10 +47,12 @@ void before_fork() NO_THREAD_SAFETY_ANALYSIS
 	list_lock.lock();
 	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next)
 		hatch->lock.lock();
+	lock_pool();
 }
 
 void in_parent() NO_THREAD_SAFETY_ANALYSIS
 {
+	unlock_pool();
 	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next)
 		hatch->lock.unlock();
 	list_lock.unlock();
@@ -60,6 +63,8 @@ void in_parent() NO_THREAD_SAFETY_ANALYSIS
 void in_child() NO_THREAD_SAFETY_ANALYSIS
 {
 	leave_call();
+	empty_pool();
+	unlock_pool();
 	Hatch *last = nullptr;
 	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next) {
 		hatch->place = Place{};

@@ -102,11 +102,14 @@ void set_moment(int fd)
 
 void add_peer(Hatch *hatch, Fd socket) REQUIRES(hatch->lock)
 {
-	auto *peer = new (std::nothrow) Peer{};
+	int fd = socket.get();
+	struct ucred connector = {};
+	socklen_t len = sizeof connector;
+	if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &connector, &len) == -1)
+		return; // whose it is can't be told
+	auto *peer = new (std::nothrow) Peer(std::move(socket), connector.uid);
 	if (peer == nullptr)
 		return;
-	int fd = socket.get();
-	peer->socket = std::move(socket);
 	peer->piece = prepare_sending(fd);
 	set_moment(fd);
 	peer->since = now_ns();
@@ -192,21 +195,28 @@ private:
 	bool has_;
 };
 
-void fill_ahead(char *data, const Peer &peer, size_t *filled)
+// How far a request that comes in pieces is given pages: by as much again as is there, so that one that comes byte by
+// byte costs little.
+size_t ahead_of(const Peer &peer)
 {
-	size_t end = std::min(peer.request_size, peer.request_have + piece_max);
+	return std::min(peer.request_size, peer.request_have + std::clamp(peer.request_have, page_size, piece_max));
+}
+
+void fill_to(char *data, size_t end, size_t *filled)
+{
 	if (end <= *filled)
 		return;
 	fill_pages(data + *filled, end - *filled);
 	*filled = end;
 }
 
-// Counts what a request of its own memory takes so far. False, and the request is refused, if that is more than clients
-// may have of this machine: nobody needs a right to send bytes.
-bool hold_request(Hatch *hatch, Peer *peer)
+// Has a request of its own memory pay for what it takes by now, and makes room for the next piece; a claim costs no
+// addresses. False, and the request is refused, if that can't be had.
+bool make_room(Hatch *hatch, Peer *peer)
 {
-	hold(hatch, peer, std::min(peer->request_size, peer->request_have + piece_max));
-	if (hatch->held <= requests_max())
+	const size_t room = std::min(peer->request_size, peer->request_have + piece_max);
+	if (hold(hatch, peer, ahead_of(*peer)) &&
+	    (room <= peer->request.size() || peer->request.grow(std::min(peer->request_size, 2 * room))))
 		return true;
 	refuse(hatch, peer, Refusal::no_memory, false);
 	return false;
@@ -217,7 +227,12 @@ bool hold_request(Hatch *hatch, Peer *peer)
 bool receive_pieces(Hatch *hatch, Peer *peer, char *data, size_t *filled, int64_t deadline)
 {
 	while (peer->request_have < peer->request_size) {
-		fill_ahead(data, *peer, filled);
+		if (peer->request) {
+			if (!make_room(hatch, peer))
+				return false;
+			data = peer->request.data();
+		}
+		fill_to(data, ahead_of(*peer), filled);
 		iovec part = {data + peer->request_have, peer->request_size - peer->request_have};
 		int flags = deadline > 0 && now_ns() < deadline ? 0 : MSG_DONTWAIT;
 		Message message = receive_message(peer->socket.get(), &part, 1, flags);
@@ -229,10 +244,8 @@ bool receive_pieces(Hatch *hatch, Peer *peer, char *data, size_t *filled, int64_
 			return false;
 		}
 		peer->request_have += static_cast<size_t>(message.size);
-		if (peer->request && !hold_request(hatch, peer))
-			return false;
 	}
-	return true;
+	return !peer->request || make_room(hatch, peer);
 }
 
 // Waits a little for the rest of a request. Only for the first time: whoever was too slow is waited for with all others.
@@ -261,13 +274,14 @@ void receive_rest(Hatch *hatch, Peer *peer)
 // Gives a request memory of its own, with what has arrived of it. False, and the request is refused, if there is none.
 bool set_apart(Hatch *hatch, Peer *peer, const char *data)
 {
-	if (!peer->request.map(peer->request_size, Fill::on_use)) {
+	if (peer->request_size > peer->charge.most() || !hold(hatch, peer, ahead_of(*peer)) ||
+	    !peer->request.map(std::min(peer->request_size, peer->request_have + piece_max), Fill::on_use)) {
 		refuse(hatch, peer, Refusal::no_memory, false);
 		return false;
 	}
 	fill_pages(peer->request.data(), peer->request_have);
 	memcpy(peer->request.data(), data, peer->request_have);
-	return hold_request(hatch, peer);
+	return true;
 }
 
 void receive_large(Hatch *hatch, Peer *peer, const char *first)
@@ -370,15 +384,6 @@ void serve_requests(Hatch *hatch, Peer *peer, RequestMemory *memory)
 
 } // namespace
 
-size_t requests_max()
-{
-	static const size_t most = [] {
-		long pages = sysconf(_SC_PHYS_PAGES), page = sysconf(_SC_PAGESIZE);
-		return pages > 0 && page > 0 ? static_cast<size_t>(pages) * static_cast<size_t>(page) / 16 : 0;
-	}();
-	return std::max(most, held_max);
-}
-
 int64_t now_ns()
 {
 	struct timespec now = {};
@@ -454,8 +459,10 @@ void hang_up(Hatch *hatch)
 		(void) shutdown(peer->socket.get(), peer->in_hand ? SHUT_RD : SHUT_RDWR);
 }
 
-void hold(Hatch *hatch, Peer *peer, size_t bytes)
+bool hold(Hatch *hatch, Peer *peer, size_t bytes)
 {
+	if (!peer->charge.resize(bytes))
+		return false;
 	size_t before = peer->held.exchange(bytes);
 	if (before == 0)
 		peer->since = now_ns();
@@ -464,11 +471,16 @@ void hold(Hatch *hatch, Peer *peer, size_t bytes)
 	run_timer(hatch, true);
 	if (hatch->held > held_max)
 		drop_oldest(hatch, Only::holders, peer);
+	return true;
 }
 
 void unhold(Hatch *hatch, Peer *peer)
 {
-	hatch->held -= peer->held.exchange(0);
+	size_t bytes = peer->held.exchange(0);
+	if (bytes == 0)
+		return;
+	hatch->held -= bytes;
+	(void) peer->charge.resize(0);
 }
 
 } // namespace hatch

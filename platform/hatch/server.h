@@ -17,6 +17,7 @@
 #include "base/guards.h"
 #include "base/thread_safety.h"
 #include "hatch/mapping.h"
+#include "hatch/pool.h"
 #include "hatch/record.h"
 #include "hatch/wire.h"
 
@@ -25,11 +26,6 @@ namespace hatch {
 // What clients may make a hatch hold for them: requests that they don't finish, replies that they don't read.
 inline constexpr size_t held_max = 256U << 20;
 inline constexpr int64_t held_ns_max = 60'000'000'000;
-
-// What the large requests of a hatch may take at a time, those that arrive and those that handlers run for: a sixteenth
-// of the machine's memory, and at least `held_max`, with all else that is held. Beyond it a request is refused for want of
-// memory.
-size_t requests_max();
 
 // What a thread keeps between calls, for requests and for replies: a large one comes in again, and fresh pages cost more
 // than the bytes in them. A MiB, and what callers put around it.
@@ -46,21 +42,25 @@ struct RequestMemory {
 
 // A connection of a client's. `in_hand`, `since` and `held` are read by other threads that look for one to drop.
 struct Peer {
-	Peer *next;
-	Peer *prev;
+	Peer(Fd taken, uid_t user) : socket(std::move(taken)), owner(user), charge(user) {}
+
+	Peer *next = nullptr;
+	Peer *prev = nullptr;
 	Fd socket;
-	size_t piece;               // payload that a message of ours can have
-	std::atomic<bool> in_hand;  // a thread deals with it
-	std::atomic<int64_t> since; // its last call ended, or what it holds began
-	std::atomic<size_t> held;   // bytes that it makes the hatch hold
-	Mapping request;            // a request that comes slowly, or is too large for the thread's memory
-	size_t request_size;
-	size_t request_have;
-	struct ucred sender; // who sent the request
-	Mapping rest;        // what is left of a reply that the client didn't take at once
-	size_t rest_sent;
-	bool called;   // a request came over it
-	bool finished; // to be closed by its owner
+	uid_t owner;                      // who connected: all that the connection costs is this user's
+	size_t piece = 0;                 // payload that a message of ours can have
+	std::atomic<bool> in_hand{false}; // a thread deals with it
+	std::atomic<int64_t> since{0};    // its last call ended, or what it holds began
+	std::atomic<size_t> held{0};      // bytes that it makes the hatch hold
+	Charge charge;                    // for the same
+	Mapping request;                  // a request that comes slowly, or is too large for the thread's memory
+	size_t request_size = 0;
+	size_t request_have = 0;
+	struct ucred sender = {}; // who sent the request
+	Mapping rest;             // what is left of a reply that the client didn't take at once
+	size_t rest_sent = 0;
+	bool called = false;   // a request came over it
+	bool finished = false; // to be closed by its owner
 };
 
 // A place in the file system. Guarded by the hatch's lock; all of it is empty while the hatch isn't attached.
@@ -143,8 +143,9 @@ int watch_listener(Hatch *hatch) REQUIRES(hatch->lock);
 // Refuses new requests: connections that no handler runs for are ended, the others when they have their reply.
 void hang_up(Hatch *hatch) REQUIRES(hatch->lock);
 void close_peer(Hatch *hatch, Peer *peer);
-// Counts bytes that a peer makes the hatch hold, and drops others when it is too much.
-void hold(Hatch *hatch, Peer *peer, size_t bytes);
+// Counts bytes that a peer makes the hatch hold, and drops others when it is too much. False, and nothing is counted, if
+// that is more than its user may have: nobody needs a right to send bytes.
+bool hold(Hatch *hatch, Peer *peer, size_t bytes);
 void unhold(Hatch *hatch, Peer *peer);
 
 // ---- Calls (handler.cc) ----

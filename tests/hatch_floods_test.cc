@@ -1,0 +1,230 @@
+// Users that take what they can get: shares of memory, and what others notice of a flood.
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <random>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "hatch/memory_bound.h"
+#include "hatch/pool.h"
+#include "hatch_peer.h"
+#include "lists.h"
+#include "scratch.h"
+
+using namespace hatch;
+
+namespace {
+
+constexpr size_t mib = size_t{1} << 20;
+constexpr uid_t stranger = 1001;
+
+// ---- Memory ----
+
+TEST(HatchMemory, TheLeastBoundOfAGroupAndItsParentsCounts)
+{
+	struct Group {
+		const char *what;
+		const char *groups; // /proc/self/cgroup
+		std::map<std::string, std::string> files;
+		size_t bound; // in MiB; 0: the machine's
+	};
+	const Group all[] = {
+	    {"no groups", "", {}, 0},
+	    {"version 2", "0::/a/b\n", {{"a/b/memory.max", "max\n"}, {"a/memory.max", "12582912\n"}}, 12},
+	    {"a smaller child", "0::/a/b\n", {{"a/b/memory.max", "8388608\n"}, {"a/memory.max", "12582912\n"}}, 8},
+	    {"in a namespace", "0::/\n", {{"memory.max", "16777216\n"}}, 16},
+	    {"a name from outside", "0::/x/y\n", {{"memory.max", "16777216\n"}}, 16},
+	    {"no bound", "0::/a\n", {{"a/memory.max", "max\n"}}, 0},
+	    {"version 1", "5:cpu:/z\n4:pids,memory:/a/b\n",
+		{{"memory/a/b/memory.limit_in_bytes", "9223372036854771712\n"},
+		    {"memory/a/memory.limit_in_bytes", "20971520\n"}, {"memory/z/memory.limit_in_bytes", "1\n"}},
+		20},
+	    {"both", "4:memory:/m\n0::/u\n",
+		{{"memory/m/memory.limit_in_bytes", "20971520\n"}, {"unified/u/memory.max", "10485760\n"}}, 10},
+	    {"nonsense", "\n::\n0::\n0:\nmemory\n0::/a\n", {{"a/memory.max", "1x\n"}}, 0},
+	};
+	for (const Group &one : all) {
+		Scratch tree;
+		std::filesystem::create_directories(tree.path("proc/self"));
+		(void) tree.write("proc/self/cgroup", one.groups);
+		for (const auto &[path, text] : one.files) {
+			std::filesystem::path file = tree.path("sys/fs/cgroup/" + path);
+			std::filesystem::create_directories(file.parent_path());
+			(void) tree.write("sys/fs/cgroup/" + path, text);
+		}
+		const size_t machine = memory_bound("/nowhere");
+		EXPECT_EQ(memory_bound(tree.directory().c_str()), one.bound == 0 ? machine : one.bound * mib)
+		    << one.what;
+	}
+}
+
+class FixedPool {
+public:
+	explicit FixedPool(size_t size) { set_pool_size(size); }
+	FixedPool(const FixedPool &) = delete;
+	FixedPool &operator=(const FixedPool &) = delete;
+	~FixedPool() { set_pool_size(0); }
+};
+
+TEST(HatchMemory, GreedyUsersLeaveAPartForTheNextAndAnEighthForRoot)
+{
+	const size_t size = 64 * mib, piece = mib / 64;
+	FixedPool pool(size);
+	std::vector<std::unique_ptr<Charge>> users;
+	for (uid_t k = 1; k <= 8; k++) {
+		users.push_back(std::make_unique<Charge>(100'000 + k));
+		while (users.back()->resize(users.back()->bytes() + piece))
+			;
+		const size_t share = (size - size / 8) / (k * (k + 1));
+		EXPECT_NEAR(static_cast<double>(users.back()->bytes()), static_cast<double>(share), 16 * piece) << k;
+	}
+	Charge root(0);
+	EXPECT_FALSE(users.front()->resize(users.front()->bytes() + piece));
+	EXPECT_TRUE(root.resize(size - pool_held()));
+	EXPECT_GE(root.bytes(), size / 8);
+	EXPECT_FALSE(root.resize(root.bytes() + 1)) << "the whole is everybody's bound";
+	EXPECT_FALSE(users.back()->resize(SIZE_MAX));
+	EXPECT_TRUE(users.back()->resize(1)) << "less is never refused";
+	users.clear();
+	EXPECT_EQ(pool_held(), root.bytes());
+}
+
+// Any users, any sizes: the sum is right, what is granted is what the rule says, and all comes back.
+TEST(HatchMemory, ChargesAddUpWhateverIsAskedFor)
+{
+	const size_t size = 64 * mib, of_strangers = size - size / 8;
+	FixedPool pool(size);
+	std::mt19937 random(7);
+	std::map<uid_t, size_t> has; // users that hold something
+	size_t sum = 0, refused = 0;
+	{
+		std::vector<std::unique_ptr<Charge>> charges;
+		std::vector<uid_t> users;
+		for (uid_t i = 0; i < 300; i++) {
+			users.push_back(i % 40 == 0 ? 0 : 5'000 + i % 60 * 1024); // one bucket for all
+			charges.push_back(std::make_unique<Charge>(users.back()));
+		}
+		for (int step = 0; step < 20'000; step++) {
+			const size_t i = random() % charges.size();
+			const size_t before = charges[i]->bytes(), wish = random() % 4 == 0 ? 0 : random() % (2 * mib);
+			const size_t more = wish > before ? wish - before : 0;
+			const size_t mine = has.count(users[i]) == 0 ? 0 : has[users[i]];
+			const size_t strangers = has.size() - has.count(0) + (mine == 0 ? 1 : 0);
+			const size_t left = of_strangers > sum ? of_strangers - sum : 0;
+			const bool within = users[i] == 0
+						? sum + more <= size
+						: more <= left && (mine + more) * (strangers + 1) <= left + mine;
+			const bool granted = charges[i]->resize(wish);
+			ASSERT_EQ(granted, within || more == 0) << step;
+			refused += granted ? 0 : 1;
+			if (granted && wish != before) {
+				sum = sum - before + wish;
+				if ((has[users[i]] = mine - before + wish) == 0)
+					has.erase(users[i]);
+			}
+			ASSERT_EQ(pool_held(), sum) << step;
+		}
+	}
+	EXPECT_GT(refused, 100U) << "it was never tight";
+	EXPECT_EQ(pool_held(), 0U);
+}
+
+// Carries out in its handler what a stranger's request may lead to, and gives the errors.
+void amplify(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
+{
+	Ask ask = {};
+	memcpy(&ask, arg, std::min(size, sizeof ask));
+	int error = 0;
+	attrlist_t *list = nullptr;
+	switch (ask.number) {
+	case 0:
+		error = attrlist_unpack(arg + sizeof ask, size - sizeof ask, &list, 0);
+		attrlist_free(list);
+		break;
+	case 1:
+		error = hatch_charge(ask.size) == 0 ? 0 : errno;
+		break;
+	case 2:
+		error = hatch_reply_memory(ask.size) != nullptr ? 0 : errno;
+		break;
+	default:
+		break;
+	}
+	(void) hatch_return(reinterpret_cast<const char *>(&error), sizeof error, nullptr, 0);
+}
+
+// Lists without members take many times their packed size.
+std::string empty_lists(size_t bytes)
+{
+	std::vector<attrlist_t *> lists(bytes / 8, nullptr);
+	attrlist_t *empty = nullptr, *whole = nullptr;
+	EXPECT_EQ(attrlist_alloc(&empty, ATL_UNIQUE_NAME, 0), 0);
+	EXPECT_EQ(attrlist_alloc(&whole, ATL_UNIQUE_NAME, 0), 0);
+	std::fill(lists.begin(), lists.end(), empty);
+	EXPECT_EQ(attrlist_add_attrlist_array(whole, "l", lists.data(), static_cast<unsigned int>(lists.size())), 0);
+	char *packed = nullptr;
+	size_t size = 0;
+	EXPECT_EQ(attrlist_pack(whole, &packed, &size, ATL_ENCODE_XDR, 0), 0);
+	std::string text(packed, size);
+	free(packed);
+	attrlist_free(whole);
+	attrlist_free(empty);
+	return text;
+}
+
+TEST(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "other users need root";
+	FixedPool pool(32 * mib); // 14 MiB for a stranger alone
+	Scratch scratch;
+	ASSERT_EQ(chmod(scratch.directory().c_str(), 0755), 0);
+	LocalHatch served(scratch.path("hatch"), amplify);
+	auto as_bytes = [](const Ask &ask) { return std::string(reinterpret_cast<const char *>(&ask), sizeof ask); };
+	const std::string lists = empty_lists(4 * mib);
+	struct Case {
+		const char *what;
+		std::string request;
+		int of_stranger, of_root;
+	};
+	const Case cases[] = {
+	    {"few lists", as_bytes({Do::Echo, 0, 0}) + empty_lists(mib / 16), 0, 0},
+	    {"many lists", as_bytes({Do::Echo, 0, 0}) + lists, ENOMEM, 0},
+	    {"a charge", as_bytes({Do::Echo, 1, 10 * mib}), 0, 0},
+	    {"a large charge", as_bytes({Do::Echo, 1, 20 * mib}), ENOMEM, 0},
+	    {"an absurd charge", as_bytes({Do::Echo, 1, SIZE_MAX}), ENOMEM, ENOMEM},
+	    {"a reply", as_bytes({Do::Echo, 2, 10 * mib}), 0, 0},
+	    {"a large reply", as_bytes({Do::Echo, 2, 20 * mib}), ENOMEM, 0},
+	    {"a large request and a charge", as_bytes({Do::Echo, 1, 6 * mib}) + std::string(10 * mib, 'x'), ENOMEM, 0},
+	};
+	auto outcome = [&](const std::string &request) {
+		Fd fd = open_hatch(scratch.path("hatch"));
+		Answer answer = call(fd.get(), request);
+		hatch_forget(fd.get());
+		int error = answer.error;
+		if (answer.data.size() == sizeof error)
+			memcpy(&error, answer.data.data(), sizeof error);
+		return error;
+	};
+	for (const Case &one : cases) {
+		int seen = -1;
+		std::thread([&] {
+			become(stranger, stranger);
+			seen = outcome(one.request);
+		}).join();
+		EXPECT_EQ(seen, one.of_stranger) << one.what;
+		EXPECT_EQ(outcome(one.request), one.of_root) << one.what;
+	}
+	EXPECT_EQ(hatch_charge(1), -1);
+	EXPECT_EQ(errno, EINVAL) << "outside of a handler";
+	served.revoke();
+	EXPECT_EQ(pool_held(), 0U);
+}
+
+} // namespace
