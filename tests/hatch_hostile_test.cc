@@ -613,11 +613,13 @@ TEST(HatchLimits, ARequestWithoutAnEndIsRefusedBeforeItTakesTheMachinesMemory)
 	set_pool_size(0);
 	Fd fd = open_hatch(path);
 	{
-		RawClient first(path), second(path);
-		EXPECT_GT(send_endlessly(first, 48 * mib), 47 * mib)
-		    << "a request that the server could bear was refused";
-		EXPECT_LT(send_endlessly(second, 48 * mib), 20 * mib);
-		EXPECT_EQ(second.receive(), head_of(0, wire_magic, static_cast<uint32_t>(Refusal::no_memory)));
+		RawClient first(path), second(path), third(path);
+		const std::string refusal = head_of(0, wire_magic, static_cast<uint32_t>(Refusal::no_memory));
+		EXPECT_GT(send_endlessly(first, 48 * mib), 47 * mib) << "the server could bear it";
+		EXPECT_GT(send_endlessly(second, 48 * mib), 47 * mib);
+		EXPECT_EQ(first.receive(), refusal) << "both are held";
+		EXPECT_LT(send_endlessly(third, 65 * mib), 2 * mib) << "no user could ever have so much";
+		EXPECT_EQ(third.receive(), refusal);
 		const std::string request(3 * piece_max, 'x');
 		EXPECT_EQ(call(fd.get(), request).data, request);
 	}

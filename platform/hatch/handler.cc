@@ -221,6 +221,11 @@ void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, siz
 	peer->finished |= error != 0 && error != EPIPE;
 }
 
+void send_refusal(const Peer &peer, Refusal refusal)
+{
+	(void) send_head(peer, {wire_magic, static_cast<uint32_t>(refusal), 0}, nullptr, 0);
+}
+
 void send_rest(Hatch *hatch, Peer *peer)
 {
 	size_t size = peer->rest.size();

@@ -16,6 +16,10 @@
 namespace hatch {
 namespace {
 
+// Connections that wait to be accepted stand before the next one, whoever made them: few, so that a flood of them doesn't
+// keep a newcomer waiting. Beyond them connecting waits.
+constexpr int backlog = 128;
+
 // A path, taken apart: the open directory and the name in it.
 struct Spot {
 	Fd directory;
@@ -111,7 +115,7 @@ int make_listener(const Spot &spot, Place *place)
 	refuse_descriptors(fd);
 	if (int error = bind_socket(fd, spot, socket_name(place->id)))
 		return error;
-	return listen(fd, SOMAXCONN) == -1 ? errno : 0;
+	return listen(fd, backlog) == -1 ? errno : 0;
 }
 
 int fill_place(const Spot &spot, const Present &present, Place *place)

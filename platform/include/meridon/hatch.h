@@ -51,14 +51,18 @@ typedef struct {
 
 #define HATCH_PARAM_DATA_MIN 3 /* the fewest bytes that a call must have; 0 at first */
 
-#define HATCH_THREADS_MAX 256 /* handlers of one hatch that run at once; calls beyond wait in their sockets */
+/*
+ * Handlers of one hatch that run at once; calls beyond wait. A user other than root and the server's own has 4 for each
+ * processor, at least 8 and at most 64: handlers must not wait for further calls of the same user.
+ */
+#define HATCH_THREADS_MAX 256
 
 /*
  * What clients may make a server hold: their requests, the lists unpacked out of them and their replies take at most a
- * quarter of the memory that the process may have, all hatches together, and at least 32 MiB. The memory that it may have is the least of
- * the machine's, the bounds of its control group and the parents of that, and RLIMIT_AS. A user other than root and the
- * server's own has a share of that: as much as is left when as much again is there for each user that holds something.
- * Beyond it that user's calls are refused with ENOMEM, and nobody else's.
+ * quarter of the memory that the process may have, all hatches together, and at least 32 MiB. The memory that it may have
+ * is the least of the machine's, the bounds of its control group and the parents of that, and RLIMIT_AS. A user other than
+ * root and the server's own has a share of that: as much as is left when as much again is there for each user that holds
+ * something. Beyond it that user's calls are refused with ENOMEM, and nobody else's.
  */
 
 /*
