@@ -242,6 +242,13 @@ bool receive_first(Peer *peer, RequestMemory *memory, int flags, Message *messag
 	return true;
 }
 
+// A message speaks for its sender, so it must be the one who connected: else whoever has a program of root's write to
+// its own connection speaks as root. Clients of this library connect as the real user that their messages have.
+bool speaks_for_itself(const Peer &peer, const struct ucred &sender)
+{
+	return sender.uid == peer.connector || peer.connector == 0;
+}
+
 // Serves a request whose first message has arrived, as far as it goes.
 void serve_request(Hatch *hatch, Peer *peer, RequestMemory *memory, const Message &message)
 {
@@ -253,6 +260,8 @@ void serve_request(Hatch *hatch, Peer *peer, RequestMemory *memory, const Messag
 		peer->finished = true;
 		return;
 	}
+	if (!speaks_for_itself(*peer, message.sender))
+		return refuse(hatch, peer, Refusal::other_user, false);
 	peer->sender = message.sender;
 	peer->request_size = head.size;
 	peer->request_have = have;

@@ -51,7 +51,8 @@ enum class Standing { none, idle, waiting };
 
 // A connection of a client's. What isn't said otherwise is the thread's that has it.
 struct Peer {
-	Peer(Fd taken, uid_t user, uid_t whose) : socket(std::move(taken)), connector(user), owner(whose), charge(whose)
+	Peer(Fd taken, uid_t made_by, uid_t whose)
+	    : socket(std::move(taken)), connector(made_by), owner(whose), charge(whose)
 	{}
 
 	// Guarded by the hatch's lock.
