@@ -1,18 +1,24 @@
 // Users that take what they can get: shares of memory, and what others notice of a flood.
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <random>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include "hatch/memory_bound.h"
 #include "hatch/pool.h"
+#include "hatch/record.h"
+#include "hatch/wire.h"
 #include "hatch_peer.h"
 #include "lists.h"
 #include "scratch.h"
@@ -23,6 +29,16 @@ namespace {
 
 constexpr size_t mib = size_t{1} << 20;
 constexpr uid_t stranger = 1001;
+
+// What a thread of this process does as another user.
+template <typename Do>
+void as_user(uid_t user, const Do &what)
+{
+	std::thread([&] {
+		become(user, user);
+		what();
+	}).join();
+}
 
 // ---- Memory ----
 
@@ -214,10 +230,7 @@ TEST(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
 	};
 	for (const Case &one : cases) {
 		int seen = -1;
-		std::thread([&] {
-			become(stranger, stranger);
-			seen = outcome(one.request);
-		}).join();
+		as_user(stranger, [&] { seen = outcome(one.request); });
 		EXPECT_EQ(seen, one.of_stranger) << one.what;
 		EXPECT_EQ(outcome(one.request), one.of_root) << one.what;
 	}
@@ -225,6 +238,196 @@ TEST(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
 	EXPECT_EQ(errno, EINVAL) << "outside of a handler";
 	served.revoke();
 	EXPECT_EQ(pool_held(), 0U);
+}
+
+// ---- Floods ----
+
+// Makes connections to the socket itself.
+class Flooder {
+public:
+	explicit Flooder(const std::string &path)
+	{
+		Id id = {};
+		EXPECT_TRUE(read_record(open_hatch(path).get(), &id));
+		address_.sun_family = AF_UNIX;
+		(path.substr(0, path.rfind('/') + 1) + socket_name(id).text)
+		    .copy(address_.sun_path, sizeof address_.sun_path - 1);
+	}
+	Fd connect(int flags = 0) const
+	{
+		Fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0));
+		if (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address_), sizeof address_) != 0)
+			fd.reset();
+		return fd;
+	}
+
+private:
+	sockaddr_un address_ = {};
+};
+
+bool send_some(const Fd &fd, const std::string &bytes)
+{
+	return send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) != -1 || errno == EAGAIN;
+}
+
+std::string beginning(uint64_t size, const std::string &payload)
+{
+	RequestHead head = {wire_magic, 0, size};
+	return std::string(reinterpret_cast<const char *>(&head), sizeof head) + payload;
+}
+
+// A way to flood: what each connection begins with, and what it goes on with. A connection that the server ends is made again.
+struct Flood {
+	const char *what;
+	int processes, connections; // of each process; 0: connects and closes
+	std::string first, next;
+};
+
+int flood(const std::string &path, const Flood &how)
+{
+	const Flooder flooder(path);
+	while (how.connections == 0)
+		(void) flooder.connect();
+	std::vector<Fd> all(static_cast<size_t>(how.connections));
+	for (;;) {
+		for (Fd &fd : all) {
+			bool lives = fd ? how.next.empty() || send_some(fd, how.next)
+					: (fd = flooder.connect(SOCK_NONBLOCK)) && send_some(fd, how.first);
+			if (!lives)
+				fd.reset();
+		}
+		if (how.next.empty())
+			usleep(1000);
+	}
+}
+
+// Calls for a while over a kept and over new connections; gives how many pairs of calls there were, or 255 for a failure.
+int call_beside(const std::string &path)
+{
+	const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+	Fd kept = open_hatch(path);
+	int calls = 0;
+	for (; std::chrono::steady_clock::now() < end && calls < 200; calls++) {
+		if (call(kept.get(), std::string("x")).data != "x")
+			return 255;
+		const Fd raw = Flooder(path).connect();
+		const std::string request = beginning(1, "y");
+		char reply[head_size + 1] = {};
+		if (!raw || send(raw.get(), request.data(), request.size(), MSG_NOSIGNAL) == -1 ||
+		    recv(raw.get(), reply, sizeof reply, 0) != sizeof reply || reply[head_size] != 'y')
+			return 255;
+		usleep(5'000);
+	}
+	return calls;
+}
+
+class HatchFloods : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		if (geteuid() != 0)
+			GTEST_SKIP() << "other users need root";
+		ASSERT_EQ(chmod(scratch_.directory().c_str(), 0755), 0);
+		struct rlimit limit;
+		ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+		limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+		ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+	}
+
+	Scratch scratch_;
+	std::string path_ = attachable(scratch_.path("hatch"));
+};
+
+TEST_F(HatchFloods, OfOneUserLeaveAnotherItsCalls)
+{
+	const Ask large = {Do::Size, 0, mib};
+	const Flood floods[] = {
+	    {"connect and close", 4, 0, "", ""},
+	    {"half requests", 2, 300, beginning(mib, std::string(200'000, 'x')), ""},
+	    {"a byte at a time", 2, 600, beginning(mib, "x"), "y"},
+	    {"whole requests, of which no reply is read", 4, 16, beginning(60'000, std::string(60'000, '\0')),
+		beginning(60'000, std::string(60'000, '\0'))},
+	    {"replies that nobody reads", 2, 32,
+		beginning(sizeof large, std::string(reinterpret_cast<const char *>(&large), sizeof large)), ""},
+	};
+	for (const Flood &how : floods) {
+		Process server = serve(path_);
+		const int before = descriptors_of(server.pid());
+		{
+			std::vector<Process> flooders;
+			for (int i = 0; i < how.processes; i++)
+				flooders.emplace_back([&] {
+					become(stranger, stranger);
+					return flood(path_, how);
+				});
+			usleep(300'000);
+			Process other([&] {
+				become(stranger + 1, stranger + 1);
+				return call_beside(path_);
+			});
+			const int calls = other.wait();
+			EXPECT_NE(calls, 255) << how.what << ": a call failed";
+			EXPECT_GE(calls, sanitized ? 2 : 8) << how.what;
+		}
+		EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) <= before + 1; })) << how.what;
+	}
+}
+
+TEST_F(HatchFloods, TheUserWithMostConnectionsLosesItsOldestAndNobodyElseOne)
+{
+	struct rlimit before;
+	ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+	const struct rlimit few = {100, before.rlim_max};
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+	Process server = serve(path_);
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+	const Flooder flooder(path_);
+	auto is_served = [](const Fd &fd) {
+		char reply[head_size + 1];
+		return send_some(fd, beginning(1, "x")) && recv(fd.get(), reply, sizeof reply, 0) == sizeof reply;
+	};
+	std::vector<Fd> greedy;
+	auto be_greedy = [&] {
+		for (int i = 0; i < 100; i++) {
+			greedy.push_back(flooder.connect());
+			ASSERT_TRUE(is_served(greedy.back())) << i;
+		}
+	};
+	as_user(stranger, be_greedy);
+	Fd other;
+	as_user(stranger + 1, [&] {
+		other = flooder.connect();
+		ASSERT_TRUE(is_served(other));
+	});
+	as_user(stranger, be_greedy);
+	as_user(stranger + 1, [&] { EXPECT_TRUE(is_served(other)) << "another user's went"; });
+	as_user(stranger, [&] { EXPECT_FALSE(is_served(greedy.front())); });
+	EXPECT_LT(descriptors_of(server.pid()), 100 - 20);
+}
+
+TEST_F(HatchFloods, AUserThatComesAfterManyIsServed)
+{
+	set_pool_size(64 * mib);
+	Process server = serve(path_);
+	set_pool_size(0);
+	const Flooder flooder(path_);
+	std::vector<Fd> halves;
+	for (uid_t user = 10'000; user < 10'300; user++) {
+		as_user(user, [&] {
+			halves.push_back(flooder.connect());
+			(void) send_some(halves.back(), beginning(mib, std::string(150'000, 'x')));
+		});
+	}
+	Process last([&] {
+		become(20'000, 20'000);
+		Fd fd = open_hatch(path_);
+		for (size_t size : {10, 100'000, 250'000}) {
+			if (call(fd.get(), std::string(size, '\0')).data.size() != size)
+				return 1;
+		}
+		return 0;
+	});
+	EXPECT_EQ(last.wait(), 0);
 }
 
 } // namespace
