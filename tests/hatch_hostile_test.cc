@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "hatch/mapping.h"
+#include "hatch/pool.h"
 #include "hatch/record.h"
 #include "hatch/wire.h"
 #include "hatch_peer.h"
@@ -194,18 +195,6 @@ size_t send_endlessly(const RawClient &client, size_t size)
 	while (sent + piece.size() < size && client.send(piece))
 		sent += piece.size();
 	return sent;
-}
-
-// Whoever can reach a hatch can send to it, with or without a right.
-TEST_F(HatchHostile, ARequestWithoutAnEndIsRefusedBeforeItTakesTheMachinesMemory)
-{
-	const size_t most = std::max(static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) * page_size / 16, size_t{256} << 20);
-	RawClient client(path_);
-	size_t sent = send_endlessly(client, 2 * most);
-	EXPECT_GT(sent, most / 2) << "a request that the machine could bear was refused";
-	EXPECT_LT(sent, most + (size_t{8} << 20));
-	EXPECT_TRUE(serves(3 * piece_max));
-	EXPECT_TRUE(eventually([&] { return anonymous_kib(server_.pid()) < 16 * 1024; })) << "it stays";
 }
 
 TEST_F(HatchHostile, DribblingClientsHoldNobodyUp)
@@ -611,6 +600,30 @@ TEST(HatchLimits, WhenDescriptorsRunOutTheLongestIdleConnectionGoesAndRunningCal
 	EXPECT_EQ(slow.error, 0);
 	// A kept connection that was dropped meanwhile is made anew, unseen.
 	EXPECT_EQ(call(fd.get(), std::string("x")).data, "x");
+}
+
+// Whoever can reach a hatch can send to it, with or without a right.
+TEST(HatchLimits, ARequestWithoutAnEndIsRefusedBeforeItTakesTheMachinesMemory)
+{
+	constexpr size_t mib = size_t{1} << 20;
+	Scratch scratch;
+	std::string path = attachable(scratch.path("hatch"));
+	set_pool_size(64 * mib);
+	Process server = serve(path);
+	set_pool_size(0);
+	Fd fd = open_hatch(path);
+	{
+		RawClient first(path), second(path), third(path);
+		const std::string refusal = head_of(0, wire_magic, static_cast<uint32_t>(Refusal::no_memory));
+		EXPECT_GT(send_endlessly(first, 48 * mib), 47 * mib) << "the server could bear it";
+		EXPECT_GT(send_endlessly(second, 48 * mib), 47 * mib);
+		EXPECT_EQ(first.receive(), refusal) << "both are held";
+		EXPECT_LT(send_endlessly(third, 65 * mib), 2 * mib) << "no user could ever have so much";
+		EXPECT_EQ(third.receive(), refusal);
+		const std::string request(3 * piece_max, 'x');
+		EXPECT_EQ(call(fd.get(), request).data, request);
+	}
+	EXPECT_TRUE(eventually([&] { return anonymous_kib(server.pid()) < 16 * 1024; })) << "it stays";
 }
 
 TEST(HatchLimits, ConnectionsThatAreInUseAgainAndAgainGoTooAndLoseNoCall)

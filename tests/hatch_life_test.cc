@@ -4,7 +4,9 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -26,6 +28,9 @@ std::string state_of(int fd)
 		return info.di_target > 0 ? "alive" : "alive without a server";
 	return info.di_target == 0 ? "revoked" : "revoked with a server";
 }
+
+// What the directory's owner puts in the place of a socket as soon as it is bound.
+std::function<void(const char *path)> after_bind;
 
 class HatchLife : public testing::Test {
 protected:
@@ -59,6 +64,36 @@ TEST_F(HatchLife, TheAttachedFileKeepsItsOwnerAndMode)
 		}
 		EXPECT_EQ(after.st_size, 0);
 	}
+}
+
+// The directory belongs to another user, who may be quick.
+TEST_F(HatchLife, AttachingChangesTheModeOfNothingButItsOwnSocket)
+{
+	const std::string secret = attachable(scratch_.path("secret"), 0600);
+	const std::string private_socket = scratch_.path("private");
+	Fd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+	sockaddr_un address = {};
+	address.sun_family = AF_UNIX;
+	private_socket.copy(address.sun_path, sizeof address.sun_path - 1);
+	ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+	ASSERT_EQ(chmod(private_socket.c_str(), 0600), 0);
+	int hatch = hatch_create(obey, nullptr, HATCH_REFUSE_DESC);
+	for (auto *put : {symlink, link}) {
+		for (const std::string &target : {secret, private_socket}) {
+			after_bind = [&](const char *name) {
+				EXPECT_EQ(unlink(name), 0);
+				EXPECT_EQ(put(target.c_str(), name), 0);
+			};
+			EXPECT_EQ(fattach(hatch, path_.c_str()), -1);
+			after_bind = nullptr;
+			struct stat st;
+			ASSERT_EQ(stat(target.c_str(), &st), 0);
+			EXPECT_EQ(st.st_mode & 07777, 0600U) << target;
+		}
+	}
+	EXPECT_EQ(names_in_directory(), 3);
+	EXPECT_EQ(fattach(hatch, path_.c_str()), 0);
+	EXPECT_EQ(hatch_revoke(hatch), 0);
 }
 
 TEST_F(HatchLife, RevokingLeavesTheFileAloneInItsDirectory)
@@ -500,3 +535,12 @@ TEST_F(HatchLife, ConnectionsToServersThatHaveGoneAreClosedByTheNextOneMade)
 }
 
 } // namespace
+
+// Stands before the C library's.
+int bind(int fd, const sockaddr *address, socklen_t size) noexcept
+{
+	auto result = static_cast<int>(syscall(SYS_bind, fd, address, size));
+	if (result == 0 && after_bind)
+		after_bind(reinterpret_cast<const sockaddr_un *>(address)->sun_path);
+	return result;
+}

@@ -5,9 +5,12 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
+#include "hatch/record.h"
+#include "hatch/wire.h"
 #include "hatch_peer.h"
 #include "scratch.h"
 
@@ -103,6 +106,36 @@ TEST_F(HatchUsers, WhoHasChangedItsUserConnectsAnew)
 		});
 		EXPECT_EQ(client.wait(), 0) << ids.before << ", " << ids.real << " as " << ids.effective;
 	}
+}
+
+// Whoever can have a program of root's write to its connection must not speak as root.
+TEST_F(HatchUsers, AMessageOfAnotherUserThanTheOneWhoConnectedIsRefused)
+{
+	Process server = serve(path_);
+	hatch::Id id = {};
+	ASSERT_TRUE(hatch::read_record(open_hatch(path_).get(), &id));
+	sockaddr_un address = {};
+	address.sun_family = AF_UNIX;
+	(void) snprintf(address.sun_path, sizeof address.sun_path, "%s/%s", scratch_.directory().c_str(),
+	    hatch::socket_name(id).text);
+	auto outcome_of = [&](uid_t connector, uid_t sender) {
+		Fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+		std::thread([&] {
+			become(connector, connector);
+			EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+		}).join();
+		hatch::ReplyHead reply = {hatch::wire_magic, 0, 0};
+		std::thread([&] {
+			become(sender, sender);
+			EXPECT_EQ(send(fd.get(), &reply, sizeof reply, 0), static_cast<ssize_t>(sizeof reply));
+		}).join();
+		EXPECT_EQ(recv(fd.get(), &reply, sizeof reply, 0), static_cast<ssize_t>(sizeof reply));
+		return static_cast<hatch::Refusal>(reply.refusal);
+	};
+	EXPECT_EQ(outcome_of(1001, 0), hatch::Refusal::other_user);
+	EXPECT_EQ(outcome_of(1001, 1002), hatch::Refusal::other_user);
+	EXPECT_EQ(outcome_of(1001, 1001), hatch::Refusal::none);
+	EXPECT_EQ(outcome_of(0, 1001), hatch::Refusal::none);
 }
 
 TEST_F(HatchUsers, AnUnprivilegedUserReachesAHatchThatItMayOnlyRead)

@@ -3,6 +3,7 @@
 //   scan   goes over all bytes, proves each length before it's used, and measures the memory of the list
 //   build  makes the list in one block; what is left to be refused is a name that stands twice
 #include "attrlist/packed.h"
+#include "base/memory_gate.h"
 
 namespace atl {
 
@@ -221,6 +222,8 @@ int attrlist_unpack(const char *buf, size_t len, attrlist_t **outp, int zero)
 	Scan scan = {buf + sizeof(packed_start), buf + len, 0};
 	if (!scan_list(scan, 1) || scan.left() != 0)
 		return EINVAL;
+	if (!may_take(scan.memory)) // a few bytes of a stranger's can make many
+		return ENOMEM;
 	Arena arena;
 	attrlist_t *list = open_exact(scan.memory, &arena);
 	if (list == nullptr)

@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "base/memory_gate.h"
 #include "hatch/epoch.h"
 #include "hatch/server.h"
 #include "peercred/peercred.h"
@@ -20,10 +21,56 @@ namespace {
 // For how long a handler's thread waits for a client to take more of its reply, before the rest is put aside.
 constexpr int patience_ms = 20;
 
+// So much of a call isn't counted: small calls take no lock.
+constexpr size_t memory_free = 64U << 10;
+
+// What the running call takes beside its request. Its user's until the last of the reply leaves, and at the latest until
+// the call ends: no path can forget to give it back.
+class CallMemory final : public MemoryGate {
+public:
+	explicit CallMemory(uid_t user) : charge_(user) { memory_gate = this; }
+	CallMemory(const CallMemory &) = delete;
+	CallMemory &operator=(const CallMemory &) = delete;
+	~CallMemory() { memory_gate = nullptr; }
+
+	bool take(size_t bytes) override
+	{
+		size_t taken;
+		if (__builtin_add_overflow(taken_, bytes, &taken))
+			return false;
+		if (taken > memory_free && !charge_.resize(taken - memory_free))
+			return false;
+		taken_ = taken;
+		return true;
+	}
+	void give_back()
+	{
+		(void) charge_.resize(0);
+		taken_ = 0;
+		reply_ = memory_kept;
+	}
+	// Memory for a reply takes the place of what was given before, and a thread has some that is its own.
+	bool take_reply(size_t size)
+	{
+		if (size <= reply_)
+			return true;
+		if (!take(size - reply_))
+			return false;
+		reply_ = size;
+		return true;
+	}
+
+private:
+	Charge charge_;
+	size_t taken_ = 0;
+	size_t reply_ = memory_kept;
+};
+
 struct Call {
 	sigjmp_buf back;
 	Hatch *hatch;
 	Peer *peer;
+	CallMemory *memory;
 	uint64_t epoch;
 	bool answered;
 };
@@ -61,13 +108,24 @@ bool room_soon(const Hatch &hatch, const Peer &peer)
 	return count > 0 && looks[1].revents == 0;
 }
 
+// Before the last of a reply leaves, nothing of the call counts any more: its client may make the next one before the
+// thread comes to anything else.
+void settle(Hatch *hatch, Peer *peer)
+{
+	unhold(hatch, peer);
+	if (Call *call = current)
+		call->memory->give_back();
+}
+
 // Sends pieces until there is no room. Errors: 0, or an errno value; EAGAIN with *sent as far as it went.
-int send_pieces(const Peer &peer, const char *data, size_t size, size_t *sent)
+int send_pieces(Hatch *hatch, Peer *peer, const char *data, size_t size, size_t *sent)
 {
 	while (*sent < size) {
-		size_t piece = std::min(size - *sent, peer.piece);
+		size_t piece = std::min(size - *sent, peer->piece);
 		iovec part = {const_cast<char *>(data) + *sent, piece}; // only read
-		int error = send_message(peer.socket.get(), &part, 1, MSG_DONTWAIT);
+		if (piece == size - *sent)
+			settle(hatch, peer);
+		int error = send_message(peer->socket.get(), &part, 1, MSG_DONTWAIT);
 		if (error == EINTR)
 			continue;
 		if (error != 0)
@@ -79,14 +137,13 @@ int send_pieces(const Peer &peer, const char *data, size_t size, size_t *sent)
 
 void put_aside(Hatch *hatch, Peer *peer, const char *data, size_t size)
 {
-	if (!peer->rest.map(size, Fill::now)) {
+	unhold(hatch, peer); // its request: the time of the rest begins now
+	if (!hold(hatch, peer, size) || !peer->rest.map(size, Fill::now)) {
 		peer->finished = true;
 		return;
 	}
 	memcpy(peer->rest.data(), data, size);
 	peer->rest_sent = 0;
-	unhold(hatch, peer); // its request: the time of the rest begins now
-	hold(hatch, peer, size);
 }
 
 int send_head(const Peer &peer, const ReplyHead &head, const char *data, size_t size)
@@ -115,6 +172,7 @@ Hatch *running_hatch()
 
 void leave_call()
 {
+	memory_gate = nullptr;
 	current = nullptr;
 }
 
@@ -128,8 +186,10 @@ void free_reply_memory()
 void run_call(Hatch *hatch, Peer *peer, char *data, size_t size)
 {
 	Call call;
+	CallMemory call_memory(peer->owner);
 	call.hatch = hatch;
 	call.peer = peer;
+	call.memory = &call_memory;
 	call.epoch = epoch();
 	call.answered = false;
 	current = &call;
@@ -146,10 +206,12 @@ void run_call(Hatch *hatch, Peer *peer, char *data, size_t size)
 void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, size_t size)
 {
 	size_t sent = std::min(size, peer->piece);
+	if (sent == size)
+		settle(hatch, peer);
 	int error = send_head(*peer, {wire_magic, static_cast<uint32_t>(refusal), size}, data, sent);
 	// A client that didn't read its last reply gets no further one.
 	while (error == 0 && sent < size) {
-		error = send_pieces(*peer, data, size, &sent);
+		error = send_pieces(hatch, peer, data, size, &sent);
 		if (error != EAGAIN)
 			continue;
 		if (!room_soon(*hatch, *peer))
@@ -160,12 +222,17 @@ void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, siz
 	peer->finished |= error != 0 && error != EPIPE;
 }
 
+void send_refusal(const Peer &peer, Refusal refusal)
+{
+	(void) send_head(peer, {wire_magic, static_cast<uint32_t>(refusal), 0}, nullptr, 0);
+}
+
 void send_rest(Hatch *hatch, Peer *peer)
 {
 	size_t size = peer->rest.size();
-	int error = send_pieces(*peer, peer->rest.data(), size, &peer->rest_sent);
-	if (error == EAGAIN)
-		return hold(hatch, peer, size);
+	int error = send_pieces(hatch, peer, peer->rest.data(), size, &peer->rest_sent);
+	if (error == EAGAIN && (peer->held > 0 || hold(hatch, peer, size)))
+		return;
 	peer->finished |= error != 0;
 	peer->rest.reset();
 	unhold(hatch, peer);
@@ -190,8 +257,9 @@ int hatch_return(const char *data, size_t size, hatch_desc_t *descs, unsigned in
 
 void *hatch_reply_memory(size_t size)
 {
-	if (hatch::running_call() == nullptr) {
-		errno = EINVAL;
+	hatch::Call *call = hatch::running_call();
+	if (call == nullptr || !call->memory->take_reply(size)) {
+		errno = call == nullptr ? EINVAL : ENOMEM;
 		return nullptr;
 	}
 	if (size > hatch::memory.size || hatch::memory.data == nullptr) {
@@ -205,6 +273,15 @@ void *hatch_reply_memory(size_t size)
 		hatch::memory.data = fresh.release();
 	}
 	return hatch::memory.data;
+}
+
+int hatch_charge(size_t bytes)
+{
+	hatch::Call *call = hatch::running_call();
+	if (call != nullptr && call->memory->take(bytes))
+		return 0;
+	errno = call == nullptr ? EINVAL : ENOMEM;
+	return -1;
 }
 
 int hatch_peercred(peercred_t **cred)

@@ -1,4 +1,5 @@
 // The hatches of this process: making, parameters, revoking, and what a fork does to them.
+#include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <new>
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include "hatch/place.h"
+#include "hatch/pool.h"
 #include "hatch/server.h"
 
 namespace hatch {
@@ -45,13 +47,15 @@ void before_fork() NO_THREAD_SAFETY_ANALYSIS
 {
 	list_lock.lock();
 	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next)
-		hatch->lock.lock();
+		hatch->lock.lock(), hatch->accept_lock.lock();
+	lock_pool();
 }
 
 void in_parent() NO_THREAD_SAFETY_ANALYSIS
 {
+	unlock_pool();
 	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next)
-		hatch->lock.unlock();
+		hatch->accept_lock.unlock(), hatch->lock.unlock();
 	list_lock.unlock();
 }
 
@@ -60,14 +64,21 @@ void in_parent() NO_THREAD_SAFETY_ANALYSIS
 void in_child() NO_THREAD_SAFETY_ANALYSIS
 {
 	leave_call();
+	empty_pool();
+	unlock_pool();
+	all_live = all_held = 0;
+	all_threads = 0;
 	Hatch *last = nullptr;
 	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next) {
 		hatch->place = Place{};
 		hatch->events.reset();
 		hatch->stop.reset();
+		hatch->wake.reset();
 		hatch->timer.reset();
-		for (Peer *peer = hatch->peers; peer != nullptr; peer = peer->next)
+		hatch->listening = -1;
+		for (Peer *peer = hatch->peers.first; peer != nullptr; peer = peer->all.next)
 			peer->socket.reset();
+		hatch->accept_lock.unlock();
 		hatch->lock.unlock();
 		last = hatch;
 	}
@@ -102,10 +113,15 @@ int open_all(Hatch *hatch)
 	hatch->stop.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
 	if (!hatch->stop)
 		return errno;
+	hatch->wake.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+	if (!hatch->wake)
+		return errno;
 	hatch->timer.reset(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
 	if (!hatch->timer)
 		return errno;
 	if (int error = watch(*hatch, hatch->stop, EPOLLIN))
+		return error;
+	if (int error = watch(*hatch, hatch->wake, EPOLLIN | EPOLLET))
 		return error;
 	return watch(*hatch, hatch->timer, EPOLLIN | EPOLLET);
 }
@@ -118,6 +134,7 @@ int make(hatch_handler_t *handler, void *cookie, int *fd)
 	hatch->handler = handler;
 	hatch->cookie = cookie;
 	hatch->lock.init();
+	hatch->accept_lock.init();
 	(void) pthread_cond_init(&hatch->ended, nullptr);
 	// The descriptor is a socket that is used for nothing: it has a number of its own that tells it from any other.
 	Fd handle(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
@@ -133,6 +150,17 @@ int make(hatch_handler_t *handler, void *cookie, int *fd)
 	hatch->next = list;
 	list = hatch;
 	return 0;
+}
+
+// A walk over the hatches of the process, which are few.
+Hatch *hatch_with_most(std::atomic<size_t> Hatch::*amount) REQUIRES(list_lock)
+{
+	Hatch *most = list;
+	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next) {
+		if (hatch->*amount > most->*amount)
+			most = hatch;
+	}
+	return most;
 }
 
 // Claims the revocation: of two that come at once, the second finds no hatch.
@@ -169,6 +197,7 @@ void end(Hatch *hatch)
 {
 	{
 		MutexLock hold(hatch->lock);
+		forget_listener(hatch);
 		leave_place(&hatch->place);
 		hang_up(hatch);
 	}
@@ -182,6 +211,7 @@ int attach_locked(Hatch *hatch, const char *path) REQUIRES(hatch->lock)
 {
 	if (holds_place(hatch->place))
 		return EBUSY;
+	forget_listener(hatch);
 	leave_place(&hatch->place);
 	if (int error = take_place(path, &hatch->place))
 		return error;
@@ -189,8 +219,10 @@ int attach_locked(Hatch *hatch, const char *path) REQUIRES(hatch->lock)
 	int error = watch_listener(hatch);
 	if (error == 0 && hatch->threads == 0)
 		error = start_thread(hatch);
-	if (error != 0)
+	if (error != 0) {
+		forget_listener(hatch);
 		leave_place(&hatch->place);
+	}
 	return error;
 }
 
@@ -221,6 +253,28 @@ FoundHatch::~FoundHatch() NO_THREAD_SAFETY_ANALYSIS
 	list_lock.unlock();
 }
 
+void push_out_connection(const Peer *but)
+{
+	MutexLock hold_list(list_lock);
+	Hatch *most = hatch_with_most(&Hatch::live);
+	if (most == nullptr)
+		return;
+	MutexLock hold(most->lock);
+	if (Peer *peer = longest_unused(most, but, all_live))
+		drop(most, peer);
+}
+
+void push_out_held()
+{
+	MutexLock hold_list(list_lock);
+	Hatch *most = hatch_with_most(&Hatch::held);
+	if (most == nullptr)
+		return;
+	MutexLock hold(most->lock);
+	if (Peer *peer = longest_holding(most))
+		drop(most, peer);
+}
+
 bool is_own_hatch(int fd)
 {
 	return static_cast<bool>(FoundHatch(fd));
@@ -228,11 +282,14 @@ bool is_own_hatch(int fd)
 
 void destroy(Hatch *hatch) NO_THREAD_SAFETY_ANALYSIS
 {
-	while (Peer *peer = hatch->peers) {
-		hatch->peers = peer->next;
+	while (Peer *peer = hatch->peers.first) {
+		leave_line(peer);
+		leave(hatch, peer);
 		delete peer;
 	}
+	assert(hatch->held == 0 && hatch->live == 0 && hatch->in_ring == 0 && hatch->ring.empty());
 	hatch->lock.destroy();
+	hatch->accept_lock.destroy();
 	(void) pthread_cond_destroy(&hatch->ended);
 	delete hatch;
 }

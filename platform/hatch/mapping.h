@@ -56,6 +56,16 @@ public:
 		size_ = size;
 		return true;
 	}
+	// Makes it larger. False: it stays as it is.
+	bool grow(size_t size)
+	{
+		void *memory = mremap(data_, size_, size, MREMAP_MAYMOVE);
+		if (memory == MAP_FAILED)
+			return false;
+		data_ = static_cast<char *>(memory);
+		size_ = size;
+		return true;
+	}
 	void reset()
 	{
 		if (data_ != nullptr)

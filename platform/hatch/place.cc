@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -15,6 +16,16 @@
 
 namespace hatch {
 namespace {
+
+#if defined(__alpha__)
+constexpr long sys_fchmodat2 = 562;
+#else
+constexpr long sys_fchmodat2 = 452; // of Linux 6.6; headers may be older
+#endif
+
+// Connections that wait to be accepted stand before the next one, whoever made them: few, so that a flood of them doesn't
+// keep a newcomer waiting. Beyond them connecting waits.
+constexpr int backlog = 128;
 
 // A path, taken apart: the open directory and the name in it.
 struct Spot {
@@ -82,6 +93,33 @@ int make_record(const Spot &spot, const Present &present, Place *place)
 	return fchmod(fd, present.st.st_mode & 07777) == -1 ? errno : 0;
 }
 
+// Changes the mode of what a descriptor of any kind stands for.
+int change_mode(int fd, mode_t mode)
+{
+	char path[64];
+	(void) snprintf(path, sizeof path, "/proc/thread-self/fd/%d", fd);
+	if (chmod(path, mode) == 0)
+		return 0;
+	if (errno != ENOENT) // without /proc there is a younger call, which filters of system calls may not know
+		return errno;
+	return syscall(sys_fchmodat2, fd, "", mode, AT_EMPTY_PATH) == -1 ? errno : 0;
+}
+
+// Lets everybody connect: who may do what is the handler's to decide. The caller's file mode mask counts at first. The
+// directory may be another user's, who can have put something else under the name: through a link, or a second name, the
+// mode of any file would be changed. So it is a socket of this process's user, without another name, or nothing is done.
+int open_to_all(int directory, const char *name)
+{
+	constexpr mode_t for_all = 0666;
+	Fd bound(openat(directory, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+	struct stat st;
+	if (!bound || fstat(bound.get(), &st) == -1)
+		return errno;
+	if (!S_ISSOCK(st.st_mode) || st.st_nlink != 1 || st.st_uid != geteuid())
+		return EBUSY;
+	return (st.st_mode & 07777) == for_all ? 0 : change_mode(bound.get(), for_all);
+}
+
 // Binds by the path where that can't mean another place and is short enough, so that /proc isn't needed; through the
 // directory otherwise.
 int bind_socket(int fd, const Spot &spot, const SideName &name)
@@ -94,8 +132,7 @@ int bind_socket(int fd, const Spot &spot, const SideName &name)
 		    spot.directory.get(), name.text);
 	if (bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address) == -1)
 		return errno;
-	// The caller's file mode mask doesn't count: who may do what is the handler's to decide.
-	return fchmodat(spot.directory.get(), name.text, 0666, 0) == -1 ? errno : 0;
+	return open_to_all(spot.directory.get(), name.text);
 }
 
 int make_listener(const Spot &spot, Place *place)
@@ -109,9 +146,12 @@ int make_listener(const Spot &spot, Place *place)
 	if (setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == -1)
 		return errno;
 	refuse_descriptors(fd);
+	// The socket's file takes this mode over, but for what the mask takes away.
+	if (fchmod(fd, 0666) == -1)
+		return errno;
 	if (int error = bind_socket(fd, spot, socket_name(place->id)))
 		return error;
-	return listen(fd, SOMAXCONN) == -1 ? errno : 0;
+	return listen(fd, backlog) == -1 ? errno : 0;
 }
 
 int fill_place(const Spot &spot, const Present &present, Place *place)

@@ -1,7 +1,10 @@
 // The threads of a hatch: how many there are, and what each waits for.
+#include <algorithm>
 #include <cerrno>
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
 
 #include "hatch/server.h"
 
@@ -9,24 +12,125 @@ namespace hatch {
 namespace {
 
 constexpr size_t stack_size = 2U << 20;
-constexpr int spare_max = 2;    // threads that wait for ever
-constexpr int spare_ms = 5'000; // for how long the others do
+constexpr int spare_max = 2;      // threads that wait for ever
+constexpr int spare_ms = 5'000;   // for how long the others do
+constexpr int keeping_ms = 1'000; // and for how long with the memory that they keep
 
-// Waits for something to do and gives what it is about; NULL when the thread has to end. The thread counts as waiting
-// when it comes here, and no longer when it leaves.
-void *next_event(Hatch *hatch)
+// Threads that each hatch may have, however many the others have; and what each takes of the pool's size at most, which it
+// isn't counted in.
+constexpr int threads_min = 8;
+constexpr size_t thread_memory = size_t{16} << 20;
+
+// Events that are read at once when nobody else reads any.
+constexpr int batch_max = 64;
+
+// How long a thread waits for an event, by how many wait; one that keeps memory gives it back first.
+int patience_of(const Hatch &hatch, const RequestMemory &memory)
+{
+	if (hatch.in_ring > 0)
+		return 0;
+	if (memory.map)
+		return keeping_ms;
+	return hatch.waiting > spare_max ? spare_ms : -1;
+}
+
+// Waits for events. Gives their number, or -1 when the thread has to end. The thread counts as waiting when it comes here,
+// and no longer when it leaves.
+int wait_for_events(Hatch *hatch, RequestMemory *memory, struct epoll_event *events)
 {
 	for (;;) {
-		struct epoll_event event;
-		int count = epoll_wait(hatch->events.get(), &event, 1, hatch->waiting > spare_max ? spare_ms : -1);
+		const int patience = patience_of(*hatch, *memory);
+		const int most = patience == 0 || hatch->waiting <= 1 ? batch_max : 1;
+		int count = epoll_wait(hatch->events.get(), events, most, patience);
 		int error = errno;
 		int waiting = hatch->waiting--;
-		if (hatch->revoked || (count == 0 && waiting > spare_max))
-			return nullptr;
-		if (count == 1)
-			return event.data.ptr;
+		if (hatch->revoked || (count == 0 && patience == spare_ms && waiting > spare_max))
+			return -1;
+		if (count > 0 || hatch->in_ring > 0)
+			return std::max(count, 0);
 		if (count == -1 && error != EINTR)
-			return nullptr; // closed by a fork that this thread came through
+			return -1; // closed by a fork that this thread came through
+		if (count == 0 && patience == keeping_ms) {
+			memory->give_up();
+			free_reply_memory();
+		}
+		hatch->waiting++;
+	}
+}
+
+// True for a connection that its client, or drop(), has ended, with nothing left to read.
+bool has_ended(const Peer &peer, uint32_t events)
+{
+	int unread = 0;
+	return (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0 && ioctl(peer.socket.get(), FIONREAD, &unread) == 0 &&
+	       unread == 0;
+}
+
+// What a number of events is about.
+struct Batch {
+	Peer *ready[batch_max];
+	Peer *ended[batch_max];
+	int ready_count = 0;
+	int ended_count = 0;
+	bool timer = false;
+	bool listener = false;
+
+	Batch(const Hatch &hatch, const struct epoll_event *events, int count)
+	{
+		for (int i = 0; i < count; i++) {
+			void *what = events[i].data.ptr;
+			if (what == &hatch.timer)
+				timer = true;
+			else if (what == &hatch.place.listener)
+				listener = true;
+			else if (what != &hatch.stop && what != &hatch.wake)
+				add(static_cast<Peer *>(what), events[i].events);
+		}
+	}
+	void add(Peer *peer, uint32_t events)
+	{
+		if (has_ended(*peer, events))
+			ended[ended_count++] = peer;
+		else
+			ready[ready_count++] = peer;
+	}
+};
+
+// Puts connections into their lines, and takes those out that have ended. Gives the one whose turn it is.
+Peer *deal_out(Hatch *hatch, const Batch &batch)
+{
+	MutexLock hold(hatch->lock);
+	for (int i = 0; i < batch.ready_count; i++)
+		line_up(hatch, batch.ready[i]);
+	for (int i = 0; i < batch.ended_count; i++) {
+		leave_line(batch.ended[i]);
+		leave(hatch, batch.ended[i]);
+	}
+	if (batch.ended_count > 0 && hatch->paused)
+		resume_accepting(hatch);
+	return batch.listener || batch.timer ? nullptr : begin_turn(hatch);
+}
+
+// Gives the next connection to deal with; NULL when the thread has to end.
+Peer *next_peer(Hatch *hatch, RequestMemory *memory)
+{
+	for (;;) {
+		struct epoll_event events[batch_max];
+		int count = wait_for_events(hatch, memory, events);
+		if (count < 0)
+			return nullptr;
+		const Batch batch(*hatch, events, count);
+		Peer *peer = deal_out(hatch, batch);
+		for (int i = 0; i < batch.ended_count; i++)
+			delete batch.ended[i];
+		if (hatch->in_ring > 0 && hatch->waiting > 0)
+			(void) eventfd_write(hatch->wake.get(), 1);
+		if (peer != nullptr)
+			return peer;
+		if (batch.timer)
+			tick(hatch);
+		if (batch.listener)
+			accept_peers(hatch);
 		hatch->waiting++;
 	}
 }
@@ -34,13 +138,8 @@ void *next_event(Hatch *hatch)
 void work(Hatch *hatch)
 {
 	RequestMemory memory;
-	while (void *what = next_event(hatch)) {
-		if (what == &hatch->timer)
-			tick(hatch);
-		else if (what == &hatch->place.listener)
-			accept_peers(hatch);
-		else if (what != &hatch->stop)
-			serve_peer(hatch, static_cast<Peer *>(what), &memory);
+	while (Peer *peer = next_peer(hatch, &memory)) {
+		serve_peer(hatch, peer, &memory);
 		hatch->waiting++;
 	}
 }
@@ -51,6 +150,7 @@ void *thread_main(void *argument)
 	(void) pthread_setname_np(pthread_self(), "hatch");
 	work(hatch);
 	free_reply_memory();
+	all_threads--;
 	bool last;
 	{
 		MutexLock hold(hatch->lock);
@@ -64,9 +164,16 @@ void *thread_main(void *argument)
 
 } // namespace
 
+int threads_max()
+{
+	return static_cast<int>(std::min(pool_size() / thread_memory, size_t{HATCH_THREADS_MAX}));
+}
+
 int start_thread(Hatch *hatch)
 {
 	if (hatch->threads >= HATCH_THREADS_MAX || hatch->revoked)
+		return 0;
+	if (hatch->threads >= threads_min && all_threads >= threads_max())
 		return 0;
 	pthread_attr_t attributes;
 	if (int error = pthread_attr_init(&attributes))
@@ -79,7 +186,7 @@ int start_thread(Hatch *hatch)
 	int error = pthread_create(&thread, &attributes, thread_main, hatch);
 	(void) pthread_attr_destroy(&attributes);
 	if (error == 0)
-		hatch->threads++;
+		hatch->threads++, all_threads++;
 	else
 		hatch->waiting--;
 	return error;

@@ -31,7 +31,7 @@ inline constexpr size_t head_size = 16;
 static_assert(sizeof(RequestHead) == head_size && sizeof(ReplyHead) == head_size);
 
 // Why a call got no reply of the handler's.
-enum class Refusal : uint32_t { none, too_short, descriptors, no_reply, no_memory };
+enum class Refusal : uint32_t { none, too_short, descriptors, no_reply, no_memory, other_user };
 
 // The errno value that a client sees for it. Numbers that no server of ours sends give EPROTO.
 int refusal_errno(uint32_t refusal);

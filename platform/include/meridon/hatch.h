@@ -51,7 +51,19 @@ typedef struct {
 
 #define HATCH_PARAM_DATA_MIN 3 /* the fewest bytes that a call must have; 0 at first */
 
-#define HATCH_THREADS_MAX 256 /* handlers of one hatch that run at once; calls beyond wait in their sockets */
+/*
+ * Handlers of one hatch that run at once; calls beyond wait. A user other than root and the server's own has 4 for each
+ * processor, at least 8 and at most 64: handlers must not wait for further calls of the same user.
+ */
+#define HATCH_THREADS_MAX 256
+
+/*
+ * What clients may make a server hold: their requests, the lists unpacked out of them and their replies take at most a
+ * quarter of the memory that the process may have, all hatches together, and at least 32 MiB. The memory that it may have
+ * is the least of the machine's, the bounds of its control group and the parents of that, and RLIMIT_AS. A user other than
+ * root and the server's own has a share of that: as much as is left when as much again is there for each user that holds
+ * something. Beyond it that user's calls are refused with ENOMEM, and nobody else's.
+ */
 
 /*
  * What a hatch runs for each call, with the cookie that the hatch was made with. `arg` points to `arg_size` bytes, is
@@ -135,9 +147,19 @@ int hatch_return(const char *data, size_t size, hatch_desc_t *descs, unsigned in
  * freed, is lost with hatch_return(), and each call takes back what the last one gave. The bytes aren't zeroed.
  *
  * Errors:  NULL with errno  EINVAL  not in a handler
- *                           ENOMEM
+ *                           ENOMEM  or that is more than the caller may have now
  */
 void *hatch_reply_memory(size_t size);
+
+/*
+ * Counts `bytes` of memory, which a handler is about to take for its caller, as the caller's, until the call ends. What
+ * the layer sees by itself is counted without it: the request, a list that is unpacked, memory for the reply.
+ *
+ * Errors:  EINVAL  not in a handler
+ *          ENOMEM  that is more than the caller may have now
+ * Limits:  the first 64 KiB of a call are free
+ */
+int hatch_charge(size_t bytes);
 
 /*
  * Gives the credential of the caller of the running call: what the kernel said of the thread that sent it.
@@ -167,7 +189,8 @@ int hatch_peercred(peercred_t **cred);
  *          ENOTSUP       descriptors
  *          EPROTO        the other end doesn't speak as a hatch does
  *          EFAULT        arg is NULL, or data_ptr is NULL and data_size isn't 0
- *          ENOMEM        here, or of the server for this request; also when it says so in the middle of it
+ *          ENOMEM        here, or of the server, which can't have so much of this user's now; also when it says so in the
+ *                        middle of the request. The call wasn't carried out then
  *          EMFILE, ENFILE
  * Limits:  requests and replies of any length that memory allows
  */

@@ -1,0 +1,172 @@
+// The pool: a table of the users that hold something, and the rule of shares.
+#include "hatch/pool.h"
+
+#include <algorithm>
+#include <atomic>
+#include <ctime>
+#include <new>
+#include <unistd.h>
+
+#include "base/thread_safety.h"
+#include "hatch/memory_bound.h"
+
+namespace hatch {
+namespace {
+
+constexpr size_t buckets = 1024;
+constexpr uid_t overflow_user = 65534; // what the kernel gives for a user that has no number here
+
+struct User {
+	User *next;
+	uid_t uid;
+	bool has_share; // it isn't exempt
+	size_t bytes;
+};
+
+// An entry is there while it holds something.
+struct Pool {
+	User *users[buckets];
+	size_t bytes;     // all users'
+	size_t strangers; // users with a share that hold something
+};
+
+Mutex pool_lock;
+Pool pool GUARDED_BY(pool_lock);
+
+std::atomic<size_t> known_size;
+std::atomic<time_t> looked_at;
+std::atomic<bool> is_fixed;
+
+time_t now_s()
+{
+	struct timespec now = {};
+	(void) clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+	return now.tv_sec + 1; // never 0
+}
+
+User **find(uid_t uid) REQUIRES(pool_lock)
+{
+	User **link = &pool.users[uid % buckets];
+	while (*link != nullptr && (*link)->uid != uid)
+		link = &(*link)->next;
+	return link;
+}
+
+// (has + more) * (users + 1) <= left + has, where what the others have is gone from `left`.
+bool is_within_share(size_t has, size_t more, size_t size) REQUIRES(pool_lock)
+{
+	const size_t all = size - size / 8;
+	const size_t left = all > pool.bytes ? all - pool.bytes : 0;
+	const size_t users = pool.strangers + (has == 0 ? 1 : 0);
+	return more <= left && has + more <= (left + has) / (users + 1);
+}
+
+bool take(uid_t uid, size_t more, size_t size) REQUIRES(pool_lock)
+{
+	User **link = find(uid);
+	size_t has = *link == nullptr ? 0 : (*link)->bytes;
+	if (size < pool.bytes || more > size - pool.bytes)
+		return false;
+	const bool has_share = *link == nullptr ? !is_exempt(uid) : (*link)->has_share;
+	if (has_share && !is_within_share(has, more, size))
+		return false;
+	if (*link == nullptr) {
+		*link = new (std::nothrow) User{nullptr, uid, has_share, 0};
+		if (*link == nullptr)
+			return false;
+		pool.strangers += has_share ? 1 : 0;
+	}
+	(*link)->bytes += more;
+	pool.bytes += more;
+	return true;
+}
+
+void give_back(uid_t uid, size_t less) REQUIRES(pool_lock)
+{
+	User **link = find(uid);
+	User *user = *link;
+	if (user == nullptr) // of a parent that this process was forked from
+		return;
+	user->bytes -= less;
+	pool.bytes -= less;
+	if (user->bytes > 0)
+		return;
+	*link = user->next;
+	pool.strangers -= user->has_share ? 1 : 0;
+	delete user;
+}
+
+} // namespace
+
+size_t pool_size()
+{
+	time_t now = now_s(), before = looked_at.load(std::memory_order_acquire);
+	if (before == now || is_fixed)
+		return known_size;
+	size_t size = std::max(memory_bound("") / 4, pool_min);
+	known_size = size;
+	looked_at.store(now, std::memory_order_release);
+	return size;
+}
+
+void set_pool_size(size_t bytes)
+{
+	known_size = bytes;
+	is_fixed = bytes != 0;
+	looked_at = 0;
+}
+
+size_t pool_held()
+{
+	MutexLock hold(pool_lock);
+	return pool.bytes;
+}
+
+bool is_exempt(uid_t user)
+{
+	return user == 0 || (user == geteuid() && user != overflow_user);
+}
+
+void lock_pool() NO_THREAD_SAFETY_ANALYSIS
+{
+	pool_lock.lock();
+}
+
+void unlock_pool() NO_THREAD_SAFETY_ANALYSIS
+{
+	pool_lock.unlock();
+}
+
+void empty_pool() NO_THREAD_SAFETY_ANALYSIS
+{
+	for (User *&first : pool.users) {
+		while (User *user = first) {
+			first = user->next;
+			delete user;
+		}
+	}
+	pool.bytes = pool.strangers = 0;
+}
+
+size_t Charge::most() const
+{
+	const size_t size = pool_size();
+	return is_exempt(user_) ? size : (size - size / 8) / 2;
+}
+
+bool Charge::resize(size_t bytes)
+{
+	if (bytes > bytes_) {
+		size_t size = pool_size(); // it may have to look: not with the lock held
+		MutexLock hold(pool_lock);
+		if (!take(user_, bytes - bytes_, size))
+			return false;
+	} else if (bytes < bytes_) {
+		MutexLock hold(pool_lock);
+		give_back(user_, bytes_ - bytes);
+	}
+	bytes_ = bytes;
+	return true;
+}
+
+} // namespace hatch

@@ -1,0 +1,433 @@
+// Users that take what they can get: shares of memory, and what others notice of a flood.
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <random>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "hatch/memory_bound.h"
+#include "hatch/pool.h"
+#include "hatch/record.h"
+#include "hatch/wire.h"
+#include "hatch_peer.h"
+#include "lists.h"
+#include "scratch.h"
+
+using namespace hatch;
+
+namespace {
+
+constexpr size_t mib = size_t{1} << 20;
+constexpr uid_t stranger = 1001;
+
+// What a thread of this process does as another user.
+template <typename Do>
+void as_user(uid_t user, const Do &what)
+{
+	std::thread([&] {
+		become(user, user);
+		what();
+	}).join();
+}
+
+// ---- Memory ----
+
+TEST(HatchMemory, TheLeastBoundOfAGroupAndItsParentsCounts)
+{
+	struct Group {
+		const char *what;
+		const char *groups; // /proc/self/cgroup
+		std::map<std::string, std::string> files;
+		size_t bound; // in MiB; 0: the machine's
+	};
+	const Group all[] = {
+	    {"no groups", "", {}, 0},
+	    {"version 2", "0::/a/b\n", {{"a/b/memory.max", "max\n"}, {"a/memory.max", "12582912\n"}}, 12},
+	    {"a smaller child", "0::/a/b\n", {{"a/b/memory.max", "8388608\n"}, {"a/memory.max", "12582912\n"}}, 8},
+	    {"in a namespace", "0::/\n", {{"memory.max", "16777216\n"}}, 16},
+	    {"a name from outside", "0::/x/y\n", {{"memory.max", "16777216\n"}}, 16},
+	    {"no bound", "0::/a\n", {{"a/memory.max", "max\n"}}, 0},
+	    {"version 1", "5:cpu:/z\n4:pids,memory:/a/b\n",
+		{{"memory/a/b/memory.limit_in_bytes", "9223372036854771712\n"},
+		    {"memory/a/memory.limit_in_bytes", "20971520\n"}, {"memory/z/memory.limit_in_bytes", "1\n"}},
+		20},
+	    {"both", "4:memory:/m\n0::/u\n",
+		{{"memory/m/memory.limit_in_bytes", "20971520\n"}, {"unified/u/memory.max", "10485760\n"}}, 10},
+	    {"nonsense", "\n::\n0::\n0:\nmemory\n0::/a\n", {{"a/memory.max", "1x\n"}}, 0},
+	};
+	for (const Group &one : all) {
+		Scratch tree;
+		std::filesystem::create_directories(tree.path("proc/self"));
+		(void) tree.write("proc/self/cgroup", one.groups);
+		for (const auto &[path, text] : one.files) {
+			std::filesystem::path file = tree.path("sys/fs/cgroup/" + path);
+			std::filesystem::create_directories(file.parent_path());
+			(void) tree.write("sys/fs/cgroup/" + path, text);
+		}
+		const size_t machine = memory_bound("/nowhere");
+		EXPECT_EQ(memory_bound(tree.directory().c_str()), one.bound == 0 ? machine : one.bound * mib)
+		    << one.what;
+	}
+}
+
+class FixedPool {
+public:
+	explicit FixedPool(size_t size) { set_pool_size(size); }
+	FixedPool(const FixedPool &) = delete;
+	FixedPool &operator=(const FixedPool &) = delete;
+	~FixedPool() { set_pool_size(0); }
+};
+
+TEST(HatchMemory, GreedyUsersLeaveAPartForTheNextAndAnEighthForRoot)
+{
+	const size_t size = 64 * mib, piece = mib / 64;
+	FixedPool pool(size);
+	std::vector<std::unique_ptr<Charge>> users;
+	for (uid_t k = 1; k <= 8; k++) {
+		users.push_back(std::make_unique<Charge>(100'000 + k));
+		while (users.back()->resize(users.back()->bytes() + piece))
+			;
+		const size_t share = (size - size / 8) / (k * (k + 1));
+		EXPECT_NEAR(static_cast<double>(users.back()->bytes()), static_cast<double>(share), 16 * piece) << k;
+	}
+	Charge root(0);
+	EXPECT_FALSE(users.front()->resize(users.front()->bytes() + piece));
+	EXPECT_TRUE(root.resize(size - pool_held()));
+	EXPECT_GE(root.bytes(), size / 8);
+	EXPECT_FALSE(root.resize(root.bytes() + 1)) << "the whole is everybody's bound";
+	EXPECT_FALSE(users.back()->resize(SIZE_MAX));
+	EXPECT_TRUE(users.back()->resize(1)) << "less is never refused";
+	users.clear();
+	EXPECT_EQ(pool_held(), root.bytes());
+}
+
+// Any users, any sizes: the sum is right, what is granted is what the rule says, and all comes back.
+TEST(HatchMemory, ChargesAddUpWhateverIsAskedFor)
+{
+	const size_t size = 64 * mib, of_strangers = size - size / 8;
+	FixedPool pool(size);
+	std::mt19937 random(7);
+	std::map<uid_t, size_t> has; // users that hold something
+	size_t sum = 0, refused = 0;
+	{
+		std::vector<std::unique_ptr<Charge>> charges;
+		std::vector<uid_t> users;
+		for (uid_t i = 0; i < 300; i++) {
+			users.push_back(i % 40 == 0 ? 0 : 5'000 + i % 60 * 1024); // one bucket for all
+			charges.push_back(std::make_unique<Charge>(users.back()));
+		}
+		for (int step = 0; step < 20'000; step++) {
+			const size_t i = random() % charges.size();
+			const size_t before = charges[i]->bytes(), wish = random() % 4 == 0 ? 0 : random() % (2 * mib);
+			const size_t more = wish > before ? wish - before : 0;
+			const size_t mine = has.count(users[i]) == 0 ? 0 : has[users[i]];
+			const size_t strangers = has.size() - has.count(0) + (mine == 0 ? 1 : 0);
+			const size_t left = of_strangers > sum ? of_strangers - sum : 0;
+			const bool within = users[i] == 0
+						? sum + more <= size
+						: more <= left && (mine + more) * (strangers + 1) <= left + mine;
+			const bool granted = charges[i]->resize(wish);
+			ASSERT_EQ(granted, within || more == 0) << step;
+			refused += granted ? 0 : 1;
+			if (granted && wish != before) {
+				sum = sum - before + wish;
+				if ((has[users[i]] = mine - before + wish) == 0)
+					has.erase(users[i]);
+			}
+			ASSERT_EQ(pool_held(), sum) << step;
+		}
+	}
+	EXPECT_GT(refused, 100U) << "it was never tight";
+	EXPECT_EQ(pool_held(), 0U);
+}
+
+// Carries out in its handler what a stranger's request may lead to, and gives the errors.
+void amplify(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
+{
+	Ask ask = {};
+	memcpy(&ask, arg, std::min(size, sizeof ask));
+	int error = 0;
+	attrlist_t *list = nullptr;
+	switch (ask.number) {
+	case 0:
+		error = attrlist_unpack(arg + sizeof ask, size - sizeof ask, &list, 0);
+		attrlist_free(list);
+		break;
+	case 1:
+		error = hatch_charge(ask.size) == 0 ? 0 : errno;
+		break;
+	case 2:
+		error = hatch_reply_memory(ask.size) != nullptr ? 0 : errno;
+		break;
+	default:
+		break;
+	}
+	(void) hatch_return(reinterpret_cast<const char *>(&error), sizeof error, nullptr, 0);
+}
+
+// Lists without members take many times their packed size.
+std::string empty_lists(size_t bytes)
+{
+	std::vector<attrlist_t *> lists(bytes / 8, nullptr);
+	attrlist_t *empty = nullptr, *whole = nullptr;
+	EXPECT_EQ(attrlist_alloc(&empty, ATL_UNIQUE_NAME, 0), 0);
+	EXPECT_EQ(attrlist_alloc(&whole, ATL_UNIQUE_NAME, 0), 0);
+	std::fill(lists.begin(), lists.end(), empty);
+	EXPECT_EQ(attrlist_add_attrlist_array(whole, "l", lists.data(), static_cast<unsigned int>(lists.size())), 0);
+	char *packed = nullptr;
+	size_t size = 0;
+	EXPECT_EQ(attrlist_pack(whole, &packed, &size, ATL_ENCODE_XDR, 0), 0);
+	std::string text(packed, size);
+	free(packed);
+	attrlist_free(whole);
+	attrlist_free(empty);
+	return text;
+}
+
+TEST(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "other users need root";
+	FixedPool pool(32 * mib); // 14 MiB for a stranger alone
+	Scratch scratch;
+	ASSERT_EQ(chmod(scratch.directory().c_str(), 0755), 0);
+	LocalHatch served(scratch.path("hatch"), amplify);
+	auto as_bytes = [](const Ask &ask) { return std::string(reinterpret_cast<const char *>(&ask), sizeof ask); };
+	const std::string lists = empty_lists(4 * mib);
+	struct Case {
+		const char *what;
+		std::string request;
+		int of_stranger, of_root;
+	};
+	const Case cases[] = {
+	    {"few lists", as_bytes({Do::Echo, 0, 0}) + empty_lists(mib / 16), 0, 0},
+	    {"many lists", as_bytes({Do::Echo, 0, 0}) + lists, ENOMEM, 0},
+	    {"a charge", as_bytes({Do::Echo, 1, 10 * mib}), 0, 0},
+	    {"a large charge", as_bytes({Do::Echo, 1, 20 * mib}), ENOMEM, 0},
+	    {"an absurd charge", as_bytes({Do::Echo, 1, SIZE_MAX}), ENOMEM, ENOMEM},
+	    {"a reply", as_bytes({Do::Echo, 2, 10 * mib}), 0, 0},
+	    {"a large reply", as_bytes({Do::Echo, 2, 20 * mib}), ENOMEM, 0},
+	    {"a large request and a charge", as_bytes({Do::Echo, 1, 6 * mib}) + std::string(10 * mib, 'x'), ENOMEM, 0},
+	};
+	auto outcome = [&](const std::string &request) {
+		Fd fd = open_hatch(scratch.path("hatch"));
+		Answer answer = call(fd.get(), request);
+		hatch_forget(fd.get());
+		int error = answer.error;
+		if (answer.data.size() == sizeof error)
+			memcpy(&error, answer.data.data(), sizeof error);
+		return error;
+	};
+	for (const Case &one : cases) {
+		int seen = -1;
+		as_user(stranger, [&] { seen = outcome(one.request); });
+		EXPECT_EQ(seen, one.of_stranger) << one.what;
+		EXPECT_EQ(outcome(one.request), one.of_root) << one.what;
+	}
+	EXPECT_EQ(hatch_charge(1), -1);
+	EXPECT_EQ(errno, EINVAL) << "outside of a handler";
+	served.revoke();
+	EXPECT_EQ(pool_held(), 0U);
+}
+
+// ---- Floods ----
+
+// Makes connections to the socket itself.
+class Flooder {
+public:
+	explicit Flooder(const std::string &path)
+	{
+		Id id = {};
+		EXPECT_TRUE(read_record(open_hatch(path).get(), &id));
+		address_.sun_family = AF_UNIX;
+		(path.substr(0, path.rfind('/') + 1) + socket_name(id).text)
+		    .copy(address_.sun_path, sizeof address_.sun_path - 1);
+	}
+	Fd connect(int flags = 0) const
+	{
+		Fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0));
+		if (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address_), sizeof address_) != 0)
+			fd.reset();
+		return fd;
+	}
+
+private:
+	sockaddr_un address_ = {};
+};
+
+bool send_some(const Fd &fd, const std::string &bytes)
+{
+	return send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) != -1 || errno == EAGAIN;
+}
+
+std::string beginning(uint64_t size, const std::string &payload)
+{
+	RequestHead head = {wire_magic, 0, size};
+	return std::string(reinterpret_cast<const char *>(&head), sizeof head) + payload;
+}
+
+// A way to flood: what each connection begins with, and what it goes on with. A connection that the server ends is made again.
+struct Flood {
+	const char *what;
+	int processes, connections; // of each process; 0: connects and closes
+	std::string first, next;
+};
+
+int flood(const std::string &path, const Flood &how)
+{
+	const Flooder flooder(path);
+	while (how.connections == 0)
+		(void) flooder.connect();
+	std::vector<Fd> all(static_cast<size_t>(how.connections));
+	for (;;) {
+		for (Fd &fd : all) {
+			bool lives = fd ? how.next.empty() || send_some(fd, how.next)
+					: (fd = flooder.connect(SOCK_NONBLOCK)) && send_some(fd, how.first);
+			if (!lives)
+				fd.reset();
+		}
+		if (how.next.empty())
+			usleep(1000);
+	}
+}
+
+// Calls for a while over a kept and over new connections; gives how many pairs of calls there were, or 255 for a failure.
+int call_beside(const std::string &path)
+{
+	const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+	Fd kept = open_hatch(path);
+	int calls = 0;
+	for (; std::chrono::steady_clock::now() < end && calls < 200; calls++) {
+		if (call(kept.get(), std::string("x")).data != "x")
+			return 255;
+		const Fd raw = Flooder(path).connect();
+		const std::string request = beginning(1, "y");
+		char reply[head_size + 1] = {};
+		if (!raw || send(raw.get(), request.data(), request.size(), MSG_NOSIGNAL) == -1 ||
+		    recv(raw.get(), reply, sizeof reply, 0) != sizeof reply || reply[head_size] != 'y')
+			return 255;
+		usleep(5'000);
+	}
+	return calls;
+}
+
+class HatchFloods : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		if (geteuid() != 0)
+			GTEST_SKIP() << "other users need root";
+		ASSERT_EQ(chmod(scratch_.directory().c_str(), 0755), 0);
+		struct rlimit limit;
+		ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+		limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+		ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+	}
+
+	Scratch scratch_;
+	std::string path_ = attachable(scratch_.path("hatch"));
+};
+
+TEST_F(HatchFloods, OfOneUserLeaveAnotherItsCalls)
+{
+	const Ask large = {Do::Size, 0, mib};
+	const Flood floods[] = {
+	    {"connect and close", 4, 0, "", ""},
+	    {"half requests", 2, 300, beginning(mib, std::string(200'000, 'x')), ""},
+	    {"a byte at a time", 2, 600, beginning(mib, "x"), "y"},
+	    {"whole requests, of which no reply is read", 4, 16, beginning(60'000, std::string(60'000, '\0')),
+		beginning(60'000, std::string(60'000, '\0'))},
+	    {"replies that nobody reads", 2, 32,
+		beginning(sizeof large, std::string(reinterpret_cast<const char *>(&large), sizeof large)), ""},
+	};
+	for (const Flood &how : floods) {
+		Process server = serve(path_);
+		const int before = descriptors_of(server.pid());
+		{
+			std::vector<Process> flooders;
+			for (int i = 0; i < how.processes; i++)
+				flooders.emplace_back([&] {
+					become(stranger, stranger);
+					return flood(path_, how);
+				});
+			usleep(300'000);
+			Process other([&] {
+				become(stranger + 1, stranger + 1);
+				return call_beside(path_);
+			});
+			const int calls = other.wait();
+			EXPECT_NE(calls, 255) << how.what << ": a call failed";
+			EXPECT_GE(calls, sanitized ? 2 : 8) << how.what;
+		}
+		EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) <= before + 1; })) << how.what;
+	}
+}
+
+TEST_F(HatchFloods, TheUserWithMostConnectionsLosesItsOldestAndNobodyElseOne)
+{
+	struct rlimit before;
+	ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+	const struct rlimit few = {100, before.rlim_max};
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+	Process server = serve(path_);
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+	const Flooder flooder(path_);
+	auto is_served = [](const Fd &fd) {
+		char reply[head_size + 1];
+		return send_some(fd, beginning(1, "x")) && recv(fd.get(), reply, sizeof reply, 0) == sizeof reply;
+	};
+	std::vector<Fd> greedy;
+	auto be_greedy = [&] {
+		for (int i = 0; i < 100; i++) {
+			greedy.push_back(flooder.connect());
+			ASSERT_TRUE(is_served(greedy.back())) << i;
+		}
+	};
+	as_user(stranger, be_greedy);
+	Fd other;
+	as_user(stranger + 1, [&] {
+		other = flooder.connect();
+		ASSERT_TRUE(is_served(other));
+	});
+	as_user(stranger, be_greedy);
+	as_user(stranger + 1, [&] { EXPECT_TRUE(is_served(other)) << "another user's went"; });
+	as_user(stranger, [&] { EXPECT_FALSE(is_served(greedy.front())); });
+	EXPECT_LT(descriptors_of(server.pid()), 100 - 20);
+}
+
+TEST_F(HatchFloods, AUserThatComesAfterManyIsServed)
+{
+	set_pool_size(64 * mib);
+	Process server = serve(path_);
+	set_pool_size(0);
+	const Flooder flooder(path_);
+	std::vector<Fd> halves;
+	for (uid_t user = 10'000; user < 10'300; user++) {
+		as_user(user, [&] {
+			halves.push_back(flooder.connect());
+			(void) send_some(halves.back(), beginning(mib, std::string(150'000, 'x')));
+		});
+	}
+	Process last([&] {
+		become(20'000, 20'000);
+		Fd fd = open_hatch(path_);
+		for (size_t size : {10, 100'000, 250'000}) {
+			if (call(fd.get(), std::string(size, '\0')).data.size() != size)
+				return 1;
+		}
+		return 0;
+	});
+	EXPECT_EQ(last.wait(), 0);
+}
+
+} // namespace
