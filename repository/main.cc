@@ -171,18 +171,18 @@ void handle(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
 	size_t reply_size = 0;
 	{
 		rpy::Writer reply;
+		reply.move_to(small, sizeof(small));
 		answer(static_cast<Daemon *>(cookie), {arg, size}, caller_may_read, caller_may_modify, &reply);
 		reply_size = reply.size();
-		char *room = small;
-		if (reply.ok() && reply_size > sizeof(small))
-			room = static_cast<char *>(hatch_reply_memory(reply_size));
-		if (!reply.ok() || room == nullptr) {
+		if (reply.ok() && reply.owns())
+			if (void *room = hatch_reply_memory(reply_size))
+				reply.move_to(static_cast<char *>(room), reply_size);
+		data = reply.data();
+		if (!reply.ok() || reply.owns()) {
 			const uint32_t bare[] = {rpy::magic, RPY_ERROR_NO_MEMORY};
 			memcpy(small, bare, sizeof(bare));
 			reply_size = sizeof(bare);
-		} else {
-			memcpy(room, reply.data(), reply_size);
-			data = room;
+			data = small;
 		}
 	}
 	(void) hatch_return(data, reply_size, nullptr, 0);

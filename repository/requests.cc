@@ -3,13 +3,18 @@
 #include "requests.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <new>
 #include <unistd.h>
+
+#include <meridon/hatch.h>
 
 namespace repository {
 namespace {
 
 using namespace rpy;
+using namespace std::chrono_literals;
 using Handler = rpy_error_t(Daemon *daemon, Reader *in, Writer *out);
 
 bool is_parent(const Node *node, uint32_t kind)
@@ -83,7 +88,40 @@ rpy_error_t decode(Daemon *daemon, Reader *in, Writer *out)
 	return RPY_ERROR_NONE;
 }
 
-rpy_error_t get_group(Daemon *daemon, Reader *in, Writer *out)
+// A group as a reader found it. Versions never change, so that the reply is filled without the lock.
+struct Found {
+	uint64_t id = 0;
+	uint32_t flags = 0;
+	std::string name;
+	const std::string *type = nullptr; // kept for good
+	std::shared_ptr<const Version> version;
+};
+
+Found found_in(const Node *node)
+{
+	return {node->id, node->flags, node->name, node->type, node->version};
+}
+
+rpy::Group wire_group(const Found &found)
+{
+	return {found.id, found.version->id, found.flags, found.name, *found.type, found.version->properties};
+}
+
+// Makes room for so many bytes of the reply: beyond what lies on the stack it is the hatch's memory, which counts as the
+// caller's. False if that may not have more.
+bool make_room(Writer *out, size_t more)
+{
+	const size_t whole = out->size() + more;
+	if (whole <= out->room())
+		return true;
+	char *memory = static_cast<char *>(hatch_reply_memory(whole));
+	if (memory == nullptr)
+		return errno == EINVAL; // no hatch called: the writer's own memory does
+	out->move_to(memory, whole);
+	return true;
+}
+
+rpy_error_t find_named(Daemon *daemon, Reader *in, Found *found)
 {
 	uint32_t kind = in->u32();
 	uint64_t id = in->u64();
@@ -97,11 +135,11 @@ rpy_error_t get_group(Daemon *daemon, Reader *in, Writer *out)
 	const Node *group = daemon->model.child(parent, kind_below(parent), name);
 	if (group == nullptr)
 		return RPY_ERROR_NOT_FOUND;
-	put_group(out, wire_group(group));
+	*found = found_in(group);
 	return RPY_ERROR_NONE;
 }
 
-rpy_error_t read_group(Daemon *daemon, Reader *in, Writer *out)
+rpy_error_t find_by_id(Daemon *daemon, Reader *in, Found *found)
 {
 	uint64_t id = in->u64();
 	if (!in->done())
@@ -110,7 +148,60 @@ rpy_error_t read_group(Daemon *daemon, Reader *in, Writer *out)
 	const Node *group = daemon->model.find(Parent::group, id);
 	if (group == nullptr)
 		return RPY_ERROR_DELETED;
-	put_group(out, wire_group(group));
+	*found = found_in(group);
+	return RPY_ERROR_NONE;
+}
+
+using Find = rpy_error_t(Daemon *daemon, Reader *in, Found *found);
+
+template <Find *find>
+rpy_error_t give_group(Daemon *daemon, Reader *in, Writer *out)
+{
+	Found found;
+	if (rpy_error_t error = find(daemon, in, &found); error != RPY_ERROR_NONE)
+		return error;
+	const rpy::Group group = wire_group(found);
+	if (!make_room(out, size_of(group)))
+		return RPY_ERROR_NO_MEMORY;
+	put_group(out, group);
+	return RPY_ERROR_NONE;
+}
+
+// Several reads of one client's, each with a reply of its own: one that fails says nothing about the others. Those that no
+// page has room for are left to calls of their own.
+rpy_error_t together(Daemon *daemon, Reader *in, Writer *out)
+{
+	struct One {
+		rpy_error_t error;
+		Found found;
+	};
+	constexpr size_t head = 3 * sizeof(uint32_t); // its length, and what each reply begins with
+	std::vector<One> all;
+	size_t bytes = 0;
+	bool full = false;
+	while (in->ok() && in->left() > 0 && !full) {
+		Reader request(in->text());
+		const bool speaks = request.u32() == magic;
+		const auto op = static_cast<Op>(request.u32());
+		if (!request.ok() || !speaks || (op != Op::get_group && op != Op::read_group))
+			return RPY_ERROR_INVALID_ARGUMENT;
+		One &one = all.emplace_back();
+		one.error = (op == Op::get_group ? find_named : find_by_id)(daemon, &request, &one.found);
+		bytes += head + (one.error == RPY_ERROR_NONE ? size_of(wire_group(one.found)) : 0);
+		full = bytes > page_bytes || all.size() == page_most;
+	}
+	if (!in->ok())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	if (!make_room(out, bytes))
+		return RPY_ERROR_NO_MEMORY;
+	for (const One &one : all) {
+		const size_t length_at = out->hole(), begin = out->size();
+		out->u32(magic);
+		out->u32(static_cast<uint32_t>(one.error));
+		if (one.error == RPY_ERROR_NONE)
+			put_group(out, wire_group(one.found));
+		out->fill(length_at, static_cast<uint32_t>(out->size() - begin));
+	}
 	return RPY_ERROR_NONE;
 }
 
@@ -194,38 +285,95 @@ bool fits(const Node *group, Filter filter, std::string_view text)
 	}
 }
 
+// A listing of groups, and what was collected for one page of it.
+struct Listing {
+	uint32_t kind = 0;
+	uint64_t id = 0; // of the parent
+	Filter filter = Filter::all;
+	std::string_view text;
+	uint64_t after = 0; // what was looked at
+
+	std::vector<Found> page;
+	size_t bytes = 0;
+	bool more = false; // a group fits that the page has no room for
+
+	bool is_full() const
+	{
+		return page.size() >= page_most || (page.size() >= page_least && bytes >= page_bytes) ||
+		       bytes >= page_bytes_most;
+	}
+	void add(const Node *group)
+	{
+		page.push_back(found_in(group));
+		bytes += size_of(wire_group(page.back()));
+	}
+	void take_back_last()
+	{
+		bytes -= size_of(wire_group(page.back()));
+		page.pop_back();
+		more = true;
+	}
+};
+
+// For how long a listing keeps updates waiting.
+constexpr size_t piece_groups = 4096;
+constexpr auto piece_time = 1ms;
+constexpr size_t groups_between_looks = 128; // at the clock
+
+// Goes on with a listing for a piece, under the lock. *done: nothing is left, or the page is full.
+rpy_error_t collect_piece(Daemon *daemon, Listing *listing, bool *done)
+{
+	ReadLock hold(daemon->model.lock);
+	const Node *parent = daemon->model.find(listing->id); // it may have gone since the last piece
+	if (!is_parent(parent, listing->kind))
+		return RPY_ERROR_DELETED;
+	std::vector<Node *> named;
+	if (listing->filter == Filter::name_without_case)
+		named = daemon->model.children_without_case(parent, kind_below(parent), listing->text);
+	const std::vector<Node *> &list = listing->filter == Filter::name_without_case ? named : parent->groups;
+	const auto end = std::chrono::steady_clock::now() + piece_time;
+	size_t looked = 0;
+	for (auto at = behind(list, listing->after); at != list.end(); ++at, looked++) {
+		if (looked == piece_groups || (looked % groups_between_looks == groups_between_looks - 1 &&
+						  std::chrono::steady_clock::now() >= end))
+			return RPY_ERROR_NONE;
+		listing->after = (*at)->id;
+		if (!fits(*at, listing->filter, listing->text))
+			continue;
+		listing->more = listing->is_full();
+		if (listing->more)
+			break;
+		listing->add(*at);
+	}
+	*done = true;
+	return RPY_ERROR_NONE;
+}
+
 rpy_error_t list_groups(Daemon *daemon, Reader *in, Writer *out)
 {
-	uint32_t kind = in->u32();
-	uint64_t id = in->u64();
+	Listing listing;
+	listing.kind = in->u32();
+	listing.id = in->u64();
 	uint32_t filter = in->u32();
-	std::string_view text = in->text();
-	uint64_t after = in->u64();
+	listing.text = in->text();
+	listing.after = in->u64();
 	if (!in->done() || filter > static_cast<uint32_t>(Filter::type_prefix))
 		return RPY_ERROR_INVALID_ARGUMENT;
-	ReadLock hold(daemon->model.lock);
-	const Node *parent = daemon->model.find(id);
-	if (!is_parent(parent, kind))
-		return RPY_ERROR_DELETED;
-	auto wanted = static_cast<Filter>(filter);
-	std::vector<Node *> named;
-	if (wanted == Filter::name_without_case)
-		named = daemon->model.children_without_case(parent, kind_below(parent), text);
-	const std::vector<Node *> &list = wanted == Filter::name_without_case ? named : parent->groups;
-	size_t more_at = out->hole(), count_at = out->hole(), begin = out->size();
-	uint32_t count = 0;
-	auto at = behind(list, after);
-	for (; at != list.end(); ++at) {
-		if (!fits(*at, wanted, text))
-			continue;
-		const size_t bytes = out->size() - begin;
-		if (count >= page_most || (count >= page_least && bytes >= page_bytes) || bytes >= page_bytes_most)
-			break;
-		put_group(out, wire_group(*at));
-		count++;
+	listing.filter = static_cast<Filter>(filter);
+	for (bool done = false; !done;)
+		if (rpy_error_t error = collect_piece(daemon, &listing, &done); error != RPY_ERROR_NONE)
+			return error;
+	// A reader that may not have so much gets a shorter page.
+	while (!make_room(out, 2 * sizeof(uint32_t) + listing.bytes)) {
+		if (listing.page.size() <= 1)
+			return RPY_ERROR_NO_MEMORY;
+		for (size_t half = listing.page.size() / 2; listing.page.size() > half;)
+			listing.take_back_last();
 	}
-	out->fill(more_at, at == list.end() ? 0 : 1);
-	out->fill(count_at, count);
+	out->u32(listing.more ? 1 : 0);
+	out->u32(static_cast<uint32_t>(listing.page.size()));
+	for (const Found &found : listing.page)
+		put_group(out, wire_group(found));
 	return RPY_ERROR_NONE;
 }
 
@@ -647,8 +795,6 @@ rpy_error_t backup(Daemon *daemon, Reader *in, Writer *out)
 
 // ---- The table ----
 
-rpy_error_t together(Daemon *daemon, Reader *in, Writer *out);
-
 struct Request {
 	Handler *handler;
 	bool for_operators; // whoever may change things; what takes the store for long isn't everybody's either
@@ -663,8 +809,8 @@ constexpr Request requests[] = {
     {add_service, true},
     {add_instance, true},
     {delete_entity, true},
-    {get_group, false},
-    {read_group, false},
+    {give_group<find_named>, false},
+    {give_group<find_by_id>, false},
     {list_groups, false},
     {add_group, true},
     {delete_group, true},
@@ -695,26 +841,6 @@ void put_reply(Writer *reply, Fill fill)
 	if (error != RPY_ERROR_NONE && reply->ok())
 		reply->cut(begin);
 	reply->fill(error_at, static_cast<uint32_t>(error));
-}
-
-// Several reads of one client's, each with a reply of its own: one that fails says nothing about the others. Those that no
-// page has room for are left to calls of their own.
-rpy_error_t together(Daemon *daemon, Reader *in, Writer *out)
-{
-	while (in->ok() && in->left() > 0) {
-		if (out->size() > page_bytes)
-			return RPY_ERROR_NONE;
-		Reader one(in->text());
-		const bool speaks = one.u32() == magic;
-		const auto op = static_cast<Op>(one.u32());
-		if (!one.ok() || !speaks || (op != Op::get_group && op != Op::read_group))
-			return RPY_ERROR_INVALID_ARGUMENT;
-		const size_t length_at = out->hole();
-		const size_t begin = out->size();
-		put_reply(out, [&] { return requests[static_cast<size_t>(op)].handler(daemon, &one, out); });
-		out->fill(length_at, static_cast<uint32_t>(out->size() - begin));
-	}
-	return in->done() ? RPY_ERROR_NONE : RPY_ERROR_INVALID_ARGUMENT;
 }
 
 rpy_error_t carry_out(Daemon *daemon, std::string_view request, bool (*read)(), bool (*modify)(), Writer *reply)

@@ -1,7 +1,10 @@
-// The daemon's updates, without a process around them.
+// The daemon's updates and listings, without a process around them.
+#include <atomic>
 #include <gtest/gtest.h>
+#include <thread>
 
 #include "alloc_fault.h"
+#include "requests.h"
 #include "updates.h"
 
 namespace {
@@ -57,6 +60,100 @@ TEST(ConfigdUpdates, AFailingAllocationRefusesOneAndStopsNone)
 		EXPECT_EQ(store.rows_seen, before + 1) << "what was refused is done with the next";
 	}
 	EXPECT_GT(refused, 0);
+}
+
+// A request's head, and what a test puts behind it.
+class Asked : public rpy::Writer {
+public:
+	explicit Asked(rpy::Op op)
+	{
+		u32(rpy::magic);
+		u32(static_cast<uint32_t>(op));
+	}
+};
+
+// What a daemon answers to whoever may do anything; empty for an error.
+std::string answer_of(Daemon *daemon, const rpy::Writer &request)
+{
+	auto may = [] { return true; };
+	rpy::Writer reply;
+	answer(daemon, request.view(), may, may, &reply);
+	rpy::Reader in(reply.view());
+	(void) in.u32();
+	return in.u32() == RPY_ERROR_NONE ? std::string(in.here(), in.left()) : std::string();
+}
+
+uint64_t id_in(const std::string &answer)
+{
+	return rpy::Reader(answer).u64();
+}
+
+uint64_t add_group(Daemon *daemon, uint64_t instance, const std::string &name)
+{
+	Asked add(rpy::Op::add_group);
+	put_parent(&add, rpy::Parent::instance, instance);
+	add.text(name);
+	add.text("t" + name.substr(0, 1));
+	add.u32(RPY_PG_FLAG_TEMPORARY);
+	return id_in(answer_of(daemon, add));
+}
+
+// The ids in all pages of a listing of the groups of a type; empty if an id doesn't rise, or a page is empty before the end.
+std::vector<uint64_t> listed(Daemon *daemon, uint64_t instance, std::string_view type)
+{
+	std::vector<uint64_t> ids = {0};
+	for (bool more = true; more;) {
+		Asked list(rpy::Op::list_groups);
+		put_parent(&list, rpy::Parent::instance, instance);
+		list.u32(static_cast<uint32_t>(rpy::Filter::type));
+		list.text(type);
+		list.u64(ids.back());
+		const std::string page = answer_of(daemon, list);
+		rpy::Reader in(page);
+		more = in.u32() != 0;
+		const uint32_t count = in.u32();
+		if (more && count == 0)
+			return {};
+		for (uint32_t i = 0; i < count; i++) {
+			rpy::Group group;
+			if (!rpy::take_group(&in, &group) || group.id <= ids.back())
+				return {};
+			ids.push_back(group.id);
+		}
+	}
+	return {ids.begin() + 1, ids.end()};
+}
+
+// It is made in pieces, and others change what it goes over in between.
+TEST(ConfigdListings, WhatStaysIsListedOnceWhateverComesAndGoes)
+{
+	Daemon daemon("file", std::make_unique<NoStore>());
+	Asked service(rpy::Op::add_service);
+	service.text("s");
+	Asked instance(rpy::Op::add_instance);
+	instance.u64(id_in(answer_of(&daemon, service)));
+	instance.text("i");
+	const uint64_t parent = id_in(answer_of(&daemon, instance));
+	constexpr int many = 30000;
+	std::vector<uint64_t> stays, goes;
+	for (int i = 0; i < many; i++) {
+		const bool one = i % 10 == 0;
+		(one ? stays : goes).push_back(add_group(&daemon, parent, (one ? "s" : "g") + std::to_string(i)));
+	}
+	std::atomic<bool> end{false};
+	std::thread others([&] {
+		for (size_t i = 0; !end; i = (i + 1) % goes.size()) {
+			Asked remove(rpy::Op::delete_group);
+			remove.u64(goes[i]);
+			(void) answer_of(&daemon, remove);
+			goes[i] = add_group(&daemon, parent, "g" + std::to_string(i));
+		}
+	});
+	for (int i = 0; i < 50; i++)
+		EXPECT_EQ(listed(&daemon, parent, "ts"), stays);
+	end = true;
+	others.join();
+	EXPECT_EQ(listed(&daemon, parent, "tg").size(), goes.size());
 }
 
 } // namespace

@@ -56,7 +56,7 @@ TEST_F(RpyLiar, SharedRepliesThatAreNotSoundAreErrorsAndNeverGroupsOfOtherThread
 TEST_F(RpyLiar, AListingComesToAnEndThoughMoreAlwaysFollows)
 {
 	Iter groups(rpy_iter_create(client.handle));
-	liar.lie = Lie::poor_pages;
+	liar.lie = Lie::empty_pages;
 	EXPECT_EQ(rpy_iter_instance_pgs(groups.get(), client.instance), -1);
 	EXPECT_EQ(rpy_error(), RPY_ERROR_INTERNAL);
 	liar.lie = Lie::endless_pages;

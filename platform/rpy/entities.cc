@@ -111,7 +111,7 @@ int start_names(rpy_iter_t *iter, Walk walk, Op op, const rpy_entity *parent, bo
 			names.text(name);
 			total++;
 		}
-		if (!call.sound() || (more && count < page_most))
+		if (!call.sound() || (more && count == 0))
 			return fail(RPY_ERROR_INTERNAL);
 	}
 	BlockRef block(names.ok() ? make_block(names.size()) : nullptr);

@@ -154,8 +154,7 @@ int start_groups(rpy_iter_t *iter, const Top &top, const Want &want)
 			return -1;
 		more = call.in.u32() != 0;
 		uint32_t count = call.in.u32();
-		if (!call.in.ok() || (more && count < page_least && call.reply->size < page_bytes_most) ||
-		    !check_page(&call, count, &after))
+		if (!call.in.ok() || (more && count == 0) || !check_page(&call, count, &after))
 			return fail(RPY_ERROR_INTERNAL);
 		call.reply->next_page = pages.release();
 		pages = std::move(call.reply);

@@ -55,7 +55,7 @@ enum class Filter : uint32_t { all, name_without_case, type, type_prefix };
 enum class Change : uint32_t { create, change, remove };
 
 // Groups in one page of a listing, names in one page of names; a page ends earlier once it has `page_bytes` and
-// `page_least` members.
+// `page_least` members, or if the daemon can't have more memory for its reader. One that isn't the last has a member.
 constexpr uint32_t page_most = 1024;
 constexpr uint32_t page_least = 256;
 constexpr size_t page_bytes = 4U << 20;
@@ -158,6 +158,22 @@ public:
 	// Takes back what was written behind `size`.
 	void cut(size_t size) { size_ = size; }
 
+	// How much fits where it lies now.
+	size_t room() const { return room_; }
+	// Goes on in somebody else's memory, which has room for what is there and outlives this.
+	void move_to(char *memory, size_t room)
+	{
+		if (!ok_)
+			return;
+		memcpy(memory, data_, size_);
+		::free(heap_);
+		heap_ = nullptr;
+		data_ = memory;
+		room_ = room;
+	}
+	// Whether it lies in memory of its own, which goes with it.
+	bool owns() const { return heap_ != nullptr || data_ == small_; }
+
 private:
 	bool grow(size_t more)
 	{
@@ -171,7 +187,7 @@ private:
 			return false;
 		}
 		if (heap_ == nullptr)
-			memcpy(larger, small_, size_);
+			memcpy(larger, data_, size_);
 		heap_ = data_ = larger;
 		room_ = room;
 		return true;
@@ -265,6 +281,13 @@ inline void put_group(Writer *out, const Group &group)
 	out->text(group.name);
 	out->text(group.type);
 	out->text(group.properties);
+}
+
+// How many bytes put_group() writes.
+inline size_t size_of(const Group &group)
+{
+	return 2 * sizeof(uint64_t) + 4 * sizeof(uint32_t) + group.name.size() + group.type.size() +
+	       group.properties.size();
 }
 
 // A group that isn't sound makes the reader fail.

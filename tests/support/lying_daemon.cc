@@ -98,7 +98,7 @@ std::string lying_reply(Lie lie, rpy::Reader in)
 	case rpy::Op::list_groups:
 		if (lie == Lie::much)
 			return page_reply(in, 5, std::string(6'000'000, 'x'));
-		return page_reply(in, lie == Lie::poor_pages ? 1 : rpy::page_least);
+		return page_reply(in, lie == Lie::empty_pages ? 0 : rpy::page_least);
 	case rpy::Op::commit: {
 		std::string reply;
 		put_head(&reply);

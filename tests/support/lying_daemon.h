@@ -12,7 +12,7 @@ enum class Lie {
 	too_long_a_reply, // the second one in a shared reply is longer than all
 	garbage,          // the second one is no reply
 	endless_pages,    // more always follows
-	poor_pages,       // the same, one by one
+	empty_pages,      // the same, with nothing in them
 	slow,             // a group takes a third of a second
 	much,             // each group has five below it, with a text of 6 MB each
 	stale,            // a commit is always overtaken by another
