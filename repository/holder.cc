@@ -5,9 +5,11 @@
 #include <chrono>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <signal.h>
@@ -34,6 +36,7 @@ constexpr auto patience = 7s; // with what one look may take, below the time tha
 constexpr int answer_seconds = 1;
 constexpr int start_seconds = 10;
 constexpr auto pause_time = 5ms;
+constexpr int unseen_looks = 40; // a fifth of a second: a holder that is just ending has gone then
 
 Failure errno_failure(const std::string &path, const char *what)
 {
@@ -102,6 +105,32 @@ pid_t holder_of(int file)
 	return 0;
 }
 
+// A process that has a file open with a lock on it: the one that took the lock may have ended since. 0 if none can be seen.
+pid_t holder_by_descriptor(int file)
+{
+	namespace fs = std::filesystem;
+	struct stat ours, other;
+	if (fstat(file, &ours) == -1)
+		return 0;
+	std::error_code bad, gone; // processes go while they are looked at
+	for (fs::directory_iterator processes("/proc", bad), end; !bad && processes != end; processes.increment(bad)) {
+		const pid_t pid = atoi(processes->path().filename().c_str());
+		if (pid <= 0 || pid == getpid())
+			continue;
+		for (fs::directory_iterator files(processes->path() / "fd", gone); !gone && files != end;
+		     files.increment(gone)) {
+			if (stat(files->path().c_str(), &other) == -1 || other.st_ino != ours.st_ino ||
+			    other.st_dev != ours.st_dev)
+				continue;
+			std::ifstream info(processes->path() / "fdinfo" / files->path().filename());
+			for (std::string line; std::getline(info, line);)
+				if (line.starts_with("lock:") && line.find("FLOCK") != line.npos)
+					return pid;
+		}
+	}
+	return 0;
+}
+
 std::string proc_text(pid_t pid, const char *name)
 {
 	std::ifstream file("/proc/" + std::to_string(pid) + "/" + name, std::ios::binary);
@@ -130,19 +159,6 @@ std::string argument_of(const std::vector<std::string> &words, const std::string
 			return words[i].substr(option.size());
 	}
 	return {};
-}
-
-// Whether a process acts as root or as this process's user, and as nobody else.
-bool is_of_ours(pid_t pid)
-{
-	unsigned int users[4] = {};
-	std::string status = proc_text(pid, "status");
-	size_t at = status.find("\nUid:");
-	if (at == status.npos ||
-	    sscanf(status.c_str() + at, " Uid: %u %u %u %u", &users[0], &users[1], &users[2], &users[3]) != 4)
-		return false;
-	return std::all_of(
-	    std::begin(users), std::end(users), [](uid_t user) { return user == 0 || user == geteuid(); });
 }
 
 // The program that a process runs, without its directory.
@@ -284,8 +300,7 @@ Failure look_at_holder(pid_t holder, int file, const Start &start, Look *look)
 	if (words.empty()) // it is ending: its memory has gone, its locks go next
 		return {};
 	if (!is_one)
-		return {EBUSY,
-		    start.file + ": process " + std::to_string(holder) + ", which is no repository daemon, holds it"};
+		return {EBUSY, start.file + ": " + process_name(holder) + ", which is no repository daemon, holds it"};
 	const std::string held_for = argument_of(words, "-d");
 	if (is_private(start.hatch) && !is_private(held_for))
 		return {EBUSY, gives_no_way(start.file, holder, held_for)};
@@ -316,8 +331,8 @@ bool is_at(const std::string &path, int file)
 std::string doesnt_let_go(const std::string &path, pid_t holder)
 {
 	const std::string who =
-	    holder == 0 ? ", which can't be seen (is there no /proc?)," : " (" + std::to_string(holder) + ")";
-	return path + ": another process" + who + " holds it and doesn't let go";
+	    holder == 0 ? "another process, which can't be seen (is there no /proc?)," : process_name(holder);
+	return path + ": " + who + " holds it and doesn't let go";
 }
 
 } // namespace
@@ -327,10 +342,34 @@ bool is_private(const std::string &hatch)
 	return hatch.find(".libostrel.") != hatch.npos;
 }
 
+bool is_of_ours(pid_t pid)
+{
+	unsigned int users[4] = {};
+	std::string status = proc_text(pid, "status");
+	size_t at = status.find("\nUid:");
+	if (at == status.npos ||
+	    sscanf(status.c_str() + at, " Uid: %u %u %u %u", &users[0], &users[1], &users[2], &users[3]) != 4)
+		return false;
+	return std::all_of(
+	    std::begin(users), std::end(users), [](uid_t user) { return user == 0 || user == geteuid(); });
+}
+
+std::string process_name(pid_t pid)
+{
+	if (pid <= 0)
+		return "a process that can't be seen";
+	std::string name = proc_text(pid, "comm"); // which it chooses
+	name.resize(name.find_last_not_of('\n') + 1);
+	std::replace_if(
+	    name.begin(), name.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+	return "process " + std::to_string(pid) + " (" + name + ")";
+}
+
 Failure hold_file(const Start &start, Fd *held, Hold *hold)
 {
 	*hold = Hold::ours;
 	pid_t asked = 0, seen = 0;
+	int unseen = 0; // looks that showed no living holder
 	for (auto end = Clock::now() + patience; Clock::now() < end; std::this_thread::sleep_for(pause_time)) {
 		if (Failure failure = open_file(start.file, held))
 			return failure;
@@ -341,7 +380,10 @@ Failure hold_file(const Start &start, Fd *held, Hold *hold)
 		}
 		if (errno != EWOULDBLOCK && errno != EINTR)
 			return errno_failure(start.file, "can't be locked");
-		const pid_t holder = holder_of(held->get());
+		pid_t holder = holder_of(held->get());
+		if (holder == 0 || command_line(holder).empty())
+			if (++unseen % unseen_looks == 0)
+				holder = holder_by_descriptor(held->get());
 		if (holder != 0 && holder == asked)
 			continue;
 		seen = holder == 0 ? seen : holder;

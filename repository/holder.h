@@ -6,6 +6,7 @@
 #define REPOSITORY_HOLDER_H
 
 #include <string>
+#include <sys/types.h>
 
 #include "base/guards.h"
 #include "store.h"
@@ -27,6 +28,12 @@ struct Start {
 // Opens the file, making an empty one if there is none, and locks it. If a daemon of the same hatch holds it, waits until
 // that one answers: `served_already`.
 Failure hold_file(const Start &start, Fd *held, Hold *hold);
+
+// Whether a process acts as root or as this process's user, and as nobody else.
+bool is_of_ours(pid_t pid);
+
+// How a message names a process.
+std::string process_name(pid_t pid);
 
 } // namespace repository
 

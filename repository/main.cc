@@ -13,10 +13,12 @@
 #include <new>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
+#include <thread>
 #include <unistd.h>
 
 #include <meridon/hatch.h>
@@ -28,6 +30,7 @@
 #include "holder.h"
 #include "log.h"
 #include "requests.h"
+#include "signals.h"
 
 namespace repository {
 namespace {
@@ -36,6 +39,7 @@ constexpr int start_ms = 9500;
 constexpr int attach_tries = 200;
 constexpr useconds_t attach_pause_us = 5000;
 constexpr int drain_seconds = 4; // with what a look takes below the time that the next daemon waits for the file
+constexpr unsigned int end_seconds = 5;
 
 constexpr const char *help_text =
     "Usage: cairn.configd -d HATCH -r FILE [-f]\n"
@@ -149,11 +153,9 @@ void clean_process()
 	ignored.sa_handler = SIG_IGN;
 	for (int number : {SIGPIPE, SIGXFSZ}) // a write that is refused says so
 		(void) sigaction(number, &ignored, nullptr);
-	sigset_t ends;
-	(void) sigemptyset(&ends);
-	(void) sigaddset(&ends, SIGTERM);
-	(void) sigaddset(&ends, SIGINT);
-	(void) sigprocmask(SIG_SETMASK, &ends, nullptr); // they are waited for
+	sigset_t none;
+	(void) sigemptyset(&none);
+	(void) sigprocmask(SIG_SETMASK, &none, nullptr);
 	(void) umask(022);
 	(void) close_range(3, UINT_MAX, 0);
 	Fd nowhere = open_nowhere();
@@ -266,6 +268,7 @@ Failure attach(Daemon *daemon, const std::string &path, int *hatch)
 void report(int fd, int error)
 {
 	unsigned char status = static_cast<unsigned char>(error);
+	(void) prctl(PR_SET_PDEATHSIG, 0);
 	(void) !write(fd, &status, 1);
 	(void) close(fd);
 }
@@ -290,6 +293,8 @@ Failure bring_up(Service *service)
 	    std::make_unique<Daemon>(service->file, make_sqlite_store(service->file, service->held.get()));
 	if (Failure failure = service->daemon->load())
 		return failure;
+	const sigset_t ends = end_signals(); // from now on there is something to put in order at the end
+	(void) sigprocmask(SIG_BLOCK, &ends, nullptr);
 	return attach(service->daemon.get(), service->hatch_path, &service->hatch);
 }
 
@@ -322,6 +327,21 @@ bool hold_lifeline(const std::string &hatch)
 	return true;
 }
 
+// Cuts an end short that takes too long, since the disk hangs or the updates that wait are many: nothing unacknowledged is
+// promised. Who waits for the file to be handed over waits longer.
+void end_in_time()
+{
+	(void) alarm(end_seconds + 1);
+	try {
+		std::thread([] {
+			(void) sleep(end_seconds);
+			log_message(LOG_ERR, "ending takes too long: what runs is cut short");
+			_exit(EIO);
+		}).detach();
+	} catch (const std::exception &) { // no thread: the alarm does it, without a word
+	}
+}
+
 // The serving process. Gives its exit status.
 int serve(const Options &options, int ready)
 {
@@ -346,12 +366,10 @@ int serve(const Options &options, int ready)
 			(void) dup2(nowhere.get(), fd);
 	}
 	report(ready, 0);
-	sigset_t ends;
-	(void) sigemptyset(&ends);
-	(void) sigaddset(&ends, SIGTERM);
-	(void) sigaddset(&ends, SIGINT);
+	const sigset_t ends = end_signals();
 	int number = 0;
 	(void) sigwait(&ends, &number);
+	end_in_time();
 	if (is_private(service.hatch_path)) // which its starter ends, whoever else is at work with it
 		hatch::drain(service.hatch, drain_seconds);
 	(void) hatch_revoke(service.hatch); // returns when no handler runs: updates are done
@@ -389,6 +407,7 @@ int start(const Options &options)
 		(void) fprintf(stderr, "cairn.configd: no pipe: %s\n", strerror(errno));
 		return EIO;
 	}
+	const pid_t starter = getpid();
 	pid_t child = fork();
 	if (child == -1) {
 		(void) fprintf(stderr, "cairn.configd: no process: %s\n", strerror(errno));
@@ -400,6 +419,9 @@ int start(const Options &options)
 	}
 	(void) close(ends[0]);
 	(void) setsid();
+	(void) prctl(PR_SET_PDEATHSIG, SIGTERM); // whoever ends the first process ends the start
+	if (getppid() != starter)
+		return EIO;
 	return serve(options, ends[1]);
 }
 

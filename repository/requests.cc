@@ -107,6 +107,13 @@ rpy::Group wire_group(const Found &found)
 	return {found.id, found.version->id, found.flags, found.name, *found.type, found.version->properties};
 }
 
+// Whether the caller may have so much of the daemon's memory; it counts as the caller's then. Where no hatch called, there
+// is no caller.
+bool may_use(size_t bytes)
+{
+	return hatch_charge(bytes) == 0 || errno != ENOMEM;
+}
+
 // Makes room for so many bytes of the reply: beyond what lies on the stack it is the hatch's memory, which counts as the
 // caller's. False if that may not have more.
 bool make_room(Writer *out, size_t more)
@@ -552,17 +559,25 @@ struct Entry {
 };
 using Entries = std::vector<Entry>;
 
-bool take_entries(Reader *in, Entries *entries)
+constexpr size_t entry_least = 5 * sizeof(uint32_t) + 1; // bytes: four numbers and lengths, and a name of one
+
+rpy_error_t take_entries(Reader *in, Entries *entries)
 {
-	uint32_t count = in->u32();
-	for (uint32_t i = 0; i < count && in->ok(); i++) {
+	const uint32_t count = in->u32();
+	if (!in->ok() || count > in->left() / entry_least)
+		return RPY_ERROR_INVALID_ARGUMENT;
+	// The entries and what finds them by name, and the properties while they are put together.
+	if (!may_use(count * 2 * sizeof(Entry) + 2 * in->left()))
+		return RPY_ERROR_NO_MEMORY;
+	entries->reserve(count);
+	for (uint32_t i = 0; i < count; i++) {
 		uint32_t change = in->u32();
 		Entry entry = {static_cast<Change>(change), take_property(in), false};
 		if (!in->ok() || change > static_cast<uint32_t>(Change::remove) || !is_sound(entry.property))
-			return false;
+			return RPY_ERROR_INVALID_ARGUMENT;
 		entries->push_back(entry);
 	}
-	return in->done();
+	return in->done() ? RPY_ERROR_NONE : RPY_ERROR_INVALID_ARGUMENT;
 }
 
 // The properties of a group with the entries applied to them.
@@ -614,8 +629,8 @@ rpy_error_t commit(Daemon *daemon, Reader *in, Writer *out)
 {
 	uint64_t id = in->u64(), base = in->u64();
 	Entries entries;
-	if (!take_entries(in, &entries))
-		return RPY_ERROR_INVALID_ARGUMENT;
+	if (rpy_error_t error = take_entries(in, &entries); error != RPY_ERROR_NONE)
+		return error;
 	Update update;
 	update.group = id;
 	Node *group = nullptr;
@@ -787,8 +802,12 @@ rpy_error_t backup(Daemon *daemon, Reader *in, Writer *out)
 	std::string bytes;
 	if (!in->done())
 		return RPY_ERROR_INVALID_ARGUMENT;
+	if (!may_use(2 * daemon->store->bytes())) // SQLite's copy, and ours
+		return RPY_ERROR_NO_MEMORY;
 	if (!daemon->store->copy(&bytes))
 		return RPY_ERROR_BACKEND_ACCESS;
+	if (!make_room(out, bytes.size()))
+		return RPY_ERROR_NO_MEMORY;
 	out->bytes(bytes);
 	return RPY_ERROR_NONE;
 }

@@ -17,6 +17,8 @@
 #include "base/guards.h"
 #include "log.h"
 #include "rpy/wire.h"
+#include "signals.h"
+#include "sqlite_files.h"
 #include "store.h"
 
 namespace repository {
@@ -27,6 +29,7 @@ using namespace std::chrono_literals;
 constexpr int application_id = 0x4341524e; // what a file of this kind says it is
 constexpr auto idle_time = 1s;
 constexpr const char *journal_end = "-journal";
+constexpr const char *not_plain = ": not a regular file, or one with several links: nobody's journal";
 
 using Database = Handle<sqlite3, sqlite3_close_v2>;
 using Statement = Handle<sqlite3_stmt, sqlite3_finalize>;
@@ -180,6 +183,7 @@ private:
 		directory_.clear();
 	}
 
+	EndPutOff until_removed_;
 	std::string directory_;
 };
 
@@ -216,6 +220,8 @@ private:
 	bool takes_writes() const;
 	bool sync_directory() const;
 	Failure failure(int code, const char *what) const;
+	std::string who_locks(int code) const;
+	bool has_plain_journal() const;
 	Failure check_format(bool *fresh);
 	Failure read(const Loader &loader, uint64_t *next);
 	int write_rows(const Rows &rows, uint64_t next);
@@ -242,7 +248,7 @@ private:
 int SqliteStore::connect(int flags, const std::string &path)
 {
 	sqlite3 *opened = nullptr;
-	int code = sqlite3_open_v2(path.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+	int code = sqlite3_open_v2(path.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, sqlite_files(file_));
 	database_.reset(opened);
 	if (code != SQLITE_OK)
 		return code;
@@ -274,8 +280,15 @@ Failure SqliteStore::failure(int code, const char *what) const
 								       : EIO;
 	if (database_ && (code & 0xff) == SQLITE_CANTOPEN && sqlite3_system_errno(database_.get()) == EACCES)
 		error = EACCES;
-	return {
-	    error, path_ + ": " + what + ": " + (database_ ? sqlite3_errmsg(database_.get()) : sqlite3_errstr(code))};
+	return {error, path_ + ": " + what + ": " +
+			   (database_ ? sqlite3_errmsg(database_.get()) : sqlite3_errstr(code)) + who_locks(code)};
+}
+
+// Who keeps a file locked, for a message that says that it is.
+std::string SqliteStore::who_locks(int code) const
+{
+	const std::string holder = (code & 0xff) == SQLITE_BUSY ? sqlite_lock_holder(file_) : std::string();
+	return holder.empty() ? holder : " by " + holder;
 }
 
 // Tells a store of ours, an empty file, and anything else apart.
@@ -383,6 +396,8 @@ int SqliteStore::connect_to_look(std::unique_ptr<PrivateCopy> *copy, bool *read_
 Failure SqliteStore::open(const Loader &loader, uint64_t *next)
 {
 	std::lock_guard<std::mutex> hold(lock_);
+	if (!has_plain_journal())
+		return {EINVAL, journal_ + not_plain};
 	std::unique_ptr<PrivateCopy> copy; // which goes behind the connection to it
 	bool read_only = false;
 	int code = connect_to_look(&copy, &read_only);
@@ -407,8 +422,10 @@ Failure SqliteStore::open(const Loader &loader, uint64_t *next)
 	}
 	Failure bad = read(loader, next);
 	close();
-	if (!bad)
+	if (!bad) {
+		EndPutOff its_mask; // the thread that serves waits for them
 		closer_ = std::thread([this] { close_when_idle(); });
+	}
 	return bad;
 }
 
@@ -432,6 +449,13 @@ bool SqliteStore::path_is_ours() const
 	struct stat ours, there;
 	return fstat(file_, &ours) == 0 && lstat(path_.c_str(), &there) == 0 && ours.st_dev == there.st_dev &&
 	       ours.st_ino == there.st_ino && there.st_size > 0;
+}
+
+// Whether what is in the journal's place, if anything is, can be one.
+bool SqliteStore::has_plain_journal() const
+{
+	struct stat there;
+	return lstat(journal_.c_str(), &there) == -1 || (S_ISREG(there.st_mode) && there.st_nlink == 1);
 }
 
 // Whether the file and its journal may be written, as far as that can be seen. A connection that was opened for writing
@@ -547,6 +571,11 @@ rpy_error_t SqliteStore::commit(const Rows &rows, uint64_t next)
 		    path_.c_str());
 		return RPY_ERROR_INTERNAL;
 	}
+	if (!has_plain_journal()) {
+		close();
+		log_message(LOG_ERR, "%s%s; nothing is written while it is there", journal_.c_str(), not_plain);
+		return RPY_ERROR_INTERNAL;
+	}
 	int code = SQLITE_OK;
 	bool opened = !database_;
 	if (opened)
@@ -563,9 +592,10 @@ rpy_error_t SqliteStore::commit(const Rows &rows, uint64_t next)
 		rpy_error_t error = error_of(database_.get(), code);
 		if (error == RPY_ERROR_INTERNAL && !takes_writes())
 			error = RPY_ERROR_BACKEND_READONLY;
-		log_message(LOG_WARNING, "%s: an update was refused: %s", path_.c_str(),
+		log_message(LOG_WARNING, "%s: an update was refused: %s%s", path_.c_str(),
 		    database_ && sqlite3_errcode(database_.get()) != SQLITE_OK ? sqlite3_errmsg(database_.get())
-									       : sqlite3_errstr(code));
+									       : sqlite3_errstr(code),
+		    who_locks(code).c_str());
 		close(); // which takes back what the transaction wrote
 		return error;
 	}

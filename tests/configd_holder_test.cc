@@ -144,6 +144,32 @@ TEST(ConfigdHolder, ASecondStartWaitsUntilTheFirstAnswers)
 	EXPECT_EQ(server_of(daemon.hatch()), daemon.pid());
 }
 
+TEST(ConfigdHolder, AStartThatWaitsEndsWhenItIsTold)
+{
+	Repository daemon;
+	ASSERT_EQ(daemon.start(), 0);
+	ASSERT_EQ(kill(daemon.pid(), SIGSTOP), 0);
+	for (const char *way : {"-f", "-d"}) { // the serving process, and the first of two
+		const pid_t first = fork();
+		if (first == 0) {
+			const std::string hatch = daemon.hatch(), file = daemon.file();
+			if (way[1] == 'f')
+				execl(program, program, way, "-d", hatch.c_str(), "-r", file.c_str(), nullptr);
+			execl(program, program, "-d", hatch.c_str(), "-r", file.c_str(), nullptr);
+			_exit(127);
+		}
+		const std::string tasks = "/proc/" + std::to_string(first) + "/task/" + std::to_string(first);
+		usleep(500000);
+		const pid_t serving = way[1] == 'f' ? 0 : atoi(file_text(tasks + "/children").c_str());
+		ASSERT_EQ(kill(first, SIGTERM), 0);
+		int status = 0;
+		ASSERT_EQ(waitpid(first, &status, 0), first);
+		EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+		EXPECT_TRUE(serving == 0 || goes(serving));
+	}
+	ASSERT_EQ(kill(daemon.pid(), SIGCONT), 0);
+}
+
 TEST(ConfigdHolder, ARelativePathNeedsAWorkingDirectory)
 {
 	Scratch place;

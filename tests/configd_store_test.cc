@@ -1,9 +1,11 @@
 // What the daemon makes of a file that others left to it.
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
@@ -11,7 +13,9 @@
 #include <sqlite3.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
+#include <thread>
 
 #include "alloc_fault.h"
 #include "hatch_peer.h"
@@ -38,6 +42,10 @@ void run_on(const std::string &file, const std::string &text, bool killed = fals
 	ASSERT_EQ(waitpid(child, &status, 0), child);
 	ASSERT_TRUE(killed ? WIFSIGNALED(status) : status == 0);
 }
+
+constexpr const char *half_an_update =
+    "pragma journal_mode=truncate; pragma synchronous=extra; pragma cache_size=1; begin immediate;"
+    "update nodes set name = name || 'half'; delete from versions;";
 
 class ConfigdStore : public testing::Test {
 protected:
@@ -79,10 +87,7 @@ TEST_F(ConfigdStore, AnUpdateCutShortIsTakenBackWhereNothingCanBeWritten)
 		GTEST_SKIP() << "skipped: mounting needs root";
 	ASSERT_NO_FATAL_FAILURE(fill());
 	daemon.stop();
-	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(),
-	    "pragma journal_mode=truncate; pragma synchronous=extra; pragma cache_size=1; begin immediate;"
-	    "update nodes set name = name || 'half'; delete from versions;",
-	    true));
+	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), half_an_update, true));
 	ASSERT_GT(std::filesystem::file_size(daemon.file() + "-journal"), 0U);
 	ASSERT_TRUE(set_readonly(true));
 	auto entries = entries_of("/dev/shm");
@@ -103,6 +108,80 @@ TEST_F(ConfigdStore, AnUpdateCutShortIsTakenBackWhereNothingCanBeWritten)
 	daemon.stop();
 	ASSERT_EQ(daemon.start(), 0);
 	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
+}
+
+// SQLite's own locks are ones that a reader can take. A living writer's journal isn't rolled back, and a lock for reading
+// mustn't pass for one.
+TEST_F(ConfigdStore, ALockOfAStrangersStopsNoUpdateAndHidesNoJournal)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "skipped: acting as other users needs root";
+	ASSERT_NO_FATAL_FAILURE(fill());
+	for (Stranger::Lock lock : {Stranger::Lock::process, Stranger::Lock::open_file}) {
+		Stranger stranger(daemon.file(), lock);
+		ASSERT_NE(stranger.pid, 0);
+		EXPECT_EQ(client.write("g7", {{"v", {"8"}}}), 1);
+		EXPECT_EQ(client.write("g7", {{"v", {"7"}}}), 1);
+	}
+	daemon.stop();
+	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), half_an_update, true));
+	Stranger stranger(daemon.file(), Stranger::Lock::process);
+	std::string said;
+	ASSERT_EQ(daemon.start("hatch", &said), 0) << said;
+	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
+}
+
+// As an operator's tool would hold it. Each of the updates waits for it, one after another.
+TEST_F(ConfigdStore, ALockOfRootsIsHeededAndKeepsNoDaemonFromEnding)
+{
+	ASSERT_NO_FATAL_FAILURE(fill());
+	Handle<sqlite3, sqlite3_close_v2> tool;
+	ASSERT_EQ(sqlite3_open(daemon.file().c_str(), tool.out()), SQLITE_OK);
+	ASSERT_EQ(sqlite3_exec(tool.get(), "begin immediate", nullptr, nullptr, nullptr), SQLITE_OK);
+	std::atomic<int> added{0};
+	std::vector<std::thread> threads;
+	for (int i = 0; i < 30; i++)
+		threads.emplace_back([&, i] {
+			RepositoryClient other(daemon.hatch());
+			added += other.add("more" + std::to_string(i)) == RPY_ERROR_NONE ? 1 : 0;
+		});
+	sleep(1);
+	const pid_t pid = daemon.pid();
+	ASSERT_EQ(kill(pid, SIGTERM), 0);
+	for (int i = 0; i < 60 && !is_gone(pid); i++)
+		sleep(1);
+	EXPECT_TRUE(is_gone(pid));
+	daemon.kill();
+	for (std::thread &thread : threads)
+		thread.join();
+	EXPECT_EQ(added, 0);
+	tool.reset();
+	ASSERT_EQ(daemon.start(), 0);
+}
+
+TEST_F(ConfigdStore, WhatCanBeNoJournalIsRefusedAtOnce)
+{
+	ASSERT_NO_FATAL_FAILURE(fill());
+	const std::string journal = daemon.file() + "-journal";
+	const std::function<int()> odd[] = {[&] { return mkfifo(journal.c_str(), 0600); },
+	    [&] { return mknod(journal.c_str(), S_IFCHR | 0600, makedev(1, 5)); },
+	    [&] { return symlink("elsewhere", journal.c_str()); },
+	    [&] { return link(daemon.file().c_str(), journal.c_str()); }};
+	for (const auto &make : odd) {
+		(void) unlink(journal.c_str());
+		if (make() != 0)
+			continue; // a device needs root
+		EXPECT_EQ(client.add("more"), RPY_ERROR_INTERNAL);
+		daemon.stop();
+		std::string said;
+		EXPECT_EQ(daemon.start("hatch", &said), EINVAL);
+		EXPECT_NE(said.find(journal + ": not a regular file"), said.npos) << said;
+		ASSERT_EQ(unlink(journal.c_str()), 0);
+		ASSERT_EQ(daemon.start("hatch", &said), 0) << said;
+		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	}
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
 }
 

@@ -46,6 +46,19 @@ private:
 pid_t server_of(const std::string &hatch);
 bool is_gone(pid_t pid);
 
+// A process of another user that has locked all of a file for reading, which anybody could open once. The lock is
+// flock()'s, the process's or the open file's; it may outlive the process that took it.
+class Stranger {
+public:
+	enum class Lock { whole, process, open_file };
+	Stranger(const std::string &file, Lock lock, bool outlives = false);
+	Stranger(const Stranger &) = delete;
+	Stranger &operator=(const Stranger &) = delete;
+	~Stranger();
+
+	pid_t pid = 0; // of who has the lock; 0 if it couldn't be had
+};
+
 using Pg = Handle<rpy_propertygroup_t, rpy_pg_destroy>;
 using Iter = Handle<rpy_iter_t, rpy_iter_destroy>;
 using Prop = Handle<rpy_property_t, rpy_property_destroy>;
