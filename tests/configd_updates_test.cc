@@ -1,9 +1,16 @@
 // The daemon's updates and listings, without a process around them.
 #include <atomic>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
+
+#include <meridon/hatch.h>
 
 #include "alloc_fault.h"
+#include "hatch/pool.h"
+#include "repository.h"
 #include "requests.h"
 #include "updates.h"
 
@@ -124,16 +131,21 @@ std::vector<uint64_t> listed(Daemon *daemon, uint64_t instance, std::string_view
 	return {ids.begin() + 1, ids.end()};
 }
 
+uint64_t add_instance(Daemon *daemon)
+{
+	Asked service(rpy::Op::add_service);
+	service.text("net/link");
+	Asked instance(rpy::Op::add_instance);
+	instance.u64(id_in(answer_of(daemon, service)));
+	instance.text("default");
+	return id_in(answer_of(daemon, instance));
+}
+
 // It is made in pieces, and others change what it goes over in between.
 TEST(ConfigdListings, WhatStaysIsListedOnceWhateverComesAndGoes)
 {
 	Daemon daemon("file", std::make_unique<NoStore>());
-	Asked service(rpy::Op::add_service);
-	service.text("s");
-	Asked instance(rpy::Op::add_instance);
-	instance.u64(id_in(answer_of(&daemon, service)));
-	instance.text("i");
-	const uint64_t parent = id_in(answer_of(&daemon, instance));
+	const uint64_t parent = add_instance(&daemon);
 	constexpr int many = 30000;
 	std::vector<uint64_t> stays, goes;
 	for (int i = 0; i < many; i++) {
@@ -154,6 +166,65 @@ TEST(ConfigdListings, WhatStaysIsListedOnceWhateverComesAndGoes)
 	end = true;
 	others.join();
 	EXPECT_EQ(listed(&daemon, parent, "tg").size(), goes.size());
+}
+
+void handle(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
+{
+	char small[4096];
+	const char *data = nullptr;
+	size_t length = 0;
+	{
+		rpy::Writer reply;
+		reply.move_to(small, sizeof(small));
+		answer(
+		    static_cast<Daemon *>(cookie), {arg, size}, [] { return true; }, [] { return true; }, &reply);
+		data = reply.data();
+		length = reply.size();
+	}
+	(void) hatch_return(data, length, nullptr, 0);
+}
+
+// A page has up to 64 MiB, and a user's share is less here.
+TEST(ConfigdListings, AReaderThatMayNotHaveAPageGetsItInParts)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "skipped: acting as other users needs root";
+	Daemon daemon("file", std::make_unique<NoStore>());
+	const uint64_t parent = add_instance(&daemon);
+	constexpr int many = 70;
+	for (int i = 0; i < many; i++) {
+		const uint64_t group = add_group(&daemon, parent, "g" + std::to_string(i));
+		rpy::Writer values;
+		values.text(std::string(1 << 20, 'x'));
+		Asked commit(rpy::Op::commit);
+		commit.u64(group);
+		commit.u64(0);
+		commit.u32(1);
+		commit.u32(static_cast<uint32_t>(rpy::Change::create));
+		put_property(&commit, {"v", RPY_TYPE_ASTRING, 1, values.view()});
+		ASSERT_FALSE(answer_of(&daemon, commit).empty());
+	}
+	hatch::set_pool_size(32 << 20);
+	Scratch place;
+	const std::string path = place.write("hatch", "");
+	ASSERT_EQ(chmod(place.directory().c_str(), 0755), 0);
+	const int served = hatch_create(handle, &daemon, HATCH_REFUSE_DESC);
+	ASSERT_EQ(fattach(served, path.c_str()), 0);
+	const pid_t child = fork();
+	if (child == 0) {
+		if (setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0)
+			_exit(255);
+		RepositoryClient client(path);
+		Iter groups(rpy_iter_create(client.handle));
+		_exit(rpy_iter_instance_pgs(groups.get(), client.instance) == 0
+			  ? static_cast<int>(client.names(groups.get()).size())
+			  : 255);
+	}
+	int status = -1;
+	EXPECT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(WEXITSTATUS(status), many);
+	EXPECT_EQ(hatch_revoke(served), 0);
+	hatch::set_pool_size(0);
 }
 
 } // namespace
