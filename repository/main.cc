@@ -38,8 +38,8 @@ namespace {
 constexpr int start_ms = 9500;
 constexpr int attach_tries = 200;
 constexpr useconds_t attach_pause_us = 5000;
-constexpr int drain_seconds = 4; // with what a look takes below the time that the next daemon waits for the file
-constexpr unsigned int end_seconds = 5;
+constexpr int drain_seconds = 4;        // with what a look takes below the time that the next daemon waits for the file
+constexpr unsigned int end_seconds = 6; // the same of the whole end
 
 constexpr const char *help_text =
     "Usage: cairn.configd -d HATCH -r FILE [-f]\n"

@@ -123,7 +123,7 @@ bool make_room(Writer *out, size_t more)
 		return true;
 	char *memory = static_cast<char *>(hatch_reply_memory(whole));
 	if (memory == nullptr)
-		return errno == EINVAL; // no hatch called: the writer's own memory does
+		return errno == EINVAL && out->reserve(more); // no hatch called: the writer's own memory does
 	out->move_to(memory, whole);
 	return true;
 }
@@ -292,7 +292,37 @@ bool fits(const Node *group, Filter filter, std::string_view text)
 	}
 }
 
-// A listing of groups, and what was collected for one page of it.
+// For how long a listing keeps updates waiting.
+class Piece {
+public:
+	// Counts a group. Most listings are too short for a look at the clock.
+	bool is_over()
+	{
+		if (++looked_ > groups_max)
+			return true;
+		if (looked_ % between_looks != 0)
+			return false;
+		const Clock::time_point now = Clock::now();
+		if (looked_ == between_looks)
+			end_ = now + time_max;
+		return now >= end_;
+	}
+
+private:
+	using Clock = std::chrono::steady_clock;
+	static constexpr size_t groups_max = 4096, between_looks = 32;
+	static constexpr auto time_max = 1ms;
+
+	size_t looked_ = 0;
+	Clock::time_point end_;
+};
+
+// So much of a page is written under the lock, if its groups aren't large: to copy what is small takes no longer than to
+// share it. It is what a thread keeps for replies.
+constexpr size_t direct_bytes = size_t{1} << 20;
+constexpr size_t large_group = size_t{64} << 10;
+
+// A listing of groups, and one page of it: what was written, and behind that what is shared, to be written without the lock.
 struct Listing {
 	uint32_t kind = 0;
 	uint64_t id = 0; // of the parent
@@ -300,35 +330,52 @@ struct Listing {
 	std::string_view text;
 	uint64_t after = 0; // what was looked at
 
-	std::vector<Found> page;
+	uint32_t count = 0;
 	size_t bytes = 0;
-	bool more = false; // a group fits that the page has no room for
+	std::vector<Found> shared;
+	size_t shared_bytes = 0;
+	bool shares = false;     // from here on
+	bool wants_room = false; // before it can go on
+	bool more = false;       // a group fits that the page has no room for
 
 	bool is_full() const
 	{
-		return page.size() >= page_most || (page.size() >= page_least && bytes >= page_bytes) ||
-		       bytes >= page_bytes_most;
+		return count >= page_most || (count >= page_least && bytes >= page_bytes) || bytes >= page_bytes_most;
 	}
-	void add(const Node *group)
+
+	// Takes a group into the page. False: it has to wait.
+	bool take(const Node *group, Writer *out)
 	{
-		page.push_back(found_in(group));
-		bytes += size_of(wire_group(page.back()));
+		more = is_full();
+		if (more)
+			return false;
+		const rpy::Group wire = wire_group(group);
+		const size_t size = size_of(wire);
+		shares = shares || size > large_group;
+		wants_room = !shares && size > out->room() - out->size();
+		if (wants_room)
+			return false;
+		if (shares) {
+			shared.push_back(found_in(group));
+			shared_bytes += size;
+		} else {
+			put_group(out, wire);
+		}
+		count++;
+		bytes += size;
+		return true;
 	}
-	void take_back_last()
+	void give_back_last()
 	{
-		bytes -= size_of(wire_group(page.back()));
-		page.pop_back();
+		shared_bytes -= size_of(wire_group(shared.back()));
+		shared.pop_back();
+		count--;
 		more = true;
 	}
 };
 
-// For how long a listing keeps updates waiting.
-constexpr size_t piece_groups = 4096;
-constexpr auto piece_time = 1ms;
-constexpr size_t groups_between_looks = 128; // at the clock
-
 // Goes on with a listing for a piece, under the lock. *done: nothing is left, or the page is full.
-rpy_error_t collect_piece(Daemon *daemon, Listing *listing, bool *done)
+rpy_error_t list_piece(Daemon *daemon, Listing *listing, Writer *out, bool *done)
 {
 	ReadLock hold(daemon->model.lock);
 	const Node *parent = daemon->model.find(listing->id); // it may have gone since the last piece
@@ -338,22 +385,34 @@ rpy_error_t collect_piece(Daemon *daemon, Listing *listing, bool *done)
 	if (listing->filter == Filter::name_without_case)
 		named = daemon->model.children_without_case(parent, kind_below(parent), listing->text);
 	const std::vector<Node *> &list = listing->filter == Filter::name_without_case ? named : parent->groups;
-	const auto end = std::chrono::steady_clock::now() + piece_time;
-	size_t looked = 0;
-	for (auto at = behind(list, listing->after); at != list.end(); ++at, looked++) {
-		if (looked == piece_groups || (looked % groups_between_looks == groups_between_looks - 1 &&
-						  std::chrono::steady_clock::now() >= end))
+	Piece piece;
+	for (auto at = behind(list, listing->after); at != list.end() && !listing->more; ++at) {
+		if (piece.is_over())
+			return RPY_ERROR_NONE;
+		if (fits(*at, listing->filter, listing->text) && !listing->take(*at, out) && listing->wants_room)
 			return RPY_ERROR_NONE;
 		listing->after = (*at)->id;
-		if (!fits(*at, listing->filter, listing->text))
-			continue;
-		listing->more = listing->is_full();
-		if (listing->more)
-			break;
-		listing->add(*at);
 	}
 	*done = true;
 	return RPY_ERROR_NONE;
+}
+
+// Writes what is shared. A reader that may not have so much gets a shorter page.
+bool put_shared(Listing *listing, Writer *out)
+{
+	if (listing->shared.empty())
+		return true;
+	if (!out->own()) // where it lies is taken back for more
+		return false;
+	while (!make_room(out, listing->shared_bytes)) {
+		if (listing->count <= 1)
+			return false;
+		for (size_t half = listing->shared.size() / 2; listing->shared.size() > half;)
+			listing->give_back_last();
+	}
+	for (const Found &found : listing->shared)
+		put_group(out, wire_group(found));
+	return true;
 }
 
 rpy_error_t list_groups(Daemon *daemon, Reader *in, Writer *out)
@@ -367,20 +426,17 @@ rpy_error_t list_groups(Daemon *daemon, Reader *in, Writer *out)
 	if (!in->done() || filter > static_cast<uint32_t>(Filter::type_prefix))
 		return RPY_ERROR_INVALID_ARGUMENT;
 	listing.filter = static_cast<Filter>(filter);
-	for (bool done = false; !done;)
-		if (rpy_error_t error = collect_piece(daemon, &listing, &done); error != RPY_ERROR_NONE)
+	const size_t more_at = out->hole(), count_at = out->hole();
+	for (bool done = false; !done;) {
+		if (rpy_error_t error = list_piece(daemon, &listing, out, &done); error != RPY_ERROR_NONE)
 			return error;
-	// A reader that may not have so much gets a shorter page.
-	while (!make_room(out, 2 * sizeof(uint32_t) + listing.bytes)) {
-		if (listing.page.size() <= 1)
-			return RPY_ERROR_NO_MEMORY;
-		for (size_t half = listing.page.size() / 2; listing.page.size() > half;)
-			listing.take_back_last();
+		if (listing.wants_room)
+			listing.shares = out->room() >= direct_bytes || !make_room(out, direct_bytes - out->size());
 	}
-	out->u32(listing.more ? 1 : 0);
-	out->u32(static_cast<uint32_t>(listing.page.size()));
-	for (const Found &found : listing.page)
-		put_group(out, wire_group(found));
+	if (!put_shared(&listing, out))
+		return RPY_ERROR_NO_MEMORY;
+	out->fill(more_at, listing.more ? 1 : 0);
+	out->fill(count_at, listing.count);
 	return RPY_ERROR_NONE;
 }
 

@@ -221,7 +221,8 @@ private:
 	bool sync_directory() const;
 	Failure failure(int code, const char *what) const;
 	std::string who_locks(int code) const;
-	bool has_plain_journal() const;
+	enum class Journal { none, plain, odd };
+	Journal look_at_journal() const;
 	Failure check_format(bool *fresh);
 	Failure read(const Loader &loader, uint64_t *next);
 	int write_rows(const Rows &rows, uint64_t next);
@@ -396,7 +397,7 @@ int SqliteStore::connect_to_look(std::unique_ptr<PrivateCopy> *copy, bool *read_
 Failure SqliteStore::open(const Loader &loader, uint64_t *next)
 {
 	std::lock_guard<std::mutex> hold(lock_);
-	if (!has_plain_journal())
+	if (look_at_journal() == Journal::odd)
 		return {EINVAL, journal_ + not_plain};
 	std::unique_ptr<PrivateCopy> copy; // which goes behind the connection to it
 	bool read_only = false;
@@ -451,11 +452,13 @@ bool SqliteStore::path_is_ours() const
 	       ours.st_ino == there.st_ino && there.st_size > 0;
 }
 
-// Whether what is in the journal's place, if anything is, can be one.
-bool SqliteStore::has_plain_journal() const
+// What is in the journal's place: nothing, what can be one, or what can't.
+SqliteStore::Journal SqliteStore::look_at_journal() const
 {
 	struct stat there;
-	return lstat(journal_.c_str(), &there) == -1 || (S_ISREG(there.st_mode) && there.st_nlink == 1);
+	if (lstat(journal_.c_str(), &there) == -1)
+		return Journal::none;
+	return S_ISREG(there.st_mode) && there.st_nlink == 1 ? Journal::plain : Journal::odd;
 }
 
 // Whether the file and its journal may be written, as far as that can be seen. A connection that was opened for writing
@@ -571,7 +574,8 @@ rpy_error_t SqliteStore::commit(const Rows &rows, uint64_t next)
 		    path_.c_str());
 		return RPY_ERROR_INTERNAL;
 	}
-	if (!has_plain_journal()) {
+	const Journal journal = look_at_journal();
+	if (journal == Journal::odd) {
 		close();
 		log_message(LOG_ERR, "%s%s; nothing is written while it is there", journal_.c_str(), not_plain);
 		return RPY_ERROR_INTERNAL;
@@ -582,10 +586,9 @@ rpy_error_t SqliteStore::commit(const Rows &rows, uint64_t next)
 		code = connect(SQLITE_OPEN_READWRITE);
 	if (code == SQLITE_OK && (sqlite3_db_readonly(database_.get(), "main") == 1 || !takes_writes()))
 		code = SQLITE_READONLY;
-	const bool has_journal = access(journal_.c_str(), F_OK) == 0;
 	if (code == SQLITE_OK)
 		code = write_rows(rows, next);
-	if (code == SQLITE_OK && !has_journal && !sync_directory())
+	if (code == SQLITE_OK && journal == Journal::none && !sync_directory())
 		code = SQLITE_IOERR_DIR_FSYNC;
 	last_use_ = std::chrono::steady_clock::now();
 	if (code != SQLITE_OK) {

@@ -173,6 +173,10 @@ public:
 	}
 	// Whether it lies in memory of its own, which goes with it.
 	bool owns() const { return heap_ != nullptr || data_ == small_; }
+	// Goes on in memory of its own. False: there is none.
+	bool own() { return owns() || grow(0); }
+	// Makes room for so many more bytes.
+	bool reserve(size_t more) { return more <= room_ - size_ || grow(more); }
 
 private:
 	bool grow(size_t more)
