@@ -137,7 +137,7 @@ int send_pieces(Hatch *hatch, Peer *peer, const char *data, size_t size, size_t 
 
 void put_aside(Hatch *hatch, Peer *peer, const char *data, size_t size)
 {
-	unhold(hatch, peer); // its request: the time of the rest begins now
+	settle(hatch, peer); // its request, and what the copy takes the place of: the time of the rest begins now
 	if (!hold(hatch, peer, size) || !peer->rest.map(size, Fill::now)) {
 		peer->finished = true;
 		return;
