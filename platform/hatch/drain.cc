@@ -14,8 +14,9 @@ constexpr timespec pause = {0, 2'000'000};
 
 bool is_at_work(const Hatch &hatch, int64_t now) REQUIRES(hatch.lock)
 {
-	for (const Peer *peer = hatch.peers; peer != nullptr; peer = peer->next)
-		if (peer->in_hand || peer->held > 0 || peer->since > now - silent_ns)
+	for (const Peer *peer = hatch.peers.first; peer != nullptr; peer = peer->all.next)
+		if (peer->in_hand || peer->standing == Standing::waiting || peer->held > 0 ||
+		    peer->since > now - silent_ns)
 			return true;
 	return false;
 }

@@ -45,6 +45,8 @@ struct RequestMemory {
 
 struct Account;
 
+int64_t now_ns();
+
 // Which line of its user's a connection stands in: `idle` with its event armed, `waiting` for a thread, or none while a
 // thread has it. One that a thread stays with stands in `idle` all the while.
 enum class Standing { none, idle, waiting };
@@ -66,14 +68,14 @@ struct Peer {
 	bool stayed_with = false; // idle, and a thread waits for its next request
 
 	Fd socket;
-	const uid_t connector;           // the user who connected
-	const uid_t owner;               // whose all is that the connection costs
-	std::atomic<bool> in_hand{true}; // a thread deals with it
-	std::atomic<size_t> held{0};     // bytes that it makes the hatch hold; changed under the lock
-	Charge charge;                   // for the same
-	size_t piece = 0;                // payload that a message of ours can have; 0: not asked yet
-	int64_t since = 0;               // its last call ended
-	Mapping request;                 // a request that comes slowly, or is too large for the thread's memory
+	const uid_t connector;                // the user who connected
+	const uid_t owner;                    // whose all is that the connection costs
+	std::atomic<bool> in_hand{true};      // a thread deals with it
+	std::atomic<size_t> held{0};          // bytes that it makes the hatch hold; changed under the lock
+	Charge charge;                        // for the same
+	size_t piece = 0;                     // payload that a message of ours can have; 0: not asked yet
+	std::atomic<int64_t> since{now_ns()}; // it was made, or its last call ended
+	Mapping request;                      // a request that comes slowly, or is too large for the thread's memory
 	size_t request_size = 0;
 	size_t request_have = 0;
 	struct ucred sender = {}; // who sent the request
@@ -243,7 +245,6 @@ void ensure_waiting(Hatch *hatch);
 
 // ---- Connections (peers.cc) ----
 
-int64_t now_ns();
 // Has the set of events tell once of a descriptor. Errors: 0, or an errno value.
 int arm(const Hatch &hatch, int how, int fd, uint32_t events, void *what);
 // Takes connections that wait at the listener.
