@@ -10,6 +10,7 @@
 // Remembers the process that something belongs to. Zero-filled, it belongs to none.
 class ProcessMark {
 public:
+	bool is(uint64_t now) const { return process_.load(std::memory_order_acquire) == now; }
 	// Calls `renew` if that is another process than `now`, a number that two processes don't share; other threads wait
 	// until it is done. The first call in a process renews, too.
 	template <typename Renew>

@@ -1,14 +1,15 @@
 #include "trail/reserve.h"
 
-#include <atomic>
 #include <cstddef>
 #include <ctime>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <meridon/process.h>
 #include <meridon/trail.h>
 
 #include "base/guards.h"
+#include "base/process_mark.h"
 #include "base/thread_safety.h"
 #include "trail/libaudit.h"
 
@@ -18,7 +19,7 @@ constexpr time_t longest_wait = 1; // seconds; a record takes microseconds
 
 Mutex reserve_lock;
 pthread_cond_t reserve_is_free = PTHREAD_COND_INITIALIZER;
-std::atomic<pid_t> reserve_process; // whose all this is, or 0
+ProcessMark reserve_process; // whose all this is
 size_t keepers GUARDED_BY(reserve_lock);
 int reserve GUARDED_BY(reserve_lock) = -1;
 bool taken GUARDED_BY(reserve_lock);
@@ -26,8 +27,7 @@ bool taken GUARDED_BY(reserve_lock);
 // A forked child has a copy of its parent's socket and locks, which it doesn't use.
 bool is_kept_here()
 {
-	const pid_t process = reserve_process.load(std::memory_order_relaxed);
-	return process != 0 && process == getpid();
+	return reserve_process.is(_meridon_process());
 }
 
 void close_reserve() REQUIRES(reserve_lock)
@@ -37,11 +37,8 @@ void close_reserve() REQUIRES(reserve_lock)
 	reserve = -1;
 }
 
-void enter_process() NO_THREAD_SAFETY_ANALYSIS
+void renew() NO_THREAD_SAFETY_ANALYSIS // nobody else has it yet
 {
-	const pid_t before = reserve_process.exchange(getpid(), std::memory_order_relaxed);
-	if (before == 0 || before == getpid())
-		return;
 	reserve_lock.init();
 	reserve_is_free = PTHREAD_COND_INITIALIZER;
 	close_reserve();
@@ -90,7 +87,7 @@ void trail::give_reserve_back()
 void trl_keep_way(void)
 {
 	CancellationWaits cancellation;
-	enter_process();
+	reserve_process.enter(_meridon_process(), renew);
 	MutexLock lock(reserve_lock);
 	keepers++;
 	if (reserve != -1)
