@@ -15,7 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "alloc_fault.h"
-#include "base/guards.h"
+#include "lists.h"
 #include "log_capture.h"
 #include "scratch.h"
 
@@ -54,21 +54,9 @@ struct Store {
 	std::atomic<int> audits;
 } store;
 
-std::string text_of(attrlist_t *list)
-{
-	char text[512];
-	return list == nullptr ? "none" : ostrel_atl2str(list, text, sizeof(text));
-}
-
-std::string ids_of(attrlist_t *idl)
-{
-	char text[OSTREL_IDSTR_SIZE] = "";
-	return ostrel_idlist2idstr(idl, text) == OSTREL_SUCCESS ? text : "none";
-}
-
 ostrel_error_t take(const char *op, attrlist_t *idl, uint64_t flags, const std::string &second)
 {
-	Call call = {op, ids_of(idl), second, flags, pthread_self(), "", false};
+	Call call = {op, text_of(idl), second, flags, pthread_self(), "", false};
 	pthread_getname_np(pthread_self(), call.thread_name, sizeof(call.thread_name));
 	sigset_t blocked;
 	pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
@@ -86,7 +74,7 @@ const struct ostrel_db_cmds store_cmds = {
     .dbc_write = [](ostrel_db_t, attrlist_t *idl, uint64_t flags,
 		     attrlist_t *props) { return take("write", idl, flags, text_of(props)); },
     .dbc_rename = [](ostrel_db_t, attrlist_t *idl, uint64_t flags,
-		      attrlist_t *newidl) { return take("rename", idl, flags, ids_of(newidl)); },
+		      attrlist_t *newidl) { return take("rename", idl, flags, text_of(newidl)); },
     .dbc_remove = [](ostrel_db_t, attrlist_t *idl, uint64_t flags) { return take("remove", idl, flags, "none"); },
     .dbc_audit = [](ostrel_db_t, unsigned short, attrlist_t *, ostrel_error_t) { store.audits++; },
     .dbc_auth = nullptr,
@@ -103,22 +91,6 @@ void wait_for_threads(int expected)
 	for (int i = 0; i < 60000 && threads_alive() > expected; i++)
 		usleep(1000);
 	ASSERT_EQ(threads_alive(), expected);
-}
-
-AttrList ids(const std::string &value)
-{
-	AttrList idl;
-	EXPECT_EQ(ostrel_idlist_init(idl.out(), nullptr), OSTREL_SUCCESS);
-	EXPECT_EQ(ostrel_idlist_add(idl.get(), "name", value.c_str()), OSTREL_SUCCESS);
-	return idl;
-}
-
-AttrList props(const std::string &value)
-{
-	AttrList list;
-	EXPECT_EQ(attrlist_alloc(list.out(), ATL_UNIQUE_NAME, 0), 0);
-	EXPECT_EQ(ostrel_atl_add_one_string(list.get(), "prop", value.c_str()), 0);
-	return list;
 }
 
 class Deferred : public testing::Test {
@@ -170,9 +142,10 @@ struct Operation {
 
 const Operation operations[] = {
     {"write", "prop=value;",
-	[](ostrel_db_t db) { return ostrel_db_write(db, ids("x").get(), 4, props("value").get()); }},
-    {"rename", "name=y;", [](ostrel_db_t db) { return ostrel_db_rename(db, ids("x").get(), 4, ids("y").get()); }},
-    {"remove", "none", [](ostrel_db_t db) { return ostrel_db_remove(db, ids("x").get(), 4); }},
+	[](ostrel_db_t db) { return ostrel_db_write(db, idl_of("name=x").get(), 4, props_of("prop=value").get()); }},
+    {"rename", "name=y;",
+	[](ostrel_db_t db) { return ostrel_db_rename(db, idl_of("name=x").get(), 4, idl_of("name=y").get()); }},
+    {"remove", "none", [](ostrel_db_t db) { return ostrel_db_remove(db, idl_of("name=x").get(), 4); }},
 };
 
 class EachDeferred : public Deferred, public testing::WithParamInterface<Operation> {};
@@ -221,7 +194,7 @@ TEST_P(EachDeferred, GivesUpAfter100RetriesASecondApart)
 TEST_F(Deferred, EndsAtAnotherErrorWithoutAMessage)
 {
 	answer({OSTREL_NEEDS_RETRY, OSTREL_NEEDS_RETRY, OSTREL_EPERM, OSTREL_SUCCESS});
-	EXPECT_EQ(ostrel_db_remove(db_, ids("x").get(), 0), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_remove(db_, idl_of("name=x").get(), 0), OSTREL_SUCCESS);
 	finish();
 	EXPECT_EQ(store.calls.size(), 3u);
 	EXPECT_EQ(sleeps, 1);
@@ -232,7 +205,7 @@ TEST_F(Deferred, IsNotWhatAReadOrAWalkBecomes)
 {
 	answer({OSTREL_NEEDS_RETRY});
 	auto never = [](ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *) { return 0; };
-	EXPECT_EQ(ostrel_db_read(db_, ids("x").get(), 0, nullptr), OSTREL_NEEDS_RETRY);
+	EXPECT_EQ(ostrel_db_read(db_, idl_of("name=x").get(), 0, nullptr), OSTREL_NEEDS_RETRY);
 	EXPECT_EQ(ostrel_db_walk(db_, nullptr, 0, never, nullptr, nullptr, nullptr), OSTREL_NEEDS_RETRY);
 	finish();
 	EXPECT_EQ(store.calls.size(), 2u);
@@ -245,7 +218,7 @@ TEST_F(Deferred, WorksOnACallersThreadOfTheSameName)
 	ostrel_error_t result = OSTREL_FAILURE;
 	std::thread caller([&] {
 		pthread_setname_np(pthread_self(), "ostrel_update");
-		result = ostrel_db_remove(db_, ids("x").get(), 0);
+		result = ostrel_db_remove(db_, idl_of("name=x").get(), 0);
 	});
 	caller.join();
 	EXPECT_EQ(result, OSTREL_SUCCESS);
@@ -263,7 +236,7 @@ TEST_F(Deferred, TellsTheCallerWhatCantBeTakenOver)
 	ASSERT_EQ(pthread_getattr_default_np(&huge), 0);
 	ASSERT_EQ(pthread_attr_setstacksize(&huge, 1UL << 47), 0);
 	ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
-	EXPECT_EQ(ostrel_db_write(db_, ids("x").get(), 0, props("v").get()), OSTREL_FAILURE);
+	EXPECT_EQ(ostrel_db_write(db_, idl_of("name=x").get(), 0, props_of("prop=v").get()), OSTREL_FAILURE);
 	ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
 	finish();
 	EXPECT_EQ(store.calls.size(), 2u) << "neither is tried again";
@@ -273,7 +246,7 @@ TEST_F(Deferred, ReportsEachAllocationThatFailsAndLeavesNothing)
 {
 	SKIP_WITHOUT_ALLOC_FAULTS();
 	answer({OSTREL_SUCCESS});
-	AttrList idl = ids("x"), list = props("v");
+	AttrList idl = idl_of("name=x"), list = props_of("prop=v");
 	for (int nth = 1;; nth++) {
 		AllocFault fault(nth);
 		ostrel_error_t result = ostrel_create_update_thread(OSTREL_OP_WRITE, db_, idl.get(), 0, list.get());
@@ -299,7 +272,8 @@ void defer_many(ostrel_db_t db, int count, int threads_before)
 {
 	hold_sleepers = true;
 	for (int i = 0; i < count; i++)
-		ASSERT_EQ(ostrel_db_write(db, ids(std::to_string(i)).get(), 0, props("v").get()), OSTREL_SUCCESS);
+		ASSERT_EQ(ostrel_db_write(db, idl_of("name=" + std::to_string(i)).get(), 0, props_of("prop=v").get()),
+		    OSTREL_SUCCESS);
 	EXPECT_EQ(threads_alive(), threads_before + count) << "all are in flight";
 	hold_sleepers = false;
 	hold_sleepers.notify_all();

@@ -195,15 +195,6 @@ TYPED_TEST(OneValueTest, IsRefusedUnlessThereIsExactlyOneOfTheType)
 	EXPECT_EQ(One::add(list.get(), nullptr, One::value()), EINVAL);
 }
 
-TEST(OneValueOfScalars, AreNotArrays)
-{
-	AttrList list = idl_of("");
-	ASSERT_EQ(attrlist_add_int32(list.get(), "n", 5), 0);
-	int32_t value = 0;
-	EXPECT_EQ(ostrel_atl_get_one_int32(list.get(), "n", &value), ENOENT);
-	EXPECT_EQ(ostrel_atl_add_one_string(list.get(), "s", nullptr), EINVAL);
-}
-
 // ---- Text for traces ----
 
 std::string trace_text(attrlist_t *list, size_t len)

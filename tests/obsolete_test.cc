@@ -20,6 +20,7 @@
 #include "base/guards.h"
 #include "libostrel_obsolete.h"
 #include "log_capture.h"
+#include "scratch.h"
 
 // This C library's regcomp() loses memory, or frees it twice, where its own allocations fail. So faults pass it by here,
 // and a failure of it is planned by itself: before the n-th call from now on, for n above 0.
@@ -96,14 +97,6 @@ namespace {
 
 class Obsolete : public testing::Test {
 protected:
-	void SetUp() override
-	{
-		char dir[] = "/tmp/ostrel_obsolete_XXXXXX";
-		ASSERT_NE(mkdtemp(dir), nullptr);
-		dir_ = dir;
-	}
-	void TearDown() override { fs::remove_all(dir_); }
-
 	void make(const Names &names) const
 	{
 		for (const std::string &name : names)
@@ -111,10 +104,8 @@ protected:
 	}
 	Names names() const
 	{
-		Names found;
-		for (const auto &entry : fs::directory_iterator(dir_))
-			found.insert(entry.path().filename());
-		return found;
+		const std::vector<std::string> found = entries_of(dir_);
+		return {found.begin(), found.end()};
 	}
 	// Gives the log's messages.
 	std::vector<std::string> set_aside(const char *pattern) const { return set_aside(dir_, pattern); }
@@ -126,7 +117,8 @@ protected:
 		return log.lines();
 	}
 
-	std::string dir_;
+	Scratch scratch_;
+	std::string dir_ = scratch_.directory();
 	std::vector<std::string> silence_;
 };
 
@@ -189,7 +181,6 @@ TEST_F(Obsolete, PathThatIsTooLongIsLoggedAndSkipped)
 	ASSERT_EQ(log.size(), 2u);
 	for (const std::string &line : log) // the message itself is cut at its end
 		EXPECT_EQ(line.compare(0, 100, "3: Rename obsolete file " + dir_, 0, 100), 0) << line;
-	dir_ = dir_.substr(0, dir_.find('/', 5));
 }
 
 TEST_F(Obsolete, SecondCallAtTheSameTimeAborts)

@@ -58,28 +58,10 @@ TEST(RightsFile, AWildcardStandsForAnyContinuationAndOnlyAtTheEnd)
 
 TEST(RightsFile, ALineThatCannotBeReadWholeGrantsNothing)
 {
-	const std::string bad[] = {
-	    "alice x",
-	    "alice",
-	    "alice:",
-	    ": x",
-	    "%: x",
-	    "%%netadm: x",
-	    "alice: x,",
-	    "alice: ,x",
-	    "alice: x,,y",
-	    "alice: x y",
-	    "alice: x: y",
-	    "al ice: x",
-	    "alice, bob: x",
-	    "alice: x, what?",
-	    "alice: x\r",
-	    "alice: x\v",
-	    std::string("alice: x\0", 9),
-	    std::string("alice\0: x", 9),
-	    "alice: x, *y",
-	    "alice: x, \xc3\xa9",
-	};
+	const std::string bad[] = {"alice x", "alice", "alice:", ": x", "%: x", "%%netadm: x", "alice: x,", "alice: ,x",
+	    "alice: x,,y", "alice: x y", "alice: x: y", "al ice: x", "alice, bob: x", "alice: x, what?", "alice: x\r",
+	    "alice: x\v", std::string("alice: x\0", 9), std::string("alice\0: x", 9), "alice: x, *y",
+	    "alice: x, \xc3\xa9"};
 	for (const std::string &line : bad) {
 		EXPECT_FALSE(grants(line + "\n", "x")) << line;
 		EXPECT_TRUE(grants(line + "\nalice: x\n", "x")) << "the next line is lost behind: " << line;

@@ -181,20 +181,6 @@ TEST_F(Trail, ARecordThatIsTooLongIsRefusedWhole)
 	EXPECT_EQ(found[0]["retval"], "7");
 }
 
-TEST_F(Trail, WithoutThePrivilegeNothingIsWritten)
-{
-	KernelAudit audit;
-	Process child([&] {
-		keep_audit_write(CapSets::None);
-		Session session;
-		EXPECT_EQ(error_of(trl_put_event(session.data, TRL_SUCCESS, 0)), EPERM);
-		return testing::Test::HasFailure() ? 1 : 0;
-	});
-	const pid_t pid = child.pid();
-	EXPECT_EQ(child.wait(), 0);
-	EXPECT_EQ(audit.records(pid).size(), 0U);
-}
-
 // ---- The watcher ----
 
 // What a watcher was told, in order. It is the process's watcher for as long as it lives.

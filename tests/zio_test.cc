@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <grp.h>
+#include <optional>
 #include <string>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -89,15 +90,32 @@ struct Shared {
 	std::function<int()> body;
 };
 
-class ZioCallback : public ::testing::Test {
+// With an enclave that is a root directory.
+class Zio : public ::testing::Test {
 protected:
 	void SetUp() override
 	{
+		SKIP_WITHOUT_ENCLAVES();
+		enclave.emplace();
+	}
+	std::optional<TestEnclave> enclave;
+};
+using ZioPlanted = Zio;
+using ZioEnter = Zio;
+using ZioFork = Zio;
+using ZioFault = Zio;
+using ZioMany = Zio;
+
+class ZioCallback : public Zio {
+protected:
+	ZioCallback()
+	{
 		void *page = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-		ASSERT_NE(page, MAP_FAILED);
+		if (page == MAP_FAILED)
+			abort();
 		shared = new (page) Shared();
 	}
-	void TearDown() override
+	~ZioCallback() override
 	{
 		shared->~Shared();
 		munmap(shared, sizeof(Shared));
@@ -114,99 +132,89 @@ Shared *ZioCallback::shared;
 
 } // namespace
 
-TEST(Zio, ReadsUpdatesRenamesAndUnlinksInsideTheEnclave)
+TEST_F(Zio, ReadsUpdatesRenamesAndUnlinksInsideTheEnclave)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "inside\n");
+	enclave->write("/db", "inside\n");
 	int error = -1;
-	Fd old(ostrel_zopen("/db", O_RDONLY, 0, enclave.id(), &error));
+	Fd old(ostrel_zopen("/db", O_RDONLY, 0, enclave->id(), &error));
 	ASSERT_EQ(error, 0);
 	EXPECT_EQ(text_of(old.get()), "inside\n");
 	EXPECT_EQ(fcntl(old.get(), F_GETFD), FD_CLOEXEC);
 	EXPECT_EQ(fcntl(old.get(), F_GETFL) & O_NONBLOCK, 0);
 
-	Fd fresh(ostrel_zopen("/db.new", update_flags, 0644, enclave.id(), &error));
+	Fd fresh(ostrel_zopen("/db.new", update_flags, 0644, enclave->id(), &error));
 	ASSERT_EQ(error, 0);
 	ASSERT_EQ(write(fresh.get(), "new\n", 4), 4);
-	EXPECT_EQ(ostrel_zrename("/db.new", "/db", enclave.id()), 0);
-	EXPECT_EQ(enclave.read("/db"), "new\n");
-	EXPECT_EQ(enclave.read("/db.new"), "<none>");
-	EXPECT_EQ(ostrel_zunlink("/db", enclave.id()), 0);
-	EXPECT_EQ(enclave.read("/db"), "<none>");
+	EXPECT_EQ(ostrel_zrename("/db.new", "/db", enclave->id()), 0);
+	EXPECT_EQ(enclave->read("/db"), "new\n");
+	EXPECT_EQ(enclave->read("/db.new"), "<none>");
+	EXPECT_EQ(ostrel_zunlink("/db", enclave->id()), 0);
+	EXPECT_EQ(enclave->read("/db"), "<none>");
 	EXPECT_FALSE(has_zombie());
 }
 
-TEST(Zio, ANewFileGetsItsModeWhateverTheUmaskAndItsOwner)
+TEST_F(Zio, ANewFileGetsItsModeWhateverTheUmaskAndItsOwner)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
 	mode_t mask = umask(077);
-	EXPECT_EQ(update_error("/db", enclave.id()), 0);
+	EXPECT_EQ(update_error("/db", enclave->id()), 0);
 	int error = -1;
-	EXPECT_TRUE(Fd(ostrel_zopen("/secret", update_flags, 0600, enclave.id(), &error)));
-	EXPECT_TRUE(Fd(ostrel_zopen(enclave.host_path("/here").c_str(), update_flags, 0644, 0, &error)));
+	EXPECT_TRUE(Fd(ostrel_zopen("/secret", update_flags, 0600, enclave->id(), &error)));
+	EXPECT_TRUE(Fd(ostrel_zopen(enclave->host_path("/here").c_str(), update_flags, 0644, 0, &error)));
 	umask(mask);
 	for (const char *path : {"/db", "/here", "/secret"}) {
-		struct stat st = stat_of(enclave.host_path(path));
+		struct stat st = stat_of(enclave->host_path(path));
 		EXPECT_EQ(st.st_mode & 07777, std::string(path) == "/secret" ? 0600U : 0644U) << path;
 		EXPECT_EQ(st.st_uid, 17U) << path;
 		EXPECT_EQ(st.st_gid, 65U) << path;
 	}
 }
 
-TEST(Zio, AnExistingFileIsEmptiedAndKeepsModeAndOwner)
+TEST_F(Zio, AnExistingFileIsEmptiedAndKeepsModeAndOwner)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "old\n");
-	ASSERT_EQ(chmod(enclave.host_path("/db").c_str(), 0640), 0);
-	ASSERT_EQ(chown(enclave.host_path("/db").c_str(), 3, 4), 0);
-	EXPECT_EQ(update_error("/db", enclave.id()), 0);
-	struct stat st = stat_of(enclave.host_path("/db"));
+	enclave->write("/db", "old\n");
+	ASSERT_EQ(chmod(enclave->host_path("/db").c_str(), 0640), 0);
+	ASSERT_EQ(chown(enclave->host_path("/db").c_str(), 3, 4), 0);
+	EXPECT_EQ(update_error("/db", enclave->id()), 0);
+	struct stat st = stat_of(enclave->host_path("/db"));
 	EXPECT_EQ(st.st_size, 0);
 	EXPECT_EQ(st.st_mode & 07777, 0640U);
 	EXPECT_EQ(st.st_uid, 3U);
 	EXPECT_EQ(st.st_gid, 4U);
 }
 
-TEST(Zio, AStreamModeDecidesTheFlags)
+TEST_F(Zio, AStreamModeDecidesTheFlags)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "old\n");
+	enclave->write("/db", "old\n");
 	int error = -1;
-	EXPECT_EQ(ostrel_zfopen("/db", "r+", enclave.id(), &error), nullptr); // the file is open for reading only
+	EXPECT_EQ(ostrel_zfopen("/db", "r+", enclave->id(), &error), nullptr); // the file is open for reading only
 	EXPECT_EQ(error, EINVAL);
-	EXPECT_EQ(enclave.read("/db"), "old\n");
+	EXPECT_EQ(enclave->read("/db"), "old\n");
 
-	Stream appended(ostrel_zfopen("/db", "a", enclave.id(), &error));
+	Stream appended(ostrel_zfopen("/db", "a", enclave->id(), &error));
 	ASSERT_TRUE(appended);
-	EXPECT_EQ(enclave.read("/db"), ""); // emptied all the same
+	EXPECT_EQ(enclave->read("/db"), ""); // emptied all the same
 	fputs("new\n", appended.get());
 	appended.reset();
-	EXPECT_EQ(enclave.read("/db"), "new\n");
-	EXPECT_EQ(stat_of(enclave.host_path("/db")).st_uid, 0U);
+	EXPECT_EQ(enclave->read("/db"), "new\n");
+	EXPECT_EQ(stat_of(enclave->host_path("/db")).st_uid, 0U);
 }
 
-TEST(Zio, WhatFailsInsideArrivesAsItsErrorNumber)
+TEST_F(Zio, WhatFailsInsideArrivesAsItsErrorNumber)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/file", "");
-	EXPECT_EQ(read_error("/missing", enclave.id()), ENOENT);
-	EXPECT_EQ(read_error("/file/below", enclave.id()), ENOTDIR);
-	EXPECT_EQ(update_error("/missing/db", enclave.id()), ENOENT);
-	EXPECT_EQ(update_error("/private", enclave.id()), EISDIR);
-	EXPECT_EQ(ostrel_zrename("/missing", "/db", enclave.id()), ENOENT);
-	EXPECT_EQ(ostrel_zrename("/file", "/missing/db", enclave.id()), ENOENT);
-	EXPECT_EQ(ostrel_zunlink("/missing", enclave.id()), ENOENT);
-	EXPECT_EQ(ostrel_zunlink("/private", enclave.id()), EISDIR);
+	enclave->write("/file", "");
+	EXPECT_EQ(read_error("/missing", enclave->id()), ENOENT);
+	EXPECT_EQ(read_error("/file/below", enclave->id()), ENOTDIR);
+	EXPECT_EQ(update_error("/missing/db", enclave->id()), ENOENT);
+	EXPECT_EQ(update_error("/private", enclave->id()), EISDIR);
+	EXPECT_EQ(ostrel_zrename("/missing", "/db", enclave->id()), ENOENT);
+	EXPECT_EQ(ostrel_zrename("/file", "/missing/db", enclave->id()), ENOENT);
+	EXPECT_EQ(ostrel_zunlink("/missing", enclave->id()), ENOENT);
+	EXPECT_EQ(ostrel_zunlink("/private", enclave->id()), EISDIR);
 	const std::string long_path = "/" + std::string(5000, 'x');
-	EXPECT_EQ(ostrel_zunlink(long_path.c_str(), enclave.id()), ENAMETOOLONG);
+	EXPECT_EQ(ostrel_zunlink(long_path.c_str(), enclave->id()), ENAMETOOLONG);
 }
 
-TEST(Zio, TheGlobalEnclaveNeedsNoChildPipeOrTemplate)
+TEST(ZioKinds, TheGlobalEnclaveNeedsNoChildPipeOrTemplate)
 {
 	Scratch scratch;
 	std::string db = scratch.write("db", "here\n"), other = scratch.path("other");
@@ -225,67 +233,59 @@ TEST(Zio, TheGlobalEnclaveNeedsNoChildPipeOrTemplate)
 
 /* ---- What an enclave may have put in the way ---- */
 
-TEST(ZioPlanted, OnlyRegularFilesAreOpenedAndNothingWaits)
+TEST_F(ZioPlanted, OnlyRegularFilesAreOpenedAndNothingWaits)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	ASSERT_EQ(mkfifo(enclave.host_path("/fifo").c_str(), 0666), 0);
-	ASSERT_EQ(mknod(enclave.host_path("/device").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
+	ASSERT_EQ(mkfifo(enclave->host_path("/fifo").c_str(), 0666), 0);
+	ASSERT_EQ(mknod(enclave->host_path("/device").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
 	sockaddr_un address = {};
 	address.sun_family = AF_UNIX;
-	snprintf(address.sun_path, sizeof address.sun_path, "%s", enclave.host_path("/socket").c_str());
+	snprintf(address.sun_path, sizeof address.sun_path, "%s", enclave->host_path("/socket").c_str());
 	Fd socket(::socket(AF_UNIX, SOCK_STREAM, 0));
 	ASSERT_EQ(bind(socket.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-	ASSERT_EQ(symlink("/fifo", enclave.host_path("/to_fifo").c_str()), 0);
+	ASSERT_EQ(symlink("/fifo", enclave->host_path("/to_fifo").c_str()), 0);
 
 	for (const char *path : {"/fifo", "/device", "/socket", "/to_fifo"}) {
-		mode_t mode = stat_of(enclave.host_path(path)).st_mode;
-		EXPECT_EQ(read_error(path, enclave.id()), EINVAL) << path;
-		EXPECT_EQ(update_error(path, enclave.id()), EINVAL) << path;
-		EXPECT_EQ(stat_of(enclave.host_path(path)).st_mode, mode) << path;
+		mode_t mode = stat_of(enclave->host_path(path)).st_mode;
+		EXPECT_EQ(read_error(path, enclave->id()), EINVAL) << path;
+		EXPECT_EQ(update_error(path, enclave->id()), EINVAL) << path;
+		EXPECT_EQ(stat_of(enclave->host_path(path)).st_mode, mode) << path;
 	}
 }
 
-TEST(ZioPlanted, AnUpdateFollowsNoLinkAndEmptiesNoFileOfTwoNames)
+TEST_F(ZioPlanted, AnUpdateFollowsNoLinkAndEmptiesNoFileOfTwoNames)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/victim", "keep me\n");
-	ASSERT_EQ(symlink("/victim", enclave.host_path("/link").c_str()), 0);
-	ASSERT_EQ(symlink("/not_there", enclave.host_path("/dangling").c_str()), 0);
-	ASSERT_EQ(link(enclave.host_path("/victim").c_str(), enclave.host_path("/hard").c_str()), 0);
+	enclave->write("/victim", "keep me\n");
+	ASSERT_EQ(symlink("/victim", enclave->host_path("/link").c_str()), 0);
+	ASSERT_EQ(symlink("/not_there", enclave->host_path("/dangling").c_str()), 0);
+	ASSERT_EQ(link(enclave->host_path("/victim").c_str(), enclave->host_path("/hard").c_str()), 0);
 	for (const char *path : {"/link", "/dangling", "/hard"})
-		EXPECT_EQ(update_error(path, enclave.id()), EINVAL) << path;
-	EXPECT_EQ(enclave.read("/victim"), "keep me\n");
-	EXPECT_EQ(stat_of(enclave.host_path("/victim")).st_uid, 0U);
-	EXPECT_EQ(enclave.read("/not_there"), "<none>");
-	EXPECT_EQ(read_all("/hard", enclave.id()), "keep me\n"); // reading harms nobody
+		EXPECT_EQ(update_error(path, enclave->id()), EINVAL) << path;
+	EXPECT_EQ(enclave->read("/victim"), "keep me\n");
+	EXPECT_EQ(stat_of(enclave->host_path("/victim")).st_uid, 0U);
+	EXPECT_EQ(enclave->read("/not_there"), "<none>");
+	EXPECT_EQ(read_all("/hard", enclave->id()), "keep me\n"); // reading harms nobody
 }
 
-TEST(ZioPlanted, ALinkLeadsNowhereOutOfTheEnclave)
+TEST_F(ZioPlanted, ALinkLeadsNowhereOutOfTheEnclave)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
 	Scratch host;
 	std::string secret = host.write("secret", "of the host\n");
-	ASSERT_EQ(symlink(secret.c_str(), enclave.host_path("/absolute").c_str()), 0);
-	ASSERT_EQ(symlink(("../../../../.." + secret).c_str(), enclave.host_path("/relative").c_str()), 0);
-	ASSERT_EQ(symlink(host.directory().c_str(), enclave.host_path("/directory").c_str()), 0);
+	ASSERT_EQ(symlink(secret.c_str(), enclave->host_path("/absolute").c_str()), 0);
+	ASSERT_EQ(symlink(("../../../../.." + secret).c_str(), enclave->host_path("/relative").c_str()), 0);
+	ASSERT_EQ(symlink(host.directory().c_str(), enclave->host_path("/directory").c_str()), 0);
 	for (const char *path : {"/absolute", "/relative", "/directory/secret"})
-		EXPECT_EQ(read_error(path, enclave.id()), ENOENT) << path;
-	EXPECT_EQ(ostrel_zunlink("/directory/secret", enclave.id()), ENOENT);
-	EXPECT_EQ(ostrel_zunlink("/../../../secret", enclave.id()), ENOENT);
+		EXPECT_EQ(read_error(path, enclave->id()), ENOENT) << path;
+	EXPECT_EQ(ostrel_zunlink("/directory/secret", enclave->id()), ENOENT);
+	EXPECT_EQ(ostrel_zunlink("/../../../secret", enclave->id()), ENOENT);
 	EXPECT_EQ(file_text(secret), "of the host\n");
 }
 
 /* ---- Enclaves that can't be entered ---- */
 
-TEST(ZioEnter, AnEnclaveThatIsNotUpIsNeverAMissingFile)
+TEST_F(ZioEnter, AnEnclaveThatIsNotUpIsNeverAMissingFile)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "inside\n");
-	const std::string record = "name=x\nroot=" + enclave.root() + "\nstate=";
+	enclave->write("/db", "inside\n");
+	const std::string record = "name=x\nroot=" + enclave->root() + "\nstate=";
 	const struct {
 		std::string record;
 		int error;
@@ -297,8 +297,8 @@ TEST(ZioEnter, AnEnclaveThatIsNotUpIsNeverAMissingFile)
 	    {record + "down\n", ESRCH},
 	    {record + "mounted\n", ESRCH},
 	    {record + "strange\n", ESRCH},
-	    {"name=x\nroot=" + enclave.root() + "/none\nstate=running\n", ESRCH},
-	    {"name=x\nroot=" + enclave.root() + "/db\nstate=running\n", ESRCH},
+	    {"name=x\nroot=" + enclave->root() + "/none\nstate=running\n", ESRCH},
+	    {"name=x\nroot=" + enclave->root() + "/db\nstate=running\n", ESRCH},
 	    {"name=x\nstate=running\n", ESRCH},
 	    {record + "running\nleader=1\nleader_start=1\n", ESRCH}, // another process has that id
 	    {record + "running\nleader=1\n", ESRCH},
@@ -306,20 +306,18 @@ TEST(ZioEnter, AnEnclaveThatIsNotUpIsNeverAMissingFile)
 	    {"", ESRCH},
 	};
 	for (const auto &row : rows) {
-		enclave.write_record(row.record);
-		EXPECT_EQ(read_error("/db", enclave.id()), row.error) << row.record;
+		enclave->write_record(row.record);
+		EXPECT_EQ(read_error("/db", enclave->id()), row.error) << row.record;
 	}
 	for (enclaveid_t unknown : {6, -1, 10000, INT32_MIN})
 		EXPECT_EQ(ostrel_zunlink("/db", unknown), EINVAL) << unknown;
-	EXPECT_EQ(enclave.read("/db"), "inside\n");
+	EXPECT_EQ(enclave->read("/db"), "inside\n");
 }
 
-TEST(ZioEnter, ARecordThatOthersCouldHaveWrittenIsNotFollowed)
+TEST_F(ZioEnter, ARecordThatOthersCouldHaveWrittenIsNotFollowed)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "inside\n");
-	std::string record = enclave.prefix() + "/run/enclaves/5";
+	enclave->write("/db", "inside\n");
+	std::string record = enclave->prefix() + "/run/enclaves/5";
 	ASSERT_EQ(chmod(record.c_str(), 0664), 0);
 	EXPECT_EQ(read_error("/db", 5), EPERM);
 	ASSERT_EQ(chmod(record.c_str(), 0644), 0);
@@ -331,7 +329,7 @@ TEST(ZioEnter, ARecordThatOthersCouldHaveWrittenIsNotFollowed)
 	EXPECT_EQ(read_error("/db", 5), ESRCH);
 }
 
-TEST(ZioEnter, WithoutPrivilegeItIsRefused)
+TEST(ZioKinds, WithoutPrivilegeItIsRefused)
 {
 	SKIP_WITHOUT_ENCLAVES();
 	for (TestEnclave::Kind kind : {TestEnclave::RootOnly, fullest_enclave()}) {
@@ -343,7 +341,7 @@ TEST(ZioEnter, WithoutPrivilegeItIsRefused)
 	}
 }
 
-TEST(ZioEnter, JoinsTheNamespacesOfALeaderAndItsRoot)
+TEST(ZioKinds, JoinsTheNamespacesOfALeaderAndItsRoot)
 {
 	SKIP_WITHOUT_ENCLAVES(TestEnclave::UserNamespace);
 	const gid_t groups_of_host[] = {4, 6};
@@ -380,16 +378,14 @@ TEST(ZioEnter, JoinsTheNamespacesOfALeaderAndItsRoot)
 
 TEST_F(ZioCallback, RunsInTheChildFirstAndThenInTheCaller)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	EXPECT_EQ(ostrel_zfop("/x", enclave.id(), note, nullptr), 0);
+	EXPECT_EQ(ostrel_zfop("/x", enclave->id(), note, nullptr), 0);
 	EXPECT_EQ(shared->runs[0][0], 1);
 	EXPECT_EQ(shared->runs[1][0], 1);
 	EXPECT_NE(shared->pids[0], getpid());
 	EXPECT_EQ(shared->pids[1], getpid());
 
 	shared->body = [] { return EDOM; };
-	EXPECT_EQ(ostrel_zfop("/x", enclave.id(), note, nullptr), EDOM);
+	EXPECT_EQ(ostrel_zfop("/x", enclave->id(), note, nullptr), EDOM);
 	EXPECT_EQ(shared->runs[0][0], 2);
 	EXPECT_EQ(shared->runs[1][0], 1) << "the caller's turn comes only after success";
 
@@ -400,16 +396,14 @@ TEST_F(ZioCallback, RunsInTheChildFirstAndThenInTheCaller)
 
 TEST_F(ZioCallback, ADeathBySignalIsAFailureThatNobodyMisreads)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
 	// Numbers that say "not found", "no permission", "no memory" and the like as error numbers.
 	for (int signal : {SIGHUP, SIGINT, SIGUSR2, SIGPIPE, SIGALRM}) {
 		shared->body = [signal] { return kill(getpid(), signal); };
-		EXPECT_EQ(ostrel_zfop("/x", enclave.id(), note, nullptr), EINTR) << signal;
+		EXPECT_EQ(ostrel_zfop("/x", enclave->id(), note, nullptr), EINTR) << signal;
 	}
 	for (int signal : {SIGKILL, SIGTERM, SIGABRT}) {
 		shared->body = [signal] { return kill(getpid(), signal); };
-		int error = ostrel_zfop("/x", enclave.id(), note, nullptr);
+		int error = ostrel_zfop("/x", enclave->id(), note, nullptr);
 		EXPECT_EQ(error, signal);
 		EXPECT_EQ(ostrel_errno2error(error), OSTREL_FAILURE);
 	}
@@ -417,8 +411,6 @@ TEST_F(ZioCallback, ADeathBySignalIsAFailureThatNobodyMisreads)
 
 TEST_F(ZioCallback, ACaughtSignalDoesNotEndTheWait)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
 	static std::atomic<int> alarms;
 	handle_quietly(SIGALRM, [](int) { alarms++; });
 	shared->body = [] {
@@ -427,7 +419,7 @@ TEST_F(ZioCallback, ACaughtSignalDoesNotEndTheWait)
 	};
 	itimerval often = {{0, 5000}, {0, 5000}}, never = {};
 	ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
-	int error = ostrel_zfop("/x", enclave.id(), note, nullptr);
+	int error = ostrel_zfop("/x", enclave->id(), note, nullptr);
 	ASSERT_EQ(setitimer(ITIMER_REAL, &never, nullptr), 0);
 	EXPECT_EQ(error, ENOTTY);
 	EXPECT_GT(alarms, 2);
@@ -436,8 +428,6 @@ TEST_F(ZioCallback, ACaughtSignalDoesNotEndTheWait)
 
 TEST_F(ZioCallback, AChildBelongsToTheLibraryAlone)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
 	static std::atomic<int> signals;
 	handle_quietly(SIGCHLD, [](int) { signals++; });
 	std::atomic<bool> stop{false};
@@ -451,7 +441,7 @@ TEST_F(ZioCallback, AChildBelongsToTheLibraryAlone)
 	});
 	for (int i = 0; i < 20; i++) {
 		shared->body = [i] { return i % 5; };
-		ASSERT_EQ(ostrel_zfop("/x", enclave.id(), note, nullptr), i % 5);
+		ASSERT_EQ(ostrel_zfop("/x", enclave->id(), note, nullptr), i % 5);
 	}
 	stop = true;
 	reaper.join();
@@ -459,25 +449,23 @@ TEST_F(ZioCallback, AChildBelongsToTheLibraryAlone)
 	EXPECT_EQ(signals, 0);
 
 	handle_quietly(SIGCHLD, SIG_IGN);
-	EXPECT_EQ(read_error("/missing", enclave.id()), ENOENT);
-	EXPECT_EQ(update_error("/db", enclave.id()), 0);
+	EXPECT_EQ(read_error("/missing", enclave->id()), ENOENT);
+	EXPECT_EQ(update_error("/db", enclave->id()), 0);
 	EXPECT_FALSE(has_zombie());
 	handle_quietly(SIGCHLD, SIG_DFL);
 }
 
-TEST(ZioFork, AChildHasACovenantOfItsOwnAndItsStatusComesBack)
+TEST_F(ZioFork, AChildHasACovenantOfItsOwnAndItsStatusComesBack)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
 	for (bool enter : {false, true}) {
 		pid_t pid = -1;
-		int status = ostrel_zfork(enclave.id(), enter ? B_TRUE : B_FALSE, &pid);
+		int status = ostrel_zfork(enclave->id(), enter ? B_TRUE : B_FALSE, &pid);
 		if (pid == 0 && status == 0) {
-			bool inside = access((enclave.prefix() + "/run").c_str(), F_OK) != 0;
+			bool inside = access((enclave->prefix() + "/run").c_str(), F_OK) != 0;
 			bool right = getpgrp() == getpid() && inside == enter &&
-				     getenclaveid() == (enter ? enclave.id() : 0) &&
+				     getenclaveid() == (enter ? enclave->id() : 0) &&
 				     (getenv("MERIDON_ROOT") == nullptr) == enter;
-			ostrel_zexit(enclave.id(), pid, right ? 42 : 1);
+			ostrel_zexit(enclave->id(), pid, right ? 42 : 1);
 			abort();
 		}
 		EXPECT_EQ(status, 42);
@@ -487,25 +475,23 @@ TEST(ZioFork, AChildHasACovenantOfItsOwnAndItsStatusComesBack)
 	EXPECT_EQ(ostrel_zfork(0, B_TRUE, &pid), 0);
 	EXPECT_EQ(pid, 0);
 	ostrel_zexit(0, 0, 1); // neither of these is a child
-	ostrel_zexit(enclave.id(), 1, 1);
+	ostrel_zexit(enclave->id(), 1, 1);
 }
 
-TEST(ZioFork, AChildForksAndStartsAProgramAlsoIfTheCallerIgnoresSIGCHLD)
+TEST_F(ZioFork, AChildForksAndStartsAProgramAlsoIfTheCallerIgnoresSIGCHLD)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
 	EXPECT_EQ(in_child([&] {
 		signal(SIGCHLD, SIG_IGN);
 		pid_t pid;
-		int status = ostrel_zfork(enclave.id(), B_FALSE, &pid);
+		int status = ostrel_zfork(enclave->id(), B_FALSE, &pid);
 		if (pid == 0 && status == 0) {
 			pid_t inner;
-			int result = ostrel_zfork(enclave.id(), B_FALSE, &inner);
+			int result = ostrel_zfork(enclave->id(), B_FALSE, &inner);
 			if (inner == 0 && result == 0) {
 				execl("/bin/sh", "sh", "-c", "exit 23", nullptr);
-				ostrel_zexit(enclave.id(), 0, 0);
+				ostrel_zexit(enclave->id(), 0, 0);
 			}
-			ostrel_zexit(enclave.id(), 0, result);
+			ostrel_zexit(enclave->id(), 0, result);
 		}
 		return status;
 	}),
@@ -514,7 +500,7 @@ TEST(ZioFork, AChildForksAndStartsAProgramAlsoIfTheCallerIgnoresSIGCHLD)
 
 /* ---- Calls that fail ---- */
 
-TEST(ZioFault, EachFailedCallIsTheResultAndNothingIsLeft)
+TEST(ZioKinds, EachFailedCallIsTheResultAndNothingIsLeft)
 {
 	SKIP_WITHOUT_ENCLAVES();
 	TestEnclave plain;
@@ -554,31 +540,27 @@ TEST(ZioFault, EachFailedCallIsTheResultAndNothingIsLeft)
 	}
 }
 
-TEST(ZioFault, ADirectoryThatCannotBeSyncedIsNoFailure)
+TEST_F(ZioFault, ADirectoryThatCannotBeSyncedIsNoFailure)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
 	for (int error : {EINVAL, ENOTSUP, EINTR}) {
-		enclave.write("/db", "old\n");
+		enclave->write("/db", "old\n");
 		for (bool rename : {true, false}) {
 			FailNth fault(FailNth::Fsync, 1, error);
-			EXPECT_EQ(
-			    rename ? ostrel_zrename("/db", "/db2", enclave.id()) : ostrel_zunlink("/db2", enclave.id()),
+			EXPECT_EQ(rename ? ostrel_zrename("/db", "/db2", enclave->id())
+					 : ostrel_zunlink("/db2", enclave->id()),
 			    0);
 			EXPECT_TRUE(fault.fired());
 		}
-		EXPECT_EQ(access(enclave.host_path("/db").c_str(), F_OK), -1);
-		EXPECT_EQ(access(enclave.host_path("/db2").c_str(), F_OK), -1);
+		EXPECT_EQ(access(enclave->host_path("/db").c_str(), F_OK), -1);
+		EXPECT_EQ(access(enclave->host_path("/db2").c_str(), F_OK), -1);
 	}
 }
 
-TEST(ZioFault, AFailedWaitIsTheResult)
+TEST_F(ZioFault, AFailedWaitIsTheResult)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "old\n");
+	enclave->write("/db", "old\n");
 	FailNth fault(FailNth::Waitid, 1, ECHILD);
-	EXPECT_EQ(ostrel_zunlink("/db", enclave.id()), ECHILD);
+	EXPECT_EQ(ostrel_zunlink("/db", enclave->id()), ECHILD);
 	siginfo_t info = {}; // the child that nobody waited for
 	EXPECT_EQ(waitid(P_ALL, 0, &info, WEXITED | __WALL), 0);
 	EXPECT_EQ(info.si_status, 0);
@@ -586,7 +568,7 @@ TEST(ZioFault, AFailedWaitIsTheResult)
 
 // An open that fails leaves nothing open, an update that fails leaves the file whole: for the n-th call of each kind,
 // in the parent and in the child, whatever its number.
-TEST(ZioFault, AnySingleFailureIsReportedAndLeavesNoDescriptor)
+TEST(ZioKinds, AnySingleFailureIsReportedAndLeavesNoDescriptor)
 {
 	SKIP_WITHOUT_ENCLAVES();
 	TestEnclave enclave(fullest_enclave());
@@ -631,7 +613,7 @@ static constexpr int rounds = 8;
 static constexpr int rounds = 25;
 #endif
 
-TEST(ZioMany, ThreadsDoNotDisturbEachOtherAndNoDescriptorIsLeft)
+TEST(ZioKinds, ThreadsDoNotDisturbEachOtherAndNoDescriptorIsLeft)
 {
 	SKIP_WITHOUT_ENCLAVES();
 	TestEnclave enclave(fullest_enclave());
@@ -659,15 +641,13 @@ TEST(ZioMany, ThreadsDoNotDisturbEachOtherAndNoDescriptorIsLeft)
 	EXPECT_FALSE(has_zombie());
 }
 
-TEST(ZioMany, ThousandsOfOperationsLeaveNoDescriptor)
+TEST_F(ZioMany, ThousandsOfOperationsLeaveNoDescriptor)
 {
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave enclave;
-	enclave.write("/db", "old\n");
+	enclave->write("/db", "old\n");
 	int before = open_descriptors();
 	for (int i = 0; i < rounds * 25; i++) {
-		ASSERT_EQ(read_error("/db", enclave.id()), 0);
-		ASSERT_EQ(read_error("/none", enclave.id()), ENOENT);
+		ASSERT_EQ(read_error("/db", enclave->id()), 0);
+		ASSERT_EQ(read_error("/none", enclave->id()), ENOENT);
 		ASSERT_EQ(ostrel_zunlink("/db", 77), EINVAL);
 	}
 	EXPECT_EQ(open_descriptors(), before);
