@@ -146,20 +146,6 @@ TEST_F(CoreFaults, Objects)
 	    2);
 }
 
-TEST_F(CoreFaults, PropertiesOfOneValue)
-{
-	static const std::string value(5000, 'v');
-	auto add = [](int (*call)(attrlist_t *)) {
-		return sweep(ENOMEM, [call](SubjectPtr &s) { return call(s->props.get()); });
-	};
-	EXPECT_GT(add([](attrlist_t *list) { return ostrel_atl_add_one_string(list, "s", value.c_str()); }), 1);
-	add([](attrlist_t *list) { return ostrel_atl_add_one_boolean(list, value.c_str(), B_TRUE); });
-	add([](attrlist_t *list) { return ostrel_atl_add_one_int32(list, value.c_str(), 1); });
-	add([](attrlist_t *list) { return ostrel_atl_add_one_int64(list, value.c_str(), 1); });
-	add([](attrlist_t *list) { return ostrel_atl_add_one_uint32(list, value.c_str(), 1); });
-	add([](attrlist_t *list) { return ostrel_atl_add_one_uint64(list, value.c_str(), 1); });
-}
-
 TEST_F(CoreFaults, OpenFreesTheHandleWithItsBackEnd)
 {
 	EXPECT_GT(sweep_results([](Subject &) {

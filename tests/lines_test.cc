@@ -36,19 +36,6 @@ TEST(LineTokens, AreSplitAtDelimitersThatNoBackslashHides)
 	EXPECT_EQ(ostrel_tokenize_by_unescaped_delim(nullptr, ';', &next), nullptr);
 }
 
-TEST(LineTokens, TwoScansCanInterleave)
-{
-	std::string outer = "a,b;c,d";
-	std::string seen;
-	char *next = outer.data();
-	while (char *piece = ostrel_tokenize_by_unescaped_delim(next, ';', &next)) {
-		char *inner = piece;
-		while (char *word = ostrel_tokenize_by_unescaped_delim(inner, ',', &inner))
-			seen += std::string(word) + ".";
-	}
-	EXPECT_EQ(seen, "a.b.c.d.");
-}
-
 TEST(LineValues, EscapesComeOffAsTheyWereAdded)
 {
 	for (const char *value : {"", "a", ",;\\", "\\\\", "a=b\tc", "tail\\", "\xff\x80"}) {

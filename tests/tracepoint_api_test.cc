@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "lists.h"
+#include "scratch.h"
 #include "test_paths.h"
 
 namespace {
@@ -156,15 +157,11 @@ protected:
 		if (!trouble.empty())
 			GTEST_SKIP() << "trace points can't be watched here: " << trouble;
 		ASSERT_NO_FATAL_FAILURE(tracefs_.attach(TEST_BINARY_DIR "/common/libostrel.so.1"));
-		ASSERT_NE(mkdtemp(dir_.data()), nullptr);
-		path_ = dir_ + "/some.db";
 		open(path_);
 	}
 	void TearDown() override
 	{
 		ostrel_db_close(db_);
-		unlink(path_.c_str());
-		rmdir(dir_.c_str());
 		tracefs_.close();
 	}
 	void open(const std::string &path, ostrel_db_cmds_t cmds = ostrel_files_db_cmds)
@@ -200,8 +197,8 @@ protected:
 	}
 
 	Tracefs tracefs_;
-	std::string dir_ = testing::TempDir() + "ostrel-traced-XXXXXX";
-	std::string path_, name_;
+	Scratch scratch_;
+	std::string path_ = scratch_.path("some.db"), name_;
 	ostrel_db_t db_ = nullptr;
 };
 
@@ -221,7 +218,7 @@ TEST_F(Tracepoints, UpdatesShowResultNameIdentifiersAndWhatWasGiven)
 	EXPECT_EQ(ostrel_db_remove(db_, a2.get(), 0), OSTREL_SUCCESS);
 	expect(the_hit("db__remove"), OSTREL_SUCCESS, "a=2;b=x;", no_text);
 
-	open(dir_ + "/missing/some.db");
+	open(scratch_.path("missing/some.db"));
 	EXPECT_EQ(ostrel_db_write(db_, a1.get(), 0, props.get()), OSTREL_NOT_FOUND);
 	expect(the_hit("db__write"), OSTREL_NOT_FOUND, "a=1;", "p=x;q=y;");
 }
