@@ -259,13 +259,12 @@ ostrel_error_t commit(ostrel_rpy_resources_t *res, attrlist_t *props, bool creat
 }
 
 // Takes back what a failed write has created: the group that is current, if it is one of those. What others have put there
-// stays, unless it can't be told from this write's own: a commit whose fate is open may be still to come.
-void undo_creation(ostrel_rpy_resources_t *res, const RpyCreation &made, bool commit_is_open)
+// stays. A commit whose fate is open finds nothing then, or is taken back with it.
+void undo_creation(ostrel_rpy_resources_t *res, const RpyCreation &made, uint64_t change)
 {
 	if (made.first == -1 || res->nsr_pgdepth < made.first || res->nsr_pgdepth > made.last)
 		return;
-	// After a failure it stays, and is empty.
-	(void) (commit_is_open ? rpy_pg_delete : _rpy_pg_withdraw)(ostrel_res_pg_curr(res));
+	(void) _rpy_pg_withdraw(ostrel_res_pg_curr(res), change); // after a failure it stays, and is empty
 }
 
 bool is_temporary(uint64_t flags)
@@ -273,16 +272,58 @@ bool is_temporary(uint64_t flags)
 	return (flags & OSTREL_FLAG_TEMPORARY) != 0;
 }
 
+struct RpyPaths {
+	char *pgname = nullptr;
+	char *pgtype = nullptr; // none if the list has none
+};
+
 // Finds the group of a write, or makes it.
-ostrel_error_t find_or_create(
-    RpyOperation *operation, attrlist_t *idl, const char *pgname, const char *pgtype, RpyCreation *made)
+ostrel_error_t find_or_create(RpyOperation *operation, attrlist_t *idl, const char *pgname, const char *pgtype,
+    uint64_t change, RpyCreation *made)
 {
 	ostrel_error_t result = operation->find(idl, pgname);
+	_rpy_handle_set_change(operation->res()->nsr_handle, change);
 	if (result != OSTREL_NOT_FOUND)
 		return result == OSTREL_SUCCESS ? result : SETERROR(result);
 	if (pgtype == nullptr)
 		return SETERROR(OSTREL_INVALID_ARG);
 	return ostrel_rpy_add_pg(operation->res(), pgname, pgtype, made);
+}
+
+// One attempt at a write, as part of a change. *is_gone: others have deleted the group, or one above it, in the middle.
+ostrel_error_t write_once(
+    RpyOperation *operation, attrlist_t *idl, const RpyPaths &path, attrlist_t *props, uint64_t change, bool *is_gone)
+{
+	RpyCreation made;
+	ostrel_error_t result = find_or_create(operation, idl, path.pgname, path.pgtype, change, &made);
+	ostrel_rpy_resources_t *res = operation->res();
+	if (result == OSTREL_SUCCESS)
+		result = commit(res, props, made.first != -1);
+	rpy_transaction_destroy_children(res->nsr_tx);
+	*is_gone = result == OSTREL_FAILURE && rpy_error() == RPY_ERROR_DELETED;
+	if (result == OSTREL_SUCCESS)
+		ostrel_request_refresh_cairn(res);
+	else
+		undo_creation(res, made, change);
+	return result;
+}
+
+constexpr int write_tries = 20;
+
+ostrel_error_t write_as(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *props, uint64_t change)
+{
+	RpyPaths path;
+	if (ostrel_idlist2pginfo(idl, &path.pgname, &path.pgtype) != OSTREL_SUCCESS || path.pgname == nullptr)
+		return SETERROR(OSTREL_INVALID_ARG);
+	RpyOperation operation(db);
+	if (ostrel_error_t result = operation.begin_update(idl, is_temporary(flags)))
+		return SETERROR(result);
+	// A group that others made and took back again, since their write failed, is made anew.
+	ostrel_error_t result = OSTREL_FAILURE;
+	bool is_gone = true;
+	for (int tries = 0; is_gone && tries < write_tries; tries++)
+		result = write_once(&operation, idl, path, props, change, &is_gone);
+	return result;
 }
 
 // ---- Renames ----
@@ -427,10 +468,27 @@ ostrel_error_t remove_group(ostrel_db_t db, attrlist_t *idl, uint64_t flags, Rem
 	return OSTREL_SUCCESS;
 }
 
+// Takes the new object of a rename back. What others have written there since is theirs; a daemon that came later doesn't know
+// of anybody's.
+void undo_rename(ostrel_db_t db, attrlist_t *newidl, uint64_t flags, uint64_t change, bool same_daemon)
+{
+	char *pgname;
+	RpyOperation operation(db);
+	if (ostrel_idlist2pginfo(newidl, &pgname, nullptr) != OSTREL_SUCCESS ||
+	    operation.begin_update(newidl, is_temporary(flags)) != OSTREL_SUCCESS ||
+	    operation.find(newidl, pgname) != OSTREL_SUCCESS)
+		return;
+	rpy_propertygroup_t *group = ostrel_res_pg_curr(operation.res());
+	const int undone = same_daemon ? _rpy_pg_withdraw(group, change) : rpy_pg_delete(group);
+	if (undone == 0)
+		ostrel_request_refresh_cairn(operation.res());
+}
+
 // Removes the old object of a rename, or takes the new one back. A remove whose fate is open may be carried out after the old
 // object was seen, however late, so that both stay unless nobody is left to do so. A new one with groups below it stays:
 // they would go with it.
-ostrel_error_t remove_or_undo(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl, const Rename &rename)
+ostrel_error_t remove_or_undo(
+    ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl, const Rename &rename, uint64_t change)
 {
 	RemoveFate fate;
 	ostrel_error_t result = remove_group(db, idl, flags, &fate);
@@ -440,7 +498,7 @@ ostrel_error_t remove_or_undo(ostrel_db_t db, attrlist_t *idl, uint64_t flags, a
 	if (old_one == OSTREL_NOT_FOUND)
 		return OSTREL_SUCCESS;
 	if (old_one == OSTREL_SUCCESS && fate.is_open == fate.daemon_ended)
-		(void) ostrel_remove_object_from_cairn(db, newidl, flags);
+		undo_rename(db, newidl, flags, change, !fate.daemon_ended);
 	return result;
 }
 
@@ -477,26 +535,7 @@ ostrel_error_t ostrel_write_object_to_cairn(ostrel_db_t db, attrlist_t *idl, uin
 {
 	if (idl == nullptr || props == nullptr || ostrel_idlist_is_empty(idl))
 		return SETERROR(OSTREL_INVALID_ARG);
-	char *pgname = nullptr, *pgtype = nullptr;
-	if (ostrel_idlist2pginfo(idl, &pgname, &pgtype) != OSTREL_SUCCESS || pgname == nullptr)
-		return SETERROR(OSTREL_INVALID_ARG);
-	RpyOperation operation(db);
-	if (ostrel_error_t result = operation.begin_update(idl, is_temporary(flags)))
-		return SETERROR(result);
-	RpyCreation made;
-	ostrel_error_t result = find_or_create(&operation, idl, pgname, pgtype, &made);
-	ostrel_rpy_resources_t *res = operation.res();
-	bool commit_is_open = false;
-	if (result == OSTREL_SUCCESS) {
-		result = commit(res, props, made.first != -1);
-		commit_is_open = result != OSTREL_SUCCESS && _rpy_is_open() != 0;
-	}
-	rpy_transaction_destroy_children(res->nsr_tx);
-	if (result == OSTREL_SUCCESS)
-		ostrel_request_refresh_cairn(res);
-	else
-		undo_creation(res, made, commit_is_open);
-	return result;
+	return write_as(db, idl, flags, props, _rpy_new_change());
 }
 
 ostrel_error_t ostrel_remove_object_from_cairn(ostrel_db_t db, attrlist_t *idl, uint64_t flags)
@@ -521,7 +560,8 @@ ostrel_error_t ostrel_rename_object_in_cairn(ostrel_db_t db, attrlist_t *idl, ui
 		return result;
 	if (rename.is_same)
 		return OSTREL_SUCCESS;
-	if (ostrel_error_t result = ostrel_write_object_to_cairn(db, newidl, flags, props.get()))
+	const uint64_t change = _rpy_new_change();
+	if (ostrel_error_t result = write_as(db, newidl, flags, props.get(), change))
 		return result;
-	return remove_or_undo(db, idl, flags, newidl, rename);
+	return remove_or_undo(db, idl, flags, newidl, rename, change);
 }

@@ -32,6 +32,7 @@ struct Node {
 	Parent kind = Parent::service;
 	uint32_t flags = 0;
 	uint64_t id = 0;
+	uint64_t change = 0; // of a group: as part of which it was made or last changed; 0 if that isn't known
 	Node *parent = nullptr;
 	std::string name;
 	const std::string *type = nullptr;      // of groups

@@ -505,12 +505,19 @@ rpy_error_t add_instance(Daemon *daemon, Reader *in, Writer *out)
 	return add_node(daemon, std::move(node), Parent::service, service, out);
 }
 
+// Older clients end their requests before it.
+uint64_t take_change(Reader *in)
+{
+	return in->left() == 0 ? 0 : in->u64();
+}
+
 rpy_error_t add_group(Daemon *daemon, Reader *in, Writer *out)
 {
 	uint32_t kind = in->u32();
 	uint64_t id = in->u64();
 	std::string_view name = in->text(), type = in->text();
 	uint32_t flags = in->u32();
+	const uint64_t change = take_change(in);
 	if (!in->done() || !is_name(name) || !is_name(type) || id == 0 || (flags & ~RPY_PG_FLAG_TEMPORARY) != 0)
 		return RPY_ERROR_INVALID_ARGUMENT;
 	auto parent_kind = static_cast<Parent>(kind);
@@ -519,6 +526,7 @@ rpy_error_t add_group(Daemon *daemon, Reader *in, Writer *out)
 	auto node = std::make_unique<Node>();
 	node->kind = Parent::group;
 	node->flags = flags;
+	node->change = change;
 	node->name = name;
 	node->version = daemon->model.no_properties();
 	const std::string its_type(type);
@@ -572,13 +580,14 @@ rpy_error_t delete_group(Daemon *daemon, Reader *in, Writer *)
 	return in->done() ? delete_node(daemon, id, Parent::group, Parent::group, true) : RPY_ERROR_INVALID_ARGUMENT;
 }
 
-// For a client that made a group and can't go on: what others have put there meanwhile is theirs.
+// For a client that made or changed a group and can't go on: what others have made or put there is theirs.
 rpy_error_t withdraw_group(Daemon *daemon, Reader *in, Writer *)
 {
 	const auto kind = static_cast<Parent>(in->u32());
 	const uint64_t id = in->u64();
 	const std::string_view name = in->text();
-	if (!in->done() || id == 0)
+	const uint64_t change = in->u64();
+	if (!in->done() || id == 0 || change == 0)
 		return RPY_ERROR_INVALID_ARGUMENT;
 	Update update;
 	Node *node = nullptr;
@@ -590,7 +599,7 @@ rpy_error_t withdraw_group(Daemon *daemon, Reader *in, Writer *)
 			return RPY_ERROR_NOT_FOUND;
 		const std::vector<Node *> tree = Model::tree(node);
 		for (const Node *each : tree)
-			if (each->version->id != 0)
+			if (each->change != change)
 				return RPY_ERROR_IN_USE;
 		delete_rows(tree, rows);
 		return RPY_ERROR_NONE;
@@ -633,7 +642,7 @@ rpy_error_t take_entries(Reader *in, Entries *entries)
 			return RPY_ERROR_INVALID_ARGUMENT;
 		entries->push_back(entry);
 	}
-	return in->done() ? RPY_ERROR_NONE : RPY_ERROR_INVALID_ARGUMENT;
+	return RPY_ERROR_NONE;
 }
 
 // The properties of a group with the entries applied to them.
@@ -687,6 +696,9 @@ rpy_error_t commit(Daemon *daemon, Reader *in, Writer *out)
 	Entries entries;
 	if (rpy_error_t error = take_entries(in, &entries); error != RPY_ERROR_NONE)
 		return error;
+	const uint64_t change = take_change(in);
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
 	Update update;
 	update.group = id;
 	Node *group = nullptr;
@@ -710,7 +722,10 @@ rpy_error_t commit(Daemon *daemon, Reader *in, Writer *out)
 		}
 		return RPY_ERROR_NONE;
 	};
-	update.apply = [&] { daemon->model.set_version(group, version); };
+	update.apply = [&] {
+		daemon->model.set_version(group, version);
+		group->change = change;
+	};
 	rpy_error_t error = daemon->updates.run(&update);
 	out->u32(update.nothing ? 0 : 1);
 	return error;

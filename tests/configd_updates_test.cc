@@ -95,13 +95,14 @@ uint64_t id_in(const std::string &answer)
 	return rpy::Reader(answer).u64();
 }
 
-uint64_t add_group(Daemon *daemon, uint64_t instance, const std::string &name)
+uint64_t add_group(Daemon *daemon, uint64_t instance, const std::string &name, uint64_t change = 0)
 {
 	Asked add(rpy::Op::add_group);
 	put_parent(&add, rpy::Parent::instance, instance);
 	add.text(name);
 	add.text("t" + name.substr(0, 1));
 	add.u32(RPY_PG_FLAG_TEMPORARY);
+	add.u64(change);
 	return id_in(answer_of(daemon, add));
 }
 
@@ -139,6 +140,30 @@ uint64_t add_instance(Daemon *daemon)
 	instance.u64(id_in(answer_of(daemon, service)));
 	instance.text("default");
 	return id_in(answer_of(daemon, instance));
+}
+
+TEST(ConfigdUpdates, AWithdrawalLeavesAloneWhatOthersMadeOrCommitted)
+{
+	Daemon daemon("file", std::make_unique<NoStore>());
+	const uint64_t parent = add_instance(&daemon), group = add_group(&daemon, parent, "g", 7);
+	auto withdraw = [&](rpy::Parent kind, uint64_t id, std::string_view name, uint64_t change) {
+		Asked asked(rpy::Op::withdraw_group);
+		put_parent(&asked, kind, id);
+		asked.text(name);
+		asked.u64(change);
+		(void) answer_of(&daemon, asked);
+		return daemon.model.find(group) == nullptr;
+	};
+	EXPECT_FALSE(withdraw(rpy::Parent::instance, parent, "g", 8));
+	Asked commit(rpy::Op::commit);
+	for (uint64_t number : {group, uint64_t{0}})
+		commit.u64(number);
+	commit.u32(0);
+	commit.u64(9);
+	ASSERT_FALSE(answer_of(&daemon, commit).empty());
+	EXPECT_FALSE(withdraw(rpy::Parent::instance, parent, "g", 7));
+	EXPECT_FALSE(withdraw(rpy::Parent::group, group, "", 0));
+	EXPECT_TRUE(withdraw(rpy::Parent::group, group, "", 9));
 }
 
 // It is made in pieces, and others change what it goes over in between.

@@ -87,8 +87,11 @@ int add_pg(const Top &top, const char *text, const char *type_text, uint32_t fla
 	call.out.text(name);
 	call.out.text(type);
 	call.out.u32(flags);
+	const uint64_t change = top.handle->change != 0 ? top.handle->change : _rpy_new_change();
+	call.out.u64(change);
 	put_parent(&undo.out, top.kind, top.id);
 	undo.out.text(name);
+	undo.out.u64(change);
 	if (!call.send_before(top.handle, &undo) || !fill_group(&call, pg))
 		return -1;
 	pg->frozen = false;
@@ -285,7 +288,7 @@ int rpy_pg_delete(rpy_propertygroup_t *pg)
 	return call.send(pg->handle) && call.sound() ? 0 : -1;
 }
 
-int _rpy_pg_withdraw(rpy_propertygroup_t *pg)
+int _rpy_pg_withdraw(rpy_propertygroup_t *pg, uint64_t change)
 {
 	if (!is_set(pg))
 		return -1;
@@ -294,6 +297,7 @@ int _rpy_pg_withdraw(rpy_propertygroup_t *pg)
 	Call call(Op::withdraw_group);
 	put_parent(&call.out, Parent::group, pg->group.id);
 	call.out.text({});
+	call.out.u64(change);
 	return call.send(pg->handle) && call.sound() ? 0 : -1;
 }
 

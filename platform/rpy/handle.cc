@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -445,6 +446,19 @@ int _rpy_daemon_has_ended(const rpy_handle_t *handle)
 			return 1;
 	} while (find_daemon(handle) != RPY_ERROR_NONE && now_ns() < end);
 	return 0;
+}
+
+uint64_t _rpy_new_change(void)
+{
+	uint64_t change = 0;
+	// Without a number nothing is withdrawn.
+	return getrandom(&change, sizeof(change), 0) == static_cast<ssize_t>(sizeof(change)) ? change : 0;
+}
+
+void _rpy_handle_set_change(rpy_handle_t *handle, uint64_t change)
+{
+	if (handle != nullptr)
+		handle->change = change;
 }
 
 // ---- What is asked about the daemon itself ----

@@ -155,6 +155,7 @@ struct rpy_handle {
 	enclaveid_t enclave = ENCLAVE_ID_GLOBAL; // where the path lies; the global one if that isn't known
 	pid_t daemon = 0;                        // who served the hatch when it was bound; 0 if that can't be seen
 	uint64_t binder = 0;                     // and this process then
+	uint64_t change = 0;                     // what changes are part of; 0: each stands alone
 	rpy::Together together;
 };
 

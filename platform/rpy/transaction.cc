@@ -227,6 +227,7 @@ int rpy_transaction_commit(rpy_transaction_t *transaction)
 		if (!put_entry(&call.out, entry))
 			return fail(RPY_ERROR_TYPE_MISMATCH);
 	call.out.fill(count_at, count);
+	call.out.u64(transaction->handle->change);
 	if (!call.send(transaction->handle))
 		return -1;
 	uint32_t result = call.in.u32();

@@ -17,7 +17,9 @@ constexpr uint32_t magic = 0x31595052; // "RPY1"
 constexpr size_t name_max = RPY_NAME_MAX;
 
 // What a request asks for. A request is the magic, the number of one of these, and what its comment lists; a reply is the
-// magic, an error number, and, if that is RPY_ERROR_NONE, what stands behind the arrow. `parent` is a kind and an id.
+// magic, an error number, and, if that is RPY_ERROR_NONE, what stands behind the arrow. `parent` is a kind and an id. A `change` is
+// a u64 that its client drew: as long as it runs, the daemon knows of each group as part of which change it was made or last
+// committed to. 0: of none.
 enum class Op : uint32_t {
 	status,          // -> pid u64, format u32, writable u32, file text, groups u64, file bytes u64
 	decode,          // service text, instance text or empty -> service id u64, instance id u64
@@ -30,9 +32,9 @@ enum class Op : uint32_t {
 	get_group,       // parent, name text -> group
 	read_group,      // id u64 -> group
 	list_groups,     // parent, filter u32, text, after id u64 -> more u32, count u32, groups
-	add_group,       // parent, name text, type text, flags u32 -> group
+	add_group,       // parent, name text, type text, flags u32, change -> group
 	delete_group,    // id u64
-	commit,          // group u64, version u64, count u32, entries -> 1, or 0 if the version is another one
+	commit,          // group u64, version u64, count u32, entries, change -> 1, or 0 if the version is another one
 	get_snapshot,    // instance u64, name text -> id u64
 	take_snapshot,   // instance u64, name text, replace u32 -> id u64
 	delete_snapshot, // id u64
@@ -40,8 +42,7 @@ enum class Op : uint32_t {
 	verify,          // -> findings text
 	backup,          // -> the store's bytes
 	together,        // texts, each a get_group or read_group -> the replies, as texts
-	withdraw_group, // parent, name text: the group of that name there, or `parent` itself, goes if nothing was ever committed to
-			// it and to all below
+	withdraw_group,  // parent, name text or empty, change: the group there, or `parent`, goes if that is all of it
 	count_
 };
 

@@ -120,6 +120,10 @@ int _rpy_is_open(void);
  * asked for. Waits up to 5 s for one that has given up its hatch.
  */
 int _rpy_daemon_has_ended(const rpy_handle_t *handle);
+/* A number for a change of several steps, which nobody else draws; 0 if none can be had. */
+uint64_t _rpy_new_change(void);
+/* The groups that are made, and the commits, over this handle are part of that change from now on; 0: of none. Not beside them. */
+void _rpy_handle_set_change(rpy_handle_t *handle, uint64_t change);
 
 /* A short text for an error number, also for one that is none. Static; never NULL. */
 const char *rpy_strerror(rpy_error_t error);
@@ -281,10 +285,11 @@ int rpy_pg_update(rpy_propertygroup_t *pg);
 int rpy_pg_delete(rpy_propertygroup_t *pg);
 
 /*
- * The same, but only as long as nothing was ever committed to any of them.
- * Errors: RPY_ERROR_IN_USE if something was, RPY_ERROR_NOT_FOUND if it has gone; as above
+ * The same, but only if all of them were made, and last changed, as part of this change: what others have made or committed
+ * there since is theirs. The daemon knows that as long as it runs.
+ * Errors: RPY_ERROR_IN_USE if others were there, RPY_ERROR_NOT_FOUND if it has gone; as above
  */
-int _rpy_pg_withdraw(rpy_propertygroup_t *pg);
+int _rpy_pg_withdraw(rpy_propertygroup_t *pg, uint64_t change);
 
 /*
  * Set the iterator before the first group directly below the given thing: those that are kept in the order in which they
