@@ -246,7 +246,7 @@ TEST(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
 
 struct Busy {
 	std::atomic<bool> computes{true};
-	std::atomic<int> now{0}, most{0};
+	std::atomic<int> now{0}, most{0}, calls{0};
 };
 
 void be_busy(void *cookie, char *, size_t, hatch_desc_t *, unsigned int)
@@ -261,6 +261,7 @@ void be_busy(void *cookie, char *, size_t, hatch_desc_t *, unsigned int)
 	while (std::chrono::steady_clock::now() < end)
 		;
 	busy->now--;
+	busy->calls++;
 	(void) hatch_return(nullptr, 0, nullptr, 0);
 }
 
@@ -282,14 +283,15 @@ TEST(HatchThreads, AUserHasMoreForCallsThatWaitThanForThoseThatCompute)
 				(void) call(fd.get(), std::string("x"));
 			return 0;
 		});
-	auto comes = [&](auto &&holds) {
-		bool found = false;
-		for (int looks = 0; looks < 300 && !found; looks++) {
-			busy.most = 0;
-			usleep(100'000);
-			found = busy.most > 0 && holds(busy.most.load());
+	auto comes = [&](auto &&holds) { // soon, for a number of calls that is larger than chance
+		for (int looks = 0; looks < 20; looks++) {
+			busy.most = busy.calls = 0;
+			while (busy.calls < 300)
+				usleep(1'000);
+			if (holds(busy.most.load()))
+				return true;
 		}
-		return found;
+		return false;
 	};
 	EXPECT_TRUE(comes([&](int most) { return most <= processors; }));
 	busy.computes = false;
