@@ -1,4 +1,6 @@
 // Users that take what they can get: shares of memory, and what others notice of a flood.
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -238,6 +240,62 @@ TEST(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
 	EXPECT_EQ(errno, EINVAL) << "outside of a handler";
 	served.revoke();
 	EXPECT_EQ(pool_held(), 0U);
+}
+
+// ---- Threads ----
+
+struct Busy {
+	std::atomic<bool> computes{true};
+	std::atomic<int> now{0}, most{0}, calls{0};
+};
+
+void be_busy(void *cookie, char *, size_t, hatch_desc_t *, unsigned int)
+{
+	auto *busy = static_cast<Busy *>(cookie);
+	const int now = ++busy->now;
+	if (now > busy->most)
+		busy->most = now;
+	const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(2);
+	if (!busy->computes)
+		usleep(2'000);
+	while (std::chrono::steady_clock::now() < end)
+		;
+	busy->now--;
+	busy->calls++;
+	(void) hatch_return(nullptr, 0, nullptr, 0);
+}
+
+TEST(HatchThreads, AUserHasMoreForCallsThatWaitThanForThoseThatCompute)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "other users need root";
+	Scratch scratch;
+	ASSERT_EQ(chmod(scratch.directory().c_str(), 0755), 0);
+	const std::string path = scratch.path("hatch");
+	Busy busy;
+	LocalHatch served(path, be_busy, &busy);
+	const int processors = std::max(static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)), 2);
+	std::vector<Process> clients;
+	for (int i = 0; i < 2 * processors; i++)
+		clients.emplace_back([&] {
+			become(stranger, stranger);
+			for (Fd fd = open_hatch(path);;)
+				(void) call(fd.get(), std::string("x"));
+			return 0;
+		});
+	auto comes = [&](auto &&holds) { // soon, for a number of calls that is larger than chance
+		for (int looks = 0; looks < 20; looks++) {
+			busy.most = busy.calls = 0;
+			while (busy.calls < 300)
+				usleep(1'000);
+			if (holds(busy.most.load()))
+				return true;
+		}
+		return false;
+	};
+	EXPECT_TRUE(comes([&](int most) { return most <= processors; }));
+	busy.computes = false;
+	EXPECT_TRUE(comes([&](int most) { return most > processors; }));
 }
 
 // ---- Floods ----

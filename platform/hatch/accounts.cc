@@ -16,6 +16,9 @@ namespace {
 // Users that are looked at for something to drop: those with most may have all in hand.
 constexpr int looks_max = 8;
 
+// A user's calls compute if they take more processor time than this and don't wait for anything meanwhile.
+constexpr int64_t computing_us = 50;
+
 Account **find(Hatch *hatch, uid_t uid) REQUIRES(hatch->lock)
 {
 	Account **link = &hatch->accounts[uid % Hatch::buckets];
@@ -65,10 +68,14 @@ Peer *unused_of(const Account &account, const Peer *but)
 
 } // namespace
 
+// Calls that wait, for one sync perhaps, have many threads. Of those that compute, more than there are processors end no
+// sooner, and each keeps a call of somebody else's waiting.
 int threads_share(const Account &account)
 {
-	static const int share = std::clamp(4 * static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)), 8, 64);
-	return account.exempt ? HATCH_THREADS_MAX : share;
+	static const int processors = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
+	if (account.exempt)
+		return HATCH_THREADS_MAX;
+	return account.call_us > computing_us ? std::clamp(processors, 2, 64) : std::clamp(4 * processors, 8, 64);
 }
 
 bool join(Hatch *hatch, Peer *peer)

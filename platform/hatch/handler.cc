@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "base/memory_gate.h"
@@ -64,6 +65,47 @@ private:
 	Charge charge_;
 	size_t taken_ = 0;
 	size_t reply_ = memory_kept;
+};
+
+// Measures what processor time the calls of a user take; one that waits, for a disk or for its client, counts as none. One
+// in so many is measured, since that takes two system calls.
+class CallTime {
+public:
+	explicit CallTime(Account *account)
+	{
+		if (account->exempt || account->calls++ % one_in != 0)
+			return;
+		account_ = account;
+		begin_ = usage();
+	}
+	CallTime(const CallTime &) = delete;
+	CallTime &operator=(const CallTime &) = delete;
+	~CallTime()
+	{
+		if (account_ == nullptr)
+			return;
+		const struct rusage end = usage();
+		const int64_t us = end.ru_nvcsw == begin_.ru_nvcsw ? us_of(end) - us_of(begin_) : 0;
+		account_->call_us = (3 * account_->call_us + us) / 4;
+	}
+
+private:
+	static constexpr unsigned one_in = 16;
+
+	static struct rusage usage()
+	{
+		struct rusage used = {};
+		(void) getrusage(RUSAGE_THREAD, &used);
+		return used;
+	}
+	static int64_t us_of(const struct rusage &used)
+	{
+		return 1'000'000 * (int64_t{used.ru_utime.tv_sec} + used.ru_stime.tv_sec) + used.ru_utime.tv_usec +
+		       used.ru_stime.tv_usec;
+	}
+
+	Account *account_ = nullptr; // of a call that is measured
+	struct rusage begin_ = {};
 };
 
 struct Call {
@@ -187,6 +229,7 @@ void run_call(Hatch *hatch, Peer *peer, char *data, size_t size)
 {
 	Call call;
 	CallMemory call_memory(peer->owner);
+	CallTime call_time(peer->account);
 	call.hatch = hatch;
 	call.peer = peer;
 	call.memory = &call_memory;

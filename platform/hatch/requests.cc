@@ -279,11 +279,13 @@ bool is_idle(const Peer &peer)
 }
 
 // Waits a little for the next request of a client that asks again and again, which is cheaper than among all others.
-// Meanwhile it counts as idle, and may be dropped. Not while others of a user with a share wait
-// for a thread.
+// Meanwhile it counts as idle, and may be dropped. Not while others of a user with a share wait for a thread, nor when that
+// share has become less.
 bool receive_next(Hatch *hatch, Peer *peer, RequestMemory *memory, Message *message)
 {
-	if (hatch->waiting == 0 || (!peer->account->exempt && peer->account->in_line > 0))
+	const Account &account = *peer->account;
+	if (hatch->waiting == 0 ||
+	    (!account.exempt && (account.in_line > 0 || account.staying > threads_share(account) / 2)))
 		return false;
 	peer->since = now_ns();
 	peer->in_hand = false;

@@ -110,6 +110,10 @@ struct Account {
 	std::atomic<size_t> in_line{0}; // waiting connections
 	std::atomic<int> staying{0};    // threads that wait for the next request of one client
 	std::atomic<int> expecting{0};  // threads that wait for the next piece of one request
+
+	std::atomic<unsigned> calls{0};
+	std::atomic<int64_t> call_us{
+	    0}; // processor time of a call that waits for nothing, the average of the last ones
 };
 
 // The users by what they have, in powers of two: the one with most, or about, is found without a look at the others.
