@@ -591,6 +591,7 @@ void ostrel_make_files_obsolete(const char *dir, const char *pattern);
  *          OSTREL_EPERM        the directory's owner can't be changed: serving needs privilege
  *          OSTREL_FAILURE      the file holds something that is no hatch
  *          OSTREL_NO_MEMORY
+ *          OSTREL_NOT_FOUND    also: the directory is a link, in one that other users may write to
  *          what the file system says about the path
  *          `db` has the new rights also after a failure.
  * Threads: one for each handle. Calls are served on threads of the platform's, up to HATCH_THREADS_MAX at once.

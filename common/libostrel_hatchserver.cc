@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <libgen.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "base/guards.h"
 
@@ -213,6 +214,23 @@ constexpr mode_t file_mode = 0644;
 constexpr size_t path_max = 1023; // the copy that the directory is taken from is cut there
 constexpr size_t request_min = sizeof(ostrel_hatch_cmd_t);
 
+// True if nobody but root and this process's user decides what lies in a directory.
+bool is_trusted(const char *path)
+{
+	struct stat st;
+	return stat(path, &st) == 0 && (st.st_uid == 0 || st.st_uid == geteuid()) &&
+	       (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// A link in another user's directory may be that user's: what it leads to would be given away.
+Fd open_directory(const char *path)
+{
+	char copy[path_max + 1];
+	memcpy(copy, path, strlen(path) + 1);
+	const int follow = is_trusted(dirname(copy)) ? 0 : O_NOFOLLOW;
+	return Fd(open(path, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC | follow));
+}
+
 ostrel_error_t prepare_directory(const char *path)
 {
 	char copy[path_max + 1];
@@ -222,10 +240,11 @@ ostrel_error_t prepare_directory(const char *path)
 	const char *directory = dirname(copy);
 	if (directory == nullptr)
 		return OSTREL_INVALID_ARG;
-	struct stat st;
-	if (stat(directory, &st) == -1 && mkdir(directory, directory_mode) == -1)
-		return ostrel_errno2error(errno);
-	if (chmod(directory, directory_mode) == -1 || chown(directory, directory_owner, directory_group) == -1)
+	Fd opened = open_directory(directory);
+	if (!opened && errno == ENOENT && mkdir(directory, directory_mode) == 0)
+		opened = open_directory(directory);
+	if (!opened || fchmod(opened.get(), directory_mode) == -1 ||
+	    fchown(opened.get(), directory_owner, directory_group) == -1)
 		return ostrel_errno2error(errno);
 	return OSTREL_SUCCESS;
 }

@@ -589,6 +589,12 @@ TEST_F(HatchServer, ChangesNoFileThatIsNotItsOwn)
 	ASSERT_EQ(unlink(file_.hatch.c_str()), 0);
 	EXPECT_EQ(create(file_.scratch.write("hatches/db", "not a hatch")), OSTREL_FAILURE);
 	EXPECT_EQ(file_text(file_.hatch), "not a hatch");
+	const std::string kept = file_.scratch.path("kept"), planted = file_.scratch.path("hatches/sub");
+	ASSERT_EQ(mkdir(kept.c_str(), 0700), 0);
+	ASSERT_EQ(symlink(kept.c_str(), planted.c_str()), 0);
+	EXPECT_EQ(create(planted + "/db"), OSTREL_NOT_FOUND) << "another user may have made the link";
+	EXPECT_EQ(look(kept).st_mode, S_IFDIR | 0700U);
+	EXPECT_EQ(look(kept).st_uid, 0U);
 	EXPECT_EQ(hatch_, -1);
 	EXPECT_EQ(open_descriptors(), before);
 }
