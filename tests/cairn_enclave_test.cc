@@ -21,6 +21,7 @@
 #include "cairn_db.h"
 #include "test_enclave.h"
 #include "test_paths.h"
+#include "threads_after_fork.h"
 
 namespace fs = std::filesystem;
 

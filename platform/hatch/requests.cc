@@ -313,18 +313,21 @@ void serve_requests(Hatch *hatch, Peer *peer, RequestMemory *memory)
 		serve_request(hatch, peer, memory, message);
 }
 
-// Ends the turn of a connection: it is closed, or waits among all others and may be another thread's at once.
+// Ends the turn of a connection: it is closed, or waits among all others and may be another thread's at once. That one takes
+// the lock before it closes the connection, and so not before this one is done with it.
 void end(Hatch *hatch, Peer *peer)
 {
 	const uint32_t events = peer->rest ? EPOLLOUT : EPOLLIN | EPOLLRDHUP;
-	const int fd = peer->socket.get();
-	const bool finished = peer->finished;
+	bool finished = peer->finished;
 	{
 		MutexLock hold_lock(hatch->lock);
 		Account *account = peer->account;
 		if (!finished) {
 			peer->in_hand = false;
 			stand_idle(peer);
+			finished = arm(*hatch, EPOLL_CTL_MOD, peer->socket.get(), events, peer) != 0;
+			if (finished)
+				leave_line(peer);
 		}
 		end_turn(hatch, account);
 		if (finished)
@@ -332,14 +335,8 @@ void end(Hatch *hatch, Peer *peer)
 		if (finished && hatch->paused)
 			resume_accepting(hatch);
 	}
-	if (!finished) {
-		if (arm(*hatch, EPOLL_CTL_MOD, fd, events, peer) == 0)
-			return;
-		MutexLock hold_lock(hatch->lock);
-		leave_line(peer);
-		leave(hatch, peer);
-	}
-	delete peer;
+	if (finished)
+		delete peer;
 }
 
 } // namespace
