@@ -22,7 +22,8 @@ Exit run(const Options &options)
 	Object object = {parse_identifiers(options.words), parse_properties(options.tail)};
 	if (object.id.empty())
 		throw Failure(Exit::usage, "put needs the identifiers of an object before --");
-	begin_update(database, options);
+	begin_update(database, options, Database::Loss::refused,
+	    options.only_new ? Database::Hold::yes : Database::Hold::for_owner);
 	bool known = database.readable(); // else only the update itself can tell
 	if (!known && options.only_new)
 		throw Failure(Exit::permission, "--new needs the right to read, too").in(database.label());

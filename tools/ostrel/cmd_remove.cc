@@ -65,7 +65,7 @@ Exit run(const Options &options)
 		database.require_updates(Database::Loss::meant, Database::Hold::no); // the library holds it itself
 		return remove_all(database, options);
 	}
-	begin_update(database, options);
+	begin_update(database, options, Database::Loss::refused, Database::Hold::for_owner);
 	Object object = database.readable() ? database.get_for_update(id) : Object{id, {}};
 	database.require_place();
 	database.check_loss();

@@ -127,11 +127,11 @@ Exit tell_update(const Options &options, const char *done, const Object &object)
 	return Exit::done;
 }
 
-void begin_update(Database &database, const Options &options, Database::Loss loss)
+void begin_update(Database &database, const Options &options, Database::Loss loss, Database::Hold hold)
 {
 	if (options.force && loss == Database::Loss::refused)
 		loss = Database::Loss::told;
-	database.require_updates(loss, options.dry_run ? Database::Hold::no : Database::Hold::yes);
+	database.require_updates(loss, options.dry_run ? Database::Hold::no : hold);
 }
 
 void rehearse(Database &database, const Object &object, const Look &before)

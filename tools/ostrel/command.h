@@ -79,7 +79,8 @@ void print_object(const Object &object);
 Exit tell_update(const Options &options, const char *done, const Object &object);
 // Checks that the database can be updated, and keeps other updates of a file waiting until this one has ended. Without
 // --force a file's lines stay, unless their loss is meant.
-void begin_update(Database &database, const Options &options, Database::Loss loss = Database::Loss::refused);
+void begin_update(Database &database, const Options &options, Database::Loss loss = Database::Loss::refused,
+    Database::Hold hold = Database::Hold::yes);
 // Checks an update without making it: whether the object can be stored, and whether it comes back as it was given, of which
 // it warns. For a file that is done on a scratch database: a refused update would leave its temporary file beside it.
 void rehearse(Database &database, const Object &object, const Look &before);

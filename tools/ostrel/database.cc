@@ -650,12 +650,33 @@ void Database::require_updates(Loss loss, Hold hold)
 		require_regular_file();
 	if (!back_->is_path)
 		return;
+	holds_ = hold == Hold::yes || (hold == Hold::for_owner && !library_keeps_owner());
 	// Why it can't be held is said when there is something to be written.
-	if (hold == Hold::yes)
+	if (holds_)
 		hold_error_ = held_->lock(enclave_, name_.c_str());
-	if (hold == Hold::yes && hold_error_ == 0)
+	if (holds_ && hold_error_ == 0)
 		hold_error_ = held_->find_database(&seen_, &exists_);
 	loss_ = loss;
+}
+
+// Whether an update by the library leaves a file's mode and owner: they are those of a file that it makes.
+bool Database::library_keeps_owner() const
+{
+	if (!here())
+		return false;
+	const auto is_own = [](const struct stat &file) {
+		return file.st_uid == geteuid() && file.st_gid == getegid();
+	};
+	struct stat status;
+	if (stat(name_.c_str(), &status) != 0)
+		return errno == ENOENT;
+	if (!is_own(status) || (status.st_mode & 07777) != 0644)
+		return false;
+	if (lstat((name_ + ".new").c_str(), &status) == 0) // its owner and mode may count, or it is in the way
+		return false;
+	const size_t slash = name_.rfind('/');
+	const std::string directory = slash == std::string::npos ? "." : name_.substr(0, slash + 1);
+	return stat(directory.c_str(), &status) == 0 && ((status.st_mode & S_ISGID) == 0 || status.st_gid == getegid());
 }
 
 void Database::check_loss() const
@@ -857,7 +878,7 @@ Retries Database::made_update()
 
 Retries Database::put(const Object &object)
 {
-	if (back_->is_path) {
+	if (holds_) {
 		auto change = [&](std::vector<Object> &all) {
 			bool found = false;
 			for (Object &stored : all) {
@@ -885,7 +906,7 @@ Retries Database::put(const Object &object)
 
 Retries Database::rename(const Identifiers &from, const Identifiers &to)
 {
-	if (back_->is_path) {
+	if (holds_) {
 		auto change = [&](std::vector<Object> &all) {
 			for (Object &stored : all)
 				if (is_same(stored.id, from))
@@ -908,7 +929,7 @@ Retries Database::rename(const Identifiers &from, const Identifiers &to)
 
 Retries Database::remove(const Identifiers &id)
 {
-	if (back_->is_path) {
+	if (holds_) {
 		auto change = [&](std::vector<Object> &all) {
 			std::erase_if(all, [&](const Object &stored) { return is_same(stored.id, id); });
 		};

@@ -72,9 +72,10 @@ public:
 	bool readable();
 	// Throws Failure unless the store can be updated, by this caller, and without loss. To empty a file is no loss.
 	// Loss::told is one that is said and accepted; check_loss() looks for it. With Hold::yes no other update of a file is made from here to the
-	// end of this handle, by whichever program.
+	// end of this handle, by whichever program; with Hold::for_owner only if the library's own update, which is one step, too, would give
+	// the file another owner or mode.
 	enum class Loss { refused, told, meant };
-	enum class Hold { no, yes };
+	enum class Hold { no, for_owner, yes };
 	void require_updates(Loss loss, Hold hold);
 	// Says what an update of a file would lose. Throws Failure if that isn't accepted.
 	void check_loss() const;
@@ -105,6 +106,7 @@ public:
 
 private:
 	void require_selection() const;
+	bool library_keeps_owner() const;
 	void require_regular_file() const;
 	List list(const Identifiers &id);
 	bool is_same(const Identifiers &a, const Identifiers &b) const
@@ -143,6 +145,7 @@ private:
 	std::optional<bool> holds_groups_;
 	bool chose_level_ = false;
 	std::unique_ptr<NewFile> held_; // of a file that is to be updated
+	bool holds_ = false;
 	int hold_error_ = 0;
 	struct stat seen_ = {}; // the file when it was held
 	bool exists_ = false;
