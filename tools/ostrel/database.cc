@@ -662,17 +662,18 @@ void Database::require_updates(Loss loss, Hold hold)
 // Whether an update by the library leaves a file's mode and owner: they are those of a file that it makes.
 bool Database::library_keeps_owner() const
 {
-	if (!here())
+	const std::string temporary = name_ + ".new";
+	if (!here() || temporary.size() > OSTREL_DB_NAME_MAX)
 		return false;
 	const auto is_own = [](const struct stat &file) {
 		return file.st_uid == geteuid() && file.st_gid == getegid();
 	};
 	struct stat status;
+	if (lstat(temporary.c_str(), &status) == 0) // its owner and mode may count, or it is in the way
+		return false;
 	if (stat(name_.c_str(), &status) != 0)
 		return errno == ENOENT;
 	if (!is_own(status) || (status.st_mode & 07777) != 0644)
-		return false;
-	if (lstat((name_ + ".new").c_str(), &status) == 0) // its owner and mode may count, or it is in the way
 		return false;
 	const size_t slash = name_.rfind('/');
 	const std::string directory = slash == std::string::npos ? "." : name_.substr(0, slash + 1);
@@ -721,7 +722,13 @@ Failure Database::refused(const Identifiers &id, const Object *object)
 		}
 		return {Exit::invalid, "the server refuses it: the store that it serves can't hold this"};
 	}
-	return {Exit::invalid, "it can't be stored"}; // a file's own refusals come before
+	return others_damaged(); // what the object itself is refused for comes before
+}
+
+Failure Database::others_damaged() const
+{
+	return Failure(Exit::invalid, "another object of the database can't be written back")
+	    .next(fmt::format("ostrel check {} tells which lines are damaged", label_));
 }
 
 // ---- Files ----
@@ -802,9 +809,7 @@ std::string Database::changed_text(const Change &change, const Object *written)
 		} catch (const Failure &failure) {
 			if (failure.code != Exit::invalid || (written != nullptr && object.id == written->id))
 				throw;
-			throw Failure(Exit::invalid, "another object of the database can't be written back")
-			    .in(label_)
-			    .next(fmt::format("ostrel check {} tells which lines are damaged", label_));
+			throw others_damaged().in(label_);
 		}
 	}
 	return text;

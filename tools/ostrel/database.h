@@ -124,6 +124,7 @@ private:
 	void replace_held(const std::string &content);
 	[[noreturn]] void fail_replace(int error);
 	Failure refused(const Identifiers &id, const Object *object = nullptr);
+	Failure others_damaged() const;
 	void begin_update();
 	Retries made_update();
 	[[noreturn]] void fail(ostrel_error_t result, const std::string &what);
