@@ -69,13 +69,23 @@ Peer *unused_of(const Account &account, const Peer *but)
 } // namespace
 
 // Calls that wait, for one sync perhaps, have many threads. Of those that compute, more than there are processors end no
-// sooner, and each keeps a call of somebody else's waiting.
+// sooner, and each keeps a call of somebody else's waiting. Receiving a request piece by piece computes, too.
 int threads_share(const Account &account)
 {
 	static const int processors = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
 	if (account.exempt)
 		return HATCH_THREADS_MAX;
 	return account.call_us > computing_us ? std::clamp(processors, 2, 64) : std::clamp(4 * processors, 8, 64);
+}
+
+void note_call(Account *account, int64_t us)
+{
+	account->call_us = (3 * account->call_us + us) / 4;
+}
+
+void note_part(Account *account)
+{
+	note_call(account, 2 * computing_us);
 }
 
 bool join(Hatch *hatch, Peer *peer)

@@ -86,7 +86,7 @@ public:
 			return;
 		const struct rusage end = usage();
 		const int64_t us = end.ru_nvcsw == begin_.ru_nvcsw ? us_of(end) - us_of(begin_) : 0;
-		account_->call_us = (3 * account_->call_us + us) / 4;
+		note_call(account_, us);
 	}
 
 private:

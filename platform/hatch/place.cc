@@ -25,7 +25,7 @@ constexpr long sys_fchmodat2 = 452; // of Linux 6.6; headers may be older
 
 // Connections that wait to be accepted stand before the next one, whoever made them: few, so that a flood of them doesn't
 // keep a newcomer waiting. Beyond them connecting waits.
-constexpr int backlog = 128;
+constexpr int backlog = 16;
 
 // A path, taken apart: the open directory and the name in it.
 struct Spot {

@@ -184,6 +184,8 @@ void receive_rest(Hatch *hatch, Peer *peer)
 	size_t filled = peer->request_have;
 	if (receive_pieces(hatch, peer, peer->request.data(), &filled, 0))
 		complete_own(hatch, peer);
+	else
+		note_part(peer->account);
 }
 
 // Gives a request memory of its own, with what has arrived of it. False, and the request is refused, if there is none.

@@ -218,6 +218,9 @@ extern std::atomic<int> all_threads;
 
 // Threads that one user's connections may have at a time.
 int threads_share(const Account &account);
+// Take note of the processor time that a call took, 0 if it waited; of a turn that received a part of a request and no more.
+void note_call(Account *account, int64_t us);
+void note_part(Account *account);
 // Takes a new connection in, as one that a thread has. False: no memory.
 bool join(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock);
 // Takes a connection out, which stands in no line. The caller deletes it, best without the lock.
