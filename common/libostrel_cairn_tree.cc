@@ -259,7 +259,7 @@ ostrel_error_t ostrel_rpy_get_real_pg(ostrel_db_t db, ostrel_rpy_work_t *work, c
 	if (ostrel_error_t result = path.set(name))
 		return result;
 	ostrel_error_t result = ostrel_rpy_get_pg(work, path);
-	if (result != OSTREL_NOT_FOUND || (ostrel_db_get_flags(db) & OSTREL_DB_CASE_SENSITIVE) != 0)
+	if (result != OSTREL_NOT_FOUND || ostrel_is_case_sensitive(db))
 		return result;
 	ostrel_rpy_iter_reset(work);
 	result = ostrel_rpy_iter_next_pg(work, &path, nullptr);

@@ -574,10 +574,10 @@ static bool locale_folds_as_usual()
 #endif
 }
 
-bool FieldMatch::prepare(ostrel_db_t db, attrlist_t *idlist, bool exact)
+bool FieldMatch::prepare(bool with_case, attrlist_t *idlist, bool exact)
 {
 	exact_ = exact;
-	with_case_ = (ostrel_db_get_flags(db) & OSTREL_DB_CASE_SENSITIVE) != 0;
+	with_case_ = with_case;
 	usual_case_ = with_case_ || locale_folds_as_usual();
 	for (attrpair_t *pair = nullptr; (pair = attrlist_next_attrpair(idlist, pair)) != nullptr;) {
 		const char *name = attrpair_name(pair);

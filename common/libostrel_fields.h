@@ -112,7 +112,7 @@ class FieldMatch {
 public:
 	// False if the list can't be compared this way: too many identifiers, or one that isn't a text. The list has to
 	// outlive this.
-	bool prepare(ostrel_db_t db, attrlist_t *idlist, bool exact);
+	bool prepare(bool with_case, attrlist_t *idlist, bool exact);
 	// As ostrel_idlist_match() of the identifiers.
 	bool selects(const ostrel_fields &fields) const;
 

@@ -81,7 +81,7 @@ boolean_t ostrel_idlist_is_empty(attrlist_t *idl)
 
 boolean_t ostrel_idlist_match(ostrel_db_t db, attrlist_t *idl, attrlist_t *objidl, boolean_t exact)
 {
-	const bool with_case = (ostrel_db_get_flags(db) & OSTREL_DB_CASE_SENSITIVE) != 0;
+	const bool with_case = ostrel_is_case_sensitive(db);
 	auto compare = with_case ? strcmp : strcasecmp;
 	size_t equal = 0;
 

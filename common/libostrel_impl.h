@@ -117,6 +117,10 @@ struct ostrel_db {
 const char *ostrel_db_get_name(ostrel_db_t db);
 ostrel_db_cmds_t ostrel_db_get_cmds(ostrel_db_t db);
 uint64_t ostrel_db_get_flags(ostrel_db_t db);
+inline bool ostrel_is_case_sensitive(ostrel_db_t db)
+{
+	return (ostrel_db_get_flags(db) & OSTREL_DB_CASE_SENSITIVE) != 0;
+}
 enclaveid_t ostrel_db_get_enclaveid(ostrel_db_t db);
 void *ostrel_db_get_priv(ostrel_db_t db);
 void ostrel_db_set_priv(ostrel_db_t db, void *priv);

@@ -9,7 +9,7 @@
 LineSelection::LineSelection(ostrel_db_t db, attrlist_t *idlist, bool exact, LineSink *sink)
     : db_(db), idlist_(idlist), exact_(exact ? B_TRUE : B_FALSE), sink_(sink)
 {
-	comparing_ = idlist == nullptr || match_.prepare(db, idlist, exact);
+	comparing_ = idlist == nullptr || match_.prepare(ostrel_is_case_sensitive(db), idlist, exact);
 	scanning_ = idlist != nullptr && comparing_ && scan_.prepare(match_);
 }
 

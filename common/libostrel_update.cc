@@ -192,7 +192,7 @@ public:
 	Planner(const Update &update, Plan *plan)
 	    : update_(update), plan_(plan), lines_(update.db, nullptr, false, this)
 	{
-		comparing_ = match_.prepare(update.db, update.idlist, true);
+		comparing_ = match_.prepare(ostrel_is_case_sensitive(update.db), update.idlist, true);
 	}
 
 	ostrel_error_t read(OldFile *old_file) { return old_file->read(&lines_); }

@@ -797,22 +797,9 @@ void Database::replace(const std::string &content, const std::vector<const Objec
 	record_updates(name_, writes, removals, Exit::done);
 }
 
-std::string Database::changed_text(const Change &change, const Object *written)
+std::string Database::changed_text(const Identifiers &id, const std::function<bool(Object &)> &change) const
 {
-	std::vector<Object> all = objects_if_any().value_or(std::vector<Object>());
-	change(all);
-	LineMaker maker;
-	std::string text;
-	for (const Object &object : all) {
-		try {
-			text += maker.line(object);
-		} catch (const Failure &failure) {
-			if (failure.code != Exit::invalid || (written != nullptr && object.id == written->id))
-				throw;
-			throw others_damaged().in(label_);
-		}
-	}
-	return text;
+	return exists_ ? changed_lines(*this, id, change) : "";
 }
 
 // ---- Updates ----
@@ -884,18 +871,14 @@ Retries Database::made_update()
 Retries Database::put(const Object &object)
 {
 	if (holds_) {
-		auto change = [&](std::vector<Object> &all) {
-			bool found = false;
-			for (Object &stored : all) {
-				if (!is_same(stored.id, object.id))
-					continue;
-				stored.props = object.props;
-				found = true;
-			}
-			if (!found)
-				all.push_back(object);
-		};
-		replace(changed_text(change, &object), {&object}, {});
+		bool found = false;
+		std::string text = changed_text(object.id, [&](Object &stored) {
+			stored.props = object.props;
+			return found = true;
+		});
+		if (!found)
+			text += LineMaker().line(object);
+		replace(text, {&object}, {});
 		return Retries();
 	}
 	List ids = list(object.id);
@@ -912,13 +895,12 @@ Retries Database::put(const Object &object)
 Retries Database::rename(const Identifiers &from, const Identifiers &to)
 {
 	if (holds_) {
-		auto change = [&](std::vector<Object> &all) {
-			for (Object &stored : all)
-				if (is_same(stored.id, from))
-					stored.id = to;
-		};
+		const std::string text = changed_text(from, [&](Object &stored) {
+			stored.id = to;
+			return true;
+		});
 		const Object renamed = {from, {}};
-		replace(changed_text(change, nullptr), {&renamed}, {});
+		replace(text, {&renamed}, {});
 		return Retries();
 	}
 	List old_list = list(from);
@@ -935,10 +917,7 @@ Retries Database::rename(const Identifiers &from, const Identifiers &to)
 Retries Database::remove(const Identifiers &id)
 {
 	if (holds_) {
-		auto change = [&](std::vector<Object> &all) {
-			std::erase_if(all, [&](const Object &stored) { return is_same(stored.id, id); });
-		};
-		replace(changed_text(change, nullptr), {}, {&id});
+		replace(changed_text(id, [](Object &) { return false; }), {}, {&id});
 		return Retries();
 	}
 	List ids = list(id);

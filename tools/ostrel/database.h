@@ -81,6 +81,8 @@ public:
 	void check_loss() const;
 	// Throws Failure if no file can be made or replaced there, whoever asks.
 	void require_place() const;
+	// Of an update for the sake of which another object would have to be written, and can't be.
+	Failure others_damaged() const;
 	Retries put(const Object &object);
 	Retries rename(const Identifiers &from, const Identifiers &to);
 	Retries remove(const Identifiers &id);
@@ -109,22 +111,16 @@ private:
 	bool library_keeps_owner() const;
 	void require_regular_file() const;
 	List list(const Identifiers &id);
-	bool is_same(const Identifiers &a, const Identifiers &b) const
-	{
-		return identity(a, case_sensitive_) == identity(b, case_sensitive_);
-	}
 	bool is_group(const Identifiers &id) { return back_->repository || (names_groups(id) && holds_groups()); }
 	bool is_unreadable(ostrel_error_t result, const Identifiers &id);
 	Failure unreadable(const Identifiers &id) const;
 	std::optional<std::vector<std::string>> group_names(const Identifiers &id = {}) const;
 	ostrel_error_t read(const Identifiers &id, std::optional<Object> *object);
-	// Brings back the file with changed objects.
-	using Change = std::function<void(std::vector<Object> &)>;
-	std::string changed_text(const Change &change, const Object *written);
+	// The text of a file that is held, of which the objects with these identifiers change.
+	std::string changed_text(const Identifiers &id, const std::function<bool(Object &)> &change) const;
 	void replace_held(const std::string &content);
 	[[noreturn]] void fail_replace(int error);
 	Failure refused(const Identifiers &id, const Object *object = nullptr);
-	Failure others_damaged() const;
 	void begin_update();
 	Retries made_update();
 	[[noreturn]] void fail(ostrel_error_t result, const std::string &what);

@@ -17,7 +17,9 @@
 #include "database.h"
 #include "enclave_child.h"
 #include "libostrel_blocks.h"
+#include "libostrel_fields.h"
 #include "libostrel_lines.h"
+#include "scratch.h"
 
 namespace {
 
@@ -131,33 +133,73 @@ private:
 	Line line_ = {1, {}, 0, false};
 };
 
+// A line in its parts, if it is one that the library would copy as it stands.
+class LineParts {
+public:
+	bool take(const Line &line)
+	{
+		if (line.length > OSTREL_LINE_MAX || line.bytes.back() != '\n')
+			return false;
+		fields_.forget(); // they point into the line before
+		memcpy(text_, line.bytes.data(), line.length);
+		index_.build(text_, text_ + line.length);
+		StructureCursor cursor(index_);
+		const char *newline = nullptr;
+		return ostrel_take_apart(text_, &cursor, &fields_, &newline) && ostrel_is_as_written(fields_, newline);
+	}
+	// Of the last line that was taken.
+	const ostrel_fields &fields() const { return fields_; }
+
+private:
+	char text_[OSTREL_LINE_SIZE + OSTREL_BLOCK_SLACK] = {};
+	StructureIndex index_;
+	ostrel_fields fields_ = {};
+};
+
+// What an object line begins with, for whoever passes over comments and empty lines.
+std::string_view without_space(std::string_view bytes)
+{
+	if (!bytes.empty() && bytes.back() == '\n')
+		bytes.remove_suffix(1);
+	while (!bytes.empty() && ostrel_line_space(bytes[0]))
+		bytes.remove_prefix(1);
+	return bytes;
+}
+
+// The lists of an object line, by the library's general reader; none if it can't be read.
+struct Lists {
+	List id, props;
+};
+
+Lists lists_of(std::string_view object)
+{
+	std::string copy(object);
+	attrlist_t *id = nullptr, *props = nullptr;
+	ostrel_error_t result = ostrel_line2attrlist(copy.data(), &id, &props);
+	if (result == OSTREL_NO_MEMORY)
+		throw std::bad_alloc();
+	return {List(id), List(props)};
+}
+
 // What an update makes of a line.
 enum class Fate { kept, dropped, unread, rewritten };
 
 Fate fate_of(const Line &line)
 {
-	std::string_view bytes = line.bytes;
 	if (line.length > OSTREL_LINE_MAX || line.has_nul)
 		return Fate::unread;
-	if (!bytes.empty() && bytes.back() == '\n')
-		bytes.remove_suffix(1);
-	const std::string_view whole = bytes;
-	while (!bytes.empty() && ostrel_line_space(bytes[0]))
-		bytes.remove_prefix(1);
-	if (bytes.empty() || bytes[0] == '#')
+	const std::string_view object = without_space(line.bytes);
+	if (object.empty() || object[0] == '#')
 		return Fate::dropped;
-	std::string copy(bytes);
-	attrlist_t *id = nullptr, *props = nullptr;
-	ostrel_error_t result = ostrel_line2attrlist(copy.data(), &id, &props);
-	List owned_id(id), owned_props(props);
-	if (result == OSTREL_NO_MEMORY)
-		throw std::bad_alloc();
-	if (result != OSTREL_SUCCESS)
+	Lists lists = lists_of(object);
+	if (!lists.id)
 		return Fate::unread;
 	ostrel_line again;
-	if (ostrel_format_object(id, props, &again) != OSTREL_SUCCESS)
+	if (ostrel_format_object(lists.id.get(), lists.props.get(), &again) != OSTREL_SUCCESS)
 		return Fate::kept; // it keeps every update from being made
-	return whole == std::string_view(again.text, again.length - 1) ? Fate::kept : Fate::rewritten;
+	const bool ended = line.bytes.back() == '\n';
+	return line.bytes == std::string_view(again.text, again.length - (ended ? 0 : 1)) ? Fate::kept
+											  : Fate::rewritten;
 }
 
 struct Fates {
@@ -167,7 +209,7 @@ struct Fates {
 
 	void add(const Line &line)
 	{
-		const Fate fate = fate_of(line);
+		const Fate fate = parts_.take(line) ? Fate::kept : fate_of(line);
 		if (fate == Fate::kept)
 			return;
 		if (first == 0)
@@ -177,6 +219,9 @@ struct Fates {
 		dropped += fate == Fate::dropped;
 		rewritten += fate == Fate::rewritten;
 	}
+
+private:
+	LineParts parts_;
 };
 
 // What can't be read at all isn't updated either, and whoever reads or updates it says why.
@@ -213,6 +258,17 @@ std::string loss_text(const Fates &fates)
 	return text;
 }
 
+std::string line_of(LineMaker &maker, const Object &object, const Database &database, bool changed)
+{
+	try {
+		return maker.line(object);
+	} catch (const Failure &failure) {
+		if (failure.code != Exit::invalid || changed)
+			throw;
+		throw database.others_damaged().in(database.label());
+	}
+}
+
 } // namespace
 
 void each_line(const Database &database, const std::function<void(const Line &line)> &visit)
@@ -241,6 +297,35 @@ void each_line(const Database &database, const std::function<void(const Line &li
 		    .on_line(line.number());
 	if (!line.empty())
 		visit(line.finish());
+}
+
+std::string changed_lines(
+    const Database &database, const Identifiers &id, const std::function<bool(Object &object)> &change)
+{
+	const std::string wanted = identity(id, database.case_sensitive());
+	List ids = id_list(id);
+	FieldMatch match;
+	const bool comparing = match.prepare(database.case_sensitive(), ids.get(), true);
+	LineParts parts;
+	LineMaker maker;
+	std::string text;
+	each_line(database, [&](const Line &line) {
+		if (comparing && parts.take(line) && !match.selects(parts.fields())) {
+			text += line.bytes;
+			return;
+		}
+		const std::string_view bytes = without_space(line.bytes);
+		if (line.length > OSTREL_LINE_MAX || bytes.empty() || bytes[0] == '#')
+			return;
+		Lists lists = lists_of(bytes);
+		if (!lists.id)
+			return;
+		Object object = object_from_lists(lists.id.get(), lists.props.get());
+		const bool changes = identity(object.id, database.case_sensitive()) == wanted;
+		if (!changes || change(object))
+			text += line_of(maker, object, database, changes);
+	});
+	return text;
 }
 
 void look_for_lost_lines(const Database &database, bool accepted)

@@ -4,7 +4,10 @@
 
 #include <cstddef>
 #include <functional>
+#include <string>
 #include <string_view>
+
+#include "object.h"
 
 class Database;
 
@@ -18,6 +21,11 @@ struct Line {
 // Calls `visit` for each line of the file. Holds a line's beginning alone, however long it is. Throws Failure, also for
 // a device that doesn't end within the first block, as the library does.
 void each_line(const Database &database, const std::function<void(const Line &line)> &visit);
+
+// The text of a file of which one object changes. `change` gets each object of these identifiers, and tells whether it stays.
+// Every other line that is in the writer's form is taken as it stands. Throws Failure.
+std::string changed_lines(
+    const Database &database, const Identifiers &id, const std::function<bool(Object &object)> &change);
 
 // Looks for lines that an update would drop or rewrite: the library writes back what it could read, in a form of its own.
 // Says how many, as a warning if that is accepted, else as the Failure that it throws.
