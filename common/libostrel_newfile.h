@@ -29,6 +29,10 @@ public:
 	 */
 	int lock(enclaveid_t enclave, const char *path);
 
+	// Whether the temporary file isn't this update's own: some other one ended without it. It may be discarded, and the lock
+	// taken again.
+	bool was_left_behind() const { return lock_.fd() >= 0 && !lock_.is_unused(); }
+
 	// The status of the database as it is now; *exists is false if there is none.
 	int find_database(struct stat *status, bool *exists) const;
 	// The database of another enclave, open since it was locked; none if there is none.

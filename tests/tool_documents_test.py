@@ -91,7 +91,10 @@ class Documents(t.ToolTest):
         self.assertEqual(self.read("a"), b"name=two;\ty=string,9;\nname=four;\t\nname=One;\tx=string,1;\n")
         self.tool("import", "a", "doc", "--case")
         self.assertEqual(self.read("a").count(b"\n"), 5)
-        self.tool("set", "a", "name=four", "--", "x=1")
+        self.write("a.new", "left behind")  # open to somebody who may not read the database
+        with open(self.path("a.new"), "rb") as strangers:
+            self.tool("set", "a", "name=four", "--", "x=1")
+            self.assertEqual(strangers.read(), b"left behind")
         after = os.stat(self.path("a"))
         self.assertEqual((after.st_mode, after.st_gid), (before.st_mode, before.st_gid))
 

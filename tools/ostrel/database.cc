@@ -653,10 +653,26 @@ void Database::require_updates(Loss loss, Hold hold)
 	holds_ = hold == Hold::yes || (hold == Hold::for_owner && !library_keeps_owner());
 	// Why it can't be held is said when there is something to be written.
 	if (holds_)
-		hold_error_ = held_->lock(enclave_, name_.c_str());
-	if (holds_ && hold_error_ == 0)
-		hold_error_ = held_->find_database(&seen_, &exists_);
+		hold_error_ = take_hold();
 	loss_ = loss;
+}
+
+// A temporary file that was left behind may be open to somebody who may not read the database: another one is made then.
+int Database::take_hold()
+{
+	constexpr mode_t open_to_all = S_IRGRP | S_IROTH;
+	constexpr int attempts_max = 100;
+	for (int attempt = 0;; attempt++) {
+		int error = held_->lock(enclave_, name_.c_str());
+		if (error == 0)
+			error = held_->find_database(&seen_, &exists_);
+		const bool keeps_from_some = exists_ && (seen_.st_mode & open_to_all) != open_to_all;
+		if (error != 0 || !keeps_from_some || !held_->was_left_behind())
+			return error;
+		if (attempt == attempts_max)
+			return EBUSY;
+		held_->discard();
+	}
 }
 
 // Whether an update by the library leaves a file's mode and owner: they are those of a file that it makes.

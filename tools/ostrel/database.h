@@ -118,6 +118,7 @@ private:
 	ostrel_error_t read(const Identifiers &id, std::optional<Object> *object);
 	// The text of a file that is held, of which the objects with these identifiers change.
 	std::string changed_text(const Identifiers &id, const std::function<bool(Object &)> &change) const;
+	int take_hold();
 	void replace_held(const std::string &content);
 	[[noreturn]] void fail_replace(int error);
 	Failure refused(const Identifiers &id, const Object *object = nullptr);
