@@ -11,6 +11,8 @@
 
 #include <meridon/process.h>
 
+#include "base/clock.h"
+
 // ---- Results ----
 
 static constexpr struct {
@@ -624,9 +626,7 @@ RpyOperation::RpyOperation(ostrel_db_t db) : db_(db)
 
 static time_t monotonic_seconds()
 {
-	struct timespec now = {};
-	(void) clock_gettime(CLOCK_MONOTONIC, &now);
-	return now.tv_sec;
+	return now_ns() / second_ns;
 }
 
 static time_t end_of_operation(enclaveid_t enclave)

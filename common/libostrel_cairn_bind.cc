@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <linux/capability.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -21,6 +20,7 @@
 #include <meridon/enclave.h>
 #include <meridon/hatch.h>
 
+#include "base/clock.h"
 #include "libostrel_cairn.h"
 #include "libostrel_zio.h"
 
@@ -31,8 +31,8 @@ constexpr char daemon_program[] = "/lib/cairn/bin/cairn.configd";
 constexpr char repository_file[] = "/etc/cairn/repository.db";
 constexpr mode_t hatch_mode = 0644;
 constexpr uint64_t daemon_capabilities = 1U << CAP_CHOWN | 1U << CAP_DAC_OVERRIDE | 1U << CAP_FOWNER; // as its unit has
-constexpr int start_seconds = 15;      // a start takes 10 s at most
-constexpr int end_milliseconds = 6000; // an end waits for the operations of others, 4 s at most
+constexpr int start_seconds = 15; // a start takes 10 s at most
+constexpr int end_seconds = 6;    // an end waits for the operations of others, 4 s at most
 
 // The enclave goes along: by the text alone the path couldn't be told from one of the host's when the registry no longer
 // knows the enclave.
@@ -260,20 +260,6 @@ bool ostrel_native_configd_inenclave_ready(const ostrel_rpy_resources_t *res)
 	       ostrel_check_cairn_configd_hatch(path, nullptr) == OSTREL_SUCCESS;
 }
 
-// Signals don't cut the wait short.
-static void wait_for_end(int process)
-{
-	struct timespec now = {};
-	(void) clock_gettime(CLOCK_MONOTONIC, &now);
-	const int64_t end = now.tv_sec * 1000 + now.tv_nsec / 1'000'000 + end_milliseconds;
-	int64_t left = end_milliseconds;
-	struct pollfd ended = {process, POLLIN, 0};
-	while (left > 0 && poll(&ended, 1, static_cast<int>(left)) == -1 && errno == EINTR) {
-		(void) clock_gettime(CLOCK_MONOTONIC, &now);
-		left = end - (now.tv_sec * 1000 + now.tv_nsec / 1'000'000);
-	}
-}
-
 void ostrel_inherit_private_configd(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t *before)
 {
 	HatchPath path;
@@ -301,7 +287,8 @@ void ostrel_end_private_configd(ostrel_rpy_resources_t *res)
 	if (syscall(SYS_pidfd_send_signal, daemon.process.get(), SIGTERM, nullptr, 0) == -1)
 		return; // it has ended meanwhile
 	// Whoever comes next shall not be bound to a daemon that is about to go.
-	wait_for_end(daemon.process.get());
+	struct pollfd ended = {daemon.process.get(), POLLIN, 0};
+	(void) poll_until(&ended, 1, now_ns() + end_seconds * second_ns);
 }
 
 EnclaveRoot ostrel_look_at_root(enclaveid_t enclave)

@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "base/clock.h"
 #include "base/directory.h"
 #include "base/guards.h"
 #include "libostrel_zio.h"
@@ -17,15 +18,6 @@
 // sticky bit, which means nothing for a file, marks one that was never used.
 static constexpr mode_t unused_mode = S_ISVTX | 0600;
 
-static constexpr int64_t second = 1000000000;
-
-static int64_t now()
-{
-	struct timespec time;
-	(void) clock_gettime(CLOCK_MONOTONIC, &time); // can't fail with this clock
-	return time.tv_sec * second + time.tv_nsec;
-}
-
 // Waits that grow from 50 us to 4 ms, with a share of chance, so that those who wait don't go in step.
 class Patience {
 public:
@@ -33,14 +25,14 @@ public:
 	bool lasts()
 	{
 		if (begin_ == 0)
-			begin_ = now();
-		return now() - begin_ < 60 * second;
+			begin_ = now_ns();
+		return now_ns() - begin_ < 60 * second_ns;
 	}
 	bool wait()
 	{
 		if (!lasts())
 			return false;
-		struct timespec pause = {0, static_cast<long>(delay_ / 2 + now() % delay_)};
+		struct timespec pause = {0, static_cast<long>(delay_ / 2 + now_ns() % delay_)};
 		(void) nanosleep(&pause, nullptr); // a signal cuts it short
 		delay_ = delay_ < 2000000 ? 2 * delay_ : 4000000;
 		return true;
@@ -51,9 +43,9 @@ public:
 		if (file.st_ino != seen_.st_ino || file.st_ctim.tv_sec != seen_.st_ctim.tv_sec ||
 		    file.st_ctim.tv_nsec != seen_.st_ctim.tv_nsec) {
 			seen_ = file;
-			since_ = now();
+			since_ = now_ns();
 		}
-		return now() - since_ < second;
+		return now_ns() - since_ < second_ns;
 	}
 
 private:

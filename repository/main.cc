@@ -168,26 +168,7 @@ void clean_process()
 
 void handle(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
 {
-	char small[32768];
-	const char *data = small;
-	size_t reply_size = 0;
-	{
-		rpy::Writer reply;
-		reply.move_to(small, sizeof(small));
-		answer(static_cast<Daemon *>(cookie), {arg, size}, caller_may_read, caller_may_modify, &reply);
-		reply_size = reply.size();
-		if (reply.ok() && reply.owns())
-			if (void *room = hatch_reply_memory(reply_size))
-				reply.move_to(static_cast<char *>(room), reply_size);
-		data = reply.data();
-		if (!reply.ok() || reply.owns()) {
-			const uint32_t bare[] = {rpy::magic, RPY_ERROR_NO_MEMORY};
-			memcpy(small, bare, sizeof(bare));
-			reply_size = sizeof(bare);
-			data = small;
-		}
-	}
-	(void) hatch_return(data, reply_size, nullptr, 0);
+	serve_call(static_cast<Daemon *>(cookie), {arg, size}, caller_may_read, caller_may_modify);
 }
 
 // Tries again while a living server has the hatch's place: one that was just killed may hold its lock for a moment yet.

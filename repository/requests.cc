@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <new>
 #include <unistd.h>
 
@@ -996,6 +997,31 @@ Failure Daemon::load()
 void answer(Daemon *daemon, std::string_view request, bool (*read)(), bool (*modify)(), Writer *reply)
 {
 	put_reply(reply, [&] { return carry_out(daemon, request, read, modify, reply); });
+}
+
+// The writer has gone when the call ends by a jump.
+void serve_call(Daemon *daemon, std::string_view request, bool (*read)(), bool (*modify)())
+{
+	char small[32768];
+	const char *data = small;
+	size_t size = 0;
+	{
+		Writer reply;
+		reply.move_to(small, sizeof(small));
+		answer(daemon, request, read, modify, &reply);
+		size = reply.size();
+		if (reply.ok() && reply.owns())
+			if (void *room = hatch_reply_memory(size))
+				reply.move_to(static_cast<char *>(room), size);
+		data = reply.data();
+		if (!reply.ok() || reply.owns()) {
+			const uint32_t bare[] = {magic, RPY_ERROR_NO_MEMORY};
+			memcpy(small, bare, sizeof(bare));
+			size = sizeof(bare);
+			data = small;
+		}
+	}
+	(void) hatch_return(data, size, nullptr, 0);
 }
 
 } // namespace repository

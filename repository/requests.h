@@ -27,6 +27,9 @@ struct Daemon {
 // Answers one request. `modify` and `read` tell whether the caller may; they are asked when it matters.
 void answer(Daemon *daemon, std::string_view request, bool (*read)(), bool (*modify)(), rpy::Writer *reply);
 
+// The same for the call that the calling thread serves, which gets the answer. If it comes back, the reply couldn't be sent.
+void serve_call(Daemon *daemon, std::string_view request, bool (*read)(), bool (*modify)());
+
 } // namespace repository
 
 #endif

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -53,7 +52,7 @@ public:
 	explicit Deadline(int seconds) : bounded_(seconds > 0)
 	{
 		if (bounded_)
-			end_ = now() + seconds * second;
+			end_ = now_ns() + seconds * second_ns;
 	}
 
 	// Seconds that a step may wait, rounded up, or `without_end`. False if the time is over.
@@ -62,28 +61,20 @@ public:
 		*seconds = without_end;
 		if (!bounded_)
 			return true;
-		int64_t rest = end_ - now();
+		int64_t rest = end_ - now_ns();
 		if (rest <= 0 && !late_) {
 			late_ = true;
-			end_ += second - rest;
-			rest = second;
+			end_ += second_ns - rest;
+			rest = second_ns;
 		}
-		*seconds = static_cast<int>((rest + second - 1) / second);
+		*seconds = static_cast<int>((rest + second_ns - 1) / second_ns);
 		return rest > 0;
 	}
 
 private:
-	static constexpr int64_t second = 1'000'000'000;
 	bool bounded_;
 	bool late_ = false;
 	int64_t end_ = 0;
-
-	static int64_t now()
-	{
-		timespec time = {};
-		(void) clock_gettime(CLOCK_MONOTONIC, &time);
-		return time.tv_sec * second + time.tv_nsec;
-	}
 };
 
 // Says how long each message may take. A connection keeps that, so that calls of one kind say it once.

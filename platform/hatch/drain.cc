@@ -8,7 +8,6 @@
 namespace hatch {
 namespace {
 
-constexpr int64_t second_ns = 1'000'000'000;
 constexpr int64_t silent_ns = 2 * second_ns;
 constexpr timespec pause = {0, 2'000'000};
 

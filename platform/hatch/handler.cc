@@ -7,7 +7,6 @@
 #include <csetjmp>
 #include <cstdlib>
 #include <cstring>
-#include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -142,12 +141,7 @@ Call *running_call()
 bool room_soon(const Hatch &hatch, const Peer &peer)
 {
 	struct pollfd looks[] = {{peer.socket.get(), POLLOUT, 0}, {hatch.stop.get(), POLLIN, 0}};
-	const int64_t end = now_ns() + int64_t{patience_ms} * 1'000'000;
-	int count;
-	do
-		count = poll(looks, 2, static_cast<int>(std::max((end - now_ns()) / 1'000'000, int64_t{0})));
-	while (count == -1 && errno == EINTR);
-	return count > 0 && looks[1].revents == 0;
+	return poll_until(looks, 2, now_ns() + patience_ms * millisecond_ns) > 0 && looks[1].revents == 0;
 }
 
 // Before the last of a reply leaves, nothing of the call counts any more: its client may make the next one before the

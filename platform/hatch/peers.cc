@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <ctime>
 #include <new>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -112,13 +111,6 @@ bool accept_one(Hatch *hatch)
 }
 
 } // namespace
-
-int64_t now_ns()
-{
-	struct timespec now = {};
-	(void) clock_gettime(CLOCK_MONOTONIC, &now);
-	return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
 
 int arm(const Hatch &hatch, int how, int fd, uint32_t events, void *what)
 {

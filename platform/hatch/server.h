@@ -15,6 +15,7 @@
 
 #include <meridon/hatch.h>
 
+#include "base/clock.h"
 #include "base/guards.h"
 #include "base/row.h"
 #include "base/thread_safety.h"
@@ -44,8 +45,6 @@ struct RequestMemory {
 };
 
 struct Account;
-
-int64_t now_ns();
 
 // Which line of its user's a connection stands in: `idle` with its event armed, `waiting` for a thread, or none while a
 // thread has it. One that a thread stays with stands in `idle` all the while.

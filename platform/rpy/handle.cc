@@ -1,9 +1,7 @@
 // Handles: binding to a daemon, and the one road to it. What every object needs lies here, too.
 #include <cerrno>
 #include <climits>
-#include <ctime>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -13,6 +11,7 @@
 #include <meridon/enclave.h>
 #include <meridon/hatch.h>
 
+#include "base/clock.h"
 #include "base/files.h"
 #include "hatch/call.h"
 #include "hatch/epoch.h"
@@ -23,7 +22,6 @@ namespace {
 
 constexpr const char *hatch_place = "system/transient/repository_hatch";
 constexpr size_t path_max = 1024;
-constexpr int64_t second_ns = 1'000'000'000;
 
 constexpr int64_t end_ns = 5 * second_ns; // how long a daemon that has given up its hatch may take to end
 
@@ -93,13 +91,6 @@ rpy_error_t bind_error(int error)
 	default:
 		return RPY_ERROR_NO_SERVER;
 	}
-}
-
-int64_t now_ns()
-{
-	struct timespec now = {};
-	(void) clock_gettime(CLOCK_MONOTONIC, &now);
-	return now.tv_sec * second_ns + now.tv_nsec;
 }
 
 // A mapping that a call gave.
@@ -439,10 +430,10 @@ int _rpy_daemon_has_ended(const rpy_handle_t *handle)
 	if (!process)
 		return errno == ESRCH ? 1 : 0;
 	struct pollfd ended = {process.get(), POLLIN, 0};
-	constexpr int look_ms = 100;
+	constexpr int64_t look_ns = 100 * millisecond_ns;
 	const int64_t end = now_ns() + end_ns;
 	do {
-		if (poll(&ended, 1, look_ms) > 0)
+		if (poll_until(&ended, 1, now_ns() + look_ns) > 0)
 			return 1;
 	} while (find_daemon(handle) != RPY_ERROR_NONE && now_ns() < end);
 	return 0;
