@@ -7,9 +7,9 @@
 #include <fcntl.h>
 
 #include "base/guards.h"
-#include "libostrel_blocks.h"
+#include "libostrel_files_blocks.h"
+#include "libostrel_files_select.h"
 #include "libostrel_lines.h"
-#include "libostrel_select.h"
 
 // The result of a read while it grows: all or nothing.
 class ObjectArray {

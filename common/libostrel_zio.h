@@ -6,7 +6,7 @@
 #include <sys/types.h>
 
 #include "base/guards.h"
-#include "libostrel_filelock.h"
+#include "libostrel_files_lock.h"
 #include "libostrel_impl.h"
 
 // The owner of a file that is new in an enclave.

@@ -13,7 +13,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
-#include "libostrel_blocks.h"
+#include "libostrel_files_blocks.h"
 #include "libostrel_lines.h"
 #include "lines.h"
 #include "terminal.h"

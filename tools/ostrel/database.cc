@@ -20,7 +20,7 @@
 
 #include "failure.h"
 #include "hatch.h"
-#include "libostrel_newfile.h"
+#include "libostrel_files_newfile.h"
 #include "scratch.h"
 #include "shared/rights.h"
 #include "text.h"

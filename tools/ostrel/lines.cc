@@ -16,8 +16,8 @@
 
 #include "database.h"
 #include "enclave_child.h"
-#include "libostrel_blocks.h"
-#include "libostrel_fields.h"
+#include "libostrel_files_blocks.h"
+#include "libostrel_files_fields.h"
 #include "libostrel_lines.h"
 #include "scratch.h"
 

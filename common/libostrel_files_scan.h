@@ -1,10 +1,10 @@
 /*
  * Finding the lines of a block that may hold a search value, without looking at the lines.
  */
-#ifndef LIBOSTREL_SCAN_H
-#define LIBOSTREL_SCAN_H
+#ifndef LIBOSTREL_FILES_SCAN_H
+#define LIBOSTREL_FILES_SCAN_H
 
-#include "libostrel_fields.h"
+#include "libostrel_files_fields.h"
 
 // Finds identifiers by their bytes: `name=value` and what closes it.
 class CandidateScan {

@@ -2,8 +2,8 @@
  * Reading a text file in blocks of whole lines, with plain read(2) and a buffer that is kept.
  * A read error is never taken for the end of the file.
  */
-#ifndef LIBOSTREL_BLOCKS_H
-#define LIBOSTREL_BLOCKS_H
+#ifndef LIBOSTREL_FILES_BLOCKS_H
+#define LIBOSTREL_FILES_BLOCKS_H
 
 #include <cstddef>
 #include <sys/types.h>

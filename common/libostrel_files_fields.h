@@ -4,13 +4,13 @@
  * It knows the plain lines only, those that the writer leaves and a little more. Of every other line it says that it is
  * odd, and the general reader of libostrel_lines.h decides. A plain line gives the same object on both roads.
  */
-#ifndef LIBOSTREL_FIELDS_H
-#define LIBOSTREL_FIELDS_H
+#ifndef LIBOSTREL_FILES_FIELDS_H
+#define LIBOSTREL_FILES_FIELDS_H
 
 #include <cstddef>
 #include <cstdint>
 
-#include "libostrel_blocks.h"
+#include "libostrel_files_blocks.h"
 #include "libostrel_impl.h"
 
 // Where the bytes are that the format gives a meaning: one bit for each byte of a stretch of text.

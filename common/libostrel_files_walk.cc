@@ -7,7 +7,7 @@
 
 #include "base/guards.h"
 #include "libostrel_files.h"
-#include "libostrel_select.h"
+#include "libostrel_files_select.h"
 
 // Whole lines, in chunks that grow with the text.
 class KeptText {

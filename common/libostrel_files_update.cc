@@ -10,9 +10,9 @@
 
 #include "base/guards.h"
 #include "libostrel_files.h"
+#include "libostrel_files_newfile.h"
+#include "libostrel_files_select.h"
 #include "libostrel_lines.h"
-#include "libostrel_newfile.h"
-#include "libostrel_select.h"
 
 // ---- Lines to be written ----
 
@@ -176,7 +176,7 @@ ostrel_error_t Plan::carry_out(const OldFile &old_file, NewFile *file) const
 // ---- The update ----
 
 // One update; which of the lists are given tells its kind.
-struct Update {
+struct FileUpdate {
 	ostrel_db_t db;
 	const char *path;
 	attrlist_t *idlist;
@@ -189,7 +189,7 @@ struct Update {
 // Goes through the old file and makes the plan.
 class Planner final : public LineSink {
 public:
-	Planner(const Update &update, Plan *plan)
+	Planner(const FileUpdate &update, Plan *plan)
 	    : update_(update), plan_(plan), lines_(update.db, nullptr, false, this)
 	{
 		comparing_ = match_.prepare(ostrel_is_case_sensitive(update.db), update.idlist, true);
@@ -208,7 +208,7 @@ public:
 	ostrel_error_t odd_line(const char *, const char *, attrlist_t *idlist, attrlist_t *props) override;
 
 private:
-	const Update &update_;
+	const FileUpdate &update_;
 	Plan *plan_;
 	LineSelection lines_;
 	FieldMatch match_;
@@ -257,7 +257,7 @@ ostrel_error_t Planner::odd_line(const char *, const char *, attrlist_t *idlist,
 // The old file, and the new one as it would be.
 class Draft {
 public:
-	explicit Draft(const Update &update) : update_(update), planner_(update, &plan_) {}
+	explicit Draft(const FileUpdate &update) : update_(update), planner_(update, &plan_) {}
 
 	ostrel_error_t make()
 	{
@@ -279,7 +279,7 @@ public:
 private:
 	ostrel_error_t plan();
 
-	const Update &update_;
+	const FileUpdate &update_;
 	OldFile old_file_;
 	Plan plan_;
 	Planner planner_;
@@ -315,7 +315,7 @@ ostrel_error_t Draft::write(NewFile *file)
 	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 }
 
-static ostrel_error_t update_again(const Update &update, NewFile *file)
+static ostrel_error_t update_again(const FileUpdate &update, NewFile *file)
 {
 	Draft draft(update);
 	Fd database = file->take_database();
@@ -326,7 +326,7 @@ static ostrel_error_t update_again(const Update &update, NewFile *file)
 ostrel_error_t ostrel_update_object_in_file(
     ostrel_db_t db, attrlist_t *idlist, attrlist_t *newidlist, uint64_t, attrlist_t *props)
 {
-	Update update = {db, ostrel_file_path(db, idlist), idlist, newidlist, props};
+	FileUpdate update = {db, ostrel_file_path(db, idlist), idlist, newidlist, props};
 	[[maybe_unused]] bool rename = newidlist != nullptr && props == nullptr;
 	[[maybe_unused]] bool remove = newidlist == nullptr && props == nullptr;
 	assert(rename || remove || update.is_write());

@@ -3,15 +3,15 @@
  * process on the way, the database is the old file or the new one, and whole. Whoever replaces it holds the lock of its
  * updates from the moment at which it decides what to write. All results are errno values.
  */
-#ifndef LIBOSTREL_NEWFILE_H
-#define LIBOSTREL_NEWFILE_H
+#ifndef LIBOSTREL_FILES_NEWFILE_H
+#define LIBOSTREL_FILES_NEWFILE_H
 
 #include <cstddef>
 #include <sys/stat.h>
 
 #include "base/guards.h"
 #include "libostrel.h"
-#include "libostrel_filelock.h"
+#include "libostrel_files_lock.h"
 
 class NewFile {
 public:

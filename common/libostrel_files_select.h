@@ -1,13 +1,13 @@
 /*
  * Going through the lines of a flat file and giving on those that hold a selected object.
  */
-#ifndef LIBOSTREL_SELECT_H
-#define LIBOSTREL_SELECT_H
+#ifndef LIBOSTREL_FILES_SELECT_H
+#define LIBOSTREL_FILES_SELECT_H
 
-#include "libostrel_blocks.h"
-#include "libostrel_fields.h"
+#include "libostrel_files_blocks.h"
+#include "libostrel_files_fields.h"
+#include "libostrel_files_scan.h"
 #include "libostrel_impl.h"
-#include "libostrel_scan.h"
 
 // Who gets the selected lines, in the order of the file. A result other than OSTREL_SUCCESS ends the reading with it.
 class LineSink {

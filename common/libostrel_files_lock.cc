@@ -1,6 +1,6 @@
 // The lock of a database file's updates: an open-file-description lock on its temporary file. Whoever had it before has
 // renamed that file over the database, or left it where it is; so a lock counts only if the path still leads to the file.
-#include "libostrel_filelock.h"
+#include "libostrel_files_lock.h"
 
 #include <cerrno>
 #include <cstdint>

@@ -3,8 +3,8 @@
  * lies on the temporary file beside the database, never on the database, and goes with its holder, however that one ends.
  * Everything here reports in errno values and makes system calls alone: a forked child may use it.
  */
-#ifndef LIBOSTREL_FILELOCK_H
-#define LIBOSTREL_FILELOCK_H
+#ifndef LIBOSTREL_FILES_LOCK_H
+#define LIBOSTREL_FILES_LOCK_H
 
 #include <sys/stat.h>
 

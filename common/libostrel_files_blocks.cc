@@ -1,6 +1,6 @@
 // Blocks of whole lines. The tail of a block, a line that isn't complete yet, is moved in front of the room that the
 // next read fills, so every read goes to the same aligned place.
-#include "libostrel_blocks.h"
+#include "libostrel_files_blocks.h"
 
 #include <atomic>
 #include <cerrno>

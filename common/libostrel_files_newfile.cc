@@ -1,5 +1,5 @@
 // The new file of an update, from its opening to the rename.
-#include "libostrel_newfile.h"
+#include "libostrel_files_newfile.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,6 +1,6 @@
 // Plain lines, taken apart. First all bytes of a block that have a meaning are found, 64 at a time; then a line is gone
 // through from one such byte to the next.
-#include "libostrel_fields.h"
+#include "libostrel_files_fields.h"
 
 #include <bit>
 #include <cctype>

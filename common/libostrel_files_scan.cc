@@ -1,6 +1,6 @@
 // The search for candidates. A place fits if the `=` and the last two bytes of the value are where they should be; there
 // the rest is compared.
-#include "libostrel_scan.h"
+#include "libostrel_files_scan.h"
 
 #include <cstring>
 #ifdef __SSE2__

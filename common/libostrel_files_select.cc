@@ -1,5 +1,5 @@
 // Which lines of a flat file hold a selected object.
-#include "libostrel_select.h"
+#include "libostrel_files_select.h"
 
 #include <cstring>
 
