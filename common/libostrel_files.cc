@@ -6,62 +6,14 @@
 #include <cstring>
 #include <fcntl.h>
 
+#include "base/growing_array.h"
 #include "base/guards.h"
 #include "libostrel_files_blocks.h"
 #include "libostrel_files_select.h"
 #include "libostrel_lines.h"
 
 // The result of a read while it grows: all or nothing.
-class ObjectArray {
-public:
-	ObjectArray() = default;
-	ObjectArray(const ObjectArray &) = delete;
-	ObjectArray &operator=(const ObjectArray &) = delete;
-	~ObjectArray()
-	{
-		for (int i = 0; i < used_; i++)
-			attrlist_free(objects_[i]);
-		free(objects_);
-	}
-
-	ostrel_error_t init()
-	{
-		static constexpr int first_room = 128;
-		objects_ = static_cast<attrlist_t **>(malloc(first_room * sizeof(*objects_)));
-		if (objects_ == nullptr)
-			return SETERROR(OSTREL_NO_MEMORY);
-		room_ = first_room;
-		return OSTREL_SUCCESS;
-	}
-	int count() const { return used_; }
-
-	// A place for one more object, which counts when it is kept().
-	ostrel_error_t place(attrlist_t ***place)
-	{
-		if (used_ == room_) {
-			void *grown = objects_;
-			if (ostrel_error_t bad = grow_buf(&grown, &room_, sizeof(*objects_)))
-				return SETERROR(bad);
-			objects_ = static_cast<attrlist_t **>(grown);
-		}
-		*place = &objects_[used_];
-		return OSTREL_SUCCESS;
-	}
-	void kept() { used_++; }
-
-	void hand_out(attrlist_t ***objects, uint_t *count)
-	{
-		*objects = objects_;
-		*count = static_cast<uint_t>(used_);
-		objects_ = nullptr;
-		used_ = 0;
-	}
-
-private:
-	attrlist_t **objects_ = nullptr;
-	int room_ = 0;
-	int used_ = 0;
-};
+using ObjectArray = GrowingArray<attrlist_t *, attrlist_free>;
 
 const char *ostrel_file_path(ostrel_db_t db, attrlist_t *idlist)
 {
@@ -83,12 +35,11 @@ int ostrel_open_db_file(ostrel_db_t db, const char *path, int oflag, int *err)
 
 static ostrel_error_t keep_object(ObjectArray *objects, attrlist_t *idlist, attrlist_t *props)
 {
-	attrlist_t **place = nullptr;
-	if (ostrel_error_t bad = objects->place(&place))
-		return bad;
-	if (ostrel_error_t bad = ostrel_object_create(idlist, props, place))
+	if (!objects->make_room())
+		return SETERROR(OSTREL_NO_MEMORY);
+	if (ostrel_error_t bad = ostrel_object_create(idlist, props, objects->place()))
 		return SETERROR(bad);
-	objects->kept();
+	objects->added();
 	return OSTREL_SUCCESS;
 }
 
@@ -103,7 +54,7 @@ static ostrel_error_t keep_raw_line(const char *line, bool with_props, ObjectArr
 {
 	AttrList idlist;
 	AttrList props;
-	uint_t lineno = static_cast<uint_t>(objects->count()) + 1;
+	uint_t lineno = static_cast<uint_t>(objects->size()) + 1;
 	if (ostrel_error_t bad = ostrel_rawline2attrlist(line, lineno, idlist.out(), props.out()))
 		return bad;
 	return keep_object(objects, idlist.get(), with_props ? props.get() : nullptr);
@@ -137,12 +88,11 @@ public:
 
 	ostrel_error_t plain_line(ostrel_fields *fields, const char *) override
 	{
-		attrlist_t **place = nullptr;
-		if (ostrel_error_t bad = objects_->place(&place))
-			return bad;
-		if (ostrel_error_t bad = ostrel_make_object(fields, with_props_, place))
+		if (!objects_->make_room())
+			return SETERROR(OSTREL_NO_MEMORY);
+		if (ostrel_error_t bad = ostrel_make_object(fields, with_props_, objects_->place()))
 			return SETERROR(bad);
-		objects_->kept();
+		objects_->added();
 		return OSTREL_SUCCESS;
 	}
 	ostrel_error_t odd_line(const char *, const char *, attrlist_t *idlist, attrlist_t *props) override
@@ -180,14 +130,15 @@ ostrel_error_t ostrel_read_objects_from_file_common(
 		return SETERRNO(error);
 
 	ObjectArray objects;
-	if (ostrel_error_t bad = objects.init())
-		return bad;
+	if (!objects.make_room())
+		return SETERROR(OSTREL_NO_MEMORY);
 	bool with_props = (flags & OSTREL_FLAG_WITH_PROPS) != 0;
 	ostrel_error_t result = raw != B_FALSE ? read_raw_lines(file.get(), with_props, &objects)
 					       : read_objects(file.get(), db, idlist, flags, with_props, &objects);
 	if (result != OSTREL_SUCCESS)
 		return result;
-	objects.hand_out(objlist, nobjs);
+	*nobjs = static_cast<uint_t>(objects.size());
+	*objlist = objects.release();
 	return OSTREL_SUCCESS;
 }
 

@@ -8,44 +8,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "base/growing_array.h"
 #include "base/guards.h"
 #include "libostrel_files.h"
 #include "libostrel_files_newfile.h"
 #include "libostrel_files_select.h"
 #include "libostrel_lines.h"
-
-// ---- Lines to be written ----
-
-// Bytes that grow.
-class Bytes {
-public:
-	Bytes() = default;
-	Bytes(const Bytes &) = delete;
-	Bytes &operator=(const Bytes &) = delete;
-	~Bytes() { free(bytes_); }
-
-	ostrel_error_t append(const void *bytes, size_t length)
-	{
-		if (bytes_ == nullptr || length > room_ - used_) {
-			size_t room = 2 * room_ + length + 256;
-			char *grown = static_cast<char *>(realloc(bytes_, room));
-			if (grown == nullptr)
-				return SETERROR(OSTREL_NO_MEMORY);
-			bytes_ = grown;
-			room_ = room;
-		}
-		memcpy(bytes_ + used_, bytes, length);
-		used_ += length;
-		return OSTREL_SUCCESS;
-	}
-	char *begin() const { return bytes_; }
-	size_t size() const { return used_; }
-
-private:
-	char *bytes_ = nullptr;
-	size_t room_ = 0;
-	size_t used_ = 0;
-};
 
 // ---- The old file ----
 
@@ -131,36 +99,32 @@ public:
 	ostrel_error_t write(const char *text, size_t length)
 	{
 		off_t begin = static_cast<off_t>(text_.size());
-		if (ostrel_error_t bad = text_.append(text, length))
-			return bad;
+		if (!text_.append(text, length))
+			return SETERROR(OSTREL_NO_MEMORY);
 		return add({false, begin, begin + static_cast<off_t>(length)});
 	}
 	ostrel_error_t carry_out(const OldFile &old_file, NewFile *file) const;
 
 private:
-	size_t count() const { return stretches_.size() / sizeof(Stretch); }
-	Stretch *stretches() const { return reinterpret_cast<Stretch *>(stretches_.begin()); }
-
 	ostrel_error_t add(const Stretch &stretch)
 	{
-		if (count() > 0) {
-			Stretch *last = stretches() + count() - 1;
-			if (last->copied == stretch.copied && last->end == stretch.begin) {
-				last->end = stretch.end;
+		if (!stretches_.empty()) {
+			Stretch &last = stretches_.back();
+			if (last.copied == stretch.copied && last.end == stretch.begin) {
+				last.end = stretch.end;
 				return OSTREL_SUCCESS;
 			}
 		}
-		return stretches_.append(&stretch, sizeof(stretch));
+		return stretches_.append(stretch) ? OSTREL_SUCCESS : SETERROR(OSTREL_NO_MEMORY);
 	}
 
-	Bytes stretches_;
-	Bytes text_;
+	GrowingArray<Stretch> stretches_;
+	GrowingArray<char> text_;
 };
 
 ostrel_error_t Plan::carry_out(const OldFile &old_file, NewFile *file) const
 {
-	for (size_t i = 0; i < count(); i++) {
-		const Stretch &stretch = stretches()[i];
+	for (const Stretch &stretch : stretches_) {
 		if (stretch.copied) {
 			if (ostrel_error_t bad = old_file.copy(stretch.begin, stretch.end, file))
 				return bad;

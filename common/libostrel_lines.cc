@@ -10,6 +10,7 @@
 #include <cstring>
 #include <strings.h>
 
+#include "base/growing_array.h"
 #include "base/guards.h"
 #include "libostrel_impl.h"
 
@@ -65,69 +66,41 @@ char *value_remove_escapes(const char *value)
 	return plain;
 }
 
-// Elements that own nothing need no clean-up; strings are heap texts.
+// The values of a property on their way out of a line. Texts are heap texts.
 template <typename T>
-static void free_elements(T *, int)
-{}
+using Values = std::conditional_t<std::is_same_v<T, char *>, GrowingArray<char *, free_heap>, GrowingArray<T>>;
 
-static void free_elements(char **texts, int count)
+// Each conversion stores the value of one token: OSTREL_INVALID_ARG for a bad one, OSTREL_NO_MEMORY.
+template <typename T>
+using Convert = ostrel_error_t(const char *token, T *value);
+
+template <typename T>
+static ostrel_error_t parse_values(char *text, Convert<T> *convert, Values<T> *values)
 {
-	for (int i = 0; i < count; i++)
-		free(texts[i]);
-}
-
-// An array under construction: `used` elements of `room`.
-template <typename T>
-struct Growing {
-	T *items = nullptr;
-	int room = 0;
-	int used = 0;
-
-	~Growing()
-	{
-		if (items != nullptr)
-			free_elements(items, used);
-		free(items);
-	}
-};
-
-template <typename T>
-static ostrel_error_t cut_to_size(Growing<T> &array, T **out, int *count)
-{
-	size_t kept = array.used > 0 ? static_cast<size_t>(array.used) : 1; // realloc to 0 would free it
-	T *exact = static_cast<T *>(realloc(array.items, kept * sizeof(T)));
-	if (exact == nullptr)
+	if (!values->make_room())
 		return OSTREL_NO_MEMORY;
-	array.items = nullptr;
-	*out = exact;
-	*count = array.used;
+	char *next = text;
+	while (char *token = ostrel_tokenize_by_unescaped_delim(next, ',', &next)) {
+		if (!values->make_room())
+			return OSTREL_NO_MEMORY;
+		if (ostrel_error_t bad = convert(token, values->place()))
+			return bad;
+		values->added();
+	}
 	return OSTREL_SUCCESS;
 }
 
-// Each conversion stores the value of one token: OSTREL_INVALID_ARG for a bad one, OSTREL_NO_MEMORY.
-template <typename T, ostrel_error_t (*Convert)(const char *token, T *value)>
-static ostrel_error_t parse_values(char *values, T **out, int *count)
+template <typename T>
+static ostrel_error_t parse_array(char *text, Convert<T> *convert, T **array, int *count)
 {
-	static constexpr int first_room = 128;
-	Growing<T> array;
-	array.items = static_cast<T *>(calloc(first_room, sizeof(T)));
-	if (array.items == nullptr)
+	Values<T> values;
+	if (ostrel_error_t bad = parse_values<T>(text, convert, &values))
+		return bad;
+	if (!values.cut_to_size())
 		return OSTREL_NO_MEMORY;
-	array.room = first_room;
-
-	char *next = values;
-	while (char *token = ostrel_tokenize_by_unescaped_delim(next, ',', &next)) {
-		if (ostrel_error_t bad = Convert(token, &array.items[array.used]))
-			return bad;
-		array.used++;
-		if (array.used < array.room)
-			continue;
-		void *grown = array.items;
-		if (ostrel_error_t bad = grow_buf(&grown, &array.room, sizeof(T)))
-			return bad;
-		array.items = static_cast<T *>(grown);
-	}
-	return cut_to_size(array, out, count);
+	*count = static_cast<int>(values.size());
+	*array = values.release();
+	return OSTREL_SUCCESS;
 }
 
 static ostrel_error_t to_boolean(const char *token, boolean_t *value)
@@ -157,60 +130,59 @@ static ostrel_error_t to_string(const char *token, char **value)
 
 ostrel_error_t ostrel_parse_boolean_array(char *values, boolean_t **array, int *count)
 {
-	return parse_values<boolean_t, to_boolean>(values, array, count);
+	return parse_array<boolean_t>(values, to_boolean, array, count);
 }
 
 ostrel_error_t ostrel_parse_int32_array(char *values, int32_t **array, int *count)
 {
-	return parse_values<int32_t, to_number>(values, array, count);
+	return parse_array<int32_t>(values, to_number, array, count);
 }
 
 ostrel_error_t ostrel_parse_uint32_array(char *values, uint32_t **array, int *count)
 {
-	return parse_values<uint32_t, to_number>(values, array, count);
+	return parse_array<uint32_t>(values, to_number, array, count);
 }
 
 ostrel_error_t ostrel_parse_int64_array(char *values, int64_t **array, int *count)
 {
-	return parse_values<int64_t, to_number>(values, array, count);
+	return parse_array<int64_t>(values, to_number, array, count);
 }
 
 ostrel_error_t ostrel_parse_uint64_array(char *values, uint64_t **array, int *count)
 {
-	return parse_values<uint64_t, to_number>(values, array, count);
+	return parse_array<uint64_t>(values, to_number, array, count);
 }
 
 ostrel_error_t ostrel_parse_string_array(char *values, char ***array, int *count)
 {
-	return parse_values<char *, to_string>(values, array, count);
+	return parse_array<char *>(values, to_string, array, count);
 }
 
 // ---- Reading a line ----
 
-template <typename T, auto Parse, auto Add>
-static ostrel_error_t add_property(attrlist_t *props, const char *name, char *values)
+template <typename T, Convert<T> *convert, auto Add>
+static ostrel_error_t add_property(attrlist_t *props, const char *name, char *text)
 {
-	Growing<T> array;
-	if (ostrel_error_t bad = Parse(values, &array.items, &array.used))
+	Values<T> values;
+	if (ostrel_error_t bad = parse_values<T>(text, convert, &values))
 		return bad;
-	return ostrel_errno2error(Add(props, name, array.items, static_cast<uint_t>(array.used)));
+	return ostrel_errno2error(Add(props, name, values.begin(), static_cast<uint_t>(values.size())));
 }
 
 // The six words of the format.
 struct WordRow {
 	const char *word;
 	data_type_t type;
-	ostrel_error_t (*add)(attrlist_t *props, const char *name, char *values);
+	ostrel_error_t (*add)(attrlist_t *props, const char *name, char *text);
 };
 
 static constexpr WordRow word_rows[] = {
-    {"boolean", DATA_TYPE_BOOLEAN_ARRAY,
-	add_property<boolean_t, ostrel_parse_boolean_array, attrlist_add_boolean_array>},
-    {"int32", DATA_TYPE_INT32_ARRAY, add_property<int32_t, ostrel_parse_int32_array, attrlist_add_int32_array>},
-    {"uint32", DATA_TYPE_UINT32_ARRAY, add_property<uint32_t, ostrel_parse_uint32_array, attrlist_add_uint32_array>},
-    {"int64", DATA_TYPE_INT64_ARRAY, add_property<int64_t, ostrel_parse_int64_array, attrlist_add_int64_array>},
-    {"uint64", DATA_TYPE_UINT64_ARRAY, add_property<uint64_t, ostrel_parse_uint64_array, attrlist_add_uint64_array>},
-    {"string", DATA_TYPE_STRING_ARRAY, add_property<char *, ostrel_parse_string_array, attrlist_add_string_array>},
+    {"boolean", DATA_TYPE_BOOLEAN_ARRAY, add_property<boolean_t, to_boolean, attrlist_add_boolean_array>},
+    {"int32", DATA_TYPE_INT32_ARRAY, add_property<int32_t, to_number<int32_t>, attrlist_add_int32_array>},
+    {"uint32", DATA_TYPE_UINT32_ARRAY, add_property<uint32_t, to_number<uint32_t>, attrlist_add_uint32_array>},
+    {"int64", DATA_TYPE_INT64_ARRAY, add_property<int64_t, to_number<int64_t>, attrlist_add_int64_array>},
+    {"uint64", DATA_TYPE_UINT64_ARRAY, add_property<uint64_t, to_number<uint64_t>, attrlist_add_uint64_array>},
+    {"string", DATA_TYPE_STRING_ARRAY, add_property<char *, to_string, attrlist_add_string_array>},
 };
 
 static const WordRow *find_word(const char *word)
