@@ -17,7 +17,7 @@ public:
 		*next = 2;
 		return {};
 	}
-	rpy_error_t commit(const Rows &rows, uint64_t next) override
+	Committed commit(const Rows &rows, uint64_t next) override
 	{
 		if (++commits_ % 7 == 0)
 			return RPY_ERROR_NO_RESOURCES; // an update that fails must leave no trace

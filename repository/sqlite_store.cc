@@ -204,7 +204,7 @@ public:
 	}
 
 	Failure open(const Loader &loader, uint64_t *next) override;
-	rpy_error_t commit(const Rows &rows, uint64_t next) override;
+	Committed commit(const Rows &rows, uint64_t next) override;
 	bool writable() override;
 	uint64_t bytes() override;
 	bool verify(std::string *findings) override;
@@ -563,7 +563,7 @@ rpy_error_t SqliteStore::settle(int code)
 	_exit(EIO);
 }
 
-rpy_error_t SqliteStore::commit(const Rows &rows, uint64_t next)
+Committed SqliteStore::commit(const Rows &rows, uint64_t next)
 {
 	std::lock_guard<std::mutex> hold(lock_);
 	if (!path_is_ours()) {

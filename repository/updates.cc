@@ -64,7 +64,7 @@ void Updates::carry_out(const UpdateList &batch) noexcept
 			update->error = RPY_ERROR_NO_MEMORY;
 		return;
 	}
-	rpy_error_t error = rows.empty() ? RPY_ERROR_NONE : store_->commit(rows, model_->next_id());
+	rpy_error_t error = rows.empty() ? RPY_ERROR_NONE : store_->commit(rows, model_->next_id()).error;
 	for (Update *update = batch.first(); update != nullptr; update = update->next)
 		if (update->error == RPY_ERROR_NONE && !update->nothing)
 			update->error = error;

@@ -328,10 +328,10 @@ TEST_F(ConfigdStore, AFailingSyncOfTheDirectoryIsNoSuccess)
 	repository::Rows rows = {{repository::Row::What::put_node, 2, 1, 0, 0, "service", "", {}}};
 	ASSERT_EQ(unlink((file + "-journal").c_str()), 0);
 	FailNth fault(FailNth::Fsync, 1, EIO);
-	EXPECT_NE(store->commit(rows, 3), RPY_ERROR_NONE);
+	EXPECT_NE(store->commit(rows, 3).error, RPY_ERROR_NONE);
 	fault.stop();
 	EXPECT_TRUE(fault.fired());
-	EXPECT_EQ(store->commit(rows, 3), RPY_ERROR_NONE);
+	EXPECT_EQ(store->commit(rows, 3).error, RPY_ERROR_NONE);
 }
 
 } // namespace

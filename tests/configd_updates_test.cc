@@ -22,7 +22,7 @@ using namespace repository;
 class NoStore : public Store {
 public:
 	Failure open(const Loader &, uint64_t *) override { return {}; }
-	rpy_error_t commit(const Rows &rows, uint64_t) override
+	Committed commit(const Rows &rows, uint64_t) override
 	{
 		rows_seen += rows.size();
 		return RPY_ERROR_NONE;

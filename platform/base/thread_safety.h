@@ -3,6 +3,8 @@
 #ifndef MERIDON_BASE_THREAD_SAFETY_H
 #define MERIDON_BASE_THREAD_SAFETY_H
 
+#include <cstdint>
+#include <ctime>
 #include <pthread.h>
 
 #if defined(__clang__)
@@ -26,6 +28,8 @@
 #define RELEASE(...) THREAD_SAFETY(release_capability(__VA_ARGS__))
 #define RELEASE_SHARED(...) THREAD_SAFETY(release_shared_capability(__VA_ARGS__))
 #define RELEASE_GENERIC(...) THREAD_SAFETY(release_generic_capability(__VA_ARGS__))
+#define ASSERT_CAPABILITY(lock) THREAD_SAFETY(assert_capability(lock))
+#define ASSERT_SHARED_CAPABILITY(lock) THREAD_SAFETY(assert_shared_capability(lock))
 // For the few functions whose locking depends on a value; the reason stands beside each use.
 #define NO_THREAD_SAFETY_ANALYSIS THREAD_SAFETY(no_thread_safety_analysis)
 
@@ -51,6 +55,39 @@ struct CAPABILITY("rwlock") RwLock {
 	void rdlock() ACQUIRE_SHARED() { (void) pthread_rwlock_rdlock(&raw); }
 	void wrlock() ACQUIRE() { (void) pthread_rwlock_wrlock(&raw); }
 	void unlock() RELEASE_GENERIC() { (void) pthread_rwlock_unlock(&raw); }
+};
+
+// What threads wait for. Times are those of the monotonic clock, in nanoseconds (base/clock.h). A wait may end early.
+struct CondVar {
+	pthread_cond_t raw;
+
+	void init()
+	{
+		pthread_condattr_t attributes;
+		(void) pthread_condattr_init(&attributes);
+		(void) pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+		(void) pthread_cond_init(&raw, &attributes);
+		(void) pthread_condattr_destroy(&attributes);
+	}
+	void destroy() { (void) pthread_cond_destroy(&raw); }
+	void wait(Mutex &mutex) REQUIRES(mutex) { (void) pthread_cond_wait(&raw, &mutex.raw); }
+	void wait_until(Mutex &mutex, int64_t end_ns) REQUIRES(mutex)
+	{
+		constexpr int64_t second = 1000000000;
+		const timespec end = {static_cast<time_t>(end_ns / second), static_cast<long>(end_ns % second)};
+		(void) pthread_cond_timedwait(&raw, &mutex.raw, &end);
+	}
+	void notify_one() { (void) pthread_cond_signal(&raw); }
+	void notify_all() { (void) pthread_cond_broadcast(&raw); }
+};
+
+// A part that one thread at a time plays: a capability that is no lock of its own. Whatever decides who plays it, a flag
+// under a mutex for instance, is its user's.
+struct CAPABILITY("role") Role {
+	void take() ACQUIRE() {}
+	void give_up() RELEASE() {}
+	// For a function that is called by the one who plays it, along a path that the analysis can't follow.
+	void assert_held() const ASSERT_CAPABILITY(this) {}
 };
 
 class SCOPED_CAPABILITY MutexLock {
@@ -84,6 +121,17 @@ public:
 
 private:
 	RwLock &lock_;
+};
+
+class SCOPED_CAPABILITY InRole {
+public:
+	explicit InRole(Role &role) ACQUIRE(role) : role_(role) { role_.take(); }
+	~InRole() RELEASE() { role_.give_up(); }
+	InRole(const InRole &) = delete;
+	InRole &operator=(const InRole &) = delete;
+
+private:
+	Role &role_;
 };
 
 // Gives up a mutex for a while, a wait for instance, and takes it again. To the analysis the destructor of a scoped guard
