@@ -1,37 +1,21 @@
-// Flat files and raw files: reading. A read opens the file, goes through it once, and keeps what the search list
-// selects; nothing stays open and nothing is remembered.
+// Flat files and raw files: the slots of their tables. Divisions: raw files, flat files, the slots.
 #include "libostrel_files.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include "base/growing_array.h"
 #include "base/guards.h"
 #include "libostrel_files_blocks.h"
+#include "libostrel_files_newfile.h"
+#include "libostrel_files_open.h"
 #include "libostrel_files_select.h"
 #include "libostrel_lines.h"
 
 // The result of a read while it grows: all or nothing.
 using ObjectArray = GrowingArray<attrlist_t *, attrlist_free>;
-
-const char *ostrel_file_path(ostrel_db_t db, attrlist_t *idlist)
-{
-	char *name = nullptr;
-	if (ostrel_idlist_get_db_name(idlist, &name) == OSTREL_SUCCESS)
-		return name;
-	return db != nullptr ? ostrel_db_get_name(db) : nullptr;
-}
-
-int ostrel_open_db_file(ostrel_db_t db, const char *path, int oflag, int *err)
-{
-	enclaveid_t enclave = db != nullptr && getenclaveid() == 0 ? ostrel_db_get_enclaveid(db) : 0;
-	if (enclave != 0)
-		return ostrel_zopen(path, oflag, 0, enclave, err);
-	int fd = open(path, oflag);
-	*err = fd < 0 ? errno : 0;
-	return fd;
-}
 
 static ostrel_error_t keep_object(ObjectArray *objects, attrlist_t *idlist, attrlist_t *props)
 {
@@ -41,11 +25,6 @@ static ostrel_error_t keep_object(ObjectArray *objects, attrlist_t *idlist, attr
 		return SETERROR(bad);
 	objects->added();
 	return OSTREL_SUCCESS;
-}
-
-static char *newline_of(char *line, char *end)
-{
-	return static_cast<char *>(memchr(line, '\n', static_cast<size_t>(end - line)));
 }
 
 // ---- Raw files ----
@@ -70,7 +49,7 @@ static ostrel_error_t read_raw_lines(int fd, bool with_props, ObjectArray *objec
 		if (block.begin == block.end)
 			return OSTREL_SUCCESS;
 		for (char *line = block.begin; line < block.end;) {
-			char *newline = newline_of(line, block.end);
+			char *newline = static_cast<char *>(memchr(line, '\n', static_cast<size_t>(block.end - line)));
 			*newline = '\0';
 			if (ostrel_error_t bad = keep_raw_line(line, with_props, objects))
 				return bad;
@@ -81,36 +60,34 @@ static ostrel_error_t read_raw_lines(int fd, bool with_props, ObjectArray *objec
 
 // ---- Flat files ----
 
-// Makes objects of the selected lines.
-class ObjectSink final : public LineSink {
-public:
-	ObjectSink(bool with_props, ObjectArray *objects) : with_props_(with_props), objects_(objects) {}
-
-	ostrel_error_t plain_line(ostrel_fields *fields, const char *) override
-	{
-		if (!objects_->make_room())
-			return SETERROR(OSTREL_NO_MEMORY);
-		if (ostrel_error_t bad = ostrel_make_object(fields, with_props_, objects_->place()))
-			return SETERROR(bad);
-		objects_->added();
-		return OSTREL_SUCCESS;
-	}
-	ostrel_error_t odd_line(const char *, const char *, attrlist_t *idlist, attrlist_t *props) override
-	{
-		return keep_object(objects_, idlist, with_props_ ? props : nullptr);
-	}
-
-private:
-	bool with_props_;
-	ObjectArray *objects_;
-};
+static ostrel_error_t keep_line(SelectedLine *line, bool with_props, ObjectArray *objects)
+{
+	if (!line->is_fast())
+		return keep_object(objects, line->idlist.get(), with_props ? line->props.get() : nullptr);
+	if (!objects->make_room())
+		return SETERROR(OSTREL_NO_MEMORY);
+	if (ostrel_error_t bad = ostrel_make_object(line->fields, with_props, objects->place()))
+		return SETERROR(bad);
+	objects->added();
+	return OSTREL_SUCCESS;
+}
 
 static ostrel_error_t read_objects(
     int fd, ostrel_db_t db, attrlist_t *idlist, uint64_t flags, bool with_props, ObjectArray *objects)
 {
-	ObjectSink sink(with_props, objects);
-	return LineSelection(db, idlist, (flags & OSTREL_FLAG_EXACT_MATCH) != 0, &sink).read(fd);
+	BlockReader reader(fd, LongLines::Drop);
+	LineSelection selection(db, idlist, (flags & OSTREL_FLAG_EXACT_MATCH) != 0);
+	for (SelectedLine line;;) {
+		ostrel_error_t bad = selection.next(&reader, &line);
+		if (bad != OSTREL_SUCCESS || !line.found())
+			return bad;
+		bad = keep_line(&line, with_props, objects);
+		if (bad != OSTREL_SUCCESS)
+			return bad;
+	}
 }
+
+// ---- The slots ----
 
 ostrel_error_t ostrel_read_objects_from_file_common(
     boolean_t raw, ostrel_db_t db, attrlist_t *idlist, uint64_t flags, attrlist_t ***objlist, uint_t *nobjs)
@@ -152,4 +129,51 @@ ostrel_error_t ostrel_read_objects_from_rawfile(
     ostrel_db_t db, attrlist_t *idlist, uint64_t flags, attrlist_t ***objlist, uint_t *nobjs)
 {
 	return ostrel_read_objects_from_file_common(B_TRUE, db, idlist, flags, objlist, nobjs);
+}
+
+ostrel_error_t ostrel_write_object_to_file(ostrel_db_t db, attrlist_t *idlist, uint64_t flags, attrlist_t *props)
+{
+	if (db == nullptr || idlist == nullptr || props == nullptr)
+		return SETERROR(OSTREL_INVALID_ARG);
+	return ostrel_update_object_in_file(db, idlist, nullptr, flags, props);
+}
+
+ostrel_error_t ostrel_rename_object_in_file(ostrel_db_t db, attrlist_t *idlist, uint64_t flags, attrlist_t *newidlist)
+{
+	if (db == nullptr || idlist == nullptr || newidlist == nullptr)
+		return SETERROR(OSTREL_INVALID_ARG);
+	return ostrel_update_object_in_file(db, idlist, newidlist, flags, nullptr);
+}
+
+ostrel_error_t ostrel_remove_object_from_file(ostrel_db_t db, attrlist_t *idlist, uint64_t flags)
+{
+	if (db == nullptr)
+		return SETERROR(OSTREL_INVALID_ARG);
+	if (idlist == nullptr)
+		return ostrel_destroy_db_file(ostrel_db_get_name(db), ostrel_db_get_enclaveid(db));
+	return ostrel_update_object_in_file(db, idlist, nullptr, flags, nullptr);
+}
+
+// Under the lock, so that an update that is under way can't bring the file back. A file that can't be updated, for want of
+// space or because something is in the temporary file's place, can still be removed.
+static int remove_database(const char *name, enclaveid_t enclave)
+{
+	struct stat status;
+	if (enclave == 0 && lstat(name, &status) != 0)
+		return errno;
+	NewFile lock;
+	if (lock.lock(enclave, name) == ETIMEDOUT)
+		return ETIMEDOUT;
+	return lock.remove_database();
+}
+
+ostrel_error_t ostrel_destroy_db_file(const char *name, enclaveid_t enclave)
+{
+	static constexpr enclaveid_t last_enclave = 9999;
+	enclaveid_t own = getenclaveid();
+	const bool here = enclave > last_enclave || enclave == own;
+	if (!here && own != 0)
+		return SETERROR(OSTREL_INVALID_ARG);
+	int error = remove_database(name, here ? 0 : enclave);
+	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 }

@@ -1,34 +1,48 @@
 /*
- * The flat-file back end beyond its slots in the table, for itself and its tests.
+ * The flat-file and raw-file back ends: their rules, and what their slots share.
+ *
+ *   libostrel_files.cc   the slots of the two tables but the walk; reading
+ *   _walk                the walk of a flat file
+ *   _update              write, rename and remove: what the new file will hold, and its way into place
+ *   _newfile, _lock      the new file beside the database, and the lock of updates that lies on it
+ *   _select, _scan       the lines of a file that hold a selected object
+ *   _fields              the fast path through a line; the general one is the format's, libostrel_lines.h
+ *   _blocks              a file as blocks of whole lines
+ *   _open                which file an operation means
+ *
+ * State. None between operations: every one opens the file, goes through it once, and closes it.
+ *
+ * Readers take no lock. A database is only ever replaced whole, by one rename, so that an open file stays one complete
+ * version; a reader sees the old version or the new one. A read error is never taken for the end of the file: a result holds
+ * all selected objects of one version, or there is none. Lines that don't parse or are too long are no objects, silently.
+ *
+ * Updates of one file take turns, across handles, threads, processes and enclaves, by the lock on the temporary file
+ * (`.new` behind the database's path). The order is fixed:
+ *
+ *   1. read the database and decide, without the lock: what can be refused is refused before anything is touched
+ *   2. take the lock, for 60 s at most; then, if the database isn't the version that was read, read and decide again, for good
+ *   3. empty the temporary file, set its mode, write it, sync it
+ *   4. open the directory, rename the file over the database while the lock is held, sync the directory, unlock
+ *
+ * What a failure leaves. Up to the rename the database is as it was, whatever fails or kills the process. A refusal in step 1
+ * touches nothing; one in step 2 removes the temporary file, if this update made it. After step 3 the temporary file stays,
+ * with whatever it holds: the next update empties it and uses it. If the sync of the directory fails, the new file stands, and
+ * the result is that error; it may be lost if the machine goes down.
+ *
+ * Writers that take no lock aren't kept out. A database that one of them changed in place while it was copied is found out
+ * before the rename (OSTREL_FAILURE).
  */
 #ifndef LIBOSTREL_FILES_H
 #define LIBOSTREL_FILES_H
 
+#include "libostrel_files_update.h"
 #include "libostrel_impl.h"
 
 // Reads the objects of a flat file, or of a raw file. Contract: the slot dbc_read.
 ostrel_error_t ostrel_read_objects_from_file_common(
     boolean_t raw, ostrel_db_t db, attrlist_t *idlist, uint64_t flags, attrlist_t ***objlist, uint_t *nobjs);
 
-/*
- * Writes (props given), renames (newidlist given) or removes (neither) the objects that have exactly these identifiers.
- * Errors: OSTREL_NOT_FOUND    a rename or remove matched nothing
- *         OSTREL_INVALID_ARG  no path; not a regular file; a line that can't be written so that it reads back
- *         those of reading and of writing the file. The database is as it was, but for a failed sync of its directory
- */
-ostrel_error_t ostrel_update_object_in_file(
-    ostrel_db_t db, attrlist_t *idlist, attrlist_t *newidlist, uint64_t flags, attrlist_t *props);
-
-// Replaces the file by one line for each object; NULL slots are passed over. Errors: as of an update.
-ostrel_error_t ostrel_write_objects_to_file(ostrel_db_t db, const char *dbname, attrlist_t **objs, uint_t nobjs);
-
 // Removes a database file. Errors: OSTREL_INVALID_ARG for another enclave than the caller's, outside the global one.
 ostrel_error_t ostrel_destroy_db_file(const char *name, enclaveid_t enclave);
-
-// The file that an operation means: the list's, or the handle's. NULL: neither names one.
-const char *ostrel_file_path(ostrel_db_t db, attrlist_t *idlist);
-
-// Opens the file for reading, in the enclave of the handle if that is another one. -1: *err has the error.
-int ostrel_open_db_file(ostrel_db_t db, const char *path, int oflag, int *err);
 
 #endif

@@ -31,6 +31,7 @@ private:
 // Goes from one of these bytes to the next.
 class StructureCursor {
 public:
+	StructureCursor() = default;
 	explicit StructureCursor(const StructureIndex &index) : at_(index.begin_), word_(index.bits_), bits_(*word_) {}
 
 	// There has to be one.
@@ -58,9 +59,9 @@ private:
 		bits_ = *++word_;
 	}
 
-	const char *at_; // of the first bit
-	const uint64_t *word_;
-	uint64_t bits_;
+	const char *at_ = nullptr; // of the first bit
+	const uint64_t *word_ = nullptr;
+	uint64_t bits_ = 0;
 };
 
 // A plain line in its parts, which point into the line and into these fields.

@@ -12,7 +12,6 @@
 #include "base/clock.h"
 #include "base/directory.h"
 #include "base/guards.h"
-#include "libostrel_zio.h"
 
 // A new file is its owner's alone until it is locked: who may read a file may lock it, too, and hold up everybody. The
 // sticky bit, which means nothing for a file, marks one that was never used.
@@ -122,11 +121,10 @@ int FileLock::look(const char *path)
 
 // A file of somebody else keeps its owner, who may then write to the database. It is used where only those could put it
 // there whose word counts anyway.
-int FileLock::check(const char *path, FileLockPlace place) const
+int FileLock::check(const char *path, uid_t system) const
 {
 	if (!S_ISREG(found_.st_mode) || found_.st_nlink != 1)
 		return EINVAL;
-	const uid_t system = place == FileLockPlace::OtherEnclave ? OSTREL_ZFILE_UID : 0;
 	const uid_t self = geteuid();
 	if (found_.st_uid == self || (found_.st_uid == system && system != 0))
 		return 0;
@@ -138,7 +136,7 @@ int FileLock::check(const char *path, FileLockPlace place) const
 	return trusted && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 ? 0 : EACCES;
 }
 
-int FileLock::take(const char *path, FileLockPlace place)
+int FileLock::take(const char *path, uid_t system)
 {
 	for (Patience patience;;) {
 		release();
@@ -153,7 +151,7 @@ int FileLock::take(const char *path, FileLockPlace place)
 				return ETIMEDOUT;
 		}
 		if (error == 0)
-			return check(path, place);
+			return check(path, system);
 		if (forbidden && S_ISREG(found_.st_mode) && patience.sees_change(found_) && patience.wait())
 			continue;
 		if (error != ESTALE)

@@ -8,9 +8,6 @@
 
 #include <sys/stat.h>
 
-// Whose file is taken for the process's own, besides that of its user.
-enum class FileLockPlace { Here, OtherEnclave };
-
 class FileLock {
 public:
 	FileLock() = default;
@@ -27,7 +24,7 @@ public:
 	 *         those of the calls made
 	 * A file system without locks doesn't keep updates apart, and isn't an error.
 	 */
-	int take(const char *path, FileLockPlace place = FileLockPlace::Here);
+	int take(const char *path, uid_t system = 0);
 	// Hands the descriptor to another process, or takes it over there, with the lock on it.
 	int give_away();
 	void adopt(int fd);
@@ -44,7 +41,7 @@ private:
 	int open_or_make(const char *path);
 	int try_to_lock() const;
 	int look(const char *path);
-	int check(const char *path, FileLockPlace place) const;
+	int check(const char *path, uid_t system) const;
 
 	int fd_ = -1;
 	struct stat found_ = {};

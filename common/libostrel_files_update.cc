@@ -1,27 +1,29 @@
-// Flat files: updates. The old file is gone through once, to find what changes and to see that every other line can be
-// written again; then the updates of the file are locked, and the new file is put together. If the file isn't the same by
-// then, it is gone through once more: under the lock it stays. Lines that are in the writer's form already are copied as they stand,
-// straight from the old file, so an update needs memory for what it writes anew only.
+// Updates of flat files. Divisions, in the order in which an update needs them: the old file, what the new file will hold, the
+// decision, the replacement.
+//
+// A line that is in the writer's form already is copied as it stands, straight from the old file to the new one. So an update
+// needs memory only for the lines that it formats.
+#include "libostrel_files_update.h"
+
 #include <cassert>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
 
 #include "base/growing_array.h"
 #include "base/guards.h"
-#include "libostrel_files.h"
 #include "libostrel_files_newfile.h"
+#include "libostrel_files_open.h"
 #include "libostrel_files_select.h"
 #include "libostrel_lines.h"
 
 // ---- The old file ----
 
-// The old file: read once to plan, and once more to copy from it, if it isn't so short that it is at hand still.
+// Read once to decide, and once more to copy from it, unless it is so short that one read brought it all.
 class OldFile {
 public:
-	// Only a regular file is replaced, and what else stands at the path is found out before anything waits for it.
-	// A missing file is no failure: exists() tells.
+	// Only a regular file is replaced; the open doesn't wait for anything else. A missing file is no failure: see exists().
 	ostrel_error_t open(ostrel_db_t db, const char *path)
 	{
 		int error = 0;
@@ -30,23 +32,23 @@ public:
 			ostrel_error_t result = ostrel_errno2error(error);
 			return result == OSTREL_NOT_FOUND ? OSTREL_SUCCESS : SETERROR(result);
 		}
-		return look();
+		return check_kind();
 	}
-	// As open(), of a file that is open already, or of none.
+	// As open(), with a file that is open already.
 	ostrel_error_t adopt(Fd fd)
 	{
 		fd_ = std::move(fd);
-		return fd_ ? look() : OSTREL_SUCCESS;
+		return check_kind();
 	}
 	void close() { fd_.reset(); }
 	bool exists() const { return static_cast<bool>(fd_); }
 	bool is(const struct stat &file) const { return exists() && ostrel_same_file(file, opened_); }
 	size_t size() const { return static_cast<size_t>(opened_.st_size); }
 
-	ostrel_error_t read(LineSelection *lines)
+	ostrel_error_t next(LineSelection *lines, SelectedLine *line)
 	{
 		reader_.set_file(fd_.get());
-		return lines->read(&reader_);
+		return lines->next(&reader_, line);
 	}
 	ostrel_error_t copy(off_t begin, off_t end, NewFile *to) const
 	{
@@ -56,7 +58,7 @@ public:
 		return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 	}
 
-	// Databases are replaced whole. A file that somebody changed in place meanwhile may have been read in two versions.
+	// Databases are replaced whole. One that another program changed in place meanwhile may have been read in two versions.
 	ostrel_error_t check_unchanged() const
 	{
 		if (!exists() || reader_.whole_text() != nullptr)
@@ -70,7 +72,7 @@ public:
 	}
 
 private:
-	ostrel_error_t look()
+	ostrel_error_t check_kind()
 	{
 		if (fstat(fd_.get(), &opened_) != 0)
 			return SETERRNO(errno);
@@ -84,28 +86,27 @@ private:
 	BlockReader reader_{-1, LongLines::Drop};
 };
 
-// ---- The plan of a new file ----
+// ---- What the new file will hold ----
 
-// A stretch of the new file: bytes of the old file, or of the lines that are written anew.
+// A stretch of the new file: bytes of the old file, or of the lines that the update formats.
 struct Stretch {
 	bool copied;
 	off_t begin;
 	off_t end;
 };
 
-class Plan {
+class NewContent {
 public:
+	// Adds bytes of the old file.
 	ostrel_error_t copy(off_t begin, off_t end) { return add({true, begin, end}); }
-	ostrel_error_t write(const char *text, size_t length)
-	{
-		off_t begin = static_cast<off_t>(text_.size());
-		if (!text_.append(text, length))
-			return SETERROR(OSTREL_NO_MEMORY);
-		return add({false, begin, begin + static_cast<off_t>(length)});
-	}
-	ostrel_error_t carry_out(const OldFile &old_file, NewFile *file) const;
+	// Adds the line of an object. One that can't be written isn't a failure yet: see writable().
+	ostrel_error_t add_object(attrlist_t *idlist, attrlist_t *props);
+	bool writable() const { return writable_; }
+
+	ostrel_error_t write(const OldFile &old_file, NewFile *file) const;
 
 private:
+	// A stretch that goes on where the last one ends is joined to it.
 	ostrel_error_t add(const Stretch &stretch)
 	{
 		if (!stretches_.empty()) {
@@ -119,10 +120,27 @@ private:
 	}
 
 	GrowingArray<Stretch> stretches_;
-	GrowingArray<char> text_;
+	GrowingArray<char> text_; // the formatted lines
+	bool writable_ = true;
 };
 
-ostrel_error_t Plan::carry_out(const OldFile &old_file, NewFile *file) const
+ostrel_error_t NewContent::add_object(attrlist_t *idlist, attrlist_t *props)
+{
+	ostrel_line line;
+	ostrel_error_t result = ostrel_format_object(idlist, props, &line);
+	if (result == OSTREL_INVALID_ARG) {
+		writable_ = false;
+		return OSTREL_SUCCESS;
+	}
+	if (result != OSTREL_SUCCESS)
+		return SETERROR(result);
+	off_t begin = static_cast<off_t>(text_.size());
+	if (!text_.append(line.text, line.length))
+		return SETERROR(OSTREL_NO_MEMORY);
+	return add({false, begin, begin + static_cast<off_t>(line.length)});
+}
+
+ostrel_error_t NewContent::write(const OldFile &old_file, NewFile *file) const
 {
 	for (const Stretch &stretch : stretches_) {
 		if (stretch.copied) {
@@ -137,254 +155,231 @@ ostrel_error_t Plan::carry_out(const OldFile &old_file, NewFile *file) const
 	return OSTREL_SUCCESS;
 }
 
-// ---- The update ----
+// ---- The decision ----
 
-// One update; which of the lists are given tells its kind.
+// One change of a file; which of the lists are given tells its kind.
 struct FileUpdate {
-	ostrel_db_t db;
-	const char *path;
 	attrlist_t *idlist;
 	attrlist_t *newidlist; // of a rename
 	attrlist_t *props;     // of a write
 
 	bool is_write() const { return newidlist == nullptr && props != nullptr; }
+	bool is_rename() const { return newidlist != nullptr && props == nullptr; }
+	bool is_remove() const { return newidlist == nullptr && props == nullptr; }
 };
 
-// Goes through the old file and makes the plan.
-class Planner final : public LineSink {
+// One version of the old file, and what an update makes of it.
+class Decision {
 public:
-	Planner(const FileUpdate &update, Plan *plan)
-	    : update_(update), plan_(plan), lines_(update.db, nullptr, false, this)
+	Decision(ostrel_db_t db, const FileUpdate &update) : db_(db), update_(update), lines_(db, nullptr, false)
 	{
-		comparing_ = match_.prepare(ostrel_is_case_sensitive(update.db), update.idlist, true);
+		has_fast_path_ = match_.prepare(ostrel_is_case_sensitive(db), update.idlist, true);
 	}
 
-	ostrel_error_t read(OldFile *old_file) { return old_file->read(&lines_); }
-	bool matched() const { return matched_; }
-	bool empty() const { return !seen_; }
-	// Whether every line of the new file can be written.
-	bool writable() const { return writable_; }
-
-	// Plans the line of an object that is to be written.
-	ostrel_error_t write(attrlist_t *idlist, attrlist_t *props);
-
-	ostrel_error_t plain_line(ostrel_fields *fields, const char *newline) override;
-	ostrel_error_t odd_line(const char *, const char *, attrlist_t *idlist, attrlist_t *props) override;
-
-private:
-	const FileUpdate &update_;
-	Plan *plan_;
-	LineSelection lines_;
-	FieldMatch match_;
-	bool comparing_; // match_ can tell what matches
-	bool matched_ = false;
-	bool seen_ = false;
-	bool writable_ = true;
-};
-
-ostrel_error_t Planner::write(attrlist_t *idlist, attrlist_t *props)
-{
-	ostrel_line line;
-	ostrel_error_t result = ostrel_format_object(idlist, props, &line);
-	if (result == OSTREL_SUCCESS)
-		return plan_->write(line.text, line.length);
-	if (result != OSTREL_INVALID_ARG)
-		return SETERROR(result);
-	// It matters only if the update gets as far as writing.
-	writable_ = false;
-	return OSTREL_SUCCESS;
-}
-
-ostrel_error_t Planner::plain_line(ostrel_fields *fields, const char *newline)
-{
-	if (comparing_ && !match_.selects(*fields) && ostrel_is_as_written(*fields, newline) &&
-	    lines_.has_newline(newline)) {
-		seen_ = true;
-		return plan_->copy(lines_.offset_of(fields->begin), lines_.offset_of(newline + 1));
-	}
-	return lines_.take_as_odd(fields->begin, newline);
-}
-
-ostrel_error_t Planner::odd_line(const char *, const char *, attrlist_t *idlist, attrlist_t *props)
-{
-	seen_ = true;
-	if (!ostrel_idlist_match(update_.db, update_.idlist, idlist, B_TRUE))
-		return write(idlist, props);
-	matched_ = true;
-	if (update_.newidlist != nullptr)
-		return write(update_.newidlist, props);
-	if (update_.props != nullptr)
-		return write(idlist, update_.props);
-	return OSTREL_SUCCESS;
-}
-
-// The old file, and the new one as it would be.
-class Draft {
-public:
-	explicit Draft(const FileUpdate &update) : update_(update), planner_(update, &plan_) {}
-
-	ostrel_error_t make()
-	{
-		ostrel_error_t bad = old_file_.open(update_.db, update_.path);
-		return bad != OSTREL_SUCCESS ? bad : plan();
-	}
-	ostrel_error_t make(Fd database)
-	{
-		ostrel_error_t bad = old_file_.adopt(std::move(database));
-		return bad != OSTREL_SUCCESS ? bad : plan();
-	}
-	// Whether it was made of this file; or, for NULL, of none.
-	bool is_of(const struct stat *file) const
+	// The version to decide about; without a file it is that of a missing database.
+	OldFile *old_file() { return &old_file_; }
+	// Whether it is this one; NULL is a missing database.
+	bool is_about(const struct stat *file) const
 	{
 		return file != nullptr ? old_file_.is(*file) : !old_file_.exists();
 	}
+
+	/*
+	 * Goes through the old file, and refuses what can be refused: nothing has been touched yet.
+	 * Errors: OSTREL_NOT_FOUND    a rename or remove matched nothing
+	 *         OSTREL_INVALID_ARG  a line of the new file can't be written
+	 *         those of reading
+	 */
+	ostrel_error_t decide();
 	ostrel_error_t write(NewFile *file);
 
 private:
-	ostrel_error_t plan();
+	ostrel_error_t take_lines();
+	bool stays_as_it_stands(const SelectedLine &line) const;
+	ostrel_error_t apply_update(SelectedLine *line);
 
+	ostrel_db_t db_;
 	const FileUpdate &update_;
 	OldFile old_file_;
-	Plan plan_;
-	Planner planner_;
+	LineSelection lines_;
+	FieldMatch match_;
+	bool has_fast_path_; // match_ can tell which lines change
+	NewContent content_;
+	bool has_objects_ = false;
+	bool matched_ = false;
 };
 
-// What can be refused is refused here: nothing was touched yet.
-ostrel_error_t Draft::plan()
+// Whether its bytes in the old file are what the writer would make of it.
+bool Decision::stays_as_it_stands(const SelectedLine &line) const
 {
-	if (old_file_.exists()) {
-		if (ostrel_error_t bad = planner_.read(&old_file_))
-			return bad;
-	}
-	if (!planner_.matched() && !update_.is_write())
-		return planner_.empty() ? SETERROR(OSTREL_NOT_FOUND) : OSTREL_NOT_FOUND;
-	if (!planner_.matched()) {
-		if (ostrel_error_t bad = planner_.write(update_.idlist, update_.props))
-			return bad;
-	}
-	return planner_.writable() ? OSTREL_SUCCESS : SETERROR(OSTREL_INVALID_ARG);
+	return line.is_fast() && has_fast_path_ && !match_.selects(*line.fields) &&
+	       ostrel_is_as_written(*line.fields, line.newline) && lines_.has_newline(line.newline);
 }
 
-ostrel_error_t Draft::write(NewFile *file)
+ostrel_error_t Decision::apply_update(SelectedLine *line)
+{
+	if (line->is_fast()) {
+		if (ostrel_error_t bad = ostrel_make_lists(line))
+			return bad;
+	}
+	attrlist_t *idlist = line->idlist.get();
+	attrlist_t *props = line->props.get();
+	if (!ostrel_idlist_match(db_, update_.idlist, idlist, B_TRUE))
+		return content_.add_object(idlist, props);
+	matched_ = true;
+	if (update_.is_remove())
+		return OSTREL_SUCCESS;
+	return update_.is_rename() ? content_.add_object(update_.newidlist, props)
+				   : content_.add_object(idlist, update_.props);
+}
+
+ostrel_error_t Decision::take_lines()
+{
+	for (SelectedLine line;;) {
+		ostrel_error_t bad = old_file_.next(&lines_, &line);
+		if (bad != OSTREL_SUCCESS || !line.found())
+			return bad;
+		has_objects_ = true;
+		bad = stays_as_it_stands(line)
+			  ? content_.copy(lines_.offset_of(line.begin), lines_.offset_of(line.newline + 1))
+			  : apply_update(&line);
+		if (bad != OSTREL_SUCCESS)
+			return bad;
+	}
+}
+
+ostrel_error_t Decision::decide()
+{
+	if (old_file_.exists()) {
+		if (ostrel_error_t bad = take_lines())
+			return bad;
+	}
+	if (!matched_ && !update_.is_write())
+		return has_objects_ ? OSTREL_NOT_FOUND : SETERROR(OSTREL_NOT_FOUND);
+	if (!matched_) {
+		if (ostrel_error_t bad = content_.add_object(update_.idlist, update_.props))
+			return bad;
+	}
+	return content_.writable() ? OSTREL_SUCCESS : SETERROR(OSTREL_INVALID_ARG);
+}
+
+ostrel_error_t Decision::write(NewFile *file)
 {
 	if (int error = file->begin(old_file_.size()))
 		return SETERRNO(error);
-	if (ostrel_error_t bad = plan_.carry_out(old_file_, file))
+	if (ostrel_error_t bad = content_.write(old_file_, file))
 		return bad;
 	if (ostrel_error_t bad = old_file_.check_unchanged())
 		return bad;
 	// A file that is still open when the new one takes its place costs the file system an orphan to look after.
 	old_file_.close();
-	int error = file->commit();
+	return OSTREL_SUCCESS;
+}
+
+// ---- The replacement ----
+
+// An update of one file in its steps, which are called in this order. The object's end releases the lock.
+class Replacement {
+public:
+	Replacement(ostrel_db_t db, const char *path, const FileUpdate &update) : db_(db), path_(path), update_(update)
+	{}
+
+	ostrel_error_t read_and_decide();
+	ostrel_error_t take_lock();
+	ostrel_error_t decide_for_good();
+	ostrel_error_t write() { return decision_->write(&new_file_); }
+	ostrel_error_t put_in_place()
+	{
+		int error = new_file_.commit();
+		return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
+	}
+
+private:
+	ostrel_db_t db_;
+	const char *path_;
+	const FileUpdate &update_;
+	std::optional<Decision> decision_;
+	NewFile new_file_;
+};
+
+ostrel_error_t Replacement::read_and_decide()
+{
+	decision_.emplace(db_, update_);
+	ostrel_error_t bad = decision_->old_file()->open(db_, path_);
+	return bad != OSTREL_SUCCESS ? bad : decision_->decide();
+}
+
+ostrel_error_t Replacement::take_lock()
+{
+	int error = new_file_.lock(ostrel_db_get_enclaveid(db_), path_);
 	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 }
 
-static ostrel_error_t update_again(const FileUpdate &update, NewFile *file)
+// The version that was read is open until here, so that no later file can have its inode.
+ostrel_error_t Replacement::decide_for_good()
 {
-	Draft draft(update);
-	Fd database = file->take_database();
-	ostrel_error_t bad = database ? draft.make(std::move(database)) : draft.make();
-	return bad != OSTREL_SUCCESS ? bad : draft.write(file);
+	struct stat now;
+	bool exists = false;
+	if (int error = new_file_.find_database(&now, &exists))
+		return SETERRNO(error);
+	if (decision_->is_about(exists ? &now : nullptr))
+		return OSTREL_SUCCESS;
+	Fd database = new_file_.take_database();
+	if (!database)
+		return read_and_decide();
+	decision_.emplace(db_, update_);
+	ostrel_error_t bad = decision_->old_file()->adopt(std::move(database));
+	return bad != OSTREL_SUCCESS ? bad : decision_->decide();
 }
 
 ostrel_error_t ostrel_update_object_in_file(
     ostrel_db_t db, attrlist_t *idlist, attrlist_t *newidlist, uint64_t, attrlist_t *props)
 {
-	FileUpdate update = {db, ostrel_file_path(db, idlist), idlist, newidlist, props};
-	[[maybe_unused]] bool rename = newidlist != nullptr && props == nullptr;
-	[[maybe_unused]] bool remove = newidlist == nullptr && props == nullptr;
-	assert(rename || remove || update.is_write());
-	if (update.path == nullptr)
+	FileUpdate update = {idlist, newidlist, props};
+	assert(update.is_rename() || update.is_remove() || update.is_write());
+	const char *path = ostrel_file_path(db, idlist);
+	if (path == nullptr)
 		return SETERROR(OSTREL_INVALID_ARG);
 
-	Draft draft(update);
-	if (ostrel_error_t bad = draft.make())
+	Replacement replacement(db, path, update);
+	if (ostrel_error_t bad = replacement.read_and_decide())
 		return bad;
-	NewFile new_file;
-	if (int error = new_file.lock(ostrel_db_get_enclaveid(db), update.path))
-		return SETERRNO(error);
-	struct stat now;
-	bool exists = false;
-	if (int error = new_file.find_database(&now, &exists))
-		return SETERRNO(error);
-	return draft.is_of(exists ? &now : nullptr) ? draft.write(&new_file) : update_again(update, &new_file);
+	if (ostrel_error_t bad = replacement.take_lock())
+		return bad;
+	if (ostrel_error_t bad = replacement.decide_for_good())
+		return bad;
+	if (ostrel_error_t bad = replacement.write())
+		return bad;
+	return replacement.put_in_place();
 }
 
-static ostrel_error_t plan_object(Plan *plan, attrlist_t *object)
+static ostrel_error_t add_object(attrlist_t *object, NewContent *content)
 {
 	AttrList idlist;
 	AttrList props;
 	if (ostrel_error_t bad = ostrel_object_get(object, idlist.out(), props.out()))
 		return SETERROR(bad);
-	ostrel_line line;
-	if (ostrel_error_t bad = ostrel_format_object(idlist.get(), props.get(), &line))
-		return SETERROR(bad);
-	return plan->write(line.text, line.length);
+	return content->add_object(idlist.get(), props.get());
 }
 
 ostrel_error_t ostrel_write_objects_to_file(ostrel_db_t db, const char *dbname, attrlist_t **objs, uint_t nobjs)
 {
-	Plan plan;
+	NewContent content;
 	for (uint_t i = 0; i < nobjs; i++) {
 		if (objs[i] == nullptr)
 			continue;
-		if (ostrel_error_t bad = plan_object(&plan, objs[i]))
+		if (ostrel_error_t bad = add_object(objs[i], &content))
 			return bad;
 	}
+	if (!content.writable())
+		return SETERROR(OSTREL_INVALID_ARG);
 	NewFile file;
 	if (int error = file.lock(ostrel_db_get_enclaveid(db), dbname))
 		return SETERRNO(error);
 	if (int error = file.begin(0))
 		return SETERRNO(error);
-	if (ostrel_error_t bad = plan.carry_out(OldFile(), &file))
+	if (ostrel_error_t bad = content.write(OldFile(), &file))
 		return bad;
 	int error = file.commit();
-	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
-}
-
-ostrel_error_t ostrel_write_object_to_file(ostrel_db_t db, attrlist_t *idlist, uint64_t flags, attrlist_t *props)
-{
-	if (db == nullptr || idlist == nullptr || props == nullptr)
-		return SETERROR(OSTREL_INVALID_ARG);
-	return ostrel_update_object_in_file(db, idlist, nullptr, flags, props);
-}
-
-ostrel_error_t ostrel_rename_object_in_file(ostrel_db_t db, attrlist_t *idlist, uint64_t flags, attrlist_t *newidlist)
-{
-	if (db == nullptr || idlist == nullptr || newidlist == nullptr)
-		return SETERROR(OSTREL_INVALID_ARG);
-	return ostrel_update_object_in_file(db, idlist, newidlist, flags, nullptr);
-}
-
-ostrel_error_t ostrel_remove_object_from_file(ostrel_db_t db, attrlist_t *idlist, uint64_t flags)
-{
-	if (db == nullptr)
-		return SETERROR(OSTREL_INVALID_ARG);
-	if (idlist == nullptr)
-		return ostrel_destroy_db_file(ostrel_db_get_name(db), ostrel_db_get_enclaveid(db));
-	return ostrel_update_object_in_file(db, idlist, nullptr, flags, nullptr);
-}
-
-// Under the lock, so that no update that is under way brings the file back. A file that can't be updated, for want of space
-// or because something is in the way, can still be removed.
-static int remove_database(const char *name, enclaveid_t enclave)
-{
-	struct stat status;
-	if (enclave == 0 && lstat(name, &status) != 0)
-		return errno;
-	NewFile lock;
-	if (lock.lock(enclave, name) == ETIMEDOUT)
-		return ETIMEDOUT;
-	return lock.remove_database();
-}
-
-ostrel_error_t ostrel_destroy_db_file(const char *name, enclaveid_t enclave)
-{
-	static constexpr enclaveid_t last_enclave = 9999;
-	enclaveid_t own = getenclaveid();
-	const bool here = enclave > last_enclave || enclave == own;
-	if (!here && own != 0)
-		return SETERROR(OSTREL_INVALID_ARG);
-	int error = remove_database(name, here ? 0 : enclave);
 	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 }

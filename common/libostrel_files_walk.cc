@@ -6,12 +6,20 @@
 #include <sys/mman.h>
 
 #include "base/guards.h"
-#include "libostrel_files.h"
+#include "libostrel_files_blocks.h"
+#include "libostrel_files_open.h"
 #include "libostrel_files_select.h"
 
 // Whole lines, in chunks that grow with the text.
 class KeptText {
 public:
+	struct Chunk {
+		Chunk *next;
+		size_t size;
+		size_t used;
+		char *text() { return reinterpret_cast<char *>(this + 1); }
+	};
+
 	KeptText() = default;
 	KeptText(const KeptText &) = delete;
 	KeptText &operator=(const KeptText &) = delete;
@@ -37,44 +45,14 @@ public:
 	}
 	// The last line isn't ended by a newline in the file.
 	void set_open() { open_ = true; }
+	bool is_open() const { return open_; }
 
-	// Gives the text to a selection, in blocks of its size.
-	ostrel_error_t give(LineSelection *selection)
-	{
-		for (Chunk *chunk = first_; chunk != nullptr; chunk = chunk->next) {
-			char *begin = chunk->text();
-			char *chunk_end = begin + chunk->used;
-			while (begin < chunk_end) {
-				char *end = block_end(begin, chunk_end);
-				bool last = end == chunk_end && chunk == last_;
-				if (ostrel_error_t bad = selection->take({begin, end, 0, open_ && last}))
-					return bad;
-				begin = end;
-			}
-		}
-		return OSTREL_SUCCESS;
-	}
+	Chunk *first() const { return first_; }
 
 private:
-	struct Chunk {
-		Chunk *next;
-		size_t size;
-		size_t used;
-		char *text() { return reinterpret_cast<char *>(this + 1); }
-	};
 	static constexpr size_t huge_page = 2 << 20;
 
 	ostrel_error_t add_chunk(size_t length);
-
-	// No line is longer than a block.
-	static char *block_end(char *begin, char *end)
-	{
-		if (end - begin <= OSTREL_BLOCK_SIZE)
-			return end;
-		size_t longest = OSTREL_BLOCK_SIZE + OSTREL_LINE_MAX;
-		size_t window = static_cast<size_t>(end - begin) < longest ? static_cast<size_t>(end - begin) : longest;
-		return static_cast<char *>(memrchr(begin, '\n', window)) + 1;
-	}
 
 	Chunk *first_ = nullptr;
 	Chunk *last_ = nullptr;
@@ -105,55 +83,42 @@ ostrel_error_t KeptText::add_chunk(size_t length)
 	return OSTREL_SUCCESS;
 }
 
-// Keeps the selected lines.
-class TextSink final : public LineSink {
+// Goes through kept text in blocks of the size of a file's.
+class KeptBlocks {
 public:
-	explicit TextSink(KeptText *text) : text_(text) {}
+	explicit KeptBlocks(const KeptText &text) : text_(text), chunk_(text.first()) {}
 
-	ostrel_error_t plain_line(ostrel_fields *fields, const char *newline) override
+	// False: there are no more.
+	bool next(ostrel_block *block)
 	{
-		return keep(fields->begin, newline);
-	}
-	ostrel_error_t odd_line(const char *line, const char *newline, attrlist_t *, attrlist_t *) override
-	{
-		return keep(line, newline);
+		if (chunk_ == nullptr)
+			return false;
+		block->begin = chunk_->text() + done_;
+		block->end = block_end(block->begin, chunk_->text() + chunk_->used);
+		block->offset = 0;
+		done_ += static_cast<size_t>(block->end - block->begin);
+		if (done_ == chunk_->used) {
+			chunk_ = chunk_->next;
+			done_ = 0;
+		}
+		block->open = text_.is_open() && chunk_ == nullptr;
+		return true;
 	}
 
 private:
-	ostrel_error_t keep(const char *line, const char *newline)
+	// No line is longer than a block.
+	static char *block_end(char *begin, char *end)
 	{
-		size_t length = static_cast<size_t>(newline + 1 - line);
-		if (length > OSTREL_LINE_MAX)
-			text_->set_open(); // only without its newline was it short enough
-		return text_->append(line, length);
+		if (end - begin <= OSTREL_BLOCK_SIZE)
+			return end;
+		size_t longest = OSTREL_BLOCK_SIZE + OSTREL_LINE_MAX;
+		size_t window = static_cast<size_t>(end - begin) < longest ? static_cast<size_t>(end - begin) : longest;
+		return static_cast<char *>(memrchr(begin, '\n', window)) + 1;
 	}
 
-	KeptText *text_;
-};
-
-// Makes each object and has it visited.
-class VisitSink final : public LineSink {
-public:
-	VisitSink(ostrel_visit_t *visit, void *arg) : visit_(visit), arg_(arg) {}
-
-	ostrel_error_t plain_line(ostrel_fields *fields, const char *) override
-	{
-		AttrList object;
-		if (ostrel_error_t bad = ostrel_make_object(fields, true, object.out()))
-			return SETERROR(bad);
-		return visit_(object.get(), arg_);
-	}
-	ostrel_error_t odd_line(const char *, const char *, attrlist_t *idlist, attrlist_t *props) override
-	{
-		AttrList object;
-		if (ostrel_error_t bad = ostrel_object_create(idlist, props, object.out()))
-			return SETERROR(bad);
-		return visit_(object.get(), arg_);
-	}
-
-private:
-	ostrel_visit_t *visit_;
-	void *arg_;
+	const KeptText &text_;
+	KeptText::Chunk *chunk_;
+	size_t done_ = 0; // bytes of the chunk
 };
 
 // Every line of the file, not looked at yet.
@@ -175,8 +140,19 @@ static ostrel_error_t keep_all(int fd, KeptText *text)
 
 static ostrel_error_t keep_selected(int fd, ostrel_db_t db, attrlist_t *idlist, bool exact, KeptText *text)
 {
-	TextSink sink(text);
-	return LineSelection(db, idlist, exact, &sink).read(fd);
+	BlockReader reader(fd, LongLines::Drop);
+	LineSelection selection(db, idlist, exact);
+	for (SelectedLine line;;) {
+		ostrel_error_t bad = selection.next(&reader, &line);
+		if (bad != OSTREL_SUCCESS || !line.found())
+			return bad;
+		size_t length = static_cast<size_t>(line.newline + 1 - line.begin);
+		if (length > OSTREL_LINE_MAX)
+			text->set_open(); // only without its newline was it short enough
+		bad = text->append(line.begin, length);
+		if (bad != OSTREL_SUCCESS)
+			return bad;
+	}
 }
 
 // The text of the lines that are selected, and perhaps of others.
@@ -194,13 +170,38 @@ static ostrel_error_t keep_text(ostrel_db_t db, attrlist_t *idlist, bool exact, 
 	return everything ? keep_all(file.get(), text) : keep_selected(file.get(), db, idlist, exact, text);
 }
 
+static ostrel_error_t visit_line(SelectedLine *line, ostrel_visit_t *visit, void *arg)
+{
+	AttrList object;
+	ostrel_error_t bad = line->is_fast()
+				 ? ostrel_make_object(line->fields, true, object.out())
+				 : ostrel_object_create(line->idlist.get(), line->props.get(), object.out());
+	return bad == OSTREL_SUCCESS ? visit(object.get(), arg) : SETERROR(bad);
+}
+
+static ostrel_error_t visit_text(ostrel_db_t db, const KeptText &text, ostrel_visit_t *visit, void *arg)
+{
+	LineSelection all(db, nullptr, false);
+	KeptBlocks blocks(text);
+	for (ostrel_block block; blocks.next(&block);) {
+		all.begin(block);
+		for (SelectedLine line;;) {
+			if (ostrel_error_t bad = all.next_in_block(&line))
+				return bad;
+			if (!line.found())
+				break;
+			if (ostrel_error_t bad = visit_line(&line, visit, arg))
+				return bad;
+		}
+	}
+	return OSTREL_SUCCESS;
+}
+
 ostrel_error_t ostrel_visit_objects_of_file(
     ostrel_db_t db, attrlist_t *idlist, uint64_t flags, ostrel_visit_t *visit, void *arg)
 {
 	KeptText text;
 	if (ostrel_error_t bad = keep_text(db, idlist, (flags & OSTREL_FLAG_EXACT_MATCH) != 0, &text))
 		return bad;
-	VisitSink sink(visit, arg);
-	LineSelection all(db, nullptr, false, &sink);
-	return text.give(&all);
+	return visit_text(db, text, visit, arg);
 }

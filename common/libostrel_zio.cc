@@ -318,7 +318,7 @@ static int lock_inside(zfarg_t *arg)
 		return 0;
 	const zlock_arg_t &request = arg->zfarg_oparg->zfop_lockarg;
 	FileLock lock;
-	if (int error = lock.take(arg->zfarg_filename, FileLockPlace::OtherEnclave))
+	if (int error = lock.take(arg->zfarg_filename, OSTREL_ZFILE_UID))
 		return error;
 	if (lock.is_unused() && fchown(lock.fd(), OSTREL_ZFILE_UID, OSTREL_ZFILE_GID) == -1)
 		return errno;

@@ -1,0 +1,21 @@
+/*
+ * Replacing the objects of a flat file. libostrel_files.h has the rules that an update keeps.
+ */
+#ifndef LIBOSTREL_FILES_UPDATE_H
+#define LIBOSTREL_FILES_UPDATE_H
+
+#include "libostrel_impl.h"
+
+/*
+ * Writes (props given), renames (newidlist given) or removes (neither) the objects that have exactly these identifiers.
+ * Errors: OSTREL_NOT_FOUND    a rename or remove matched nothing
+ *         OSTREL_INVALID_ARG  no path; not a regular file; a line that can't be written so that it reads back
+ *         those of reading and of writing the file. The database is as it was, but for a failed sync of its directory
+ */
+ostrel_error_t ostrel_update_object_in_file(
+    ostrel_db_t db, attrlist_t *idlist, attrlist_t *newidlist, uint64_t flags, attrlist_t *props);
+
+// Replaces the file by one line for each object; NULL slots are passed over. Errors: as of an update.
+ostrel_error_t ostrel_write_objects_to_file(ostrel_db_t db, const char *dbname, attrlist_t **objs, uint_t nobjs);
+
+#endif
