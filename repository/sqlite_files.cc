@@ -15,7 +15,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "holder.h"
+#include "process.h"
 
 namespace repository {
 namespace {
