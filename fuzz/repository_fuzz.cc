@@ -31,9 +31,6 @@ public:
 		return RPY_ERROR_NONE;
 	}
 	bool writable() override { return true; }
-	uint64_t bytes() override { return 0; }
-	bool verify(std::string *) override { return true; }
-	bool copy(std::string *) override { return true; }
 
 	struct Stored {
 		uint64_t parent, version;

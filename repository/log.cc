@@ -1,14 +1,28 @@
 #include "log.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace repository {
 namespace {
+
 std::atomic<bool> to_syslog{false};
+
+__attribute__((format(printf, 2, 0))) void put(int priority, const char *format, va_list arguments)
+{
+	char text[1024];
+	(void) vsnprintf(text, sizeof(text), format, arguments);
+	if (to_syslog)
+		syslog(priority, "%s", text);
+	else
+		(void) fprintf(stderr, "cairn.configd: %s\n", text);
 }
+
+} // namespace
 
 void log_to_syslog()
 {
@@ -18,15 +32,19 @@ void log_to_syslog()
 
 void log_message(int priority, const char *format, ...)
 {
-	char text[1024];
 	va_list arguments;
 	va_start(arguments, format);
-	(void) vsnprintf(text, sizeof(text), format, arguments);
+	put(priority, format, arguments);
 	va_end(arguments);
-	if (to_syslog)
-		syslog(priority, "%s", text);
-	else
-		(void) fprintf(stderr, "cairn.configd: %s\n", text);
+}
+
+void end_daemon(const char *format, ...)
+{
+	va_list arguments;
+	va_start(arguments, format);
+	put(LOG_CRIT, format, arguments);
+	va_end(arguments);
+	_exit(EIO);
 }
 
 } // namespace repository

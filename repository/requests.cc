@@ -65,7 +65,8 @@ rpy_error_t get_status(Daemon *daemon, Reader *in, Writer *out)
 		ReadLock hold(daemon->model.lock);
 		out->u64(daemon->model.groups());
 	}
-	out->u64(daemon->store->bytes());
+	StoreFile *file = daemon->store->file();
+	out->u64(file == nullptr ? 0 : file->bytes());
 	return RPY_ERROR_NONE;
 }
 
@@ -858,12 +859,14 @@ rpy_error_t revert_snapshot(Daemon *daemon, Reader *in, Writer *)
 
 // ---- What an operator asks for ----
 
+// Both need a store in a file. Another one answers as a daemon does that doesn't know the request.
 rpy_error_t verify(Daemon *daemon, Reader *in, Writer *out)
 {
 	std::string findings;
-	if (!in->done())
+	StoreFile *file = daemon->store->file();
+	if (!in->done() || file == nullptr)
 		return RPY_ERROR_INVALID_ARGUMENT;
-	if (!daemon->store->verify(&findings))
+	if (!file->verify(&findings))
 		return RPY_ERROR_BACKEND_ACCESS;
 	out->text(findings);
 	return RPY_ERROR_NONE;
@@ -872,11 +875,12 @@ rpy_error_t verify(Daemon *daemon, Reader *in, Writer *out)
 rpy_error_t backup(Daemon *daemon, Reader *in, Writer *out)
 {
 	std::string bytes;
-	if (!in->done())
+	StoreFile *file = daemon->store->file();
+	if (!in->done() || file == nullptr)
 		return RPY_ERROR_INVALID_ARGUMENT;
-	if (!may_use(2 * daemon->store->bytes())) // SQLite's copy, and ours
+	if (!may_use(2 * file->bytes())) // SQLite's copy, and ours
 		return RPY_ERROR_NO_MEMORY;
-	if (!daemon->store->copy(&bytes))
+	if (!file->copy(&bytes))
 		return RPY_ERROR_BACKEND_ACCESS;
 	if (!make_room(out, bytes.size()))
 		return RPY_ERROR_NO_MEMORY;

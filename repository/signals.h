@@ -1,5 +1,5 @@
-// The signals that end the daemon. While it starts they end it at once, as they do by themselves: nothing is promised yet,
-// and what is half written is taken back by the next start. Once it serves they are waited for.
+// The signals that end the daemon. While it starts they end it at once, as any process: it has promised nothing yet, and
+// the next start takes back what is half written. Once it serves, its main thread waits for them.
 #ifndef REPOSITORY_SIGNALS_H
 #define REPOSITORY_SIGNALS_H
 
@@ -17,17 +17,17 @@ inline sigset_t end_signals()
 	return ends;
 }
 
-// Puts them off, for the calling thread and those that it starts meanwhile.
-class EndPutOff {
+// Defers them while it lives, for the calling thread and for those that it starts meanwhile.
+class EndDeferred {
 public:
-	EndPutOff()
+	EndDeferred()
 	{
 		const sigset_t ends = end_signals();
 		(void) pthread_sigmask(SIG_BLOCK, &ends, &before_);
 	}
-	EndPutOff(const EndPutOff &) = delete;
-	EndPutOff &operator=(const EndPutOff &) = delete;
-	~EndPutOff() { (void) pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+	EndDeferred(const EndDeferred &) = delete;
+	EndDeferred &operator=(const EndDeferred &) = delete;
+	~EndDeferred() { (void) pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
 
 private:
 	sigset_t before_;

@@ -1,9 +1,10 @@
-// SQLite's locks are ones that whoever could open the file for reading may take too: a reader's lock on the right bytes
-// would keep every update waiting, and pass for a living writer, whose journal isn't rolled back. The flock() of this
-// process keeps other daemons away, so that of SQLite's locks two kinds are heeded: those of writers, since only who may
-// write can take them, and those of root and of the daemon's user, who may be looking at the file with a tool of SQLite's.
-// The daemon's own are taken as ever, as far as they can be had: such a tool waits for them.
-#include "sqlite_files.h"
+// SQLite locks bytes of the file, and any process that could once open the file for reading can take locks of a reader on
+// them. Such a lock would keep every update waiting, and would pass for a living writer, whose journal isn't rolled back.
+// Other daemons are kept away by this process's flock(), so only two kinds of SQLite's locks count:
+//   - a writer's, which takes the right to write, and
+//   - those of root and of the daemon's user, who may look at the file with a tool of SQLite's.
+// The daemon takes its own locks as SQLite does, as far as they can be had, so that such a tool waits for it.
+#include "sqlite_vfs.h"
 
 #include <atomic>
 #include <cerrno>
@@ -30,10 +31,10 @@ std::atomic<int> held{-1};
 
 // ---- Opening ----
 
-// Opens a regular file or a directory, and nothing that waits for another process or acts by being opened.
+// Opens a regular file or a directory, and nothing that waits for another process or acts when it is opened.
 int open_plain(const char *path, int flags, int mode)
 {
-	if (strcmp(path, "/dev/urandom") == 0) // where SQLite's random numbers come from
+	if (strcmp(path, "/dev/urandom") == 0) // SQLite's source of random numbers
 		return open(path, flags, mode);
 	const int file = open(path, flags | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, mode);
 	struct stat kind;
@@ -64,7 +65,7 @@ Lock lock_on(int file, off_t begin, off_t size)
 	return {lock.l_type, lock.l_pid};
 }
 
-// A lock that keeps this process from what it wants, and counts. No other lies beside a writer's.
+// The lock that keeps this process from its own, if it counts. Beside a writer's lock there is no other.
 bool heeded_lock(int file, Lock *found)
 {
 	constexpr std::pair<off_t, off_t> places[] = {
@@ -126,7 +127,7 @@ int register_files()
 
 } // namespace
 
-const char *sqlite_files(int file)
+const char *sqlite_vfs(int file)
 {
 	static const int registered = register_files();
 	held = file;
