@@ -13,7 +13,15 @@
 #ifndef TESTS_SYSCALL_FAULT_H
 #define TESTS_SYSCALL_FAULT_H
 
+#include <csignal>
 #include <cstddef>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "child.h"
+#include "scratch.h"
 
 class FailNth {
 public:
@@ -66,5 +74,60 @@ public:
 	Shared *shared_;
 	FailNth *outer_; // faults may be nested: each counts by itself
 };
+
+// What an operation meets in a sweep: a call that fails with `error`, for which it gives `result`; or a kill before the call.
+struct Fault {
+	FailNth::Call call;
+	int error; // 0: a kill
+	int result = 0;
+};
+
+// One round of a sweep: which of the fault's calls was hit, if it was, and what the operation gave.
+struct Round {
+	const Fault *fault;
+	int nth;
+	bool hit;
+	int result;
+	bool is(FailNth::Call call) const { return hit && fault->call == call; }
+};
+
+// Runs an operation with each fault of a table at its first call, its second, and so on, until it runs through.
+//   prepare()             makes what the operation works on, before each round
+//   operation(subject)    gives a result; only here calls fail. Where they kill, it runs in a process of its own
+//   check(subject, round) looks at what is there now
+// No round may leave a descriptor. Gives the number of hits, so that a sweep can't pass by meeting nothing.
+template <typename Prepare, typename Operation, typename Check>
+int sweep_faults(const std::vector<Fault> &faults, Prepare prepare, Operation operation, Check check)
+{
+	int hits = 0;
+	for (const Fault &fault : faults) {
+		for (int nth = 1; nth < 1000; nth++) {
+			SCOPED_TRACE("call " + std::to_string(fault.call) + ", number " + std::to_string(nth) +
+				     ", error " + std::to_string(fault.error));
+			auto subject = prepare();
+			const int descriptors = open_descriptors();
+			Round round = {&fault, nth, false, 0};
+			if (fault.error == 0) {
+				const int status = in_child([&] {
+					FailNth fatal(fault.call, nth, FailNth::Kill);
+					return operation(subject);
+				});
+				round.hit = status == 1000 + SIGKILL;
+				round.result = round.hit ? 0 : status;
+			} else {
+				FailNth armed(fault.call, nth, fault.error);
+				round.result = operation(subject);
+				armed.stop();
+				round.hit = armed.fired();
+			}
+			EXPECT_EQ(open_descriptors(), descriptors);
+			check(subject, round);
+			hits += round.hit ? 1 : 0;
+			if (!round.hit || testing::Test::HasFailure())
+				break;
+		}
+	}
+	return hits;
+}
 
 #endif

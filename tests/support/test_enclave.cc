@@ -27,53 +27,6 @@ static void must(bool ok, const char *what)
 	abort();
 }
 
-int in_child(const std::function<int()> &body)
-{
-	fflush(nullptr);
-	struct sigaction usual = {}, before = {};
-	usual.sa_handler = SIG_DFL;
-	must(sigaction(SIGCHLD, &usual, &before) == 0, "sigaction");
-	pid_t pid = fork();
-	must(pid >= 0, "fork");
-	if (pid == 0) {
-		int status = body();
-		fflush(nullptr);
-		_exit(status);
-	}
-	int status;
-	must(waitpid(pid, &status, 0) == pid, "waitpid");
-	must(sigaction(SIGCHLD, &before, nullptr) == 0, "sigaction");
-	return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-}
-
-StayingChild::StayingChild(const std::function<bool()> &begin)
-{
-	int ready[2];
-	must(pipe2(ready, O_CLOEXEC) == 0, "pipe");
-	pid_ = fork();
-	must(pid_ >= 0, "fork");
-	char byte = 0;
-	if (pid_ == 0) {
-		if (!begin() || prctl(PR_SET_PDEATHSIG, SIGKILL) == -1 || write(ready[1], &byte, 1) != 1)
-			_exit(1);
-		for (;;)
-			pause();
-	}
-	close(ready[1]);
-	if (read(ready[0], &byte, 1) != 1)
-		end();
-	close(ready[0]);
-}
-
-void StayingChild::end()
-{
-	if (pid_ == 0)
-		return;
-	kill(pid_, SIGKILL);
-	(void) waitpid(pid_, nullptr, 0);
-	pid_ = 0;
-}
-
 const char *why_no_enclaves(TestEnclave::Kind kind)
 {
 	if (geteuid() != 0)

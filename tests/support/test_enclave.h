@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "child.h"
+
 #include <meridon/enclave.h>
 
 // The enclave exists as long as the object. MERIDON_ROOT points at its registry meanwhile, in the whole process; one
@@ -64,25 +66,5 @@ inline TestEnclave::Kind fullest_enclave()
 #define SKIP_WITHOUT_ENCLAVES(...)                                                                                     \
 	if (const char *why = why_no_enclaves(__VA_ARGS__))                                                            \
 	GTEST_SKIP() << why
-
-// A forked child that does something and then stays until it is ended, by its parent's end at the latest.
-class StayingChild {
-public:
-	// pid() is 0 if that fails.
-	explicit StayingChild(const std::function<bool()> &begin);
-	~StayingChild() { end(); }
-	StayingChild(const StayingChild &) = delete;
-	StayingChild &operator=(const StayingChild &) = delete;
-
-	pid_t pid() const { return pid_; }
-	void end();
-
-private:
-	pid_t pid_ = 0;
-};
-
-// Runs something in a forked child and gives its result, cut to 8 bits; 1000 and the signal's number if one ended it.
-// Works in a process that ignores SIGCHLD too.
-int in_child(const std::function<int()> &body);
 
 #endif
