@@ -1,5 +1,6 @@
 // Databases in the repository when something fails: each call to the daemon with each error, and each allocation.
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -91,7 +92,8 @@ extern "C" int __wrap_hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, 
 			usleep(100);
 		warp = stall.how == By::stop ? 1 : 0;
 		std::jthread killer([] {
-			if (stall.how == By::kill && usleep(100'000) == 0)
+			std::this_thread::sleep_for(std::chrono::milliseconds(100)); // goes on after a signal
+			if (stall.how == By::kill)
 				stall.daemon->kill();
 		});
 		return __real_hatch_call_bounded(fd, arg, seconds, reply_max);
@@ -118,6 +120,17 @@ extern "C" int __wrap__rpy_daemon_has_ended(const rpy_handle_t *handle)
 
 namespace {
 
+using Slot = std::function<ostrel_error_t(ostrel_db_t db)>;
+
+// What one round of a sweep came to, and what was there before it.
+struct Hit {
+	int nth;
+	rpy_error_t error;
+	bool fired;
+	ostrel_error_t result;
+	std::string before;
+};
+
 // With its refresh thread, so that nothing else calls from here, on a service.
 class CairnFaults : public testing::Test {
 protected:
@@ -142,11 +155,12 @@ protected:
 		return get(db, "a") + " " + get(db, "m") + " " + walk(db, "*") + walk(db, "*/*") + walk(db, "*/*/*");
 	}
 
+	template <typename Errors, typename Check>
+	int sweep(const Errors &with, const Slot &operation, Check check);
+
 	CairnDaemon here;
 	CairnDb db;
 };
-
-using Slot = std::function<ostrel_error_t(ostrel_db_t db)>;
 
 // A slot as the dispatcher calls it, without what the dispatcher makes of its result.
 ostrel_error_t update(ostrel_db_t db, const Slot &slot)
@@ -203,90 +217,82 @@ TEST_F(CairnFaults, ResultsOfTheRepositoryAreMapped)
 		EXPECT_EQ(rpy_error_to_ostrel_error(static_cast<rpy_error_t>(number)), result) << number;
 }
 
+// Runs an operation with each of these errors for its first call, its second, and so on, until it runs through.
+template <typename Errors, typename Check>
+int CairnFaults::sweep(const Errors &with, const Slot &operation, Check check)
+{
+	int hits = 0;
+	for (rpy_error_t error : with) {
+		for (int nth = 1;; nth++) {
+			SCOPED_TRACE("call " + std::to_string(nth) + ", error " + std::to_string(error));
+			fill();
+			const std::string before = all();
+			trouble = {nth, error, false, false, 0};
+			const ostrel_error_t result = update(db.get(), operation);
+			const bool fired = std::exchange(trouble, {}).fired;
+			EXPECT_EQ(resources_of(db)->nsr_refcnt, 1U);
+			EXPECT_TRUE(fired || result == OSTREL_SUCCESS);
+			check(Hit{nth, error, fired, result, before});
+			hits += fired ? 1 : 0;
+			if (!fired || HasFailure())
+				break;
+		}
+	}
+	return hits;
+}
+
 TEST_F(CairnFaults, EachFailedCallGivesItsErrorAndLeavesTheDatabaseUsable)
 {
 	int hits = 0;
 	for (const auto &operation : operations) {
-		for (rpy_error_t error : errors) {
-			for (int nth = 1;; nth++) {
-				fill();
-				const std::string before = all();
-				trouble = {nth, error, false, false, 0};
-				ostrel_error_t result = update(db.get(), operation.run);
-				const bool fired = trouble.fired;
-				trouble = {};
-				EXPECT_TRUE(result == OSTREL_SUCCESS || get(db, "new/x/y")[0] == '?');
-				const std::string what = std::string(operation.name) + ", call " + std::to_string(nth) +
-							 ", error " + std::to_string(error);
-				ASSERT_EQ(resources_of(db)->nsr_refcnt, 1U) << what;
-				if (!fired) {
-					EXPECT_EQ(result, OSTREL_SUCCESS) << what;
-					break;
-				}
-				hits++;
-				const ostrel_error_t mapped = rpy_error_to_ostrel_error(error);
-				// The first is the test of the connection, which all but a broken one pass; a name that isn't
-				// found is looked for once more, and made by a write.
-				const bool may_pass =
-				    nth == 1 || error == RPY_ERROR_NOT_FOUND || error == RPY_ERROR_DELETED;
-				EXPECT_TRUE(result == mapped || (may_pass && result == OSTREL_SUCCESS) ||
-					    (error == RPY_ERROR_NOT_FOUND && result == OSTREL_EXISTS))
-				    << what << ": " << ostrel_strerror(result);
-				if (result != OSTREL_SUCCESS) {
-					// The deepest group of a failed transaction goes, those made above it stay.
-					(void) drop(db, "new");
-					EXPECT_EQ(all(), before) << what;
-				}
+		SCOPED_TRACE(operation.name);
+		hits += sweep(errors, operation.run, [&](const Hit &hit) {
+			if (!hit.fired)
+				return;
+			// The first is the test of the connection, which all but a broken one pass; a name that isn't
+			// found is looked for once more, and made by a write.
+			const bool may_pass =
+			    hit.nth == 1 || hit.error == RPY_ERROR_NOT_FOUND || hit.error == RPY_ERROR_DELETED;
+			EXPECT_TRUE(hit.result == rpy_error_to_ostrel_error(hit.error) ||
+				    (may_pass && hit.result == OSTREL_SUCCESS) ||
+				    (hit.error == RPY_ERROR_NOT_FOUND && hit.result == OSTREL_EXISTS))
+			    << ostrel_strerror(hit.result);
+			if (hit.result != OSTREL_SUCCESS) {
+				// The deepest group of a failed transaction goes, those made above it stay.
+				EXPECT_EQ(get(db, "new/x/y")[0], '?');
+				(void) drop(db, "new");
+				EXPECT_EQ(all(), hit.before);
 			}
-		}
+		});
 	}
 	EXPECT_GT(hits, 300);
 }
 
 TEST_F(CairnFaults, AFailedRenameKeepsTheOldObjectAndNoOther)
 {
-	for (rpy_error_t error : errors) {
-		for (int nth = 1;; nth++) {
-			fill();
-			const std::string before = all();
-			trouble = {nth, error, false, false, 0};
-			ostrel_error_t result = update(db.get(), [](ostrel_db_t handle) {
-				return ostrel_rename_object_in_cairn(
-				    handle, group_of("m").get(), 0, group_of("moved:t").get());
-			});
-			const bool fired = trouble.fired;
-			trouble = {};
-			const std::string what = "call " + std::to_string(nth) + ", error " + std::to_string(error);
-			if (result == OSTREL_SUCCESS) {
-				EXPECT_EQ(get(db, "moved"), "moved:t|p=m;") << what;
-				EXPECT_EQ(get(db, "m"), "? object not found") << what;
-			} else {
-				EXPECT_EQ(all(), before) << what;
-			}
-			ASSERT_EQ(resources_of(db)->nsr_refcnt, 1U) << what;
-			if (!fired)
-				break;
+	auto rename = [](ostrel_db_t handle) {
+		return ostrel_rename_object_in_cairn(handle, group_of("m").get(), 0, group_of("moved:t").get());
+	};
+	sweep(errors, rename, [&](const Hit &hit) {
+		if (hit.result == OSTREL_SUCCESS) {
+			EXPECT_EQ(get(db, "moved"), "moved:t|p=m;");
+			EXPECT_EQ(get(db, "m"), "? object not found");
+		} else {
+			EXPECT_EQ(all(), hit.before);
 		}
-	}
+	});
 }
 
 // Taking the new object back would take along what is below it, the old one first of all.
 TEST_F(CairnFaults, ARenameWhoseRemoveFailsLosesNothingBelowTheNewName)
 {
-	for (int nth = 1;; nth++) {
-		fill();
-		AttrList from = group_of("a/b"), to = group_of("a:t");
-		trouble = {nth, RPY_ERROR_NO_MEMORY, false, false, 0};
-		const ostrel_error_t result = ostrel_db_rename(db.get(), from.get(), 0, to.get());
-		const bool fired = std::exchange(trouble, {}).fired;
-		if (!fired) {
-			EXPECT_EQ(result, OSTREL_SUCCESS);
-			EXPECT_EQ(get(db, "a"), "a:t|p=1;");
-			break;
-		}
-		EXPECT_EQ(result, OSTREL_NO_MEMORY) << nth;
-		EXPECT_EQ(get(db, "a/b"), "a/b:t/u|p=1;") << nth;
-	}
+	auto rename = [](ostrel_db_t handle) {
+		return ostrel_rename_object_in_cairn(handle, group_of("a/b").get(), 0, group_of("a:t").get());
+	};
+	sweep(std::array{RPY_ERROR_NO_MEMORY}, rename, [&](const Hit &hit) {
+		EXPECT_EQ(hit.result, hit.fired ? OSTREL_NO_MEMORY : OSTREL_SUCCESS);
+		EXPECT_EQ(get(db, hit.fired ? "a/b" : "a"), hit.fired ? "a/b:t/u|p=1;" : "a:t|p=1;");
+	});
 }
 
 void signal_often(int flags)

@@ -91,71 +91,66 @@ void expect_unchanged(const SubjectPtr &subject)
 	EXPECT_EQ(subject->out, nullptr);
 }
 
-// Sweeps an operation that succeeds, or fails with the given result and changes nothing. Gives the number of its
-// allocations, so that a case can't pass by not allocating at all.
-template <typename Operation>
-int sweep(int no_memory, Operation operation)
-{
-	return sweep_allocations([] { return make_subject(1); }, operation,
-	    [no_memory](const SubjectPtr &subject, int result, bool failed) {
-		    EXPECT_EQ(result, failed ? no_memory : 0);
-		    if (failed)
-			    expect_unchanged(subject);
-	    });
-}
+const std::string long_name(5000, 'n');
 
-template <typename Operation>
-int sweep_results(Operation operation)
-{
-	return sweep(
-	    OSTREL_NO_MEMORY, [operation](SubjectPtr &subject) { return static_cast<int>(operation(*subject)); });
-}
-
-TEST_F(CoreFaults, IdentifierLists)
-{
-	static const std::string name(5000, 'n');
-	EXPECT_GT(sweep_results([](Subject &s) { return ostrel_idlist_init(&s.out, name.c_str()); }), 1);
-	EXPECT_GT(sweep_results([](Subject &s) { return ostrel_idlist_add(s.idl.get(), "b", name.c_str()); }), 1);
-	// May fit where the list has room: that it copes is all there is to see.
-	sweep_results([](Subject &s) { return ostrel_idlist_add_enclaveid(s.idl.get(), 5); });
-}
-
-TEST_F(CoreFaults, Objects)
-{
-	EXPECT_GT(
-	    sweep_results([](Subject &s) { return ostrel_object_create(s.idl.get(), s.props.get(), &s.out); }), 1);
-	for (bool idl_wanted : {false, true}) {
-		EXPECT_GT(sweep_results([idl_wanted](Subject &s) {
-			AttrList props;
-			ostrel_error_t result =
-			    ostrel_object_get(s.objects[0].get(), idl_wanted ? &s.out : nullptr, props.out());
-			EXPECT_EQ(static_cast<bool>(props), result == OSTREL_SUCCESS);
-			return result;
-		}),
-		    1);
-	}
-	EXPECT_GT(sweep_results([](Subject &s) {
+// Operations that succeed, or lack memory and change nothing, and how many allocations each makes at least: none may pass
+// by making none at all.
+const struct {
+	const char *what;
+	int allocations;
+	ostrel_error_t (*run)(Subject &s);
+} operations[] = {
+    {"list of identifiers", 1, [](Subject &s) { return ostrel_idlist_init(&s.out, long_name.c_str()); }},
+    {"identifier", 1, [](Subject &s) { return ostrel_idlist_add(s.idl.get(), "b", long_name.c_str()); }},
+    {"enclave's id", 0, [](Subject &s) { return ostrel_idlist_add_enclaveid(s.idl.get(), 5); }}, // may fit as it is
+    {"object", 1, [](Subject &s) { return ostrel_object_create(s.idl.get(), s.props.get(), &s.out); }},
+    {"properties of an object", 1,
+	[](Subject &s) {
+		AttrList props;
+		const ostrel_error_t result = ostrel_object_get(s.objects[0].get(), nullptr, props.out());
+		EXPECT_EQ(static_cast<bool>(props), result == OSTREL_SUCCESS);
+		return result;
+	}},
+    {"both lists of an object", 1,
+	[](Subject &s) {
+		AttrList props;
+		const ostrel_error_t result = ostrel_object_get(s.objects[0].get(), &s.out, props.out());
+		EXPECT_EQ(static_cast<bool>(props), result == OSTREL_SUCCESS);
+		return result;
+	}},
+    {"list of objects", 1,
+	[](Subject &s) {
 		attrlist_t *objs[] = {s.objects[0].get(), s.objects[0].get()};
 		return ostrel_object_list_create(objs, 2, &s.out);
-	}),
-	    1);
-	EXPECT_GT(sweep_results([](Subject &s) {
+	}},
+    {"objects of a list", 2,
+	[](Subject &s) {
 		Objects objs;
 		return ostrel_object_list_get_objects(s.packed.get(), objs.out(), objs.out_count());
-	}),
-	    2);
-}
-
-TEST_F(CoreFaults, OpenFreesTheHandleWithItsBackEnd)
-{
-	EXPECT_GT(sweep_results([](Subject &) {
+	}},
+    {"open", 2,
+	[](Subject &) {
 		ostrel_db_t db = nullptr;
-		ostrel_error_t result = ostrel_db_open("x", 0, &cmds, 0, &db);
+		const ostrel_error_t result = ostrel_db_open("x", 0, &cmds, 0, &db);
 		EXPECT_EQ(db != nullptr, result == OSTREL_SUCCESS);
 		ostrel_db_close(db);
 		return result;
-	}),
-	    2);
+	}},
+};
+
+TEST_F(CoreFaults, AnOperationSucceedsOrChangesNothing)
+{
+	for (const auto &operation : operations) {
+		SCOPED_TRACE(operation.what);
+		const int rounds = sweep_allocations([] { return make_subject(1); },
+		    [&](SubjectPtr &subject) { return operation.run(*subject); },
+		    [](const SubjectPtr &subject, ostrel_error_t result, bool failed) {
+			    EXPECT_EQ(result, failed ? OSTREL_NO_MEMORY : OSTREL_SUCCESS);
+			    if (failed)
+				    expect_unchanged(subject);
+		    });
+		EXPECT_GT(rounds, operation.allocations);
+	}
 }
 
 TEST_F(CoreFaults, AReadFailsWholeOrLacksAnIdentifierAtMost)
@@ -220,7 +215,7 @@ TEST_F(CoreFaults, AWalkFailsBeforeItsFirstCallbackOrVisitsAllInOrder)
 	    });
 }
 
-TEST_F(CoreFaults, AWalkGivesEachObjectBackBehindItsCallback)
+TEST_F(CoreFaults, AWalkGivesEachObjectBackAfterItsCallback)
 {
 	SubjectPtr subject = make_subject(100);
 	long bytes = LONG_MAX;
