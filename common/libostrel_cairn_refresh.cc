@@ -1,15 +1,16 @@
-// The snapshot "running" of an instance is taken some seconds after its last update, so that a burst costs one. An update
-// notes the time; a thread of the native resources looks every few seconds.
+// The snapshot "running" of an instance is taken some seconds after its last update, so that a burst of updates costs one
+// snapshot. An update notes the time; a thread of the native resources looks every few seconds.
 #include <cstdlib>
+#include <new>
 #include <pthread.h>
-#include <unistd.h>
 
+#include "base/clock.h"
 #include "libostrel_cairn.h"
 
 namespace {
 
-// B_TRUE: some resources of this process may have an update without a snapshot. Set after the time was noted, and looked
-// at before.
+// B_TRUE: some resources of this process may have an update without a snapshot. A writer stores the time before it sets the
+// flag, and a pass reads the flag before the time, so that none is missed.
 std::atomic<boolean_t> ostrel_refresh_needed{B_FALSE};
 
 constexpr char snapshot_name[] = "running";
@@ -55,7 +56,7 @@ void ostrel_hand_refresh_on(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t 
 	ostrel_refresh_needed.store(B_TRUE);
 }
 
-// The time and the flag are set before the snapshot is taken, so that an update beside it is seen to be younger.
+// The time and the flag are set before the snapshot is taken: an update that runs at the same time counts as younger.
 void ostrel_refresh_cairn(ostrel_rpy_resources_t *res, bool force)
 {
 	if (res->nsr_issvc || !ostrel_refresh_is_pending(res))
@@ -70,14 +71,28 @@ void ostrel_refresh_cairn(ostrel_rpy_resources_t *res, bool force)
 
 // ---- The thread ----
 
-// Where the refresh threads of a database wait, and are counted. Only the one with the present number goes on; one before
-// it may still be in its last pass.
+// Where the refresh threads of a database wait, and are counted. Only the one with the present number goes on; an earlier
+// one may still be in its last pass.
 struct RefreshGate {
+	RefreshGate() { init(); }
+	~RefreshGate()
+	{
+		changed.destroy();
+		lock.destroy();
+	}
+	RefreshGate(const RefreshGate &) = delete;
+	RefreshGate &operator=(const RefreshGate &) = delete;
+	void init()
+	{
+		lock.init();
+		changed.init();
+	}
+
 	Mutex lock;
-	pthread_cond_t changed;
-	uint64_t made;    // numbers given
-	uint64_t present; // 0: none goes on
-	int threads;      // that haven't ended
+	CondVar changed;
+	uint64_t made GUARDED_BY(lock) = 0;    // numbers given
+	uint64_t present GUARDED_BY(lock) = 0; // 0: none goes on
+	int threads GUARDED_BY(lock) = 0;      // that haven't ended
 };
 
 namespace {
@@ -88,29 +103,14 @@ struct RefreshJob {
 	uint64_t number;
 };
 
-RefreshGate *make_gate()
-{
-	auto *gate = static_cast<RefreshGate *>(calloc(1, sizeof(RefreshGate)));
-	if (gate == nullptr)
-		return nullptr;
-	if (!ostrel_init_monotonic(&gate->changed)) {
-		free(gate);
-		return nullptr;
-	}
-	gate->lock.init();
-	return gate;
-}
-
 // Sleeps until the next pass. False if this thread is to end.
 bool wait_for_pass(const RefreshJob &job)
 {
 	RefreshGate *gate = job.gate;
-	struct timespec end = {};
-	(void) clock_gettime(CLOCK_MONOTONIC, &end);
-	end.tv_sec += OSTREL_REFRESH_PERIOD;
+	const int64_t end = now_ns() + OSTREL_REFRESH_PERIOD * second_ns;
 	MutexLock lock(gate->lock);
-	for (bool waited = true; waited && gate->present == job.number;)
-		waited = pthread_cond_timedwait(&gate->changed, &gate->lock.raw, &end) == 0;
+	while (gate->present == job.number && gate->changed.wait_until(gate->lock, end))
+		continue;
 	return gate->present == job.number;
 }
 
@@ -118,14 +118,14 @@ void leave(RefreshGate *gate)
 {
 	MutexLock lock(gate->lock);
 	gate->threads--;
-	(void) pthread_cond_broadcast(&gate->changed);
+	gate->changed.notify_all();
 }
 
-// The resources of the next enclave behind `after`, with a hold: the list may change at any time but under the lock.
+// The resources of the next enclave after `after`, with a hold, so that the list may change between two steps.
 ostrel_rpy_resources_t *hold_next(
-    ostrel_db_t db, const ostrel_rpy_resources_t *native, const ostrel_rpy_resources_t *after)
+    ostrel_db_t db, const ostrel_rpy_resources_t *native, const ostrel_rpy_resources_t *after) EXCLUDES(rpy_lock)
 {
-	MutexLock lock(db->db_privlock);
+	RpyLock lock(db);
 	for (auto *entry = native->nsr_enclave_resources; entry != nullptr; entry = entry->nsr_enclave_node) {
 		if (after == nullptr || cmp_resources_by_enclaveid(entry, after) > 0) {
 			entry->nsr_refcnt++;
@@ -156,8 +156,8 @@ bool pass(ostrel_db_t db)
 // Whether anything of this database waits for its snapshot: one that another database took has reset the flag.
 bool is_waiting(ostrel_db_t db)
 {
-	MutexLock lock(db->db_privlock);
-	auto *native = static_cast<ostrel_rpy_resources_t *>(ostrel_db_get_priv(db));
+	RpyLock lock(db);
+	ostrel_rpy_resources_t *native = ostrel_native_rpy_resources(db);
 	if (native == nullptr || ostrel_refresh_is_pending(native))
 		return native != nullptr;
 	ostrel_rpy_resources_t *entry = native->nsr_enclave_resources;
@@ -183,7 +183,7 @@ void *ostrel_refresh_cairn_thread(void *arg)
 void ostrel_start_refresh(ostrel_rpy_resources_t *res, const ostrel_rpy_resources_t *before)
 {
 	RefreshGate *gate = before != nullptr ? before->nsr_gate : nullptr;
-	res->nsr_gate = gate != nullptr ? gate : gate = make_gate();
+	res->nsr_gate = gate != nullptr ? gate : gate = new (std::nothrow) RefreshGate;
 	Heap<RefreshJob> job(static_cast<RefreshJob *>(malloc(sizeof(RefreshJob))));
 	if (gate == nullptr || !job)
 		return;
@@ -196,7 +196,7 @@ void ostrel_start_refresh(ostrel_rpy_resources_t *res, const ostrel_rpy_resource
 	gate->present = number;
 	gate->threads++;
 	res->nsr_refresh_thread = number;
-	(void) pthread_cond_broadcast(&gate->changed); // for the one before
+	gate->changed.notify_all(); // the thread before ends
 }
 
 void ostrel_stop_refresh(ostrel_rpy_resources_t *res)
@@ -205,7 +205,7 @@ void ostrel_stop_refresh(ostrel_rpy_resources_t *res)
 	MutexLock lock(gate->lock);
 	if (gate->present == res->nsr_refresh_thread)
 		gate->present = 0;
-	(void) pthread_cond_broadcast(&gate->changed);
+	gate->changed.notify_all();
 }
 
 void ostrel_close_refresh(RefreshGate *gate)
@@ -213,30 +213,25 @@ void ostrel_close_refresh(RefreshGate *gate)
 	if (gate == nullptr)
 		return;
 	MutexLock lock(gate->lock);
-	// A pass that replaces the resources starts another thread, which is told to end here, too.
+	// A pass that replaces the resources starts another thread, which has to end here, too.
 	while (gate->threads > 0) {
 		gate->present = 0;
-		(void) pthread_cond_broadcast(&gate->changed);
-		(void) pthread_cond_wait(&gate->changed, &gate->lock.raw);
+		gate->changed.notify_all();
+		gate->changed.wait(gate->lock);
 	}
 }
 
-// To the child its parent's threads wait at the gate for ever, and whoever wakes them may wait for them.
-void ostrel_renew_refresh_gate(RefreshGate *gate)
+// To the child, the threads of its parent wait at the gate for ever.
+void ostrel_renew_refresh_gate(RefreshGate *gate) NO_THREAD_SAFETY_ANALYSIS
 {
 	if (gate == nullptr)
 		return;
-	gate->lock.init();
-	(void) ostrel_init_monotonic(&gate->changed); // it went well before, and takes no memory
+	gate->init();
 	gate->present = 0;
 	gate->threads = 0;
 }
 
 void ostrel_free_refresh_gate(RefreshGate *gate)
 {
-	if (gate == nullptr)
-		return;
-	(void) pthread_cond_destroy(&gate->changed);
-	gate->lock.destroy();
-	free(gate);
+	delete gate;
 }

@@ -374,7 +374,7 @@ TEST_F(Enclaves, TheEnclavesOwnDaemonIsUsedWhereItIsUpAndItsResourcesKept)
 	ASSERT_EQ(ostrel_db_write(db.get(), in_enclave("where").get(), 0, props_of("p=enclave").get()), OSTREL_SUCCESS);
 	{
 		ostrel_rpy_resources_t *res = nullptr;
-		MutexLock lock(db->db_privlock);
+		RpyLock lock(db.get());
 		ASSERT_EQ(ostrel_create_rpy_resources(db.get(), &res), OSTREL_SUCCESS);
 	}
 	EXPECT_EQ(resources_of(db)->nsr_enclave_resources, kept) << "an update waits there for its snapshot";
@@ -552,7 +552,7 @@ TEST_F(Enclaves, APrivateDaemonThatNewResourcesFindIsTheirs)
 	ASSERT_EQ(resources_of(db)->nsr_private_configd_pid, daemon);
 	{
 		ostrel_rpy_resources_t *res = nullptr;
-		MutexLock lock(db->db_privlock);
+		RpyLock lock(db.get());
 		ASSERT_EQ(ostrel_create_rpy_resources(db.get(), &res), OSTREL_SUCCESS);
 	}
 	EXPECT_EQ(resources_of(db)->nsr_private_configd_pid, daemon);

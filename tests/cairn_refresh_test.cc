@@ -168,7 +168,7 @@ TEST_F(Refresh, WhatWaitedOnABrokenConnectionIsTakenOnTheNext)
 TEST_F(Refresh, ACloseWaitsForAPassThatIsUnderWay)
 {
 	ASSERT_EQ(put(db, "g:t", "p=a"), OSTREL_SUCCESS);
-	ASSERT_EQ(kill(here.daemon.pid(), SIGSTOP), 0);
+	here.daemon.freeze();
 	wall_clock += 5;
 	usleep(some_passes);
 	std::atomic<bool> closed{false};
@@ -178,7 +178,7 @@ TEST_F(Refresh, ACloseWaitsForAPassThatIsUnderWay)
 	});
 	usleep(some_passes);
 	EXPECT_FALSE(closed);
-	ASSERT_EQ(kill(here.daemon.pid(), SIGCONT), 0);
+	here.daemon.go_on();
 	closing.join();
 	EXPECT_EQ(running(), "a");
 }
@@ -248,7 +248,7 @@ TEST_F(Refresh, AForkedChildWaitsForNoLockThatItsParentsThreadHeld)
 	{
 		MutexLock lock(db->db_privlock); // no pass finds no daemon at all
 		here.restart();
-		ASSERT_EQ(kill(here.daemon.pid(), SIGSTOP), 0);
+		here.daemon.freeze();
 		wall_clock += 10;
 	}
 	bool held = false;
@@ -263,7 +263,7 @@ TEST_F(Refresh, AForkedChildWaitsForNoLockThatItsParentsThreadHeld)
 	if (child == 0) {
 		(void) signal(SIGALRM, SIG_DFL);
 		alarm(20);
-		(void) kill(here.daemon.pid(), SIGCONT);
+		here.daemon.go_on();
 		const bool reads = get(db, "g") == "g:t|p=1;";
 		db.reset();
 		_exit(reads ? 0 : 1);
@@ -271,7 +271,7 @@ TEST_F(Refresh, AForkedChildWaitsForNoLockThatItsParentsThreadHeld)
 	int status;
 	ASSERT_EQ(waitpid(child, &status, 0), child);
 	EXPECT_EQ(status, 0);
-	(void) kill(here.daemon.pid(), SIGCONT);
+	here.daemon.go_on();
 }
 
 TEST_F(Refresh, AForkedChildHasAPoolOfItsOwn)

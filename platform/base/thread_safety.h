@@ -71,11 +71,12 @@ struct CondVar {
 	}
 	void destroy() { (void) pthread_cond_destroy(&raw); }
 	void wait(Mutex &mutex) REQUIRES(mutex) { (void) pthread_cond_wait(&raw, &mutex.raw); }
-	void wait_until(Mutex &mutex, int64_t end_ns) REQUIRES(mutex)
+	// False: `end_ns` has come.
+	bool wait_until(Mutex &mutex, int64_t end_ns) REQUIRES(mutex)
 	{
 		constexpr int64_t second = 1000000000;
 		const timespec end = {static_cast<time_t>(end_ns / second), static_cast<long>(end_ns % second)};
-		(void) pthread_cond_timedwait(&raw, &mutex.raw, &end);
+		return pthread_cond_timedwait(&raw, &mutex.raw, &end) == 0;
 	}
 	void notify_one() { (void) pthread_cond_signal(&raw); }
 	void notify_all() { (void) pthread_cond_broadcast(&raw); }

@@ -98,6 +98,30 @@ void Repository::kill()
 	end(SIGKILL);
 }
 
+static bool is_stopped(pid_t pid)
+{
+	const std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
+	for (const std::string &task : entries_of(tasks)) {
+		const std::string text = file_text(tasks + task + "/stat");
+		const size_t state = text.rfind(") ");
+		if (state == text.npos || text[state + 2] != 'T')
+			return false;
+	}
+	return true;
+}
+
+void Repository::freeze()
+{
+	(void) ::kill(pid_, SIGSTOP);
+	while (!is_stopped(pid_))
+		usleep(200);
+}
+
+void Repository::go_on()
+{
+	(void) ::kill(pid_, SIGCONT);
+}
+
 Stranger::Stranger(const std::string &file, Lock lock, bool outlives)
 {
 	int ends[2];

@@ -27,6 +27,9 @@ public:
 	int start(const std::string &hatch_name = "hatch", std::string *output = nullptr);
 	void stop(); // with SIGTERM; returns when it has gone
 	void kill(); // with SIGKILL
+	// Stops it with SIGSTOP; returns when all its threads stand still. It goes on after go_on().
+	void freeze();
+	void go_on();
 	pid_t pid() const { return pid_; }
 
 	std::string hatch(const std::string &name = "hatch") const { return place.path(name); }
