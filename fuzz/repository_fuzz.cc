@@ -75,8 +75,9 @@ bool always()
 }
 
 // What is in memory and stays is what the store has.
-void compare(const Daemon &daemon, const StrictStore &store)
+void compare(Daemon &daemon, const StrictStore &store)
 {
+	ReadLock hold(daemon.model.lock);
 	size_t kept = 0;
 	for (Node *service : daemon.model.services())
 		for (const Node *node : Model::tree(service)) {

@@ -13,7 +13,7 @@ char folded(char c)
 	return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
 }
 
-size_t name_key(const Node *parent, Parent kind, std::string_view name)
+size_t name_key(const Node *parent, NodeKind kind, std::string_view name)
 {
 	uint64_t hash = 14695981039346656037U ^ (parent == nullptr ? 0 : parent->id * 31) ^ static_cast<uint64_t>(kind);
 	for (char c : name)
@@ -21,21 +21,27 @@ size_t name_key(const Node *parent, Parent kind, std::string_view name)
 	return hash;
 }
 
-void put_by_id(std::vector<Node *> *list, Node *node)
+void insert_by_id(std::vector<Node *> *list, Node *node)
 {
-	auto place = std::upper_bound(
+	const auto at = std::upper_bound(
 	    list->begin(), list->end(), node->id, [](uint64_t id, const Node *other) { return id < other->id; });
-	list->insert(place, node);
+	list->insert(at, node);
 }
 
-void take_by_id(std::vector<Node *> *list, const Node *node)
+void erase_by_id(std::vector<Node *> *list, const Node *node)
 {
-	auto place = std::lower_bound(
+	const auto at = std::lower_bound(
 	    list->begin(), list->end(), node->id, [](const Node *other, uint64_t id) { return other->id < id; });
-	list->erase(place);
+	list->erase(at);
 }
 
-// Where the ids of what ends with the daemon begin: behind all that a store has, at a place of each daemon's own. So no
+bool same_without_case(std::string_view one, std::string_view other)
+{
+	return std::equal(
+	    one.begin(), one.end(), other.begin(), other.end(), [](char a, char b) { return folded(a) == folded(b); });
+}
+
+// Where the ids of what ends with the daemon begin: above all that a store has, at a random place of each daemon's own. So no
 // later daemon uses one again, though none of them is written down.
 uint64_t first_passing_id()
 {
@@ -47,19 +53,12 @@ uint64_t first_passing_id()
 
 } // namespace
 
-bool same_without_case(std::string_view one, std::string_view other)
-{
-	return std::equal(
-	    one.begin(), one.end(), other.begin(), other.end(), [](char a, char b) { return folded(a) == folded(b); });
-}
-
 Model::Model() : next_passing_(first_passing_id())
 {
 	Version none;
 	uint32_t count = 0;
 	none.properties.assign(reinterpret_cast<const char *>(&count), sizeof(count));
 	empty_ = std::make_shared<const Version>(std::move(none));
-	// Readers that keep coming don't keep an update from taking effect.
 	pthread_rwlockattr_t attributes;
 	(void) pthread_rwlockattr_init(&attributes);
 	(void) pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
@@ -73,13 +72,13 @@ Node *Model::find(uint64_t id) const
 	return found == nodes_.end() ? nullptr : found->second.get();
 }
 
-Node *Model::find(Parent kind, uint64_t id) const
+Node *Model::find(NodeKind kind, uint64_t id) const
 {
 	Node *node = find(id);
 	return node != nullptr && node->kind == kind ? node : nullptr;
 }
 
-Node *Model::child(const Node *parent, Parent kind, std::string_view name) const
+Node *Model::child(const Node *parent, NodeKind kind, std::string_view name) const
 {
 	auto [at, end] = names_.equal_range(name_key(parent, kind, name));
 	for (; at != end; ++at)
@@ -88,7 +87,7 @@ Node *Model::child(const Node *parent, Parent kind, std::string_view name) const
 	return nullptr;
 }
 
-std::vector<Node *> Model::children_without_case(const Node *parent, Parent kind, std::string_view name) const
+std::vector<Node *> Model::children_without_case(const Node *parent, NodeKind kind, std::string_view name) const
 {
 	std::vector<Node *> found;
 	auto [at, end] = names_.equal_range(name_key(parent, kind, name));
@@ -106,12 +105,12 @@ void Model::add(std::unique_ptr<Node> owned)
 	nodes_.emplace(node->id, std::move(owned));
 	names_.emplace(name_key(node->parent, node->kind, node->name), node);
 	if (node->parent == nullptr)
-		put_by_id(&services_, node);
+		insert_by_id(&services_, node);
 	else
-		put_by_id(node->is_group() ? &node->parent->groups : &node->parent->members, node);
-	groups_ += node->kind == Parent::group ? 1 : 0;
+		insert_by_id(node->is_group() ? &node->parent->groups : &node->parent->members, node);
+	groups_ += node->kind == NodeKind::group ? 1 : 0;
 	if (node->version && node->stored())
-		const_cast<Version *>(node->version.get())->nodes++;
+		node->version->holders++;
 }
 
 void Model::unlink(Node *node)
@@ -123,12 +122,12 @@ void Model::unlink(Node *node)
 			break;
 		}
 	if (node->parent == nullptr)
-		take_by_id(&services_, node);
+		erase_by_id(&services_, node);
 	else
-		take_by_id(node->is_group() ? &node->parent->groups : &node->parent->members, node);
-	groups_ -= node->kind == Parent::group ? 1 : 0;
+		erase_by_id(node->is_group() ? &node->parent->groups : &node->parent->members, node);
+	groups_ -= node->kind == NodeKind::group ? 1 : 0;
 	if (node->version && node->stored())
-		const_cast<Version *>(node->version.get())->nodes--;
+		node->version->holders--;
 }
 
 void Model::remove(Node *node)
@@ -144,8 +143,8 @@ void Model::remove(Node *node)
 void Model::set_version(Node *node, std::shared_ptr<const Version> version)
 {
 	if (node->stored()) {
-		const_cast<Version *>(node->version.get())->nodes--;
-		const_cast<Version *>(version.get())->nodes++;
+		node->version->holders--;
+		version->holders++;
 	}
 	node->version = std::move(version);
 }

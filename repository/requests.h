@@ -1,28 +1,16 @@
 // What the daemon answers. A request is untrusted bytes; whatever it holds, the answer is one reply.
+//
+// requests_read.cc, requests_list.cc and requests_update.cc take the requests apart and fill the replies; requests.cc has the
+// table of these handlers, and finds a request's. Which request needs which right stands in rpy/requests.h.
 #ifndef REPOSITORY_REQUESTS_H
 #define REPOSITORY_REQUESTS_H
 
-#include <memory>
-#include <string>
+#include <string_view>
 
-#include "model.h"
-#include "store.h"
-#include "updates.h"
+#include "daemon.h"
+#include "rpy/wire.h"
 
 namespace repository {
-
-struct Daemon {
-	explicit Daemon(std::string path, std::unique_ptr<Store> its_store)
-	    : file(std::move(path)), store(std::move(its_store)), updates(&model, store.get())
-	{}
-	// Reads the store.
-	Failure load();
-
-	const std::string file;
-	Model model;
-	const std::unique_ptr<Store> store;
-	Updates updates;
-};
 
 // Answers one request. `modify` and `read` tell whether the caller may; they are asked when it matters.
 void answer(Daemon *daemon, std::string_view request, bool (*read)(), bool (*modify)(), rpy::Writer *reply);

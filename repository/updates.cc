@@ -3,6 +3,28 @@
 #include <new>
 
 namespace repository {
+namespace {
+
+// How often a batch is prepared while others keep being faster.
+constexpr int tries_max = 16;
+
+bool touches(const UpdateList &batch, uint64_t group)
+{
+	for (const Update *update = batch.first(); update != nullptr; update = update->next)
+		if (update->group == group)
+			return true;
+	return false;
+}
+
+// Ends those that would have taken effect.
+void refuse(const UpdateList &batch, rpy_error_t error)
+{
+	for (Update *update = batch.first(); update != nullptr; update = update->next)
+		if (update->takes_effect())
+			update->error = error;
+}
+
+} // namespace
 
 void UpdateList::push(Update *update)
 {
@@ -20,19 +42,7 @@ Update *UpdateList::take(Update **at)
 	return taken;
 }
 
-namespace {
-
-bool touches(const UpdateList &batch, uint64_t group)
-{
-	for (const Update *update = batch.first(); update != nullptr; update = update->next)
-		if (update->group == group)
-			return true;
-	return false;
-}
-
-} // namespace
-
-// The updates at the head of the queue that can go together. One that touches anything goes alone.
+// Takes the updates at the head of the queue that can share a commit. One that may change anything goes alone.
 void Updates::next_batch(UpdateList *batch)
 {
 	for (Update **at = waiting_.begin(); *at != nullptr;) {
@@ -49,49 +59,60 @@ void Updates::next_batch(UpdateList *batch)
 	}
 }
 
-void Updates::carry_out(const UpdateList &batch) noexcept
+Rows Updates::prepare(const UpdateList &batch)
 {
 	Rows rows;
-	try {
-		for (Update *update = batch.first(); update != nullptr; update = update->next) {
-			size_t before = rows.size();
-			update->error = update->prepare(&rows);
-			if (update->error != RPY_ERROR_NONE || update->nothing)
-				rows.resize(before, Row{Row::What::put_node, 0});
-		}
-	} catch (const std::bad_alloc &) {
-		for (Update *update = batch.first(); update != nullptr; update = update->next)
-			update->error = RPY_ERROR_NO_MEMORY;
-		return;
+	model_->look_as_leader();
+	for (Update *update = batch.first(); update != nullptr; update = update->next) {
+		const size_t before = rows.size();
+		update->nothing = false;
+		update->error = update->prepare(*model_, &rows);
+		if (!update->takes_effect())
+			rows.erase(rows.begin() + static_cast<ptrdiff_t>(before), rows.end());
 	}
-	rpy_error_t error = rows.empty() ? RPY_ERROR_NONE : store_->commit(rows, model_->next_id()).error;
-	for (Update *update = batch.first(); update != nullptr; update = update->next)
-		if (update->error == RPY_ERROR_NONE && !update->nothing)
-			update->error = error;
-	if (error != RPY_ERROR_NONE)
-		return;
+	return rows;
+}
+
+void Updates::carry_out(const UpdateList &batch) noexcept
+{
+	Committed made;
+	for (int tries = 0; tries == 0 || (made.is_stale && tries < tries_max); tries++) {
+		Rows rows;
+		try {
+			rows = prepare(batch);
+		} catch (const std::bad_alloc &) {
+			for (Update *update = batch.first(); update != nullptr; update = update->next)
+				update->error = RPY_ERROR_NO_MEMORY;
+			return;
+		}
+		made = rows.empty() ? Committed() : store_->commit(rows, model_->next_id());
+	}
+	if (made.error != RPY_ERROR_NONE)
+		return refuse(batch, made.error);
 	WriteLock hold(model_->lock);
 	for (Update *update = batch.first(); update != nullptr; update = update->next)
-		if (update->error == RPY_ERROR_NONE && !update->nothing)
-			update->apply();
+		if (update->takes_effect())
+			update->apply(*model_, made);
 }
 
 rpy_error_t Updates::run(Update *update)
 {
-	std::unique_lock<std::mutex> hold(lock_);
+	MutexLock hold(lock_);
 	waiting_.push(update);
 	while (!update->done) {
-		if (leading_) {
-			changed_.wait(hold);
+		if (is_led_) {
+			changed_.wait(lock_);
 			continue;
 		}
-		leading_ = true;
+		is_led_ = true;
 		UpdateList batch;
 		next_batch(&batch);
-		hold.unlock();
-		carry_out(batch);
-		hold.lock();
-		leading_ = false;
+		{
+			Unlocked others(lock_);
+			InRole leading(model_->leader);
+			carry_out(batch);
+		}
+		is_led_ = false;
 		for (Update *done = batch.first(); done != nullptr; done = done->next)
 			done->done = true; // its memory is its thread's again once the lock is free
 		changed_.notify_all();

@@ -18,33 +18,41 @@ namespace {
 
 using namespace repository;
 
-// Takes every commit, and keeps none.
-class NoStore : public Store {
+// Keeps nothing. It takes every commit, unless a test answers in its place.
+class FakeStore : public Store {
 public:
 	Failure open(const Loader &, uint64_t *) override { return {}; }
 	Committed commit(const Rows &rows, uint64_t) override
 	{
-		rows_seen += rows.size();
-		return RPY_ERROR_NONE;
+		rows_seen = rows.size();
+		commits++;
+		return answers ? answers(rows) : RPY_ERROR_NONE;
 	}
 	bool writable() override { return true; }
-	size_t rows_seen = 0;
+
+	std::function<Committed(const Rows &rows)> answers;
+	size_t rows_seen = 0; // of the last commit
+	int commits = 0;
+};
+
+struct OneRow : Update {
+	explicit OneRow(uint64_t its_group) : Update(rpy::Op::status, its_group) {}
+	rpy_error_t prepare(Model &, Rows *rows) override
+	{
+		rows->push_back(Row::delete_node(1));
+		return RPY_ERROR_NONE;
+	}
+	void apply(Model &, const Committed &) override {}
 };
 
 TEST(ConfigdUpdates, AFailingAllocationRefusesOneAndStopsNone)
 {
 	SKIP_WITHOUT_ALLOC_FAULTS();
 	Model model;
-	NoStore store;
+	FakeStore store;
 	Updates updates(&model, &store);
 	auto run = [&updates](uint64_t group) {
-		Update update;
-		update.group = group;
-		update.prepare = [](Rows *rows) {
-			rows->push_back({Row::What::delete_node, 1});
-			return RPY_ERROR_NONE;
-		};
-		update.apply = [] {};
+		OneRow update(group);
 		return updates.run(&update);
 	};
 	bool fired = true;
@@ -59,61 +67,209 @@ TEST(ConfigdUpdates, AFailingAllocationRefusesOneAndStopsNone)
 		});
 		EXPECT_EQ(error, fired ? RPY_ERROR_NO_MEMORY : RPY_ERROR_NONE);
 		refused += fired ? 1 : 0;
-		size_t before = store.rows_seen;
 		EXPECT_EQ(run(0), RPY_ERROR_NONE);
-		EXPECT_EQ(store.rows_seen, before + 1) << "what was refused is done with the next";
+		EXPECT_EQ(store.rows_seen, 1U) << "what was refused is done with the next";
 	}
 	EXPECT_GT(refused, 0);
 }
 
-// A request's head, and what a test puts behind it.
-class Asked : public rpy::Writer {
+void put(rpy::Writer *out, uint32_t number)
+{
+	out->u32(number);
+}
+void put(rpy::Writer *out, uint64_t number)
+{
+	out->u64(number);
+}
+void put(rpy::Writer *out, std::string_view text)
+{
+	out->text(text);
+}
+void put(rpy::Writer *out, const rpy::Property &property)
+{
+	put_property(out, property);
+}
+template <typename Number, typename = std::enable_if_t<std::is_enum_v<Number>>>
+void put(rpy::Writer *out, Number number)
+{
+	out->u32(static_cast<uint32_t>(number));
+}
+
+// A daemon without a process, and a client of it that may do anything.
+class World {
 public:
-	explicit Asked(rpy::Op op)
+	explicit World(std::unique_ptr<FakeStore> its_store = std::make_unique<FakeStore>())
+	    : store(its_store.get()), daemon("file", std::move(its_store))
 	{
-		u32(rpy::magic);
-		u32(static_cast<uint32_t>(op));
+		service = id_in(ask(rpy::Op::add_service, "net/link"));
+		instance = id_in(ask(rpy::Op::add_instance, service, "default"));
 	}
+
+	// What the daemon answers; empty for an error.
+	template <typename... Parts>
+	std::string ask(rpy::Op op, Parts... parts)
+	{
+		rpy::Writer request, reply;
+		request.u32(rpy::magic);
+		put(&request, op);
+		(put(&request, parts), ...);
+		const auto may = [] { return true; };
+		answer(&daemon, request.view(), may, may, &reply);
+		rpy::Reader in(reply.view());
+		(void) in.u32();
+		const auto its_error = static_cast<rpy_error_t>(in.u32());
+		error = its_error;
+		return its_error == RPY_ERROR_NONE ? std::string(in.here(), in.left()) : std::string();
+	}
+	static uint64_t id_in(const std::string &answer) { return rpy::Reader(answer).u64(); }
+
+	uint64_t add_group(const std::string &name, uint64_t change = 0, uint32_t flags = RPY_PG_FLAG_TEMPORARY)
+	{
+		return id_in(ask(
+		    rpy::Op::add_group, NodeKind::instance, instance, name, "t" + name.substr(0, 1), flags, change));
+	}
+	bool has(uint64_t id)
+	{
+		ReadLock hold(daemon.model.lock);
+		return daemon.model.find(id) != nullptr;
+	}
+
+	FakeStore *const store;
+	Daemon daemon;
+	uint64_t service, instance;
+	std::atomic<rpy_error_t> error{RPY_ERROR_NONE}; // of the last answer
 };
 
-// What a daemon answers to whoever may do anything; empty for an error.
-std::string answer_of(Daemon *daemon, const rpy::Writer &request)
+// A group's id, and what it holds, by the ids that the daemon answers.
+rpy::Group find_group(World *world, const std::string &name, std::string *reply)
 {
-	auto may = [] { return true; };
-	rpy::Writer reply;
-	answer(daemon, request.view(), may, may, &reply);
-	rpy::Reader in(reply.view());
-	(void) in.u32();
-	return in.u32() == RPY_ERROR_NONE ? std::string(in.here(), in.left()) : std::string();
+	*reply = world->ask(rpy::Op::get_group, NodeKind::instance, world->instance, name);
+	rpy::Group group;
+	rpy::Reader in(*reply);
+	(void) rpy::take_group(&in, &group);
+	return group;
 }
 
-uint64_t id_in(const std::string &answer)
+rpy::Property number(std::string_view name, const uint64_t *value)
 {
-	return rpy::Reader(answer).u64();
+	return {name, RPY_TYPE_COUNT, 1, {reinterpret_cast<const char *>(value), sizeof(*value)}};
 }
 
-uint64_t add_group(Daemon *daemon, uint64_t instance, const std::string &name, uint64_t change = 0)
+// The whole tree but for the numbers that nodes and versions have.
+std::string picture(World *world)
 {
-	Asked add(rpy::Op::add_group);
-	put_parent(&add, rpy::Parent::instance, instance);
-	add.text(name);
-	add.text("t" + name.substr(0, 1));
-	add.u32(RPY_PG_FLAG_TEMPORARY);
-	add.u64(change);
-	return id_in(answer_of(daemon, add));
+	std::string text;
+	ReadLock hold(world->daemon.model.lock);
+	for (Node *top : world->daemon.model.services())
+		for (const Node *node : Model::tree(top)) {
+			text += std::to_string(static_cast<int>(node->kind)) + ' ' + node->name + " in " +
+				(node->parent == nullptr ? "" : node->parent->name);
+			if (node->version)
+				text += ' ' + *node->type + ' ' + node->version->properties + ' ' +
+					std::to_string(node->version->holders);
+			text += '\n';
+		}
+	return text;
+}
+
+// All kinds of updates, one after another: after each the error, the rows of its commit and the tree.
+std::vector<std::string> updates_of(World *world)
+{
+	using rpy::Op;
+	std::vector<std::string> seen;
+	std::string reply;
+	const uint64_t one = 1, two = 2;
+	auto look = [&] {
+		seen.push_back(std::to_string(world->error.load()) + ' ' + std::to_string(world->store->rows_seen) +
+			       '\n' + picture(world));
+	};
+	auto commit = [&](const std::string &name, rpy::Change change, std::string_view property,
+			  const uint64_t *value) {
+		const rpy::Group group = find_group(world, name, &reply);
+		(void) world->ask(
+		    Op::commit, group.id, group.version, 1U, change, number(property, value), uint64_t{7});
+		look();
+	};
+	for (const char *name : {"a", "b"}) {
+		(void) world->add_group(name, 7, 0);
+		look();
+	}
+	commit("a", rpy::Change::create, "v", &one);
+	const uint64_t snapshot = World::id_in(world->ask(Op::take_snapshot, world->instance, "s", 0U));
+	look();
+	commit("a", rpy::Change::change, "v", &two);
+	commit("a", rpy::Change::create, "w", &two);
+	(void) world->ask(Op::revert_snapshot, snapshot);
+	look();
+	commit("a", rpy::Change::remove, "v", &one);
+	(void) world->ask(Op::take_snapshot, world->instance, "s", 1U);
+	look();
+	(void) world->ask(Op::withdraw_group, NodeKind::instance, world->instance, "a", uint64_t{7});
+	look();
+	(void) world->ask(Op::delete_group, find_group(world, "b", &reply).id);
+	look();
+	(void) world->ask(Op::delete_entity, world->service, 1U);
+	look();
+	return seen;
+}
+
+// A store that other hosts share: one of them is always faster, and it numbers its rows by itself.
+TEST(ConfigdUpdates, ASharedStoreMayRefuseACommitAsStaleAndChoosesTheIds)
+{
+	World alone;
+	auto shared = std::make_unique<FakeStore>();
+	int stale = 0;
+	uint64_t next = uint64_t{1} << 62;
+	shared->answers = [&](const Rows &rows) {
+		if (++stale % 3 != 0)
+			return Committed::stale(RPY_ERROR_BACKEND_READONLY);
+		Committed made;
+		for (const Row &row : rows)
+			if (row.what == Row::What::put_node || row.what == Row::What::put_version)
+				made.given[row.id] = next++;
+		return made;
+	};
+	World world(std::move(shared));
+	EXPECT_GT(world.instance, uint64_t{1} << 62);
+	const std::vector<std::string> expected = updates_of(&alone);
+	EXPECT_EQ(expected.size(), 12U);
+	EXPECT_EQ(updates_of(&world), expected);
+
+	world.store->answers = [](const Rows &) { return Committed::stale(RPY_ERROR_BACKEND_READONLY); };
+	world.store->commits = 0;
+	(void) world.ask(rpy::Op::add_service, "other");
+	EXPECT_EQ(world.error, RPY_ERROR_BACKEND_READONLY);
+	EXPECT_GT(world.store->commits, 3);
+}
+
+TEST(ConfigdUpdates, WhatOthersRemovedDuringACommitStaysRemoved)
+{
+	for (const bool is_stale : {true, false}) {
+		World world;
+		const uint64_t group = world.add_group("g", 0, 0);
+		world.store->answers = [&](const Rows &) {
+			world.store->answers = nullptr;
+			world.daemon.model.leader.assert_held();
+			WriteLock hold(world.daemon.model.lock);
+			world.daemon.model.remove(world.daemon.model.find(world.service));
+			return is_stale ? Committed::stale(RPY_ERROR_INTERNAL) : Committed();
+		};
+		if (is_stale)
+			(void) world.ask(rpy::Op::commit, group, uint64_t{0}, 0U);
+		else
+			EXPECT_NE(world.add_group("new", 0, 0), 0U);
+		EXPECT_EQ(world.error, is_stale ? RPY_ERROR_DELETED : RPY_ERROR_NONE);
+		EXPECT_EQ(picture(&world), "");
+	}
 }
 
 // The ids in all pages of a listing of the groups of a type; empty if an id doesn't rise, or a page is empty before the end.
-std::vector<uint64_t> listed(Daemon *daemon, uint64_t instance, std::string_view type)
+std::vector<uint64_t> listed(World *world, std::string_view type)
 {
 	std::vector<uint64_t> ids = {0};
 	for (bool more = true; more;) {
-		Asked list(rpy::Op::list_groups);
-		put_parent(&list, rpy::Parent::instance, instance);
-		list.u32(static_cast<uint32_t>(rpy::Filter::type));
-		list.text(type);
-		list.u64(ids.back());
-		const std::string page = answer_of(daemon, list);
+		const std::string page = world->ask(
+		    rpy::Op::list_groups, NodeKind::instance, world->instance, rpy::Filter::type, type, ids.back());
 		rpy::Reader in(page);
 		more = in.u32() != 0;
 		const uint32_t count = in.u32();
@@ -129,65 +285,43 @@ std::vector<uint64_t> listed(Daemon *daemon, uint64_t instance, std::string_view
 	return {ids.begin() + 1, ids.end()};
 }
 
-uint64_t add_instance(Daemon *daemon)
-{
-	Asked service(rpy::Op::add_service);
-	service.text("net/link");
-	Asked instance(rpy::Op::add_instance);
-	instance.u64(id_in(answer_of(daemon, service)));
-	instance.text("default");
-	return id_in(answer_of(daemon, instance));
-}
-
 TEST(ConfigdUpdates, AWithdrawalLeavesAloneWhatOthersMadeOrCommitted)
 {
-	Daemon daemon("file", std::make_unique<NoStore>());
-	const uint64_t parent = add_instance(&daemon), group = add_group(&daemon, parent, "g", 7);
-	auto withdraw = [&](rpy::Parent kind, uint64_t id, std::string_view name, uint64_t change) {
-		Asked asked(rpy::Op::withdraw_group);
-		put_parent(&asked, kind, id);
-		asked.text(name);
-		asked.u64(change);
-		(void) answer_of(&daemon, asked);
-		return daemon.model.find(group) == nullptr;
+	World world;
+	const uint64_t group = world.add_group("g", 7);
+	auto withdraw = [&](NodeKind kind, uint64_t id, const char *name, uint64_t change) {
+		(void) world.ask(rpy::Op::withdraw_group, kind, id, name, change);
+		return !world.has(group);
 	};
-	EXPECT_FALSE(withdraw(rpy::Parent::instance, parent, "g", 8));
-	Asked commit(rpy::Op::commit);
-	for (uint64_t number : {group, uint64_t{0}})
-		commit.u64(number);
-	commit.u32(0);
-	commit.u64(9);
-	ASSERT_FALSE(answer_of(&daemon, commit).empty());
-	EXPECT_FALSE(withdraw(rpy::Parent::instance, parent, "g", 7));
-	EXPECT_FALSE(withdraw(rpy::Parent::group, group, "", 0));
-	EXPECT_TRUE(withdraw(rpy::Parent::group, group, "", 9));
+	EXPECT_FALSE(withdraw(NodeKind::instance, world.instance, "g", 8));
+	ASSERT_FALSE(world.ask(rpy::Op::commit, group, uint64_t{0}, 0U, uint64_t{9}).empty());
+	EXPECT_FALSE(withdraw(NodeKind::instance, world.instance, "g", 7));
+	EXPECT_FALSE(withdraw(NodeKind::group, group, "", 0));
+	EXPECT_TRUE(withdraw(NodeKind::group, group, "", 9));
 }
 
 // It is made in pieces, and others change what it goes over in between.
 TEST(ConfigdListings, WhatStaysIsListedOnceWhateverComesAndGoes)
 {
-	Daemon daemon("file", std::make_unique<NoStore>());
-	const uint64_t parent = add_instance(&daemon);
+	World world;
 	constexpr int many = 30000;
 	std::vector<uint64_t> stays, goes;
 	for (int i = 0; i < many; i++) {
 		const bool one = i % 10 == 0;
-		(one ? stays : goes).push_back(add_group(&daemon, parent, (one ? "s" : "g") + std::to_string(i)));
+		(one ? stays : goes).push_back(world.add_group((one ? "s" : "g") + std::to_string(i)));
 	}
 	std::atomic<bool> end{false};
 	std::thread others([&] {
 		for (size_t i = 0; !end; i = (i + 1) % goes.size()) {
-			Asked remove(rpy::Op::delete_group);
-			remove.u64(goes[i]);
-			(void) answer_of(&daemon, remove);
-			goes[i] = add_group(&daemon, parent, "g" + std::to_string(i));
+			(void) world.ask(rpy::Op::delete_group, goes[i]);
+			goes[i] = world.add_group("g" + std::to_string(i));
 		}
 	});
 	for (int i = 0; i < 50; i++)
-		EXPECT_EQ(listed(&daemon, parent, "ts"), stays);
+		EXPECT_EQ(listed(&world, "ts"), stays);
 	end = true;
 	others.join();
-	EXPECT_EQ(listed(&daemon, parent, "tg").size(), goes.size());
+	EXPECT_EQ(listed(&world, "tg").size(), goes.size());
 }
 
 void handle(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
@@ -201,26 +335,20 @@ TEST(ConfigdListings, AReaderThatMayNotHaveAPageGetsItInParts)
 {
 	if (geteuid() != 0)
 		GTEST_SKIP() << "skipped: acting as other users needs root";
-	Daemon daemon("file", std::make_unique<NoStore>());
-	const uint64_t parent = add_instance(&daemon);
+	World world;
 	constexpr int many = 70;
+	rpy::Writer values;
+	values.text(std::string(1 << 20, 'x'));
+	const rpy::Property large = {"v", RPY_TYPE_ASTRING, 1, values.view()};
 	for (int i = 0; i < many; i++) {
-		const uint64_t group = add_group(&daemon, parent, "g" + std::to_string(i));
-		rpy::Writer values;
-		values.text(std::string(1 << 20, 'x'));
-		Asked commit(rpy::Op::commit);
-		commit.u64(group);
-		commit.u64(0);
-		commit.u32(1);
-		commit.u32(static_cast<uint32_t>(rpy::Change::create));
-		put_property(&commit, {"v", RPY_TYPE_ASTRING, 1, values.view()});
-		ASSERT_FALSE(answer_of(&daemon, commit).empty());
+		const uint64_t group = world.add_group("g" + std::to_string(i));
+		ASSERT_FALSE(world.ask(rpy::Op::commit, group, uint64_t{0}, 1U, rpy::Change::create, large).empty());
 	}
 	hatch::set_pool_size(32 << 20);
 	Scratch place;
 	const std::string path = place.write("hatch", "");
 	ASSERT_EQ(chmod(place.directory().c_str(), 0755), 0);
-	const int served = hatch_create(handle, &daemon, HATCH_REFUSE_DESC);
+	const int served = hatch_create(handle, &world.daemon, HATCH_REFUSE_DESC);
 	ASSERT_EQ(fattach(served, path.c_str()), 0);
 	const pid_t child = fork();
 	if (child == 0) {

@@ -103,7 +103,7 @@ void hand_out(Call *shared, rpy_error_t error, Fellow *leader)
 // In the leader's time: it came before the others.
 void call_together(rpy_handle_t *handle, Fellow *leader, Budget *budget)
 {
-	Call shared(Op::together);
+	Call shared(Op::read_batch);
 	for (Fellow *fellow = leader; fellow != nullptr; fellow = fellow->next)
 		shared.out.text(fellow->call->out.view());
 	rpy_error_t error = shared.out.ok() ? shared.exchange(handle, budget) : RPY_ERROR_NO_MEMORY;

@@ -41,7 +41,7 @@ enum class Op : uint32_t {
 	revert_snapshot, // id u64: the instance holds what the snapshot holds
 	verify,          // -> findings text
 	backup,          // -> the store's bytes
-	together,        // texts, each a get_group or read_group -> the replies, as texts
+	read_batch,      // texts, each a whole batchable request -> the replies, as texts
 	withdraw_group,  // parent, name text or empty, change: the group there, or `parent`, goes if that is all of it
 	count_
 };

@@ -90,7 +90,7 @@ std::string lying_reply(Lie lie, rpy::Reader in)
 {
 	(void) in.u32();
 	switch (static_cast<rpy::Op>(in.u32())) {
-	case rpy::Op::together:
+	case rpy::Op::read_batch:
 		return shared_reply(lie, in);
 	case rpy::Op::get_group:
 		usleep(lie == Lie::slow ? 300'000 : 500); // others come meanwhile

@@ -1,0 +1,165 @@
+// Requests that change something: each is taken apart into an update (changes.h), which is carried out.
+#include "changes.h"
+#include "requests_handlers.h"
+
+namespace repository {
+
+using namespace rpy;
+
+namespace {
+
+// Older clients end their requests before it.
+uint64_t take_change(Reader *in)
+{
+	return in->left() == 0 ? 0 : in->u64();
+}
+
+constexpr size_t entry_least = 5 * sizeof(uint32_t) + 1; // bytes: four numbers and lengths, and a name of one
+
+rpy_error_t take_entries(Reader *in, Entries *entries)
+{
+	const uint32_t count = in->u32();
+	if (!in->ok() || count > in->left() / entry_least)
+		return RPY_ERROR_INVALID_ARGUMENT;
+	// The entries and what finds them by name, and the properties while they are put together.
+	if (!may_use(count * 2 * sizeof(Entry) + 2 * in->left()))
+		return RPY_ERROR_NO_MEMORY;
+	entries->reserve(count);
+	for (uint32_t i = 0; i < count; i++) {
+		const uint32_t change = in->u32();
+		const Entry entry = {static_cast<Change>(change), take_property(in)};
+		if (!in->ok() || change > static_cast<uint32_t>(Change::remove) || !is_sound(entry.property))
+			return RPY_ERROR_INVALID_ARGUMENT;
+		entries->push_back(entry);
+	}
+	return RPY_ERROR_NONE;
+}
+
+rpy_error_t add_entity(Daemon *daemon, AddNode *update, Writer *out)
+{
+	const rpy_error_t error = daemon->updates.run(update);
+	out->u64(update->added);
+	return error;
+}
+
+} // namespace
+
+rpy_error_t add_service(Daemon *daemon, Reader *in, Writer *out)
+{
+	const std::string_view name = in->text();
+	if (!in->done() || !is_service_name(name))
+		return RPY_ERROR_INVALID_ARGUMENT;
+	AddNode update(Op::add_service, NodeKind::service, name);
+	return add_entity(daemon, &update, out);
+}
+
+rpy_error_t add_instance(Daemon *daemon, Reader *in, Writer *out)
+{
+	const uint64_t service = in->u64();
+	const std::string_view name = in->text();
+	if (!in->done() || !is_name(name) || service == 0)
+		return RPY_ERROR_INVALID_ARGUMENT;
+	AddNode update(Op::add_instance, NodeKind::instance, name, NodeKind::service, service);
+	return add_entity(daemon, &update, out);
+}
+
+rpy_error_t add_group(Daemon *daemon, Reader *in, Writer *out)
+{
+	const auto parent_kind = static_cast<NodeKind>(in->u32());
+	const uint64_t parent = in->u64();
+	const std::string_view name = in->text(), type = in->text();
+	const uint32_t flags = in->u32();
+	const uint64_t change = take_change(in);
+	if (!in->done() || !is_name(name) || !is_name(type) || parent == 0 || (flags & ~RPY_PG_FLAG_TEMPORARY) != 0)
+		return RPY_ERROR_INVALID_ARGUMENT;
+	if (parent_kind == NodeKind::snapshot || parent_kind == NodeKind::frozen)
+		return RPY_ERROR_CONSTRAINT_VIOLATED;
+	AddNode update(Op::add_group, NodeKind::group, name, parent_kind, parent);
+	update.type = type;
+	update.flags = flags;
+	update.change = change;
+	const rpy_error_t error = daemon->updates.run(&update);
+	const Version &empty = *daemon->model.no_properties();
+	put_group(out, {update.added, empty.id, flags, name, type, empty.properties});
+	return error;
+}
+
+rpy_error_t delete_entity(Daemon *daemon, Reader *in, Writer *)
+{
+	const uint64_t id = in->u64();
+	const bool all = in->u32() != 0;
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	RemoveNode update(Op::delete_entity, id, NodeKind::service);
+	update.other_kind = NodeKind::instance;
+	update.all = all;
+	return daemon->updates.run(&update);
+}
+
+rpy_error_t delete_group(Daemon *daemon, Reader *in, Writer *)
+{
+	const uint64_t id = in->u64();
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	RemoveNode update(Op::delete_group, id, NodeKind::group);
+	return daemon->updates.run(&update);
+}
+
+rpy_error_t withdraw_group(Daemon *daemon, Reader *in, Writer *)
+{
+	const auto kind = static_cast<NodeKind>(in->u32());
+	const uint64_t id = in->u64();
+	const std::string_view name = in->text();
+	const uint64_t change = in->u64();
+	if (!in->done() || id == 0 || change == 0)
+		return RPY_ERROR_INVALID_ARGUMENT;
+	WithdrawGroup update(kind, id, name, change);
+	return daemon->updates.run(&update);
+}
+
+rpy_error_t commit(Daemon *daemon, Reader *in, Writer *out)
+{
+	const uint64_t group = in->u64(), base = in->u64();
+	Commit update(group, base);
+	if (rpy_error_t error = take_entries(in, &update.entries); error != RPY_ERROR_NONE)
+		return error;
+	update.change = take_change(in);
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	const rpy_error_t error = daemon->updates.run(&update);
+	out->u32(update.nothing ? 0 : 1);
+	return error;
+}
+
+rpy_error_t take_snapshot(Daemon *daemon, Reader *in, Writer *out)
+{
+	const uint64_t instance = in->u64();
+	const std::string_view name = in->text();
+	const bool replace = in->u32() != 0;
+	if (!in->done() || !is_name(name))
+		return RPY_ERROR_INVALID_ARGUMENT;
+	TakeSnapshot update(instance, name, replace);
+	const rpy_error_t error = daemon->updates.run(&update);
+	out->u64(update.taken);
+	return error;
+}
+
+rpy_error_t delete_snapshot(Daemon *daemon, Reader *in, Writer *)
+{
+	const uint64_t id = in->u64();
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	RemoveNode update(Op::delete_snapshot, id, NodeKind::snapshot);
+	return daemon->updates.run(&update);
+}
+
+rpy_error_t revert_snapshot(Daemon *daemon, Reader *in, Writer *)
+{
+	const uint64_t id = in->u64();
+	if (!in->done())
+		return RPY_ERROR_INVALID_ARGUMENT;
+	RevertSnapshot update(id);
+	return daemon->updates.run(&update);
+}
+
+} // namespace repository
