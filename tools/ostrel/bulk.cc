@@ -1,7 +1,10 @@
-// Many objects at once. An update through the library rewrites the whole file, so that one update for each object
-// would take time with the square of their number, and would show half of the work if it failed in the middle. So
-// the objects' lines are put together (a database file is nothing but these), and the file is replaced by one rename. A
-// database that another process owns gets one update for each object instead.
+/*
+ * Many objects at once. A plan compares them with those that are stored, which tells what to write and what to remove; nothing
+ * is changed before it is complete. A store that can replace its content in one step does that: a file would otherwise be
+ * rewritten for each object, and be half done after a failure. Any other store gets one update after the other.
+ *
+ * Divisions: interruption, the plan, updates one by one, the report.
+ */
 #include "bulk.h"
 
 #include <algorithm>
@@ -14,8 +17,7 @@
 
 #include "deferred.h"
 #include "document.h"
-#include "repository.h"
-#include "scratch.h"
+#include "groups.h"
 #include "terminal.h"
 
 namespace {
@@ -64,30 +66,23 @@ private:
 
 struct Slot {
 	Object object;
-	std::string line; // empty: not made yet
 	bool changed = false;
 	bool is_new = false;
 };
 
-bool same_props(const std::vector<Property> &a, const std::vector<Property> &b)
-{
-	return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-	    [](const Property &x, const Property &y) { return x.name == y.name && same_value(x, y); });
-}
-
-class Plan {
+class ImportPlan {
 public:
-	Plan(Database &database, Complaints &complaints, bool replace)
-	    : database_(database), complaints_(complaints), replace_(replace), groups_(database.holds_groups())
+	ImportPlan(Database &database, Complaints &complaints, bool replace)
+	    : database_(database), complaints_(complaints), replace_(replace)
 	{
 		std::optional<std::vector<Object>> before = database.objects_if_any();
 		is_new_ = !before.has_value();
 		before_ = std::move(before).value_or(std::vector<Object>());
 		slots_.reserve(before_.size());
 		for (size_t i = 0; i < before_.size(); i++) {
-			stored_.emplace(key(before_[i].id), i);
+			stored_.emplace(database_.key(before_[i].id), i);
 			if (!replace)
-				slots_.push_back({before_[i], ""});
+				slots_.push_back({before_[i]});
 		}
 		kept_.resize(before_.size());
 	}
@@ -103,23 +98,31 @@ public:
 		}
 	}
 
-	// The objects that have to be written, groups before those below them, and the identifiers of those that go.
+	// All objects that the database will hold.
+	std::vector<const Object *> content() const
+	{
+		std::vector<const Object *> all;
+		for (const Slot &slot : slots_)
+			all.push_back(&slot.object);
+		return all;
+	}
+
+	// The objects that have to be written, each after those above it.
 	std::vector<const Object *> writes() const
 	{
 		std::vector<const Object *> all;
 		for (const Slot &slot : slots_)
 			if (slot.changed)
 				all.push_back(&slot.object);
-		if (groups_)
-			std::stable_sort(all.begin(), all.end(),
-			    [](const Object *a, const Object *b) { return group_depth(a->id) < group_depth(b->id); });
+		std::stable_sort(all.begin(), all.end(),
+		    [&](const Object *a, const Object *b) { return database_.depth(a->id) < database_.depth(b->id); });
 		return all;
 	}
 
-	Look before(const Object &object) const
+	Presence before(const Object &object) const
 	{
-		auto found = stored_.find(key(object.id));
-		return found == stored_.end() ? Look() : Look{true, before_[found->second]};
+		auto found = stored_.find(database_.key(object.id));
+		return found == stored_.end() ? Presence() : Presence{true, before_[found->second]};
 	}
 
 	// The store refused an object that was to be written.
@@ -155,42 +158,23 @@ public:
 						  "changed");
 	}
 
-	// The whole file.
-	std::string text()
-	{
-		std::string all;
-		for (Slot &slot : slots_) {
-			SignalGuard::check();
-			all += slot.line.empty() ? maker_.line(slot.object) : slot.line;
-		}
-		return all;
-	}
-
 	bool changes() const { return is_new_ || added + replaced + removed() > 0; }
 	size_t removed() const { return removals().size(); }
 	size_t added = 0, replaced = 0, unchanged = 0;
 
 private:
-	// A group is its path of names, whatever the types on it.
-	std::string key(const Identifiers &id) const
-	{
-		return identity(groups_ ? group_of(id) : id, database_.case_sensitive());
-	}
-
 	void place(Incoming &&incoming)
 	{
-		std::string name = key(incoming.object.id);
+		std::string name = database_.key(incoming.object.id);
 		auto [first, fresh] = seen_.emplace(name, incoming.place);
 		if (!fresh)
 			throw Failure(Exit::invalid, fmt::format("{} has the same identifiers as {}",
 							 id_text(incoming.object.id), first->second));
-		Slot slot = {std::move(incoming.object), "", true};
+		Slot slot = {std::move(incoming.object), true};
 		auto [begin, end] = stored_.equal_range(name);
 		try {
-			if (database_.back_end().is_path)
-				make_line(slot);
-			else if (groups_)
-				check_group(slot.object, begin == end ? nullptr : &before_[begin->second]);
+			database_.check_import(
+			    slot.object, begin == end ? Presence() : Presence{true, before_[begin->second]});
 		} catch (...) {
 			seen_.erase(first); // what can't be stored takes no place
 			throw;
@@ -201,7 +185,7 @@ private:
 			slots_.push_back(std::move(slot));
 		} else if (replace_) {
 			bool changed = count(begin->second, slot.object);
-			slots_.push_back({{before_[begin->second].id, std::move(slot.object.props)}, "", changed});
+			slots_.push_back({{before_[begin->second].id, std::move(slot.object.props)}, changed});
 		} else {
 			for (auto match = begin; match != end; ++match)
 				if (count(match->second, slot.object)) {
@@ -211,27 +195,11 @@ private:
 		}
 	}
 
-	void make_line(Slot &slot)
-	{
-		slot.line = maker_.line(slot.object);
-		warn_of_loss(database_, slot.object, maker_.stored());
-	}
-
-	void check_group(const Object &object, const Object *stored)
-	{
-		if (find_identifier(object.id, level_key) != nullptr)
-			throw Failure(Exit::invalid, fmt::format("{} names another database", level_key))
-			    .next("leave it out, and name that one on the command line");
-		database_.check_group(
-		    object, {stored != nullptr, stored == nullptr ? std::nullopt : std::optional(*stored)});
-	}
-
 	// Counts an object that is stored already: it keeps its place, and the spelling of its identifiers. True: it changes.
 	bool count(size_t index, const Object &object)
 	{
 		kept_[index] = true;
-		bool same = same_props(before_[index].props, object.props) ||
-			    (!database_.back_end().is_path && is_stored_form(object, before_[index]));
+		const bool same = database_.is_stored_form(object, before_[index]);
 		(same ? unchanged : replaced)++;
 		return !same;
 	}
@@ -239,18 +207,16 @@ private:
 	Database &database_;
 	Complaints &complaints_;
 	bool replace_;
-	bool groups_; // the objects are groups of a repository
 	bool is_new_ = false;
 	std::vector<Object> before_;
 	std::vector<Slot> slots_;
 	std::unordered_multimap<std::string, size_t> stored_;
 	std::unordered_map<std::string, std::string> seen_;
 	std::vector<bool> kept_; // which of the objects before have come along
-	LineMaker maker_;
 };
 
 // One update for each object. What was done stays done if one of them fails, and the message says how far it came.
-void write_singly(Database &database, Plan &plan, Complaints &complaints, const Options &options)
+void write_singly(Database &database, ImportPlan &plan, Complaints &complaints, const Options &options)
 {
 	std::vector<const Object *> writes = plan.writes();
 	std::vector<const Identifiers *> removals = plan.removals();
@@ -269,13 +235,14 @@ void write_singly(Database &database, Plan &plan, Complaints &complaints, const 
 		done++;
 		progress.step();
 	};
-	// A server goes on with all that it got. Everything else that is put off is waited for before the next one.
+	// A server goes on with all updates that it got, deferred or not. Any other update that is deferred is waited for before the
+	// next one is made.
 	std::vector<std::function<void()>> later;
-	auto settle = [&](std::function<void()> &&landed) {
-		if (options.no_wait && database.back_end().served)
-			later.push_back(std::move(landed));
+	auto settle = [&](const Retries &retries, std::function<void()> &&await) {
+		if (options.no_wait && retries.is_by_server())
+			later.push_back(std::move(await));
 		else
-			landed();
+			await();
 	};
 	auto put = [&](const Object *object) {
 		Retries retries;
@@ -288,12 +255,13 @@ void write_singly(Database &database, Plan &plan, Complaints &complaints, const 
 			plan.take_back(object);
 			return;
 		}
-		settle([&, object, retries]() mutable {
+		settle(retries, [&, object, retries]() mutable {
 			await_object(database, options, retries, *object, plan.before(*object));
 		});
 	};
 	auto remove = [&](const Identifiers *id) {
-		settle([&, id, retries = database.remove(*id)]() mutable {
+		Retries retries = database.remove(*id);
+		settle(retries, [&, id, retries]() mutable {
 			await_update(database, options, retries, [&] {
 				const bool gone = database.is_gone(*id);
 				return Seen{gone, !gone};
@@ -304,11 +272,11 @@ void write_singly(Database &database, Plan &plan, Complaints &complaints, const 
 		step([&] { put(object); });
 	// The other way round: a group is listed before those below it, and takes them along.
 	std::for_each(removals.rbegin(), removals.rend(), [&](const Identifiers *id) { step([&] { remove(id); }); });
-	for (const auto &landed : later)
-		landed();
+	for (const auto &await : later)
+		await();
 }
 
-void tell(const Plan &plan, const Complaints &complaints, const Options &options)
+void tell(const ImportPlan &plan, const Complaints &complaints, const Options &options)
 {
 	if (options.json) {
 		Json json;
@@ -350,23 +318,21 @@ Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints 
 {
 	begin_update(database, options, options.replace ? Database::Loss::meant : Database::Loss::refused);
 	SignalGuard signals;
-	Plan plan(database, complaints, options.replace);
+	ImportPlan plan(database, complaints, options.replace);
 	Progress progress("object", objects.size());
 	for (Incoming &incoming : objects) {
 		SignalGuard::check();
 		plan.add(std::move(incoming));
 		progress.step();
 	}
-	bool whole = database.back_end().is_path;
-	std::string text = whole ? plan.text() : "";
-	if (plan.changes()) {
+	const std::unique_ptr<Replacement> whole = database.replacement(plan.content());
+	SignalGuard::check();
+	if (plan.changes())
 		database.require_place();
-		database.check_loss();
-	}
 	if (!options.dry_run && plan.changes()) {
 		plan.check_removals();
 		if (whole)
-			database.replace(text, plan.writes(), plan.removals());
+			whole->commit(plan.writes(), plan.removals());
 		else
 			write_singly(database, plan, complaints, options);
 	}

@@ -4,7 +4,6 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
-#include "hatch.h"
 
 namespace {
 
@@ -16,16 +15,16 @@ void declare(CLI::App &app, Options &options)
 
 Exit run(const Options &options)
 {
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
-	bool allowed = database.allowed(options.write);
+	const std::unique_ptr<Database> database = open_database(options);
+	bool allowed = database->allowed(options.write);
 	const char *operation = options.write ? "write" : "read";
 	if (options.json)
 		write_json(Json{{"operation", operation}, {"allowed", allowed}});
 	else
 		fmt::print("{}: {}\n", operation, allowed ? "allowed" : "refused");
-	const std::string fault = allowed ? "" : rights_fault_at(database.name());
+	const std::string fault = allowed ? "" : database->rights_fault();
 	if (!fault.empty())
-		warn(Failure(Exit::permission, "who holds which right" + fault).in(database.label()));
+		warn(Failure(Exit::permission, "who holds which right" + fault).in(database->label()));
 	else if (!allowed)
 		note("root grants rights in /etc/meridon/rights; the server's log and ostrel serve --help tell which "
 		     "one it asks for");

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <unordered_map>
 
@@ -16,6 +15,7 @@
 #include "libostrel_files_blocks.h"
 #include "libostrel_lines.h"
 #include "lines.h"
+#include "stores.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -281,33 +281,37 @@ private:
 
 // ---- Files ----
 
-void check_temporary(const Database &database, Findings &findings)
-{
-	std::string path = database.name() + ".new";
-	struct stat status;
-	if (!database.here() || lstat(path.c_str(), &status) != 0)
-		return;
-	bool usable = S_ISREG(status.st_mode) && status.st_nlink == 1;
-	findings.add({0, "temporary",
-	    usable ? fmt::format(
-			 "{} is left from an update that failed, or that runs now; the next one uses it again", path)
-		   : fmt::format("{} isn't a plain file, and keeps every update from being made; move it away", path)});
-}
+class FileChecker final : public Inspector {
+public:
+	FileChecker(Findings &findings, bool case_sensitive) : findings_(findings), lines_(findings, case_sensitive) {}
+
+	void see_line(const Line &line) override { lines_.check(line); }
+	void see_raw_line(const Line &line) override
+	{
+		if (line.has_nul)
+			findings_.add({line.number, "nul", "a NUL byte ends what is read of the line"});
+	}
+	void see_temporary_file(const std::string &path, bool is_usable) override
+	{
+		findings_.add({0, "temporary",
+		    is_usable
+			? fmt::format(
+			      "{} is left from an update that failed, or that runs now; the next one uses it again",
+			      path)
+			: fmt::format(
+			      "{} isn't a plain file, and keeps every update from being made; move it away", path)});
+	}
+
+private:
+	Findings &findings_;
+	LineChecker lines_;
+};
 
 size_t check_database(const Database &database, Json &list)
 {
 	Findings findings(database.label(), list);
-	// Not by the table: what is checked is one format, and a raw file has none.
-	if (!database.back_end().updates) {
-		each_line(database, [&](const Line &line) {
-			if (line.has_nul)
-				findings.add({line.number, "nul", "a NUL byte ends what is read of the line"});
-		});
-		return findings.count();
-	}
-	LineChecker checker(findings, database.case_sensitive());
-	each_line(database, [&](const Line &line) { checker.check(line); });
-	check_temporary(database, findings);
+	FileChecker checker(findings, database.case_sensitive());
+	database.inspect(checker);
 	return findings.count();
 }
 
@@ -317,8 +321,9 @@ Exit run(const Options &options)
 	Json list = Json::array();
 	for (const std::string &name : options.words) {
 		try {
-			Database database(name, enclave_option(options.enclave), options.case_sensitive);
-			if (check_database(database, list) > 0 && code == Exit::done)
+			const std::unique_ptr<Database> database =
+			    open_database(name, enclave_option(options.enclave), options.case_sensitive);
+			if (check_database(*database, list) > 0 && code == Exit::done)
 				code = Exit::differences;
 		} catch (const Failure &failure) { // the others are still checked
 			report(failure);

@@ -59,9 +59,9 @@ Exit run(const Options &options)
 		throw Failure(Exit::usage, "convert needs the identifiers of an object")
 		    .next(fmt::format("ostrel walk {} lists the objects", options.database));
 	PropertyTable table(options.table);
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
-	Object object = database.get(id);
-	List props = convert(object, table, options.to_persist, database.label());
+	const std::unique_ptr<Database> database = open_database(options);
+	Object object = database->get(id);
+	List props = convert(object, table, options.to_persist, database->label());
 	Object converted = object_from_lists(id_list(object.id).get(), props.get());
 	if (options.json)
 		write_json(object_to_json(converted));

@@ -2,7 +2,7 @@
 #include "bulk.h"
 #include "command.h"
 #include "database.h"
-#include "lines.h"
+#include "stores.h"
 
 namespace {
 
@@ -17,17 +17,18 @@ void declare(CLI::App &app, Options &options)
 
 Exit run(const Options &options)
 {
-	Database from(options.database, enclave_option(options.enclave), options.case_sensitive);
-	Database to(options.other, enclave_option(options.other_enclave), options.case_sensitive);
-	to.require_updates(Database::Loss::meant, Database::Hold::no);
+	const std::unique_ptr<Database> from = open_database(options);
+	const std::unique_ptr<Database> to =
+	    open_database(options.other, enclave_option(options.other_enclave), options.case_sensitive);
+	to->require_updates(Database::Loss::meant, Database::Hold::no);
 	Complaints complaints(options.keep_going);
 	std::vector<Incoming> objects;
-	from.walk({}, false, [&](Object &&object) {
+	from->walk({}, false, [&](Object &&object) {
 		std::string place = id_text(object.id);
 		objects.push_back({std::move(object), std::move(place)});
 	});
-	tell_unread_lines(from);
-	return write_many(to, std::move(objects), complaints, options);
+	from->warn_of_unread();
+	return write_many(*to, std::move(objects), complaints, options);
 }
 
 } // namespace

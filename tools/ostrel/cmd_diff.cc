@@ -8,7 +8,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
-#include "lines.h"
+#include "stores.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -141,11 +141,12 @@ void print_differences(const std::vector<Difference> &differences)
 
 Exit run(const Options &options)
 {
-	Database one(options.database, enclave_option(options.enclave), options.case_sensitive);
-	Database other(options.other, enclave_option(options.other_enclave), options.case_sensitive);
-	std::vector<Object> before = one.objects(), after = other.objects();
-	tell_unread_lines(one);
-	tell_unread_lines(other);
+	const std::unique_ptr<Database> one = open_database(options);
+	const std::unique_ptr<Database> other =
+	    open_database(options.other, enclave_option(options.other_enclave), options.case_sensitive);
+	std::vector<Object> before = one->objects(), after = other->objects();
+	one->warn_of_unread();
+	other->warn_of_unread();
 	std::vector<Difference> differences = compare(before, after, options.case_sensitive);
 	if (options.json)
 		print_json(differences);

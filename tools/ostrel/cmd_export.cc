@@ -2,7 +2,6 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
-#include "lines.h"
 
 namespace {
 
@@ -13,10 +12,10 @@ void declare(CLI::App &app, Options &options)
 
 Exit run(const Options &options)
 {
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	const std::unique_ptr<Database> database = open_database(options);
 	// The document begins with the first object: a database that can't be read leaves no half of one.
 	std::optional<DocumentWriter> document;
-	database.walk({}, false, [&](Object &&object) {
+	database->walk({}, false, [&](Object &&object) {
 		if (!document)
 			document.emplace();
 		document->add(object);
@@ -24,7 +23,7 @@ Exit run(const Options &options)
 	if (!document)
 		document.emplace();
 	document->finish();
-	tell_unread_lines(database);
+	database->warn_of_unread();
 	return Exit::done;
 }
 

@@ -31,19 +31,19 @@ void print_values(const Property &property)
 
 Exit run(const Options &options)
 {
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	const std::unique_ptr<Database> database = open_database(options);
 	Identifiers id = parse_identifiers(options.words);
 	if (id.empty())
 		throw Failure(Exit::usage, "get needs the identifiers of an object")
 		    .next(fmt::format("ostrel walk {} lists the objects", options.database));
-	Object object = database.get(id);
+	Object object = database->get(id);
 
 	Object chosen = {object.id, {}};
 	for (const std::string &name : options.props) {
 		const Property *property = object.find(name);
 		if (property == nullptr)
 			throw Failure(Exit::not_found, fmt::format("{} has no property {}", id_text(object.id), name))
-			    .in(database.label());
+			    .in(database->label());
 		chosen.props.push_back(*property);
 	}
 	const Object &shown = options.props.empty() ? object : chosen;

@@ -49,13 +49,13 @@ std::vector<DocumentObject> read_input(const std::string &path, Complaints &comp
 
 Exit run(const Options &options)
 {
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
-	database.require_updates(Database::Loss::meant, Database::Hold::no);
+	const std::unique_ptr<Database> database = open_database(options);
+	database->require_updates(Database::Loss::meant, Database::Hold::no);
 	Complaints complaints(options.keep_going);
 	std::vector<Incoming> objects;
 	for (DocumentObject &element : read_input(options.other, complaints))
 		objects.push_back({std::move(element.object), std::move(element.path)});
-	return write_many(database, std::move(objects), complaints, options);
+	return write_many(*database, std::move(objects), complaints, options);
 }
 
 } // namespace

@@ -18,26 +18,26 @@ void declare(CLI::App &app, Options &options)
 
 Exit run(const Options &options)
 {
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	const std::unique_ptr<Database> database = open_database(options);
 	Object object = {parse_identifiers(options.words), parse_properties(options.tail)};
 	if (object.id.empty())
 		throw Failure(Exit::usage, "put needs the identifiers of an object before --");
-	begin_update(database, options, Database::Loss::refused,
+	begin_update(*database, options, Database::Loss::refused,
 	    options.only_new ? Database::Hold::yes : Database::Hold::for_owner);
-	bool known = database.readable(); // else only the update itself can tell
+	bool known = database->readable(); // else only the update itself can tell
 	if (!known && options.only_new)
-		throw Failure(Exit::permission, "--new needs the right to read, too").in(database.label());
-	Look before;
+		throw Failure(Exit::permission, "--new needs the right to read, too").in(database->label());
+	Presence before;
 	if (known)
-		before = database.look(object.id);
+		before = database->presence(object.id);
 	if (before.there && options.only_new)
 		throw Failure(Exit::exists, fmt::format("there is an object {}", id_text(object.id)))
-		    .in(database.label())
+		    .in(database->label())
 		    .next("without --new its properties are replaced; ostrel set changes some of them");
-	rehearse(database, object, before);
+	database->rehearse(object, before);
 	if (!options.dry_run) {
-		Retries retries = database.put(object);
-		await_object(database, options, retries, object, before);
+		Retries retries = database->put(object);
+		await_object(*database, options, retries, object, before);
 	}
 	return tell_update(options, !known ? "written" : before.there ? "replaced" : "created", object);
 }

@@ -32,7 +32,7 @@ Exit remove_all(Database &database, const Options &options)
 		    .next("add --yes if that is meant");
 	database.require_place();
 	if (!options.dry_run) {
-		Retries retries = database.destroy();
+		Retries retries = database.remove_all();
 		await_update(database, options, retries, [&] {
 			const size_t left = database.count().value_or(0);
 			return Seen{left == 0, left == count};
@@ -55,7 +55,8 @@ Exit remove_all(Database &database, const Options &options)
 
 Exit run(const Options &options)
 {
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	const std::unique_ptr<Database> opened = open_database(options);
+	Database &database = *opened;
 	Identifiers id = parse_identifiers(options.words);
 	if (options.all != id.empty())
 		throw Failure(Exit::usage,
@@ -68,7 +69,6 @@ Exit run(const Options &options)
 	begin_update(database, options, Database::Loss::refused, Database::Hold::for_owner);
 	Object object = database.readable() ? database.get_for_update(id) : Object{id, {}};
 	database.require_place();
-	database.check_loss();
 	if (!options.dry_run) {
 		Retries retries = database.remove(id);
 		await_update(database, options, retries, [&] {

@@ -17,29 +17,27 @@ void declare(CLI::App &app, Options &options)
 
 Exit run(const Options &options)
 {
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	const std::unique_ptr<Database> database = open_database(options);
 	Identifiers from = parse_identifiers(options.words), to = parse_identifiers(options.tail);
 	if (from.empty() || to.empty())
 		throw Failure(Exit::usage, "rename needs the old identifiers before --, and the new ones behind it");
-	begin_update(database, options);
-	bool known = database.readable();
-	Object object = known ? database.get(from) : Object{from, {}};
+	begin_update(*database, options);
+	bool known = database->readable();
+	Object object = known ? database->get(from) : Object{from, {}};
 	bool same = identity(from, options.case_sensitive) == identity(to, options.case_sensitive);
 	// The store itself would let two objects have the same identifiers.
-	if (!same && known && database.look(to).there)
+	if (!same && known && database->presence(to).there)
 		throw Failure(Exit::exists, fmt::format("there is an object {}", id_text(to)))
-		    .in(database.label())
+		    .in(database->label())
 		    .next("remove it first, or choose other identifiers");
 	const Identifiers before = object.id;
 	object.id = to;
-	if (known)
-		database.check_group_rename(before, to);
-	rehearse(database, object, {});
+	database->rehearse_rename(before, object);
 	if (!options.dry_run) {
-		Retries retries = database.rename(from, to);
-		await_update(database, options, retries, [&] {
-			const bool there = database.look(to).there;
-			return Seen{there && (same || database.is_gone(before)), !there || same};
+		Retries retries = database->rename(from, to);
+		await_update(*database, options, retries, [&] {
+			const bool there = database->presence(to).there;
+			return Seen{there && (same || database->is_gone(before)), !there || same};
 		});
 	}
 	return tell_update(options, "renamed", object);

@@ -24,6 +24,7 @@
 #include "log_messages.h"
 #include "readiness.h"
 #include "shared/rights.h"
+#include "stores.h"
 #include "text.h"
 #include "update_threads.h"
 
@@ -327,12 +328,9 @@ Exit run(const Options &options)
 		throw Failure(Exit::permission, "serving needs root: it changes the owner of the directory")
 		    .in(options.other)
 		    .next("run it as root, or by the unit ostrel-serve@.service");
-	if (options.database.rfind("hatch:", 0) == 0)
-		throw Failure(Exit::usage,
-		    "a hatch can't be served by another one: its server would take all callers for this one")
-		    .in(options.database)
-		    .next("serve the database itself");
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	require_servable(options.database);
+	const std::unique_ptr<Database> opened = open_database(options);
+	const Database &database = *opened;
 	check_directory(options.other);
 	check_place(options.other);
 	raise_descriptor_limit();

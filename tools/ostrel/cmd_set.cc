@@ -68,32 +68,26 @@ void apply(Object &object, const PropertyWord &word)
 	}
 }
 
-bool same_props(const Object &a, const Object &b)
-{
-	return std::equal(a.props.begin(), a.props.end(), b.props.begin(), b.props.end(),
-	    [](const Property &x, const Property &y) { return x.name == y.name && same_value(x, y); });
-}
-
 Exit run(const Options &options)
 {
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	const std::unique_ptr<Database> database = open_database(options);
 	Identifiers id = parse_identifiers(options.words);
 	if (id.empty() || options.tail.empty())
 		throw Failure(Exit::usage, "set needs identifiers before --, and properties behind it");
 	std::vector<PropertyWord> words;
 	for (const std::string &text : options.tail)
 		words.push_back(parse_property_word(text));
-	begin_update(database, options);
-	Object before = database.get(id);
+	begin_update(*database, options);
+	Object before = database->get(id);
 	Object after = before;
 	for (const PropertyWord &word : words)
 		apply(after, word);
 	if (same_props(before, after))
 		return tell_update(options, "unchanged", after);
-	rehearse(database, after, {true, before});
+	database->rehearse(after, {true, before});
 	if (!options.dry_run) {
-		Retries retries = database.put(after);
-		await_object(database, options, retries, after, {true, before});
+		Retries retries = database->put(after);
+		await_object(*database, options, retries, after, {true, before});
 	}
 	return tell_update(options, "changed", after);
 }

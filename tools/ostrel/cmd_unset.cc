@@ -19,26 +19,27 @@ void declare(CLI::App &app, Options &options)
 
 Exit run(const Options &options)
 {
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	const std::unique_ptr<Database> database = open_database(options);
 	Identifiers id = parse_identifiers(options.words);
 	if (id.empty() || options.tail.empty())
 		throw Failure(Exit::usage, "unset needs identifiers before --, and names of properties behind it");
-	begin_update(database, options);
-	Object object = database.get(id);
-	const Look before = {true, object};
+	begin_update(*database, options);
+	Object object = database->get(id);
+	const Presence before = {true, object};
 	for (const std::string &name : options.tail) {
 		auto found = std::find_if(
 		    object.props.begin(), object.props.end(), [&](const Property &p) { return p.name == name; });
 		if (found == object.props.end())
 			throw Failure(Exit::not_found, fmt::format("{} has no property {}", id_text(object.id), name))
-			    .in(database.label())
-			    .next(fmt::format("nothing was changed; ostrel get {} shows the object", database.label()));
+			    .in(database->label())
+			    .next(
+				fmt::format("nothing was changed; ostrel get {} shows the object", database->label()));
 		object.props.erase(found);
 	}
-	rehearse(database, object, before);
+	database->rehearse(object, before);
 	if (!options.dry_run) {
-		Retries retries = database.put(object);
-		await_object(database, options, retries, object, before);
+		Retries retries = database->put(object);
+		await_object(*database, options, retries, object, before);
 	}
 	return tell_update(options, "changed", object);
 }

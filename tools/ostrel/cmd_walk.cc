@@ -8,7 +8,6 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
-#include "lines.h"
 #include "terminal.h"
 #include "text.h"
 #include "word.h"
@@ -206,7 +205,7 @@ void keep_chosen(Object &object, const std::vector<std::string> &props)
 
 Exit run(const Options &options)
 {
-	Database database(options.database, enclave_option(options.enclave), options.case_sensitive);
+	const std::unique_ptr<Database> database = open_database(options);
 	Identifiers id = parse_identifiers(options.words);
 	bool table = !options.json && is_terminal(STDOUT_FILENO);
 	std::optional<DocumentWriter> document;
@@ -221,16 +220,16 @@ Exit run(const Options &options)
 
 	// Without a table or an order each object is printed as it comes.
 	if (!table && options.sort.empty()) {
-		database.walk(id, options.exact, print);
+		database->walk(id, options.exact, print);
 	} else {
-		std::vector<Object> objects = database.objects(id, options.exact);
+		std::vector<Object> objects = database->objects(id, options.exact);
 		if (!options.sort.empty())
 			sort_objects(objects, options.sort);
 		if (table) {
 			for (Object &object : objects)
 				keep_chosen(object, options.props);
 			print_objects_table(objects, options);
-			tell_unread_lines(database);
+			database->warn_of_unread();
 			return Exit::done;
 		}
 		for (Object &object : objects)
@@ -241,7 +240,7 @@ Exit run(const Options &options)
 			document.emplace();
 		document->finish();
 	}
-	tell_unread_lines(database);
+	database->warn_of_unread();
 	return Exit::done;
 }
 

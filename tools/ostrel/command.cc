@@ -9,7 +9,7 @@
 
 #include "database.h"
 #include "document.h"
-#include "scratch.h"
+#include "stores.h"
 #include "text.h"
 
 const Command *const commands[] = {
@@ -57,8 +57,7 @@ void declare_all(CLI::App &app, Options &options)
 
 void declare_database(CLI::App &app, Options &options)
 {
-	app.add_option("DB", options.database, "The database: PATH, file:PATH, raw:PATH, repo:LOCATOR or hatch:PATH")
-	    ->required();
+	app.add_option("DB", options.database, fmt::format("The database: PATH, {}", database_forms()))->required();
 	app.add_option("-E,--enclave", options.enclave, "The enclave in which the database lies")->type_name("NAME|ID");
 	app.add_flag("--case", options.case_sensitive, "Compare identifiers with case");
 }
@@ -103,6 +102,11 @@ int enclave_option(const std::string &text)
 	return info.ei_id;
 }
 
+std::unique_ptr<Database> open_database(const Options &options)
+{
+	return open_database(options.database, enclave_option(options.enclave), options.case_sensitive);
+}
+
 void print_object(const Object &object)
 {
 	for (const auto &[name, value] : object.id)
@@ -132,30 +136,4 @@ void begin_update(Database &database, const Options &options, Database::Loss los
 	if (options.force && loss == Database::Loss::refused)
 		loss = Database::Loss::told;
 	database.require_updates(loss, options.dry_run ? Database::Hold::no : hold);
-}
-
-void rehearse(Database &database, const Object &object, const Look &before)
-{
-	if (!database.back_end().is_path) {
-		if (database.readable()) // what it can hold, the store knows alone, but for groups
-			database.check_group(object, before);
-		return;
-	}
-	database.require_place();
-	LineMaker maker;
-	try {
-		(void) maker.line(object);
-	} catch (Failure &failure) {
-		failure.in(database.label());
-		throw;
-	}
-	warn_of_loss(database, object, maker.stored());
-	database.check_loss();
-}
-
-void warn_of_loss(const Database &database, const Object &wanted, const Object &stored)
-{
-	std::string loss = storage_loss(wanted, stored);
-	if (!loss.empty())
-		warn(Failure(Exit::done, fmt::format("{}: {}", id_text(wanted.id), loss)).in(database.label()));
 }

@@ -2,6 +2,7 @@
 #ifndef OSTREL_TOOL_COMMAND_H
 #define OSTREL_TOOL_COMMAND_H
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -73,6 +74,8 @@ struct Object;
 
 // The enclave that an option names; the one of this process, if it's empty.
 int enclave_option(const std::string &text);
+// Opens the database that declare_database() declared.
+std::unique_ptr<Database> open_database(const Options &options);
 // Prints an object as text: a line for each identifier, and one for each property.
 void print_object(const Object &object);
 // Prints what an update did, or would do: as JSON if asked for, as a line in a dry run, otherwise not at all.
@@ -81,10 +84,4 @@ Exit tell_update(const Options &options, const char *done, const Object &object)
 // --force a file's lines stay, unless their loss is meant.
 void begin_update(Database &database, const Options &options, Database::Loss loss = Database::Loss::refused,
     Database::Hold hold = Database::Hold::yes);
-// Checks an update without making it: whether the object can be stored, and whether it comes back as it was given, of which
-// it warns. For a file that is done on a scratch database: a refused update would leave its temporary file beside it.
-void rehearse(Database &database, const Object &object, const Look &before);
-// Warns if the object, once stored, isn't what was asked for.
-void warn_of_loss(const Database &database, const Object &wanted, const Object &stored);
-
 #endif

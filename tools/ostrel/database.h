@@ -1,4 +1,24 @@
-// A database as the user names it, opened through the library, with errors that say what is wrong with it.
+/*
+ * A database, whatever keeps it. Commands know this interface alone; behind it stands one class for each kind of store, each
+ * in a source of its own:
+ *
+ *   file_database.cc        a file of lines that are objects, and a raw file
+ *   repository_database.cc  an instance or service of the service repository
+ *   served_database.cc      what another process serves at a hatch: a file, or a repository
+ *   group_database.cc       what the last two share: objects that are groups, and updates that are deferred
+ *   stores.cc               the table of prefixes, which makes one of them of a name
+ *
+ * A new kind of store is a source with a class, and a row of that table. It has to implement diagnose() and refused(); every
+ * other operation does what a store needs that has objects, can be read and updated through the library at once, and is owned by nobody else.
+ *
+ * All operations throw Failure, which names the database. A failed update has changed nothing, but where an operation says
+ * otherwise. A database is used by one thread.
+ *
+ * An update runs in this order: require_updates(), which may lock out other updates until the handle ends; a read of what is
+ * there; rehearse() or check_import(), which find what is wrong with the update and change nothing, so that a dry run ends
+ * there; update(), remove_all() or Replacement::commit(). The result of update() and remove_all() tells the threads on which
+ * a store that defers updates goes on with them: await_update() of deferred.h waits for these.
+ */
 #ifndef OSTREL_TOOL_DATABASE_H
 #define OSTREL_TOOL_DATABASE_H
 
@@ -6,152 +26,191 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 #include <libostrel.h>
 
+#include "database_name.h"
 #include "failure.h"
 #include "object.h"
-#include "repository.h"
 #include "update_threads.h"
 
-class NewFile; // the library's
-
-// A kind of store.
-struct BackEnd {
-	const char *prefix;
-	const ostrel_db_cmds_t *table;
-	bool updates;
-	bool selects;    // objects can be asked for by their identifiers
-	bool is_path;    // the name is the path of a file, opened by the library at each operation
-	bool defers;     // an update may be put off, and land later
-	bool served;     // another process owns the database, and decides who may do what
-	bool repository; // objects are groups, named by their paths, and walked by type
-};
+struct Line;
 
 // Whether an object is there, and the object, unless it can't be read.
-struct Look {
+struct Presence {
 	bool there = false;
 	std::optional<Object> object;
 };
 
+// What an update does to one object.
+struct Step {
+	enum class Kind { put, rename, remove };
+
+	Kind kind;
+	Identifiers id;
+	std::vector<Property> props = {}; // put: all properties from then on
+	Identifiers new_id = {};          // rename
+};
+
+// An update of many objects as one step, which was prepared and changes nothing before commit().
+class Replacement {
+public:
+	Replacement() = default;
+	virtual ~Replacement() = default;
+	Replacement(const Replacement &) = delete;
+	Replacement &operator=(const Replacement &) = delete;
+	// Puts the new content in the place of the old one, whole or not at all, and durably. The audit trail gets a record for
+	// each object that was written or removed, whatever the result.
+	virtual void commit(
+	    const std::vector<const Object *> &writes, const std::vector<const Identifiers *> &removals) = 0;
+};
+
+// Gets to see a database in its stored form, for a check.
+class Inspector {
+public:
+	virtual ~Inspector() = default;
+	// A line that the store takes for an object, a comment or nothing; and one that it takes as it stands.
+	virtual void see_line(const Line &line) = 0;
+	virtual void see_raw_line(const Line &line) = 0;
+	// A temporary file beside the database, from an update that runs or has failed. An unusable one blocks every update.
+	virtual void see_temporary_file(const std::string &path, bool is_usable) = 0;
+};
+
 class Database {
 public:
-	// `name` is `PREFIX:NAME` or a bare path. Throws Failure; a missing file is found at the first operation.
-	Database(const std::string &name, enclaveid_t enclave, bool case_sensitive);
-	~Database();
+	using Visit = std::function<void(Object &&)>;
+
+	virtual ~Database();
 	Database(const Database &) = delete;
 	Database &operator=(const Database &) = delete;
 
-	using Visit = std::function<void(Object &&)>;
-	// Calls `visit` for each object selected, in the order of the store.
+	// Opens it through the library, before anything else. A missing file is found by the first operation.
+	void open();
+
+	// ---- Reading ----
+
+	// Calls `visit` for each object selected, in the order of the store. `exact`: by all identifiers, not by some.
 	void walk(const Identifiers &id, bool exact, const Visit &visit);
 	std::vector<Object> objects(const Identifiers &id = {}, bool exact = false);
+	// The same; nothing if the database doesn't exist yet.
+	std::optional<std::vector<Object>> objects_if_any(const Identifiers &id = {}, bool exact = false);
 	// The one object with exactly these identifiers, or nothing.
 	std::optional<Object> find(const Identifiers &id);
 	// The same; a missing object is a Failure that says what is there instead.
 	Object get(const Identifiers &id);
 	// The same for an update that doesn't need the properties: without them if they can't be read.
-	Object get_for_update(const Identifiers &id);
-	Look look(const Identifiers &id);
-	// Whether the object is gone, and what its identifiers name now, if anything, is another one.
-	bool is_gone(const Identifiers &id);
-	// Whether the objects are groups of a repository, here or behind the server.
-	bool holds_groups();
-	// The number of objects; nothing if there is no database, or the caller may not read it.
-	std::optional<size_t> count();
+	virtual Object get_for_update(const Identifiers &id);
+	virtual Presence presence(const Identifiers &id);
+	// Whether the object is gone. What its identifiers name now, if anything, is then another one.
+	virtual bool is_gone(const Identifiers &id);
+	// The number of objects, also of those that can't be read; nothing if there is no database, or the caller may not read it.
+	virtual std::optional<size_t> count();
+	// Warns of what is stored and can't be read, and so is missing from what was shown.
+	virtual void warn_of_unread() const {}
+	// Shows the stored form. Throws Failure (unsupported) if that is no matter of lines.
+	virtual void inspect(Inspector &inspector) const;
 
-	// Throw Failure if the store would refuse it, or nobody could read it there. What isn't a group they don't know.
-	void check_group(const Object &object, const Look &before);
-	void check_group_rename(const Identifiers &from, const Identifiers &to);
+	// ---- Before an update ----
 
-	// Whether the server lets the caller read, or update. Where there is none, it does. Throws Failure if it can't be asked.
-	bool allowed(bool write);
-	// The same for reading; asked once.
-	bool readable();
-	// Throws Failure unless the store can be updated, by this caller, and without loss. To empty a file is no loss.
-	// Loss::told is one that is said and accepted; check_loss() looks for it. With Hold::yes no other update of a file is made from here to the
-	// end of this handle, by whichever program; with Hold::for_owner only if the library's own update, which is one step, too, would give
-	// the file another owner or mode.
+	// Whether the caller may read, or update, as far as the owner of the store decides that.
+	virtual bool allowed(bool write);
+	// The same for reading, asked once.
+	virtual bool readable() { return true; }
+	// Why nobody holds the rights that the store's owner asks for, as the end of a sentence; empty if that isn't so.
+	virtual std::string rights_fault() const { return ""; }
+
+	// What an update of a file may lose: nothing; what is said as a warning; anything, without a word.
 	enum class Loss { refused, told, meant };
+	// From when on other updates of a file wait for the end of this handle: not at all, since each update is one step; the
+	// same, but if that step would give the file another owner or mode; from now on.
 	enum class Hold { no, for_owner, yes };
-	void require_updates(Loss loss, Hold hold);
-	// Says what an update of a file would lose. Throws Failure if that isn't accepted.
-	void check_loss() const;
-	// Throws Failure if no file can be made or replaced there, whoever asks.
-	void require_place() const;
-	// Of an update for the sake of which another object would have to be written, and can't be.
-	Failure others_damaged() const;
-	Retries put(const Object &object);
-	Retries rename(const Identifiers &from, const Identifiers &to);
-	Retries remove(const Identifiers &id);
-	Retries destroy();
-	// Updates that haven't landed are given up: the end doesn't wait for them.
-	void give_up() { given_up_ = true; }
-	// Puts a file with this content in the place of one that is held, whole or not at all, durably; mode and owner stay.
-	// Leaves the audit records of these updates. Throws Failure.
-	void replace(const std::string &content, const std::vector<const Object *> &writes,
-	    const std::vector<const Identifiers *> &removals);
-	// As objects(), or nothing if the database isn't there yet.
-	std::optional<std::vector<Object>> objects_if_any(const Identifiers &id = {}, bool exact = false);
+	// Throws Failure unless this caller can update the store. For a store that has use for it, says how.
+	virtual void require_updates(Loss loss, Hold hold);
+	// Throws Failure if the store could be replaced by nobody, or not without a loss that isn't accepted. Warns of one that is.
+	virtual void require_place() const {}
+	// Throws Failure if the store would refuse the object, or nobody could read it there; and as require_place(). Warns if it
+	// won't come back as it was given.
+	virtual void rehearse(const Object & /*object*/, const Presence & /*before*/) {}
+	// The same for an object that gets other identifiers.
+	virtual void rehearse_rename(const Identifiers &from, const Object &renamed);
+	// The same for one of many objects, without require_place().
+	virtual void check_import(const Object & /*object*/, const Presence & /*before*/) {}
 
-	const std::string &label() const { return label_; }
-	const std::string &name() const { return name_; }
-	enclaveid_t enclave() const { return enclave_; }
-	bool case_sensitive() const { return case_sensitive_; }
-	const BackEnd &back_end() const { return *back_; }
-	// Whether the name is a path in this process's own file system, where the tool can look at it.
-	bool here() const;
+	// A text that two identifier lists share exactly if the store takes them for the same object.
+	virtual std::string key(const Identifiers &id);
+	// How many objects have to be there before this one: writes go by it.
+	virtual size_t depth(const Identifiers & /*id*/) { return 0; }
+	// Whether `stored` is what the store makes of `written`.
+	virtual bool is_stored_form(const Object &written, const Object &stored) const;
+
+	// ---- Updates ----
+
+	virtual Retries update(const Step &step);
+	Retries put(const Object &object) { return update({Step::Kind::put, object.id, object.props}); }
+	Retries rename(const Identifiers &from, const Identifiers &to);
+	Retries remove(const Identifiers &id) { return update({Step::Kind::remove, id}); }
+	// Object by object in a repository: what was removed stays so if one of them fails.
+	virtual Retries remove_all();
+	// Prepares to make these objects, in their order, the whole content. Nothing from a store that takes objects one by one.
+	virtual std::unique_ptr<Replacement> replacement(const std::vector<const Object *> &content);
+	// Updates that are still deferred are given up: the end of the handle doesn't wait for them.
+	void give_up() { given_up_ = true; }
+
+	const std::string &label() const { return name_.label; }
+	const std::string &name() const { return name_.name; }
+	bool case_sensitive() const { return name_.case_sensitive; }
 	// For the one command that hands the database on.
 	ostrel_db_t handle() const { return db_; }
 
-private:
-	void require_selection() const;
-	bool library_keeps_owner() const;
-	void require_regular_file() const;
-	List list(const Identifiers &id);
-	bool is_group(const Identifiers &id) { return back_->repository || (names_groups(id) && holds_groups()); }
-	bool is_unreadable(ostrel_error_t result, const Identifiers &id);
-	Failure unreadable(const Identifiers &id) const;
-	std::optional<std::vector<std::string>> group_names(const Identifiers &id = {}) const;
-	ostrel_error_t read(const Identifiers &id, std::optional<Object> *object);
-	// The text of a file that is held, of which the objects with these identifiers change.
-	std::string changed_text(const Identifiers &id, const std::function<bool(Object &)> &change) const;
-	int take_hold();
-	void replace_held(const std::string &content);
-	[[noreturn]] void fail_replace(int error);
-	Failure refused(const Identifiers &id, const Object *object = nullptr);
-	void begin_update();
-	Retries made_update();
-	[[noreturn]] void fail(ostrel_error_t result, const std::string &what);
-	void fail_repository(ostrel_error_t result, const std::string &what);
-	[[noreturn]] void fail_walk(ostrel_error_t result, const Identifiers &id);
-	void explain_unread(const Identifiers &id);
-	ostrel_error_t walk_once(const Identifiers &id, bool exact, const Visit &visit);
-	ostrel_error_t walk_levels(const Identifiers &id, bool exact, const Visit &visit);
-	ostrel_error_t walk_groups(const Identifiers &id, bool exact, const Visit &visit);
-	ostrel_error_t try_walk(const Identifiers &id, bool exact, const Visit &visit);
+protected:
+	Database(DatabaseName &&name, const ostrel_db_cmds_t &table);
 
-	std::string label_;
-	std::string name_;
-	const BackEnd *back_ = nullptr;
-	enclaveid_t enclave_;
-	bool case_sensitive_;
+	// ---- What a kind of store implements ----
+
+	// Why an operation ended with this result, which `what` says in words ("can't be read"), if the store has more to say than
+	// the library's general message.
+	virtual std::optional<Failure> diagnose(ostrel_error_t result, const std::string &what) = 0;
+	// Why an update was refused as an invalid argument. `object` is NULL unless it was to be written.
+	virtual Failure refused(const Identifiers &id, const Object *object) = 0;
+
+	// ---- What it may have an own form of ----
+
+	virtual List list(const Identifiers &id);
+	// Throws Failure if objects can't be selected by identifiers.
+	virtual void require_selection() const {}
+	virtual ostrel_error_t try_walk(const Identifiers &id, bool exact, const Visit &visit);
+	// Throws Failure if it is known why a read, or a walk, of these identifiers failed.
+	virtual void explain_read(ostrel_error_t /*result*/, const Identifiers & /*id*/) {}
+	virtual void explain_walk(ostrel_error_t /*result*/, const Identifiers & /*id*/) {}
+	// Finds the threads that go on with this handle's updates, if the store defers any. Called before the first update.
+	virtual std::unique_ptr<RetryFinder> retry_finder() { return nullptr; }
+
+	// ---- What it does so with ----
+
+	[[noreturn]] void fail(ostrel_error_t result, const std::string &what);
+	// The general message. Without a hint of the store's own, it gets the one that fits every store.
+	Failure general_failure(ostrel_error_t result, const std::string &what, const std::string &hint = "") const;
+	ostrel_error_t read(const Identifiers &id, std::optional<Object> *object);
+	ostrel_error_t walk_once(const Identifiers &id, bool exact, const Visit &visit);
+	ostrel_error_t try_remove_all();
+	// The threads of the update that was just made.
+	Retries find_retries() { return finder_ ? finder_->find() : Retries(); }
+	const DatabaseName &full_name() const { return name_; }
+	bool may_have_retries() const { return finder_ != nullptr; }
+	bool given_up() const { return given_up_; }
+	// Updates still run on the handle, which therefore stays open.
+	void leave_open() { left_open_ = true; }
+
+private:
+	void begin_update();
+
+	DatabaseName name_;
+	const ostrel_db_cmds_t &table_;
 	ostrel_db_t db_ = nullptr;
-	std::optional<bool> readable_;
-	std::optional<bool> holds_groups_;
-	bool chose_level_ = false;
-	std::unique_ptr<NewFile> held_; // of a file that is to be updated
-	bool holds_ = false;
-	int hold_error_ = 0;
-	struct stat seen_ = {}; // the file when it was held
-	bool exists_ = false;
-	Loss loss_ = Loss::refused;
-	bool updated_ = false;
-	std::unique_ptr<UpdateWatch> watch_;  // of an own repository's updates, from the first one on
-	std::unique_ptr<RetryFinder> finder_; // of a store that defers, the same
+	std::unique_ptr<RetryFinder> finder_; // from the first update on
 	bool given_up_ = false;
+	bool left_open_ = false;
 };
 
 // Whether a handle had to be left to an update that still runs: the process then ends as it stands.

@@ -1,4 +1,3 @@
-// Waiting for updates that a store put off.
 #include "deferred.h"
 
 #include <algorithm>
@@ -7,25 +6,15 @@
 
 #include <fmt/format.h>
 
-#include "repository.h"
-#include "scratch.h"
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds first_pause(50), longest_pause(1000);
-constexpr int looks = 5; // at what is as before, before the update counts as deferred
-
-bool same_props(const Object &a, const Object &b)
-{
-	return std::equal(a.props.begin(), a.props.end(), b.props.begin(), b.props.end(),
-	    [](const Property &x, const Property &y) { return x.name == y.name && same_value(x, y); });
-}
+constexpr int looks = 5; // that find all as before, until the update counts as deferred
 
 enum class Fate { landed, open, lost };
 
-// Where the store's own word isn't enough, what is stored counts. Another's later value never says "not yet".
 Fate fate_of(Retries::State state, const std::function<Seen()> &look)
 {
 	if (state == Retries::State::none || state == Retries::State::landed)
@@ -40,7 +29,8 @@ Fate fate_of(Retries::State state, const std::function<Seen()> &look)
 	return landed ? Fate::landed : Fate::open;
 }
 
-// A server's threads may have been passed over, but then what was to be there isn't. Its yes stands, also if it has ended.
+// A listing may have missed a server's threads; then what is stored isn't as wanted. A server that has ended meanwhile has
+// said yes all the same.
 void look_closely(Retries &retries, const std::function<Seen()> &look)
 {
 	try {
@@ -51,10 +41,10 @@ void look_closely(Retries &retries, const std::function<Seen()> &look)
 	}
 }
 
-// What is known at once. What is as before may have been changed back.
-Fate first_fate(Database &database, Retries &retries, const std::function<Seen()> &look)
+// What is known at once, or nearly: somebody may have changed back what is as before, and change it again.
+Fate first_fate(Retries &retries, const std::function<Seen()> &look)
 {
-	if (database.back_end().served && retries.state() == Retries::State::none)
+	if (retries.is_by_server() && retries.state() == Retries::State::none)
 		look_closely(retries, look);
 	Fate fate = fate_of(retries.state(), look);
 	for (int i = 0; i < looks && fate == Fate::open && retries.state() == Retries::State::unseen; i++) {
@@ -90,9 +80,9 @@ constexpr struct {
     {Retries::State::going_on, "the update hasn't landed, and is given up", "the update hasn't landed"},
 };
 
-Failure lost(const Database &database, Retries::State state)
+Failure lost(const Database &database, const Retries &retries, Retries::State state)
 {
-	const bool is_served = database.back_end().served;
+	const bool is_served = retries.is_by_server();
 	const char *reason = "the update hasn't landed";
 	for (const auto &row : reasons)
 		if (row.state == state)
@@ -107,25 +97,10 @@ Failure lost(const Database &database, Retries::State state)
 
 } // namespace
 
-bool is_stored_form(const Object &written, const Object &stored)
-{
-	if (same_props(written, stored) || is_repository_form(written, stored))
-		return true;
-	try {
-		LineMaker maker;
-		(void) maker.line(written);
-		return same_props(maker.stored(), stored);
-	} catch (const Failure &) { // no file could hold it, so it isn't a file's form
-		return false;
-	}
-}
-
 void await_update(Database &database, const Options &options, Retries &retries, const std::function<Seen()> &look)
 {
-	if (!database.back_end().defers)
-		return;
 	const std::function<Seen()> see = [&] { return database.readable() ? look() : Seen{false, false}; };
-	Fate fate = first_fate(database, retries, see);
+	Fate fate = first_fate(retries, see);
 	if (fate == Fate::landed)
 		return;
 	warn(Failure(Exit::deferred,
@@ -142,16 +117,17 @@ void await_update(Database &database, const Options &options, Retries &retries, 
 	if (state == Retries::State::landed) // at the last moment
 		return;
 	database.give_up();
-	throw lost(database, state);
+	throw lost(database, retries, state);
 }
 
 void await_object(
-    Database &database, const Options &options, Retries &retries, const Object &object, const Look &before)
+    Database &database, const Options &options, Retries &retries, const Object &object, const Presence &before)
 {
 	await_update(database, options, retries, [&] {
-		const Look now = database.look(object.id);
+		const Presence now = database.presence(object.id);
 		const bool same = now.object && before.object ? same_props(*now.object, *before.object)
 							      : !now.object && !before.object;
-		return Seen{now.object && is_stored_form(object, *now.object), same && now.there == before.there};
+		return Seen{
+		    now.object && database.is_stored_form(object, *now.object), same && now.there == before.there};
 	});
 }

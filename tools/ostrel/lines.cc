@@ -1,3 +1,4 @@
+// Divisions: the file, its lines, what an update makes of them.
 #include "lines.h"
 
 #include <cerrno>
@@ -14,7 +15,6 @@
 
 #include <fmt/format.h>
 
-#include "database.h"
 #include "enclave_child.h"
 #include "libostrel_files_blocks.h"
 #include "libostrel_files_fields.h"
@@ -22,6 +22,8 @@
 #include "scratch.h"
 
 namespace {
+
+// ---- The file ----
 
 struct CloseFile {
 	void operator()(FILE *stream) const { (void) fclose(stream); } // it was only read
@@ -46,11 +48,11 @@ int copy_bytes(int from, int to)
 	}
 }
 
-// What a file in another enclave holds, brought here; only a regular file is opened there.
-int fetch(const Database &database, int to)
+// Copies what a file in another enclave holds. Only a regular file is opened there.
+int fetch(const DatabaseName &file, int to)
 {
-	const char *path = database.name().c_str();
-	return in_enclave(database.enclave(), [&] {
+	const char *path = file.name.c_str();
+	return in_enclave(file.enclave, [&] {
 		int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
 		struct stat status;
 		if (fd < 0 || fstat(fd, &status) != 0)
@@ -59,15 +61,15 @@ int fetch(const Database &database, int to)
 	});
 }
 
-Stream open_file(const Database &database)
+Stream open_file(const DatabaseName &file)
 {
 	int error = 0;
-	int fd = database.here() ? open(database.name().c_str(), O_RDONLY | O_CLOEXEC)
-				 : memfd_create("ostrel-check", MFD_CLOEXEC);
+	int fd = file.is_own_path() ? open(file.name.c_str(), O_RDONLY | O_CLOEXEC)
+				    : memfd_create("ostrel-check", MFD_CLOEXEC);
 	if (fd < 0)
 		error = errno;
-	else if (!database.here())
-		error = fetch(database, fd);
+	else if (!file.is_own_path())
+		error = fetch(file, fd);
 	struct stat status;
 	if (error == 0 && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode))
 		error = EISDIR;
@@ -76,11 +78,11 @@ Stream open_file(const Database &database)
 		(void) close(fd); // nothing was written through it
 	if (!stream)
 		throw Failure(error == EISDIR ? Exit::invalid : exit_of(ostrel_errno2error(error)), strerror(error))
-		    .in(database.label());
+		    .in(file.label);
 	return stream;
 }
 
-// The blocks of a file, one after the other, each in the place of the one before.
+// The blocks of a file, one after the other, in one buffer.
 class Blocks {
 public:
 	explicit Blocks(FILE *stream) : stream_(stream), memory_(std::make_unique<char[]>(OSTREL_BLOCK_SIZE)) {}
@@ -105,6 +107,8 @@ private:
 	std::unique_ptr<char[]> memory_;
 	size_t total_ = 0;
 };
+
+// ---- Its lines ----
 
 // A line that is put together from pieces of blocks.
 class LineInPieces {
@@ -133,14 +137,14 @@ private:
 	Line line_ = {1, {}, 0, false};
 };
 
-// A line in its parts, if it is one that the library would copy as it stands.
+// Takes apart a line that the library would copy as it stands.
 class LineParts {
 public:
 	bool take(const Line &line)
 	{
 		if (line.length > OSTREL_LINE_MAX || line.bytes.back() != '\n')
 			return false;
-		fields_.forget(); // they point into the line before
+		fields_.forget(); // they point into the previous line
 		memcpy(text_, line.bytes.data(), line.length);
 		index_.build(text_, text_ + line.length);
 		StructureCursor cursor(index_);
@@ -156,7 +160,7 @@ private:
 	ostrel_fields fields_ = {};
 };
 
-// What an object line begins with, for whoever passes over comments and empty lines.
+// A line without its newline and the white space before its first character, by which comments and empty lines are known.
 std::string_view without_space(std::string_view bytes)
 {
 	if (!bytes.empty() && bytes.back() == '\n')
@@ -166,7 +170,7 @@ std::string_view without_space(std::string_view bytes)
 	return bytes;
 }
 
-// The lists of an object line, by the library's general reader; none if it can't be read.
+// The lists of an object line, from the library's general parser; none if it can't be read.
 struct Lists {
 	List id, props;
 };
@@ -181,25 +185,27 @@ Lists lists_of(std::string_view object)
 	return {List(id), List(props)};
 }
 
-// What an update makes of a line.
-enum class Fate { kept, dropped, unread, rewritten };
+// ---- What an update makes of them ----
 
-Fate fate_of(const Line &line)
+// What an update makes of a line.
+enum class LineFate { kept, dropped, unread, rewritten };
+
+LineFate fate_of(const Line &line)
 {
 	if (line.length > OSTREL_LINE_MAX || line.has_nul)
-		return Fate::unread;
+		return LineFate::unread;
 	const std::string_view object = without_space(line.bytes);
 	if (object.empty() || object[0] == '#')
-		return Fate::dropped;
+		return LineFate::dropped;
 	Lists lists = lists_of(object);
 	if (!lists.id)
-		return Fate::unread;
+		return LineFate::unread;
 	ostrel_line again;
 	if (ostrel_format_object(lists.id.get(), lists.props.get(), &again) != OSTREL_SUCCESS)
-		return Fate::kept; // it keeps every update from being made
+		return LineFate::kept; // it blocks every update
 	const bool ended = line.bytes.back() == '\n';
-	return line.bytes == std::string_view(again.text, again.length - (ended ? 0 : 1)) ? Fate::kept
-											  : Fate::rewritten;
+	return line.bytes == std::string_view(again.text, again.length - (ended ? 0 : 1)) ? LineFate::kept
+											  : LineFate::rewritten;
 }
 
 struct Fates {
@@ -209,27 +215,27 @@ struct Fates {
 
 	void add(const Line &line)
 	{
-		const Fate fate = parts_.take(line) ? Fate::kept : fate_of(line);
-		if (fate == Fate::kept)
+		const LineFate fate = parts_.take(line) ? LineFate::kept : fate_of(line);
+		if (fate == LineFate::kept)
 			return;
 		if (first == 0)
 			first = line.number;
-		if (fate == Fate::unread && unread++ == 0)
+		if (fate == LineFate::unread && unread++ == 0)
 			first_unread = line.number;
-		dropped += fate == Fate::dropped;
-		rewritten += fate == Fate::rewritten;
+		dropped += fate == LineFate::dropped;
+		rewritten += fate == LineFate::rewritten;
 	}
 
 private:
 	LineParts parts_;
 };
 
-// What can't be read at all isn't updated either, and whoever reads or updates it says why.
-std::optional<Fates> fates_of_lines(const Database &database)
+// Nothing for a file that can't be read: the read or update that fails then reports why.
+std::optional<Fates> fates_of_lines(const DatabaseName &file)
 {
 	Fates fates;
 	try {
-		each_line(database, [&](const Line &line) { fates.add(line); });
+		each_line(file, [&](const Line &line) { fates.add(line); });
 	} catch (const Failure &) {
 		return std::nullopt;
 	}
@@ -258,27 +264,27 @@ std::string loss_text(const Fates &fates)
 	return text;
 }
 
-std::string line_of(LineMaker &maker, const Object &object, const Database &database, bool changed)
+std::string line_of(LineMaker &maker, const Object &object, const DatabaseName &file, bool changed)
 {
 	try {
 		return maker.line(object);
 	} catch (const Failure &failure) {
 		if (failure.code != Exit::invalid || changed)
 			throw;
-		throw database.others_damaged().in(database.label());
+		throw others_damaged(file.label);
 	}
 }
 
 } // namespace
 
-void each_line(const Database &database, const std::function<void(const Line &line)> &visit)
+void each_line(const DatabaseName &file, const std::function<void(const Line &line)> &visit)
 {
-	Stream stream = open_file(database);
+	Stream stream = open_file(file);
 	Blocks blocks(stream.get());
 	LineInPieces line;
 	for (std::string_view block; !(block = blocks.next()).empty();) {
 		if (blocks.endless())
-			throw Failure(Exit::invalid, "is a device that doesn't end").in(database.label());
+			throw Failure(Exit::invalid, "is a device that doesn't end").in(file.label);
 		while (!block.empty()) {
 			size_t newline = block.find('\n');
 			bool whole = newline != std::string_view::npos;
@@ -293,23 +299,23 @@ void each_line(const Database &database, const std::function<void(const Line &li
 	}
 	if (ferror(stream.get()) != 0)
 		throw Failure(Exit::failure, fmt::format("can't be read: {}", strerror(errno)))
-		    .in(database.label())
+		    .in(file.label)
 		    .on_line(line.number());
 	if (!line.empty())
 		visit(line.finish());
 }
 
 std::string changed_lines(
-    const Database &database, const Identifiers &id, const std::function<bool(Object &object)> &change)
+    const DatabaseName &file, const Identifiers &id, const std::function<bool(Object &object)> &change)
 {
-	const std::string wanted = identity(id, database.case_sensitive());
+	const std::string wanted = identity(id, file.case_sensitive);
 	List ids = id_list(id);
 	FieldMatch match;
-	const bool comparing = match.prepare(database.case_sensitive(), ids.get(), true);
+	const bool comparing = match.prepare(file.case_sensitive, ids.get(), true);
 	LineParts parts;
 	LineMaker maker;
 	std::string text;
-	each_line(database, [&](const Line &line) {
+	each_line(file, [&](const Line &line) {
 		if (comparing && parts.take(line) && !match.selects(parts.fields())) {
 			text += line.bytes;
 			return;
@@ -321,41 +327,47 @@ std::string changed_lines(
 		if (!lists.id)
 			return;
 		Object object = object_from_lists(lists.id.get(), lists.props.get());
-		const bool changes = identity(object.id, database.case_sensitive()) == wanted;
+		const bool changes = identity(object.id, file.case_sensitive) == wanted;
 		if (!changes || change(object))
-			text += line_of(maker, object, database, changes);
+			text += line_of(maker, object, file, changes);
 	});
 	return text;
 }
 
-void look_for_lost_lines(const Database &database, bool accepted)
+Failure others_damaged(const std::string &label)
 {
-	const std::optional<Fates> fates = fates_of_lines(database);
+	return Failure(Exit::invalid, "another object of the database can't be written back")
+	    .next(fmt::format("ostrel check {} tells which lines are damaged", label))
+	    .in(label);
+}
+
+void look_for_lost_lines(const DatabaseName &file, bool accepted)
+{
+	const std::optional<Fates> fates = fates_of_lines(file);
 	if (!fates || fates->first == 0)
 		return;
 	if (accepted) {
-		warn(Failure(Exit::done, fmt::format("the update will {}", loss_text(*fates))).in(database.label()));
+		warn(Failure(Exit::done, fmt::format("the update will {}", loss_text(*fates))).in(file.label));
 		return;
 	}
 	throw Failure(Exit::invalid, fmt::format("an update would {}", loss_text(*fates)))
-	    .in(database.label())
+	    .in(file.label)
 	    .on_line(fates->unread > 0 ? fates->first_unread : fates->first)
 	    .next(fates->unread > 0
 		      ? fmt::format("'ostrel check {}' tells what is wrong; mend the lines, or lose them with --force",
-			    database.label())
+			    file.label)
 		      : std::string("--force updates the file all the same"));
 }
 
-void tell_unread_lines(const Database &database)
+void tell_unread_lines(const DatabaseName &file)
 {
 	struct stat status;
-	const bool flat = database.back_end().is_path && database.back_end().updates;
-	if (!flat || (database.here() && (stat(database.name().c_str(), &status) != 0 || !S_ISREG(status.st_mode))))
+	if (file.is_own_path() && (stat(file.name.c_str(), &status) != 0 || !S_ISREG(status.st_mode)))
 		return;
-	const std::optional<Fates> fates = fates_of_lines(database);
+	const std::optional<Fates> fates = fates_of_lines(file);
 	if (fates && fates->unread > 0)
 		warn(Failure(Exit::done, fmt::format("{} can't be read", lines_text(fates->unread)))
-			 .in(database.label())
+			 .in(file.label)
 			 .on_line(fates->first_unread)
-			 .next(fmt::format("'ostrel check {}' tells what is wrong", database.label())));
+			 .next(fmt::format("'ostrel check {}' tells what is wrong", file.label)));
 }

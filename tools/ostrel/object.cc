@@ -247,6 +247,12 @@ bool same_value(const Property &a, const Property &b)
 	return a.type == b.type && a.values == b.values;
 }
 
+bool same_props(const Object &a, const Object &b)
+{
+	return std::equal(a.props.begin(), a.props.end(), b.props.begin(), b.props.end(),
+	    [](const Property &x, const Property &y) { return x.name == y.name && same_value(x, y); });
+}
+
 const Property *Object::find(const std::string &name) const
 {
 	auto found = std::find_if(props.begin(), props.end(), [&](const Property &p) { return p.name == name; });

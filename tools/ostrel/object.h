@@ -54,6 +54,9 @@ struct Object {
 	const Property *find(const std::string &name) const;
 };
 
+// Whether two objects have the same properties in the same order.
+bool same_props(const Object &a, const Object &b);
+
 // Throws Failure for a property of a type that the tool doesn't know, rather than losing it.
 Object object_from_lists(attrlist_t *id, attrlist_t *props);
 // With a store, its name goes along: the file for this one operation, in place of the handle's.

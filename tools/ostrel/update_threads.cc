@@ -14,17 +14,17 @@
 
 namespace {
 
-// How often it is looked before none counts.
+// So many listings without a thread count as none.
 constexpr int listings = 5;
 constexpr std::chrono::milliseconds between_listings(5);
 
-constexpr char update_thread_name[] = "ostrel_update"; // which each has before its update is known to be put off
+constexpr char update_thread_name[] = "ostrel_update"; // set before the caller gets its result
 
 std::string name_of(pid_t process, pid_t thread)
 {
 	std::string name;
 	std::ifstream comm(fmt::format("/proc/{}/task/{}/comm", process, thread));
-	(void) std::getline(comm, name); // empty for one that has ended
+	(void) std::getline(comm, name); // empty for a thread that has ended
 	return name;
 }
 
@@ -51,8 +51,7 @@ bool is_update_thread(pid_t thread, pid_t process)
 	return name_of(process, thread) == update_thread_name;
 }
 
-// One listing may pass over threads while others end, as those of a hatch do that is revoked: none counts only if it is
-// said again.
+// A listing may miss threads while others end, as those of a revoked hatch do: an empty one is repeated.
 std::vector<pid_t> update_threads()
 {
 	std::vector<pid_t> threads = listing(getpid()).value_or(std::vector<pid_t>());
@@ -88,7 +87,7 @@ void UpdateWatch::take(void *cookie, trl_event_t event, const trl_object_t *obje
 	try {
 		static_cast<UpdateWatch *>(cookie)->keep(
 		    {object->object_name, event == TRL_ostrel_remove ? "remove" : "update", status == TRL_SUCCESS});
-	} catch (const std::exception &) { // it stays one without a name
+	} catch (const std::exception &) { // the thread then counts as one without records
 	}
 }
 
@@ -104,12 +103,12 @@ void UpdateWatch::keep(Attempt &&attempt)
 
 Retries::State Retries::state() const
 {
-	if (!process_)
+	if (is_unseen_)
 		return State::unseen;
 	bool going_on = false, refused = false, ended = false;
 	for (pid_t thread : threads_) {
-		const bool runs =
-		    is_update_thread(thread, *process_); // before its record is looked at, which then is the last
+		// Looked at before its record, which then is the last one of a thread that has ended.
+		const bool runs = is_update_thread(thread, process_);
 		const std::optional<UpdateWatch::Attempt> last =
 		    watch_ == nullptr ? std::nullopt : watch_->last(thread);
 		if (last && last->landed)
@@ -130,32 +129,44 @@ void Retries::add(const Retries &other)
 
 void Retries::look_again()
 {
-	for (int i = 1; i < listings && process_ && threads_.empty(); i++) {
+	for (int i = 1; i < listings && !is_unseen_ && threads_.empty(); i++) {
 		std::this_thread::sleep_for(between_listings);
-		for (pid_t thread : listing(*process_).value_or(std::vector<pid_t>()))
+		for (pid_t thread : listing(process_).value_or(std::vector<pid_t>()))
 			if (others_.count(thread) == 0)
 				threads_.insert(thread);
 	}
 }
 
-RetryFinder::RetryFinder(std::optional<pid_t> process, UpdateWatch *watch)
-    : process_(process && listing(*process) ? process : std::nullopt), watch_(watch)
+RetryFinder::RetryFinder(UpdateWatch *watch)
 {
+	empty_.process_ = getpid();
+	empty_.watch_ = watch;
+	see_those_before();
+}
+
+RetryFinder::RetryFinder(std::optional<pid_t> server)
+{
+	empty_.is_by_server_ = true;
+	empty_.process_ = server.value_or(0);
+	see_those_before();
+}
+
+void RetryFinder::see_those_before()
+{
+	empty_.is_unseen_ = empty_.process_ == 0 || !listing(empty_.process_);
 	(void) find();
 }
 
 Retries RetryFinder::find()
 {
-	Retries found;
-	found.process_ = process_;
-	found.watch_ = watch_;
+	Retries found = empty_;
 	found.others_ = known_;
-	if (!process_)
+	if (found.is_unseen_)
 		return found;
-	std::vector<pid_t> threads =
-	    listing(*process_).value_or(std::vector<pid_t>()); // none of a process that has gone
-	if (watch_ != nullptr)
-		for (pid_t recorded : watch_->threads()) // also those that have ended already
+	std::vector<pid_t> threads = // none of a process that has ended meanwhile
+	    listing(found.process_).value_or(std::vector<pid_t>());
+	if (found.watch_ != nullptr)
+		for (pid_t recorded : found.watch_->threads()) // also those that have ended already
 			threads.push_back(recorded);
 	for (pid_t thread : threads)
 		if (known_.insert(thread).second)

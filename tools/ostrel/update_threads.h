@@ -1,4 +1,14 @@
-// Deferred updates: each has a thread of the library's, in this process or in that of a server.
+/*
+ * Deferred updates. The library gives each a thread of its own, in this process or in that of a server, on which it is tried
+ * again once a second. Here such threads are found and followed, by three means that together leave few gaps:
+ *
+ *   their name     in /proc, for as long as they run; the only means for a server's threads
+ *   their records  in the audit trail of this process, with the object and the result of each attempt; needs a privilege
+ *   their order    threads that come up while an update is made are taken for its own, so updates are made one by one. In a
+ *                  server's process they may be those of another client
+ *
+ * Where none of them tells, State says so, and the caller compares what is stored (deferred.h).
+ */
 #ifndef OSTREL_TOOL_UPDATE_THREADS_H
 #define OSTREL_TOOL_UPDATE_THREADS_H
 
@@ -15,7 +25,7 @@
 
 #include <meridon/trail.h>
 
-// The threads of the updates that are put off at the moment, in this process.
+// The threads of the updates that are deferred at the moment, in this process.
 std::vector<pid_t> update_threads();
 bool is_update_thread(pid_t thread, pid_t process = getpid());
 inline size_t own_deferred_updates()
@@ -23,8 +33,8 @@ inline size_t own_deferred_updates()
 	return update_threads().size();
 }
 
-// What the audit records of update threads tell: which object each is about, and what its last attempt came to. A process
-// that may not write records learns nothing.
+// Follows the audit records of this process's update threads: which object each is about, and how its last attempt ended. A
+// process that may not write records learns nothing. The records come on the update threads.
 class UpdateWatch {
 public:
 	struct Attempt {
@@ -33,7 +43,7 @@ public:
 		bool landed;
 	};
 
-	// Forgets threads that have ended, unless it's to keep them all.
+	// `running`: forgets threads that have ended.
 	enum class Keep { running, all };
 	explicit UpdateWatch(Keep keep = Keep::running) : look_at_(keep == Keep::all ? SIZE_MAX : 64)
 	{
@@ -52,48 +62,54 @@ private:
 	static void take(void *cookie, trl_event_t event, const trl_object_t *object, int status, int retval);
 	void keep(Attempt &&attempt);
 
-	std::mutex lock_;
+	std::mutex lock_; // guards what follows
 	std::map<pid_t, Attempt> last_;
-	size_t look_at_; // from that number on it is looked which threads have ended
+	size_t look_at_; // at that number of threads those that have ended are forgotten
 };
 
-// The threads on which one update goes on that a store has put off.
+// The threads on which a deferred update goes on. A default one is that of an update that wasn't deferred.
 class Retries {
 public:
 	enum class State {
-		none,     // it wasn't put off
+		none,     // it wasn't deferred
 		going_on, // it is tried again
-		landed,   // its own record says so
+		landed,   // by its record
 		refused,  // or given up: its last record is a failure
-		ended,    // it is known no more of it
+		ended,    // its thread has, and left no record
 		unseen,   // the process can't be looked at
 	};
 	State state() const;
-	// Of several updates: the one state that matters.
+	// Whether a server makes the update, and goes on when this process ends.
+	bool is_by_server() const { return is_by_server_; }
+	// Makes this the retries of several updates, with the one state that matters.
 	void add(const Retries &other);
-	// Looks for them once more, several times: a listing may pass over threads while others end.
+	// Looks for the threads several times more: a listing may miss threads while others end.
 	void look_again();
 
 private:
 	friend class RetryFinder;
-	std::optional<pid_t> process_;
+	bool is_by_server_ = false;
+	bool is_unseen_ = false;
+	pid_t process_ = 0;
 	UpdateWatch *watch_ = nullptr;
-	std::set<pid_t> others_;
+	std::set<pid_t> others_; // of updates before this one
 	std::set<pid_t> threads_;
 };
 
-// Tells the threads of an update by looking which ones come up while it is made, one update after the other. In a server's
-// process, those of others' updates may be among them.
+// Finds the threads of updates that are made one after the other: those that come up while one is made.
 class RetryFinder {
 public:
-	// `process` is where updates are tried again; none if it can't be seen. `watch` is of the same process, or NULL.
-	RetryFinder(std::optional<pid_t> process, UpdateWatch *watch);
+	// For updates that this process tries again.
+	explicit RetryFinder(UpdateWatch *watch);
+	// For updates that a server tries again, if there is one; 0 is one that can't be seen.
+	explicit RetryFinder(std::optional<pid_t> server);
 	// Those of the update that was just made.
 	Retries find();
 
 private:
-	std::optional<pid_t> process_;
-	UpdateWatch *watch_;
+	void see_those_before();
+
+	Retries empty_; // with the process and no threads
 	std::set<pid_t> known_;
 };
 

@@ -1,6 +1,6 @@
-// The service repository as the tool sees it: how its objects are named and stored, and whether a daemon answers.
-#ifndef OSTREL_TOOL_REPOSITORY_H
-#define OSTREL_TOOL_REPOSITORY_H
+// Objects of the service repository, its groups: how they are named, what one can hold, and why one is refused.
+#ifndef OSTREL_TOOL_GROUPS_H
+#define OSTREL_TOOL_GROUPS_H
 
 #include <optional>
 #include <string>
@@ -45,12 +45,5 @@ std::string group_loss(const Object &object, const Object *stored);
 
 // Why a repository refuses an object that the library calls an invalid argument. Without properties: a rename.
 Failure why_refused(const Identifiers &id, const Object *object);
-
-// Why the repository of this enclave can't be asked; nothing if it can.
-std::optional<Failure> repository_unreachable();
-
-// The paths of names of all groups of a service or an instance of this enclave, each before those below it. Nothing if they
-// can't be listed. It also has groups that can't be read.
-std::optional<std::vector<std::string>> list_groups(const std::string &locator);
 
 #endif

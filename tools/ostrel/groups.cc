@@ -1,9 +1,7 @@
-// Objects of the service repository, and its daemon.
-#include "repository.h"
+#include "groups.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <memory>
 
 #include <fmt/format.h>
 #include <meridon/rpy.h>
@@ -94,39 +92,6 @@ std::optional<Failure> why_bad_types(const Identifiers &id)
 	if (types[levels - 1].find('*') != std::string::npos)
 		return Failure(Exit::invalid, "a type has no '*': that is for the types of a walk");
 	return why_bad_pattern(id);
-}
-
-struct Destroy {
-	void operator()(rpy_handle_t *handle) const { rpy_handle_destroy(handle); }
-	void operator()(rpy_service_t *service) const { rpy_service_destroy(service); }
-	void operator()(rpy_instance_t *instance) const { rpy_instance_destroy(instance); }
-	void operator()(rpy_propertygroup_t *group) const { rpy_pg_destroy(group); }
-	void operator()(rpy_iter_t *iter) const { rpy_iter_destroy(iter); }
-};
-template <typename T>
-using Owned = std::unique_ptr<T, Destroy>;
-
-// Adds the groups that an iterator gives, each with those below it. A group that goes meanwhile has none.
-bool add_groups(rpy_handle_t *handle, rpy_iter_t *iter, const std::string &above, std::vector<std::string> &paths)
-{
-	Owned<rpy_propertygroup_t> group(rpy_pg_create(handle));
-	Owned<rpy_iter_t> below(rpy_iter_create(handle));
-	if (!group || !below)
-		return false;
-	int step;
-	while ((step = rpy_iter_next_pg(iter, group.get())) == 1) {
-		char name[RPY_NAME_MAX];
-		if (rpy_pg_get_name(group.get(), name, sizeof(name)) < 0)
-			return false;
-		paths.push_back(above + name);
-		if (rpy_iter_pg_pgs(below.get(), group.get()) == 0) {
-			if (!add_groups(handle, below.get(), above + name + "/", paths))
-				return false;
-		} else if (rpy_error() != RPY_ERROR_DELETED) {
-			return false;
-		}
-	}
-	return step == 0;
 }
 
 } // namespace
@@ -260,36 +225,4 @@ Failure why_refused(const Identifiers &id, const Object *object)
 	return Failure(
 	    Exit::invalid, "a property has a type that isn't stored, or is stored already with values of another kind")
 	    .next("booleans, numbers and strings are stored; ostrel unset takes a property away first");
-}
-
-std::optional<Failure> repository_unreachable()
-{
-	Owned<rpy_handle_t> handle(rpy_handle_create(RPY_CLIENT_VERSION));
-	if (!handle || rpy_handle_bind(handle.get()) == 0)
-		return std::nullopt;
-	if (rpy_error() == RPY_ERROR_PERMISSION_DENIED)
-		return Failure(Exit::permission, "the repository daemon's hatch can't be opened: permission denied");
-	return Failure(Exit::no_connection, fmt::format("no repository: {}", rpy_strerror(rpy_error())))
-	    .next("start the daemon: systemctl start cairn-configd");
-}
-
-std::optional<std::vector<std::string>> list_groups(const std::string &locator)
-{
-	Owned<rpy_handle_t> handle(rpy_handle_create(RPY_CLIENT_VERSION));
-	if (!handle || rpy_handle_bind(handle.get()) != 0)
-		return std::nullopt;
-	const bool is_instance = locator.find(':') != std::string::npos;
-	Owned<rpy_service_t> service(rpy_service_create(handle.get()));
-	Owned<rpy_instance_t> instance(rpy_instance_create(handle.get()));
-	Owned<rpy_iter_t> iter(rpy_iter_create(handle.get()));
-	if (!service || !instance || !iter ||
-	    rpy_handle_decode_locator(handle.get(), locator.c_str(), nullptr, service.get(),
-		is_instance ? instance.get() : nullptr, nullptr, nullptr, 0) != 0)
-		return std::nullopt;
-	std::vector<std::string> paths;
-	const int begun = is_instance ? rpy_iter_instance_pgs(iter.get(), instance.get())
-				      : rpy_iter_service_pgs(iter.get(), service.get());
-	if (begun != 0 || !add_groups(handle.get(), iter.get(), "", paths))
-		return std::nullopt;
-	return paths;
 }
