@@ -173,6 +173,12 @@ class Documents(t.ToolTest):
         self.error(6, "import", "-n", "a", stdin=document(thing("one", x="a\nb")))
         self.assertEqual(os.listdir(self.dir), [])
 
+    # Whether a process has come to its work, in which it catches the signal. It holds the database by then.
+    def catches(self, pid, number):
+        with open(f"/proc/{pid}/status") as status:
+            caught = next(int(line.split()[1], 16) for line in status if line.startswith("SigCgt"))
+        return caught >> (number - 1) & 1
+
     def test_a_killed_import_leaves_the_old_database(self):
         before = self.write("a", "name=old;\t\n") and self.read("a")
         many = document(*[thing(f"n{i}", x="1") for i in range(30000)])
@@ -181,7 +187,7 @@ class Documents(t.ToolTest):
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGKILL):
             child = subprocess.Popen([t.OSTREL, "import", "a", "doc"], cwd=self.dir, env=self.env,
                                      stderr=subprocess.PIPE)
-            while child.poll() is None and not os.path.exists(self.path("a.new")):
+            while child.poll() is None and not self.catches(child.pid, signal.SIGTERM):
                 time.sleep(0.001)
             child.send_signal(number)
             child.communicate(timeout=60)

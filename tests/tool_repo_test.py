@@ -16,21 +16,21 @@ CONFIGD = os.path.join(os.path.abspath(t.BUILD), "repository", "cairn.configd")
 CAIRNCTL = os.path.join(os.path.abspath(t.BUILD), "tools", "cairnctl")
 DB = "repo:net/link:default"
 NO_AUDIT = ("setpriv", "--bounding-set", "-audit_write", "--inh-caps", "-audit_write")
-# Writes to one group without a pause: what it held before, and something else, in turns.
+# Writes to one group without a pause: in turns what it held before and something else, or always something new.
 OTHER_WRITER = """
-import ctypes, sys
+import ctypes, itertools, sys
 lib = ctypes.CDLL(sys.argv[1])
 db, ids, zero = ctypes.c_void_p(), ctypes.c_void_p(), ctypes.c_uint64(0)
 lib.ostrel_db_open(b"net/link:default", 0, ctypes.c_void_p.in_dll(lib, "ostrel_cairn_db_cmds"), zero, ctypes.byref(db))
 lib.ostrel_idlist_init(ctypes.byref(ids), None)
 lib.ostrel_idlist_add(ids, b"object-pgname", b"g")
-while True:
-    for value in (b"old", b"other"):
-        props = ctypes.c_void_p()
-        lib.attrlist_alloc(ctypes.byref(props), 1, 0)
-        lib.ostrel_atl_add_one_string(props, b"p", value)
-        lib.ostrel_db_write(db, ids, zero, props)
-        lib.attrlist_free(props)
+values = {"turns": itertools.cycle((b"old", b"other")), "new": (b"other%d" % i for i in itertools.count())}
+for value in values[sys.argv[2]]:
+    props = ctypes.c_void_p()
+    lib.attrlist_alloc(ctypes.byref(props), 1, 0)
+    lib.ostrel_atl_add_one_string(props, b"p", value)
+    lib.ostrel_db_write(db, ids, zero, props)
+    lib.attrlist_free(props)
 """
 
 
@@ -413,14 +413,26 @@ class Served(RepositoryTest):
         self.start_on_mounted_store()
         self.serve()
         hatch = "hatch:" + self.hatch
-        other = subprocess.Popen([sys.executable, "-c", OTHER_WRITER, os.path.join(t.BUILD, "common", "libostrel.so.1")],
-                                 env=self.env)
-        self.addCleanup(self.end, other, signal.SIGKILL)
+
+        def write_beside(values):
+            writer = subprocess.Popen([sys.executable, "-c", OTHER_WRITER,
+                                       os.path.join(t.BUILD, "common", "libostrel.so.1"), values], env=self.env)
+            self.addCleanup(self.end, writer, signal.SIGKILL)
+            return writer
+
+        def put(db, value, *below):
+            done = subprocess.run([*below, t.OSTREL, "put", db, "object-pgname=g", "--no-wait", "--", "p=" + value],
+                                  env=self.env, capture_output=True)
+            self.assertEqual((done.returncode, done.stderr), (0, b""), (db, below))
+        # A tool that sees no server has only the values to go by, and one that comes back says nothing.
+        other = write_beside("new")
         for i in range(10):
-            for db, *below in ((DB,), (hatch,), (DB, *NO_AUDIT), (hatch, "unshare", "-pf")):  # the last sees no server
-                done = subprocess.run([*below, t.OSTREL, "put", db, "object-pgname=g", "--no-wait", "--", f"p=mine{i}"],
-                                      env=self.env, capture_output=True)
-                self.assertEqual((done.returncode, done.stderr), (0, b""), below)
+            put(hatch, f"mine{i}", "unshare", "-pf")
+        self.end(other, signal.SIGKILL)
+        other = write_beside("turns")
+        for i in range(10):
+            for db, *below in ((DB,), (hatch,), (DB, *NO_AUDIT)):
+                put(db, f"mine{i}", *below)
         many = json.dumps({"format": "ostrel-objects", "version": 1, "objects": [
             {"id": {"object-pgname": "g"}, "props": {"p": {"type": "string", "values": ["mine"]}}}]})
         self.tool("import", "--no-wait", hatch, stdin=many.encode())
