@@ -2,7 +2,6 @@
 
 #include <climits>
 #include <fcntl.h>
-#include <mutex>
 #include <pwd.h>
 #include <string>
 #include <sys/stat.h>
@@ -13,6 +12,7 @@
 
 #include "base/files.h"
 #include "base/guards.h"
+#include "base/thread_safety.h"
 
 namespace repository {
 namespace {
@@ -53,8 +53,8 @@ bool caller_holds(const char *right)
 	return user_name(user, &name) && chkrightattr_peercred(right, name.c_str(), caller.get()) == 1;
 }
 
-// Whether any line of the rights file, comments aside, has the name in it. A file that can't be read doesn't grant
-// anything, and doesn't open anything either.
+// Whether any line of the rights file names the right to read, comments aside. A file that can't be read grants nothing, so it
+// restricts reading as well.
 bool file_names_reading(const char *path)
 {
 	Fd file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -76,9 +76,11 @@ bool file_names_reading(const char *path)
 	return false;
 }
 
-// What was found out about the file as it stood then.
+// Whether the rights file restricts reading, remembered until the file changes.
 class Reading {
 public:
+	Reading() { lock_.init(); }
+
 	bool is_restricted()
 	{
 		char path[PATH_MAX];
@@ -87,7 +89,7 @@ public:
 		struct stat now;
 		if (stat(path, &now) == -1)
 			return errno != ENOENT && errno != ENOTDIR;
-		std::lock_guard<std::mutex> hold(lock_);
+		MutexLock hold(lock_);
 		if (!known_ || now.st_ino != file_.st_ino || now.st_size != file_.st_size ||
 		    now.st_dev != file_.st_dev || now.st_mtim.tv_sec != file_.st_mtim.tv_sec ||
 		    now.st_mtim.tv_nsec != file_.st_mtim.tv_nsec || now.st_ctim.tv_sec != file_.st_ctim.tv_sec ||
@@ -100,10 +102,10 @@ public:
 	}
 
 private:
-	std::mutex lock_;
-	bool known_ = false;
-	bool restricted_ = false;
-	struct stat file_ = {};
+	Mutex lock_;
+	bool known_ GUARDED_BY(lock_) = false;
+	bool restricted_ GUARDED_BY(lock_) = false;
+	struct stat file_ GUARDED_BY(lock_) = {}; // as it stood when it was read
 };
 
 } // namespace

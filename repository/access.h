@@ -1,5 +1,8 @@
-// Who may do what: changes need root, the daemon's own user, or the right cairn.modify. Reads are open to every local user,
-// unless the rights file grants cairn.read to somebody by name: then they need it.
+// Who may do what. To change something a caller needs to be root or the daemon's own user, or to hold the right cairn.modify.
+// To read nobody needs a right, unless the rights file names cairn.read: then every other caller needs that one.
+//
+// Threads: those of the hatch. The caller is the one whose request the calling thread serves; without one the answer is no,
+// except for reading that is open to all.
 #ifndef REPOSITORY_ACCESS_H
 #define REPOSITORY_ACCESS_H
 

@@ -1,7 +1,10 @@
 // cairn.configd, the repository daemon: options, the start, and the end.
 //
-// The first process waits until the one that serves says that its hatch answers, and ends with what it says: 0, or an errno
-// value. Whoever starts it may hold locks meanwhile, so that it never waits longer than ten seconds.
+// The first process waits until the one that serves reports that its hatch answers, and ends with the status of that report: 0,
+// or an errno value. Its starter may hold locks meanwhile, so it never waits longer than ten seconds.
+//
+// Threads: the main thread starts the daemon and waits for a signal that ends it. Requests run on the hatch's threads, which
+// share the Daemon (daemon.h).
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -38,8 +41,9 @@ namespace {
 constexpr int start_ms = 9500;
 constexpr int attach_tries = 200;
 constexpr useconds_t attach_pause_us = 5000;
-constexpr int drain_seconds = 4;        // with what a look takes below the time that the next daemon waits for the file
-constexpr unsigned int end_seconds = 6; // the same of the whole end
+// The next daemon waits 7 s for the file: the whole end has to be shorter, and draining shorter still.
+constexpr int drain_seconds = 4;
+constexpr unsigned int end_seconds = 6;
 
 constexpr const char *help_text =
     "Usage: cairn.configd -d HATCH -r FILE [-f]\n"
@@ -92,7 +96,7 @@ int read_options(int argc, char **argv, Options *options)
 		if (value == nullptr)
 			return usage("unknown option", argv[i]);
 		if (++i == argc || argv[i][0] == '\0')
-			return usage("a path is missing behind", argv[i - 1]);
+			return usage("a path is missing after", argv[i - 1]);
 		*value = argv[i];
 	}
 	if (options->hatch == nullptr || options->file == nullptr)
@@ -130,7 +134,7 @@ int exit_status(int error)
 	}
 }
 
-// A stream that gives nothing and takes what it is given. A root directory may have no /dev/null.
+// Opens a stream that yields nothing and swallows what is written. A root directory may have no /dev/null.
 Fd open_nowhere()
 {
 	Fd nowhere(open("/dev/null", O_RDWR | O_CLOEXEC));
@@ -142,7 +146,7 @@ Fd open_nowhere()
 	return nowhere;
 }
 
-// It may be started by anything: what a process inherits is put in order.
+// Puts what the process inherits in order, since anything may start it.
 void clean_process()
 {
 	struct sigaction standard = {};
@@ -171,7 +175,7 @@ void handle(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
 	serve_call(static_cast<Daemon *>(cookie), {arg, size}, caller_may_read, caller_may_modify);
 }
 
-// Tries again while a living server has the hatch's place: one that was just killed may hold its lock for a moment yet.
+// Repeats an attempt while another server is attached there: one that was just killed may hold its lock for a moment.
 template <typename Try>
 int while_busy(Try attempt)
 {
@@ -200,7 +204,7 @@ Failure open_hatch_file(const std::string &path, Fd *file)
 	return {error, path + ": can't be made: " + strerror(error)};
 }
 
-// Whether it can be attached there, as far as that can be seen without doing it. An errno value.
+// Whether a hatch can be attached there, as far as that can be seen without doing it. An errno value.
 int can_attach(const std::string &path)
 {
 	Fd file;
@@ -245,7 +249,7 @@ Failure attach(Daemon *daemon, const std::string &path, int *hatch)
 	return attach_failure(path, error);
 }
 
-// Says to the first process what became of the start: an errno value.
+// Reports to the first process what became of the start: an errno value.
 void report(int fd, int error)
 {
 	unsigned char status = static_cast<unsigned char>(error);
@@ -254,7 +258,7 @@ void report(int fd, int error)
 	(void) close(fd);
 }
 
-// What serves: the locked file, what it holds, and the hatch.
+// What the process serves: the locked file, the daemon on it, and the hatch.
 struct Service {
 	const std::string hatch_path, file;
 	Fd held;
@@ -279,7 +283,7 @@ Failure bring_up(Service *service)
 	return attach(service->daemon.get(), service->hatch_path, &service->hatch);
 }
 
-// What can't be had at the start, memory or a thread, is a failure like others.
+// Memory or a thread that is missing at the start is a failure like others.
 Failure try_to_bring_up(Service *service)
 {
 	try {
@@ -291,8 +295,8 @@ Failure try_to_bring_up(Service *service)
 	}
 }
 
-// Who starts a private daemon may leave it a socket as its input, whose other end those have that it is for. When they have
-// gone, however they ended, that is a SIGTERM. False if there is none.
+// The starter of a private daemon may leave it a socket as its input, whose other end its clients hold. Once the last of them
+// has gone, however it ended, the daemon gets a SIGTERM. False if there is no such socket.
 bool hold_lifeline(const std::string &hatch)
 {
 	struct stat input;
@@ -303,13 +307,13 @@ bool hold_lifeline(const std::string &hatch)
 	    fcntl(0, F_SETFL, flags | O_ASYNC) == -1)
 		return false;
 	pollfd gone = {0, POLLRDHUP, 0};
-	if (poll(&gone, 1, 0) > 0) // before it was looked at
+	if (poll(&gone, 1, 0) > 0) // they went before the signal was asked for
 		(void) kill(getpid(), SIGTERM);
 	return true;
 }
 
-// Cuts an end short that takes too long, since the disk hangs or the updates that wait are many: nothing unacknowledged is
-// promised. Who waits for the file to be handed over waits longer.
+// Cuts short an end that takes too long, because the disk hangs or many updates wait. Those haven't been acknowledged, so
+// nothing is lost that was promised.
 void end_in_time()
 {
 	(void) alarm(end_seconds + 1);
@@ -319,11 +323,11 @@ void end_in_time()
 			log_message(LOG_ERR, "ending takes too long: what runs is cut short");
 			_exit(EIO);
 		}).detach();
-	} catch (const std::exception &) { // no thread: the alarm does it, without a word
+	} catch (const std::exception &) { // no thread: the alarm does it, without a message
 	}
 }
 
-// The serving process. Gives its exit status.
+// Runs the serving process. Returns its exit status.
 int serve(const Options &options, int ready)
 {
 	// It lives until the process ends: its threads are the hatch's, which hatch_revoke() waits for.
@@ -335,7 +339,7 @@ int serve(const Options &options, int ready)
 	}
 	if (failure) {
 		log_message(LOG_ERR, "%s", failure.text.c_str());
-		service.daemon.reset(); // nobody finds the file in use who hears that it isn't served
+		service.daemon.reset(); // before the report: its receiver may use the file at once
 		service.held.reset();
 		report(ready, exit_status(failure.error));
 		return exit_status(failure.error);
@@ -351,14 +355,14 @@ int serve(const Options &options, int ready)
 	int number = 0;
 	(void) sigwait(&ends, &number);
 	end_in_time();
-	if (is_private(service.hatch_path)) // which its starter ends, whoever else is at work with it
+	if (is_private(service.hatch_path)) // its starter ends it, while other clients may be at work
 		hatch::drain(service.hatch, drain_seconds);
 	(void) hatch_revoke(service.hatch); // returns when no handler runs: updates are done
 	service.daemon.reset();
 	return 0;
 }
 
-// Waits for what the serving process says. One that ends without a word has failed; one that takes too long is ended.
+// Waits for the report of the serving process. One that ends without a report has failed; one that takes too long is ended.
 int wait_for_start(pid_t child, int ready)
 {
 	pollfd poller = {ready, POLLIN, 0};
@@ -400,7 +404,7 @@ int start(const Options &options)
 	}
 	(void) close(ends[0]);
 	(void) setsid();
-	(void) prctl(PR_SET_PDEATHSIG, SIGTERM); // whoever ends the first process ends the start
+	(void) prctl(PR_SET_PDEATHSIG, SIGTERM); // the end of the first process ends the start
 	if (getppid() != starter)
 		return EIO;
 	return serve(options, ends[1]);

@@ -4,20 +4,15 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <random>
 #include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <thread>
 
-#include <meridon/hatch.h>
-
+#include "child.h"
 #include "hatch_peer.h"
 #include "repository.h"
-#include "rpy/wire.h"
 #include "test_paths.h"
 
 namespace {
@@ -33,106 +28,116 @@ bool waits_for(const std::function<bool()> &condition)
 }
 
 // A file system of a test's own, in memory. Without the privilege to mount there is none.
-class Mount {
-public:
-	explicit Mount(const Scratch &place, const char *options = "size=16m") : path(place.path("mount"))
-	{
-		good = mkdir(path.c_str(), 0755) == 0 && mount("none", path.c_str(), "tmpfs", 0, options) == 0;
-	}
+struct Mount {
+	explicit Mount(const Scratch &place, const char *options = "size=16m")
+	    : path(place.path("mount")), good(mkdir(path.c_str(), 0755) == 0 && set(0, options))
+	{}
 	Mount(const Mount &) = delete;
 	Mount &operator=(const Mount &) = delete;
-	~Mount()
+	~Mount() { (void) umount2(path.c_str(), MNT_DETACH); }
+	bool set(unsigned long flags, const char *options) const
 	{
-		if (good)
-			(void) umount2(path.c_str(), MNT_DETACH);
-	}
-	bool set_readonly(bool value) const
-	{
-		return mount("none", path.c_str(), "tmpfs", MS_REMOUNT | (value ? MS_RDONLY : 0), nullptr) == 0;
+		return mount("none", path.c_str(), "tmpfs", flags, options) == 0;
 	}
 	const std::string path;
-	bool good;
+	const bool good;
 };
 
-TEST(Configd, SaysWhyItCantServeAndEndsWithAnErrno)
-{
-	Repository daemon;
-	std::string said;
-	auto run = [&](const std::string &hatch, const std::string &file) {
+// A daemon, a client of it, and in the repository a group "a" with one property "v".
+class Configd : public testing::Test {
+protected:
+	void start()
+	{
+		ASSERT_EQ(daemon.start(), 0);
+		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	}
+	void start_with(const std::string &value)
+	{
+		start();
+		ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
+		ASSERT_EQ(set(value), RPY_ERROR_NONE);
+	}
+	rpy_error_t set(const std::string &value) { return set(client, value); }
+	static rpy_error_t set(RepositoryClient &by, const std::string &value)
+	{
+		return by.write("a", {{"v", {value}}}) == 1 ? RPY_ERROR_NONE : rpy_error();
+	}
+	std::string get()
+	{
+		const Contents found = client.read("a");
+		return found.count("v") == 1 && found.at("v").size() == 1 ? found.at("v")[0] : "";
+	}
+	int try_start(const std::string &hatch, const std::string &file)
+	{
 		return run_program({program, "-d", hatch, "-r", file}, {}, &said);
-	};
+	}
+
+	Repository daemon;
+	RepositoryClient client;
+	std::string said;
+};
+
+TEST_F(Configd, SaysWhyItCantServeAndEndsWithAnErrno)
+{
 	EXPECT_EQ(run_program({program}), EINVAL);
 	EXPECT_EQ(run_program({program, "-d"}), EINVAL);
 	EXPECT_EQ(run_program({program, "-d", "/tmp/x", "-r", "/tmp/y", "-q"}), EINVAL);
 	EXPECT_EQ(run_program({program, "--help"}, {}, &said), 0);
 	EXPECT_NE(said.find("cairn.configd -d"), said.npos);
-	EXPECT_EQ(run(daemon.hatch(), daemon.place.path("no/repository.db")), EIO);
-	EXPECT_NE(said.find("no/repository.db"), said.npos);
-	EXPECT_EQ(run(daemon.place.path("no/hatch"), daemon.file()), EIO);
-	EXPECT_NE(said.find("no/hatch"), said.npos);
-	EXPECT_EQ(run(daemon.hatch(), daemon.place.write("text", std::string(5000, 'x'))), EIO);
-	EXPECT_NE(said.find("not a repository"), said.npos);
-	EXPECT_EQ(run(daemon.hatch(), daemon.place.directory()), EINVAL);
-	ASSERT_EQ(symlink(daemon.file().c_str(), daemon.place.path("link").c_str()), 0);
-	EXPECT_EQ(run(daemon.hatch(), daemon.place.path("link")), EIO);
-
-	ASSERT_EQ(daemon.start(), 0);
-	EXPECT_EQ(run(daemon.hatch(), daemon.place.path("other.db")), EIO);
-	EXPECT_NE(said.find("living server"), said.npos);
-	{
-		RepositoryClient client(daemon.hatch());
-		ASSERT_EQ(client.add("g"), RPY_ERROR_NONE); // the one that serves isn't harmed
-	}
+	start_with("1");
+	auto refused = [&](int status, const std::string &hatch, const std::string &file, const char *why) {
+		EXPECT_EQ(try_start(hatch, file), status) << file;
+		EXPECT_NE(said.find(why), said.npos) << said;
+	};
+	refused(EIO, daemon.hatch(), daemon.place.path("other.db"), "living server");
+	EXPECT_EQ(set("2"), RPY_ERROR_NONE) << "the one that serves was harmed";
+	EXPECT_EQ(call(open_hatch(daemon.hatch()).get(), "abc").error, ENOBUFS) << "less than a request's head";
 	daemon.stop();
 	std::string bytes = file_text(daemon.file()), newer = bytes, torn = bytes;
 	newer[63] = 99; // where such a file says which format it has
-	EXPECT_EQ(run(daemon.hatch(), daemon.place.write("newer", newer)), EIO);
-	EXPECT_NE(said.find("format 99"), said.npos);
 	torn.replace(4096, 2048, std::string(2048, 'x'));
-	EXPECT_EQ(run(daemon.hatch(), daemon.place.write("torn", torn)), EIO);
-	EXPECT_NE(said.find("torn"), said.npos);
+	ASSERT_EQ(symlink(daemon.file().c_str(), daemon.place.path("link").c_str()), 0);
+	refused(EIO, daemon.hatch(), daemon.place.path("no/repository.db"), "no/repository.db");
+	refused(EIO, daemon.hatch(), daemon.place.write("text", std::string(5000, 'x')), "not a repository");
+	refused(EIO, daemon.hatch(), daemon.place.write("newer", newer), "format 99");
+	refused(EIO, daemon.hatch(), daemon.place.write("torn", torn), "torn");
+	refused(EINVAL, daemon.hatch(), daemon.place.directory(), "");
+	refused(EIO, daemon.hatch(), daemon.place.path("link"), "");
 	EXPECT_EQ(file_text(daemon.place.path("torn")), torn);
 }
 
-TEST(Configd, ASecondStartWaitsForTheFirstAndAnotherHatchTakesTheFileOver)
+TEST_F(Configd, ASecondStartWaitsForTheFirstAndAnotherHatchTakesTheFileOver)
 {
-	Repository daemon;
 	std::vector<std::thread> starts;
 	std::atomic<int> bad{0};
 	for (int i = 0; i < 4; i++)
 		starts.emplace_back([&] {
-			bad += run_program({program, "-d", daemon.hatch(), "-r", daemon.file()}) == 0 ? 0 : 1;
-			bad += server_of(daemon.hatch()) != 0 ? 0 : 1;
+			bad += run_program({program, "-d", daemon.hatch(), "-r", daemon.file()}) != 0;
+			bad += server_of(daemon.hatch()) == 0;
 		});
 	for (std::thread &thread : starts)
 		thread.join();
 	EXPECT_EQ(bad, 0);
 	pid_t first = server_of(daemon.hatch());
-	RepositoryClient client(daemon.hatch());
-	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
-	ASSERT_EQ(daemon.start(), 0);
+	start_with("1");
 	EXPECT_EQ(daemon.pid(), first);
 
 	// The same hatch by another name is no other hatch.
-	std::string relative = std::filesystem::relative(daemon.hatch());
-	EXPECT_EQ(run_program({program, "-d", relative, "-r", daemon.file()}), 0);
+	EXPECT_EQ(try_start(std::filesystem::relative(daemon.hatch()), daemon.file()), 0);
 	EXPECT_EQ(server_of(daemon.hatch()), first);
 
 	ASSERT_EQ(daemon.start("other"), 0);
 	EXPECT_NE(daemon.pid(), first);
 	EXPECT_TRUE(waits_for([first] { return is_gone(first); }));
 	EXPECT_EQ(server_of(daemon.hatch()), 0);
-	EXPECT_EQ(client.write("a", {{"v", {"1"}}}), -1);
-	EXPECT_EQ(rpy_error(), RPY_ERROR_CONNECTION_BROKEN);
+	EXPECT_EQ(set("2"), RPY_ERROR_CONNECTION_BROKEN);
 	RepositoryClient next(daemon.hatch("other"));
-	EXPECT_EQ(next.write("a", {{"v", {"1"}}}), 1);
+	EXPECT_EQ(set(next, "2"), RPY_ERROR_NONE);
 }
 
-TEST(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
+TEST_F(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "skipped: acting as other users needs root";
-	Repository daemon;
+	SKIP_UNLESS_ROOT();
 	ASSERT_EQ(daemon.start(), 0);
 	ASSERT_EQ(chmod(daemon.file().c_str(), 0644), 0);
 	daemon.stop();
@@ -140,12 +145,11 @@ TEST(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
 	for (bool outlives : {false, true}) {
 		Stranger stranger(daemon.file(), Stranger::Lock::whole, outlives);
 		ASSERT_NE(stranger.pid, 0);
-		std::string output;
-		EXPECT_EQ(daemon.start("hatch", &output), EIO);
-		EXPECT_NE(output.find("process " + std::to_string(stranger.pid) +
-				      " (configd_test), which is no repository daemon"),
-		    output.npos)
-		    << output;
+		EXPECT_EQ(daemon.start("hatch", &said), EIO);
+		EXPECT_NE(said.find("process " + std::to_string(stranger.pid) +
+				    " (configd_test), which is no repository daemon"),
+		    said.npos)
+		    << said;
 	}
 	ASSERT_EQ(daemon.start(), 0);
 	struct stat st;
@@ -154,13 +158,12 @@ TEST(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
 }
 
 // Inodes are counted by each file system alone.
-TEST(Configd, ALockOnAFileOfAnotherFileSystemIsNotTakenForOurs)
+TEST_F(Configd, ALockOnAFileOfAnotherFileSystemIsNotTakenForOurs)
 {
-	Repository daemon;
 	Scratch elsewhere;
 	Mount ours(daemon.place), theirs(elsewhere);
 	if (!ours.good || !theirs.good)
-		GTEST_SKIP() << "skipped: mounting needs root";
+		GTEST_SKIP() << "mounting needs root";
 	daemon.files = ours.path;
 	ASSERT_EQ(daemon.start(), 0);
 	struct stat file, twin = {};
@@ -173,26 +176,20 @@ TEST(Configd, ALockOnAFileOfAnotherFileSystemIsNotTakenForOurs)
 	}
 	ASSERT_EQ(twin.st_ino, file.st_ino);
 	ASSERT_EQ(flock(stranger.get(), LOCK_EX), 0);
-	std::string output;
-	EXPECT_EQ(daemon.start("other", &output), 0) << output;
+	EXPECT_EQ(daemon.start("other", &said), 0) << said;
 	daemon.kill();
 }
 
-TEST(Configd, EndsCleanlyAndLeavesTheFileAtTheHatchsPath)
+TEST_F(Configd, EndsCleanlyAndLeavesTheFileAtTheHatchsPath)
 {
-	Repository daemon;
 	for (int signal : {SIGTERM, SIGINT}) {
-		pid_t child = fork();
-		if (child == 0) {
-			execl(
+		Process serving([this] {
+			return execl(
 			    program, program, "-f", "-d", daemon.hatch().c_str(), "-r", daemon.file().c_str(), nullptr);
-			_exit(127);
-		}
-		ASSERT_TRUE(waits_for([&] { return server_of(daemon.hatch()) == child; }));
-		ASSERT_EQ(kill(child, signal), 0);
-		int status = -1;
-		ASSERT_EQ(waitpid(child, &status, 0), child);
-		EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+		});
+		ASSERT_TRUE(waits_for([&] { return server_of(daemon.hatch()) == serving.pid(); }));
+		ASSERT_EQ(kill(serving.pid(), signal), 0);
+		EXPECT_EQ(serving.wait(), 0);
 		struct stat there;
 		ASSERT_EQ(stat(daemon.hatch().c_str(), &there), 0);
 		EXPECT_EQ(there.st_mode, S_IFREG | 0644U);
@@ -201,9 +198,8 @@ TEST(Configd, EndsCleanlyAndLeavesTheFileAtTheHatchsPath)
 	}
 }
 
-TEST(Configd, StartsFromAnyProcessAndTakesNothingAlong)
+TEST_F(Configd, StartsFromAnyProcessAndTakesNothingAlong)
 {
-	Repository daemon;
 	int inherited = open(daemon.place.write("held", "x").c_str(), O_RDONLY); // not close-on-exec
 	int status = run_program({"/bin/sh", "-c",
 	    "umask 077; trap '' TERM HUP; cd " + daemon.place.directory() + "; exec 0<&-; exec " + program +
@@ -213,9 +209,7 @@ TEST(Configd, StartsFromAnyProcessAndTakesNothingAlong)
 	pid_t pid = server_of(daemon.hatch());
 	ASSERT_GT(pid, 0);
 	std::string proc = "/proc/" + std::to_string(pid);
-	char text[PATH_MAX] = "";
-	EXPECT_GT(readlink((proc + "/cwd").c_str(), text, sizeof(text) - 1), 0);
-	EXPECT_STREQ(text, "/");
+	EXPECT_EQ(link_text(proc + "/cwd"), "/");
 	for (const std::string &fd : entries_of(proc + "/fd"))
 		EXPECT_EQ(link_text(proc + "/fd/" + fd).find("/held"), std::string::npos);
 	EXPECT_EQ(getsid(pid), pid);
@@ -224,56 +218,40 @@ TEST(Configd, StartsFromAnyProcessAndTakesNothingAlong)
 }
 
 // Each commit adds 1 to two numbers of one group; nothing that was acknowledged may be missing, nothing half there.
-TEST(Configd, LosesNothingThatItAcknowledgedHoweverOftenItIsKilled)
+TEST_F(Configd, LosesNothingThatItAcknowledgedHoweverOftenItIsKilled)
 {
 	// In memory: a killed process that waits for a busy disk keeps its locks until the disk is done, and a start gives up.
-	Repository daemon(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
-	ASSERT_EQ(daemon.start(), 0);
-	{
-		RepositoryClient client(daemon.hatch());
-		for (int i = 0; i < 3; i++) {
-			ASSERT_EQ(client.add("g" + std::to_string(i)), RPY_ERROR_NONE);
-			ASSERT_EQ(client.write("g" + std::to_string(i), {{"a", {"0"}}, {"b", {"0"}}}), 1);
-		}
-	}
+	Scratch memory(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
+	daemon.files = memory.directory();
+	start();
+	for (const char *name : {"g0", "g1", "g2"})
+		ASSERT_EQ(client.add(name), RPY_ERROR_NONE);
 	std::atomic<bool> end{false};
 	uint64_t acknowledged[3] = {}, tried[3] = {};
 	std::vector<std::thread> writers;
 	for (int i = 0; i < 3; i++)
 		writers.emplace_back([&, i] {
-			RepositoryClient client;
-			std::string name = "g" + std::to_string(i);
-			while (!end) {
-				if (client.bind(daemon.hatch()) != RPY_ERROR_NONE) {
-					usleep(300);
-					continue;
-				}
-				for (bool alive = true; alive && !end;) {
-					std::string number = std::to_string(++tried[i]);
-					alive = client.write(name, {{"a", {number}}, {"b", {number}}}) == 1;
+			RepositoryClient writer;
+			const std::string name = "g" + std::to_string(i);
+			for (; !end; usleep(300))
+				for (bool alive = writer.bind(daemon.hatch()) == RPY_ERROR_NONE; alive && !end;) {
+					const std::string number = std::to_string(++tried[i]);
+					alive = writer.write(name, {{"a", {number}}, {"b", {number}}}) == 1;
 					if (alive)
 						acknowledged[i] = tried[i];
 				}
-			}
 		});
 	std::mt19937 random(7);
-	int bad = 0;
 	for (int kills = 0; kills < 200; kills++) {
 		usleep(static_cast<useconds_t>(random() % 6000));
 		daemon.kill();
-		std::string said;
-		if (daemon.start("hatch", &said) != 0) {
-			bad++;
-			ADD_FAILURE() << said;
-		}
+		EXPECT_EQ(daemon.start("hatch", &said), 0) << said;
 	}
 	end = true;
 	for (std::thread &thread : writers)
 		thread.join();
-	EXPECT_EQ(bad, 0);
 	daemon.kill();
-	ASSERT_EQ(daemon.start(), 0);
-	RepositoryClient client(daemon.hatch());
+	start();
 	for (int i = 0; i < 3; i++) {
 		Contents found = client.read("g" + std::to_string(i));
 		ASSERT_EQ(found.size(), 2U);
@@ -284,117 +262,37 @@ TEST(Configd, LosesNothingThatItAcknowledgedHoweverOftenItIsKilled)
 	}
 }
 
-// What ends with the daemon leaves nothing in the file, its ids neither.
-TEST(Configd, AnObjectOfATemporaryGroupNeverBecomesAnotherGroup)
+TEST_F(Configd, AFullDiskRefusesAnUpdateAndHarmsNothing)
 {
-	Repository daemon;
-	ASSERT_EQ(daemon.start(), 0);
-	RepositoryClient client(daemon.hatch());
-	Pg lease = client.group();
-	ASSERT_EQ(rpy_instance_add_pg(client.instance, "lease", "t", RPY_PG_FLAG_TEMPORARY, lease.get()), 0);
-	ASSERT_EQ(client.add("kept"), RPY_ERROR_NONE);
-	ASSERT_EQ(client.add("passing", "t", RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
-	ASSERT_EQ(client.add("kept too"), RPY_ERROR_NONE);
-	Iter iter(rpy_iter_create(client.handle));
-	ASSERT_EQ(rpy_iter_instance_pgs(iter.get(), client.instance), 0);
-	EXPECT_EQ(client.names(iter.get()), (std::vector<std::string>{"kept", "kept too", "lease", "passing"}));
-
-	Pg last = client.group();
-	ASSERT_EQ(rpy_instance_add_pg(client.instance, "last", "t", RPY_PG_FLAG_TEMPORARY, last.get()), 0);
-	for (int i = 0; i < 10; i++)
-		ASSERT_EQ(client.write("lease", {{"v", {std::to_string(i)}}}), 1);
-	daemon.stop();
-	ASSERT_EQ(daemon.start(), 0);
-	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	for (int i = 0; i < 20; i++)
-		ASSERT_EQ(
-		    client.add("g" + std::to_string(i), "t", i % 2 == 0 ? 0 : RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
-	for (rpy_propertygroup_t *old : {lease.get(), last.get()}) {
-		EXPECT_EQ(rpy_pg_update(old), -1);
-		EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
-		EXPECT_EQ(client.write(old, {{"v", {"1"}}}), -1);
-		EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
-		EXPECT_EQ(rpy_pg_delete(old), -1);
-		EXPECT_EQ(rpy_error(), RPY_ERROR_DELETED);
-	}
-}
-
-TEST(Configd, ServesReadsFromAReadOnlyFileSystemAndWritesAgainWhenItCan)
-{
-	Repository daemon;
-	Mount mount(daemon.place);
-	if (!mount.good)
-		GTEST_SKIP() << "skipped: mounting needs root";
-	daemon.files = mount.path;
-	ASSERT_EQ(daemon.start(), 0);
-	RepositoryClient client(daemon.hatch());
-	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
-	ASSERT_EQ(client.write("a", {{"v", {"1"}}}), 1);
-	// A second after the last update nothing is open for writing.
-	ASSERT_TRUE(waits_for([&] { return mount.set_readonly(true); }));
-	EXPECT_EQ(client.write("a", {{"v", {"2"}}}), -1);
-	EXPECT_EQ(rpy_error(), RPY_ERROR_BACKEND_READONLY);
-	EXPECT_EQ(client.add("b"), RPY_ERROR_BACKEND_READONLY);
-	EXPECT_EQ(client.read("a"), (Contents{{"v", {"1"}}}));
-	rpy_status_t status;
-	ASSERT_EQ(_rpy_status(client.handle, &status), 0);
-	EXPECT_EQ(status.rs_writable, 0);
-	daemon.stop();
-	ASSERT_EQ(daemon.start(), 0); // it starts there, too
-	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	EXPECT_EQ(client.read("a"), (Contents{{"v", {"1"}}}));
-	EXPECT_EQ(client.write("a", {{"v", {"2"}}}), -1);
-	EXPECT_EQ(rpy_error(), RPY_ERROR_BACKEND_READONLY);
-	ASSERT_TRUE(mount.set_readonly(false));
-	EXPECT_EQ(client.write("a", {{"v", {"2"}}}), 1);
-	EXPECT_EQ(client.read("a"), (Contents{{"v", {"2"}}}));
-	ASSERT_EQ(_rpy_status(client.handle, &status), 0);
-	EXPECT_EQ(status.rs_writable, 1);
-	EXPECT_EQ(status.rs_pid, daemon.pid());
-	EXPECT_STREQ(status.rs_file, daemon.file().c_str());
-	daemon.stop();
-}
-
-TEST(Configd, AFullDiskRefusesAnUpdateAndHarmsNothing)
-{
-	Repository daemon;
 	Mount mount(daemon.place, "size=400k");
 	if (!mount.good)
-		GTEST_SKIP() << "skipped: mounting needs root";
+		GTEST_SKIP() << "mounting needs root";
 	daemon.files = mount.path;
-	ASSERT_EQ(daemon.start(), 0);
-	RepositoryClient client(daemon.hatch());
+	start();
 	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
+	const Contents large = {{"v", {std::string(20000, 'x')}}};
 	int written = 0;
-	for (; written < 100; written++) {
-		std::string name = "g" + std::to_string(written);
-		if (client.add(name) != RPY_ERROR_NONE || client.write(name, {{"v", {std::string(20000, 'x')}}}) != 1)
-			break;
-	}
+	for (std::string name = "g0"; client.add(name) == RPY_ERROR_NONE && client.write(name, large) == 1;)
+		name = "g" + std::to_string(++written);
 	EXPECT_EQ(rpy_error(), RPY_ERROR_NO_RESOURCES);
-	EXPECT_LT(written, 100);
 	EXPECT_GT(written, 0);
-	EXPECT_EQ(client.read("g0"), (Contents{{"v", {std::string(20000, 'x')}}}));
-	ASSERT_EQ(::mount("none", mount.path.c_str(), "tmpfs", MS_REMOUNT, "size=2m"), 0);
-	EXPECT_EQ(client.write("a", {{"v", {"1"}}}), 1);
+	EXPECT_EQ(client.read("g0"), large);
+	ASSERT_TRUE(mount.set(MS_REMOUNT, "size=2m"));
+	EXPECT_EQ(set("1"), RPY_ERROR_NONE);
 	daemon.kill();
-	ASSERT_EQ(daemon.start(), 0);
-	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	EXPECT_EQ(client.read("a"), (Contents{{"v", {"1"}}}));
+	start();
+	EXPECT_EQ(get(), "1");
 	daemon.stop();
 }
 
-TEST(Configd, AcknowledgesNothingIntoAFileThatWasTakenAway)
+TEST_F(Configd, AcknowledgesNothingIntoAFileThatWasTakenAway)
 {
-	Repository daemon;
-	ASSERT_EQ(daemon.start(), 0);
-	RepositoryClient client(daemon.hatch());
-	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
-	ASSERT_EQ(client.write("a", {{"v", {"1"}}}), 1);
+	start_with("1");
 	auto refused = [&] {
-		EXPECT_EQ(client.write("a", {{"v", {"2"}}}), -1);
-		EXPECT_EQ(rpy_error(), RPY_ERROR_INTERNAL);
-		EXPECT_EQ(client.read("a"), (Contents{{"v", {"1"}}}));
+		rpy_status_t status;
+		EXPECT_EQ(set("2"), RPY_ERROR_INTERNAL);
+		EXPECT_EQ(get(), "1");
+		EXPECT_TRUE(_rpy_status(client.handle, &status) == 0 && status.rs_writable == 0);
 	};
 	std::string aside = daemon.place.path("aside"), bytes = file_text(daemon.file());
 	ASSERT_EQ(rename(daemon.file().c_str(), aside.c_str()), 0);
@@ -402,146 +300,74 @@ TEST(Configd, AcknowledgesNothingIntoAFileThatWasTakenAway)
 	daemon.place.write("repository.db", bytes); // the same bytes, and another file
 	refused();
 	ASSERT_EQ(rename(aside.c_str(), daemon.file().c_str()), 0);
-	EXPECT_EQ(client.write("a", {{"v", {"1"}}}), 1);
-	ASSERT_EQ(truncate(daemon.file().c_str(), 0), 0);
-	refused();
-	ASSERT_EQ(truncate(daemon.file().c_str(), 5000), 0);
-	EXPECT_EQ(client.write("a", {{"v", {"2"}}}), -1);
+	EXPECT_EQ(set("1"), RPY_ERROR_NONE);
+	for (off_t size : {0, 5000}) {
+		ASSERT_EQ(truncate(daemon.file().c_str(), size), 0);
+		EXPECT_NE(set("2"), RPY_ERROR_NONE);
+	}
 }
 
-TEST(Configd, ChangesNothingForUsersWithoutTheRight)
+TEST_F(Configd, GivesRightsByTheFile)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "skipped: acting as other users needs root";
-	Repository daemon;
+	SKIP_UNLESS_ROOT();
 	ASSERT_EQ(chmod(daemon.place.directory().c_str(), 0755), 0);
 	std::filesystem::create_directories(daemon.place.path("etc/meridon"));
 	daemon.environment = {"MERIDON_ROOT=" + daemon.place.directory()};
-	ASSERT_EQ(daemon.start(), 0);
-	RepositoryClient root(daemon.hatch());
-	ASSERT_EQ(root.add("a"), RPY_ERROR_NONE);
-	ASSERT_EQ(root.write("a", {{"v", {"1"}}}), 1);
-	Snap snapshot(rpy_snapshot_create(root.handle));
-	ASSERT_EQ(_rpy_snapshot_take_new(root.instance, "s", snapshot.get()), 0);
-	// Whether reading and each change is refused to a user, as a set of bits, the first for reading.
+	start_with("1");
+	Snap snapshot(rpy_snapshot_create(client.handle));
+	ASSERT_EQ(_rpy_snapshot_take_new(client.instance, "s", snapshot.get()), 0);
+	Pg group = client.group();
+	ASSERT_EQ(rpy_instance_get_pg(client.instance, "a", group.get()), 0);
+	// What is refused to a user for want of a right, as a set of bits: reading, then the changes.
+	constexpr int reading = 1, changing = 0x7e;
 	auto refused = [&](uid_t user) {
-		pid_t child = fork();
-		if (child == 0) {
-			if (setgroups(0, nullptr) != 0 || setresgid(user, user, user) != 0 ||
-			    setresuid(user, user, user) != 0)
-				_exit(255);
-			RepositoryClient client;
-			(void) client.bind(daemon.hatch());
-			auto denied = [](bool failed) {
-				return failed && rpy_error() == RPY_ERROR_PERMISSION_DENIED ? 1 : 0;
+		return as_user(user, [&] {
+			int bits = 0, bit = 1;
+			auto look = [&](bool failed) {
+				bits |= failed && rpy_error() == RPY_ERROR_PERMISSION_DENIED ? bit : 0;
+				bit <<= 1;
 			};
-			int bits = denied(client.find() != RPY_ERROR_NONE);
-			Pg pg(rpy_pg_create(root.handle));
-			int result = rpy_instance_get_pg(root.instance, "a", pg.get());
-			bits |= denied(root.write("a", {{"v", {"2"}}}) != 1) << 1;
-			bits |= denied(root.add("b") != RPY_ERROR_NONE) << 2;
-			bits |= denied(result != 0 || rpy_pg_delete(pg.get()) != 0) << 3;
-			Snap made(rpy_snapshot_create(root.handle));
-			bits |= denied(_rpy_snapshot_take_new(root.instance, "n", made.get()) != 0) << 4;
-			bits |= denied(_rpy_snapshot_delete(snapshot.get()) != 0) << 5;
-			bits |= denied(_rpy_snapshot_revert(snapshot.get()) != 0) << 6;
-			_exit(bits);
-		}
-		int status;
-		EXPECT_EQ(waitpid(child, &status, 0), child);
-		return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-	};
-	EXPECT_EQ(refused(1), 0x7e); // all but reading
-	EXPECT_EQ(root.read("a"), (Contents{{"v", {"1"}}}));
-}
-
-TEST(Configd, GivesRightsByTheFile)
-{
-	if (geteuid() != 0)
-		GTEST_SKIP() << "skipped: acting as other users needs root";
-	Repository daemon;
-	ASSERT_EQ(chmod(daemon.place.directory().c_str(), 0755), 0);
-	std::filesystem::create_directories(daemon.place.path("etc/meridon"));
-	daemon.environment = {"MERIDON_ROOT=" + daemon.place.directory()};
-	ASSERT_EQ(daemon.start(), 0);
-	RepositoryClient root(daemon.hatch());
-	ASSERT_EQ(root.add("a"), RPY_ERROR_NONE);
-	// 1: reading was refused, 2: changing was.
-	auto refused = [&](uid_t user) {
-		pid_t child = fork();
-		if (child == 0) {
-			if (setgroups(0, nullptr) != 0 || setresgid(user, user, user) != 0 ||
-			    setresuid(user, user, user) != 0)
-				_exit(255);
-			RepositoryClient client;
-			(void) client.bind(daemon.hatch());
-			int bits = client.find() == RPY_ERROR_PERMISSION_DENIED ? 1 : 0;
-			bits |= root.add("by" + std::to_string(user)) == RPY_ERROR_PERMISSION_DENIED ? 2 : 0;
-			_exit(bits);
-		}
-		int status;
-		EXPECT_EQ(waitpid(child, &status, 0), child);
-		return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+			RepositoryClient own;
+			(void) own.bind(daemon.hatch());
+			Snap made(rpy_snapshot_create(client.handle));
+			look(own.find() != RPY_ERROR_NONE);
+			look(client.write(group.get(), {{"v", {"2"}}}) != 1);
+			look(client.add("b") != RPY_ERROR_NONE);
+			look(_rpy_snapshot_take_new(client.instance, "n", made.get()) != 0);
+			look(_rpy_snapshot_revert(snapshot.get()) != 0);
+			look(_rpy_snapshot_delete(snapshot.get()) != 0);
+			look(rpy_pg_delete(group.get()) != 0);
+			return bits;
+		});
 	};
 	constexpr uid_t unknown = 3000000000U;
-	EXPECT_EQ(refused(1), 2);
-	EXPECT_EQ(refused(unknown), 2);
+	EXPECT_EQ(refused(1), changing);
+	EXPECT_EQ(refused(unknown), changing);
+	EXPECT_EQ(get(), "1");
 	daemon.place.write("etc/meridon/rights", "# nobody: cairn.read\ndaemon: cairn.modify\n");
 	EXPECT_EQ(refused(1), 0);
-	EXPECT_EQ(refused(2), 2);
+	EXPECT_EQ(refused(2), changing);
 	daemon.place.write(
 	    "etc/meridon/rights", "daemon: cairn.modify\nbin: cairn.read, cairn.modify\nnobody: cairn.*\n");
-	EXPECT_EQ(refused(1), 1);
-	EXPECT_EQ(refused(2) & 1, 0);
-	EXPECT_EQ(refused(65534), 3); // what a user namespace shows for users that it doesn't know
-	EXPECT_EQ(refused(unknown), 3);
-	EXPECT_EQ(root.read("a"), Contents());
+	EXPECT_EQ(refused(1), reading);
+	EXPECT_EQ(refused(2), 0);
+	EXPECT_EQ(refused(65534), reading | changing); // as a user namespace shows users that it doesn't know
+	EXPECT_EQ(refused(unknown), reading | changing);
+	EXPECT_EQ(client.find(), RPY_ERROR_NONE);
 }
 
-TEST(Configd, AnswersAnyBytesAndGoesOn)
+TEST_F(Configd, KeepsItsFileFlatAndIsIdleWhenNobodyAsks)
 {
-	Repository daemon;
-	ASSERT_EQ(daemon.start(), 0);
-	RepositoryClient client(daemon.hatch());
-	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
-	ASSERT_EQ(client.write("a", {{"v", {"1"}}}), 1);
-	Fd hatch(open(daemon.hatch().c_str(), O_RDONLY | O_CLOEXEC));
-	std::mt19937 random(3);
-	char room[4096];
-	for (int i = 0; i < 3000; i++) {
-		std::string request(8 + random() % 64, '\0');
-		for (char &byte : request)
-			byte = static_cast<char>(random() % 4 == 0 ? random() : random() % 3);
-		auto op = static_cast<uint32_t>(random() % (static_cast<uint32_t>(rpy::Op::count_) + 1));
-		memcpy(request.data(), &rpy::magic, sizeof(rpy::magic));
-		memcpy(request.data() + 4, &op, sizeof(op));
-		hatch_arg_t arg = {request.data(), request.size(), nullptr, 0, room, sizeof(room)};
-		ASSERT_EQ(hatch_call(hatch.get(), &arg), 0);
-		ASSERT_GE(arg.data_size, 8U);
-		if (arg.rbuf != room)
-			(void) munmap(arg.rbuf, arg.rsize);
-	}
-	hatch_arg_t empty = {room, 3, nullptr, 0, room, sizeof(room)};
-	EXPECT_EQ(hatch_call(hatch.get(), &empty), -1);
-	EXPECT_EQ(errno, ENOBUFS);
-	EXPECT_EQ(client.read("a"), (Contents{{"v", {"1"}}}));
-}
-
-TEST(Configd, KeepsItsFileFlatAndIsIdleWhenNobodyAsks)
-{
-	Repository daemon("/dev/shm"); // a busy disk would make each of the commits wait
-	ASSERT_EQ(daemon.start(), 0);
-	RepositoryClient client(daemon.hatch());
-	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
-	struct stat before, after;
+	Scratch memory("/dev/shm"); // a busy disk would make each of the commits wait
+	daemon.files = memory.directory();
+	start_with("0");
+	auto size = [this] { return std::filesystem::file_size(daemon.file()); };
+	uintmax_t before = 0;
 	for (int i = 0; i < 2000; i++) {
-		ASSERT_EQ(client.write("a", {{"v", {std::to_string(i)}}}), 1);
-		if (i == 100) {
-			ASSERT_EQ(stat(daemon.file().c_str(), &before), 0);
-		}
+		ASSERT_EQ(set(std::to_string(i)), RPY_ERROR_NONE);
+		before = i == 100 ? size() : before;
 	}
-	ASSERT_EQ(stat(daemon.file().c_str(), &after), 0);
-	EXPECT_EQ(before.st_size, after.st_size);
+	EXPECT_EQ(size(), before);
 	usleep(1500000);
 	auto used = [&] {
 		std::string text = file_text("/proc/" + std::to_string(daemon.pid()) + "/stat");
@@ -553,16 +379,6 @@ TEST(Configd, KeepsItsFileFlatAndIsIdleWhenNobodyAsks)
 	unsigned long begin = used();
 	usleep(1500000);
 	EXPECT_EQ(used(), begin);
-	void *bytes = nullptr;
-	size_t size = 0;
-	ASSERT_EQ(_rpy_backup(client.handle, &bytes, &size), 0);
-	std::string copy(static_cast<char *>(bytes), size);
-	free(bytes);
-	Repository restored;
-	restored.place.write("repository.db", copy);
-	ASSERT_EQ(restored.start(), 0);
-	RepositoryClient other(restored.hatch());
-	EXPECT_EQ(other.read("a"), (Contents{{"v", {"1999"}}}));
 }
 
 } // namespace

@@ -1,15 +1,17 @@
 // The daemon's updates and listings, without a process around them.
 #include <atomic>
 #include <gtest/gtest.h>
+#include <set>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
 #include <meridon/hatch.h>
 
 #include "alloc_fault.h"
+#include "child.h"
 #include "hatch/pool.h"
+#include "hatch_peer.h"
 #include "repository.h"
 #include "requests.h"
 #include "updates.h"
@@ -73,26 +75,18 @@ TEST(ConfigdUpdates, AFailingAllocationRefusesOneAndStopsNone)
 	EXPECT_GT(refused, 0);
 }
 
-void put(rpy::Writer *out, uint32_t number)
+// A part of a request, as it travels.
+template <typename Part>
+void put(rpy::Writer *out, const Part &part)
 {
-	out->u32(number);
-}
-void put(rpy::Writer *out, uint64_t number)
-{
-	out->u64(number);
-}
-void put(rpy::Writer *out, std::string_view text)
-{
-	out->text(text);
-}
-void put(rpy::Writer *out, const rpy::Property &property)
-{
-	put_property(out, property);
-}
-template <typename Number, typename = std::enable_if_t<std::is_enum_v<Number>>>
-void put(rpy::Writer *out, Number number)
-{
-	out->u32(static_cast<uint32_t>(number));
+	if constexpr (std::is_same_v<Part, uint64_t>)
+		out->u64(part);
+	else if constexpr (std::is_enum_v<Part> || std::is_integral_v<Part>)
+		out->u32(static_cast<uint32_t>(part));
+	else if constexpr (std::is_same_v<Part, rpy::Property>)
+		put_property(out, part);
+	else
+		out->text(part);
 }
 
 // A daemon without a process, and a client of it that may do anything.
@@ -107,7 +101,7 @@ public:
 
 	// What the daemon answers; empty for an error.
 	template <typename... Parts>
-	std::string ask(rpy::Op op, Parts... parts)
+	std::string ask(rpy::Op op, const Parts &...parts)
 	{
 		rpy::Writer request, reply;
 		request.u32(rpy::magic);
@@ -128,10 +122,31 @@ public:
 		return id_in(ask(
 		    rpy::Op::add_group, NodeKind::instance, instance, name, "t" + name.substr(0, 1), flags, change));
 	}
-	bool has(uint64_t id)
+	// One entry, with a number as the property's value, for whatever version the group has.
+	void commit(const char *name, rpy::Change what, const char *property, uint64_t value)
 	{
+		const std::string group = ask(rpy::Op::get_group, NodeKind::instance, instance, name);
+		rpy::Reader in(group);
+		const uint64_t id = in.u64(), version = in.u64();
+		const std::string_view values(reinterpret_cast<const char *>(&value), sizeof(value));
+		(void) ask(rpy::Op::commit, id, version, 1, what, rpy::Property{property, RPY_TYPE_COUNT, 1, values},
+		    uint64_t{7});
+	}
+	// The last answer's error, the rows of the last commit, and the tree without the ids in it.
+	std::string picture()
+	{
+		std::string text = std::to_string(error) + ' ' + std::to_string(store->rows_seen) + '\n';
 		ReadLock hold(daemon.model.lock);
-		return daemon.model.find(id) != nullptr;
+		for (Node *top : daemon.model.services())
+			for (const Node *node : Model::tree(top)) {
+				text += std::to_string(static_cast<int>(node->kind)) + node->name + " in " +
+					(node->parent == nullptr ? "" : node->parent->name);
+				if (node->version)
+					text += *node->type + node->version->properties +
+						std::to_string(node->version->holders);
+				text += '\n';
+			}
+		return text;
 	}
 
 	FakeStore *const store;
@@ -140,100 +155,52 @@ public:
 	std::atomic<rpy_error_t> error{RPY_ERROR_NONE}; // of the last answer
 };
 
-// A group's id, and what it holds, by the ids that the daemon answers.
-rpy::Group find_group(World *world, const std::string &name, std::string *reply)
-{
-	*reply = world->ask(rpy::Op::get_group, NodeKind::instance, world->instance, name);
-	rpy::Group group;
-	rpy::Reader in(*reply);
-	(void) rpy::take_group(&in, &group);
-	return group;
-}
-
-rpy::Property number(std::string_view name, const uint64_t *value)
-{
-	return {name, RPY_TYPE_COUNT, 1, {reinterpret_cast<const char *>(value), sizeof(*value)}};
-}
-
-// The whole tree but for the numbers that nodes and versions have.
-std::string picture(World *world)
-{
-	std::string text;
-	ReadLock hold(world->daemon.model.lock);
-	for (Node *top : world->daemon.model.services())
-		for (const Node *node : Model::tree(top)) {
-			text += std::to_string(static_cast<int>(node->kind)) + ' ' + node->name + " in " +
-				(node->parent == nullptr ? "" : node->parent->name);
-			if (node->version)
-				text += ' ' + *node->type + ' ' + node->version->properties + ' ' +
-					std::to_string(node->version->holders);
-			text += '\n';
-		}
-	return text;
-}
-
-// All kinds of updates, one after another: after each the error, the rows of its commit and the tree.
-std::vector<std::string> updates_of(World *world)
+// All kinds of updates, one after another, with a picture after each.
+std::vector<std::string> pictures_of_updates(World *world)
 {
 	using rpy::Op;
-	std::vector<std::string> seen;
-	std::string reply;
-	const uint64_t one = 1, two = 2;
-	auto look = [&] {
-		seen.push_back(std::to_string(world->error.load()) + ' ' + std::to_string(world->store->rows_seen) +
-			       '\n' + picture(world));
+	uint64_t a = 0, b = 0, snapshot = 0;
+	const std::function<void()> updates[] = {
+	    [&] { a = world->add_group("a", 7, 0); },
+	    [&] { b = world->add_group("b", 7, 0); },
+	    [&] { world->commit("a", rpy::Change::create, "v", 1); },
+	    [&] { snapshot = World::id_in(world->ask(Op::take_snapshot, world->instance, "s", 0)); },
+	    [&] { world->commit("a", rpy::Change::change, "v", 2); },
+	    [&] { world->commit("a", rpy::Change::create, "w", 2); },
+	    [&] { (void) world->ask(Op::delete_group, b); },
+	    [&] { (void) world->ask(Op::revert_snapshot, snapshot); },
+	    [&] { world->commit("a", rpy::Change::remove, "v", 1); },
+	    [&] { (void) world->ask(Op::take_snapshot, world->instance, "s", 1); },
+	    [&] { (void) world->ask(Op::withdraw_group, NodeKind::instance, world->instance, "a", uint64_t{7}); },
+	    [&] { (void) world->ask(Op::delete_entity, world->service, 1); },
 	};
-	auto commit = [&](const std::string &name, rpy::Change change, std::string_view property,
-			  const uint64_t *value) {
-		const rpy::Group group = find_group(world, name, &reply);
-		(void) world->ask(
-		    Op::commit, group.id, group.version, 1U, change, number(property, value), uint64_t{7});
-		look();
-	};
-	for (const char *name : {"a", "b"}) {
-		(void) world->add_group(name, 7, 0);
-		look();
+	std::vector<std::string> pictures;
+	for (const auto &update : updates) {
+		update();
+		EXPECT_EQ(world->error, RPY_ERROR_NONE);
+		pictures.push_back(world->picture());
 	}
-	commit("a", rpy::Change::create, "v", &one);
-	const uint64_t snapshot = World::id_in(world->ask(Op::take_snapshot, world->instance, "s", 0U));
-	look();
-	commit("a", rpy::Change::change, "v", &two);
-	commit("a", rpy::Change::create, "w", &two);
-	(void) world->ask(Op::revert_snapshot, snapshot);
-	look();
-	commit("a", rpy::Change::remove, "v", &one);
-	(void) world->ask(Op::take_snapshot, world->instance, "s", 1U);
-	look();
-	(void) world->ask(Op::withdraw_group, NodeKind::instance, world->instance, "a", uint64_t{7});
-	look();
-	(void) world->ask(Op::delete_group, find_group(world, "b", &reply).id);
-	look();
-	(void) world->ask(Op::delete_entity, world->service, 1U);
-	look();
-	return seen;
+	return pictures;
 }
 
-// A store that other hosts share: one of them is always faster, and it numbers its rows by itself.
+// A store that other hosts share: one of them is always faster, and the store numbers its rows by itself.
 TEST(ConfigdUpdates, ASharedStoreMayRefuseACommitAsStaleAndChoosesTheIds)
 {
-	World alone;
 	auto shared = std::make_unique<FakeStore>();
 	int stale = 0;
 	uint64_t next = uint64_t{1} << 62;
 	shared->answers = [&](const Rows &rows) {
+		Committed made;
 		if (++stale % 3 != 0)
 			return Committed::stale(RPY_ERROR_BACKEND_READONLY);
-		Committed made;
 		for (const Row &row : rows)
 			if (row.what == Row::What::put_node || row.what == Row::What::put_version)
 				made.given[row.id] = next++;
 		return made;
 	};
-	World world(std::move(shared));
+	World alone, world(std::move(shared));
 	EXPECT_GT(world.instance, uint64_t{1} << 62);
-	const std::vector<std::string> expected = updates_of(&alone);
-	EXPECT_EQ(expected.size(), 12U);
-	EXPECT_EQ(updates_of(&world), expected);
+	EXPECT_EQ(pictures_of_updates(&world), pictures_of_updates(&alone));
 
 	world.store->answers = [](const Rows &) { return Committed::stale(RPY_ERROR_BACKEND_READONLY); };
 	world.store->commits = 0;
@@ -255,11 +222,12 @@ TEST(ConfigdUpdates, WhatOthersRemovedDuringACommitStaysRemoved)
 			return is_stale ? Committed::stale(RPY_ERROR_INTERNAL) : Committed();
 		};
 		if (is_stale)
-			(void) world.ask(rpy::Op::commit, group, uint64_t{0}, 0U);
+			(void) world.ask(rpy::Op::commit, group, uint64_t{0}, 0);
 		else
 			EXPECT_NE(world.add_group("new", 0, 0), 0U);
 		EXPECT_EQ(world.error, is_stale ? RPY_ERROR_DELETED : RPY_ERROR_NONE);
-		EXPECT_EQ(picture(&world), "");
+		ReadLock hold(world.daemon.model.lock);
+		EXPECT_TRUE(world.daemon.model.services().empty());
 	}
 }
 
@@ -291,13 +259,28 @@ TEST(ConfigdUpdates, AWithdrawalLeavesAloneWhatOthersMadeOrCommitted)
 	const uint64_t group = world.add_group("g", 7);
 	auto withdraw = [&](NodeKind kind, uint64_t id, const char *name, uint64_t change) {
 		(void) world.ask(rpy::Op::withdraw_group, kind, id, name, change);
-		return !world.has(group);
+		ReadLock hold(world.daemon.model.lock);
+		return world.daemon.model.find(group) == nullptr;
 	};
 	EXPECT_FALSE(withdraw(NodeKind::instance, world.instance, "g", 8));
-	ASSERT_FALSE(world.ask(rpy::Op::commit, group, uint64_t{0}, 0U, uint64_t{9}).empty());
+	ASSERT_FALSE(world.ask(rpy::Op::commit, group, uint64_t{0}, 0, uint64_t{9}).empty());
 	EXPECT_FALSE(withdraw(NodeKind::instance, world.instance, "g", 7));
 	EXPECT_FALSE(withdraw(NodeKind::group, group, "", 0));
 	EXPECT_TRUE(withdraw(NodeKind::group, group, "", 9));
+}
+
+// The second daemon knows as little of the first one's temporary groups as if it had been started after it.
+TEST(ConfigdUpdates, AnIdOfATemporaryGroupNeverComesAgain)
+{
+	World first, second;
+	std::set<uint64_t> ids;
+	for (int i = 0; i < 10; i++)
+		EXPECT_TRUE(ids.insert(first.add_group("g" + std::to_string(i))).second);
+	for (int i = 0; i < 20; i++)
+		EXPECT_TRUE(
+		    ids.insert(second.add_group("g" + std::to_string(i), 0, i % 2 == 0 ? 0 : RPY_PG_FLAG_TEMPORARY))
+			.second);
+	EXPECT_GT(first.add_group("h"), first.add_group("stored", 0, 0)) << "listings give what is stored first";
 }
 
 // It is made in pieces, and others change what it goes over in between.
@@ -333,8 +316,7 @@ void handle(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
 // A page has up to 64 MiB, and a user's share is less here.
 TEST(ConfigdListings, AReaderThatMayNotHaveAPageGetsItInParts)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "skipped: acting as other users needs root";
+	SKIP_UNLESS_ROOT();
 	World world;
 	constexpr int many = 70;
 	rpy::Writer values;
@@ -342,28 +324,21 @@ TEST(ConfigdListings, AReaderThatMayNotHaveAPageGetsItInParts)
 	const rpy::Property large = {"v", RPY_TYPE_ASTRING, 1, values.view()};
 	for (int i = 0; i < many; i++) {
 		const uint64_t group = world.add_group("g" + std::to_string(i));
-		ASSERT_FALSE(world.ask(rpy::Op::commit, group, uint64_t{0}, 1U, rpy::Change::create, large).empty());
+		ASSERT_FALSE(world.ask(rpy::Op::commit, group, uint64_t{0}, 1, rpy::Change::create, large).empty());
 	}
 	hatch::set_pool_size(32 << 20);
 	Scratch place;
-	const std::string path = place.write("hatch", "");
 	ASSERT_EQ(chmod(place.directory().c_str(), 0755), 0);
-	const int served = hatch_create(handle, &world.daemon, HATCH_REFUSE_DESC);
-	ASSERT_EQ(fattach(served, path.c_str()), 0);
-	const pid_t child = fork();
-	if (child == 0) {
-		if (setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0)
-			_exit(255);
-		RepositoryClient client(path);
-		Iter groups(rpy_iter_create(client.handle));
-		_exit(rpy_iter_instance_pgs(groups.get(), client.instance) == 0
-			  ? static_cast<int>(client.names(groups.get()).size())
-			  : 255);
-	}
-	int status = -1;
-	EXPECT_EQ(waitpid(child, &status, 0), child);
-	EXPECT_EQ(WEXITSTATUS(status), many);
-	EXPECT_EQ(hatch_revoke(served), 0);
+	const LocalHatch served(attachable(place.path("hatch")), handle, &world.daemon);
+	EXPECT_EQ(as_user(1,
+		      [&] {
+			      RepositoryClient client(place.path("hatch"));
+			      Iter groups(rpy_iter_create(client.handle));
+			      return rpy_iter_instance_pgs(groups.get(), client.instance) == 0
+					 ? static_cast<int>(client.names(groups.get()).size())
+					 : 255;
+		      }),
+	    many);
 	hatch::set_pool_size(0);
 }
 

@@ -85,4 +85,24 @@ ostrel_error_t update(ostrel_db_t db, attrlist_t *idl, attrlist_t **props) REQUI
 	return result;
 }'
 
+check "only the leader of the updates changes the repository" '
+#include "../repository/model.h"
+void forget(repository::Model &model, repository::Node *node)
+{
+#ifndef MISTAKE
+	InRole leading(model.leader);
+#endif
+	WriteLock hold(model.lock);
+	model.remove(node);
+}'
+check "an update looks at the tree as its leader, or under the lock" '
+#include "../repository/changes.h"
+rpy_error_t decide(repository::Model &model, repository::Update *update, repository::Rows *rows) REQUIRES(model.leader)
+{
+#ifndef MISTAKE
+	model.look_as_leader();
+#endif
+	return update->prepare(model, rows);
+}'
+
 [ "$failures" -eq 0 ]
