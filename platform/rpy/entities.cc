@@ -1,4 +1,4 @@
-// Scopes, services, instances and snapshots: things with an id and a name, and the listings of them.
+// Scopes, services, instances and snapshots: objects with an id and a name; locators; listings of them.
 #include "rpy/object.h"
 
 using namespace rpy;
@@ -11,19 +11,7 @@ void rpy_entity::set(uint64_t its_id, std::string_view its_name)
 
 namespace {
 
-template <typename T>
-T *make(rpy_handle_t *handle)
-{
-	if (handle == nullptr)
-		return fail_null<T>(RPY_ERROR_INVALID_ARGUMENT);
-	T *object = new (std::nothrow) T;
-	if (object == nullptr)
-		return fail_null<T>(RPY_ERROR_NO_MEMORY);
-	object->handle = handle;
-	return object;
-}
-
-// Sets rpy_error() unless the object can be asked about.
+// False with rpy_error() if the object is none, or empty.
 bool is_set(const rpy_entity *entity)
 {
 	if (entity == nullptr)
@@ -41,7 +29,7 @@ ssize_t name_out(const rpy_entity *entity, char *buffer, size_t size)
 	return is_set(entity) ? give_text(entity->name, buffer, size) : -1;
 }
 
-// A request that names a parent and a name, and gets an id.
+// A request that sends a parent and a name, and gets an id.
 int ask_for_id(
     Op op, const rpy_entity *parent, bool send_parent, const char *text, rpy_entity *filled, int replace = -1)
 {
@@ -146,23 +134,23 @@ int next_name(rpy_iter_t *iter, Walk walk, rpy_entity *filled)
 
 rpy_scope_t *rpy_scope_create(rpy_handle_t *handle)
 {
-	return make<rpy_scope_t>(handle);
+	return make_object<rpy_scope_t>(handle);
 }
 rpy_service_t *rpy_service_create(rpy_handle_t *handle)
 {
-	return make<rpy_service_t>(handle);
+	return make_object<rpy_service_t>(handle);
 }
 rpy_instance_t *rpy_instance_create(rpy_handle_t *handle)
 {
-	return make<rpy_instance_t>(handle);
+	return make_object<rpy_instance_t>(handle);
 }
 rpy_snapshot_t *rpy_snapshot_create(rpy_handle_t *handle)
 {
-	return make<rpy_snapshot_t>(handle);
+	return make_object<rpy_snapshot_t>(handle);
 }
 rpy_iter_t *rpy_iter_create(rpy_handle_t *handle)
 {
-	return make<rpy_iter_t>(handle);
+	return make_object<rpy_iter_t>(handle);
 }
 
 void rpy_scope_destroy(rpy_scope_t *scope)

@@ -1,163 +1,21 @@
-// What the repository's client objects hold. A reply of the daemon is one block of bytes that is never changed; groups,
-// properties and iterators share it and point into it, so that walking needs neither the daemon nor a copy.
+// What the repository's client objects hold. Objects of one handle may be used by several threads, each object by one thread
+// at a time; handles alone are shared.
 #ifndef MERIDON_RPY_OBJECT_H
 #define MERIDON_RPY_OBJECT_H
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <new>
 
-#include <meridon/enclave.h>
-
-#include "base/guards.h"
-#include "rpy/together.h"
-#include "rpy/wire.h"
+#include "rpy/call.h"
+#include "rpy/handle.h"
 
 namespace rpy {
 
-// The bytes of a reply, counted.
-struct Block {
-	std::atomic<uint32_t> holds{1};
-	size_t size = 0;
-	Block *next_page = nullptr; // the page behind it, in a listing: it lives as long as this one
-	char *data() { return reinterpret_cast<char *>(this + 1); }
-};
-
-Block *make_block(size_t size);
-void drop_block(Block *block);
-
-// One hold on a block.
-class BlockRef {
-public:
-	BlockRef() = default;
-	explicit BlockRef(Block *block) : block_(block) {}
-	BlockRef(const BlockRef &other) : block_(other.block_)
-	{
-		if (block_ != nullptr)
-			block_->holds.fetch_add(1, std::memory_order_relaxed);
-	}
-	BlockRef(BlockRef &&other) noexcept : block_(other.release()) {}
-	BlockRef &operator=(BlockRef other) noexcept
-	{
-		std::swap(block_, other.block_);
-		return *this;
-	}
-	~BlockRef() { drop_block(block_); }
-
-	// Another hold on a block that somebody holds. Takes NULL.
-	static BlockRef share(Block *block)
-	{
-		if (block != nullptr)
-			block->holds.fetch_add(1, std::memory_order_relaxed);
-		return BlockRef(block);
-	}
-	Block *get() const { return block_; }
-	Block *operator->() const { return block_; }
-	explicit operator bool() const { return block_ != nullptr; }
-	Block *release() { return std::exchange(block_, nullptr); }
-
-private:
-	Block *block_ = nullptr;
-};
-
-// A text in memory of its own.
-using Text = Handle<char, free_heap>;
-bool copy_text(std::string_view from, Text *to);
-
-// ---- Errors ----
-
-int fail(rpy_error_t error);
-// Of a change that the daemon may carry out all the same.
-int fail_open(rpy_error_t error);
-
-template <typename T>
-T *fail_null(rpy_error_t error)
-{
-	(void) fail(error);
-	return nullptr;
-}
-
-// ---- The daemon ----
-
-// Whether the daemon that a handle is bound to is there, without a call: it holds its hatch as long as it lives.
-// RPY_ERROR_NONE, or what is wrong.
-rpy_error_t find_daemon(const rpy_handle_t *handle);
-
-// What one call, or all calls of a listing, may take: no daemon is waited for any longer, or believed for more bytes.
-class Budget {
-public:
-	explicit Budget(size_t bytes = reply_max);
-
-	// False if it is used up.
-	bool left(int *seconds, size_t *bytes) const;
-	void take(size_t bytes) { bytes_ -= bytes < bytes_ ? bytes : bytes_; }
-
-private:
-	int64_t end_; // by the clock that nobody sets, in ns
-	size_t bytes_;
-};
-// Of a whole listing: a sixteenth of the machine's memory, and at least one reply.
-size_t listing_max();
-
-// One request and its reply. On failure rpy_error() is set.
-class Call {
-public:
-	explicit Call(Op op)
-	{
-		out.u32(magic);
-		out.u32(static_cast<uint32_t>(op));
-	}
-
-	// Sends what was written. Errors: as rpy_error() says.
-	bool send(rpy_handle_t *handle);
-	bool send(rpy_handle_t *handle, Budget *budget);
-	// The same for a change that must not come about once it has failed here. If it may all the same, `undo` follows it: over
-	// its own connection, which the daemon serves in order, or, where that has gone, in a call of its own.
-	bool send_before(rpy_handle_t *handle, Call *undo);
-	// The same as send() for a read of one group, which may share a call with those of other threads.
-	bool send_read(rpy_handle_t *handle);
-
-	// The steps of these. Each gives RPY_ERROR_NONE or what is wrong, and leaves rpy_error() alone.
-	rpy_error_t exchange(rpy_handle_t *handle, Budget *budget);
-	rpy_error_t keep(std::string_view bytes);
-	rpy_error_t take_head();
-	// To be asked when all of a reply is taken: whether it was sound.
-	bool sound();
-
-	Writer out;
-	Reader in;
-	BlockRef reply;
-	bool is_open = false; // the daemon may carry it out, or have done so, though it failed here
-
-private:
-	bool ready(const rpy_handle_t *handle) const;
-	bool take(rpy_error_t error);
-};
-
-// Exchanges a read for its reply, in a call of its own or one of several threads.
-rpy_error_t exchange_together(rpy_handle_t *handle, Call *call);
-
-// Copies a text out, cut to fit. Gives its length.
-ssize_t give_text(std::string_view text, char *buffer, size_t size);
-
-// A name or type that a caller gives; empty if it can't be one.
-std::string_view name_of(const char *text);
-
-// The group of a call's reply, into an object.
+// Puts the group of a call's reply into an object.
 bool fill_group(Call *call, rpy_propertygroup_t *pg);
 
 } // namespace rpy
-
-struct rpy_handle {
-	Fd hatch; // none while unbound
-	rpy::Text path;
-	enclaveid_t enclave = ENCLAVE_ID_GLOBAL; // where the path lies; the global one if that isn't known
-	pid_t daemon = 0;                        // who served the hatch when it was bound; 0 if that can't be seen
-	uint64_t binder = 0;                     // and this process then
-	uint64_t change = 0;                     // what changes are part of; 0: each stands alone
-	rpy::Together together;
-};
 
 // What services, instances and snapshots are: an id and a name.
 struct rpy_entity {
@@ -204,7 +62,7 @@ enum class Walk { none, services, instances, snapshots, groups, properties, valu
 struct rpy_iter {
 	rpy_handle_t *handle = nullptr;
 	Walk walk = Walk::none;
-	rpy::BlockRef block; // what is walked: of groups a page, which holds those behind it
+	rpy::BlockRef block; // what is walked: of groups a page, which keeps those after it
 	rpy::Reader in;      // what is left of it
 	uint32_t left = 0;   // its items
 	uint32_t type = 0;   // of values
@@ -232,6 +90,32 @@ struct rpy_transaction_entry {
 };
 
 namespace rpy {
+
+// An empty object of a handle. NULL with rpy_error() if there is no handle, or no memory.
+template <typename T>
+T *make_object(rpy_handle_t *handle)
+{
+	if (handle == nullptr)
+		return fail_null<T>(RPY_ERROR_INVALID_ARGUMENT);
+	T *object = new (std::nothrow) T;
+	if (object == nullptr)
+		return fail_null<T>(RPY_ERROR_NO_MEMORY);
+	object->handle = handle;
+	return object;
+}
+
+// What groups hang below: a service, an instance, a snapshot or a group.
+struct Top {
+	rpy_handle_t *handle;
+	Parent kind;
+	uint64_t id;
+
+	bool is_frozen() const { return kind == Parent::snapshot || kind == Parent::frozen; }
+};
+// False with rpy_error() if the object is none, or empty.
+bool set_top(Top *top, Parent kind, const rpy_entity *entity);
+bool set_top(Top *top, const rpy_propertygroup_t *pg);
+bool is_set(const rpy_propertygroup_t *pg);
 
 // Finds a property of a group. False if there is none.
 bool find_property(const Group &group, std::string_view name, Property *found);

@@ -1,4 +1,5 @@
-// Transactions: entries gathered here, carried out by the daemon in one call.
+// Transactions: entries are gathered here, with the properties of the group at the start as their measure, and carried out by the
+// daemon in one call. Values belong to their entry, entries to their transaction, once they are attached.
 #include "rpy/object.h"
 
 using namespace rpy;
@@ -57,7 +58,7 @@ int attach(
 	return 0;
 }
 
-// Writes an entry as the daemon reads it: what to do, and the property as it is to be.
+// Writes an entry: what to do, and the property as it is to be. False if a value has another type.
 bool put_entry(Writer *out, const rpy_transaction_entry_t *entry)
 {
 	out->u32(static_cast<uint32_t>(entry->change));
@@ -87,24 +88,12 @@ bool put_entry(Writer *out, const rpy_transaction_entry_t *entry)
 
 rpy_transaction_t *rpy_transaction_create(rpy_handle_t *handle)
 {
-	if (handle == nullptr)
-		return fail_null<rpy_transaction_t>(RPY_ERROR_INVALID_ARGUMENT);
-	auto *transaction = new (std::nothrow) rpy_transaction_t;
-	if (transaction == nullptr)
-		return fail_null<rpy_transaction_t>(RPY_ERROR_NO_MEMORY);
-	transaction->handle = handle;
-	return transaction;
+	return make_object<rpy_transaction_t>(handle);
 }
 
 rpy_transaction_entry_t *rpy_entry_create(rpy_handle_t *handle)
 {
-	if (handle == nullptr)
-		return fail_null<rpy_transaction_entry_t>(RPY_ERROR_INVALID_ARGUMENT);
-	auto *entry = new (std::nothrow) rpy_transaction_entry_t;
-	if (entry == nullptr)
-		return fail_null<rpy_transaction_entry_t>(RPY_ERROR_NO_MEMORY);
-	entry->handle = handle;
-	return entry;
+	return make_object<rpy_transaction_entry_t>(handle);
 }
 
 void rpy_transaction_destroy(rpy_transaction_t *transaction)

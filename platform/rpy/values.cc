@@ -66,13 +66,7 @@ int set_number_from_text(rpy_value_t *value, uint32_t type, std::string_view tex
 
 rpy_value_t *rpy_value_create(rpy_handle_t *handle)
 {
-	if (handle == nullptr)
-		return fail_null<rpy_value_t>(RPY_ERROR_INVALID_ARGUMENT);
-	auto *value = new (std::nothrow) rpy_value_t;
-	if (value == nullptr)
-		return fail_null<rpy_value_t>(RPY_ERROR_NO_MEMORY);
-	value->handle = handle;
-	return value;
+	return make_object<rpy_value_t>(handle);
 }
 
 void rpy_value_destroy(rpy_value_t *value)

@@ -1,0 +1,40 @@
+// A handle: the connection that all client objects are made against, and the texts that callers give and get.
+#ifndef MERIDON_RPY_HANDLE_H
+#define MERIDON_RPY_HANDLE_H
+
+#include <cstdint>
+#include <string_view>
+
+#include <meridon/enclave.h>
+#include <meridon/rpy.h>
+
+#include "base/guards.h"
+#include "rpy/request_batch.h"
+
+namespace rpy {
+
+// A text in memory of its own.
+using Text = Handle<char, free_heap>;
+bool copy_text(std::string_view from, Text *to);
+
+// Copies a text out, cut to fit. Gives its length.
+ssize_t give_text(std::string_view text, char *buffer, size_t size);
+
+// A name or type that a caller gives; empty if it can't be one.
+std::string_view name_of(const char *text);
+
+} // namespace rpy
+
+// Threads share a handle, and what it is bound to stays as it is meanwhile: decorating, binding and unbinding are for one
+// thread, with no other at the handle. `change` belongs to the update that runs.
+struct rpy_handle {
+	Fd hatch; // none while unbound
+	rpy::Text path;
+	enclaveid_t enclave = ENCLAVE_ID_GLOBAL; // where the path lies; the global one if that isn't known
+	pid_t daemon = 0;                        // the server of the hatch when it was bound; 0 if that can't be seen
+	uint64_t binder = 0;                     // the process that bound it
+	uint64_t change = 0;                     // what changes are part of; 0: each stands alone
+	rpy::RequestBatch batch;
+};
+
+#endif

@@ -1,0 +1,39 @@
+// Request batching: reads of single groups by many threads over one handle. Most of the cost of a call is waking the daemon and
+// being woken by it, so a few threads have a call each, and those that come meanwhile wait and share the next one.
+//
+// A thread that takes a turn makes its own call. When it ends, the turn goes to the waiter that came first: the leader, which
+// sends its own read along with all that wait and fit. Nobody waits for the daemon longer than the leader's call may take.
+#ifndef MERIDON_RPY_REQUEST_BATCH_H
+#define MERIDON_RPY_REQUEST_BATCH_H
+
+#include <meridon/rpy.h>
+
+#include "base/process_mark.h"
+#include "base/thread_safety.h"
+
+namespace rpy {
+
+class Call;
+struct Waiter;
+
+// The calls of a handle that are under way, and the threads that wait for one of them to end. A waiter lies on its thread's
+// stack: in the queue it is guarded by the lock; taken out of it, it belongs to the leader until its state is set.
+struct RequestBatch {
+	RequestBatch() { lock.init(); }
+	~RequestBatch() { lock.destroy(); }
+	RequestBatch(const RequestBatch &) = delete;
+	RequestBatch &operator=(const RequestBatch &) = delete;
+
+	Mutex lock;
+	int calls GUARDED_BY(lock) = 0;
+	Waiter *first GUARDED_BY(lock) = nullptr; // the longest waiting
+	Waiter *last GUARDED_BY(lock) = nullptr;
+	ProcessMark process{}; // a forked child has none of its parent's threads
+};
+
+// Sends a read of one group, as Call::send() does, in a call of its own or in one with other threads.
+bool send_in_batch(rpy_handle_t *handle, Call *call);
+
+} // namespace rpy
+
+#endif
