@@ -32,7 +32,7 @@ ostrel_error_t ostrel_idlist2pginfo(attrlist_t *idl, char **pgname, char **pgtyp
 
 // ---- The level of an operation ----
 
-// An instance of a service-level database. A text that merely begins like the service could name another one.
+// An instance of a service-level database. After the service's name comes a colon: "net/link2:i" is no instance of "net/link".
 static ostrel_error_t choose_instance(ostrel_rpy_resources_t *res, ostrel_rpy_work_t *work, const char *opname)
 {
 	const char *db_name = ostrel_db_get_name(res->nsr_db);
@@ -65,7 +65,7 @@ static ostrel_error_t ostrel_get_rpy_dbname_for_op(
 
 // ---- The resources of an operation ----
 
-// In a forked child: threads that it doesn't have may have held the lock, or have waited for something.
+// In a forked child: threads of the parent, which it doesn't have, may have held the lock or used the pools.
 static void forget_parent(ostrel_db_t db)
 {
 	rpy_lock.not_shared();
@@ -214,7 +214,7 @@ ostrel_error_t ostrel_open_cairn(ostrel_db_t db)
 	return ostrel_create_rpy_resources(db, &res);
 }
 
-// All native resources of a database have the same gate, one after the other.
+// All native resources that a database has in turn share one gate.
 static RefreshGate *gate_of(ostrel_db_t db)
 {
 	RpyLock lock(db);
@@ -222,7 +222,7 @@ static RefreshGate *gate_of(ostrel_db_t db)
 	return native == nullptr ? nullptr : native->nsr_gate;
 }
 
-// A snapshot that is pending on a connection that broke is taken on another one.
+// Takes a pending snapshot whose connection broke on a new connection. A sound one takes it when it is destroyed.
 static void take_last_snapshot(ostrel_db_t db)
 {
 	RpyLock lock(db);
@@ -238,8 +238,7 @@ static void take_last_snapshot(ostrel_db_t db)
 	ostrel_end_private_configd(fresh.get());
 }
 
-// The native resources that are there when the last refresh thread has ended are the last ones: nobody is left who could
-// replace them.
+// A refresh thread may replace the native resources, so that they are looked up after the last one has ended.
 void ostrel_close_cairn(ostrel_db_t db)
 {
 	enter_process(db);

@@ -28,14 +28,14 @@
  * 3. RefreshGate::lock: which refresh thread goes on and how many run. Held for a few instructions; a close waits on it, with
  *    db_lock but without db_privlock, which the last pass may need.
  *
- * Owners. Resources live as long as somebody has a hold: the handle (db_priv), the list of the native resources, each
+ * Owners. Resources live as long as they have a hold: of the handle (db_priv), of the list of the native resources, of each
  * operation and each pass. The last release frees them, on whatever thread. A close frees the native ones regardless of
- * holds, since nobody may use the handle any more.
+ * holds, since no call may use the handle any more.
  *
  * What a failure leaves. A failed build leaves the resources before it in their place. A connection that breaks fails the
  * operation that runs on it; the next one builds new resources. A failed write takes back the groups that it created, a
  * failed rename the new object; what may still be carried out by a daemon that didn't answer is taken back only as far as
- * nobody else has changed it since ("change" numbers, platform/rpy/wire.h).
+ * no other client has changed it since ("change" numbers, platform/rpy/wire.h).
  *
  * Forks. A child makes db_privlock, the pools, the gate and the refresh thread again at its first use of the handle
  * (ProcessMark of the handle). It keeps the resources, whose calls make connections of their own, and shares a private

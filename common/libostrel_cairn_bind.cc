@@ -1,8 +1,11 @@
 // Which daemon a handle is bound to. In the global enclave that is the system's. Another enclave's own daemon is reached
-// through its hatch below the enclave's root; where it isn't up, a private daemon is started inside the enclave.
+// through its hatch below the enclave's root; if that isn't up, a private daemon is started inside the enclave.
 //
-// The enclave's paths are its own ground: they are opened so that nothing leads out of its root, and a process is asked to
-// end only if it lives there and still serves the hatch.
+// An enclave isn't trusted. Its paths are opened so that no link leads out of its root, a process is signalled only if it
+// lives in the enclave and still serves the hatch, and the program that is started there gets nothing of this process's: it
+// is whatever the enclave has put at that path.
+//
+// Divisions: paths and binding; starting a private daemon; which of the two; giving a private daemon up.
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -26,16 +29,17 @@
 
 namespace {
 
-constexpr char hatch_place[] = "/system/transient/repository_hatch";
+// ---- Paths and binding ----
+
+constexpr char own_hatch[] = "/system/transient/repository_hatch";
 constexpr char daemon_program[] = "/lib/cairn/bin/cairn.configd";
 constexpr char repository_file[] = "/etc/cairn/repository.db";
 constexpr mode_t hatch_mode = 0644;
 constexpr uint64_t daemon_capabilities = 1U << CAP_CHOWN | 1U << CAP_DAC_OVERRIDE | 1U << CAP_FOWNER; // as its unit has
-constexpr int start_seconds = 15; // a start takes 10 s at most
-constexpr int end_seconds = 6;    // an end waits for the operations of others, 4 s at most
+constexpr int start_seconds = 15; // a daemon gives a start up after 10 s
+constexpr int end_seconds = 6;    // a daemon that ends waits up to 4 s for the operations of others
 
-// The enclave goes along: by the text alone the path couldn't be told from one of the host's when the registry no longer
-// knows the enclave.
+// A path with its enclave: once the registry no longer knows the enclave, the text alone looks like a path of the host's.
 struct HatchPath {
 	enclaveid_t enclave = ENCLAVE_ID_GLOBAL;
 	char text[1024];
@@ -47,10 +51,10 @@ ostrel_error_t ostrel_get_cairn_configd_hatchpath(enclaveid_t enclave, bool is_p
 	path->enclave = enclave;
 	if (enclave_getattr(enclave, ENCLAVE_ATTR_ROOT, root, sizeof(root)) < 0)
 		return SETERRNO(errno);
-	int length = is_private ? snprintf(path->text, sizeof(path->text), "%s%s.libostrel.%ld", root, hatch_place,
+	int length = is_private ? snprintf(path->text, sizeof(path->text), "%s%s.libostrel.%ld", root, own_hatch,
 				      static_cast<long>(enclave))
-				: snprintf(path->text, sizeof(path->text), "%s%s", root, hatch_place);
-	// Cut, it would be the path of something else.
+				: snprintf(path->text, sizeof(path->text), "%s%s", root, own_hatch);
+	// A path that is cut short names something else.
 	return length > 0 && static_cast<size_t>(length) < sizeof(path->text) ? OSTREL_SUCCESS
 									      : SETERROR(OSTREL_INVALID_ARG);
 }
@@ -70,7 +74,7 @@ ostrel_error_t ostrel_bind_cairn_configd_hatch(ostrel_rpy_resources_t *res, cons
 	return OSTREL_SUCCESS;
 }
 
-// Tests that a hatch is there. The process id is 0 if it can't be told.
+// Tests that a hatch is there. *pid is its server; 0 if that can't be seen.
 ostrel_error_t ostrel_check_cairn_configd_hatch(const HatchPath &path, pid_t *pid)
 {
 	if (pid != nullptr)
@@ -86,9 +90,10 @@ ostrel_error_t ostrel_check_cairn_configd_hatch(const HatchPath &path, pid_t *pi
 	return OSTREL_SUCCESS;
 }
 
-// ---- The private daemon, in children that make system calls alone ----
+// ---- Starting a private daemon: the forked children make nothing but system calls ----
 
-// The file that the daemon attaches its hatch to, left by an earlier one perhaps. Whatever else lies there isn't touched.
+// Makes the file that the daemon attaches its hatch to, or takes the one that an earlier daemon left. Anything else at that
+// path isn't touched.
 int make_hatch_file(const char *path)
 {
 	Fd file(open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, hatch_mode));
@@ -104,19 +109,19 @@ int make_hatch_file(const char *path)
 	return fchmod(file.get(), hatch_mode) == 0 ? 0 : errno;
 }
 
-// What a start needs of the host, found out before the fork: the enclave may have none of it.
+// What a start needs of the host. It is opened before the fork, since the enclave may have none of it.
 struct HostView {
-	Fd nowhere;
-	Fd terminal;       // of this process's session; none if it has none
+	Fd null;
+	Fd terminal;       // of this process's session, if it has one
 	int lifeline = -1; // the daemon's end
 	uint64_t capabilities = 0;
 
-	// What the program will have: no more than a repository needs, nor than the enclave's own processes have.
+	// The program's capabilities are those that a repository needs, as far as the enclave's own processes have them.
 	ostrel_error_t look(enclaveid_t enclave)
 	{
-		nowhere.reset(open("/dev/null", O_RDWR | O_CLOEXEC));
+		null.reset(open("/dev/null", O_RDWR | O_CLOEXEC));
 		terminal.reset(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
-		if (!nowhere)
+		if (!null)
 			return SETERROR(OSTREL_FAILURE);
 		if (_enclave_capabilities(enclave, &capabilities) == -1)
 			return SETERRNO(errno);
@@ -125,9 +130,9 @@ struct HostView {
 	}
 };
 
-// The program gets nothing of this process's but its end of the lifeline, as its input: not its environment, nor its streams
-// or other descriptors, which may not all be close-on-exec, nor the terminal of its session, whose input it could write, nor
-// its capabilities.
+// The program gets one thing of this process's: its end of the lifeline, as its standard input. It gets neither the
+// environment, nor streams and other descriptors (not all may be close-on-exec), nor the session's terminal, whose input it
+// could write, nor the capabilities.
 [[noreturn]] void become_daemon(const char *path, const HostView &host)
 {
 	static constexpr char search_path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
@@ -135,20 +140,20 @@ struct HostView {
 	(void) prctl(PR_SET_PDEATHSIG, SIGKILL);
 	if (host.terminal)
 		(void) ioctl(host.terminal.get(), TIOCNOTTY);
-	// The caller may have had no streams, so that these are where they are to be.
-	const int input = fcntl(host.lifeline, F_DUPFD, 3), nowhere = fcntl(host.nowhere.get(), F_DUPFD, 3);
+	// A caller without streams may have these two at 0 to 2.
+	const int input = fcntl(host.lifeline, F_DUPFD, 3), null = fcntl(host.null.get(), F_DUPFD, 3);
 	for (int fd = 0; fd < 3; fd++)
-		(void) dup2(fd == 0 ? input : nowhere, fd);
+		(void) dup2(fd == 0 ? input : null, fd);
 	(void) close_range(3, UINT_MAX, 0);
 	if (_enclave_confine(host.capabilities) == -1)
 		_exit(EPERM);
 	(void) execle(daemon_program, daemon_program, "-d", path, "-r", repository_file, static_cast<char *>(nullptr),
 	    environment);
-	_exit(0); // the missing hatch tells
+	_exit(0); // the starter finds no hatch
 }
 
-// The child that entered the enclave. Its status is its whole report. The daemon's first process has ended when the fork
-// comes back, so there is nobody to end after a failure.
+// The child that entered the enclave. Its exit status is its whole report. The inner fork returns after the daemon's first
+// process has ended, so a failure leaves no process to be ended.
 [[noreturn]] void start_inside(enclaveid_t enclave, const char *path, const HostView &host)
 {
 	ostrel_zlimit(start_seconds); // the program may never end: the kernel ends it with this child
@@ -172,7 +177,8 @@ ostrel_error_t make_lifeline(PrivateDaemon *daemon)
 	return OSTREL_SUCCESS;
 }
 
-// Holds the process that serves a hatch, if it lives in the enclave. Looked at again when it is held: its id is its own then.
+// Holds the process that serves a hatch, if it lives in the enclave. The server is looked up again after it is held: before
+// that, another process may have taken its id.
 ostrel_error_t hold_server(const HatchPath &path, pid_t *pid, Fd *process)
 {
 	pid_t server;
@@ -183,14 +189,14 @@ ostrel_error_t hold_server(const HatchPath &path, pid_t *pid, Fd *process)
 		return SETERRNO(errno);
 	if (ostrel_error_t result = ostrel_check_cairn_configd_hatch(path, pid))
 		return result;
-	// Else somebody else's hatch lies there.
+	// Otherwise the hatch is another process's.
 	return *pid == server && _enclave_has_process(path.enclave, server) ? OSTREL_SUCCESS : SETERROR(OSTREL_FAILURE);
 }
 
 ostrel_error_t start_private_configd(enclaveid_t enclave, int lifeline)
 {
 	char inside[64]; // composed here: the child can't
-	(void) snprintf(inside, sizeof(inside), "%s.libostrel.%ld", hatch_place, static_cast<long>(enclave));
+	(void) snprintf(inside, sizeof(inside), "%s.libostrel.%ld", own_hatch, static_cast<long>(enclave));
 	HostView host;
 	host.lifeline = lifeline;
 	if (ostrel_error_t result = host.look(enclave))
@@ -202,7 +208,7 @@ ostrel_error_t start_private_configd(enclaveid_t enclave, int lifeline)
 	return error == 0 ? OSTREL_SUCCESS : SETERRNO(error);
 }
 
-// Starts a private daemon, and finds out which process it is. After a failure the daemon ends with the lifeline.
+// Starts a private daemon and finds its process. After a failure the daemon ends with the lifeline.
 ostrel_error_t start_and_bind(enclaveid_t enclave, ostrel_rpy_resources_t *res, const HatchPath &path)
 {
 	PrivateDaemon daemon = {};
@@ -218,8 +224,10 @@ ostrel_error_t start_and_bind(enclaveid_t enclave, ostrel_rpy_resources_t *res, 
 	return ostrel_bind_cairn_configd_hatch(res, path);
 }
 
-// Those who want to start one at the same time come one after the other, so that all but the first find it. Without the
-// right to that, the start itself will say what is missing.
+// ---- Which of the two ----
+
+// Callers that start one at the same time take turns, so that all but the first find it. Without the right to take a turn,
+// the start itself reports what is missing.
 ostrel_error_t bind_private(enclaveid_t enclave, ostrel_rpy_resources_t *res)
 {
 	HatchPath path;
@@ -243,10 +251,10 @@ ostrel_error_t ostrel_bind_cairn_configd(enclaveid_t enclave, ostrel_rpy_resourc
 	HatchPath path;
 	if (ostrel_error_t result = ostrel_get_cairn_configd_hatchpath(enclave, false, &path))
 		return result;
-	res->nsr_root = ostrel_look_at_root(enclave); // one that changes meanwhile shows at the next operation
+	res->nsr_root = ostrel_look_at_root(enclave); // before the bind: the next operation sees a change
 	ostrel_error_t result = ostrel_bind_cairn_configd_hatch(res, path);
-	// Memory or descriptors that this process lacks say nothing about a daemon, and a private one beside the enclave's own
-	// would be in its way.
+	// Only a missing daemon is replaced: this process may lack memory or descriptors, and a private daemon would take the file
+	// from the enclave's own.
 	if (result == OSTREL_SUCCESS || rpy_error() != RPY_ERROR_NO_SERVER)
 		return result;
 	return bind_private(enclave, res);
@@ -259,6 +267,19 @@ bool ostrel_native_configd_inenclave_ready(const ostrel_rpy_resources_t *res)
 	       ostrel_get_cairn_configd_hatchpath(res->nsr_enclaveid, false, &path) == OSTREL_SUCCESS &&
 	       ostrel_check_cairn_configd_hatch(path, nullptr) == OSTREL_SUCCESS;
 }
+
+EnclaveRoot ostrel_look_at_root(enclaveid_t enclave)
+{
+	struct stat root;
+	char path[sizeof(HatchPath::text)];
+	if (enclave == ENCLAVE_ID_GLOBAL || enclave_getattr(enclave, ENCLAVE_ATTR_ROOT, path, sizeof(path)) < 0)
+		return {EnclaveRoot::unknown, 0, 0}; // without a record no other enclave has the id
+	if (stat(path, &root) == -1)
+		return {EnclaveRoot::missing, 0, 0};
+	return {EnclaveRoot::there, root.st_dev, root.st_ino};
+}
+
+// ---- Giving a private daemon up ----
 
 void ostrel_inherit_private_configd(ostrel_rpy_resources_t *res, ostrel_rpy_resources_t *before)
 {
@@ -282,22 +303,11 @@ void ostrel_end_private_configd(ostrel_rpy_resources_t *res)
 	daemon.lifeline.reset();
 	struct pollfd others = {daemon.end.get(), 0, 0};
 	if (daemon.is_inherited && poll(&others, 1, 0) == 0)
-		return;                            // the parent has it, or another child
-	(void) rpy_handle_unbind(res->nsr_handle); // what is connected is waited for
+		return;                            // the parent or another child still has it
+	(void) rpy_handle_unbind(res->nsr_handle); // the daemon waits for those who are connected
 	if (syscall(SYS_pidfd_send_signal, daemon.process.get(), SIGTERM, nullptr, 0) == -1)
 		return; // it has ended meanwhile
-	// Whoever comes next shall not be bound to a daemon that is about to go.
+	// Waits for the end, so that the next operation isn't bound to a daemon that is about to go.
 	struct pollfd ended = {daemon.process.get(), POLLIN, 0};
 	(void) poll_until(&ended, 1, now_ns() + end_seconds * second_ns);
-}
-
-EnclaveRoot ostrel_look_at_root(enclaveid_t enclave)
-{
-	struct stat root;
-	char path[sizeof(HatchPath::text)];
-	if (enclave == ENCLAVE_ID_GLOBAL || enclave_getattr(enclave, ENCLAVE_ATTR_ROOT, path, sizeof(path)) < 0)
-		return {EnclaveRoot::unknown, 0, 0}; // without a record the id is nobody else's
-	if (stat(path, &root) == -1)
-		return {EnclaveRoot::missing, 0, 0};
-	return {EnclaveRoot::there, root.st_dev, root.st_ino};
 }

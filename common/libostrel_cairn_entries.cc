@@ -1,4 +1,7 @@
-// Attributes as properties: the transaction that makes a group hold exactly the properties of an object.
+// Attributes become properties: the transaction that makes a group hold exactly the properties of an object. One table says
+// how the values of each attribute type are fetched and what type a new property has; a stored property keeps its type.
+//
+// Divisions: values; the transaction.
 #include <cstring>
 
 #include "libostrel_cairn.h"
@@ -25,7 +28,7 @@ int get_array(attrpair_t *pair, Values *values, void *)
 	return error;
 }
 
-// One value is an array of one; `room` keeps it.
+// A single value is an array of one element, which lies in `room`.
 template <typename T, auto Get>
 int get_scalar(attrpair_t *pair, Values *values, void *room)
 {
@@ -33,7 +36,7 @@ int get_scalar(attrpair_t *pair, Values *values, void *room)
 	return Get(pair, static_cast<T *>(room));
 }
 
-// An attribute that is there and has no value is true.
+// An attribute without a value is true by its presence.
 int get_presence(attrpair_t *, Values *values, void *room)
 {
 	const boolean_t present = B_TRUE;
@@ -97,8 +100,7 @@ const AttributeType *find_type(data_type_t type)
 	return nullptr;
 }
 
-// The elements are what the attribute's type says, so a stored type takes those of its own kind alone: counts and integers
-// are one kind.
+// The elements have the attribute's type, so a stored type accepts only its own kind. Counts and integers are one kind.
 bool is_number(rpy_type_t type)
 {
 	return type == RPY_TYPE_COUNT || type == RPY_TYPE_INTEGER;
@@ -146,9 +148,9 @@ ostrel_error_t ostrel_array2rpy_entries(ostrel_rpy_resources_t *res, rpy_transac
 	return OSTREL_SUCCESS;
 }
 
-// ---- Transactions ----
+// ---- The transaction ----
 
-// Attaches an entry for a property, which keeps its stored type if it is there.
+// Attaches an entry for a property. A stored property keeps its type, which goes to *type.
 int attach_entry(ostrel_rpy_resources_t *res, rpy_transaction_entry_t *entry, const char *name, rpy_type_t *type)
 {
 	if (rpy_pg_get_property(ostrel_res_pg_curr(res), name, res->nsr_prop) != 0)
@@ -158,7 +160,7 @@ int attach_entry(ostrel_rpy_resources_t *res, rpy_transaction_entry_t *entry, co
 	return rpy_transaction_property_change(res->nsr_tx, entry, name, *type);
 }
 
-// Adds the entry of one attribute. Attached, it belongs to the transaction, with what it holds.
+// Adds the entry of one attribute. Once attached, it belongs to the transaction with its values.
 ostrel_error_t ostrel_atp2rpy(ostrel_rpy_resources_t *res, attrpair_t *pair)
 {
 	const char *name = attrpair_name(pair);
@@ -184,7 +186,7 @@ ostrel_error_t ostrel_atp2rpy(ostrel_rpy_resources_t *res, attrpair_t *pair)
 	return OSTREL_SUCCESS;
 }
 
-// Schedules a property's deletion. One that can't be scheduled stays.
+// Schedules the deletion of a property. If that fails, the property stays.
 void delete_property(ostrel_rpy_resources_t *res, const char *name)
 {
 	Entry entry(rpy_entry_create(res->nsr_handle));

@@ -1,8 +1,11 @@
-// Reading: a property group becomes an object, its paths the identifiers and its properties the attributes. By name there
-// is one group, by type all that fit.
+// Reading: a property group becomes an object, its paths the identifiers and its properties the attributes. A read by name
+// gives one group, a read by type all that fit. Nothing is kept between reads but the working objects of the pool's entry.
+//
+// Divisions: values; properties and groups; reads.
 #include <cstdlib>
 #include <cstring>
 
+#include "base/growing_array.h"
 #include "libostrel_cairn.h"
 
 namespace {
@@ -24,8 +27,8 @@ struct Strings {
 
 // ---- Values ----
 
-// Reads the values of nsr_prop: the lone one, or each of several. `read_value` gets nsr_val's, the place and whether it is
-// the lone one.
+// Reads the values of nsr_prop: a single one, or each of several. `read_value` gets the value, its index, and whether it is
+// the single one.
 template <typename ReadValue>
 ostrel_error_t read_values(ostrel_rpy_work_t *work, int *count, ReadValue read_value)
 {
@@ -75,11 +78,11 @@ ostrel_error_t add_numbers(ostrel_rpy_work_t *work, attrlist_t *props, const cha
 	return ostrel_errno2error(Add(props, name, values, static_cast<unsigned int>(count)));
 }
 
-// The text of a value, new. Among several values an empty one is a failure.
-ostrel_error_t copy_text(const rpy_value_t *value, bool lone, char **textp)
+// Copies the text of a value. An empty text among several values is a failure.
+ostrel_error_t copy_text(const rpy_value_t *value, bool is_single, char **textp)
 {
 	ssize_t length = rpy_value_get_astring(value, nullptr, 0);
-	if (length < 0 || (length == 0 && !lone))
+	if (length < 0 || (length == 0 && !is_single))
 		return ostrel_rpy_failure();
 	Heap<char> text(static_cast<char *>(malloc(static_cast<size_t>(length) + 1)));
 	if (!text)
@@ -94,8 +97,8 @@ ostrel_error_t add_strings(ostrel_rpy_work_t *work, attrlist_t *props, const cha
 {
 	Strings strings;
 	int count;
-	ostrel_error_t result = read_values(work, &count, [&](const rpy_value_t *value, int i, bool lone) {
-		ostrel_error_t copied = copy_text(value, lone, &strings.text[i]);
+	ostrel_error_t result = read_values(work, &count, [&](const rpy_value_t *value, int i, bool is_single) {
+		ostrel_error_t copied = copy_text(value, is_single, &strings.text[i]);
 		strings.count = copied == OSTREL_SUCCESS ? i + 1 : i;
 		return copied;
 	});
@@ -159,69 +162,37 @@ ostrel_error_t ostrel_pg2atl(ostrel_rpy_work_t *work, AttrList *idl, AttrList *p
 
 // ---- Reads ----
 
-// The objects of a read, in an array that grows.
+// The objects of a read.
 class Found {
 public:
-	Found() = default;
-	Found(const Found &) = delete;
-	Found &operator=(const Found &) = delete;
-	~Found()
-	{
-		for (unsigned int i = 0; i < count_; i++)
-			attrlist_free(objs_[i]);
-		free(objs_);
-	}
-
-	bool alloc(int room)
-	{
-		objs_ = static_cast<attrlist_t **>(calloc(static_cast<size_t>(room), sizeof(attrlist_t *)));
-		room_ = room;
-		return objs_ != nullptr;
-	}
+	// Room for objects at the start. Without any, a read that finds nothing has no array to give.
+	bool make_room(unsigned int count) { return objects_.make_room(count); }
 	ostrel_error_t add(ostrel_rpy_work_t *work, uint64_t flags)
 	{
 		AttrList idl, props;
 		bytes_ += static_cast<size_t>(_rpy_pg_get_bytes(ostrel_res_pg_curr(work)));
-		// The daemon of another enclave may have more and more.
+		// The daemon of another enclave may go on giving groups for ever.
 		if (work->nsr_until != 0 && bytes_ > OSTREL_RPY_FOREIGN_BYTES)
 			return SETERROR(OSTREL_NO_MEMORY);
 		if (ostrel_error_t result = ostrel_pg2atl(work, &idl, &props))
 			return SETERROR(result);
-		if (ostrel_error_t result = make_room())
-			return result;
+		if (!objects_.make_room())
+			return SETERROR(OSTREL_NO_MEMORY);
 		attrlist_t *handed = (flags & OSTREL_FLAG_WITH_PROPS) != 0 ? props.get() : nullptr;
-		if (ostrel_error_t result = ostrel_object_create(idl.get(), handed, &objs_[count_]))
+		if (ostrel_error_t result = ostrel_object_create(idl.get(), handed, objects_.place()))
 			return SETERROR(result);
-		count_++;
+		objects_.added();
 		return OSTREL_SUCCESS;
 	}
-	bool is_empty() const { return count_ == 0; }
+	bool is_empty() const { return objects_.empty(); }
 	void hand_out(attrlist_t ***objs, unsigned int *count)
 	{
-		*objs = objs_;
-		*count = count_;
-		objs_ = nullptr;
-		count_ = 0;
+		*count = static_cast<unsigned int>(objects_.size());
+		*objs = objects_.release();
 	}
 
 private:
-	// The new half is zeroed: the array is handed out at its full size.
-	ostrel_error_t make_room()
-	{
-		if (count_ < static_cast<unsigned int>(room_))
-			return OSTREL_SUCCESS;
-		const size_t before = static_cast<size_t>(room_);
-		void *grown = objs_;
-		if (grow_buf(&grown, &room_, sizeof(attrlist_t *)) != OSTREL_SUCCESS)
-			return SETERROR(OSTREL_NO_MEMORY);
-		objs_ = static_cast<attrlist_t **>(grown);
-		memset(objs_ + before, 0, (static_cast<size_t>(room_) - before) * sizeof(attrlist_t *));
-		return OSTREL_SUCCESS;
-	}
-
-	attrlist_t **objs_ = nullptr;
-	unsigned int count_ = 0;
-	int room_ = 0;
+	GrowingArray<attrlist_t *, attrlist_free> objects_;
 	size_t bytes_ = 0; // of their properties
 };
 
@@ -265,7 +236,7 @@ ostrel_error_t ostrel_read_objects_from_cairn(
 	if (ostrel_error_t result = operation.begin_read(idl))
 		return result;
 	Found found;
-	if (!found.alloc(pgname != nullptr ? 1 : static_cast<int>(OSTREL_RPY_OBJECTS_START)))
+	if (!found.make_room(pgname != nullptr ? 1 : OSTREL_RPY_OBJECTS_START))
 		return SETERROR(OSTREL_NO_MEMORY);
 	ostrel_error_t result = pgname != nullptr ? read_by_name(&operation, idl, pgname, flags, &found)
 						  : read_by_type(operation.work(), pgtype, flags, &found);

@@ -1,18 +1,18 @@
 // Renaming. The repository has no rename: the object is read, written under its new name, and the old group removed. What
-// fails is taken back as far as it can be told that nobody else is hit.
+// fails is taken back if that can't destroy what others have written.
 #include <cstring>
 
 #include "libostrel_cairn.h"
 
 namespace {
 
-// Which group an identifier list names, as far as two of them can be told apart.
+// Which group an identifier list names, in a form that can be compared.
 struct GroupLocation {
 	enclaveid_t enclave;
 	boolean_t svclevel;
 	char instance[OSTREL_RPY_NAME_MAX];
 	char pgname[OSTREL_RPY_NAME_MAX];
-	bool is_as_asked; // the list has the stored spelling, and the stored types
+	bool is_as_asked; // the list has the stored spelling and the stored types
 
 	bool same_top(const GroupLocation &other) const
 	{
@@ -44,7 +44,7 @@ ostrel_error_t note_location(const RpyOperation &operation, const char *pgname, 
 	return OSTREL_SUCCESS;
 }
 
-// Whether a list's path is the stored one. Types may be left over: no level is theirs.
+// Whether a list's path is the stored one. Types beyond the last level don't count.
 bool is_stored_path(const char *asked, const char *stored)
 {
 	RpyPath mine, theirs;
@@ -57,7 +57,7 @@ bool is_stored_path(const char *asked, const char *stored)
 	return true;
 }
 
-// Where the group of a list is: in the repository's spelling if it is there.
+// Finds the location of a list's group, in the stored spelling if the group is there.
 ostrel_error_t locate(ostrel_db_t db, attrlist_t *idl, GroupLocation *location, bool *has_groups)
 {
 	*has_groups = false;
@@ -121,7 +121,7 @@ ostrel_error_t find_old_one(const Rename &rename)
 }
 
 // Takes the new object back. What others have written there since is theirs; a daemon that was started later knows of
-// nobody's changes.
+// no changes.
 void take_new_one_back(const Rename &rename, bool is_same_daemon)
 {
 	RpyOperation operation(rename.db);

@@ -1,6 +1,8 @@
-// Paths and groups. A group is found by its path of names, or among all whose path of types fits a pattern; or it is
-// created with the levels that it lacks. The state of a search lies in the operation's work, so that a reader can ask for
-// one group after the other.
+// Paths and groups. A group is looked up by its path of names, found in a walk over all whose path of types fits a pattern, or
+// created along with the levels that are missing above it. The whole state of a walk lies in the operation's work: the caller
+// gets one group a step and asks again for the next.
+//
+// Divisions: paths; the current group; walking; looking a group up; creating a group.
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -19,7 +21,7 @@ char *strip_leading_and_terminating_delims(char *str, char delim)
 	return str;
 }
 
-// A path that were cut to fit would be that of another group.
+// A path that is cut to fit names another group, so that a long one is refused.
 ostrel_error_t RpyPath::set_pattern(const char *path)
 {
 	const size_t length = strnlen(path, sizeof(text));
@@ -51,7 +53,7 @@ rpy_propertygroup_t *ostrel_res_pg_curr(const ostrel_rpy_work_t *work)
 
 namespace {
 
-// A path that is put together level by level, and cut where it ends.
+// A path that is put together level by level. What doesn't fit is cut off.
 struct PathText {
 	char text[OSTREL_RPY_NAME_MAX] = "";
 	size_t length = 0;
@@ -111,7 +113,7 @@ void ostrel_rpy_iter_reset(ostrel_rpy_work_t *work)
 
 namespace {
 
-// What a walk looks for at one depth: a name without regard to case, or a type.
+// What a walk looks for at one depth: a name, without regard to case, or a type pattern.
 struct Wanted {
 	const char *text;
 	bool is_name;
@@ -136,7 +138,7 @@ struct WantedPath {
 	Wanted at(int depth) const { return {path.component[depth], is_name}; }
 };
 
-// Sets the iterator of a depth before its first group. The daemon leaves out what can't fit.
+// Sets the iterator of a depth before its first group. The daemon leaves out groups that can't fit.
 int start_iterator(ostrel_rpy_work_t *work, int depth, const Wanted &wanted)
 {
 	rpy_iter_t *iter = work->nsr_pgiter[depth];
@@ -155,7 +157,7 @@ ostrel_error_t ostrel_rpy_iter_pgs(ostrel_rpy_work_t *work, int depth, const Wan
 		return SETERROR(OSTREL_FAILURE);
 	if (start_iterator(work, depth, wanted) == 0)
 		return OSTREL_SUCCESS;
-	// A group that has gone since it was listed has no groups below it.
+	// The group above was deleted since it was listed: nothing is below it.
 	if (depth > 0 && rpy_error() == RPY_ERROR_DELETED)
 		return OSTREL_WALK_HALTED;
 	return SETERROR(ostrel_rpy_failure());
@@ -163,7 +165,7 @@ ostrel_error_t ostrel_rpy_iter_pgs(ostrel_rpy_work_t *work, int depth, const Wan
 
 ostrel_error_t next_pg(ostrel_rpy_work_t *work, int depth, const WantedPath &path);
 
-// Goes on below the group of a depth. OSTREL_WALK_HALTED if nothing there fits any more.
+// Continues below the group of a depth. OSTREL_WALK_HALTED if no further group there fits.
 ostrel_error_t next_below(ostrel_rpy_work_t *work, int depth, const WantedPath &path)
 {
 	return depth + 1 < path.count() ? next_pg(work, depth + 1, path) : OSTREL_WALK_HALTED;
@@ -278,7 +280,7 @@ static int add_level(ostrel_rpy_resources_t *res, int depth, const char *name, c
 	return rpy_instance_add_pg(res->nsr_op_inst, name, type, flags, res->nsr_pg[0]);
 }
 
-// Finds or makes the group of a depth.
+// Finds or creates the group of a depth.
 static ostrel_error_t find_or_add_level(
     ostrel_rpy_resources_t *res, int depth, const char *name, const char *type, RpyCreation *made)
 {
@@ -297,8 +299,8 @@ static ostrel_error_t find_or_add_level(
 	return OSTREL_SUCCESS;
 }
 
-// After a failure the current group is the topmost one that was made, with all others below it. A type path that ran out
-// leaves the last group that was reached.
+// After a failure the current group is the topmost one that this call created: taking it back takes the others along. If the
+// type path ran out, it is the last group that was reached.
 ostrel_error_t ostrel_rpy_add_pg(ostrel_rpy_resources_t *res, const char *name, const char *type, RpyCreation *made)
 {
 	RpyPath names, types;
