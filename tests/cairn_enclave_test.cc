@@ -10,15 +10,17 @@
 #include <sched.h>
 #include <sstream>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <thread>
 
 #include <meridon/hatch.h>
 
 #include "cairn_db.h"
+#include "child.h"
+#include "hatch_peer.h"
 #include "test_enclave.h"
 #include "test_paths.h"
 #include "threads_after_fork.h"
@@ -56,6 +58,19 @@ void install(const std::string &from, const std::string &root, const std::string
 	}
 }
 
+// A barrier for processes that are forked later.
+pthread_barrier_t *shared_barrier(unsigned int count)
+{
+	void *memory =
+	    mmap(nullptr, sizeof(pthread_barrier_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+	auto *barrier = static_cast<pthread_barrier_t *>(memory);
+	pthread_barrierattr_t shared;
+	(void) pthread_barrierattr_init(&shared);
+	(void) pthread_barrierattr_setpshared(&shared, PTHREAD_PROCESS_SHARED);
+	(void) pthread_barrier_init(barrier, &shared, count);
+	return barrier;
+}
+
 // An enclave with the daemon's program, its file with an instance in it, and a host with a daemon of its own.
 class Enclaves : public testing::Test {
 protected:
@@ -79,26 +94,22 @@ protected:
 	}
 	void TearDown() override
 	{
-		for (pid_t pid :
-		    {server_of(enclave_path(own_hatch)), server_of(enclave_path(private_hatch)), host_daemon})
+		for (pid_t pid : {server_of(enclave_path(own_hatch)), private_daemon(), host_daemon})
 			end(pid);
 		if (enclave)
 			(void) umount2(enclave_path("/proc").c_str(), MNT_DETACH);
 	}
 
 	std::string enclave_path(const std::string &path) const { return enclave ? enclave->root() + path : path; }
+	pid_t private_daemon() const { return server_of(enclave_path(private_hatch)); }
 	static void end(pid_t pid, int signal = SIGKILL)
 	{
-		if (pid <= 0)
-			return;
-		(void) ::kill(pid, signal);
-		(void) ends(pid);
+		if (pid > 0 && ::kill(pid, signal) == 0)
+			(void) ends(pid);
 	}
 	static bool ends(pid_t pid)
 	{
-		for (int i = 0; i < 5000 && !is_gone(pid); i++)
-			usleep(1000);
-		return is_gone(pid);
+		return eventually([pid] { return is_gone(pid); });
 	}
 	void give_to_enclave()
 	{
@@ -136,19 +147,20 @@ protected:
 			      enclave->prefix() + "/host.db"}),
 		    0);
 		host_daemon = server_of(host_hatch);
-		RepositoryClient maker(host_hatch);
+		make_instance(host_hatch, "host");
+	}
+	static void make_instance(const std::string &hatch, const char *where)
+	{
+		RepositoryClient maker(hatch);
 		ASSERT_EQ(maker.find(), RPY_ERROR_NONE);
 		ASSERT_EQ(maker.add("where", "t"), RPY_ERROR_NONE);
-		ASSERT_EQ(maker.write("where", {{"p", {"host"}}}), 1);
+		ASSERT_EQ(maker.write("where", {{"p", {where}}}), 1);
 	}
 	virtual void make_repository()
 	{
 		ASSERT_EQ(start_inside("/system/transient/first"), 0);
 		const std::string hatch = enclave_path("/system/transient/first");
-		RepositoryClient maker(hatch);
-		ASSERT_EQ(maker.find(), RPY_ERROR_NONE);
-		ASSERT_EQ(maker.add("where", "t"), RPY_ERROR_NONE);
-		ASSERT_EQ(maker.write("where", {{"p", {"enclave"}}}), 1);
+		make_instance(hatch, "enclave");
 		end(server_of(hatch), SIGTERM);
 	}
 	AttrList in_enclave(const std::string &group, enclaveid_t id = 5)
@@ -163,17 +175,33 @@ protected:
 		ostrel_error_t result = ostrel_db_read(db.get(), in_enclave("where", id).get(), 0, props.out());
 		return result == OSTREL_SUCCESS ? text_of(props.get()) : std::string("? ") + ostrel_strerror(result);
 	}
+	ostrel_error_t write(const CairnDb &db, const std::string &group, const std::string &props)
+	{
+		return ostrel_db_write(db.get(), in_enclave(group).get(), 0, props_of(props).get());
+	}
+	static ostrel_error_t build_native_again(const CairnDb &db)
+	{
+		ostrel_rpy_resources_t *res = nullptr;
+		RpyLock lock(db.get());
+		return ostrel_create_rpy_resources(db.get(), &res);
+	}
+	// Puts a shell's script in the place of the daemon.
+	void replace_program(const std::string &script)
+	{
+		fs::remove(enclave_path(program));
+		install("/bin/sh", enclave->root(), "/bin/sh");
+		enclave->write(program, "#!/bin/sh\n" + script);
+		ASSERT_EQ(chmod(enclave_path(program).c_str(), 0755), 0);
+	}
 
 	void use_private_daemon()
 	{
 		CairnDb db = open_cairn();
 		ASSERT_TRUE(db);
-		const std::string hatch = enclave_path(private_hatch);
 		EXPECT_EQ(read(db), "p=enclave;");
-		EXPECT_EQ(server_of(hatch), 0) << "it was made for the operation";
-		EXPECT_EQ(ostrel_db_write(db.get(), in_enclave("where").get(), 0, props_of("p=changed").get()),
-		    OSTREL_SUCCESS);
-		EXPECT_EQ(server_of(hatch), 0);
+		EXPECT_EQ(private_daemon(), 0) << "it was made for the operation";
+		EXPECT_EQ(write(db, "where", "p=changed"), OSTREL_SUCCESS);
+		EXPECT_EQ(private_daemon(), 0);
 		EXPECT_EQ(read(db), "p=changed;");
 		EXPECT_EQ(resources_of(db)->nsr_enclave_resources, nullptr);
 		EXPECT_EQ(get(db, "where"), "where:t|p=host;") << "the host's own isn't touched";
@@ -204,7 +232,7 @@ TEST_F(Enclaves, ADatabaseOfAnEnclaveKeepsThePrivateDaemonUntilItIsClosed)
 	ASSERT_EQ(setenv("OF_THE_HOST", "secret", 1), 0);
 	CairnDb db = open_cairn(test_instance, 0, 5);
 	ASSERT_TRUE(db);
-	const pid_t daemon = server_of(enclave_path(private_hatch));
+	const pid_t daemon = private_daemon();
 	EXPECT_GT(daemon, 0);
 	const std::string proc = "/proc/" + std::to_string(daemon), environment = file_text(proc + "/environ");
 	EXPECT_NE(environment.find("PATH="), std::string::npos);
@@ -226,12 +254,7 @@ TEST_F(Enclaves, ADatabaseOfAnEnclaveKeepsThePrivateDaemonUntilItIsClosed)
 		EXPECT_TRUE(resources_of(second)->nsr_private_configd);
 		EXPECT_EQ(resources_of(second)->nsr_private_configd_pid, 0) << "found, not started";
 	}
-	const pid_t child = fork();
-	if (child == 0) {
-		db.reset();
-		_exit(0);
-	}
-	ASSERT_EQ(waitpid(child, nullptr, 0), child);
+	EXPECT_EQ(in_child([&] { return db.reset(), 0; }), 0);
 	EXPECT_FALSE(is_gone(daemon)) << "a forked child hasn't started it";
 	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;") << "the end of the second leaves it alone";
 	db.reset();
@@ -243,14 +266,9 @@ TEST_F(Enclaves, APrivateDaemonEndsWithTheDatabaseThatStartedItInEveryCase)
 {
 	enclave_info_t info;
 	ASSERT_EQ(enclave_registry_get(5, &info), 0);
-	auto open_one = [&](CairnDb *db) {
-		*db = open_cairn(test_instance, 0, 5);
-		return server_of(enclave_path(private_hatch));
-	};
 	auto ends_after = [&](const std::function<void()> &change) {
-		CairnDb db;
-		const pid_t daemon = open_one(&db);
-		EXPECT_GT(daemon, 0);
+		CairnDb db = open_cairn(test_instance, 0, 5);
+		const pid_t daemon = private_daemon();
 		change();
 		db.reset();
 		EXPECT_TRUE(enclave_registry_replace(&info) == 0 || enclave_registry_add(&info) == 0);
@@ -265,34 +283,34 @@ TEST_F(Enclaves, APrivateDaemonEndsWithTheDatabaseThatStartedItInEveryCase)
 		EXPECT_EQ(enclave_leader_start(leader.pid(), &led.ei_leader_start), 0);
 		EXPECT_EQ(enclave_registry_replace(&led), 0);
 	}));
-	// A program that opens and then forks into the background, and is killed there.
-	for (bool killed : {false, true}) {
-		int opened[2], go_on[2];
-		ASSERT_EQ(pipe(opened), 0);
-		ASSERT_EQ(pipe(go_on), 0);
+}
+
+TEST_F(Enclaves, APrivateDaemonStaysWithAProgramThatForksIntoTheBackground)
+{
+	for (bool is_killed : {false, true}) {
+		int used[2], go_on[2];
 		char byte = 0;
+		ASSERT_TRUE(pipe(used) == 0 && pipe(go_on) == 0);
 		EXPECT_EQ(in_child([&] {
-			CairnDb db;
-			const pid_t daemon = open_one(&db);
+			CairnDb db = open_cairn(test_instance, 0, 5);
+			const pid_t daemon = private_daemon();
 			const pid_t background = fork();
 			if (background != 0)
 				_exit(daemon > 0 && background > 0 ? 0 : 1);
 			alarm(20);
 			const bool reads = get(db, "where") == "where:t|p=enclave;" && !is_gone(daemon);
-			if (write(opened[1], reads ? "y" : "n", 1) != 1 || ::read(go_on[0], &byte, 1) != 1)
-				_exit(1);
-			if (killed)
+			if (::write(used[1], reads ? "y" : "n", 1) == 1 && ::read(go_on[0], &byte, 1) == 1 && is_killed)
 				(void) raise(SIGKILL);
 			db.reset();
 			return 0;
 		}),
 		    0);
-		ASSERT_EQ(::read(opened[0], &byte, 1), 1);
+		ASSERT_EQ(::read(used[0], &byte, 1), 1);
 		EXPECT_EQ(byte, 'y');
-		const pid_t daemon = server_of(enclave_path(private_hatch));
+		const pid_t daemon = private_daemon();
 		EXPECT_GT(daemon, 0) << "the child goes on with it";
-		ASSERT_EQ(write(go_on[1], &byte, 1), 1);
-		EXPECT_TRUE(ends(daemon)) << killed;
+		ASSERT_EQ(::write(go_on[1], &byte, 1), 1);
+		EXPECT_TRUE(ends(daemon)) << is_killed;
 	}
 }
 
@@ -301,29 +319,22 @@ TEST_F(Enclaves, APrivateDaemonEndsWithTheDatabaseThatStartedItInEveryCase)
 TEST_F(Enclaves, ThePrivateDaemonOfOneOperationEndsNoneOfAnother)
 {
 	constexpr int processes = 4, writes = 10;
-	pid_t children[processes];
-	for (pid_t &child : children) {
-		child = fork();
-		if (child != 0)
-			continue;
-		const enclaveid_t home = &child < children + 2 ? 0 : 5;
-		CairnDb db;
-		int failed = 0;
-		for (int i = 0; i < writes; i++) {
-			if (i % 5 == 0)
-				db = open_cairn(test_instance, 0, home);
-			const std::string name = "g" + std::to_string(&child - children) + "_" + std::to_string(i);
-			failed += ostrel_db_write(db.get(), in_enclave(name + ":t").get(), 0, props_of("p=1").get()) !=
-				  OSTREL_SUCCESS;
-		}
-		db.reset();
-		_exit(failed);
-	}
-	for (pid_t child : children) {
-		int status;
-		ASSERT_EQ(waitpid(child, &status, 0), child);
-		EXPECT_EQ(status, 0);
-	}
+	std::vector<Process> children;
+	for (int child = 0; child < processes; child++)
+		children.emplace_back([&, child] {
+			CairnDb db;
+			int failed = 0;
+			for (int i = 0; i < writes; i++) {
+				if (i % 5 == 0)
+					db = open_cairn(test_instance, 0, child < 2 ? 0 : 5);
+				const std::string name = "g" + std::to_string(child) + "_" + std::to_string(i);
+				failed += write(db, name + ":t", "p=1") != OSTREL_SUCCESS;
+			}
+			db.reset();
+			return failed;
+		});
+	for (Process &child : children)
+		EXPECT_EQ(child.wait(), 0);
 	CairnDb db = open_cairn(test_instance, 0, 5);
 	std::istringstream names(walk(db, "t"));
 	int whole = 0;
@@ -371,12 +382,8 @@ TEST_F(Enclaves, TheEnclavesOwnDaemonIsUsedWhereItIsUpAndItsResourcesKept)
 	EXPECT_EQ(kept->nsr_cache_hits, 1U);
 	EXPECT_FALSE(fs::exists(enclave_path(private_hatch)));
 
-	ASSERT_EQ(ostrel_db_write(db.get(), in_enclave("where").get(), 0, props_of("p=enclave").get()), OSTREL_SUCCESS);
-	{
-		ostrel_rpy_resources_t *res = nullptr;
-		RpyLock lock(db.get());
-		ASSERT_EQ(ostrel_create_rpy_resources(db.get(), &res), OSTREL_SUCCESS);
-	}
+	ASSERT_EQ(write(db, "where", "p=enclave"), OSTREL_SUCCESS);
+	ASSERT_EQ(build_native_again(db), OSTREL_SUCCESS);
 	EXPECT_EQ(resources_of(db)->nsr_enclave_resources, kept) << "an update waits there for its snapshot";
 
 	const pid_t before = server_of(enclave_path(own_hatch));
@@ -394,10 +401,10 @@ TEST_F(Enclaves, TheOwnDaemonThatComesUpTakesOverFromThePrivateOne)
 {
 	CairnDb db = open_cairn(test_instance, 0, 5);
 	ASSERT_TRUE(db);
-	const pid_t private_daemon = server_of(enclave_path(private_hatch));
-	ASSERT_GT(private_daemon, 0);
+	const pid_t before = private_daemon();
+	ASSERT_GT(before, 0);
 	ASSERT_EQ(start_inside(own_hatch), 0);
-	EXPECT_TRUE(ends(private_daemon));
+	EXPECT_TRUE(ends(before));
 	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;");
 	EXPECT_FALSE(resources_of(db)->nsr_private_configd);
 	EXPECT_EQ(put(db, "where", "p=own"), OSTREL_SUCCESS);
@@ -421,39 +428,27 @@ TEST_F(Enclaves, APrivateDaemonTakesNothingFromTheOwnOneThatDoesntAnswer)
 TEST_F(Enclaves, ThoseWhoStartAPrivateDaemonAtOnceGetOneWithOneOwner)
 {
 	constexpr int processes = 4;
-	int turn[2];
-	ASSERT_EQ(pipe(turn), 0);
-	pid_t children[processes];
-	for (pid_t &child : children) {
-		child = fork();
-		if (child != 0)
-			continue;
-		char byte;
-		if (::read(turn[0], &byte, 1) != 1)
-			_exit(3);
-		CairnDb db = open_cairn(test_instance, 0, 5);
-		if (!db || get(db, "where") != "where:t|p=enclave;")
-			_exit(1);
-		const bool owner = resources_of(db)->nsr_private_configd_pid != 0;
-		usleep(1500000); // until all have it
-		if (!owner && get(db, "where") != "where:t|p=enclave;")
-			_exit(2);
-		if (owner)
-			usleep(1000000);
-		db.reset();
-		_exit(owner ? 10 : 0);
-	}
-	ASSERT_EQ(write(turn[1], "gogo", processes), processes);
+	constexpr int owner = 10, other = 0;
+	std::vector<Process> children;
+	pthread_barrier_t *together = shared_barrier(processes);
+	for (int i = 0; i < processes; i++)
+		children.emplace_back([&] {
+			(void) pthread_barrier_wait(together);
+			CairnDb db = open_cairn(test_instance, 0, 5);
+			bool reads = db && get(db, "where") == "where:t|p=enclave;";
+			(void) pthread_barrier_wait(together); // all have it
+			reads = reads && get(db, "where") == "where:t|p=enclave;";
+			(void) pthread_barrier_wait(together); // and nobody needs it any more
+			return !reads ? 1 : resources_of(db)->nsr_private_configd_pid != 0 ? owner : other;
+		});
 	int owners = 0;
-	for (pid_t child : children) {
-		int status;
-		ASSERT_EQ(waitpid(child, &status, 0), child);
-		ASSERT_TRUE(WIFEXITED(status));
-		EXPECT_TRUE(WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 10) << WEXITSTATUS(status);
-		owners += WEXITSTATUS(status) == 10;
+	for (Process &child : children) {
+		const int status = child.wait();
+		EXPECT_TRUE(status == owner || status == other) << status;
+		owners += status == owner;
 	}
 	EXPECT_EQ(owners, 1);
-	EXPECT_EQ(server_of(enclave_path(private_hatch)), 0);
+	EXPECT_EQ(private_daemon(), 0);
 }
 
 TEST_F(Enclaves, WhatIsPlantedInAnEnclaveLeadsNowhere)
@@ -505,13 +500,10 @@ TEST_F(Enclaves, ThreadsThatBeginAtOnceComeToTheSameResources)
 	ASSERT_EQ(start_inside(own_hatch), 0);
 	CairnDb db = open_cairn();
 	ASSERT_TRUE(db);
-	std::atomic<int> good{0};
-	std::vector<std::thread> threads;
+	std::vector<std::jthread> threads;
 	for (int i = 0; i < 8; i++)
-		threads.emplace_back([&] { good += read(db) == "p=enclave;" ? 1 : 0; });
-	for (std::thread &thread : threads)
-		thread.join();
-	EXPECT_EQ(good, 8);
+		threads.emplace_back([&] { EXPECT_EQ(read(db), "p=enclave;"); });
+	threads.clear();
 	const ostrel_rpy_resources_t *only = resources_of(db)->nsr_enclave_resources;
 	ASSERT_NE(only, nullptr);
 	EXPECT_EQ(only->nsr_enclave_node, nullptr);
@@ -529,7 +521,7 @@ TEST_F(Enclaves, ADaemonThatDoesntAnswerHoldsUpThoseAloneWhoAskIt)
 	ASSERT_TRUE(db);
 	ASSERT_EQ(kill(daemon, SIGSTOP), 0);
 	std::atomic<bool> answered{false};
-	std::thread asks([&] {
+	std::jthread asks([&] {
 		(void) read(db);
 		answered = true;
 	});
@@ -548,13 +540,9 @@ TEST_F(Enclaves, APrivateDaemonThatNewResourcesFindIsTheirs)
 {
 	CairnDb db = open_cairn(test_instance, 0, 5);
 	ASSERT_TRUE(db);
-	const pid_t daemon = server_of(enclave_path(private_hatch));
+	const pid_t daemon = private_daemon();
 	ASSERT_EQ(resources_of(db)->nsr_private_configd_pid, daemon);
-	{
-		ostrel_rpy_resources_t *res = nullptr;
-		RpyLock lock(db.get());
-		ASSERT_EQ(ostrel_create_rpy_resources(db.get(), &res), OSTREL_SUCCESS);
-	}
+	ASSERT_EQ(build_native_again(db), OSTREL_SUCCESS);
 	EXPECT_EQ(resources_of(db)->nsr_private_configd_pid, daemon);
 	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;");
 	db.reset();
@@ -572,10 +560,7 @@ static bool get_terminal()
 // What stands there is the enclave's choice. The caller may have blocked all signals, and may have a terminal.
 TEST_F(Enclaves, AProgramThatNeverEndsHoldsNobodyUp)
 {
-	fs::remove(enclave_path(program));
-	ASSERT_NO_FATAL_FAILURE(install("/bin/sh", enclave->root(), "/bin/sh"));
-	enclave->write(program, "#!/bin/sh\nread line </proc/$$/stat\necho $line >/tmp/stat\nread never </tmp/fifo\n");
-	ASSERT_EQ(chmod(enclave_path(program).c_str(), 0755), 0);
+	replace_program("read line </proc/$$/stat\necho $line >/tmp/stat\nread never </tmp/fifo\n");
 	ASSERT_EQ(mkfifo(enclave_path("/tmp/fifo").c_str(), 0600), 0);
 	longest_alarm = 1;
 	EXPECT_EQ(in_child([&] {
@@ -622,11 +607,7 @@ TEST_F(Enclaves, APathIsResolvedInTheEnclaveThatWasAskedForAlsoBelowTheRootOfAno
 // enclave's own starter has confined further is the measure then.
 TEST_F(Enclaves, TheProgramHasNoMoreCapabilitiesThanADaemonNeedsAndTheLeaderHas)
 {
-	fs::remove(enclave_path(program));
-	ASSERT_NO_FATAL_FAILURE(install("/bin/sh", enclave->root(), "/bin/sh"));
-	enclave->write(
-	    program, "#!/bin/sh\nwhile read name value; do echo $name$value; done </proc/self/status >/tmp/status\n");
-	ASSERT_EQ(chmod(enclave_path(program).c_str(), 0755), 0);
+	replace_program("while read name value; do echo $name$value; done </proc/self/status >/tmp/status\n");
 	CairnDb db = open_cairn();
 	ASSERT_TRUE(db);
 	auto sets = [&] {
@@ -668,8 +649,8 @@ TEST_F(Enclaves, AProcessInsideOpensItsOwnDatabases)
 		CairnDb db = open_cairn(test_instance, 0, 5);
 		if (!db || get(db, "where") != "where:t|p=enclave;" || put(db, "inside:t", "p=1") != OSTREL_SUCCESS)
 			return 2;
-		CairnDb plain = open_cairn(test_instance, 0, 0);
-		return plain && get(plain, "inside") == "inside:t|p=1;" ? 0 : 3;
+		CairnDb native = open_cairn(test_instance, 0, 0);
+		return native && get(native, "inside") == "inside:t|p=1;" ? 0 : 3;
 	}),
 	    0);
 }
@@ -681,7 +662,7 @@ TEST_F(Enclaves, AnEnclaveThatIsNotThereOrNotUpIsAnErrorAndNothingIsStarted)
 	EXPECT_EQ(read(db, 6), "? invalid argument");
 	enclave->set_state(ENCLAVE_STATE_INSTALLED);
 	EXPECT_EQ(read(db).substr(0, 1), "?");
-	EXPECT_EQ(server_of(enclave_path(private_hatch)), 0);
+	EXPECT_EQ(private_daemon(), 0);
 	enclave->set_state(ENCLAVE_STATE_RUNNING);
 	EXPECT_EQ(read(db), "p=enclave;");
 	ASSERT_EQ(rename(enclave_path(program).c_str(), enclave_path("/gone").c_str()), 0);
@@ -706,10 +687,7 @@ protected:
 		// Made by the host, which could do nothing through the enclave's daemon.
 		const std::string file = enclave_path(repository_file), hatch = enclave->prefix() + "/first";
 		ASSERT_EQ(run_program({TEST_BINARY_DIR "/repository/cairn.configd", "-d", hatch, "-r", file}), 0);
-		RepositoryClient maker(hatch);
-		ASSERT_EQ(maker.find(), RPY_ERROR_NONE);
-		ASSERT_EQ(maker.add("where", "t"), RPY_ERROR_NONE);
-		ASSERT_EQ(maker.write("where", {{"p", {"enclave"}}}), 1);
+		make_instance(hatch, "enclave");
 		end(server_of(hatch), SIGTERM);
 		for (const auto &entry : fs::directory_iterator(enclave_path("/etc/cairn")))
 			ASSERT_EQ(chown(entry.path().c_str(), 100000, 100000), 0);
@@ -721,9 +699,9 @@ TEST_F(UserEnclaves, ReadsWorkAndUpdatesAreRefused)
 	CairnDb db = open_cairn();
 	ASSERT_TRUE(db);
 	EXPECT_EQ(read(db), "p=enclave;");
-	EXPECT_EQ(ostrel_db_write(db.get(), in_enclave("where").get(), 0, props_of("p=x").get()), OSTREL_EPERM);
+	EXPECT_EQ(write(db, "where", "p=x"), OSTREL_EPERM);
 	EXPECT_EQ(read(db), "p=enclave;");
-	EXPECT_EQ(server_of(enclave_path(private_hatch)), 0);
+	EXPECT_EQ(private_daemon(), 0);
 }
 
 } // namespace

@@ -4,10 +4,11 @@
 #include <csignal>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <thread>
 
 #include "cairn_db.h"
+#include "child.h"
+#include "hatch_peer.h"
 #include "threads_after_fork.h"
 
 namespace {
@@ -33,13 +34,11 @@ namespace {
 
 constexpr useconds_t some_passes = 100'000;
 
-class Refresh : public testing::Test {
+class Refresh : public CairnTest {
 protected:
 	void SetUp() override
 	{
-		ASSERT_TRUE(here.ready);
-		db = open_cairn();
-		ASSERT_TRUE(db);
+		CairnTest::SetUp();
 		ASSERT_EQ(client.bind(here.hatch()), RPY_ERROR_NONE);
 	}
 	// What the group "g" of the snapshot holds as "p"; "none" without a snapshot.
@@ -56,14 +55,19 @@ protected:
 	}
 	bool becomes(const std::string &value)
 	{
-		for (int i = 0; i < 1000; i++, usleep(2000))
-			if (running() == value)
-				return true;
-		return false;
+		return eventually([&] { return running() == value; });
 	}
 
-	CairnDaemon here;
-	CairnDb db;
+	// Runs something in a forked child, which may take some seconds.
+	static int in_forked(const std::function<bool()> &body)
+	{
+		return in_child([&] {
+			(void) signal(SIGALRM, SIG_DFL);
+			alarm(20);
+			return body() ? 0 : 1;
+		});
+	}
+
 	RepositoryClient client;
 };
 
@@ -133,8 +137,7 @@ TEST_F(Refresh, ADatabaseThatWaitsGetsItsSnapshotBesideThoseOfAnother)
 	wall_clock += 3;
 	ASSERT_EQ(put(db, "g:t", "p=a"), OSTREL_SUCCESS);
 	wall_clock += 2;
-	for (int i = 0; i < 2000 && resources_of(other)->nsr_last_refresh == 0; i++)
-		usleep(1000);
+	EXPECT_TRUE(eventually([&] { return resources_of(other)->nsr_last_refresh != 0; }));
 	usleep(some_passes);
 	EXPECT_EQ(running(), "none");
 	wall_clock += 3;
@@ -170,9 +173,9 @@ TEST_F(Refresh, ACloseWaitsForAPassThatIsUnderWay)
 	ASSERT_EQ(put(db, "g:t", "p=a"), OSTREL_SUCCESS);
 	here.daemon.freeze();
 	wall_clock += 5;
-	usleep(some_passes);
+	ASSERT_TRUE(eventually([&] { return resources_of(db)->nsr_last_refresh != 0; }));
 	std::atomic<bool> closed{false};
-	std::thread closing([&] {
+	std::jthread closing([&] {
 		db.reset();
 		closed = true;
 	});
@@ -186,57 +189,41 @@ TEST_F(Refresh, ACloseWaitsForAPassThatIsUnderWay)
 TEST_F(Refresh, AForkedChildUsesAndClosesADatabaseThoughTheThreadIsItsParents)
 {
 	ASSERT_EQ(put(db, "g:t", "p=parent"), OSTREL_SUCCESS);
-	const pid_t child = fork();
-	ASSERT_GE(child, 0);
-	if (child == 0) {
-		alarm(20);
-		const bool written = put(db, "g", "p=child") == OSTREL_SUCCESS;
+	EXPECT_EQ(in_forked([&] {
+		const bool is_written = put(db, "g", "p=child") == OSTREL_SUCCESS;
 		db.reset();
-		_exit(written ? 0 : 1);
-	}
-	int status;
-	ASSERT_EQ(waitpid(child, &status, 0), child);
-	EXPECT_EQ(status, 0);
+		return is_written;
+	}),
+	    0);
 	EXPECT_EQ(running(), "child");
 	EXPECT_EQ(get(db, "g"), "g:t|p=child;");
 }
 
 TEST_F(Refresh, AProgramThatForksIntoTheBackgroundGetsItsSnapshots)
 {
-	const pid_t child = fork();
-	ASSERT_GE(child, 0);
-	if (child == 0) {
-		(void) signal(SIGALRM, SIG_DFL);
-		alarm(20);
-		if (put(db, "g:t", "p=child") != OSTREL_SUCCESS)
-			_exit(1);
+	StayingChild child([&] {
+		const bool is_written = put(db, "g:t", "p=child") == OSTREL_SUCCESS;
 		wall_clock += 5;
-		pause();
-	}
+		return is_written;
+	});
+	ASSERT_GT(child.pid(), 0);
 	EXPECT_TRUE(becomes("child"));
-	(void) kill(child, SIGKILL);
-	(void) waitpid(child, nullptr, 0);
 }
 
 TEST_F(Refresh, AForkedChildReplacesBrokenConnectionsAndItsThreadsAsItsParentDoes)
 {
 	ASSERT_EQ(put(db, "g:t", "p=parent"), OSTREL_SUCCESS);
-	const pid_t child = fork();
-	ASSERT_GE(child, 0);
-	if (child == 0) {
-		alarm(30);
+	EXPECT_EQ(in_forked([&] {
 		for (const char *value : {"p=1", "p=2", "p=3"}) {
 			here.restart();
 			if (put(db, "g", value) != OSTREL_SUCCESS || resources_of(db)->nsr_refresh_thread == 0)
-				_exit(1);
+				return false;
 			usleep(some_passes);
 		}
 		db.reset();
-		_exit(0);
-	}
-	int status;
-	ASSERT_EQ(waitpid(child, &status, 0), child);
-	EXPECT_EQ(status, 0);
+		return true;
+	}),
+	    0);
 	if (const pid_t last = server_of(here.hatch()); last > 0)
 		(void) kill(last, SIGKILL); // the child's
 }
@@ -246,65 +233,51 @@ TEST_F(Refresh, AForkedChildWaitsForNoLockThatItsParentsThreadHeld)
 {
 	ASSERT_EQ(put(db, "g:t", "p=1"), OSTREL_SUCCESS);
 	{
-		MutexLock lock(db->db_privlock); // no pass finds no daemon at all
+		RpyLock lock(db.get()); // no pass finds no daemon at all
 		here.restart();
 		here.daemon.freeze();
 		wall_clock += 10;
 	}
-	bool held = false;
-	for (int i = 0; i < 5000 && !held; i++, usleep(1000)) {
-		held = !db->db_privlock.try_lock();
-		if (!held)
+	auto is_held = [&] {
+		const bool is_free = db->db_privlock.try_lock();
+		if (is_free)
 			db->db_privlock.unlock();
-	}
-	usleep(some_passes);
-	ASSERT_TRUE(held && !db->db_privlock.try_lock());
-	const pid_t child = fork();
-	if (child == 0) {
-		(void) signal(SIGALRM, SIG_DFL);
-		alarm(20);
+		return !is_free;
+	};
+	ASSERT_TRUE(eventually([&] {
+		const bool was_held = is_held();
+		usleep(some_passes);
+		return was_held && is_held();
+	}));
+	EXPECT_EQ(in_forked([&] {
 		here.daemon.go_on();
 		const bool reads = get(db, "g") == "g:t|p=1;";
 		db.reset();
-		_exit(reads ? 0 : 1);
-	}
-	int status;
-	ASSERT_EQ(waitpid(child, &status, 0), child);
-	EXPECT_EQ(status, 0);
+		return reads;
+	}),
+	    0);
 	here.daemon.go_on();
 }
 
 TEST_F(Refresh, AForkedChildHasAPoolOfItsOwn)
 {
 	ASSERT_EQ(put(db, "g:t", "p=1"), OSTREL_SUCCESS);
-	ASSERT_EQ(get(db, "g"), "g:t|p=1;");
-	ostrel_rpy_resources_t *res = resources_of(db);
-	res->nsr_read_resources->nsr_inuse = B_TRUE; // as if a thread was reading, and thirty-one others
-	res->nsr_num_readers = OSTREL_RPY_MAX_READERS;
-	const pid_t child = fork();
-	if (child == 0) {
-		(void) signal(SIGALRM, SIG_DFL);
-		alarm(10);
-		_exit(get(db, "g") == "g:t|p=1;" ? 0 : 1);
+	std::vector<std::unique_ptr<RpyOperation>> readers; // as if so many threads were reading
+	for (int i = 0; i < OSTREL_RPY_MAX_READERS; i++) {
+		readers.push_back(std::make_unique<RpyOperation>(db.get()));
+		ASSERT_EQ(readers.back()->begin_read(nullptr), OSTREL_SUCCESS);
 	}
-	int status;
-	ASSERT_EQ(waitpid(child, &status, 0), child);
-	EXPECT_EQ(status, 0);
-	res->nsr_read_resources->nsr_inuse = B_FALSE;
-	res->nsr_num_readers = 1;
+	EXPECT_EQ(in_forked([&] { return get(db, "g") == "g:t|p=1;"; }), 0);
 }
 
 TEST_F(Refresh, PassesRunBesideUpdatesWalksAndALostDaemon)
 {
-	std::atomic<bool> stop{false};
-	std::thread ticking([&] {
-		while (!stop) {
+	std::jthread ticking([](const std::stop_token &stop) {
+		for (; !stop.stop_requested(); usleep(3000))
 			wall_clock += 3;
-			usleep(3000);
-		}
 	});
-	std::thread walking([&] {
-		while (!stop)
+	std::jthread walking([&](const std::stop_token &stop) {
+		while (!stop.stop_requested())
 			(void) walk(db, "*");
 	});
 	int lost = 0;
@@ -314,9 +287,8 @@ TEST_F(Refresh, PassesRunBesideUpdatesWalksAndALostDaemon)
 		lost += put(db, "g:t", "p=" + std::to_string(i)) != OSTREL_SUCCESS;
 		lost += put(db, "s:t;object-db-name=net/link", "p=1") != OSTREL_SUCCESS;
 	}
-	stop = true;
-	ticking.join();
-	walking.join();
+	ticking = {};
+	walking = {};
 	EXPECT_LE(lost, 3);
 	EXPECT_EQ(put(db, "g", "p=end"), OSTREL_SUCCESS);
 	wall_clock += 5;

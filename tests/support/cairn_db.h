@@ -1,13 +1,12 @@
-// A repository of a test's own, at the place of the system's, and databases of it.
+// A repository of a test's own at the system's path, and databases of it.
 #ifndef TESTS_CAIRN_DB_H
 #define TESTS_CAIRN_DB_H
 
 #include <filesystem>
-#include <functional>
 #include <string>
-#include <vector>
 
 #include "libostrel_cairn.h"
+#include "list_text.h"
 #include "lists.h"
 #include "repository.h"
 
@@ -51,7 +50,7 @@ inline CairnDb open_cairn(const char *name = test_instance, uint64_t flags = 0, 
 	return db;
 }
 
-// "a/b" or "a/b:t/u", with what else belongs into the list behind it: "a;object-db-name=x".
+// "a/b" or "a/b:t/u", and after it what else belongs into the list: "a;object-db-name=x".
 inline AttrList group_of(const std::string &text)
 {
 	const size_t end = text.find(';');
@@ -91,6 +90,14 @@ inline std::string get(const CairnDb &db, const std::string &group)
 	return std::string(name) + ":" + type + "|" + text_of(props.get());
 }
 
+// The properties of a group with their types, as list_text() gives them.
+inline std::string typed(const CairnDb &db, const std::string &group)
+{
+	AttrList props;
+	ostrel_error_t result = ostrel_db_read(db.get(), group_of(group).get(), 0, props.out());
+	return result == OSTREL_SUCCESS ? list_text(props.get()) : std::string("? ") + ostrel_strerror(result);
+}
+
 // The groups of a walk, "name:type name:type ".
 inline std::string walk(const CairnDb &db, const std::string &type)
 {
@@ -105,9 +112,24 @@ inline std::string walk(const CairnDb &db, const std::string &type)
 	return result == OSTREL_SUCCESS ? seen : std::string("? ") + ostrel_strerror(result);
 }
 
-inline ostrel_rpy_resources_t *resources_of(const CairnDb &db)
+// Its native resources. They are looked at while no operation runs, without their lock.
+inline ostrel_rpy_resources_t *resources_of(const CairnDb &db) ASSERT_CAPABILITY(rpy_lock)
 {
 	return static_cast<ostrel_rpy_resources_t *>(ostrel_db_get_priv(db.get()));
 }
+
+// A daemon and a database of it.
+class CairnTest : public testing::Test {
+protected:
+	void SetUp() override
+	{
+		ASSERT_TRUE(here.ready);
+		db = open_cairn();
+		ASSERT_TRUE(db);
+	}
+
+	CairnDaemon here;
+	CairnDb db;
+};
 
 #endif

@@ -24,7 +24,7 @@ void in_threads(Read read)
 		thread.join();
 }
 
-class Together : public testing::Test {
+class RequestBatch : public testing::Test {
 protected:
 	void SetUp() override
 	{
@@ -44,7 +44,7 @@ protected:
 	RepositoryClient client;
 };
 
-TEST_F(Together, EachThreadGetsItsOwnGroupOrItsOwnError)
+TEST_F(RequestBatch, EachThreadGetsItsOwnGroupOrItsOwnError)
 {
 	fill("");
 	std::atomic<int> wrong{0};
@@ -60,7 +60,7 @@ TEST_F(Together, EachThreadGetsItsOwnGroupOrItsOwnError)
 	EXPECT_EQ(wrong, 0);
 }
 
-TEST_F(Together, GroupsThatNoReplyHasRoomForComeAlone)
+TEST_F(RequestBatch, GroupsThatNoReplyHasRoomForComeAlone)
 {
 	const std::string padding(2'000'000, 'x');
 	fill(padding);
@@ -73,7 +73,7 @@ TEST_F(Together, GroupsThatNoReplyHasRoomForComeAlone)
 	EXPECT_EQ(wrong, 0);
 }
 
-TEST_F(Together, NobodyWaitsForADaemonThatHasGone)
+TEST_F(RequestBatch, NobodyWaitsForADaemonThatHasGone)
 {
 	fill("");
 	std::atomic<int> ended{0};
@@ -95,7 +95,7 @@ TEST_F(Together, NobodyWaitsForADaemonThatHasGone)
 	EXPECT_EQ(ended, readers);
 }
 
-TEST_F(Together, AChildForkedInBetweenWaitsForNoThreadOfItsParent)
+TEST_F(RequestBatch, AChildForkedInBetweenWaitsForNoThreadOfItsParent)
 {
 #ifdef __SANITIZE_ADDRESS__
 	GTEST_SKIP() << "AddressSanitizer's allocator has locks that a child forked beside threads may never get";
