@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <thread>
 
+#include "child.h"
+#include "hatch_peer.h"
 #include "repository.h"
 #include "test_paths.h"
 
@@ -24,26 +26,20 @@ int start(const std::string &hatch, const std::string &file, std::string *said =
 	return run_program({program, "-d", hatch, "-r", file}, {}, said);
 }
 
-// Whoever takes a file over has it before the other process is gone altogether.
+// The next daemon has the file before the process of the one before is gone altogether.
 bool goes(pid_t pid)
 {
-	for (int i = 0; i < 5000 && !is_gone(pid); i++)
-		usleep(1000);
-	return is_gone(pid);
+	return eventually([pid] { return is_gone(pid); });
 }
 
-// Starts a daemon from a process that changed itself first. -1 if that can't be.
+// Starts a daemon from a process that changed itself first. 255 if that can't be.
 int start_after(const std::function<bool()> &change, const std::string &hatch, const std::string &file)
 {
-	pid_t child = fork();
-	if (child == 0) {
+	return in_child([&] {
 		if (change())
 			execl(program, program, "-d", hatch.c_str(), "-r", file.c_str(), nullptr);
-		_exit(127);
-	}
-	int status = 0;
-	EXPECT_EQ(waitpid(child, &status, 0), child);
-	return WIFEXITED(status) && WEXITSTATUS(status) != 127 ? WEXITSTATUS(status) : -1;
+		return -1;
+	});
 }
 
 // What the service manager leaves of root's powers.
@@ -64,8 +60,7 @@ bool hide_proc()
 
 TEST(ConfigdHolder, AStartWithFewerPowersKnowsADaemonWithMore)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "skipped: giving powers up needs root";
+	SKIP_UNLESS_ROOT();
 	Repository daemon;
 	ASSERT_EQ(daemon.start("hatch.libostrel.1"), 0);
 	const pid_t first = daemon.pid();
@@ -79,8 +74,7 @@ TEST(ConfigdHolder, AStartWithFewerPowersKnowsADaemonWithMore)
 
 TEST(ConfigdHolder, ASecondStartNeedsNoProc)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "skipped: mounting needs root";
+	SKIP_UNLESS_ROOT();
 #ifdef __SANITIZE_ADDRESS__
 	GTEST_SKIP() << "a sanitized daemon needs /proc";
 #endif
@@ -149,18 +143,17 @@ TEST(ConfigdHolder, AStartThatWaitsEndsWhenItIsTold)
 	Repository daemon;
 	ASSERT_EQ(daemon.start(), 0);
 	ASSERT_EQ(kill(daemon.pid(), SIGSTOP), 0);
-	for (const char *way : {"-f", "-d"}) { // the serving process, and the first of two
+	for (const bool foreground : {true, false}) { // the serving process, and the first of two
 		const pid_t first = fork();
 		if (first == 0) {
 			const std::string hatch = daemon.hatch(), file = daemon.file();
-			if (way[1] == 'f')
-				execl(program, program, way, "-d", hatch.c_str(), "-r", file.c_str(), nullptr);
-			execl(program, program, "-d", hatch.c_str(), "-r", file.c_str(), nullptr);
+			execl(program, program, "-d", hatch.c_str(), "-r", file.c_str(), foreground ? "-f" : nullptr,
+			    nullptr);
 			_exit(127);
 		}
 		const std::string tasks = "/proc/" + std::to_string(first) + "/task/" + std::to_string(first);
 		usleep(500000);
-		const pid_t serving = way[1] == 'f' ? 0 : atoi(file_text(tasks + "/children").c_str());
+		const pid_t serving = foreground ? 0 : atoi(file_text(tasks + "/children").c_str());
 		ASSERT_EQ(kill(first, SIGTERM), 0);
 		int status = 0;
 		ASSERT_EQ(waitpid(first, &status, 0), first);

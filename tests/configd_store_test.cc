@@ -6,41 +6,80 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
+#include <list>
+#include <map>
 #include <set>
 #include <sqlite3.h>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 #include <thread>
 
 #include "alloc_fault.h"
+#include "child.h"
+#include "fake_store.h"
 #include "hatch_peer.h"
 #include "repository.h"
 #include "store.h"
+#include "store_conformance.h"
 #include "syscall_fault.h"
 #include "test_paths.h"
 
 namespace {
 
-// Runs statements on a file in a process of their own, which is killed where it stands if `end` doesn't let it go on.
-void run_on(const std::string &file, const std::string &text, bool killed = false)
-{
-	pid_t child = fork();
-	if (child == 0) {
-		sqlite3 *database;
-		bool good = sqlite3_open(file.c_str(), &database) == SQLITE_OK &&
-			    sqlite3_exec(database, text.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
-		if (killed && good)
-			(void) raise(SIGKILL);
-		_exit(good && sqlite3_close(database) == SQLITE_OK ? 0 : 1);
+using namespace repository;
+
+// A store in a file. It lies in memory, so that nothing waits for a disk.
+struct SqliteEngine {
+	SqliteEngine() = default;
+	SqliteEngine(const SqliteEngine &) = delete;
+	SqliteEngine &operator=(const SqliteEngine &) = delete;
+	~SqliteEngine() { (void) set_readonly(false); }
+
+	std::string file() const { return place.path("repository.db"); }
+	std::unique_ptr<Store> make() const { return make_sqlite_store(file(), held.get()); }
+	// A descriptor that was open for writing stays open. Writes to it fail half-way through a commit.
+	bool set_readonly(bool value) const
+	{
+		if (geteuid() != 0)
+			return chmod(file().c_str(), value ? 0400 : 0600) == 0;
+		int flags = 0;
+		if (ioctl(held.get(), FS_IOC_GETFLAGS, &flags) != 0)
+			return false;
+		flags = value ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
+		return ioctl(held.get(), FS_IOC_SETFLAGS, &flags) == 0;
 	}
-	int status = 0;
-	ASSERT_EQ(waitpid(child, &status, 0), child);
-	ASSERT_TRUE(killed ? WIFSIGNALED(status) : status == 0);
+
+	const Scratch place{"/dev/shm"};
+	const Fd held{open(file().c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600)};
+};
+INSTANTIATE_TYPED_TEST_SUITE_P(Sqlite, StoreConformance, SqliteEngine);
+
+struct FakeEngine {
+	std::unique_ptr<Store> make() const { return std::make_unique<FakeStore>(disk); }
+	bool set_readonly(bool value) const
+	{
+		disk->readonly = value;
+		return true;
+	}
+
+	const std::shared_ptr<FakeDisk> disk = std::make_shared<FakeDisk>();
+};
+INSTANTIATE_TYPED_TEST_SUITE_P(Fake, StoreConformance, FakeEngine);
+
+// Runs statements on a file in a process of their own, which may be killed in its transaction.
+void run_on(const std::string &file, const std::string &text, bool kills = false)
+{
+	const int status = in_child([&] {
+		sqlite3 *database;
+		const bool good = sqlite3_open(file.c_str(), &database) == SQLITE_OK &&
+				  sqlite3_exec(database, text.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+		if (kills && good)
+			(void) raise(SIGKILL);
+		return good && sqlite3_close(database) == SQLITE_OK ? 0 : 1;
+	});
+	ASSERT_EQ(status, kills ? 1000 + SIGKILL : 0);
 }
 
 constexpr const char *half_an_update =
@@ -49,27 +88,17 @@ constexpr const char *half_an_update =
 
 class ConfigdStore : public testing::Test {
 protected:
-	void TearDown() override
+	// Starts a daemon, and binds to it.
+	void restart()
 	{
-		daemon.kill();
-		if (mounted)
-			(void) umount2(daemon.files.c_str(), MNT_DETACH);
+		daemon.stop();
+		ASSERT_EQ(daemon.start("hatch", &said), 0) << said;
+		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
 	}
-	void mount_in_memory()
-	{
-		daemon.files = daemon.place.path("mount");
-		mounted = mkdir(daemon.files.c_str(), 0755) == 0 &&
-			  mount("none", daemon.files.c_str(), "tmpfs", 0, "size=16m") == 0;
-	}
-	bool set_readonly(bool value)
-	{
-		return mount("none", daemon.files.c_str(), "tmpfs", MS_REMOUNT | (value ? MS_RDONLY : 0), nullptr) == 0;
-	}
-	// Starts the daemon on a file with 50 groups in it, and binds anew.
+	// Starts one on a file with 50 groups in it.
 	void fill()
 	{
-		ASSERT_EQ(daemon.start(), 0);
-		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+		ASSERT_NO_FATAL_FAILURE(restart());
 		for (int i = 0; i < 50; i++)
 			ASSERT_EQ(client.add("g" + std::to_string(i)), RPY_ERROR_NONE);
 		ASSERT_EQ(client.write("g7", {{"v", {"7"}}}), 1);
@@ -77,46 +106,14 @@ protected:
 
 	Repository daemon;
 	RepositoryClient client;
-	bool mounted = false;
-};
-
-TEST_F(ConfigdStore, AnUpdateCutShortIsTakenBackWhereNothingCanBeWritten)
-{
-	mount_in_memory();
-	if (!mounted)
-		GTEST_SKIP() << "skipped: mounting needs root";
-	ASSERT_NO_FATAL_FAILURE(fill());
-	daemon.stop();
-	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), half_an_update, true));
-	ASSERT_GT(std::filesystem::file_size(daemon.file() + "-journal"), 0U);
-	ASSERT_TRUE(set_readonly(true));
-	auto entries = entries_of("/dev/shm");
-	const std::set<std::string> before(entries.begin(), entries.end());
 	std::string said;
-	ASSERT_EQ(daemon.start("hatch", &said), 0) << said;
-	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
-	EXPECT_EQ(client.add("more"), RPY_ERROR_BACKEND_READONLY);
-	EXPECT_TRUE(eventually([&] { // those of other tests go soon, too
-		entries = entries_of("/dev/shm");
-		return std::none_of(entries.begin(), entries.end(), [&](const std::string &entry) {
-			return entry.starts_with("cairn.configd-") && before.count(entry) == 0;
-		});
-	}));
-	ASSERT_TRUE(set_readonly(false));
-	EXPECT_EQ(client.add("more"), RPY_ERROR_NONE);
-	daemon.stop();
-	ASSERT_EQ(daemon.start(), 0);
-	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
-}
+};
 
 // SQLite's own locks are ones that a reader can take. A living writer's journal isn't rolled back, and a lock for reading
 // mustn't pass for one.
 TEST_F(ConfigdStore, ALockOfAStrangersStopsNoUpdateAndHidesNoJournal)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "skipped: acting as other users needs root";
+	SKIP_UNLESS_ROOT();
 	ASSERT_NO_FATAL_FAILURE(fill());
 	for (Stranger::Lock lock : {Stranger::Lock::process, Stranger::Lock::open_file}) {
 		Stranger stranger(daemon.file(), lock);
@@ -127,9 +124,7 @@ TEST_F(ConfigdStore, ALockOfAStrangersStopsNoUpdateAndHidesNoJournal)
 	daemon.stop();
 	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), half_an_update, true));
 	Stranger stranger(daemon.file(), Stranger::Lock::process);
-	std::string said;
-	ASSERT_EQ(daemon.start("hatch", &said), 0) << said;
-	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	ASSERT_NO_FATAL_FAILURE(restart());
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
 }
 
@@ -150,9 +145,7 @@ TEST_F(ConfigdStore, ALockOfRootsIsHeededAndKeepsNoDaemonFromEnding)
 	sleep(1);
 	const pid_t pid = daemon.pid();
 	ASSERT_EQ(kill(pid, SIGTERM), 0);
-	for (int i = 0; i < 60 && !is_gone(pid); i++)
-		sleep(1);
-	EXPECT_TRUE(is_gone(pid));
+	EXPECT_TRUE(eventually([pid] { return is_gone(pid); }));
 	daemon.kill();
 	for (std::thread &thread : threads)
 		thread.join();
@@ -175,66 +168,31 @@ TEST_F(ConfigdStore, WhatCanBeNoJournalIsRefusedAtOnce)
 			continue; // a device needs root
 		EXPECT_EQ(client.add("more"), RPY_ERROR_INTERNAL);
 		daemon.stop();
-		std::string said;
 		EXPECT_EQ(daemon.start("hatch", &said), EINVAL);
 		EXPECT_NE(said.find(journal + ": not a regular file"), said.npos) << said;
 		ASSERT_EQ(unlink(journal.c_str()), 0);
-		ASSERT_EQ(daemon.start("hatch", &said), 0) << said;
-		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+		ASSERT_NO_FATAL_FAILURE(restart());
 	}
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
-}
-
-// Its connection was opened for writing a moment ago.
-TEST_F(ConfigdStore, AFileMadeReadOnlyRightAfterAnUpdateIsSeenToBe)
-{
-	ASSERT_NO_FATAL_FAILURE(fill());
-	auto refuses = [this](const char *why) {
-		EXPECT_EQ(client.add("more"), RPY_ERROR_BACKEND_READONLY) << why;
-		EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}})) << why;
-		EXPECT_EQ(server_of(daemon.hatch()), daemon.pid()) << why;
-	};
-	const std::string place = daemon.directory();
-	if (mount(place.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) != 0)
-		GTEST_SKIP() << "skipped: mounting needs root";
-	EXPECT_EQ(mount("none", place.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
-	refuses("a read-only mount");
-	EXPECT_EQ(umount2(place.c_str(), MNT_DETACH), 0);
-	EXPECT_EQ(client.add("a"), RPY_ERROR_NONE);
-
-	Fd file(open(daemon.file().c_str(), O_RDONLY | O_CLOEXEC));
-	int flags = 0;
-	if (ioctl(file.get(), FS_IOC_GETFLAGS, &flags) != 0)
-		return; // this file system has none
-	int immutable = flags | FS_IMMUTABLE_FL;
-	ASSERT_EQ(ioctl(file.get(), FS_IOC_SETFLAGS, &immutable), 0);
-	refuses("an immutable file");
-	ASSERT_EQ(ioctl(file.get(), FS_IOC_SETFLAGS, &flags), 0);
-	EXPECT_EQ(client.add("b"), RPY_ERROR_NONE);
 }
 
 TEST_F(ConfigdStore, NothingOfTheFilesOwnRunsInTheDaemon)
 {
 	ASSERT_NO_FATAL_FAILURE(fill());
 	daemon.stop();
-	std::string said;
-	for (const char *addition : {"trigger t after insert on nodes begin delete from nodes where name = 'g7'; end",
-		 "view v as select 1", "index i on nodes(length(name))"}) {
-		const std::string words = addition;
-		ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "create " + words));
-		EXPECT_EQ(daemon.start("hatch", &said), EIO) << addition;
+	const std::pair<const char *, const char *> additions[] = {
+	    {"create trigger t after insert on nodes begin delete from nodes where name = 'g7'; end", "drop trigger t"},
+	    {"create view v as select 1", "drop view v"}, {"create index i on nodes(length(name))", "drop index i"},
+	    // A name that SQLite keeps for itself makes nothing its own.
+	    {"create index evil on nodes(length(name)); pragma writable_schema = on; update sqlite_schema set "
+	     "name = 'sqlite_evil', sql = replace(sql, 'evil', 'sqlite_evil') where name = 'evil'",
+		"pragma writable_schema = on; delete from sqlite_schema where name = 'sqlite_evil'"}};
+	for (auto [make, undo] : additions) {
+		ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), make));
+		EXPECT_EQ(daemon.start("hatch", &said), EIO) << make;
 		EXPECT_NE(said.find("not a repository"), said.npos) << said;
-		const std::string name = words.substr(0, words.find(' ', words.find(' ') + 1));
-		ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "drop " + name));
+		ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), undo));
 	}
-	// A name that SQLite keeps for itself makes nothing its own.
-	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "create index evil on nodes(length(name))"));
-	const std::string as_internal = "update sqlite_schema set name = 'sqlite_evil', sql = replace(sql, 'evil', "
-					"'sqlite_evil') where name = 'evil'";
-	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "pragma writable_schema = on; " + as_internal));
-	EXPECT_EQ(daemon.start("hatch", &said), EIO);
-	ASSERT_NO_FATAL_FAILURE(
-	    run_on(daemon.file(), "pragma writable_schema = on; delete from sqlite_schema where name = 'sqlite_evil'"));
 	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), "analyze; vacuum")); // as an operator may
 	EXPECT_EQ(daemon.start("hatch", &said), 0) << said;
 }
@@ -259,79 +217,143 @@ TEST_F(ConfigdStore, AnOperatorSeesAndGetsTheFileThatIsServed)
 	free(findings);
 }
 
-TEST_F(ConfigdStore, WhatTakesTheStoreForLongIsForOperators)
-{
-	if (geteuid() != 0)
-		GTEST_SKIP() << "skipped: acting as other users needs root";
-	ASSERT_NO_FATAL_FAILURE(fill());
-	ASSERT_EQ(chmod(daemon.place.directory().c_str(), 0755), 0);
-	pid_t child = fork();
-	if (child == 0) {
-		if (setgroups(0, nullptr) != 0 || setresuid(1234, 1234, 1234) != 0)
-			_exit(255);
-		RepositoryClient other(daemon.hatch());
-		char *findings = nullptr;
-		void *bytes = nullptr;
-		size_t size = 0;
-		const bool reads = other.read("g7") == Contents{{"v", {"7"}}};
-		const bool verify_denied =
-		    _rpy_verify(other.handle, &findings) == -1 && rpy_error() == RPY_ERROR_PERMISSION_DENIED;
-		const bool backup_denied =
-		    _rpy_backup(other.handle, &bytes, &size) == -1 && rpy_error() == RPY_ERROR_PERMISSION_DENIED;
-		_exit((reads ? 1 : 0) + (verify_denied ? 2 : 0) + (backup_denied ? 4 : 0));
-	}
-	int status = 0;
-	ASSERT_EQ(waitpid(child, &status, 0), child);
-	EXPECT_EQ(WEXITSTATUS(status), 7);
-}
-
 TEST_F(ConfigdStore, LimitsOfItsStarterAreErrorsAndNoEnd)
 {
 	SKIP_WITHOUT_ALLOC_FAULTS(); // sanitizers take far more of the address space
 	ASSERT_NO_FATAL_FAILURE(fill());
 	daemon.stop();
-	auto start = [&](const std::string &limit, std::string *said) {
+	auto start_with = [&](const std::string &limit) {
 		return run_program({"/bin/sh", "-c",
 				       "ulimit " + limit + "; exec " TEST_BINARY_DIR "/repository/cairn.configd -d " +
 					   daemon.hatch() + " -r " + daemon.file()},
-		    {}, said);
+		    {}, &said);
 	};
-	std::string said;
-	ASSERT_EQ(start("-f 100", &said), 0) << said; // of 512 or 1024 bytes
+	ASSERT_EQ(start_with("-f 100"), 0) << said; // of 512 or 1024 bytes
 	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
 	auto values = [](size_t count) { return std::vector<std::string>(count, std::string(20000, 'x')); };
 	EXPECT_EQ(client.write("g7", {{"w", values(8)}}), -1);
 	EXPECT_EQ(rpy_error(), RPY_ERROR_NO_RESOURCES);
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
-	ASSERT_EQ(daemon.start(), 0);
-	daemon.stop();
-
-	ASSERT_EQ(daemon.start(), 0);
-	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	ASSERT_EQ(daemon.start(), 0); // tells which process it is
+	ASSERT_NO_FATAL_FAILURE(restart());
 	for (int i = 0; i < 20; i++)
 		ASSERT_EQ(client.write("g" + std::to_string(i), {{"w", values(100)}}), 1);
 	daemon.stop();
-	EXPECT_EQ(start("-v 40000", &said), ENOMEM) << said;
+	EXPECT_EQ(start_with("-v 40000"), ENOMEM) << said;
 	EXPECT_NE(said.find("memory"), said.npos) << said;
 }
 
-// SQLite syncs the directory when it makes a journal, and takes no notice if that fails.
-TEST_F(ConfigdStore, AFailingSyncOfTheDirectoryIsNoSuccess)
+// ---- The store without a daemon ----
+
+TEST_F(ConfigdStore, AnUpdateCutShortIsTakenBackWhereNothingCanBeWritten)
 {
-	const std::string file = daemon.file();
-	Fd held(open(file.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
-	auto store = repository::make_sqlite_store(file, held.get());
-	repository::Store::Loader loader = {
-	    [](uint64_t, std::string_view) {}, [](const repository::Row &) { return true; }};
-	uint64_t next = 0;
-	ASSERT_FALSE(store->open(loader, &next));
-	repository::Rows rows = {{repository::Row::What::put_node, 2, 1, 0, 0, "service", "", {}}};
-	ASSERT_EQ(unlink((file + "-journal").c_str()), 0);
-	FailNth fault(FailNth::Fsync, 1, EIO);
-	EXPECT_NE(store->commit(rows, 3).error, RPY_ERROR_NONE);
-	fault.stop();
-	EXPECT_TRUE(fault.fired());
-	EXPECT_EQ(store->commit(rows, 3).error, RPY_ERROR_NONE);
+	const SqliteEngine engine;
+	const std::string large = one_property(std::string(100000, 'x'));
+	StoreContent expected;
+	ASSERT_TRUE(expected.take(first_rows(large), 6));
+	auto store = engine.make();
+	(void) open_content(store.get());
+	ASSERT_EQ(store->commit(first_rows(large), 6).error, RPY_ERROR_NONE);
+	store.reset();
+	const std::string whole = file_text(engine.file());
+	ASSERT_NO_FATAL_FAILURE(run_on(engine.file(), half_an_update, true));
+	ASSERT_NE(file_text(engine.file()), whole);
+	if (!engine.set_readonly(true))
+		GTEST_SKIP() << "skipped: it can't be made read-only here";
+	auto copies = [] {
+		std::set<std::string> names;
+		for (const std::string &entry : entries_of("/dev/shm"))
+			if (entry.starts_with("cairn.configd-"))
+				names.insert(entry);
+		return names;
+	};
+	const std::set<std::string> before = copies();
+	store = engine.make();
+	EXPECT_TRUE(open_content(store.get()) == expected);
+	EXPECT_TRUE(
+	    eventually([&] { return std::ranges::includes(before, copies()); })); // those of other tests go soon, too
+	EXPECT_EQ(store->commit({Row::delete_node(5)}, 6).error, RPY_ERROR_BACKEND_READONLY);
+	ASSERT_TRUE(engine.set_readonly(false));
+	EXPECT_EQ(store->commit({Row::delete_node(5)}, 6).error, RPY_ERROR_NONE);
+	ASSERT_TRUE(expected.take({Row::delete_node(5)}, 6));
+	EXPECT_TRUE(open_content((store = engine.make()).get()) == expected);
+}
+
+// Calls of a commit that fail, from the nth on.
+struct CommitFault {
+	FailNth::Call call;
+	FailNth::Action action;
+	int error;
+	int calls;
+};
+enum Outcome { made, made_without_fault, refused, unusable, ended = EIO, killed = 1000 + SIGKILL };
+static_assert(unusable < EIO);
+
+// Makes the first commit of a store, and the one that meets the fault, in a process of its own. If that is refused, the
+// store is used again. A commit on a connection that isn't warm opens one, and makes the journal.
+int commit_with(const CommitFault &fault, int nth, bool warm, const SqliteEngine &engine, const Rows *rows)
+{
+	return in_child([&]() -> int {
+		auto store = engine.make();
+		(void) open_content(store.get());
+		(void) store->commit(rows[0], 6);
+		if (!warm) {
+			store.reset();
+			(void) unlink((engine.file() + "-journal").c_str());
+			(void) open_content((store = engine.make()).get());
+		}
+		std::list<FailNth> faults;
+		for (int i = 0; i < fault.calls; i++)
+			faults.emplace_back(fault.call, nth + i, fault.action, fault.error);
+		const rpy_error_t error = store->commit(rows[1], 7).error;
+		const bool fired = faults.front().fired();
+		while (!faults.empty())
+			faults.pop_back();
+		if (error == RPY_ERROR_NONE)
+			return fired ? made : made_without_fault;
+		return store->commit(rows[2], 8).error == RPY_ERROR_NONE ? refused : unusable;
+	});
+}
+
+TEST(ConfigdStoreFaults, AnyFailedCallLeavesTheOldOrTheNewWhole)
+{
+	const std::string properties = one_property("new");
+	const Rows rows[] = {first_rows(properties),
+	    {Row::put_version(6, properties), Row::set_version(5, 6), Row::delete_version(4)},
+	    {put_node(7, rpy::Parent::group, 3, "after a refusal")}};
+	StoreContent old, with_new, with_next;
+	ASSERT_TRUE(old.take(rows[0], 6));
+	ASSERT_TRUE((with_new = old).take(rows[1], 7));
+	ASSERT_TRUE((with_next = old).take(rows[2], 8));
+	std::map<int, int> seen, calls;
+	auto sweep = [&](const CommitFault &fault, bool warm) {
+		for (int nth = 1, outcome = made; outcome != made_without_fault; nth++) {
+			SCOPED_TRACE("call " + std::to_string(fault.call) + ", number " + std::to_string(nth) +
+				     ", error " + std::to_string(fault.error) + ", " + std::to_string(fault.calls) +
+				     " calls");
+			const SqliteEngine engine;
+			outcome = commit_with(fault, nth, warm, engine, rows);
+			const StoreContent left = open_content(engine.make().get());
+			const bool may_be_old = outcome == ended || outcome == killed;
+			EXPECT_TRUE(left == (outcome == refused ? with_next : with_new) || (may_be_old && left == old));
+			EXPECT_NE(outcome, unusable);
+			// Without any sync nothing is durable. SQLite itself ignores a failing one of the directory.
+			const bool syncs = fault.call == FailNth::Fsync || fault.call == FailNth::Fdatasync;
+			EXPECT_FALSE(outcome == made && syncs && fault.calls > 1 && nth == 1);
+			seen[outcome]++;
+			calls[fault.call] = nth - 1;
+		}
+	};
+	for (FailNth::Call call : {FailNth::Open, FailNth::Read, FailNth::Write, FailNth::Fsync, FailNth::Fdatasync,
+		 FailNth::Ftruncate, FailNth::Stat, FailNth::Unlink, FailNth::Close})
+		for (bool warm : {false, true}) {
+			sweep({call, FailNth::Fail, ENOSPC, 1}, warm);
+			sweep({call, FailNth::Fail, EIO, 50}, warm);
+			sweep({call, FailNth::Kill, 0, 1}, warm);
+		}
+	for (Outcome outcome : {made, refused, ended, killed})
+		EXPECT_GT(seen[outcome], 5) << outcome;
+	EXPECT_GE(calls[FailNth::Fsync] + calls[FailNth::Fdatasync], 3) << "the journal, the file, the journal's end";
 }
 
 } // namespace
