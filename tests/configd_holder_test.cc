@@ -128,21 +128,6 @@ TEST(ConfigdHolder, ASecondStartWaitsUntilTheFirstAnswers)
 	Repository daemon;
 	ASSERT_EQ(daemon.start(), 0);
 	ASSERT_EQ(kill(daemon.pid(), SIGSTOP), 0);
-	std::atomic<int> status{-1};
-	std::thread second([&] { status = start(daemon.hatch(), daemon.file()); });
-	usleep(500000);
-	EXPECT_EQ(status, -1) << "it said so of a daemon that doesn't answer";
-	ASSERT_EQ(kill(daemon.pid(), SIGCONT), 0);
-	second.join();
-	EXPECT_EQ(status, 0);
-	EXPECT_EQ(server_of(daemon.hatch()), daemon.pid());
-}
-
-TEST(ConfigdHolder, AStartThatWaitsEndsWhenItIsTold)
-{
-	Repository daemon;
-	ASSERT_EQ(daemon.start(), 0);
-	ASSERT_EQ(kill(daemon.pid(), SIGSTOP), 0);
 	for (const bool foreground : {true, false}) { // the serving process, and the first of two
 		const pid_t first = fork();
 		if (first == 0) {
@@ -155,12 +140,19 @@ TEST(ConfigdHolder, AStartThatWaitsEndsWhenItIsTold)
 		usleep(500000);
 		const pid_t serving = foreground ? 0 : atoi(file_text(tasks + "/children").c_str());
 		ASSERT_EQ(kill(first, SIGTERM), 0);
-		int status = 0;
-		ASSERT_EQ(waitpid(first, &status, 0), first);
-		EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+		int ended = 0;
+		ASSERT_EQ(waitpid(first, &ended, 0), first);
+		EXPECT_TRUE(WIFSIGNALED(ended) && WTERMSIG(ended) == SIGTERM) << ended;
 		EXPECT_TRUE(serving == 0 || goes(serving));
 	}
+	std::atomic<int> status{-1};
+	std::thread second([&] { status = start(daemon.hatch(), daemon.file()); });
+	usleep(500000);
+	EXPECT_EQ(status, -1) << "it said so of a daemon that doesn't answer";
 	ASSERT_EQ(kill(daemon.pid(), SIGCONT), 0);
+	second.join();
+	EXPECT_EQ(status, 0);
+	EXPECT_EQ(server_of(daemon.hatch()), daemon.pid());
 }
 
 TEST(ConfigdHolder, ARelativePathNeedsAWorkingDirectory)

@@ -10,6 +10,7 @@
 
 #include "alloc_fault.h"
 #include "child.h"
+#include "fake_store.h"
 #include "hatch/pool.h"
 #include "hatch_peer.h"
 #include "repository.h"
@@ -20,28 +21,11 @@ namespace {
 
 using namespace repository;
 
-// Keeps nothing. It takes every commit, unless a test answers in its place.
-class FakeStore : public Store {
-public:
-	Failure open(const Loader &, uint64_t *) override { return {}; }
-	Committed commit(const Rows &rows, uint64_t) override
-	{
-		rows_seen = rows.size();
-		commits++;
-		return answers ? answers(rows) : RPY_ERROR_NONE;
-	}
-	bool writable() override { return true; }
-
-	std::function<Committed(const Rows &rows)> answers;
-	size_t rows_seen = 0; // of the last commit
-	int commits = 0;
-};
-
 struct OneRow : Update {
 	explicit OneRow(uint64_t its_group) : Update(rpy::Op::status, its_group) {}
-	rpy_error_t prepare(Model &, Rows *rows) override
+	rpy_error_t prepare(Model &model, Rows *rows) override
 	{
-		rows->push_back(Row::delete_node(1));
+		rows->push_back(Row::put_version(model.take_id(true), {}));
 		return RPY_ERROR_NONE;
 	}
 	void apply(Model &, const Committed &) override {}
@@ -203,10 +187,65 @@ TEST(ConfigdUpdates, ASharedStoreMayRefuseACommitAsStaleAndChoosesTheIds)
 	EXPECT_EQ(pictures_of_updates(&world), pictures_of_updates(&alone));
 
 	world.store->answers = [](const Rows &) { return Committed::stale(RPY_ERROR_BACKEND_READONLY); };
-	world.store->commits = 0;
+	world.store->asked = 0;
 	(void) world.ask(rpy::Op::add_service, "other");
 	EXPECT_EQ(world.error, RPY_ERROR_BACKEND_READONLY);
-	EXPECT_GT(world.store->commits, 3);
+	EXPECT_GT(world.store->asked, 3);
+}
+
+// What a store holds that has what the tree shows.
+StoreContent content_of(Daemon *daemon)
+{
+	StoreContent content;
+	ReadLock hold(daemon->model.lock);
+	for (Node *top : daemon->model.services())
+		for (const Node *node : Model::tree(top)) {
+			const uint64_t version = node->version ? node->version->id : 0;
+			if (version != 0)
+				content.versions.emplace(version, node->version->properties);
+			EXPECT_TRUE(content.take(Row{Row::What::put_node, node->id, static_cast<uint32_t>(node->kind),
+			    node->parent == nullptr ? 0 : node->parent->id, version, node->name,
+			    node->type == nullptr ? "" : *node->type, {}}));
+		}
+	return content;
+}
+
+// Each of several clients has a group of its own, and takes and reverts to snapshots of all.
+TEST(ConfigdUpdates, WhateverCommitsComeToTheTreeShowsWhatTheStoreHolds)
+{
+	using rpy::Op;
+	World world;
+	world.store->answers = [&](const Rows &) -> Committed {
+		if (world.store->asked % 7 == 0)
+			return Committed::stale(RPY_ERROR_BACKEND_READONLY);
+		return world.store->asked % 5 == 0 ? RPY_ERROR_NO_RESOURCES : RPY_ERROR_NONE;
+	};
+	std::vector<std::thread> clients;
+	for (const char *name : {"a", "b", "c", "d"})
+		clients.emplace_back([&world, name] {
+			uint64_t group = 0, snapshot = 0;
+			for (uint64_t i = 0; i < 100; i++) {
+				group = std::max(group, world.add_group(name, 0, 0));
+				world.commit(name, rpy::Change::create, "v", i);
+				world.commit(name, rpy::Change::change, "v", i + 1);
+				if (i % 3 == 0)
+					(void) world.ask(Op::delete_group, group);
+				if (i % 10 == 0)
+					snapshot = World::id_in(
+					    world.ask(Op::take_snapshot, world.instance, name, i < 10 ? 0 : 1));
+				if (i % 10 == 5)
+					(void) world.ask(Op::revert_snapshot, snapshot);
+			}
+		});
+	for (std::thread &client : clients)
+		client.join();
+	StoreContent shown = content_of(&world.daemon);
+	shown.next = world.store->disk->content.next;
+	EXPECT_TRUE(shown == world.store->disk->content);
+	EXPECT_GT(world.store->disk->commits, 300);
+	Daemon next("file", std::make_unique<FakeStore>(world.store->disk));
+	ASSERT_FALSE(next.load());
+	EXPECT_TRUE((shown = content_of(&next)).nodes == world.store->disk->content.nodes);
 }
 
 TEST(ConfigdUpdates, WhatOthersRemovedDuringACommitStaysRemoved)

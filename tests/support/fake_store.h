@@ -11,6 +11,7 @@
 #include <string>
 #include <tuple>
 
+#include "alloc_fault.h"
 #include "store.h"
 
 namespace repository {
@@ -97,6 +98,9 @@ public:
 	}
 	Committed commit(const Rows &rows, uint64_t next) override
 	{
+		const AllocFaultPause pause; // a fault is the caller's
+		asked++;
+		rows_seen = rows.size();
 		if (disk->readonly)
 			return RPY_ERROR_BACKEND_READONLY;
 		Committed made = answers ? answers(rows) : RPY_ERROR_NONE;
@@ -116,6 +120,8 @@ public:
 	const std::shared_ptr<FakeDisk> disk;
 	// What a commit comes to, and which ids it gives, if its rows fit.
 	std::function<Committed(const Rows &rows)> answers;
+	int asked = 0;        // commits, the failed ones included
+	size_t rows_seen = 0; // of the last one
 
 private:
 	int commits_ = 0; // of the disk, when this store read it or wrote to it
