@@ -1,4 +1,6 @@
 // Audit records of updates: one for each attempt, in the name of whoever asked for it.
+#include "libostrel_audit.h"
+
 #include <cerrno>
 #include <unistd.h>
 
@@ -7,7 +9,8 @@
 #include <meridon/trail.h>
 
 #include "base/guards.h"
-#include "libostrel_impl.h"
+#include "libostrel_handle.h"
+#include "libostrel_idlist.h"
 
 namespace {
 

@@ -1,10 +1,13 @@
 // Authorization: whether the caller of a served database may read or update it. The platform is asked three things:
 // who this caller is, what the user is called, and whether the user holds the right.
+#include "libostrel_auth.h"
+
 #include <cerrno>
 #include <pwd.h>
 
 #include "base/guards.h"
-#include "libostrel_impl.h"
+#include "libostrel_error.h"
+#include "libostrel_handle.h"
 
 namespace {
 

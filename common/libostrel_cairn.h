@@ -51,7 +51,12 @@
 
 #include "base/guards.h"
 #include "base/thread_safety.h"
-#include "libostrel_impl.h"
+#include "libostrel_backend.h"
+#include "libostrel_error.h"
+#include "libostrel_handle.h"
+#include "libostrel_idlist.h"
+#include "libostrel_objects.h"
+#include "libostrel_util.h"
 
 #define OSTREL_ID_PGNAME "object-pgname"
 #define OSTREL_ID_PGTYPE "object-pgtype"

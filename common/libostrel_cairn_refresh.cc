@@ -6,6 +6,7 @@
 
 #include "base/clock.h"
 #include "libostrel_cairn.h"
+#include "libostrel_thread.h"
 
 namespace {
 

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "libostrel_cairn.h"
+#include "libostrel_read.h"
 
 namespace {
 

@@ -5,6 +5,7 @@
 // it was. Those before it in the table stay converted.
 #include <cerrno>
 #include <cinttypes>
+#include <cstdlib>
 #include <cstring>
 #include <strings.h>
 

@@ -8,11 +8,15 @@
 
 #include "base/growing_array.h"
 #include "base/guards.h"
+#include "libostrel_error.h"
 #include "libostrel_files_blocks.h"
 #include "libostrel_files_newfile.h"
 #include "libostrel_files_open.h"
 #include "libostrel_files_select.h"
+#include "libostrel_handle.h"
+#include "libostrel_idlist.h"
 #include "libostrel_lines.h"
+#include "libostrel_zio.h"
 
 // The result of a read while it grows: all or nothing.
 using ObjectArray = GrowingArray<attrlist_t *, attrlist_free>;

@@ -35,8 +35,19 @@
 #ifndef LIBOSTREL_FILES_H
 #define LIBOSTREL_FILES_H
 
+#include "libostrel_backend.h"
 #include "libostrel_files_update.h"
-#include "libostrel_impl.h"
+
+// ---- Slots ----
+
+ostrel_readcmd_t ostrel_read_objects_from_file;
+ostrel_readcmd_t ostrel_read_objects_from_rawfile;
+ostrel_writecmd_t ostrel_write_object_to_file;
+ostrel_renamecmd_t ostrel_rename_object_in_file;
+ostrel_removecmd_t ostrel_remove_object_from_file;
+ostrel_visitcmd_t ostrel_visit_objects_of_file;
+
+// ---- What they are made of ----
 
 // Reads the objects of a flat file, or of a raw file. Contract: the slot dbc_read.
 ostrel_error_t ostrel_read_objects_from_file_common(

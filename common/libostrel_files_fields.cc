@@ -11,7 +11,9 @@
 #include <emmintrin.h>
 #endif
 
+#include "libostrel_idlist.h"
 #include "libostrel_lines.h"
+#include "libostrel_objects.h"
 
 // ---- Where the structure is ----
 

@@ -10,8 +10,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "libostrel.h"
 #include "libostrel_files_blocks.h"
-#include "libostrel_impl.h"
 
 // Where the bytes are that the format gives a meaning: one bit for each byte of a stretch of text.
 class StructureIndex {

@@ -4,6 +4,10 @@
 #include <cerrno>
 #include <fcntl.h>
 
+#include "libostrel_handle.h"
+#include "libostrel_idlist.h"
+#include "libostrel_zio.h"
+
 const char *ostrel_file_path(ostrel_db_t db, attrlist_t *idlist)
 {
 	char *name = nullptr;

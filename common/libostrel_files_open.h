@@ -4,7 +4,7 @@
 #ifndef LIBOSTREL_FILES_OPEN_H
 #define LIBOSTREL_FILES_OPEN_H
 
-#include "libostrel_impl.h"
+#include "libostrel.h"
 
 // The path that `idlist`, which may be NULL, names, or else that of the handle. NULL: neither names one.
 const char *ostrel_file_path(ostrel_db_t db, attrlist_t *idlist);

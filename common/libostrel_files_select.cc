@@ -3,6 +3,9 @@
 
 #include <cstring>
 
+#include "libostrel_error.h"
+#include "libostrel_handle.h"
+#include "libostrel_idlist.h"
 #include "libostrel_lines.h"
 
 LineSelection::LineSelection(ostrel_db_t db, attrlist_t *idlist, bool exact)

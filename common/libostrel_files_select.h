@@ -13,7 +13,6 @@
 #include "libostrel_files_blocks.h"
 #include "libostrel_files_fields.h"
 #include "libostrel_files_scan.h"
-#include "libostrel_impl.h"
 
 // A line that holds a selected object. Its bytes and fields are valid until the next one is asked for.
 struct SelectedLine {

@@ -13,9 +13,12 @@
 
 #include "base/growing_array.h"
 #include "base/guards.h"
+#include "libostrel_error.h"
 #include "libostrel_files_newfile.h"
 #include "libostrel_files_open.h"
 #include "libostrel_files_select.h"
+#include "libostrel_handle.h"
+#include "libostrel_idlist.h"
 #include "libostrel_lines.h"
 
 // ---- The old file ----

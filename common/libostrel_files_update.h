@@ -4,7 +4,7 @@
 #ifndef LIBOSTREL_FILES_UPDATE_H
 #define LIBOSTREL_FILES_UPDATE_H
 
-#include "libostrel_impl.h"
+#include "libostrel.h"
 
 /*
  * Writes (props given), renames (newidlist given) or removes (neither) the objects that have exactly these identifiers.

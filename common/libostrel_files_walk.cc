@@ -6,9 +6,12 @@
 #include <sys/mman.h>
 
 #include "base/guards.h"
+#include "libostrel_error.h"
+#include "libostrel_files.h"
 #include "libostrel_files_blocks.h"
 #include "libostrel_files_open.h"
 #include "libostrel_files_select.h"
+#include "libostrel_idlist.h"
 
 // Whole lines, in chunks that grow with the text.
 class KeptText {

@@ -12,6 +12,8 @@
 #include <meridon/process.h>
 
 #include "base/guards.h"
+#include "libostrel_handle.h"
+#include "libostrel_objects.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include <meridon/hatch.h>
 
-#include "libostrel_impl.h"
+#include "libostrel_backend.h"
 
 typedef enum ostrel_hatch_cmd MERIDON_ENUM32 {
 	OSTREL_HATCH_CMD_READ_REQ = 1000,
@@ -47,6 +47,15 @@ inline bool ostrel_hatch_block_size(const ostrel_hatch_arg_t *head, size_t *size
 	return !__builtin_add_overflow(head->nda_idlen, head->nda_datalen, size) &&
 	       !__builtin_add_overflow(*size, sizeof(ostrel_hatch_arg_t), size);
 }
+
+// The slots of the client.
+ostrel_opencmd_t ostrel_hatch_db_open;
+ostrel_closecmd_t ostrel_hatch_db_close;
+ostrel_readcmd_t ostrel_read_objects_from_hatch;
+ostrel_writecmd_t ostrel_write_object_to_hatch;
+ostrel_renamecmd_t ostrel_rename_object_in_hatch;
+ostrel_removecmd_t ostrel_remove_object_from_hatch;
+ostrel_authcmd_t ostrel_hatch_check_auth;
 
 /*
  * Sends a command and gives the server's answer. `list` points to the list that goes as data (write, rename) or to the

@@ -9,7 +9,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <meridon/trail.h>
+
 #include "base/guards.h"
+#include "libostrel_auth.h"
+#include "libostrel_error.h"
+#include "libostrel_handle.h"
+#include "libostrel_idlist.h"
+#include "libostrel_objects.h"
 
 namespace {
 

@@ -1,11 +1,14 @@
 // Identifier lists: the keys that single an object out, the rule by which a search list selects one, and the text form.
 // Codes are returned directly here, without the trace point: the caller reports them if it wishes.
+#include "libostrel_idlist.h"
+
 #include <cstdio>
 #include <cstring>
 #include <strings.h>
 
 #include "base/guards.h"
-#include "libostrel_impl.h"
+#include "libostrel_error.h"
+#include "libostrel_handle.h"
 
 // The two keys that identify nothing.
 static bool is_passed_over(const char *name)

@@ -12,7 +12,7 @@
 
 #include "base/growing_array.h"
 #include "base/guards.h"
-#include "libostrel_impl.h"
+#include "libostrel_idlist.h"
 
 // ---- Splitting ----
 

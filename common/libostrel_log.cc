@@ -23,7 +23,7 @@
 #include "base/process_mark.h"
 #include "base/thread_safety.h"
 #include "libostrel_log.h"
-#include "libostrel_trace.h"
+#include "libostrel_probe.h"
 
 #define LOG_LINE_FORMAT "%s: %d: %s\n"
 
@@ -32,6 +32,8 @@ ostrel_log_type_t ostrel_log_types[3] = {
     {"syslog", ostrel_syslog_open, ostrel_syslog_close, ostrel_syslog},
     {"stderr", nullptr, nullptr, ostrel_stderrlog},
 };
+
+unsigned short ostrel_log_semaphore = 0;
 
 ostrel_log_type_t *ostrel_log_type;
 char ostrel_log_execname[1024];
@@ -266,7 +268,7 @@ void ostrel_log_fmt(int priority, const char *text)
 {
 	log_message(priority, text);
 	if (OSTREL_TRACED(log))
-		ostrel_trace_log(priority, text);
+		STAP_PROBE2(ostrel, log, priority, text);
 }
 
 void ostrel_log(int priority, const char *format, ...)

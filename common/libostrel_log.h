@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <syslog.h>
 
-#include "libostrel_impl.h"
+#include "libostrel.h"
 
 struct ostrel_log_type {
 	const char *nlt_name;

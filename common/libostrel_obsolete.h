@@ -4,7 +4,7 @@
 
 #include <dirent.h>
 
-#include "libostrel_impl.h"
+#include "libostrel.h"
 
 extern char *ostrel_file_regexp;
 int ostrel_file_select(const struct dirent *entry);

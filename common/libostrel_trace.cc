@@ -1,19 +1,17 @@
-// Where the static trace points fire: the texts of their arguments are made here, and only while somebody listens.
-#define _SDT_HAS_SEMAPHORES 1
-#include <sys/sdt.h>
-
+// Where the trace points of the operations fire: the texts of their arguments are made here, while a tracer is attached.
 #include "libostrel_trace.h"
 
-extern "C" {
-unsigned short ostrel_seterror_semaphore = 0;
+#include "libostrel_error.h"
+#include "libostrel_handle.h"
+#include "libostrel_idlist.h"
+#include "libostrel_util.h"
+
 unsigned short ostrel_db__read_semaphore = 0;
 unsigned short ostrel_db__write_semaphore = 0;
 unsigned short ostrel_db__rename_semaphore = 0;
 unsigned short ostrel_db__remove_semaphore = 0;
 unsigned short ostrel_db__walk_semaphore = 0;
 unsigned short ostrel_db__walk__cb_semaphore = 0;
-unsigned short ostrel_log_semaphore = 0;
-}
 
 static constexpr size_t props_text_size = 512;
 
@@ -27,11 +25,6 @@ static const char *ids_text(attrlist_t *idl, char (&buf)[OSTREL_IDSTR_SIZE])
 static const char *error_text(ostrel_error_t result)
 {
 	return result == OSTREL_SUCCESS ? nullptr : ostrel_strerror(result);
-}
-
-void ostrel_trace_seterror(ostrel_error_t err, const char *file, int line)
-{
-	STAP_PROBE3(ostrel, seterror, static_cast<int>(err), file, line);
 }
 
 void ostrel_trace_db_read(ostrel_error_t result, ostrel_db_t db, attrlist_t *idl, attrlist_t *props)
@@ -81,9 +74,4 @@ void ostrel_trace_db_walk_cb(int returned, ostrel_db_t db, attrlist_t *idl, attr
 	char text[props_text_size];
 	STAP_PROBE5(ostrel, db__walk__cb, returned, ostrel_db_get_name(db), ids_text(idl, ids),
 	    ostrel_atl2str(props, text, sizeof(text)), arg);
-}
-
-void ostrel_trace_log(int priority, const char *text)
-{
-	STAP_PROBE2(ostrel, log, priority, text);
 }

@@ -3,15 +3,24 @@
 #ifndef LIBOSTREL_ZIO_H
 #define LIBOSTREL_ZIO_H
 
+#include <cstdio>
 #include <sys/types.h>
 
 #include "base/guards.h"
+#include "libostrel.h"
 #include "libostrel_files_lock.h"
-#include "libostrel_impl.h"
 
 // The owner of a file that is new in an enclave.
 #define OSTREL_ZFILE_UID 17
 #define OSTREL_ZFILE_GID 65
+
+// The operations. 0 or an errno value, which an open stores in *err.
+int ostrel_zopen(const char *path, int oflag, mode_t mode, enclaveid_t enclave, int *err);
+FILE *ostrel_zfopen(const char *path, const char *mode, enclaveid_t enclave, int *err);
+int ostrel_zrename(const char *from, const char *to, enclaveid_t enclave);
+int ostrel_zunlink(const char *path, enclaveid_t enclave);
+
+// ---- What they are made of ----
 
 struct zopen_arg_t {
 	const char *zopen_modestr; // a stream mode, which decides the flags; or NULL

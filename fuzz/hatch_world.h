@@ -10,6 +10,7 @@
 
 #include "base/guards.h"
 #include "libostrel_hatches.h"
+#include "libostrel_impl.h"
 
 inline void demand(bool condition)
 {

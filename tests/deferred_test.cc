@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "alloc_fault.h"
+#include "libostrel_impl.h"
 #include "lists.h"
 #include "log_capture.h"
 #include "scratch.h"

@@ -1,6 +1,7 @@
 // The fast roads give what the plain one gives: random and hostile files are read, walked and updated by the library, and
 // line by line with the general reader and writer of the format, and both must agree to the byte.
 #include "libostrel_files.h"
+#include "libostrel_impl.h"
 
 #include <clocale>
 #include <cstring>

@@ -1,5 +1,6 @@
 // Updates of flat files: what the file holds afterwards, and what an update refuses to touch.
 #include "libostrel_files.h"
+#include "libostrel_impl.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "libostrel_cairn.h"
+#include "libostrel_impl.h"
 #include "list_text.h"
 #include "lists.h"
 #include "repository.h"

@@ -7,6 +7,7 @@
 
 #include "hatch_peer.h"
 #include "libostrel_hatches.h"
+#include "libostrel_impl.h"
 #include "lists.h"
 #include "scratch.h"
 
