@@ -139,7 +139,7 @@ struct Walk {
 	int *cbret;
 };
 
-// Calls back for one object. The callback gets the lists that lie in it, which nobody else will look at again.
+// Calls back for one object. The callback gets the lists that lie in it, which aren't used afterwards.
 static ostrel_error_t call_back(attrlist_t *object, void *arg)
 {
 	const Walk *walk = static_cast<const Walk *>(arg);

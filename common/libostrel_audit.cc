@@ -1,4 +1,4 @@
-// Audit records of updates: one for each attempt, in the name of whoever asked for it.
+// Audit records of updates: one for each attempt, in the name of the user who asked for it.
 #include "libostrel_audit.h"
 
 #include <cerrno>
@@ -58,7 +58,7 @@ struct Ids {
 	gid_t gid;
 };
 
-// Who asked for the update: the caller of the hatch call that this thread serves; outside of one, this process.
+// The user who asked for the update: the caller of the hatch call that this thread serves; outside of one, this process.
 bool find_caller(Ids *caller)
 {
 	PeerCred cred;

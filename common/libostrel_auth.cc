@@ -16,7 +16,7 @@ constexpr size_t entry_max = 1U << 20;
 constexpr char elsewhere[] = "ostrel.elsewhere";
 
 // A failure that names no error, or one that speaks of a thing not found, mustn't read as success, or as something about
-// an object: whoever isn't known holds no right.
+// an object: an unknown user holds no right.
 ostrel_error_t refusal_of(int error)
 {
 	const ostrel_error_t result = ostrel_errno2error(error);

@@ -25,18 +25,19 @@ typedef bool ostrel_stayscmd_t(ostrel_db_t db, attrlist_t *idl);
 // A back end: what it receives and must return, slot by slot. An empty slot (NULL) means what stands in brackets.
 struct ostrel_db_cmds {
 	// At the end of ostrel_db_open(), on a complete handle that the caller can't see yet, with no lock held. Makes
-	// the private data. If it fails, the handle goes; what was allocated is to be released before. [nothing to do]
+	// the private data. If it fails, it has released what it allocated, and the handle is freed. [nothing to do]
 	ostrel_opencmd_t *dbc_open;
-	// With db_lock held for writing; releases db_priv. The handle goes afterwards. [nothing to do, and no lock
+	// With db_lock held for writing; releases db_priv. The handle is freed afterwards. [nothing to do, and no lock
 	// taken]
 	ostrel_closecmd_t *dbc_close;
 	// With db_lock held for reading from ostrel_db_read(), with no lock from ostrel_db_walk() and a hatch server:
-	// it must stand by itself beside updates in other threads. On success it has stored an array (malloc family;
+	// it must be safe by itself against updates in other threads. On success it has stored an array (malloc family;
 	// NULL or valid if the count is 0) of objects made with ostrel_object_create(), which belong to the caller:
-	// Objects below. On failure nobody looks at the two, and nothing is left behind. [OSTREL_INVALID_ARG]
+	// Objects in libostrel_objects.h. On failure the caller looks at neither, and nothing is left to free.
+	// [OSTREL_INVALID_ARG]
 	ostrel_readcmd_t *dbc_read;
-	// These three with db_lock held for writing. They own no list. One that has to read through ostrel_db_read()
-	// gives the lock up before and takes it again afterwards. OSTREL_NEEDS_RETRY: nothing was changed, and the same
+	// These three with db_lock held for writing. They own no list. One that reads through ostrel_db_read() gives the
+	// lock up before and takes it again afterwards. OSTREL_NEEDS_RETRY: nothing was changed, and the same
 	// call is to be repeated later. [OSTREL_INVALID_ARG: a database without them is read only]
 	ostrel_writecmd_t *dbc_write;
 	ostrel_renamecmd_t *dbc_rename;
@@ -47,11 +48,11 @@ struct ostrel_db_cmds {
 	// With no lock held; B_TRUE for an update. [OSTREL_SUCCESS without any test]
 	ostrel_authcmd_t *dbc_auth;
 	// For a walk in the store's order: as dbc_read with properties, but the objects are made one by one, so that
-	// they needn't all be in memory. What can fail in the store has been done before the first visit, and the
-	// objects are those of one moment. Gives what the visit gave. [dbc_read serves]
+	// they needn't all be in memory. All that can fail in the store comes before the first visit, and the
+	// objects are those of one moment. Returns what the visit returned. [dbc_read serves]
 	ostrel_visitcmd_t *dbc_visit = nullptr;
 	// For a hatch server, with no lock held: whether an operation with this list, which may be NULL, stays in the
-	// handle's database, and goes to no other file, level, instance or enclave. What isn't certain doesn't stay.
+	// handle's database, and goes to no other file, level, instance or enclave. In doubt it doesn't stay.
 	// [no list with one of the keys that choose these stays]
 	ostrel_stayscmd_t *dbc_stays = nullptr;
 };

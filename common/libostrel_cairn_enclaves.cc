@@ -7,9 +7,15 @@
 
 #include <meridon/enclave.h>
 
-ostrel_rpy_resources_t *ostrel_native_rpy_resources(ostrel_db_t db)
+// These two require rpy_lock, which stands for db_privlock here.
+ostrel_rpy_resources_t *ostrel_native_rpy_resources(ostrel_db_t db) NO_THREAD_SAFETY_ANALYSIS
 {
 	return static_cast<ostrel_rpy_resources_t *>(ostrel_db_get_priv(db));
+}
+
+static void set_native(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(rpy_lock) NO_THREAD_SAFETY_ANALYSIS
+{
+	ostrel_db_set_priv(db, res);
 }
 
 int cmp_resources_by_enclaveid(const ostrel_rpy_resources_t *a, const ostrel_rpy_resources_t *b)
@@ -113,7 +119,7 @@ static void put_as_native(ostrel_db_t db, ostrel_rpy_resources_t *res) REQUIRES(
 	ostrel_rpy_resources_t *before = ostrel_native_rpy_resources(db);
 	// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a building that succeeds gives them
 	res->nsr_refcnt = 1;
-	ostrel_db_set_priv(db, res);
+	set_native(db, res);
 	if (!res->nsr_issvc)
 		ostrel_start_refresh(res, before);
 	if (before != nullptr) {

@@ -1,5 +1,5 @@
 /*
- * Deferred updates: an update that the store can't take now goes on on a thread of its own.
+ * Deferred updates: an update thread repeats an update that the store can't take now.
  */
 #ifndef LIBOSTREL_DEFERRED_H
 #define LIBOSTREL_DEFERRED_H
@@ -7,8 +7,11 @@
 #include "libostrel_attempt.h"
 
 // Hands an update to a thread of its own, which tries it at once and then once a second, 100 times at most. Called with
-// no lock held. Owns: the lists are copied. Errors: OSTREL_NEEDS_RETRY  the caller is such a thread itself, whose loop
-// goes on; what copying a list or making a thread gave; OSTREL_INVALID_ARG  `idl` is NULL
+// no lock held.
+// Owns:   the lists are copied
+// Errors: OSTREL_NEEDS_RETRY  the caller is an update thread, whose loop makes the next attempt
+//         OSTREL_INVALID_ARG  `idl` is NULL
+//         what copying a list or making a thread gave
 ostrel_error_t ostrel_create_update_thread(
     ostrel_op_t op, ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *objl);
 // The thread's function; `arg` is an ostrel_update_arg_t, which it frees.

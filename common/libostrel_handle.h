@@ -1,5 +1,19 @@
 /*
  * The handle of an open database, with its two locks.
+ *
+ * Locks. db_lock, a reader-writer lock, keeps updates through the handle apart from one another and from reads: the
+ * dispatcher holds it around the slots of the back end (libostrel_backend.h says how around which). db_privlock guards db_priv
+ * and what it points to, and belongs to the back end, which takes it inside its slots and never around a callback. Where
+ * both are held, db_lock was taken first. Neither is recursive.
+ *
+ * Without a lock. Name, flags, enclave and table don't change after the open. The authorization texts are set once, when a
+ * server is made: before its hatch has clients, whose requests are all that read them.
+ *
+ * Forks. A forked child finds the locks as they were, perhaps held by threads that it doesn't have. So what takes a lock
+ * asks its ProcessMark first, which initializes the lock again at the first use in a new process: for db_lock the functions
+ * and guards below, for db_privlock the back end at the start of an operation. The log and the audit trail keep the same
+ * rule for their locks. Handlers of pthread_atfork() don't serve: they would have to wait for an update that runs, and a
+ * bare clone() doesn't call them.
  */
 #ifndef LIBOSTREL_HANDLE_H
 #define LIBOSTREL_HANDLE_H
@@ -8,8 +22,6 @@
 #include "base/thread_safety.h"
 #include "libostrel.h"
 
-// The handle. Nothing in it changes after open but db_priv, the authorization texts (set once, when a server is made)
-// and the locks.
 struct ostrel_db {
 	char db_name[OSTREL_DB_NAME_MAX + 1];
 	uint64_t db_flags;
@@ -18,9 +30,9 @@ struct ostrel_db {
 	char db_read_auth[1024];  // empty: none needed
 	char db_write_auth[1024];
 	RwLock db_lock ACQUIRED_BEFORE(db_privlock);
-	Mutex db_privlock; // guards what lies behind db_priv
-	void *db_priv;     // the back end's; NULL until it sets it
-	// Whose locks these are: threads of a forked child's parent may have held them.
+	Mutex db_privlock;
+	void *db_priv GUARDED_BY(db_privlock); // the back end's; NULL until it sets it
+	// The process that the locks were initialized in.
 	ProcessMark db_lock_process;
 	ProcessMark db_priv_process;
 };
@@ -35,8 +47,8 @@ inline bool ostrel_is_case_sensitive(ostrel_db_t db)
 	return (ostrel_db_get_flags(db) & OSTREL_DB_CASE_SENSITIVE) != 0;
 }
 enclaveid_t ostrel_db_get_enclaveid(ostrel_db_t db);
-void *ostrel_db_get_priv(ostrel_db_t db);
-void ostrel_db_set_priv(ostrel_db_t db, void *priv);
+void *ostrel_db_get_priv(ostrel_db_t db) REQUIRES(db->db_privlock);
+void ostrel_db_set_priv(ostrel_db_t db, void *priv) REQUIRES(db->db_privlock);
 const char *ostrel_db_get_read_auth(ostrel_db_t db);
 const char *ostrel_db_get_write_auth(ostrel_db_t db);
 // A text is cut to 1023 bytes; NULL empties the field.

@@ -35,9 +35,27 @@ void leave_cell(Cell *cell)
 }
 using CellUse = Handle<Cell, leave_cell>;
 
-Cell *cell_of(ostrel_db_t db)
+Cell *cell_of(ostrel_db_t db) REQUIRES(db->db_privlock)
 {
 	return static_cast<Cell *>(ostrel_db_get_priv(db));
+}
+
+// Opens the path and makes the handle's cell of it.
+ostrel_error_t open_cell(ostrel_db_t db) REQUIRES(db->db_privlock)
+{
+	const char *path = ostrel_db_get_name(db);
+	if (path == nullptr)
+		return OSTREL_INVALID_ARG;
+	// What isn't a hatch is found out by the first call. It mustn't hold anybody up here: a FIFO would.
+	Fd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+	if (!fd)
+		return ostrel_errno2error(errno);
+	Cell *cell = new (std::nothrow) Cell{fd.get(), 1};
+	if (cell == nullptr)
+		return OSTREL_NO_MEMORY;
+	(void) fd.release(); // the cell's now
+	ostrel_db_set_priv(db, cell);
+	return OSTREL_SUCCESS;
 }
 
 bool is_alive(int fd)
@@ -46,11 +64,16 @@ bool is_alive(int fd)
 	return hatch_info(fd, &info) == 0 && (info.di_attributes & HATCH_REVOKED) == 0;
 }
 
+// In a forked child a thread that it doesn't have may hold the lock.
+void enter_process(ostrel_db_t db)
+{
+	db->db_priv_process.enter(_meridon_process(), [db] { db->db_privlock.init(); });
+}
+
 // Gives the handle's cell, with a living hatch or one that was opened just now. Errors: 0, or an errno value.
 int use_cell(ostrel_db_t db, CellUse *use)
 {
-	// In a forked child a thread that it doesn't have may hold the lock.
-	db->db_priv_process.enter(_meridon_process(), [db] { db->db_privlock.init(); });
+	enter_process(db);
 	MutexLock lock(db->db_privlock);
 	Cell *cell = cell_of(db);
 	if (cell != nullptr && !is_alive(cell->fd)) {
@@ -59,7 +82,7 @@ int use_cell(ostrel_db_t db, CellUse *use)
 		cell = nullptr;
 	}
 	if (cell == nullptr) {
-		if (ostrel_error_t result = ostrel_hatch_db_open(db))
+		if (ostrel_error_t result = open_cell(db))
 			return ostrel_error2errno(result);
 		cell = cell_of(db);
 	}
@@ -191,26 +214,16 @@ ostrel_error_t ostrel_read_lists_from_hatch_arg(const ostrel_hatch_arg_t *arg, a
 
 // ---- The slots ----
 
-// Also the way back to a hatch whose server has gone, with db_privlock held.
 ostrel_error_t ostrel_hatch_db_open(ostrel_db_t db)
 {
-	const char *path = ostrel_db_get_name(db);
-	if (path == nullptr)
-		return OSTREL_INVALID_ARG;
-	// What isn't a hatch is found out by the first call. It mustn't hold anybody up here: a FIFO would.
-	Fd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-	if (!fd)
-		return ostrel_errno2error(errno);
-	Cell *cell = new (std::nothrow) Cell{fd.get(), 1};
-	if (cell == nullptr)
-		return OSTREL_NO_MEMORY;
-	(void) fd.release(); // the cell's now
-	ostrel_db_set_priv(db, cell);
-	return OSTREL_SUCCESS;
+	MutexLock lock(db->db_privlock);
+	return open_cell(db);
 }
 
 void ostrel_hatch_db_close(ostrel_db_t db)
 {
+	enter_process(db);
+	MutexLock lock(db->db_privlock);
 	CellUse closing(cell_of(db));
 	ostrel_db_set_priv(db, nullptr);
 }

@@ -8,15 +8,15 @@
  * allocation is looked at. A failure takes three steps at most:
  *
  *   Raise    Where the library finds a failure it returns SETERROR(result), or SETERRNO(errno value). The trace point
- *            "seterror" gets file and line, so a tracer sees the place of the failure and not the way that it took.
+ *            "seterror" gets file and line, so a tracer sees where the failure arose, and not the calls that handed it on.
  *   Forward  A result from below is returned as it is. It has been raised, and isn't raised again.
  *   Convert  What a platform call reports as an errno value becomes a result once, by ostrel_errno2error(), at the call.
- *            The way back, ostrel_error2errno(), isn't its inverse, and only a function that owes its caller an errno
+ *            The opposite, ostrel_error2errno(), isn't its inverse, and only a function that owes its caller an errno
  *            value takes it.
  *
  * The exceptions, each for a reason:
  *
- *   Small helpers don't raise: identifier lists, objects, lines, grow_buf(), atl_add_entry_val(), and what tells a
+ *   Small helpers don't raise: identifier lists, objects, lines, grow_buf(), atl_add_entry_val(), and what reads a
  *   repository error (ostrel_rpy_failure()). They can't know whether their failure is one to the caller: a line that
  *   doesn't parse is passed over. The caller raises what it reports. Hatch code doesn't raise either: on the server the
  *   operation has raised its failure, and in the client the place would be the transport's every time.

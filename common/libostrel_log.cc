@@ -1,8 +1,8 @@
 // The log that the library and its callers share: one message, a priority and a text, to one of three outputs.
 //
 // A reader-writer lock guards the choice of the output. A message holds it for reading while it is written, if its output is
-// one that another thread could close meanwhile. No handler of a fork takes it: a writer may wait in a full pipe for as
-// long as it likes, and a program's own handlers may log. A forked child makes the lock anew instead.
+// one that another thread could close meanwhile. No handler of a fork takes it: a writer may wait in a full pipe without
+// end, and a program's own handlers may log. A forked child initializes the lock again instead.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -35,18 +35,19 @@ ostrel_log_type_t ostrel_log_types[3] = {
 
 unsigned short ostrel_log_semaphore = 0;
 
-ostrel_log_type_t *ostrel_log_type;
-char ostrel_log_execname[1024];
-int ostrel_msglog_fd = -1;
-FILE *ostrel_msglog_fp;
+static RwLock log_lock;
+
+ostrel_log_type_t *ostrel_log_type GUARDED_BY(log_lock);
+char ostrel_log_execname[1024]; // written once, with log_lock; an output without a close reads it without
+int ostrel_msglog_fd GUARDED_BY(log_lock) = -1;
+FILE *ostrel_msglog_fp GUARDED_BY(log_lock);
 
 namespace {
 
-RwLock log_lock;
 ProcessMark log_process;
 
-// The C library sends with a lock of its own held, and no forked child can make that anew: one whose parent had a thread in
-// there sends its messages by itself.
+// The C library sends with a lock of its own held, which no forked child can initialize again. A child whose parent had a
+// thread in there sends its messages by itself.
 std::atomic<int> in_syslog;
 std::atomic<bool> syslog_is_lost;
 
@@ -58,7 +59,7 @@ public:
 	SyslogUse &operator=(const SyslogUse &) = delete;
 };
 
-// Whoever wants to choose comes before the messages that arrive meanwhile, or might wait for ever.
+// A thread that chooses an output comes before messages that arrive later, or might wait without end.
 void renew()
 {
 	pthread_rwlockattr_t attributes;
@@ -70,7 +71,7 @@ void renew()
 		syslog_is_lost = true;
 }
 
-// A call of the log: it isn't cancelled, since it would leave the lock behind, and the caller's errno outlives it.
+// A call of the log. It isn't cancelled, since it would leave the lock held, and it keeps the caller's errno.
 class LogCall {
 public:
 	LogCall() : errno_(errno) { log_process.enter(_meridon_process(), renew); }
@@ -83,7 +84,7 @@ private:
 	CancellationWaits cancellation_;
 };
 
-// The choice goes with the output: what was closed is never written again, and the same name opens it anew.
+// No output is chosen after a close: what was closed is never written to, and the same name opens it again.
 void close_locked() REQUIRES(log_lock)
 {
 	ostrel_log_type_t *type = std::exchange(ostrel_log_type, nullptr);
@@ -148,7 +149,7 @@ void send_to_syslog(int priority, const char *text)
 	struct msghdr message = {};
 	message.msg_iov = parts;
 	message.msg_iovlen = 2;
-	(void) sendmsg(log.get(), &message, MSG_NOSIGNAL); // nobody to tell of a failure
+	(void) sendmsg(log.get(), &message, MSG_NOSIGNAL); // a failed message is lost
 }
 
 // Writes to the chosen output. False if there is none.
@@ -174,7 +175,7 @@ bool write_chosen(int priority, const char *text)
 // ---- The three outputs. The first two are opened and closed with the log's lock held for writing, and written to with it
 // held for reading. ----
 
-void ostrel_msglog_open()
+void ostrel_msglog_open() REQUIRES(log_lock)
 {
 	ostrel_msglog_fd = msglog_open();
 	if (ostrel_msglog_fd < 0)
@@ -189,7 +190,7 @@ void ostrel_msglog_open()
 	(void) setvbuf(ostrel_msglog_fp, nullptr, _IONBF, 0);
 }
 
-void ostrel_msglog_close()
+void ostrel_msglog_close() REQUIRES(log_lock)
 {
 	ostrel_msglog_fd = -1;
 	FILE *stream = std::exchange(ostrel_msglog_fp, nullptr);
@@ -198,7 +199,7 @@ void ostrel_msglog_close()
 	ostrel_syslog_close();
 }
 
-void ostrel_msglog(int priority, const char *text) NO_THREAD_SAFETY_ANALYSIS // reached through the table
+void ostrel_msglog(int priority, const char *text) REQUIRES_SHARED(log_lock)
 {
 	if (ostrel_msglog_fp != nullptr && !write_record(priority, text, MSGLOG_RECORD_MAX) && errno == EINVAL)
 		(void) write_record(priority, text, MSGLOG_RECORD_MAX_OLD);

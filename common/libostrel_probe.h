@@ -1,5 +1,5 @@
 /*
- * The static trace points of the provider "ostrel". A trace point costs one test while nobody is attached to it:
+ * The static trace points of the provider "ostrel". A trace point costs one test while no tracer is attached to it:
  *
  *	if (OSTREL_TRACED(db__read))
  *		ostrel_trace_db_read(result, db, idl, props);

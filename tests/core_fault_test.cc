@@ -41,12 +41,14 @@ ostrel_error_t open_slot(ostrel_db_t db)
 	Heap<void> priv(malloc(100));
 	if (!priv)
 		return OSTREL_NO_MEMORY;
+	MutexLock hold(db->db_privlock);
 	ostrel_db_set_priv(db, priv.release());
 	return OSTREL_SUCCESS;
 }
 
 void close_slot(ostrel_db_t db)
 {
+	MutexLock hold(db->db_privlock);
 	free(ostrel_db_get_priv(db));
 }
 

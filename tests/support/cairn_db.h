@@ -116,6 +116,7 @@ inline std::string walk(const CairnDb &db, const std::string &type)
 // Its native resources. They are looked at while no operation runs, without their lock.
 inline ostrel_rpy_resources_t *resources_of(const CairnDb &db) ASSERT_CAPABILITY(rpy_lock)
 {
+	MutexLock hold(db->db_privlock);
 	return static_cast<ostrel_rpy_resources_t *>(ostrel_db_get_priv(db.get()));
 }
 
