@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "alloc_fault.h"
+#include "hatch_peer.h"
 #include "libostrel_impl.h"
 #include "lists.h"
 #include "log_capture.h"
@@ -41,8 +42,7 @@ namespace {
 
 // What reached the store in one call.
 struct Call {
-	std::string op, idl, second;
-	uint64_t flags;
+	std::string words; // the operation, its lists and its flags
 	pthread_t thread;
 	char thread_name[16];
 	bool takes_signals;
@@ -57,7 +57,7 @@ struct Store {
 
 ostrel_error_t take(const char *op, attrlist_t *idl, uint64_t flags, const std::string &second)
 {
-	Call call = {op, text_of(idl), second, flags, pthread_self(), "", false};
+	Call call = {op + (" " + text_of(idl)) + second + std::to_string(flags), pthread_self(), "", false};
 	pthread_getname_np(pthread_self(), call.thread_name, sizeof(call.thread_name));
 	sigset_t blocked;
 	pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
@@ -86,14 +86,6 @@ int threads_alive()
 	return static_cast<int>(entries_of("/proc/self/task").size());
 }
 
-// Waits until as many threads as before the test are left, 60 seconds at most.
-void wait_for_threads(int expected)
-{
-	for (int i = 0; i < 60000 && threads_alive() > expected; i++)
-		usleep(1000);
-	ASSERT_EQ(threads_alive(), expected);
-}
-
 class Deferred : public testing::Test {
 protected:
 	// With a sanitizer, the first thread brings one of its own along, which stays.
@@ -116,10 +108,10 @@ protected:
 		finish();
 		ostrel_db_close(db_);
 	}
-	// Afterwards the test may look at what the threads wrote: it has taken the locks under which they did.
+	// Waits for the threads' end. Afterwards the test may look at what they wrote: it has taken the locks that they held.
 	void finish() const
 	{
-		wait_for_threads(threads_);
+		ASSERT_TRUE(eventually([&] { return threads_alive() <= threads_; }));
 		ostrel_db_wrlock(db_);
 		std::lock_guard<std::mutex> lock(store.mutex);
 		ostrel_db_unlock(db_);
@@ -137,16 +129,16 @@ protected:
 
 // The three operations that can be deferred, as a caller makes them: its lists are gone when the call returns.
 struct Operation {
-	const char *word, *second;
+	const char *word, *words;
 	ostrel_error_t (*run)(ostrel_db_t db);
 };
 
 const Operation operations[] = {
-    {"write", "prop=value;",
+    {"write", "write name=x;prop=value;4",
 	[](ostrel_db_t db) { return ostrel_db_write(db, idl_of("name=x").get(), 4, props_of("prop=value").get()); }},
-    {"rename", "name=y;",
+    {"rename", "rename name=x;name=y;4",
 	[](ostrel_db_t db) { return ostrel_db_rename(db, idl_of("name=x").get(), 4, idl_of("name=y").get()); }},
-    {"remove", "none", [](ostrel_db_t db) { return ostrel_db_remove(db, idl_of("name=x").get(), 4); }},
+    {"remove", "remove name=x;none4", [](ostrel_db_t db) { return ostrel_db_remove(db, idl_of("name=x").get(), 4); }},
 };
 
 class EachDeferred : public Deferred, public testing::WithParamInterface<Operation> {};
@@ -161,12 +153,8 @@ TEST_P(EachDeferred, IsRepeatedAtOnceOnAThreadWithCopiesOfItsLists)
 	EXPECT_EQ(GetParam().run(db_), OSTREL_SUCCESS);
 	finish();
 	ASSERT_EQ(store.calls.size(), 2u);
-	for (const Call &call : store.calls) {
-		EXPECT_EQ(call.op, GetParam().word);
-		EXPECT_EQ(call.idl, "name=x;");
-		EXPECT_EQ(call.second, GetParam().second);
-		EXPECT_EQ(call.flags, 4u);
-	}
+	EXPECT_EQ(store.calls[0].words, GetParam().words);
+	EXPECT_EQ(store.calls[1].words, GetParam().words);
 	EXPECT_TRUE(pthread_equal(store.calls[0].thread, pthread_self()));
 	EXPECT_FALSE(pthread_equal(store.calls[1].thread, pthread_self()));
 	EXPECT_STREQ(store.calls[1].thread_name, "ostrel_update");
@@ -195,41 +183,31 @@ TEST_P(EachDeferred, GivesUpAfter100RetriesASecondApart)
 TEST_F(Deferred, EndsAtAnotherErrorWithoutAMessage)
 {
 	answer({OSTREL_NEEDS_RETRY, OSTREL_NEEDS_RETRY, OSTREL_EPERM, OSTREL_SUCCESS});
-	EXPECT_EQ(ostrel_db_remove(db_, idl_of("name=x").get(), 0), OSTREL_SUCCESS);
+	EXPECT_EQ(operations[2].run(db_), OSTREL_SUCCESS);
 	finish();
 	EXPECT_EQ(store.calls.size(), 3u);
 	EXPECT_EQ(sleeps, 1);
 	EXPECT_TRUE(log_.lines().empty());
 }
 
-TEST_F(Deferred, IsNotWhatAReadOrAWalkBecomes)
+// Only the library's own mark makes a thread an update thread.
+TEST_F(Deferred, WorksOnACallersThreadOfTheSameName)
+{
+	answer({OSTREL_NEEDS_RETRY, OSTREL_SUCCESS});
+	std::thread([&] {
+		pthread_setname_np(pthread_self(), "ostrel_update");
+		EXPECT_EQ(operations[2].run(db_), OSTREL_SUCCESS);
+	}).join();
+	finish();
+	EXPECT_EQ(store.calls.size(), 2u);
+}
+
+TEST_F(Deferred, IsNeitherAReadNorAWalkNorWhatCantBeTakenOver)
 {
 	answer({OSTREL_NEEDS_RETRY});
 	auto never = [](ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *) { return 0; };
 	EXPECT_EQ(ostrel_db_read(db_, idl_of("name=x").get(), 0, nullptr), OSTREL_NEEDS_RETRY);
 	EXPECT_EQ(ostrel_db_walk(db_, nullptr, 0, never, nullptr, nullptr, nullptr), OSTREL_NEEDS_RETRY);
-	finish();
-	EXPECT_EQ(store.calls.size(), 2u);
-}
-
-// Only the library's own mark makes a thread an update thread.
-TEST_F(Deferred, WorksOnACallersThreadOfTheSameName)
-{
-	answer({OSTREL_NEEDS_RETRY, OSTREL_SUCCESS});
-	ostrel_error_t result = OSTREL_FAILURE;
-	std::thread caller([&] {
-		pthread_setname_np(pthread_self(), "ostrel_update");
-		result = ostrel_db_remove(db_, idl_of("name=x").get(), 0);
-	});
-	caller.join();
-	EXPECT_EQ(result, OSTREL_SUCCESS);
-	finish();
-	EXPECT_EQ(store.calls.size(), 2u);
-}
-
-TEST_F(Deferred, TellsTheCallerWhatCantBeTakenOver)
-{
-	answer({OSTREL_NEEDS_RETRY});
 	EXPECT_EQ(ostrel_db_remove(db_, nullptr, 0), OSTREL_INVALID_ARG);
 
 	pthread_attr_t usual, huge; // a stack for which there is no room
@@ -237,10 +215,10 @@ TEST_F(Deferred, TellsTheCallerWhatCantBeTakenOver)
 	ASSERT_EQ(pthread_getattr_default_np(&huge), 0);
 	ASSERT_EQ(pthread_attr_setstacksize(&huge, 1UL << 47), 0);
 	ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
-	EXPECT_EQ(ostrel_db_write(db_, idl_of("name=x").get(), 0, props_of("prop=v").get()), OSTREL_FAILURE);
+	EXPECT_EQ(operations[0].run(db_), OSTREL_FAILURE);
 	ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
 	finish();
-	EXPECT_EQ(store.calls.size(), 2u) << "neither is tried again";
+	EXPECT_EQ(store.calls.size(), 4u) << "nothing is tried again";
 }
 
 TEST_F(Deferred, ReportsEachAllocationThatFailsAndLeavesNothing)
@@ -266,54 +244,34 @@ TEST_F(Deferred, ReportsEachAllocationThatFailsAndLeavesNothing)
 
 // ---- Many at once ----
 
-namespace {
-
-// Takes `count` updates while the store can't be written, and lets them all land together.
-void defer_many(ostrel_db_t db, int count, int threads_before)
-{
-	hold_sleepers = true;
-	for (int i = 0; i < count; i++)
-		ASSERT_EQ(ostrel_db_write(db, idl_of("name=" + std::to_string(i)).get(), 0, props_of("prop=v").get()),
-		    OSTREL_SUCCESS);
-	EXPECT_EQ(threads_alive(), threads_before + count) << "all are in flight";
-	hold_sleepers = false;
-	hold_sleepers.notify_all();
-	wait_for_threads(threads_before);
-}
-
-size_t heap_bytes()
-{
-	return mallinfo2().uordblks;
-}
-
-} // namespace
-
 TEST_F(Deferred, ThousandInFlightAllLandAndLeaveNothing)
 {
 	constexpr int count = 1000;
-	std::set<std::string> landed; // guarded by the store's mutex
+	std::set<std::string> landed; // guarded by the store's mutex, as the next one
 	int landings = 0;
 	store.answer = [&](size_t) {
-		Call call = store.calls.back();
+		const std::string words = store.calls.back().words;
 		store.calls.clear();
 		if (hold_sleepers)
 			return OSTREL_NEEDS_RETRY;
-		landed.insert(call.idl + call.second);
+		landed.insert(words);
 		landings++;
 		return OSTREL_SUCCESS;
 	};
 	size_t bytes = 0;
 	for (int round = 0; round < 2; round++) { // the first round fills the caches of the C library
-		landings = 0;
-		defer_many(db_, count, threads_);
+		hold_sleepers = true;
+		for (int i = 0; i < count; i++)
+			ASSERT_EQ(ostrel_db_remove(db_, idl_of("name=" + std::to_string(i)).get(), 0), OSTREL_SUCCESS);
+		EXPECT_EQ(threads_alive(), threads_ + count) << "all are in flight";
+		hold_sleepers = false;
+		hold_sleepers.notify_all();
 		finish();
-		EXPECT_EQ(landings, count);
+		EXPECT_EQ(landings, count * (round + 1));
 		EXPECT_EQ(landed.size(), static_cast<size_t>(count));
-		EXPECT_EQ(landed.count("name=999;prop=v;"), 1u);
-		landed.clear();
 		if (round == 0)
-			bytes = heap_bytes();
+			bytes = mallinfo2().uordblks;
 	}
-	EXPECT_LT(heap_bytes(), bytes + count * 16) << "less than a small block for each update";
+	EXPECT_LT(mallinfo2().uordblks, bytes + count * 16) << "less than a small block for each update";
 	EXPECT_TRUE(log_.lines().empty());
 }

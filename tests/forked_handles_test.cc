@@ -1,4 +1,5 @@
-// Handles in forked children of processes whose threads are in the middle of using them.
+// Handles in forked children of processes whose threads are in the middle of using them. Three kinds of fork: with the
+// handlers of pthread_atfork(), without them, and into a new namespace of process ids.
 #include <csignal>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -11,46 +12,41 @@
 
 namespace {
 
-// The kinds of fork: with the handlers of pthread_atfork(), without them, and into a new namespace of process ids.
-pid_t plain_fork()
-{
-	return fork();
-}
+// A fork without the handlers of pthread_atfork(), perhaps into a new namespace of process ids.
 pid_t bare_fork(unsigned long flags)
 {
 	return static_cast<pid_t>(syscall(SYS_clone, flags | SIGCHLD, 0, 0, 0, 0));
 }
 
-// The status of a child; one that hangs is killed. An alarm wouldn't reach the first process of a namespace.
-int status_of(pid_t child)
+// Whether a child succeeds; one that hangs is killed. An alarm wouldn't reach the first process of a namespace.
+bool succeeds(pid_t child)
 {
 	int status = -1;
 	if (!eventually([&] { return waitpid(child, &status, WNOHANG) == child; })) {
 		(void) kill(child, SIGKILL);
 		(void) waitpid(child, &status, 0);
 	}
-	return status;
+	return status == 0;
 }
 
-bool read_in_child(pid_t child, ostrel_db_t db, const char *idl)
+bool reads(ostrel_db_t db, const char *idl)
 {
-	if (child == 0) {
-		AttrList ids = idl_of(idl), props;
-		_exit(ostrel_db_read(db, ids.get(), 0, props.out()) == OSTREL_SUCCESS ? 0 : 1);
-	}
-	return status_of(child) == 0;
+	AttrList ids = idl_of(idl), props;
+	return ostrel_db_read(db, ids.get(), 0, props.out()) == OSTREL_SUCCESS;
 }
 
 // With all locks of the handle held, as threads hold them that a child doesn't have.
 bool reads_in_children(ostrel_db_t db, const char *idl) NO_THREAD_SAFETY_ANALYSIS
 {
-	AttrList ids = idl_of(idl), props;
-	bool good = ostrel_db_read(db, ids.get(), 0, props.out()) == OSTREL_SUCCESS;
+	bool good = reads(db, idl);
 	ostrel_db_wrlock(db);
 	ostrel_db_lock_priv(db);
-	good = good && read_in_child(plain_fork(), db, idl);
-	good = good && read_in_child(bare_fork(0), db, idl);
-	good = good && (geteuid() != 0 || read_in_child(bare_fork(CLONE_NEWPID), db, idl));
+	for (int kind = 0; kind < (geteuid() == 0 ? 3 : 2); kind++) {
+		const pid_t child = kind == 0 ? fork() : bare_fork(kind == 1 ? 0 : CLONE_NEWPID);
+		if (child == 0)
+			_exit(reads(db, idl) ? 0 : 1);
+		good = good && succeeds(child);
+	}
 	ostrel_db_unlock_priv(db);
 	ostrel_db_unlock(db);
 	return good;
@@ -60,12 +56,12 @@ bool reads_in_children(ostrel_db_t db, const char *idl) NO_THREAD_SAFETY_ANALYSI
 void expect_reads(ostrel_db_t db, const char *idl)
 {
 #ifdef __SANITIZE_THREAD__
-	GTEST_SKIP() << "ThreadSanitizer takes a lock that a child makes anew for the one that was held";
+	GTEST_SKIP() << "ThreadSanitizer takes a lock that a child initializes again for the one that was held";
 #endif
-	const pid_t first = geteuid() == 0 ? bare_fork(CLONE_NEWPID) : plain_fork();
+	const pid_t first = geteuid() == 0 ? bare_fork(CLONE_NEWPID) : fork();
 	if (first == 0)
 		_exit(reads_in_children(db, idl) ? 0 : 1);
-	EXPECT_EQ(status_of(first), 0) << idl;
+	EXPECT_TRUE(succeeds(first)) << idl;
 }
 
 TEST(ForkedHandles, AFile)

@@ -24,9 +24,6 @@ struct Hit {
 	const std::string &operator[](const char *word) { return words[word]; }
 };
 
-// What the kernel shows for the text behind a NULL pointer.
-const std::string no_text = "(fault)";
-
 // tracefs, mounted for this process at a place of its own: whether and where the machine has it doesn't matter. Events and
 // the instance that collects their hits carry this process's id, so that tests beside this one aren't disturbed.
 class Tracefs {
@@ -38,15 +35,10 @@ public:
 	{
 		if (geteuid() != 0)
 			return "needs root";
-		if (mkdtemp(root_.data()) == nullptr)
-			return "no temporary directory";
-		made_ = true;
-		if (mount("none", root_.c_str(), "tracefs", 0, nullptr) != 0)
-			return std::string("tracefs can't be mounted: ") + strerror(errno);
-		mounted_ = true;
-		if (access((root_ + "/uprobe_events").c_str(), W_OK) != 0)
-			return "this kernel has no uprobe events";
-		drop_dead_ones();
+		mounted_ = mount("none", scratch_.directory().c_str(), "tracefs", 0, nullptr) == 0;
+		if (!mounted_ || access(scratch_.path("uprobe_events").c_str(), W_OK) != 0)
+			return std::string("no tracefs with uprobe events: ") + strerror(errno);
+		drop_events();
 		return "";
 	}
 
@@ -57,13 +49,11 @@ public:
 		FILE *pipe = popen(command.c_str(), "r");
 		ASSERT_NE(pipe, nullptr);
 		char line[1000];
-		int lines = 0;
-		for (; fgets(line, sizeof(line), pipe) != nullptr; lines++)
-			write("/uprobe_events", line);
+		while (fgets(line, sizeof(line), pipe) != nullptr)
+			write("uprobe_events", line);
 		ASSERT_EQ(pclose(pipe), 0);
-		ASSERT_GT(lines, 0);
 		ASSERT_EQ(mkdir(instance(getpid()).c_str(), 0700), 0) << strerror(errno);
-		write("/instances/" + group(getpid()) + "/events/" + group(getpid()) + "/enable", "1");
+		write("instances/" + group(getpid()) + "/events/" + group(getpid()) + "/enable", "1");
 	}
 
 	// The hits of this process since the last call, in order.
@@ -83,48 +73,34 @@ public:
 
 	void close()
 	{
-		if (mounted_) {
-			drop(getpid());
-			EXPECT_EQ(umount(root_.c_str()), 0) << strerror(errno);
-		}
-		if (made_)
-			rmdir(root_.c_str());
-		mounted_ = made_ = false;
+		if (!std::exchange(mounted_, false))
+			return;
+		drop_events();
+		if (umount2(scratch_.directory().c_str(), MNT_DETACH) != 0)
+			abort(); // what Scratch does at its end isn't for tracefs
 	}
 
 private:
 	static std::string group(pid_t pid) { return "ostrel_test_" + std::to_string(pid); }
-	std::string instance(pid_t pid) const { return root_ + "/instances/" + group(pid); }
+	std::string instance(pid_t pid) const { return scratch_.path("instances/" + group(pid)); }
 
 	void write(const std::string &file, const std::string &text)
 	{
-		Fd fd(::open((root_ + file).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-		EXPECT_TRUE(fd) << file << ": " << strerror(errno);
+		Fd fd(::open(scratch_.path(file).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
 		EXPECT_EQ(::write(fd.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()))
 		    << file << " refused " << text << ": " << strerror(errno);
 	}
 
-	void drop(pid_t pid)
+	// Those of this process, and those that a killed test has left.
+	void drop_events()
 	{
-		rmdir(instance(pid).c_str()); // which disables the events
-		std::ifstream definitions(root_ + "/uprobe_events");
-		std::vector<std::string> mine;
-		for (std::string line; std::getline(definitions, line);) {
-			if (line.rfind("p:" + group(pid) + "/", 0) == 0)
-				mine.push_back("-" + line.substr(1, line.find(' ') - 1));
-		}
-		for (const std::string &definition : mine)
-			write("/uprobe_events", definition);
-	}
-
-	// A test that was killed leaves its definitions behind.
-	void drop_dead_ones()
-	{
-		std::ifstream definitions(root_ + "/uprobe_events");
+		std::istringstream definitions(file_text(scratch_.path("uprobe_events")));
 		for (std::string line; std::getline(definitions, line);) {
 			const pid_t pid = line.rfind("p:ostrel_test_", 0) == 0 ? atoi(line.c_str() + 14) : 0;
-			if (pid > 0 && kill(pid, 0) != 0 && errno == ESRCH)
-				drop(pid);
+			if (pid != getpid() && (pid <= 0 || kill(pid, 0) == 0 || errno != ESRCH))
+				continue;
+			rmdir(instance(pid).c_str()); // which disables the events
+			write("uprobe_events", "-" + line.substr(1, line.find(' ') - 1));
 		}
 	}
 
@@ -144,10 +120,11 @@ private:
 		return hit;
 	}
 
-	std::string root_ = testing::TempDir() + "ostrel-tracefs-XXXXXX";
-	bool made_ = false;
+	Scratch scratch_;
 	bool mounted_ = false;
 };
+
+using Lines = std::vector<std::string>;
 
 class Tracepoints : public testing::Test {
 protected:
@@ -169,31 +146,33 @@ protected:
 		ostrel_db_close(db_);
 		ASSERT_EQ(ostrel_db_open(path.c_str(), 0, cmds, 0, &db_), OSTREL_SUCCESS);
 		name_ = path;
-		tracefs_.hits();
 	}
-	// The one hit of `probe` since the last look. Reports of failures are passed over.
-	Hit the_hit(const std::string &probe)
+	// The hits since the last look: the result as a number, the third and fourth argument, and the result's text; "-" is a
+	// NULL. Of a callback's hit the last one is its argument.
+	Lines seen()
 	{
-		std::vector<Hit> found;
-		for (const Hit &hit : tracefs_.hits()) {
-			if (hit.probe != "seterror")
-				found.push_back(hit);
+		Lines lines;
+		for (Hit &hit : tracefs_.hits()) {
+			auto text = [&](const char *arg, const char *word) {
+				return hit[arg] == "0" ? "-" : hit[word];
+			};
+			std::string line = hit.probe + " " + hit["a0"];
+			if (hit.probe == "seterror" || hit.probe == "log") {
+				lines.push_back(line + " " + hit["s1"]);
+				continue;
+			}
+			EXPECT_EQ(hit["s1"], name_);
+			line += " " + text("a2", "s2") + " " + text("a3", "s3") + " ";
+			lines.push_back(line + (hit.probe == "db__walk__cb" ? hit["a4"] : text("a4", "s4")));
 		}
-		EXPECT_EQ(found.size(), 1U) << probe;
-		if (found.size() != 1)
-			return {};
-		EXPECT_EQ(found[0].probe, probe);
-		EXPECT_EQ(found[0]["s1"], name_);
-		return found[0];
+		return lines;
 	}
-	// The fifth argument is the text of the result, and NULL with a success.
-	void expect(Hit hit, ostrel_error_t result, const std::string &third, const std::string &fourth)
+	// The same without the reports of failures.
+	Lines operations()
 	{
-		EXPECT_EQ(hit["a0"], std::to_string(result));
-		EXPECT_EQ(hit["s2"], third);
-		EXPECT_EQ(hit["a3"] == "0" ? no_text : hit["s3"], fourth);
-		EXPECT_EQ(hit["a4"] == "0" ? no_text : hit["s4"],
-		    result == OSTREL_SUCCESS ? no_text : ostrel_strerror(result));
+		Lines lines = seen();
+		std::erase_if(lines, [](const std::string &line) { return line.rfind("seterror", 0) == 0; });
+		return lines;
 	}
 
 	Tracefs tracefs_;
@@ -204,37 +183,27 @@ protected:
 
 TEST_F(Tracepoints, UpdatesShowResultNameIdentifiersAndWhatWasGiven)
 {
-	AttrList a1 = idl_of("a=1");
-	AttrList a2 = idl_of("a=2;b=x");
-	AttrList props = props_of("p=x;q=y");
+	AttrList a1 = idl_of("a=1"), a2 = idl_of("a=2;b=x"), props = props_of("p=x;q=y");
 	EXPECT_EQ(ostrel_db_write(db_, a1.get(), 0, props.get()), OSTREL_SUCCESS);
-	expect(the_hit("db__write"), OSTREL_SUCCESS, "a=1;", "p=x;q=y;");
 	EXPECT_EQ(ostrel_db_rename(db_, a1.get(), 0, a2.get()), OSTREL_SUCCESS);
-	expect(the_hit("db__rename"), OSTREL_SUCCESS, "a=1;", "a=2;b=x;");
 	EXPECT_EQ(ostrel_db_rename(db_, a1.get(), 0, a2.get()), OSTREL_NOT_FOUND);
-	expect(the_hit("db__rename"), OSTREL_NOT_FOUND, "a=1;", "a=2;b=x;");
-	EXPECT_EQ(ostrel_db_remove(db_, a1.get(), 0), OSTREL_NOT_FOUND);
-	expect(the_hit("db__remove"), OSTREL_NOT_FOUND, "a=1;", no_text);
 	EXPECT_EQ(ostrel_db_remove(db_, a2.get(), 0), OSTREL_SUCCESS);
-	expect(the_hit("db__remove"), OSTREL_SUCCESS, "a=2;b=x;", no_text);
-
+	EXPECT_EQ(ostrel_db_remove(db_, a2.get(), 0), OSTREL_NOT_FOUND);
+	EXPECT_EQ(operations(), (Lines{"db__write 0 a=1; p=x;q=y; -", "db__rename 0 a=1; a=2;b=x; -",
+				    "db__rename 4 a=1; a=2;b=x; object not found", "db__remove 0 a=2;b=x; - -",
+				    "db__remove 4 a=2;b=x; - object not found"}));
 	open(scratch_.path("missing/some.db"));
 	EXPECT_EQ(ostrel_db_write(db_, a1.get(), 0, props.get()), OSTREL_NOT_FOUND);
-	expect(the_hit("db__write"), OSTREL_NOT_FOUND, "a=1;", "p=x;q=y;");
-}
+	EXPECT_EQ(operations(), Lines{"db__write 4 a=1; p=x;q=y; object not found"});
 
-TEST_F(Tracepoints, ARefusedUpdateIsSeenUnlessItIsARemove)
-{
+	// A refused one is seen unless it is a remove.
 	open(path_, ostrel_rawfiles_db_cmds);
-	AttrList idl = idl_of("a=1");
-	EXPECT_EQ(ostrel_db_write(db_, idl.get(), 0, idl.get()), OSTREL_INVALID_ARG);
-	expect(the_hit("db__write"), OSTREL_INVALID_ARG, "a=1;", "a=;");
-	EXPECT_EQ(ostrel_db_rename(db_, idl.get(), 0, nullptr), OSTREL_INVALID_ARG);
-	expect(the_hit("db__rename"), OSTREL_INVALID_ARG, "a=1;", "");
-	EXPECT_EQ(ostrel_db_remove(db_, idl.get(), 0), OSTREL_INVALID_ARG);
-	const std::vector<Hit> hits = tracefs_.hits();
-	ASSERT_EQ(hits.size(), 1U);
-	EXPECT_EQ(hits[0].probe, "seterror");
+	EXPECT_EQ(ostrel_db_write(db_, a1.get(), 0, a1.get()), OSTREL_INVALID_ARG);
+	EXPECT_EQ(ostrel_db_rename(db_, a1.get(), 0, nullptr), OSTREL_INVALID_ARG);
+	EXPECT_EQ(ostrel_db_remove(db_, a1.get(), 0), OSTREL_INVALID_ARG);
+	const std::string report = "seterror 2 libostrel_attempt.cc";
+	EXPECT_EQ(seen(), (Lines{report, "db__write 2 a=1; a=; invalid argument", report,
+			      "db__rename 2 a=1;  invalid argument", report}));
 }
 
 // A missing file, and one without objects, are reported; a search in one that has some isn't.
@@ -245,67 +214,44 @@ TEST_F(Tracepoints, AnUpdateOfNothingIsReportedUnlessItSearched)
 			std::ofstream(path_) << text;
 		EXPECT_EQ(ostrel_db_remove(db_, idl_of("a=1").get(), 0), OSTREL_NOT_FOUND);
 		EXPECT_EQ(ostrel_db_rename(db_, idl_of("a=1").get(), 0, idl_of("a=2").get()), OSTREL_NOT_FOUND);
-		int reported = 0;
-		for (const Hit &hit : tracefs_.hits())
-			reported += hit.probe == "seterror";
-		EXPECT_EQ(reported, *text == 'b' ? 0 : 2) << text;
+		EXPECT_EQ(seen().size(), *text == 'b' ? 2U : 4U) << text;
 	}
 }
 
 TEST_F(Tracepoints, ReadsShowWhatTheyFound)
 {
-	ASSERT_EQ(ostrel_db_write(db_, idl_of("a=1;b=x").get(), 0, props_of("p=x").get()), OSTREL_SUCCESS);
-	tracefs_.hits();
-	AttrList idl = idl_of("a=1;b=X");
-	AttrList found;
+	std::ofstream(path_) << "a=1;b=x;\tp=string,x;\n";
+	AttrList idl = idl_of("a=1;b=X"), found;
 	EXPECT_EQ(ostrel_db_read(db_, idl.get(), 0, found.out()), OSTREL_SUCCESS);
-	expect(the_hit("db__read"), OSTREL_SUCCESS, "a=1;b=x;", "p=x;"); // merged by then
 	EXPECT_EQ(ostrel_db_read(db_, idl.get(), 0, nullptr), OSTREL_SUCCESS);
-	expect(the_hit("db__read"), OSTREL_SUCCESS, "a=1;b=x;", "");
 	EXPECT_EQ(ostrel_db_read(db_, idl_of("a=2").get(), 0, found.out()), OSTREL_NOT_FOUND);
-	expect(the_hit("db__read"), OSTREL_NOT_FOUND, "a=2;", no_text);
+	EXPECT_EQ(seen(), (Lines{"db__read 0 a=1;b=x; p=x; -", // merged by then
+			      "db__read 0 a=1;b=x;  -", "db__read 4 a=2; - object not found"}));
 }
 
 TEST_F(Tracepoints, AWalkShowsItselfAndEachCallback)
 {
-	for (const char *id : {"a=1", "a=2", "a=3"})
-		ASSERT_EQ(ostrel_db_write(db_, idl_of(id).get(), 0, props_of("p=x").get()), OSTREL_SUCCESS);
-	tracefs_.hits();
+	std::ofstream(path_) << "a=1;\tp=string,x;\na=2;\tp=string,x;\na=3;\tp=string,x;\n";
 	int visits = 0;
 	auto visit = [](ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *arg) {
 		return ++*static_cast<int *>(arg) == 2 ? -7 : 0;
 	};
-	AttrList search = idl_of("a=");
-	EXPECT_EQ(ostrel_db_walk(db_, search.get(), 0, visit, nullptr, &visits, nullptr), OSTREL_WALK_HALTED);
-	std::vector<Hit> hits = tracefs_.hits();
-	ASSERT_EQ(hits.size(), 3U);
-	for (size_t i = 0; i < 2; i++) {
-		EXPECT_EQ(hits[i].probe, "db__walk__cb");
-		EXPECT_EQ(hits[i]["a0"], i == 0 ? "0" : "-7");
-		EXPECT_EQ(hits[i]["s1"], path_);
-		EXPECT_EQ(hits[i]["s2"], i == 0 ? "a=1;" : "a=2;");
-		EXPECT_EQ(hits[i]["s3"], "p=x;");
-		EXPECT_EQ(hits[i]["a4"], std::to_string(reinterpret_cast<uintptr_t>(&visits)));
-	}
-	EXPECT_EQ(hits[2].probe, "db__walk");
-	EXPECT_EQ(hits[2]["s1"], path_);
-	expect(hits[2], OSTREL_WALK_HALTED, "a=;", no_text);
+	EXPECT_EQ(ostrel_db_walk(db_, idl_of("a=").get(), 0, visit, nullptr, &visits, nullptr), OSTREL_WALK_HALTED);
+	const std::string arg = std::to_string(reinterpret_cast<uintptr_t>(&visits));
+	EXPECT_EQ(seen(), (Lines{"db__walk__cb 0 a=1; p=x; " + arg, "db__walk__cb -7 a=2; p=x; " + arg,
+			      "db__walk 5 a=; - callback function halted walk"}));
 }
 
 TEST_F(Tracepoints, AFailureIsReportedWithItsPlaceAndASuccessIsNot)
 {
 	EXPECT_EQ(ostrel_db_write(db_, idl_of("a=1").get(), 0, props_of("p=x").get()), OSTREL_SUCCESS);
 	EXPECT_EQ(ostrel_db_check_auth(db_, B_TRUE), OSTREL_SUCCESS);
-	for (const Hit &hit : tracefs_.hits())
-		EXPECT_NE(hit.probe, "seterror");
-
+	EXPECT_EQ(seen(), Lines{"db__write 0 a=1; p=x; -"});
 	ostrel_db_t refused;
 	EXPECT_EQ(ostrel_db_open(nullptr, 0, ostrel_files_db_cmds, 0, &refused), OSTREL_INVALID_ARG);
 	std::vector<Hit> hits = tracefs_.hits();
 	ASSERT_EQ(hits.size(), 1U);
-	EXPECT_EQ(hits[0].probe, "seterror");
-	EXPECT_EQ(hits[0]["a0"], std::to_string(OSTREL_INVALID_ARG));
-	EXPECT_EQ(hits[0]["s1"], "libostrel.cc");
+	EXPECT_EQ(hits[0].probe + hits[0]["a0"] + hits[0]["s1"], "seterror2libostrel.cc");
 	// The line is that of the report itself.
 	std::ifstream source(TEST_SOURCE_DIR "/common/libostrel.cc");
 	std::string line;
@@ -318,11 +264,7 @@ TEST_F(Tracepoints, AMessageIsSeenAlsoWhenNoOutputTakesIt)
 {
 	ASSERT_EQ(unsetenv("OSTREL_LOG"), 0);
 	ostrel_log(3, "%d %s", 42, "words");
-	std::vector<Hit> hits = tracefs_.hits();
-	ASSERT_EQ(hits.size(), 1U);
-	EXPECT_EQ(hits[0].probe, "log");
-	EXPECT_EQ(hits[0]["a0"], "3");
-	EXPECT_EQ(hits[0]["s1"], "42 words");
+	EXPECT_EQ(seen(), Lines{"log 3 42 words"});
 }
 
 } // namespace
