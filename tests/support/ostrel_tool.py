@@ -1,4 +1,4 @@
-# What the tests of the tool share: running it, in a directory of the test's own, and on a terminal of its own.
+# What the tests of the tools share: running one, in a directory of the test's own, and on a terminal of its own.
 import json
 import os
 import pty
@@ -14,7 +14,14 @@ import unittest
 
 BUILD = sys.argv[1] if len(sys.argv) > 1 else "build/release"
 SOURCE = sys.argv[2] if len(sys.argv) > 2 else "."
-OSTREL = os.path.join(os.path.abspath(BUILD), "tools", "ostrel")
+needs_root = unittest.skipUnless(os.geteuid() == 0, "needs root")
+
+
+def program(name, folder="tools"):
+    return os.path.join(os.path.abspath(BUILD), folder, name)
+
+
+OSTREL, CAIRNCTL = program("ostrel"), program("cairnctl")
 
 
 # Whether the tool was built with sanitizers, which reserve memory and take time of their own.
@@ -35,6 +42,8 @@ class Result:
 
 
 class ToolTest(unittest.TestCase):
+    command = None  # the words that a run begins with; None: ostrel
+
     def setUp(self):
         memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
         self.dir = tempfile.mkdtemp(prefix="ostrel-tool-", dir=memory)
@@ -58,14 +67,14 @@ class ToolTest(unittest.TestCase):
             return f.read()
 
     def run_tool(self, *words, stdin=b"", **more):
-        done = subprocess.run([OSTREL, *words], input=stdin, capture_output=True, cwd=self.dir, env=self.env,
+        done = subprocess.run([*(self.command or [OSTREL]), *words], input=stdin, capture_output=True, cwd=self.dir, env=self.env,
                               timeout=60, **more)
         return Result(done.returncode, done.stdout, done.stderr)
 
     # Runs the tool and demands an exit code; gives what it printed.
     def tool(self, *words, code=0, **more):
         result = self.run_tool(*words, **more)
-        self.assertEqual(result.code, code, f"ostrel {words}: {result.out!r} {result.err!r}")
+        self.assertEqual(result.code, code, f"{words}: {result.out!r} {result.err!r}")
         return result
 
     def text(self, *words, **more):
@@ -81,7 +90,7 @@ class ToolTest(unittest.TestCase):
     def on_terminal(self, *words, columns=80, code=0, first=lambda: None):
         leader, follower = pty.openpty()
         fcntl.ioctl(follower, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
-        child = subprocess.Popen([OSTREL, *words], stdin=subprocess.DEVNULL, stdout=follower, stderr=follower,
+        child = subprocess.Popen([*(self.command or [OSTREL]), *words], stdin=subprocess.DEVNULL, stdout=follower, stderr=follower,
                                  cwd=self.dir, env=self.env)
         os.close(follower)
         first()
@@ -97,6 +106,12 @@ class ToolTest(unittest.TestCase):
         os.close(leader)
         self.assertEqual(child.wait(60), code)
         return seen.replace(b"\r\n", b"\n")
+
+    # Runs a script of bash in a mount namespace of its own, with the tool as the variable `tool`.
+    @needs_root
+    def with_mounts(self, script, *words):
+        return subprocess.run(["unshare", "-m", "bash", "-c", f"set -e; tool={OSTREL}\n{script}", "sh", *words],
+                              cwd=self.dir, env=self.env, capture_output=True, timeout=120)
 
 
 def main():

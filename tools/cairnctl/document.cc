@@ -69,7 +69,8 @@ std::optional<std::string> text_from_json(const std::string &text)
 
 [[noreturn]] void refuse(const std::string &where, const std::string &why)
 {
-	throw Failure(Exit::invalid, fmt::format("{}: {}", where, why), "see cairnctl(8) for the form of a document");
+	throw Failure(Exit::invalid, fmt::format("{}: {}", where, why))
+	    .next("see cairnctl(8) for the form of a document");
 }
 
 const Json &array_in(const Json &part, const char *key, const std::string &where)
@@ -181,8 +182,8 @@ void check_document(const Json &document, const std::string &file)
 	const Json version = document.is_object() ? document.value("version", Json()) : Json();
 	if (!document.is_object() || document.value("format", Json()) != document_format ||
 	    (version != document_version && version != 1))
-		throw Failure(
-		    Exit::invalid, file + ": no document of a repository", "give what 'cairnctl export' wrote");
+		throw Failure(Exit::invalid, file + ": no document of a repository")
+		    .next("give what 'cairnctl export' wrote");
 	std::set<std::string> names;
 	for (const Json &service : array_in(document, "services", file)) {
 		std::string name = checked_text(service, "name", file);
@@ -253,10 +254,7 @@ Json parse_document(const std::string &text, const std::string &file)
 		check_document(document, file);
 		return document;
 	} catch (const Json::exception &error) {
-		const std::string what = error.what();
-		const size_t bracket = what.find("] "); // behind the parser's own name for the error
-		throw Failure(Exit::invalid,
-		    fmt::format("{}: {}", file, bracket == what.npos ? what : what.substr(bracket + 2)),
-		    "see cairnctl(8) for the form of a document");
+		throw Failure(Exit::invalid, fmt::format("{}: {}", file, parse_error_text(error)))
+		    .next("see cairnctl(8) for the form of a document");
 	}
 }

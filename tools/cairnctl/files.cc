@@ -7,45 +7,31 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <base/guards.h>
 #include <fmt/format.h>
 
 #include "shared/failure.h"
 
 namespace {
 
-struct Descriptor {
-	int fd;
-	~Descriptor()
-	{
-		if (fd >= 0)
-			(void) close(fd);
-	}
-};
+constexpr const char *path_hint = "the path, or a directory on it, isn't there, or can hold no files";
 
-constexpr struct {
-	int error;
-	Exit code;
-	const char *hint;
-} error_rows[] = {
+constexpr ErrorMeaning error_meanings[] = {
     {EACCES, Exit::permission,
 	"look at the rights with ls -ld; what is written is made beside the file first, in its directory"},
     {EPERM, Exit::permission, "the directory, or the file, may be marked as not to be changed: see lsattr -d"},
     {EROFS, Exit::permission, "the file system is read-only: give a path in another one"},
     {EISDIR, Exit::invalid, "give the path of a file"},
     {EBUSY, Exit::failure, "the file is mounted there by itself, and can't be replaced: give another path"},
-    {ENOENT, Exit::failure, "the path, or a directory on it, isn't there, or can hold no files"},
+    {ENOENT, Exit::failure, path_hint},
     {ENOSPC, Exit::failure, "make room, or give a path in another file system"},
     {EDQUOT, Exit::failure, "the quota of its owner is used up"},
     {ENOMEM, Exit::memory, ""},
 };
 
-[[noreturn]] void fail_with(int error, const std::string &doing, Exit otherwise = Exit::failure)
+[[noreturn]] void fail_with(int error, const std::string &doing)
 {
-	const std::string text = fmt::format("{}: {}", doing, std::strerror(error));
-	for (const auto &row : error_rows)
-		if (row.error == error)
-			throw Failure(row.code == Exit::failure ? otherwise : row.code, text, row.hint);
-	throw Failure(otherwise, text, "");
+	throw failure_by_error(error_meanings, error, fmt::format("{}: {}", doing, std::strerror(error)));
 }
 
 std::string read_all(int fd, const std::string &name)
@@ -77,9 +63,9 @@ void write_all(int fd, std::string_view bytes, const std::string &name)
 
 // A file beside another one, until it takes that one's place.
 struct NewFile {
-	explicit NewFile(const std::string &path) : name(path + ".XXXXXX"), file{mkostemp(name.data(), O_CLOEXEC)}
+	explicit NewFile(const std::string &path) : name(path + ".XXXXXX"), file(mkostemp(name.data(), O_CLOEXEC))
 	{
-		if (file.fd == -1)
+		if (!file)
 			fail_with(errno, path + ": can't be made");
 	}
 	NewFile(const NewFile &) = delete;
@@ -97,15 +83,15 @@ struct NewFile {
 	}
 
 	std::string name; // of its own, so that one that a killed run left is in nobody's way
-	Descriptor file;
+	Fd file;
 };
 
 void sync_directory_of(const std::string &path)
 {
 	size_t slash = path.rfind('/');
 	std::string directory = slash == path.npos ? "." : path.substr(0, slash + 1);
-	Descriptor opened = {open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-	if (opened.fd == -1 || fsync(opened.fd) == -1)
+	const Fd opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+	if (!opened || fsync(opened.get()) == -1)
 		fail_with(errno, path + ": is in place, but its directory can't be synced");
 }
 
@@ -115,21 +101,23 @@ std::string read_file(const std::string &path)
 {
 	if (path.empty() || path == "-")
 		return read_all(STDIN_FILENO, "the standard input");
-	Descriptor file = {open(path.c_str(), O_RDONLY | O_CLOEXEC)};
-	if (file.fd == -1)
-		fail_with(errno, path, errno == ENOENT || errno == ENOTDIR ? Exit::not_found : Exit::failure);
-	return read_all(file.fd, path);
+	const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	if (!file && (errno == ENOENT || errno == ENOTDIR))
+		throw Failure(Exit::not_found, fmt::format("{}: {}", path, std::strerror(errno))).next(path_hint);
+	if (!file)
+		fail_with(errno, path);
+	return read_all(file.get(), path);
 }
 
 void write_file(const std::string &path, std::string_view bytes)
 {
 	struct stat there;
 	if (lstat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode) && !S_ISLNK(there.st_mode))
-		throw Failure(Exit::invalid,
-		    fmt::format("{}: isn't a regular file, and would be replaced by one", path),
-		    "give the path of a file, or of one that doesn't exist yet");
+		throw Failure(
+		    Exit::invalid, fmt::format("{}: isn't a regular file, and would be replaced by one", path))
+		    .next("give the path of a file, or of one that doesn't exist yet");
 	NewFile made(path);
-	write_all(made.file.fd, bytes, path);
+	write_all(made.file.get(), bytes, path);
 	made.replace(path);
 	sync_directory_of(path);
 }

@@ -1,88 +1,84 @@
-// cairnctl: the service repository from the command line.
-#include <algorithm>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
-#include <exception>
-#include <new>
-
+// cairnctl: the service repository from the command line. Here: the table of commands, and what several of them share.
 #include <fmt/format.h>
 
 #include "command.h"
-#include "shared/failure.h"
-#include "shared/standard_streams.h"
+#include "shared/enclaves.h"
+#include "shared/visible.h"
 
 const char *const program_name = "cairnctl";
 
 namespace {
 
-void declare(CLI::App &app, Options &options)
-{
-	app.require_subcommand(1);
-	app.fallthrough(); // --json may stand anywhere
-	app.set_version_flag("--version", "cairnctl " CAIRNCTL_VERSION);
-	app.add_flag("--json", options.json, "print data and errors as JSON");
-	app.add_option("--hatch", options.hatch, "the hatch of the daemon to ask")->type_name("PATH");
-	app.footer("A locator is NAME[/NAME...] for a service, NAME[/NAME...]:INSTANCE for an instance.\n"
-		   "Exit codes: 0 done, 1 failure, 2 usage, 3 permission, 4 not found, 5 exists, 6 invalid argument,\n"
-		   "7 the store can't be written, or changes too fast, at present, 9 no memory, 10 differences or "
-		   "findings, 11 no daemon.");
-	for (size_t i = 0; i < command_count; i++) {
-		CLI::App *command = app.add_subcommand(commands[i].name, commands[i].summary);
-		command->footer(commands[i].help);
-		commands[i].declare(*command, options);
-	}
-}
+const Command *const commands[] = {
+    &add_command,
+    &remove_command,
+    &list_command,
+    &show_command,
+    &snapshot_command,
+    &diff_command,
+    &export_command,
+    &import_command,
+    &backup_command,
+    &verify_command,
+    &status_command,
+    nullptr,
+};
 
-// What was printed counts only once it has left: a full disk is seen here.
-Exit flushed(Exit code)
+void declare_repository(CLI::App &app, Options &options)
 {
-	if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-		throw Failure(
-		    Exit::failure, "the standard output can't be written", "look for a full disk, or a closed end");
-	return code;
-}
-
-Exit parse_and_run(int argc, char **argv)
-{
-	Options options;
-	CLI::App app("Looks at and changes the service repository of this host.", "cairnctl");
-	declare(app, options);
-	try {
-		app.parse(argc, argv);
-	} catch (const CLI::Success &asked) { // --help, --version
-		return flushed(static_cast<Exit>(app.exit(asked)));
-	} catch (const CLI::ParseError &error) {
-		throw Failure(Exit::usage, error.what(), "see cairnctl --help, or cairnctl COMMAND --help");
-	}
-	Exit code = Exit::done;
-	for (size_t i = 0; i < command_count; i++)
-		if (app.got_subcommand(commands[i].name))
-			code = commands[i].run(options);
-	return flushed(code);
+	app.add_option("--hatch", options.hatch, "The hatch of the daemon to ask")->type_name("PATH");
+	declare_enclave(app, options.enclave, "The enclave in which the repository lies");
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-	hold_standard_streams();
-	(void) std::signal(SIGPIPE, SIG_DFL);
-	// An error of the command line itself is printed as JSON too.
-	bool json = std::any_of(argv, argv + argc, [](const char *word) { return std::strcmp(word, "--json") == 0; });
-	try {
-		return static_cast<int>(parse_and_run(argc, argv));
-	} catch (const Failure &failure) {
-		report(failure, json);
-		return static_cast<int>(failure.code);
-	} catch (const std::bad_alloc &) {
-		(void) std::fputs(
-		    json ? "{\"error\":{\"code\":9,\"name\":\"memory\",\"message\":\"insufficient memory\"}}\n"
-			 : "cairnctl: error: insufficient memory\n",
-		    stderr);
-		return static_cast<int>(Exit::memory);
-	} catch (const std::exception &error) {
-		report(Failure(Exit::failure, error.what(), ""), json);
-		return static_cast<int>(Exit::failure);
+	static constexpr Completer completers[] = {{"LOCATOR", "cairnctl \"$@\" list"},
+	    {"PATTERN", "cairnctl \"$@\" list"}, {"NAME|ID", "ostrel enclaves | cut -f2"}};
+	const Tool<Options> tool = {"Looks at and changes the service repository of this host.",
+	    "A locator is NAME[/NAME...] for a service, NAME[/NAME...]:INSTANCE for an instance.\n"
+	    "cairnctl(8) has the whole story.",
+	    commands, declare_repository, completers};
+	return run_tool(tool, argc, argv);
+}
+
+void declare_locator(CLI::App &app, Options &options)
+{
+	app.add_option("LOCATOR", options.locator, "A service or an instance")->required();
+}
+
+Repository open_repository(const Options &options)
+{
+	if (!options.hatch.empty() && !options.enclave.empty())
+		throw Failure(Exit::usage, "--hatch and --enclave exclude each other");
+	return Repository(options.hatch, enclave_option(options.enclave));
+}
+
+void print_names(const std::vector<std::string> &names, const Options &options)
+{
+	Json list = Json::array();
+	for (const std::string &name : names) {
+		if (options.json)
+			list.push_back(text_to_json(name));
+		else
+			fmt::print("{}\n", visible(name));
 	}
+	if (options.json)
+		write_json(list);
+}
+
+Exit tell_update(const Options &options, const char *done, const std::string &would)
+{
+	if (options.json) {
+		Json answer = update_answer(done, options.dry_run);
+		if (!options.locator.empty())
+			answer["locator"] = text_to_json(options.locator);
+		if (!options.name.empty())
+			answer["snapshot"] = text_to_json(options.name);
+		write_json(answer);
+	} else if (options.dry_run) {
+		say(would);
+	}
+	return Exit::done;
 }

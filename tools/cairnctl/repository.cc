@@ -1,7 +1,9 @@
 #include "repository.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <thread>
 
 #include <fmt/format.h>
@@ -11,11 +13,9 @@
 
 namespace {
 
-constexpr struct {
-	rpy_error_t error;
-	Exit code;
-	const char *hint;
-} error_rows[] = {
+constexpr const char *hatch_in_enclave = "/system/transient/repository_hatch"; // below the root
+
+constexpr ErrorMeaning error_meanings[] = {
     {RPY_ERROR_NO_SERVER, Exit::no_server, "start it: systemctl start cairn-configd, or see cairn.configd(8)"},
     {RPY_ERROR_CONNECTION_BROKEN, Exit::no_server, "the daemon has ended; its last messages are in the system's log"},
     {RPY_ERROR_PERMISSION_DENIED, Exit::permission,
@@ -104,43 +104,63 @@ void set_value(rpy_value_t *value, rpy_type_t type, const Json &from, const std:
 	check(rpy_value_set_bytes(value, type, text.data(), text.size()), doing);
 }
 
+void decorate_path(rpy_handle_t *handle, const std::string &path, const std::string &doing)
+{
+	Value value(made(rpy_value_create(handle)));
+	check(rpy_value_set_astring(value.get(), path.c_str()), doing);
+	check(rpy_handle_decorate(handle, "hatch_path", value.get()), doing);
+}
+
+// The enclave goes along with the path below its root: the registry may change meanwhile.
+void decorate_for_enclave(rpy_handle_t *handle, enclaveid_t enclave, const std::string &doing)
+{
+	char root[ENCLAVE_ROOT_MAX + 1];
+	if (enclave_getattr(enclave, ENCLAVE_ATTR_ROOT, root, sizeof(root)) < 0)
+		throw Failure(exit_of_errno(errno), fmt::format("{}: {}", doing, std::strerror(errno)));
+	Value value(made(rpy_value_create(handle)));
+	rpy_value_set_count(value.get(), static_cast<uint64_t>(enclave));
+	check(rpy_handle_decorate(handle, "enclave", value.get()), doing);
+	decorate_path(handle, root + std::string(hatch_in_enclave), doing);
+}
+
 } // namespace
 
 void fail(const std::string &doing)
 {
 	rpy_error_t error = rpy_error();
 	const std::string fault = error == RPY_ERROR_PERMISSION_DENIED ? rights_fault(0) : "";
-	for (const auto &row : error_rows)
-		if (row.error == error)
-			throw Failure(row.code, fmt::format("{}: {}", doing, rpy_strerror(error)), row.hint + fault);
-	throw Failure(
-	    Exit::failure, fmt::format("{}: {}", doing, rpy_strerror(error)), "the system's log may tell more");
+	Failure failure = failure_by_error(
+	    error_meanings, error, fmt::format("{}: {}", doing, rpy_strerror(error)), "the system's log may tell more");
+	failure.hint += fault;
+	throw failure;
 }
 
-Repository::Repository(const std::string &hatch) : handle_(rpy_handle_create(RPY_CLIENT_VERSION))
+Repository::Repository(const std::string &hatch, enclaveid_t enclave) : handle_(rpy_handle_create(RPY_CLIENT_VERSION))
 {
-	made(handle_.get());
-	std::string doing = hatch.empty() ? "the repository" : "the repository at '" + hatch + "'";
-	if (!hatch.empty()) {
-		Value path(made(rpy_value_create(handle())));
-		check(rpy_value_set_astring(path.get(), hatch.c_str()), doing);
-		check(rpy_handle_decorate(handle(), "hatch_path", path.get()), doing);
+	made(handle());
+	std::string doing = "the repository";
+	if (enclave != ENCLAVE_ID_GLOBAL) {
+		doing = fmt::format("the repository of enclave {}", enclave);
+		decorate_for_enclave(handle(), enclave, doing);
+	} else if (!hatch.empty()) {
+		doing = fmt::format("the repository at '{}'", hatch);
+		decorate_path(handle(), hatch, doing);
 	}
 	check(rpy_handle_bind(handle()), doing);
 	scope_.reset(made(rpy_scope_create(handle())));
 	check(rpy_handle_get_scope(handle(), RPY_SCOPE_LOCAL, scope_.get()), doing);
 }
 
-Place Repository::find(const std::string &locator)
+Location Repository::find(const std::string &locator)
 {
 	size_t colon = locator.find(':');
-	Place place = {locator, colon == locator.npos ? locator : locator.substr(colon + 1),
+	Location location = {locator, colon == locator.npos ? locator : locator.substr(colon + 1),
 	    Service(made(rpy_service_create(handle()))), Instance(made(rpy_instance_create(handle()))),
 	    colon != locator.npos};
-	check(rpy_handle_decode_locator(
-		  handle(), locator.c_str(), nullptr, place.service.get(), place.instance.get(), nullptr, nullptr, 0),
+	check(rpy_handle_decode_locator(handle(), locator.c_str(), nullptr, location.service.get(),
+		  location.instance.get(), nullptr, nullptr, 0),
 	    "'" + locator + "'");
-	return place;
+	return location;
 }
 
 bool Repository::exists(const std::string &locator)
@@ -171,15 +191,15 @@ bool Repository::add(const std::string &locator)
 
 void Repository::remove(const std::string &locator, bool recursive)
 {
-	Place place = find(locator);
-	check(place.is_instance ? _rpy_instance_delete(place.instance.get(), recursive)
-				: _rpy_service_delete(place.service.get(), recursive),
+	Location location = find(locator);
+	check(location.is_instance ? _rpy_instance_delete(location.instance.get(), recursive)
+				   : _rpy_service_delete(location.service.get(), recursive),
 	    "deleting '" + locator + "'");
 }
 
-std::vector<Place> Repository::services()
+std::vector<Location> Repository::services()
 {
-	std::vector<Place> places;
+	std::vector<Location> found;
 	Iter iter(made(rpy_iter_create(handle())));
 	check(rpy_iter_scope_services(iter.get(), scope_.get()), "listing services");
 	for (;;) {
@@ -187,15 +207,15 @@ std::vector<Place> Repository::services()
 		int step = rpy_iter_next_service(iter.get(), service.get());
 		check(step, "listing services");
 		if (step == 0)
-			return places;
+			return found;
 		std::string name = name_by(rpy_service_get_name, service.get());
-		places.push_back({name, name, std::move(service), nullptr, false});
+		found.push_back({name, name, std::move(service), Instance(), false});
 	}
 }
 
-std::vector<Place> Repository::instances(const Place &service)
+std::vector<Location> Repository::instances(const Location &service)
 {
-	std::vector<Place> places;
+	std::vector<Location> found;
 	std::string doing = "listing the instances of '" + service.locator + "'";
 	Iter iter(made(rpy_iter_create(handle())));
 	check(rpy_iter_service_instances(iter.get(), service.service.get()), doing);
@@ -204,19 +224,19 @@ std::vector<Place> Repository::instances(const Place &service)
 		int step = rpy_iter_next_instance(iter.get(), instance.get());
 		check(step, doing);
 		if (step == 0)
-			return places;
+			return found;
 		std::string name = name_by(rpy_instance_get_name, instance.get());
-		places.push_back({service.locator + ":" + name, name, nullptr, std::move(instance), true});
+		found.push_back({service.locator + ":" + name, name, Service(), std::move(instance), true});
 	}
 }
 
-std::vector<std::string> Repository::snapshots(const Place &place)
+std::vector<std::string> Repository::snapshots(const Location &location)
 {
 	std::vector<std::string> names;
 	Iter iter(made(rpy_iter_create(handle())));
 	Snapshot snapshot(made(rpy_snapshot_create(handle())));
-	std::string doing = "listing snapshots of '" + place.locator + "'";
-	check(rpy_iter_instance_snapshots(iter.get(), place.instance.get()), doing);
+	std::string doing = "listing snapshots of '" + location.locator + "'";
+	check(rpy_iter_instance_snapshots(iter.get(), location.instance.get()), doing);
 	int step;
 	while ((step = rpy_iter_next_snapshot(iter.get(), snapshot.get())) == 1)
 		names.push_back(name_by(rpy_snapshot_get_name, snapshot.get()));
@@ -224,13 +244,14 @@ std::vector<std::string> Repository::snapshots(const Place &place)
 	return names;
 }
 
-Snapshot Repository::snapshot(const Place &place, const std::string &name)
+Snapshot Repository::snapshot(const Location &location, const std::string &name)
 {
 	Snapshot found(made(rpy_snapshot_create(handle())));
-	if (!place.is_instance)
-		throw Failure(Exit::invalid, "'" + place.locator + "' is a service", "only instances have snapshots");
-	check(rpy_instance_get_snapshot(place.instance.get(), name.c_str(), found.get()),
-	    "the snapshot '" + name + "' of '" + place.locator + "'");
+	if (!location.is_instance)
+		throw Failure(Exit::invalid, "'" + location.locator + "' is a service")
+		    .next("only instances have snapshots");
+	check(rpy_instance_get_snapshot(location.instance.get(), name.c_str(), found.get()),
+	    "the snapshot '" + name + "' of '" + location.locator + "'");
 	return found;
 }
 
@@ -269,8 +290,8 @@ std::optional<Json> Repository::groups_of(rpy_iter_t *iter, const std::string &w
 	while ((step = rpy_iter_next_pg(iter, group.get())) == 1) {
 		if (depth > group_depth_max)
 			throw Failure(Exit::failure,
-			    fmt::format("{}: groups lie deeper in each other than {}", where, group_depth_max),
-			    "no such tree can be shown; delete it, or its outermost groups");
+			    fmt::format("{}: groups lie deeper in each other than {}", where, group_depth_max))
+			    .next("no such tree can be shown; delete it, or its outermost groups");
 		uint32_t flags = 0;
 		Json entry = {{"name", text_to_json(name_by(rpy_pg_get_name, group.get()))},
 		    {"type", text_to_json(name_by(rpy_pg_get_type, group.get()))}};
@@ -305,27 +326,28 @@ Json Repository::whole_tree(const std::string &where, Start start)
 			if (std::optional<Json> groups = groups_of(iter.get(), where, 1))
 				return std::move(*groups);
 		if (attempt == attempts)
-			throw Failure(Exit::busy, where + ": it is changed faster than it can be read", "try again");
+			throw Failure(Exit::busy, where + ": it is changed faster than it can be read")
+			    .next("try again");
 		std::this_thread::sleep_for(pause);
 	}
 }
 
-Json Repository::groups(const Place &place)
+Json Repository::groups(const Location &location)
 {
-	std::string where = "'" + place.locator + "'";
+	std::string where = "'" + location.locator + "'";
 	return whole_tree(where, [&](rpy_iter_t *iter) {
-		check(place.is_instance ? rpy_iter_instance_pgs(iter, place.instance.get())
-					: rpy_iter_service_pgs(iter, place.service.get()),
+		check(location.is_instance ? rpy_iter_instance_pgs(iter, location.instance.get())
+					   : rpy_iter_service_pgs(iter, location.service.get()),
 		    where);
 		return true;
 	});
 }
 
-Json Repository::groups(const Place &place, const std::string &snapshot_name)
+Json Repository::groups(const Location &location, const std::string &snapshot_name)
 {
-	std::string where = "the snapshot '" + snapshot_name + "' of '" + place.locator + "'";
+	std::string where = "the snapshot '" + snapshot_name + "' of '" + location.locator + "'";
 	return whole_tree(where, [&](rpy_iter_t *iter) {
-		Snapshot frozen = snapshot(place, snapshot_name); // one that was taken anew is another
+		Snapshot frozen = snapshot(location, snapshot_name); // one that was taken anew is another
 		return started(rpy_iter_snapshot_pgs(iter, frozen.get()), where);
 	});
 }
@@ -343,8 +365,7 @@ void Repository::write_properties(rpy_propertygroup_t *group, const Json &proper
 	for (const Json &property : properties) {
 		std::string name = text_in(property), here = doing + ": property '" + name + "'";
 		rpy_type_t type = type_by_word(property["type"].get<std::string>());
-		std::unique_ptr<rpy_transaction_entry_t, Destroyer<rpy_entry_destroy>> entry(
-		    made(rpy_entry_create(handle())));
+		Handle<rpy_transaction_entry_t, rpy_entry_destroy> entry(made(rpy_entry_create(handle())));
 		rpy_transaction_entry_t *attached = entry.get();
 		check(rpy_transaction_property_new(transaction.get(), attached, name.c_str(), type), here);
 		(void) entry.release(); // it goes with the transaction's children
@@ -358,54 +379,55 @@ void Repository::write_properties(rpy_propertygroup_t *group, const Json &proper
 	int result = rpy_transaction_commit(transaction.get());
 	check(result, doing);
 	if (result == 0)
-		throw Failure(Exit::busy, doing + ": somebody changed it meanwhile", "try again");
+		throw Failure(Exit::busy, doing + ": somebody changed it meanwhile").next("try again");
 }
 
-void Repository::write_group(const Place &place, rpy_propertygroup_t *parent, const Json &document)
+void Repository::write_group(const Location &location, rpy_propertygroup_t *parent, const Json &document)
 {
 	std::string name = text_in(document), type = text_in(document, "type");
-	std::string doing = "the group '" + name + "' of '" + place.locator + "'";
+	std::string doing = "the group '" + name + "' of '" + location.locator + "'";
 	uint32_t flags = document.value("temporary", false) ? RPY_PG_FLAG_TEMPORARY : 0;
 	Group group(made(rpy_pg_create(handle())));
 	int result = parent != nullptr ? rpy_pg_add_pg(parent, name.c_str(), type.c_str(), flags, group.get())
-		     : place.is_instance
-			 ? rpy_instance_add_pg(place.instance.get(), name.c_str(), type.c_str(), flags, group.get())
-			 : rpy_service_add_pg(place.service.get(), name.c_str(), type.c_str(), flags, group.get());
+		     : location.is_instance
+			 ? rpy_instance_add_pg(location.instance.get(), name.c_str(), type.c_str(), flags, group.get())
+			 : rpy_service_add_pg(location.service.get(), name.c_str(), type.c_str(), flags, group.get());
 	check(result, doing);
 	if (!document["properties"].empty())
 		write_properties(group.get(), document["properties"], doing);
 	if (document.contains("groups"))
 		for (const Json &below : document["groups"])
-			write_group(place, group.get(), below);
+			write_group(location, group.get(), below);
 }
 
-void Repository::write(const Place &place, const Json &documents)
+void Repository::write(const Location &location, const Json &documents)
 {
 	for (const Json &document : documents)
-		write_group(place, nullptr, document);
+		write_group(location, nullptr, document);
 }
 
-void Repository::remove_groups(const Place &place, const Json &groups)
+void Repository::remove_groups(const Location &location, const Json &groups)
 {
 	Group group(made(rpy_pg_create(handle())));
 	for (const Json &entry : groups) {
 		const std::string name = text_in(entry);
-		int found = place.is_instance ? rpy_instance_get_pg(place.instance.get(), name.c_str(), group.get())
-					      : rpy_service_get_pg(place.service.get(), name.c_str(), group.get());
+		int found = location.is_instance
+				? rpy_instance_get_pg(location.instance.get(), name.c_str(), group.get())
+				: rpy_service_get_pg(location.service.get(), name.c_str(), group.get());
 		if (found == 0)
-			check(rpy_pg_delete(group.get()), "deleting groups of '" + place.locator + "'");
+			check(rpy_pg_delete(group.get()), "deleting groups of '" + location.locator + "'");
 	}
 }
 
-void Repository::clear(const Place &place)
+void Repository::clear(const Location &location)
 {
 	Iter iter(made(rpy_iter_create(handle())));
 	Group group(made(rpy_pg_create(handle())));
-	check(place.is_instance ? rpy_iter_instance_pgs(iter.get(), place.instance.get())
-				: rpy_iter_service_pgs(iter.get(), place.service.get()),
-	    "'" + place.locator + "'");
+	check(location.is_instance ? rpy_iter_instance_pgs(iter.get(), location.instance.get())
+				   : rpy_iter_service_pgs(iter.get(), location.service.get()),
+	    "'" + location.locator + "'");
 	int step;
 	while ((step = rpy_iter_next_pg(iter.get(), group.get())) == 1)
-		check(rpy_pg_delete(group.get()), "deleting groups of '" + place.locator + "'");
-	check(step, "deleting groups of '" + place.locator + "'");
+		check(rpy_pg_delete(group.get()), "deleting groups of '" + location.locator + "'");
+	check(step, "deleting groups of '" + location.locator + "'");
 }

@@ -18,7 +18,7 @@
 #include "deferred.h"
 #include "document.h"
 #include "groups.h"
-#include "terminal.h"
+#include "shared/terminal.h"
 
 namespace {
 

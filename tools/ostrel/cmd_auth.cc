@@ -34,4 +34,4 @@ Exit run(const Options &options)
 } // namespace
 
 const Command auth_command = {
-    "auth", nullptr, "Ask whether the server of a database lets you read or update it", declare, run, nullptr};
+    {"auth", "Ask whether the server of a database lets you read or update it"}, declare, run};

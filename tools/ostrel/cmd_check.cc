@@ -15,8 +15,8 @@
 #include "libostrel_files_blocks.h"
 #include "libostrel_lines.h"
 #include "lines.h"
+#include "shared/terminal.h"
 #include "stores.h"
-#include "terminal.h"
 #include "text.h"
 
 namespace {
@@ -24,7 +24,7 @@ namespace {
 void declare(CLI::App &app, Options &options)
 {
 	app.add_option("DB", options.words, "The databases")->required();
-	app.add_option("-E,--enclave", options.enclave, "The enclave in which the databases lie")->type_name("NAME|ID");
+	declare_enclave(app, options.enclave, "The enclave in which the databases lie");
 	app.add_flag("--case", options.case_sensitive, "Compare identifiers with case");
 }
 
@@ -337,5 +337,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command check_command = {
-    "check", nullptr, "Tell what is wrong with database files, line by line", declare, run, nullptr};
+const Command check_command = {{"check", "Tell what is wrong with database files, line by line"}, declare, run};

@@ -72,5 +72,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command convert_command = {
-    "convert", nullptr, "Show an object as a daemon's table converts it", declare, run, nullptr};
+const Command convert_command = {{"convert", "Show an object as a daemon's table converts it"}, declare, run};

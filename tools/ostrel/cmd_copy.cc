@@ -33,5 +33,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command copy_command = {
-    "copy", nullptr, "Write the objects of one database into another, all or none", declare, run, nullptr};
+const Command copy_command = {{"copy", "Write the objects of one database into another, all or none"}, declare, run};

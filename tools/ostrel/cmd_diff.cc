@@ -8,8 +8,8 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
+#include "shared/terminal.h"
 #include "stores.h"
-#include "terminal.h"
 #include "text.h"
 
 namespace {
@@ -157,4 +157,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command diff_command = {"diff", nullptr, "Tell in what two databases differ", declare, run, nullptr};
+const Command diff_command = {{"diff", "Tell in what two databases differ"}, declare, run};

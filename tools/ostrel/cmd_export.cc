@@ -29,4 +29,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command export_command = {"export", nullptr, "Print all objects as a JSON document", declare, run, nullptr};
+const Command export_command = {{"export", "Print all objects as a JSON document"}, declare, run};

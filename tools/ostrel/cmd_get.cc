@@ -1,4 +1,4 @@
-// ostrel get: one object, or single properties of it.
+// ostrel show, also get: one object, or single properties of it.
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -6,7 +6,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
-#include "terminal.h"
+#include "shared/terminal.h"
 #include "text.h"
 #include "word.h"
 
@@ -34,7 +34,7 @@ Exit run(const Options &options)
 	const std::unique_ptr<Database> database = open_database(options);
 	Identifiers id = parse_identifiers(options.words);
 	if (id.empty())
-		throw Failure(Exit::usage, "get needs the identifiers of an object")
+		throw Failure(Exit::usage, fmt::format("{} needs the identifiers of an object", options.command))
 		    .next(fmt::format("ostrel walk {} lists the objects", options.database));
 	Object object = database->get(id);
 
@@ -59,4 +59,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command get_command = {"get", nullptr, "Print one object, or single properties of it", declare, run, nullptr};
+const Command get_command = {{"show", "Print one object, or single properties of it", {"get"}}, declare, run};

@@ -9,7 +9,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
-#include "terminal.h"
+#include "shared/terminal.h"
 
 namespace {
 
@@ -60,5 +60,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command import_command = {
-    "import", nullptr, "Write the objects of a JSON document, all or none", declare, run, nullptr};
+const Command import_command = {{"import", "Write the objects of a JSON document, all or none"}, declare, run};

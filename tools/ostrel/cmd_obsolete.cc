@@ -153,5 +153,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command obsolete_command = {
-    "obsolete", nullptr, "Set files aside whose names match a pattern", declare, run, nullptr};
+const Command obsolete_command = {{"obsolete", "Set files aside whose names match a pattern"}, declare, run};

@@ -44,5 +44,6 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command put_command = {"put", nullptr, "Make an object, or replace all its properties", declare, run,
-    "the properties: name[:type]=value[,value...]"};
+const Command put_command = {
+    {"put", "Make an object, or replace all its properties", {}, "the properties: name[:type]=value[,value...]"},
+    declare, run};

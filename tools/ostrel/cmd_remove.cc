@@ -39,9 +39,7 @@ Exit remove_all(Database &database, const Options &options)
 		});
 	}
 	if (options.json) {
-		Json json;
-		json["result"] = "removed";
-		json["dry_run"] = options.dry_run;
+		Json json = update_answer("removed", options.dry_run);
 		json["database"] = text_to_json(database.label());
 		if (known)
 			json["objects"] = count;
@@ -81,4 +79,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command remove_command = {"remove", nullptr, "Remove an object, or a whole database", declare, run, nullptr};
+const Command remove_command = {{"remove", "Remove an object, or a whole database"}, declare, run};

@@ -46,4 +46,4 @@ Exit run(const Options &options)
 } // namespace
 
 const Command rename_command = {
-    "rename", nullptr, "Give an object other identifiers", declare, run, "the new identifiers: key=value"};
+    {"rename", "Give an object other identifiers", {}, "the new identifiers: key=value"}, declare, run};

@@ -14,6 +14,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <base/guards.h>
 #include <fmt/format.h>
 
 #include "command.h"
@@ -47,11 +48,6 @@ void declare(CLI::App &app, Options &options)
 	    ->capture_default_str();
 	app.add_option("--write-auth", options.write_auth, "The right that updates need; '' lets everybody update")
 	    ->capture_default_str();
-	app.footer(
-	    "Serves in the foreground until SIGTERM, SIGINT or SIGHUP. Others reach the database as hatch:PATH.\n"
-	    "Root grants rights in /etc/meridon/rights: lines `user: right, right` or `%group: right`.\n"
-	    "To another file, level or enclave a request gets with the right ostrel.elsewhere only.\n"
-	    "The directory of PATH is made if it is missing; it gets mode 0755 and the owner 16:65.");
 }
 
 // ---- Before anything is touched ----
@@ -125,10 +121,8 @@ void check_place(const std::string &path)
 	char begin[sizeof(mark) - 1] = {};
 	bool ours = false;
 	if (S_ISREG(status.st_mode) && status.st_nlink == 1) {
-		int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-		ssize_t length = fd < 0 ? -1 : read(fd, begin, sizeof(begin));
-		if (fd >= 0)
-			(void) close(fd); // nothing was written through it
+		Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+		ssize_t length = file ? read(file.get(), begin, sizeof(begin)) : -1;
 		ours = length == 0 || (length == sizeof(begin) && std::memcmp(begin, mark, sizeof(begin)) == 0);
 	}
 	if (!ours)
@@ -315,7 +309,7 @@ Exit end_with_updates(const Database &database, const Options &options, UpdateWa
 	const Exit code = ending.tell(database, options, said.size());
 	if (own_deferred_updates() > 0) {
 		(void) std::fflush(nullptr);
-		_exit(static_cast<int>(code));
+		_exit(exit_code(code));
 	}
 	return code;
 }
@@ -353,4 +347,9 @@ Exit run(const Options &options)
 } // namespace
 
 const Command serve_command = {
-    "serve", nullptr, "Serve a database to other processes, through a hatch", declare, run, nullptr};
+    {"serve", "Serve a database to other processes, through a hatch", {}, nullptr,
+	"Serves in the foreground until SIGTERM, SIGINT or SIGHUP. Others reach the database as hatch:PATH.\n"
+	"Root grants rights in /etc/meridon/rights: lines `user: right, right` or `%group: right`.\n"
+	"To another file, level or enclave a request gets with the right ostrel.elsewhere only.\n"
+	"The directory of PATH is made if it is missing; it gets mode 0755 and the owner 16:65."},
+    declare, run};

@@ -94,5 +94,6 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command set_command = {"set", nullptr, "Change some properties of an object", declare, run,
-    "the properties: name[:type]=value[,value...], name+=value..., name-=value..."};
+const Command set_command = {{"set", "Change some properties of an object", {},
+				 "the properties: name[:type]=value[,value...], name+=value..., name-=value..."},
+    declare, run};

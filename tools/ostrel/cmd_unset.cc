@@ -47,4 +47,4 @@ Exit run(const Options &options)
 } // namespace
 
 const Command unset_command = {
-    "unset", nullptr, "Drop properties of an object", declare, run, "the names of the properties"};
+    {"unset", "Drop properties of an object", {}, "the names of the properties"}, declare, run};

@@ -1,4 +1,4 @@
-// ostrel walk: the objects that identifiers select.
+// ostrel list, also walk: the objects that identifiers select.
 #include <algorithm>
 #include <charconv>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 #include "command.h"
 #include "database.h"
 #include "document.h"
-#include "terminal.h"
+#include "shared/terminal.h"
 #include "text.h"
 #include "word.h"
 
@@ -246,4 +246,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command walk_command = {"walk", "ls", "List the objects that identifiers select", declare, run, nullptr};
+const Command walk_command = {{"list", "List the objects that identifiers select", {"walk", "ls"}}, declare, run};

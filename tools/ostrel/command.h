@@ -1,4 +1,4 @@
-// A command: its name, its options, and what it does. One source for each, one table for all.
+// The commands of ostrel. One source for each, one table for all; shared/program.h has the frame.
 #ifndef OSTREL_TOOL_COMMAND_H
 #define OSTREL_TOOL_COMMAND_H
 
@@ -6,25 +6,22 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "database.h"
 #include "failure.h"
+#include "shared/enclaves.h"
+#include "shared/program.h"
 
 // What was given on the command line. Commands use what they declare.
-struct Options {
+struct Options : CommonOptions {
 	std::string database;
 	std::string other;              // a second database, or a file
 	std::vector<std::string> words; // identifiers, databases
-	std::vector<std::string> tail;  // what stands behind --
 	std::vector<std::string> props;
 	std::string enclave;
 	std::string other_enclave;
 	std::string sort;
 	std::string table; // the file of property descriptors
-	bool json = false;
 	bool case_sensitive = false;
-	bool dry_run = false;
 	bool exact = false;
 	bool types = false;
 	bool all = false;
@@ -41,39 +38,26 @@ struct Options {
 	bool from_persist = false;
 };
 
-struct Command {
-	const char *name;
-	const char *alias; // NULL: none
-	const char *summary;
-	void (*declare)(CLI::App &app, Options &options);
-	Exit (*run)(const Options &options);
-	const char *tail; // what the words behind -- are; NULL: they are words like any other
-};
+using Command = CommandOf<Options>;
 
 extern const Command walk_command, get_command, put_command, set_command, unset_command, rename_command, remove_command,
     export_command, import_command, copy_command, diff_command, check_command, convert_command, obsolete_command,
-    serve_command, auth_command, enclaves_command, completion_command, version_command;
+    serve_command, auth_command, enclaves_command;
 
 // All commands, in the order in which help lists them; ends with a NULL.
 extern const Command *const commands[];
-
-// The whole command line as CLI11 knows it.
-void declare_all(CLI::App &app, Options &options);
 
 // ---- What several commands declare ----
 
 void declare_database(CLI::App &app, Options &options);
 void declare_identifiers(CLI::App &app, Options &options);
-void declare_dry_run(CLI::App &app, Options &options);
-// What every update has: -n, and whether it waits for a store that puts it off.
+// What every update has: -n, and whether it waits for a store that defers it.
 void declare_update(CLI::App &app, Options &options);
 
 // ---- What several commands do ----
 
 struct Object;
 
-// The enclave that an option names; the one of this process, if it's empty.
-int enclave_option(const std::string &text);
 // Opens the database that declare_database() declared.
 std::unique_ptr<Database> open_database(const Options &options);
 // Prints an object as text: a line for each identifier, and one for each property.

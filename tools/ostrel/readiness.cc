@@ -7,8 +7,8 @@
 #include <cstring>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
+#include <base/guards.h>
 #include <fmt/format.h>
 
 #include "failure.h"
@@ -26,15 +26,13 @@ int send_state(const char *name, const char *state)
 	std::memcpy(address.sun_path, name, length);
 	if (name[0] == '@')
 		address.sun_path[0] = '\0';
-	int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-	if (fd < 0)
+	const Fd out(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+	if (!out)
 		return errno;
 	auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
-	ssize_t sent =
-	    sendto(fd, state, std::strlen(state), MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address), size);
-	int error = sent < 0 ? errno : 0;
-	(void) close(fd); // a datagram has gone or hasn't
-	return error;
+	ssize_t sent = sendto(
+	    out.get(), state, std::strlen(state), MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address), size);
+	return sent < 0 ? errno : 0;
 }
 
 } // namespace

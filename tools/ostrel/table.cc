@@ -79,11 +79,7 @@ PropertyTable::PropertyTable(const std::string &file)
 	try {
 		read(file);
 	} catch (const Json::exception &error) {
-		std::string text = error.what();
-		size_t bracket = text.find("] "); // behind the parser's own name for the error
-		throw Failure(Exit::invalid, bracket == std::string::npos ? text : text.substr(bracket + 2))
-		    .in(file)
-		    .next("ostrel(1) describes the table");
+		throw Failure(Exit::invalid, parse_error_text(error)).in(file).next("ostrel(1) describes the table");
 	} catch (Failure &failure) {
 		failure.in(file).next("ostrel(1) describes the table");
 		throw;

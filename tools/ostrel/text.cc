@@ -1,19 +1,13 @@
-// Escapes and widths. Divisions: escapes as they are typed, widths.
+// Escapes as they are typed.
 #include "text.h"
 
 #include <cctype>
-#include <clocale>
-#include <cwchar>
-#include <cwctype>
-#include <locale.h>
 
 #include <fmt/format.h>
 
 #include "failure.h"
 
 namespace {
-
-// ---- Escapes as they are typed ----
 
 int hex_digit(char c)
 {
@@ -32,7 +26,7 @@ int hex_digit(char c)
 	    .next("write \\\\ for a backslash, \\, for a comma, and \\n, \\t, \\r or \\xHH for other bytes");
 }
 
-// Takes one escape from the front of `rest`, which begins behind the backslash.
+// Takes one escape from the front of `rest`, which begins after the backslash.
 char take_escape(std::string_view &rest, std::string_view whole)
 {
 	if (rest.empty())
@@ -51,21 +45,6 @@ char take_escape(std::string_view &rest, std::string_view whole)
 		bad_escape(whole);
 	rest.remove_prefix(2);
 	return static_cast<char>(high << 4 | low);
-}
-
-// ---- Widths ----
-
-// Widths follow UTF-8 whatever the user's locale says; the rest of the program stays in the C locale, so that
-// comparing without case means ASCII.
-size_t width_of(char32_t code)
-{
-	static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-	if (code < 0x80 || utf8 == nullptr)
-		return 1;
-	locale_t before = uselocale(utf8);
-	int width = wcwidth(static_cast<wchar_t>(code));
-	uselocale(before);
-	return width < 0 ? 1 : static_cast<size_t>(width);
 }
 
 } // namespace
@@ -119,28 +98,4 @@ std::vector<std::string> split_values(std::string_view text)
 			return values;
 		text.remove_prefix(comma + 1);
 	}
-}
-
-size_t display_width(std::string_view text)
-{
-	size_t width = 0;
-	while (!text.empty()) {
-		Decoded next = decode_utf8(text);
-		width += next.length == 0 ? 1 : width_of(next.code);
-		text.remove_prefix(next.length == 0 ? 1 : next.length);
-	}
-	return width;
-}
-
-size_t fitting_prefix(std::string_view text, size_t width)
-{
-	size_t used = 0, taken = 0;
-	while (taken < text.size()) {
-		Decoded next = decode_utf8(text.substr(taken));
-		used += next.length == 0 ? 1 : width_of(next.code);
-		if (used > width && taken > 0)
-			break;
-		taken += next.length == 0 ? 1 : next.length;
-	}
-	return taken;
 }

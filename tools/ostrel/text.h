@@ -1,4 +1,4 @@
-// Texts as a person sees and types them: escapes, widths, lists of values.
+// Texts as a person sees and types them: escapes, lists of values.
 #ifndef OSTREL_TOOL_TEXT_H
 #define OSTREL_TOOL_TEXT_H
 
@@ -21,10 +21,5 @@ size_t find_unescaped(std::string_view text, std::string_view stops, size_t from
 std::string unescape(std::string_view text);
 // Cuts at each unescaped comma and unescapes the pieces. An empty text is one empty value.
 std::vector<std::string> split_values(std::string_view text);
-
-// Columns that a visible text takes on a terminal.
-size_t display_width(std::string_view text);
-// The longest start of `text` that takes at most `width` columns, at least one character of it.
-size_t fitting_prefix(std::string_view text, size_t width);
 
 #endif

@@ -2,7 +2,6 @@
 #include "json.h"
 
 #include <charconv>
-#include <cstdio>
 
 #include <fmt/format.h>
 
@@ -49,7 +48,24 @@ std::optional<Number> number_from_json(const Json &json)
 template std::optional<uint64_t> number_from_json(const Json &json);
 template std::optional<int64_t> number_from_json(const Json &json);
 
-void write_json(const Json &json, int indent, char with)
+void write_json(const Json &json, FILE *stream)
 {
-	fmt::print("{}\n", visible_json(json.dump(indent, with)));
+	fmt::print(stream, "{}\n", visible_json(json.dump()));
+}
+
+void write_document(const Json &json)
+{
+	fmt::print("{}\n", visible_json(json.dump(1, '\t')));
+}
+
+Json update_answer(const char *done, bool dry_run)
+{
+	return {{"result", done}, {"dry_run", dry_run}};
+}
+
+std::string parse_error_text(const Json::exception &error)
+{
+	const std::string text = error.what();
+	const size_t bracket = text.find("] ");
+	return bracket == std::string::npos ? text : text.substr(bracket + 2);
 }

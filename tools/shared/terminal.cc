@@ -1,4 +1,4 @@
-// Terminals: colour, width, tables, progress.
+// Terminals. Divisions: widths, tables, and what terminal.h declares.
 #include "terminal.h"
 
 #include <algorithm>
@@ -6,18 +6,63 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
+#include <locale.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
 #include "failure.h"
-#include "text.h"
+#include "visible.h"
 
 namespace {
 
 constexpr size_t gap = 2;                // columns between two columns of a table
 constexpr size_t narrowest_wrapped = 16; // a narrower last column isn't wrapped: it would be unreadable
+
+// ---- Widths ----
+
+// Widths follow UTF-8 whatever the user's locale says; the rest of the program stays in the C locale, so that
+// comparing without case means ASCII.
+size_t width_of(char32_t code)
+{
+	static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+	if (code < 0x80 || utf8 == nullptr)
+		return 1;
+	locale_t before = uselocale(utf8);
+	int width = wcwidth(static_cast<wchar_t>(code));
+	uselocale(before);
+	return width < 0 ? 1 : static_cast<size_t>(width);
+}
+
+// Columns that a visible text takes on a terminal.
+size_t display_width(std::string_view text)
+{
+	size_t width = 0;
+	while (!text.empty()) {
+		Decoded next = decode_utf8(text);
+		width += next.length == 0 ? 1 : width_of(next.code);
+		text.remove_prefix(next.length == 0 ? 1 : next.length);
+	}
+	return width;
+}
+
+// The longest start of `text` that takes at most `width` columns, at least one character of it.
+size_t fitting_prefix(std::string_view text, size_t width)
+{
+	size_t used = 0, taken = 0;
+	while (taken < text.size()) {
+		Decoded next = decode_utf8(text.substr(taken));
+		used += next.length == 0 ? 1 : width_of(next.code);
+		if (used > width && taken > 0)
+			break;
+		taken += next.length == 0 ? 1 : next.length;
+	}
+	return taken;
+}
+
+// ---- Tables ----
 
 std::vector<size_t> column_widths(const Table &table)
 {
@@ -40,7 +85,7 @@ size_t width_before_last(const std::vector<size_t> &widths)
 	return width;
 }
 
-// How much of `text` goes on this line. Breaks behind a blank if there is one in the line's second half.
+// How much of `text` goes on this line. Breaks after a blank if there is one in the line's second half.
 size_t line_break(const std::string &text, size_t room)
 {
 	if (display_width(text) <= room)
@@ -109,7 +154,7 @@ void print_table(const Table &table)
 	size_t columns = terminal_width(STDOUT_FILENO);
 	size_t indent = width_before_last(widths);
 	size_t room = columns >= indent + narrowest_wrapped ? columns - indent : static_cast<size_t>(-1);
-	bool colour = terminal_colour(STDOUT_FILENO);
+	bool colour = table.bold && terminal_colour(STDOUT_FILENO);
 
 	std::string out;
 	append_row(out, table.head, widths, room);

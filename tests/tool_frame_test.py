@@ -1,0 +1,155 @@
+# What all tools have in common: how they begin, what they say and where, and how they end.
+import json
+import os
+import re
+import shutil
+import subprocess
+
+import ostrel_tool as t
+
+TOOLS = {"ostrel": 1, "cairnctl": 8, "enclavectl": 8}  # the sections of their manual pages
+SHELLS = ("bash", "zsh", "fish")
+
+
+class Frame(t.ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.env["MERIDON_ROOT"] = self.dir
+        os.makedirs(self.path("run/enclaves"))
+
+    def each(self):
+        for name in TOOLS:
+            self.command = [t.program(name)]
+            yield name
+
+    # The commands with their other names, as help lists them.
+    def commands(self):
+        listed = re.findall(r"^  (\w[\w, -]*?)  +\w", self.text("--help").partition("Subcommands:")[2], re.M)
+        return [names.split(", ") for names in listed]
+
+    def test_each_command_has_help_and_stands_in_the_manual_page_with_all_its_options(self):
+        for name in self.each():
+            page = os.path.join(t.SOURCE, "docs", "man", f"{name}.{TOOLS[name]}")
+            with open(page) as f:
+                text = f.read().replace("\\-", "-")
+            self.assertGreater(len(self.commands()), 6)
+            for names in self.commands():
+                self.assertRegex(text, rf"(?m)^\.It (Ic|Cm) .*\b{names[0]}\b")
+                for word in names:
+                    shown = self.text(word, "--help")
+                    self.assertIn(f"Usage: {name} {names[0]} ", shown)
+                    for option in re.findall(r"^ .*--([\w-]+)", shown, re.M):
+                        self.assertIn(f" -{option}", text + " -help", f"{word} --{option}")
+            if shutil.which("mandoc"):
+                done = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", page], capture_output=True)
+                self.assertEqual((done.returncode, done.stdout), (0, b""))
+
+    def test_the_same_words_mean_the_same(self):
+        for name in self.each():
+            words = [word for names in self.commands() for word in names]
+            for word in ("list", "show", "remove", "completion", "version"):
+                self.assertIn(word, words)
+            self.assertRegex(self.text("version"), rf"^{name} \d+\.\d+\.\d+\n$")
+            self.assertEqual(self.text("--version"), self.text("version"))
+            for json_too in (["--json", "version"], ["version", "--json"]):
+                self.assertEqual(f"{name} {self.tool(*json_too).json()['version']}\n", self.text("version"))
+
+    def test_a_wrong_command_line_names_the_word_and_the_next_step(self):
+        for name in self.each():
+            for words, said in (([], "a command"), (["frob"], "'frob'"), (["version", "--frob"], "--frob"), (["show"], "required"),
+                                (["completion", "csh"], "csh"), (["version", "extra"], "extra")):
+                error = self.error(2, *words)
+                self.assertEqual(error["name"], "usage")
+                self.assertIn(said, error["message"])
+                self.assertIn(f"{name} --help", error["hint"])
+                result = self.tool(*words, code=2)
+                self.assertEqual([line.split(": ")[:2] for line in result.err.decode().splitlines()[:1]], [[name, "error"]])
+                self.assertEqual((result.out, self.tool(*words, "--json", code=2).error()), (b"", error))
+
+    def test_output_that_cannot_be_written_is_a_failure_and_a_closed_pipe_an_end(self):
+        self.write("d", "n=a;\tx=int32,1;\n" * 3)
+        for name in self.each():
+            for words in [["version"], ["--help"], ["completion", "bash"], ["version", "--json"]] + (
+                    [["walk", "d"], ["export", "d"], ["walk", "d", "--json"]] if name == "ostrel" else []):
+                done = subprocess.run(["bash", "-c", '"$@" >/dev/full', "sh", *self.command, *words], capture_output=True, cwd=self.dir)
+                self.assertEqual(done.returncode, 1, words)
+                self.assertIn(b"can't be written", done.stderr)
+                script = '"$@" 2>err | true; echo ${PIPESTATUS[0]}; exec "$@" <&- >&- 2>&-'
+                done = subprocess.run(["bash", "-c", script, "sh", *self.command, *words], capture_output=True, cwd=self.dir)
+                self.assertIn(done.stdout, (b"141\n", b"0\n"))  # of the signal, or it was written in time
+                self.assertEqual((self.read("err"), done.returncode), (b"", 1))
+
+    # They make one name look like another: no program shows them, and in JSON they are escaped.
+    def test_marks_that_turn_the_writing_or_hide_are_shown_by_all_programs(self):
+        marks = "a\u061c\u200e\u202e\u2066\u2069\u2063\U000e0041"
+        os.mkdir(self.path(marks))
+        self.write("run/enclaves/7", f"name=web\nroot={self.path(marks)}\nstate=ready\n")
+        self.write("d", f"n={marks};\tx=string,{marks};\n")
+        for name, *words in (["ostrel", "walk", "d"], ["ostrel", "enclaves"], ["ostrel", "get", marks, "a=1"], ["ostrel", marks],
+                             ["enclavectl", "list"], ["enclavectl", "show", marks], ["cairnctl", "--hatch", "/no" + marks, "list"]):
+            self.command = [t.program(name)]
+            for json_too, shown in (([], rb"a\xd8\x9c\xe2\x80\x8e\xe2\x80\xae"), (["--json"], rb"\u061c\u200e\u202e\u2066")):
+                done = self.run_tool(*words, *json_too)
+                said = done.out + done.err
+                self.assertTrue(said.isascii(), said)
+                self.assertTrue(shown in said or rb"\xe2\x80\xae" in said.replace(rb"\\", b"\\"), said)
+
+    def test_colour_is_for_terminals_that_want_it(self):
+        self.write("d", "n=a;\tx=int32,1;\n")
+        self.assertIn(b"\x1b[1m", self.on_terminal("walk", "d"))
+        for name in self.each():
+            self.assertIn(b"\x1b[1;31merror", self.on_terminal("frob", code=2))
+            for variable, value in (("NO_COLOR", "1"), ("TERM", "dumb")):
+                before = dict(self.env)
+                self.env[variable] = value
+                self.assertNotIn(b"\x1b", self.on_terminal("frob", code=2))
+                if name == "ostrel":
+                    self.assertNotIn(b"\x1b", self.on_terminal("walk", "d"))
+                self.env = before
+
+
+class Completion(t.ToolTest):
+    # What bash offers for the last of these words, each cut as bash cuts it.
+    def complete(self, name, *words, program=None):
+        script = f"""source <({t.program(name)} completion bash); PATH=$(dirname "$0"):$PATH
+COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _{name}; for reply in "${{COMPREPLY[@]}}"; do printf '%s\\n' "$reply"; done"""
+        done = subprocess.run(["bash", "-uc", script, program or t.program(name), name, *words], cwd=self.dir, env=self.env,
+                              capture_output=True, timeout=60)
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        return done.stdout.decode().splitlines()
+
+    def test_scripts_parse_and_know_every_command(self):
+        for name in TOOLS:
+            self.command = [t.program(name)]
+            for shell in SHELLS:
+                script = self.tool("completion", shell).out
+                for word in (name, "completion", "remove", "show", "list"):
+                    self.assertIn(word.encode(), script)
+                if shutil.which(shell):
+                    done = subprocess.run([shell, "-n", self.write("script", script)], capture_output=True)
+                    self.assertEqual((done.returncode, done.stderr), (0, b""), shell)
+
+    def test_bash_completes_commands_options_and_files(self):
+        self.write("links.db", "")
+        for words, offered in ((["ostrel", "re"], ["rename", "remove"]), (["ostrel", "--json", "wa"], ["walk"]),
+                               (["ostrel", "walk", "--so"], ["--sort"]), (["ostrel", "ls", "--so"], ["--sort"]),
+                               (["ostrel", "put", "--so"], []), (["ostrel", "get", "li"], ["links.db"]),
+                               (["ostrel", "get", "file", ":", "li"], ["links.db"]), (["ostrel", "walk", "links.db", "-s", ""], []),
+                               (["ostrel", "completion", "f"], ["fish"]), (["ostrel", "version", ""], []),
+                               (["ostrel", "convert", "-t", "l"], ["links.db"]), (["cairnctl", "sh"], ["show"]),
+                               (["cairnctl", "del"], ["delete"]), (["cairnctl", "--hatch", "li"], ["links.db"]),
+                               (["cairnctl", "--hatch", "=", "li"], ["links.db"]), (["cairnctl", "backup", "li"], ["links.db"]),
+                               (["enclavectl", "set"], ["set-state"]), (["enclavectl", "add", "--na"], ["--name"])):
+            with self.subTest(words):
+                self.assertEqual(self.complete(*words), offered)
+
+    def test_bash_completes_enclaves_and_runs_nothing_that_they_are_called(self):
+        for name in ("ostrel", "enclavectl"):
+            os.chmod(self.write(name, "#!/bin/sh\nprintf '7\\tweb\\n8\\tdb\\n9\\tw$(touch ran)\\n'\n"), 0o755)
+        for words in (["ostrel", "walk", "-E"], ["ostrel", "diff", "a", "--other-enclave"], ["enclavectl", "show"], ["cairnctl", "-E"]):
+            self.assertEqual(self.complete(*words, "w", program=self.path("ostrel")), ["web", "w\\$\\(touch\\ ran\\)"])
+        self.assertFalse(os.path.exists(self.path("ran")))
+
+
+if __name__ == "__main__":
+    t.main()
