@@ -49,9 +49,9 @@ env -u CMAKE_C_COMPILER_LAUNCHER cmake -S "$source/tests/install" -B "$work/pack
 	cmake --build "$work/package" >>"$work/log" || { cat "$work/log"; fail "find_package() doesn't lead to a program"; }
 
 for program in c cxx package/foreigner; do
-	database=$work/${program//\//-}.db
-	"$work/$program" "$database" || fail "$program failed"
-	[ "$(wc -l <"$database")" = 2 ] || fail "$program left another database: $(cat "$database")"
+	mkdir "$work/$program.dir"
+	MERIDON_ROOT=$work/$program.dir "$work/$program" "$work/$program.dir" || fail "$program failed"
+	[ "$(wc -l <"$work/$program.dir/db.obsolete")" = 2 ] || fail "$program left another database"
 done
 
 # The daemon finds its library beside itself.

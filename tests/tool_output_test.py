@@ -1,13 +1,10 @@
-# What the tool prints where: terminals, JSON, exit codes, completion, the manual page.
+# What the tool prints where: terminals, errors, full disks, enclaves.
 import json
 import os
 import re
-import shutil
 import subprocess
 
 import ostrel_tool as t
-
-CAIRNCTL, ENCLAVECTL = (os.path.join(os.path.abspath(t.BUILD), "tools", name) for name in ("cairnctl", "enclavectl"))
 
 
 class Terminal(t.ToolTest):
@@ -47,32 +44,6 @@ class Terminal(t.ToolTest):
         # A script gets the bytes as they are.
         self.assertEqual(self.tool("get", "db", ident, "-p", "x").out, evil + b"\n")
 
-    # They make one name look like another: no program shows them, and in JSON they are escaped.
-    def test_marks_that_turn_the_writing_or_hide_are_shown_by_all_programs(self):
-        self.env["MERIDON_ROOT"] = self.dir
-        marks = "a\u061c\u200e\u202e\u2066\u2069\u2063\U000e0041"
-        os.makedirs(self.path("run/enclaves"))
-        os.mkdir(self.path(marks))
-        self.write("run/enclaves/7", f"name=web\nroot={self.path(marks)}\nstate=ready\n")
-        self.write("d", f"n={marks};\tx=string,{marks};\n")
-        for program, *words in ([t.OSTREL, "walk", "d"], [t.OSTREL, "enclaves"], [t.OSTREL, "get", marks, "a=1"],
-                                [ENCLAVECTL, "list"], [ENCLAVECTL, "show", marks], [CAIRNCTL, "--hatch", "/no" + marks, "list"]):
-            for json_too, shown in (([], rb"a\xd8\x9c\xe2\x80\x8e\xe2\x80\xae"), (["--json"], rb"\u061c\u200e\u202e\u2066")):
-                done = subprocess.run([program, *words, *json_too], cwd=self.dir, env=self.env, capture_output=True)
-                said = done.stdout + done.stderr
-                self.assertTrue(said.isascii(), said)
-                self.assertTrue(shown in said or rb"\xe2\x80\xae" in said.replace(rb"\\", b"\\"), said)
-
-    def test_colour_is_for_terminals_that_want_it(self):
-        self.write("d", "n=a;\tx=int32,1;\n")
-        self.assertIn(b"\x1b[1m", self.on_terminal("walk", "d"))
-        self.assertNotIn(b"\x1b", self.tool("walk", "d").out)
-        self.env["NO_COLOR"] = "1"
-        self.assertNotIn(b"\x1b", self.on_terminal("walk", "d"))
-        self.env.pop("NO_COLOR")
-        self.env["TERM"] = "dumb"
-        self.assertNotIn(b"\x1b", self.on_terminal("walk", "d"))
-
 
 class Ends(t.ToolTest):
     def test_errors_as_json_name_code_place_and_next_step(self):
@@ -80,18 +51,8 @@ class Ends(t.ToolTest):
         self.assertEqual((error["name"], error["where"]), ("not_found", "none"))
         self.assertTrue(error["message"] and error["hint"])
         self.assertEqual(self.run_tool("--json", "walk", "none").out, b"")
-        for words in (["walk", "--json"], ["nonsense", "--json"], ["--json"], ["walk", "d", "--nonsense", "--json"]):
-            self.assertEqual(json.loads(self.tool(*words, code=2).err)["error"]["name"], "usage")
         text = self.tool("walk", "none", code=4).err.decode().splitlines()
         self.assertEqual([line.split(": ")[1] for line in text], ["error", "hint"])
-
-    def test_output_that_cannot_be_written_is_a_failure(self):
-        self.write("d", "n=a;\tx=int32,1;\n" * 3)
-        for words in (["walk", "d"], ["export", "d"], ["version"], ["walk", "d", "--json"]):
-            with open("/dev/full", "w") as full:
-                done = subprocess.run([t.OSTREL, *words], stdout=full, stderr=subprocess.PIPE, cwd=self.dir)
-            self.assertEqual(done.returncode, 1, words)
-            self.assertIn(b"can't be written", done.stderr)
 
     def test_running_out_of_memory_ends_with_its_code(self):
         self.write("d", "".join(f"n={i};\tx=string,{'y' * 400};\n" for i in range(100000)))
@@ -103,33 +64,28 @@ class Ends(t.ToolTest):
         self.assertEqual(json.loads(done.stderr)["error"]["name"], "memory")
 
     def test_a_full_disk_is_told_apart_and_keeps_the_database(self):
-        if os.getuid() != 0 or shutil.which("unshare") is None:
-            self.skipTest("needs root, to mount a small file system")
         os.mkdir(self.path("small"))
-        script = f"""set -e
-mount -t tmpfs -o size=64k t small
-{t.OSTREL} put small/d a=1 -- x=1
+        script = """mount -t tmpfs -o size=64k t small
+$tool put small/d a=1 -- x=1
 cp small/d copy
 dd if=/dev/zero of=small/fill bs=4k 2>/dev/null || true
-code=0; {t.OSTREL} --json import small/d big || code=$?
-cmp small/d copy; ls small; echo $code
-code=0; {t.OSTREL} --json set small/d a=1 -- x=2 || code=$?
-cmp small/d copy; echo $code"""
+for words in "import small/d big" "set small/d a=1 -- x=2"; do
+code=0; $tool --json $words || code=$?
+cmp small/d copy; echo $code
+done; ls small"""
         objects = [{"id": {"n": str(i)}, "props": {}} for i in range(9000)]
         self.write("big", json.dumps({"format": "ostrel-objects", "version": 1, "objects": objects}))
-        done = subprocess.run(["unshare", "-m", "bash", "-c", script], cwd=self.dir, capture_output=True, timeout=120)
-        self.assertEqual(done.stdout.split(), [b"d", b"fill", b"9", b"9"], done.stderr)
+        done = self.with_mounts(script)
+        self.assertEqual(done.stdout.split(), [b"9", b"9", b"d", b"fill"], done.stderr)
         for line in done.stderr.splitlines():
             self.assertIn("no space", json.loads(line)["error"]["message"])
 
     # Each is refused before anything is made, in a dry run too, and the hint is about this fault.
     def test_places_where_nothing_can_be_replaced_are_named(self):
-        if os.getuid() != 0 or shutil.which("unshare") is None:
-            self.skipTest("needs root, to mount")
         for name in ("bound", "ro/d"):
             os.makedirs(os.path.dirname(self.path(name)), exist_ok=True)
             self.write(name, "a=1;\tx=string,1;\n")
-        script = "mount --bind bound bound; mount -t tmpfs t ro; cp bound ro/d; mount -o remount,ro ro; exec \"$@\""
+        script = "mount --bind bound bound; mount -t tmpfs t ro; cp bound ro/d; mount -o remount,ro ro; exec $tool --json \"$@\""
         for db, code, said in (("bound", 6, "mounted there by itself"), ("ro/d", 1, "read-only"), ("ro/new", 1, "read-only"),
                                ("/proc/x", 6, "takes no files"), ("/sys/x", 6, "takes no files"), ("Repo:x", 2, "no kind"),
                                ("https:x", 2, "./https:x")):
@@ -138,25 +94,17 @@ cmp small/d copy; echo $code"""
                 if words[0] == "remove" and db in ("ro/new", "/proc/x", "/sys/x"):
                     continue  # there is nothing
                 self.write("doc", '{"format":"ostrel-objects","version":2,"objects":[{"id":{"b":"1"},"props":{}}]}')
-                done = subprocess.run(["unshare", "-m", "bash", "-c", script, "sh", t.OSTREL, "--json", *words], cwd=self.dir,
-                                      env=self.env, capture_output=True)
+                done = self.with_mounts(script, *words)
                 error = json.loads(done.stderr)["error"]
                 self.assertEqual(done.returncode, code, error)
                 self.assertIn(said, error["message"] + error["hint"], words)
         self.assertEqual(sorted(os.listdir(self.dir)), ["bound", "doc", "ro"])
 
-    def test_version_and_help(self):
-        self.assertRegex(self.text("version"), r"^ostrel \d+\.\d+\.\d+\n$")
-        self.assertEqual("ostrel " + self.tool("version", "--json").json()["version"] + "\n", self.text("--version"))
-        for command in re.findall(r"^  (\w+)", self.text("--help").partition("Subcommands:")[2], re.M):
-            self.assertIn("Usage", self.text(command, "--help"))
 
-
+@t.needs_root
 class Enclaves(t.ToolTest):
     def setUp(self):
         super().setUp()
-        if os.getuid() != 0:
-            self.skipTest("entering an enclave needs root")
         self.env["MERIDON_ROOT"] = self.path("host")
         os.makedirs(self.path("host/run/enclaves"))
         os.makedirs(self.path("inside/etc"))
@@ -170,7 +118,7 @@ class Enclaves(t.ToolTest):
         self.write("host/run/enclaves/9", f"name=dead\nroot=/\nstate=running\nleader={os.getpid()}\nleader_start=1\n")
         self.assertEqual(self.text("enclaves").splitlines()[1], f"9\tdead\trunning\t{os.getpid()} (gone)\t/")
         for words in ([], ["--json"]):
-            listed = subprocess.run([ENCLAVECTL, "list", *words], env=self.env, capture_output=True).stdout
+            listed = subprocess.run([t.program("enclavectl"), "list", *words], env=self.env, capture_output=True).stdout
             self.assertIn(listed.strip(b"{}\n"), self.tool("enclaves", *words).out)
         self.tool("put", *here, "n=1", "--", "x=1")
         self.assertEqual(self.read("inside/etc/d"), b"n=1;\tx=string,1;\n")
@@ -198,60 +146,6 @@ class Enclaves(t.ToolTest):
         for words in (["walk", "-E", "7", "/etc/d"], ["put", "-E", "7", "/etc/d", "n=1", "--", "x=1"]):
             error = self.error(1, *words)
             self.assertIn("ostrel enclaves", error["hint"])
-
-
-class Texts(t.ToolTest):
-    def complete(self, *words, tool=t.OSTREL):
-        script = f"""source <({t.OSTREL} completion bash)
-PATH={os.path.dirname(tool)}:$PATH
-COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _ostrel 2>/dev/null; printf '%s\\n' "${{COMPREPLY[@]}}" """
-        done = subprocess.run(["bash", "-uc", script, "bash", *words], cwd=self.dir, capture_output=True, timeout=60)
-        self.assertEqual(done.returncode, 0, done.stderr)
-        return done.stdout.decode().split()
-
-    def test_bash_completes_commands_options_and_files(self):
-        self.write("links.db", "")
-        self.assertEqual(set(self.complete("ostrel", "re")), {"rename", "remove"})
-        self.assertEqual(self.complete("ostrel", "--json", "wa"), ["walk"])
-        self.assertEqual(self.complete("ostrel", "walk", "--so"), ["--sort"])
-        self.assertEqual(self.complete("ostrel", "ls", "--so"), ["--sort"])
-        self.assertEqual(self.complete("ostrel", "put", "--so"), [])
-        self.assertEqual(self.complete("ostrel", "get", "li"), ["links.db"])
-        self.assertEqual(self.complete("ostrel", "get", "file", ":", "li"), ["links.db"])
-        self.assertEqual(self.complete("ostrel", "completion", "f"), ["fish"])
-        self.assertEqual(self.complete("ostrel", "version", ""), [])
-
-    def test_bash_completes_enclaves_and_runs_nothing_that_they_are_called(self):
-        fake = self.write("ostrel", "#!/bin/sh\nprintf '7\\tweb\\n8\\tdb\\n9\\tw$(touch ran)\\n'\n")
-        os.chmod(fake, 0o755)
-        self.assertEqual(self.complete("ostrel", "walk", "-E", "we", tool=fake), ["web"])
-        self.assertEqual(" ".join(self.complete("ostrel", "walk", "-E", "w", tool=fake)), "web w\\$\\(touch\\ ran\\)")
-        self.assertFalse(os.path.exists(self.path("ran")))
-
-    def test_completion_scripts_parse(self):
-        for shell, check in (("bash", ["bash", "-n"]), ("zsh", ["zsh", "-n"]), ("fish", ["fish", "-n"])):
-            script = self.tool("completion", shell).out
-            self.assertIn(b"ostrel", script)
-            self.assertIn(b"completion", script)
-            if shutil.which(shell):
-                done = subprocess.run([*check, self.write("script", script)], capture_output=True)
-                self.assertEqual((done.returncode, done.stderr), (0, b""), shell)
-        self.error(2, "completion", "csh")
-
-    def test_the_manual_page_names_every_command_and_option(self):
-        page = os.path.join(t.SOURCE, "docs", "man", "ostrel.1")
-        with open(page) as f:
-            text = f.read()
-        commands = re.findall(r"^  (\w+)", self.text("--help").partition("Subcommands:")[2], re.M)
-        self.assertGreater(len(commands), 10)
-        for command in commands:
-            self.assertRegex(text, rf"(?m)^\.(It )?(Ic|Cm|Nm|Xo|Ss).*\b{command}\b", command)
-            for option in re.findall(r"^ .*--([\w-]+)", self.text(command, "--help"), re.M):
-                if option not in ("help", "json"):
-                    self.assertIn("-" + option.replace("-", "\\-"), text, f"{command} --{option}")
-        if shutil.which("mandoc"):
-            done = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", page], capture_output=True)
-            self.assertEqual((done.returncode, done.stdout), (0, b""))
 
 
 if __name__ == "__main__":

@@ -107,6 +107,15 @@ class ToolTest(unittest.TestCase):
         self.assertEqual(child.wait(60), code)
         return seen.replace(b"\r\n", b"\n")
 
+    # What bash offers for the last of these words, each cut as bash cuts it; what it runs meanwhile comes from `path` first.
+    def complete(self, name, *words, path=None):
+        script = """source <("$0" completion bash); name=$1; PATH=$2:$PATH; shift 2
+COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _$name; for reply in "${COMPREPLY[@]}"; do printf '%s\\n' "$reply"; done"""
+        done = subprocess.run(["bash", "-uc", script, program(name), name, path or os.path.dirname(OSTREL), name, *words],
+                              cwd=self.dir, env=self.env, capture_output=True, timeout=60)
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        return done.stdout.decode().splitlines()
+
     # Runs a script of bash in a mount namespace of its own, with the tool as the variable `tool`.
     @needs_root
     def with_mounts(self, script, *words):
