@@ -18,7 +18,7 @@ void declare(CLI::App &app, Options &options)
 	app.add_option("B", options.other, "A snapshot, or 'current'")->required();
 }
 
-// A text of names with a NUL between them, which no name holds: two that look alike aren't the same.
+// Lines have a NUL between their names, since no name holds one: names with blanks can't make two lines the same.
 std::string spaced(std::string text)
 {
 	std::replace(text.begin(), text.end(), '\0', ' ');
@@ -49,7 +49,7 @@ Lines lines_of(Repository &repository, const Location &location, const std::stri
 	return lines;
 }
 
-// What one side has and the other hasn't, or has otherwise.
+// A line that one side has and the other lacks, or has with another value.
 struct Difference {
 	char sign;
 	const Lines::value_type *line;

@@ -66,7 +66,7 @@ void declare_import(CLI::App &app, Options &options)
 	declare_dry_run(app, options);
 }
 
-// Snapshots are made by taking them: their groups come first, and go when the snapshot is taken.
+// A snapshot can only be taken of what the instance holds: writes the groups of each, takes it, and clears the instance.
 void import_instance(Repository &repository, const Location &location, const Json &document)
 {
 	for (const Json &entry : document["snapshots"]) {
@@ -92,7 +92,7 @@ struct Made {
 	const Json *groups = nullptr; // of a service
 };
 
-// Notes what it made, and nothing else: what others made since somebody looked is theirs.
+// Adds to `made` what it made itself. What others made since check_free() is theirs, and makes the import fail.
 void import_service(Repository &repository, const Json &service, std::vector<Made> *made)
 {
 	std::string name = text_in(service);
@@ -136,7 +136,7 @@ void check_free(Repository &repository, const Json &service)
 		refuse_taken(name);
 }
 
-// All or nothing.
+// Imports all services, or none.
 void import_services(Repository &repository, const Json &services)
 {
 	std::vector<Made> made;

@@ -56,7 +56,7 @@ std::optional<std::string> from_hex(std::string_view text)
 	return bytes;
 }
 
-// The bytes of a name or a type. None if a NUL stands anywhere but before the hexadecimal form.
+// Decodes a name or a type. Nothing if a NUL stands anywhere but before the hexadecimal form.
 std::optional<std::string> text_from_json(const std::string &text)
 {
 	if (text.find('\0') == text.npos)
@@ -101,7 +101,7 @@ std::string checked_name(const Json &part, const std::string &where, const char 
 	return name;
 }
 
-// Two of one name are two halves of something, and it isn't known of what.
+// Refuses a second thing of one name: the importer couldn't tell them apart.
 void check_new(std::set<std::string> *names, const std::string &name, const std::string &where)
 {
 	if (!names->insert(name).second)
@@ -192,8 +192,8 @@ void check_document(const Json &document, const std::string &file)
 	}
 }
 
-// Arrays and objects around what a group of the greatest depth holds: two for each group, those above the first, and
-// those down to a value of the last.
+// The nesting of a document with a group of the greatest depth: two levels for each group, those above the first group,
+// and those of the last group's values.
 constexpr int json_depth_max = 2 * group_depth_max + 11;
 
 } // namespace
@@ -243,7 +243,7 @@ std::string bytes_from_json(const Json &value)
 
 Json parse_document(const std::string &text, const std::string &file)
 {
-	// What lies deeper isn't even built: all that walks a document calls itself.
+	// Stops the parser at what lies deeper: everything that walks a document is recursive.
 	auto look = [&](int depth, Json::parse_event_t, const Json &) {
 		if (depth > json_depth_max)
 			refuse(file, fmt::format("nested deeper than {} groups", group_depth_max));

@@ -11,15 +11,15 @@
 constexpr const char *document_format = "cairn-repository";
 constexpr int document_version = 2; // 1 is read as well: it had whole numbers as numbers alone
 
-// How deep groups may lie in each other: far deeper than a daemon lets anybody make them, and no deeper than what walks
-// them, the JSON library's printer among it, can go down by calling itself.
+// How deep groups may be nested: far deeper than a daemon accepts, and within what recursion over them, such as that of the
+// JSON library's printer, can bear.
 constexpr int group_depth_max = 512;
 
 // The words of value types.
 const char *type_word(rpy_type_t type);
 rpy_type_t type_by_word(const std::string &word);
 
-// The name of a part of a document that was checked, or what else stands there in that form.
+// The name of a part of a checked document, or another text in the same form.
 std::string text_in(const Json &part, const char *key = "name");
 
 // A value's bytes: a text, or an object with `hex`.

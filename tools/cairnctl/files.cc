@@ -39,7 +39,7 @@ std::string read_all(int fd, const std::string &name)
 	std::string text;
 	char buffer[64 << 10];
 	ssize_t got = 0;
-	bool is_text = true; // a device of zeros would have no end
+	bool is_text = true; // stops at a NUL: a device of zeros would have no end
 	while (is_text && (got = read(fd, buffer, sizeof(buffer))) > 0) {
 		text.append(buffer, static_cast<size_t>(got));
 		is_text = std::memchr(buffer, 0, static_cast<size_t>(got)) == nullptr;
@@ -82,7 +82,7 @@ struct NewFile {
 		name.clear();
 	}
 
-	std::string name; // of its own, so that one that a killed run left is in nobody's way
+	std::string name; // unique, so that a file left by a killed run doesn't matter
 	Fd file;
 };
 

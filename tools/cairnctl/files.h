@@ -8,7 +8,7 @@
 // What a file holds; an empty path or "-" is the standard input.
 std::string read_file(const std::string &path);
 
-// Puts these bytes in a file's place, durably: the file is the new one or as it was, whenever the tool ends.
+// Replaces a file by these bytes, durably: whenever the tool ends, the file is either the new one or the old one.
 void write_file(const std::string &path, std::string_view bytes);
 
 #endif

@@ -38,7 +38,7 @@ void check(int result, const std::string &doing)
 		fail(doing);
 }
 
-// Whether a listing has begun; not if what it is to list has gone.
+// Whether a listing has begun; false if its subject was removed meanwhile.
 bool started(int result, const std::string &doing)
 {
 	if (result == -1 && rpy_error() == RPY_ERROR_DELETED)
@@ -111,7 +111,7 @@ void decorate_path(rpy_handle_t *handle, const std::string &path, const std::str
 	check(rpy_handle_decorate(handle, "hatch_path", value.get()), doing);
 }
 
-// The enclave goes along with the path below its root: the registry may change meanwhile.
+// The path below the enclave's root goes with the enclave's id, since the registry may change meanwhile.
 void decorate_for_enclave(rpy_handle_t *handle, enclaveid_t enclave, const std::string &doing)
 {
 	char root[ENCLAVE_ROOT_MAX + 1];
@@ -281,7 +281,7 @@ Json Repository::properties_of(rpy_propertygroup_t *group)
 	return list;
 }
 
-// Nothing if a group went away meanwhile: its part of the tree is lost, and the rest may be of two times.
+// Nothing if a group was removed meanwhile: its part of the tree is lost, and the rest may mix two states.
 std::optional<Json> Repository::groups_of(rpy_iter_t *iter, const std::string &where, int depth)
 {
 	Json list = Json::array();
@@ -313,8 +313,8 @@ std::optional<Json> Repository::groups_of(rpy_iter_t *iter, const std::string &w
 	return list;
 }
 
-// Each level of a tree is a call of its own, and others may change it between two calls. What they replaced is read
-// again from the top, so that a tree is never half of one and half of another.
+// Reads a whole tree. Each level is a call of its own, and others may change the tree between two calls: then it is read
+// again from the top, so that the result is never a mixture.
 template <typename Start>
 Json Repository::whole_tree(const std::string &where, Start start)
 {
@@ -347,7 +347,7 @@ Json Repository::groups(const Location &location, const std::string &snapshot_na
 {
 	std::string where = "the snapshot '" + snapshot_name + "' of '" + location.locator + "'";
 	return whole_tree(where, [&](rpy_iter_t *iter) {
-		Snapshot frozen = snapshot(location, snapshot_name); // one that was taken anew is another
+		Snapshot frozen = snapshot(location, snapshot_name); // one that is taken again is another
 		return started(rpy_iter_snapshot_pgs(iter, frozen.get()), where);
 	});
 }

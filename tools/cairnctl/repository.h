@@ -45,14 +45,15 @@ public:
 	// Makes what is missing of it. False if nothing was.
 	bool add(const std::string &locator);
 	void remove(const std::string &locator, bool recursive);
-	// Listings. What they gave may have gone by the time it is used, as Exit::not_found; never is it another of its name.
+	// Listings. What they return may be removed before it is used: its use fails with Exit::not_found, and never reaches
+	// another thing of the same name.
 	std::vector<Location> services();
 	std::vector<Location> instances(const Location &service);
 	std::vector<std::string> snapshots(const Location &location);
 	Snapshot snapshot(const Location &location, const std::string &name);
 
-	// The groups of a location, or of a snapshot of it, as a document: a snapshot's are all of one time, a location's without
-	// gaps where others replaced some meanwhile. Exit::busy if they change so fast that no such document can be had.
+	// The groups of a location, or of a snapshot of it, as a document. A snapshot's groups are of one time; a location's
+	// have no gaps where others replaced some meanwhile. Fails with Exit::busy if they change too fast for that.
 	Json groups(const Location &location);
 	Json groups(const Location &location, const std::string &snapshot_name);
 	// Writes groups of a document below a location.

@@ -66,7 +66,7 @@ private:
 
 // ---- Pieces of a line ----
 
-// Pieces are cut by the library's tokenizer, in a copy: it writes into what it cuts.
+// Cuts with the library's tokenizer, in a copy: the tokenizer writes into its input.
 std::vector<std::string> cut(std::string text, char delimiter)
 {
 	std::vector<std::string> pieces;
@@ -76,7 +76,7 @@ std::vector<std::string> cut(std::string text, char delimiter)
 	return pieces;
 }
 
-// A text in front of its first unescaped delimiter, and what stands behind it.
+// Splits a text at its first unescaped delimiter.
 std::pair<std::string, std::string> cut_once(std::string text, char delimiter)
 {
 	char *rest = nullptr;
@@ -129,7 +129,7 @@ std::string why_line_fails(const std::string &line)
 
 // ---- Values ----
 
-// What the numbers of a type may be on a line: unsigned ones are written with the sign of their bits.
+// The range of a type's numbers on a line. Unsigned numbers may be written as the signed number of the same bits.
 constexpr struct {
 	data_type_t type;
 	int64_t least, greatest;
@@ -165,7 +165,7 @@ void check_numbers(const std::string &piece, size_t number, Findings &findings)
 
 // ---- Writing back ----
 
-// The first property that can't be written; empty if it's none by itself.
+// The first property that can't be written by itself; empty if there is none.
 std::string unstorable_property(attrlist_t *props)
 {
 	ostrel_line line;
@@ -179,8 +179,8 @@ std::string unstorable_property(attrlist_t *props)
 	return "";
 }
 
-// Why an object that was read can't be written again, which keeps every update of the database from being made. Empty
-// if it can.
+// Why an object that was read can't be written again; empty if it can. Such an object makes every update of its database
+// fail.
 std::string why_not_written_back(attrlist_t *id, attrlist_t *props)
 {
 	char text[OSTREL_IDSTR_SIZE];

@@ -26,7 +26,7 @@ void declare(CLI::App &app, Options &options)
 	    ->excludes(to);
 }
 
-// Gives the result of the conversion, and throws if it fails. What it says besides a failure is a warning.
+// Converts the properties, and throws Failure if that fails. Other messages of the conversion become warnings.
 List convert(const Object &object, const PropertyTable &table, bool to_persist, const std::string &label)
 {
 	List props = props_list(object.props);

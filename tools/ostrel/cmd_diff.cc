@@ -22,7 +22,7 @@ void declare(CLI::App &app, Options &options)
 	    ->type_name("NAME|ID");
 }
 
-// Which object, or which property, differs, and how it looks on either side; NULL: it isn't there.
+// An object or a property that differs, as it is on either side; NULL: it is missing there.
 struct PropertyDifference {
 	const Property *before;
 	const Property *after;
@@ -48,7 +48,7 @@ std::vector<PropertyDifference> compare_props(const Object &before, const Object
 	return found;
 }
 
-// Objects are paired by their identifiers; those that share theirs, one by one in their order.
+// Pairs objects by their identifiers, and several with the same identifiers in their order.
 std::vector<Difference> compare(
     const std::vector<Object> &before, const std::vector<Object> &after, bool case_sensitive)
 {

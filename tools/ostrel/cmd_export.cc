@@ -13,7 +13,7 @@ void declare(CLI::App &app, Options &options)
 Exit run(const Options &options)
 {
 	const std::unique_ptr<Database> database = open_database(options);
-	// The document begins with the first object: a database that can't be read leaves no half of one.
+	// The document begins with the first object, so that a database that can't be read leaves no partial document.
 	std::optional<DocumentWriter> document;
 	database->walk({}, false, [&](Object &&object) {
 		if (!document)

@@ -51,7 +51,8 @@ std::string new_name(const std::string &name)
 	return name + ".obsolete";
 }
 
-// The entries that match now, sorted by name. The library looks for itself; this is what it is compared with.
+// The entries that match now, sorted by name. The library searches by itself and reports nothing: the result is found by
+// comparison with this list.
 std::vector<Entry> matching_entries(const std::string &dir, const std::string &pattern)
 {
 	if (pattern.empty()) // such as a variable that isn't set
@@ -83,7 +84,7 @@ bool is_there_now(const std::string &dir, const std::string &name, const struct 
 	       now.st_ino == before.st_ino;
 }
 
-// The library tells of each entry only in its log; a message of it is cut where it is too long.
+// The library reports a failed entry in its log only, and cuts a message that is too long.
 std::string message_for(const std::string &dir, const std::string &name, std::vector<std::string> &messages)
 {
 	std::string whole = fmt::format("Rename obsolete file {}/{} failed", dir, name).substr(0, OSTREL_LOG_TEXT_MAX);
@@ -94,7 +95,7 @@ std::string message_for(const std::string &dir, const std::string &name, std::ve
 	return whole;
 }
 
-// Gives the messages that are about no entry.
+// Renames the files, and returns the messages that are about no entry.
 std::vector<std::string> set_aside(const std::string &dir, const std::string &pattern, std::vector<Entry> &entries)
 {
 	std::vector<std::string> messages =

@@ -31,10 +31,10 @@
 
 namespace {
 
-// Who gets the directory of a hatch: the library gives it to these.
+// The owner that the library gives to the directory of a hatch.
 constexpr uid_t hatch_owner = 16;
 
-// Directories that are many programs' and never one server's own. Compared by what they are, not by how they are spelled.
+// Directories that many programs share and no server owns. They are compared by device and inode, not by path.
 constexpr const char *system_directories[] = {"/", "/bin", "/boot", "/dev", "/dev/shm", "/etc", "/etc/meridon", "/home",
     "/lib", "/lib64", "/media", "/mnt", "/opt", "/proc", "/root", "/run", "/run/enclaves", "/run/lock", "/run/systemd",
     "/run/user", "/sbin", "/srv", "/sys", "/tmp", "/usr", "/usr/bin", "/usr/lib", "/usr/local", "/usr/sbin",
@@ -82,7 +82,7 @@ bool is_system_directory(const struct stat &status)
 	});
 }
 
-// Serving changes the directory's mode and owner: it has to be one that is there for that.
+// Serving changes the directory's mode and owner, so it has to be the server's own.
 void check_directory(const std::string &path)
 {
 	std::string directory = directory_of(path);
@@ -111,7 +111,7 @@ void check_directory(const std::string &path)
 			"use a directory of the server's own, such as /run/ostrel; it is made if it is missing"));
 }
 
-// Only an empty file or what a hatch left there is used again: everything else is somebody's.
+// Reuses an empty file, or what an earlier hatch left; everything else belongs to somebody.
 void check_place(const std::string &path)
 {
 	static constexpr char mark[] = "MERIDON-HATCH ";
@@ -150,7 +150,7 @@ void raise_descriptor_limit()
 
 // ---- Serving ----
 
-// The signals that end the server wait until it asks for one. They are blocked before there is a second thread.
+// Blocks the signals that end the server until it asks for one. Made before there is a second thread.
 class EndSignals {
 public:
 	EndSignals()
@@ -179,7 +179,7 @@ private:
 	sigset_t set_;
 };
 
-// A hatch that serves a database for as long as this lives.
+// Serves a database through a hatch for as long as it lives.
 class Server {
 public:
 	Server(const Database &database, const Options &options) : path_(options.other)
@@ -226,7 +226,7 @@ void announce(const Database &database, const Options &options)
 
 // ---- The end ----
 
-// What became of the updates that were deferred when the server was ended.
+// The updates that were deferred when the server ended, and what became of them.
 class Ending {
 public:
 	explicit Ending(UpdateWatch &watch) : watch_(watch) { look(); }
@@ -241,7 +241,7 @@ public:
 
 	size_t count() const { return threads_.size(); }
 
-	// Says it, by name where that is known. `given_up` is how many the library gave up.
+	// Reports each by its name, if that is known. `given_up` is how many the library gave up.
 	Exit tell(const Database &database, const Options &options, size_t given_up)
 	{
 		Json named = Json::array();
@@ -285,8 +285,8 @@ private:
 	std::set<pid_t> threads_;
 };
 
-// Nobody gets in any more; updates that the store has put off are waited for, unless another signal comes. The handle is
-// never given up under one: a server that has to leave some behind ends as it stands.
+// Ends the server once its hatch has gone. Waits for the updates that the store has deferred, until another signal comes.
+// The handle isn't closed under a running update: a server that has to leave some behind exits without closing it.
 Exit end_with_updates(const Database &database, const Options &options, UpdateWatch &watch, const EndSignals &signals)
 {
 	Ending ending(watch);

@@ -62,7 +62,7 @@ struct Object;
 std::unique_ptr<Database> open_database(const Options &options);
 // Prints an object as text: a line for each identifier, and one for each property.
 void print_object(const Object &object);
-// Prints what an update did, or would do: as JSON if asked for, as a line in a dry run, otherwise not at all.
+// Prints what an update did, or would do: as JSON with --json, as a line in a dry run, otherwise not at all.
 Exit tell_update(const Options &options, const char *done, const Object &object);
 // Checks that the database can be updated, and keeps other updates of a file waiting until this one has ended. Without
 // --force a file's lines stay, unless their loss is meant.

@@ -1,4 +1,4 @@
-// Work on files of another enclave: a child process enters it, does the work, and goes.
+// Work on files of another enclave: a child process enters it, does the work, and ends.
 #ifndef OSTREL_TOOL_ENCLAVE_CHILD_H
 #define OSTREL_TOOL_ENCLAVE_CHILD_H
 
@@ -8,8 +8,8 @@
 
 #include <meridon/enclave.h>
 
-// Runs `work`, which returns 0 or an errno value, inside the enclave, and gives what it returned. The child makes
-// system calls alone.
+// Runs `work`, which returns 0 or an errno value, inside the enclave, and returns its result. The child makes system
+// calls only.
 template <typename Work>
 int in_enclave(enclaveid_t enclave, const Work &work)
 {

@@ -1,4 +1,4 @@
-// The library's log, read by the tool itself: it goes to the standard error, which is a file in memory for the time.
+// Captures the library's log. The log goes to the standard error, which is a file in memory meanwhile.
 #include "log_messages.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// What the library says to its log and to nobody else.
+// Messages that the library writes to its log only.
 #ifndef OSTREL_TOOL_LOG_MESSAGES_H
 #define OSTREL_TOOL_LOG_MESSAGES_H
 

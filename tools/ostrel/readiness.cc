@@ -15,7 +15,7 @@
 
 namespace {
 
-// Gives an errno value. A name that begins with @ is an abstract one.
+// Returns an errno value. A name that begins with @ is in the abstract name space.
 int send_state(const char *name, const char *state)
 {
 	sockaddr_un address = {};

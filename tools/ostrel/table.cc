@@ -54,7 +54,7 @@ bool flag_from_json(const Json &json, const char *key, bool otherwise, const std
 	return json[key].get<bool>();
 }
 
-// The parser would keep the last of two keys of one name without a word.
+// Refuses two keys of one name: the parser alone would silently keep the last.
 Json parse(std::istream &in)
 {
 	constexpr int deepest = 8;

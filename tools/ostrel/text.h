@@ -11,13 +11,13 @@
 
 // As visible() has it, with a backslash before each backslash and each comma: unescape() gives the text back.
 std::string escape(std::string_view text);
-// The values of a property as one word, which split_values() takes apart.
+// The values of a property as one word; split_values() is the inverse.
 std::string join_values(const std::vector<std::string> &values);
 
-// Where the first byte out of `stops` stands that no backslash hides; npos if there is none.
+// The position of the first byte of `stops` that isn't escaped; npos if there is none.
 size_t find_unescaped(std::string_view text, std::string_view stops, size_t from = 0);
-// Takes a backslash before a punctuation mark or a blank away, and \n \t \r \xHH back. Throws Failure (usage) for
-// any other escape.
+// Removes a backslash before a punctuation mark or a blank, and decodes \n \t \r \xHH. Throws Failure (usage) for any
+// other escape.
 std::string unescape(std::string_view text);
 // Cuts at each unescaped comma and unescapes the pieces. An empty text is one empty value.
 std::vector<std::string> split_values(std::string_view text);

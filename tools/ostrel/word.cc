@@ -1,4 +1,4 @@
-// Taking the words of a command line apart.
+// Parsing the words of a command line.
 #include "word.h"
 
 #include <algorithm>

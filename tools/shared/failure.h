@@ -1,7 +1,7 @@
 // How a run of a tool ends, and what it says about that: exit codes, errors, warnings and notes, the same in all tools.
 //
-// A failure is raised where it is found, as a Failure with the cause, a sentence and, where there is one, the next step. On
-// the way up others add what they know of the place; what was said first stays. The frame (program.h) reports it, once, and
+// A failure is raised where it is found, as a Failure with the cause, a sentence and, where there is one, the next step. Callers
+// add what they know of the place; the first answer stays. The frame (program.h) reports it, once, and
 // ends the tool with the cause's exit code. All of this goes to the standard error: the standard output holds data alone.
 #ifndef TOOLS_SHARED_FAILURE_H
 #define TOOLS_SHARED_FAILURE_H

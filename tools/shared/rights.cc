@@ -1,4 +1,3 @@
-// The file of rights, as seen from outside: whether it counts.
 #include "rights.h"
 
 #include <cerrno>

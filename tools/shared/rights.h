@@ -1,4 +1,4 @@
-// The file of rights, as seen from outside: whether it counts.
+// Whether servers accept the file of rights, judged by its owner, mode and size.
 #ifndef TOOLS_SHARED_RIGHTS_H
 #define TOOLS_SHARED_RIGHTS_H
 
@@ -6,7 +6,7 @@
 
 #include <sys/types.h>
 
-// Why a server of this user doesn't go by the file of rights, as the end of a sentence about it; empty if it does.
+// Why a server of this user ignores the file of rights, as the end of a sentence about it; empty if it doesn't.
 std::string rights_fault(uid_t server);
 
 #endif

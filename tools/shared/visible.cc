@@ -1,4 +1,4 @@
-// UTF-8, and the characters that aren't shown as they are.
+// UTF-8, and the characters that are escaped.
 #include "visible.h"
 
 #include <fmt/format.h>
@@ -11,8 +11,8 @@ constexpr struct {
 	char32_t least; // anything below has a shorter form
 } utf8_forms[] = {{0x80, 0x00, 1, 0}, {0xe0, 0xc0, 2, 0x80}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
 
-// Characters that a terminal obeys instead of showing, that turn the direction of writing, or that nobody sees: with them a
-// text can look like another one.
+// Characters that control a terminal, turn the direction of writing, or are invisible: with them a text can look like
+// another one.
 constexpr struct {
 	char32_t first, last;
 } hidden_ranges[] = {{0x00, 0x1f}, {0x7f, 0x9f}, {0xad, 0xad}, {0x34f, 0x34f}, {0x61c, 0x61c}, {0x115f, 0x1160},
@@ -40,7 +40,7 @@ void append_escaped_byte(std::string &out, char byte)
 	out += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
 }
 
-// As JSON writes it: beyond 16 bits as two halves.
+// The escape of JSON: a surrogate pair beyond 16 bits.
 std::string json_escape(char32_t code)
 {
 	if (code < 0x10000)

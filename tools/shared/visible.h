@@ -1,4 +1,7 @@
-// Text from elsewhere, made fit to be looked at: the same in all tools.
+// Makes text of any origin safe to show on a terminal.
+//
+// Names and values come out of files and other processes. Printed as they are, they could move a cursor, set a title, or
+// look like another name. Everything that a tool prints for people goes through visible(), all JSON through visible_json().
 #ifndef TOOLS_SHARED_VISIBLE_H
 #define TOOLS_SHARED_VISIBLE_H
 
@@ -17,11 +20,11 @@ inline constexpr struct {
 	char byte, letter;
 } short_escapes[] = {{'\n', 'n'}, {'\t', 't'}, {'\r', 'r'}};
 
-// Control characters, marks that turn the direction of writing, other characters that can't be seen, and bytes that aren't
-// UTF-8 as \n, \t, \r or \xHH. A backslash comes before each of the `guarded` characters.
+// Writes control characters, marks that turn the direction of writing, other invisible characters, and bytes that aren't
+// UTF-8 as \n, \t, \r or \xHH, and a backslash before each of the `guarded` characters.
 std::string visible(std::string_view text, std::string_view guarded = "");
 
-// The same for JSON, which means the same afterwards: those characters as \uHHHH.
+// Writes those characters of a JSON document as \uHHHH, so that it keeps its meaning.
 std::string visible_json(std::string_view document);
 
 #endif
