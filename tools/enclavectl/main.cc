@@ -52,8 +52,8 @@ void declare_add(CLI::App &app, Options &options)
 {
 	app.add_option("ID", options.enclave, "Its number, from 1 to 9999")->required();
 	app.add_option("--name", options.name, "Its name")->required();
-	app.add_option("--root", options.root, "Its root directory")->required();
-	app.add_option("--leader", options.leader, "A process that lives in it");
+	app.add_option("--root", options.root, "Its root directory")->type_name("DIR")->required();
+	app.add_option("--leader", options.leader, "A process that lives in it")->type_name("PID");
 	app.add_option("--state", options.state, "Its state; without it: running with a leader, ready without one");
 	declare_dry_run(app, options);
 }
@@ -164,7 +164,7 @@ void declare_set_state(CLI::App &app, Options &options)
 {
 	declare_enclave_word(app, options);
 	app.add_option("STATE", options.state, "Its new state")->required();
-	auto *leader = app.add_option("--leader", options.leader, "Its leader from now on");
+	auto *leader = app.add_option("--leader", options.leader, "Its leader from now on")->type_name("PID");
 	app.add_flag("--no-leader", options.no_leader, "It has no leader from now on")->excludes(leader);
 	declare_dry_run(app, options);
 }

@@ -129,7 +129,7 @@ _@TOOL@_argument()
 }
 _@TOOL@()
 {
-	local word=${COMP_WORDS[COMP_CWORD]} command= argument= i
+	local word=${COMP_WORDS[COMP_CWORD]} command="" argument="" i
 	local options="@OPTIONS@" values=" @VALUES@ "
 	local common=$values
 	local -a before=()
@@ -175,8 +175,8 @@ std::string bash_script(const Program &program, const CLI::App &app)
 {
 	std::string completers, commands;
 	for (const Completer &row : program.completers)
-		completers +=
-		    fmt::format("\t'{}') _{}_lines < <({} 2>/dev/null) ;;\n", row.argument, program_name, row.lines);
+		completers += fmt::format(
+		    "\t'{}') _{}_lines < <({{ {}; }} 2>/dev/null) ;;\n", row.argument, program_name, row.lines);
 	for (const BoundCommand &command : program.commands) {
 		const CLI::App &sub = declared(app, command);
 		commands += fmt::format("\t\t\t{}) options=\"{}\" values=\" {} \" argument='{}' ;;\n",
@@ -246,9 +246,10 @@ std::string zsh_script(const Program &program, const CLI::App &app)
 {
 	std::string completers, names, commands;
 	for (const Completer &row : program.completers)
-		completers += fmt::format("_{}_{}() {{\n\tlocal -a lines\n\tlines=(${{(f)\"$({} 2>/dev/null)\"}})\n"
-					  "\tcompadd -a lines\n}}\n",
-		    program_name, &row - program.completers.data(), row.lines);
+		completers +=
+		    fmt::format("_{}_{}() {{\n\tlocal -a lines\n\tlines=(${{(f)\"$({{ {}; }} 2>/dev/null)\"}})\n"
+				"\tcompadd -a lines\n}}\n",
+			program_name, &row - program.completers.data(), row.lines);
 	for (const Word &word : command_words(program))
 		names += fmt::format("\t\t'{}:{}'\n", word.text, quoted(word.help, ":"));
 	for (const BoundCommand &command : program.commands) {
