@@ -105,7 +105,7 @@ rpy_error_t Call::exchange(rpy_handle_t *handle, Budget *budget)
 	char room[16384];
 	hatch_arg_t arg = {out.data(), out.size(), nullptr, 0, room, sizeof(room)};
 	const int result = hatch_call_bounded(handle->hatch.get(), &arg, seconds, bytes);
-	is_open = hatch::fate_is_open();
+	is_open = hatch::fate_is_open() && !request_of(op).is(Request::repeatable);
 	if (result == -1)
 		return call_error(errno);
 	FreshReply fresh = {&arg, room};

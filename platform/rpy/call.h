@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "rpy/error.h"
+#include "rpy/requests.h"
 #include "rpy/wire.h"
 
 namespace rpy {
@@ -82,7 +83,7 @@ size_t listing_max();
 // One request and its reply. On failure rpy_error() is set.
 class Call {
 public:
-	explicit Call(Op op)
+	explicit Call(Op its_op) : op(its_op)
 	{
 		out.u32(magic);
 		out.u32(static_cast<uint32_t>(op));
@@ -105,10 +106,11 @@ public:
 	// Whether the reply was sound. To be called when all of it has been taken.
 	bool sound();
 
+	const Op op;
 	Writer out;
 	Reader in;
 	BlockRef reply;
-	bool is_open = false; // it failed here, but the daemon may have carried it out, or may still do so
+	bool is_open = false; // a change that failed here, which the daemon may have made, or may still make
 };
 
 } // namespace rpy

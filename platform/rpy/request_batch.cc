@@ -214,6 +214,8 @@ rpy_error_t exchange(rpy_handle_t *handle, Call *call)
 
 bool send_in_batch(rpy_handle_t *handle, Call *call)
 {
+	if (!request_of(call->op).is(Request::batchable))
+		return call->send(handle);
 	return call->ready(handle) && call->take(exchange(handle, call));
 }
 

@@ -31,7 +31,7 @@ struct RequestBatch {
 	ProcessMark process{}; // a forked child has none of its parent's threads
 };
 
-// Sends a read of one group, as Call::send() does, in a call of its own or in one with other threads.
+// As Call::send(); a batchable request (rpy/requests.h) may share its call with those of other threads.
 bool send_in_batch(rpy_handle_t *handle, Call *call);
 
 } // namespace rpy
