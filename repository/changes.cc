@@ -1,9 +1,7 @@
 // Divisions: new nodes; removing; adding; commits; snapshots.
 #include "changes.h"
 
-#include <algorithm>
 #include <unordered_map>
-#include <unordered_set>
 
 namespace repository {
 
@@ -46,18 +44,6 @@ void NewNodes::add_rows(Rows *rows) const
 			    node->type == nullptr ? std::string_view() : *node->type, {}});
 }
 
-void NewNodes::keep_versions(Rows *rows) const
-{
-	std::unordered_set<uint64_t> held;
-	for (const auto &[node, parent] : nodes_)
-		if (node->version)
-			held.insert(node->version->id);
-	const auto is_held = [&held](const Row &row) {
-		return row.what == Row::What::delete_version && held.count(row.id) != 0;
-	};
-	rows->erase(std::remove_if(rows->begin(), rows->end(), is_held), rows->end());
-}
-
 AllTouched NewNodes::put(Model *model, const Committed &made)
 {
 	AllTouched added;
@@ -87,8 +73,8 @@ int depth_of(const Node *node)
 
 // ---- Removing ----
 
-// Adds a tree's nodes to `removed`, and the rows that take it out of the store: what hangs below goes first, versions once
-// nothing holds them.
+// Adds a tree's nodes to `removed`, and the rows that take it out of the store: what hangs below goes first, a version with the
+// last node that holds it. Copies that take the tree's place hold no such version, since what they are copies of stays.
 void remove_tree(const std::vector<Node *> &tree, AllTouched *removed, Rows *rows)
 {
 	std::unordered_map<const Version *, uint32_t> released;
@@ -284,7 +270,6 @@ rpy_error_t TakeSnapshot::prepare(Model &model, Rows *rows)
 		remove_tree(Model::tree(old), &gone, rows);
 	const Node *made = nodes_.make(&model, NodeKind::snapshot, 0, name, instance);
 	nodes_.copy_groups(&model, from, made->id, NodeKind::frozen);
-	nodes_.keep_versions(rows);
 	nodes_.add_rows(rows);
 	return RPY_ERROR_NONE;
 }
@@ -319,7 +304,6 @@ rpy_error_t RevertSnapshot::prepare(Model &model, Rows *rows)
 			return RPY_ERROR_CONFLICT;
 	}
 	nodes_.copy_groups(&model, from, instance, NodeKind::group);
-	nodes_.keep_versions(rows);
 	nodes_.add_rows(rows);
 	return RPY_ERROR_NONE;
 }

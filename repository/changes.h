@@ -32,8 +32,6 @@ public:
 	void copy_groups(Model *model, const Node *from, uint64_t to, NodeKind kind) REQUIRES(model->leader);
 	// Adds their rows, but for nodes that aren't stored.
 	void add_rows(Rows *rows) const;
-	// Takes out the rows that delete versions which these nodes hold.
-	void keep_versions(Rows *rows) const;
 	// Puts them into the tree, with their final ids. What should hang below a node that has gone is left out.
 	AllTouched put(Model *model, const Committed &made) REQUIRES(model->leader, model->lock);
 

@@ -1,5 +1,6 @@
 // The daemon's updates and listings, without a process around them.
 #include <atomic>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <set>
 #include <sys/stat.h>
@@ -106,12 +107,18 @@ public:
 		return id_in(ask(
 		    rpy::Op::add_group, NodeKind::instance, instance, name, "t" + name.substr(0, 1), flags, change));
 	}
-	// One entry, with a number as the property's value, for whatever version the group has.
-	void commit(const char *name, rpy::Change what, const char *property, uint64_t value)
+	// The id and the version of a group.
+	std::pair<uint64_t, uint64_t> find(const char *name)
 	{
 		const std::string group = ask(rpy::Op::get_group, NodeKind::instance, instance, name);
 		rpy::Reader in(group);
-		const uint64_t id = in.u64(), version = in.u64();
+		const uint64_t id = in.u64();
+		return {id, in.u64()};
+	}
+	// One entry, with a number as the property's value, for whatever version the group has.
+	void commit(const char *name, rpy::Change what, const char *property, uint64_t value)
+	{
+		const auto [id, version] = find(name);
 		const std::string_view values(reinterpret_cast<const char *>(&value), sizeof(value));
 		(void) ask(rpy::Op::commit, id, version, 1, what, rpy::Property{property, RPY_TYPE_COUNT, 1, values},
 		    uint64_t{7});
@@ -183,7 +190,11 @@ TEST(ConfigdUpdates, ASharedStoreMayRefuseACommitAsStaleAndChoosesTheIds)
 		return made;
 	};
 	World alone, world(std::move(shared));
-	EXPECT_GT(world.instance, uint64_t{1} << 62);
+	const uint64_t group = world.add_group("kept", 0, 0);
+	world.commit("kept", rpy::Change::create, "v", 1);
+	for (const uint64_t id : {world.instance, group, world.find("kept").second})
+		EXPECT_GE(id, uint64_t{1} << 62);
+	(void) world.ask(rpy::Op::delete_group, group);
 	EXPECT_EQ(pictures_of_updates(&world), pictures_of_updates(&alone));
 
 	world.store->answers = [](const Rows &) { return Committed::stale(RPY_ERROR_BACKEND_READONLY); };
@@ -250,8 +261,9 @@ TEST(ConfigdUpdates, WhateverCommitsComeToTheTreeShowsWhatTheStoreHolds)
 
 TEST(ConfigdUpdates, WhatOthersRemovedDuringACommitStaysRemoved)
 {
-	for (const bool is_stale : {true, false}) {
+	for (const char *what : {"a commit, seen in time", "a commit", "a new group"}) {
 		World world;
+		const bool is_stale = strstr(what, "in time") != nullptr;
 		const uint64_t group = world.add_group("g", 0, 0);
 		world.store->answers = [&](const Rows &) {
 			world.store->answers = nullptr;
@@ -260,11 +272,11 @@ TEST(ConfigdUpdates, WhatOthersRemovedDuringACommitStaysRemoved)
 			world.daemon.model.remove(world.daemon.model.find(world.service));
 			return is_stale ? Committed::stale(RPY_ERROR_INTERNAL) : Committed();
 		};
-		if (is_stale)
+		if (what[2] == 'c')
 			(void) world.ask(rpy::Op::commit, group, uint64_t{0}, 0);
 		else
 			EXPECT_NE(world.add_group("new", 0, 0), 0U);
-		EXPECT_EQ(world.error, is_stale ? RPY_ERROR_DELETED : RPY_ERROR_NONE);
+		EXPECT_EQ(world.error, is_stale ? RPY_ERROR_DELETED : RPY_ERROR_NONE) << what;
 		ReadLock hold(world.daemon.model.lock);
 		EXPECT_TRUE(world.daemon.model.services().empty());
 	}
