@@ -182,7 +182,7 @@ rpy_error_t merge(const std::string &before, Entries *entries, std::string *afte
 			return RPY_ERROR_INVALID_ARGUMENT;
 	}
 	Writer merged;
-	const size_t count_at = merged.hole();
+	const size_t count_at = merged.reserve();
 	uint32_t count = 0;
 	Reader in(before);
 	for (uint32_t left = in.u32(); left > 0; left--) {
@@ -210,7 +210,7 @@ rpy_error_t merge(const std::string &before, Entries *entries, std::string *afte
 		put_property(&merged, entry.property);
 		count++;
 	}
-	merged.fill(count_at, count);
+	merged.patch(count_at, count);
 	if (!merged.ok())
 		return RPY_ERROR_NO_MEMORY;
 	if (merged.size() > group_bytes_max)

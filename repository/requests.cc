@@ -50,7 +50,7 @@ template <typename Fill>
 void put_reply(Writer *reply, Fill fill)
 {
 	reply->u32(magic);
-	const size_t error_at = reply->hole();
+	const size_t error_at = reply->reserve();
 	const size_t begin = reply->size();
 	rpy_error_t error = RPY_ERROR_NO_MEMORY;
 	try {
@@ -59,7 +59,7 @@ void put_reply(Writer *reply, Fill fill)
 	}
 	if (error != RPY_ERROR_NONE && reply->ok())
 		reply->cut(begin);
-	reply->fill(error_at, static_cast<uint32_t>(error));
+	reply->patch(error_at, static_cast<uint32_t>(error));
 }
 
 // Finds the handler of a request, if its caller may send it.

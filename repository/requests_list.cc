@@ -21,15 +21,15 @@ std::vector<Node *>::const_iterator first_after(const std::vector<Node *> &list,
 
 rpy_error_t put_names(const std::vector<Node *> &list, uint64_t after, Writer *out)
 {
-	size_t more_at = out->hole(), count_at = out->hole();
+	size_t more_at = out->reserve(), count_at = out->reserve();
 	uint32_t count = 0;
 	auto at = first_after(list, after);
 	for (; at != list.end() && count < page_most; ++at, count++) {
 		out->u64((*at)->id);
 		out->text((*at)->name);
 	}
-	out->fill(more_at, at == list.end() ? 0 : 1);
-	out->fill(count_at, count);
+	out->patch(more_at, at == list.end() ? 0 : 1);
+	out->patch(count_at, count);
 	return RPY_ERROR_NONE;
 }
 
@@ -211,7 +211,7 @@ rpy_error_t list_groups(Daemon *daemon, Reader *in, Writer *out)
 	if (!in->done() || filter > static_cast<uint32_t>(Filter::type_prefix))
 		return RPY_ERROR_INVALID_ARGUMENT;
 	listing.filter = static_cast<Filter>(filter);
-	const size_t more_at = out->hole(), count_at = out->hole();
+	const size_t more_at = out->reserve(), count_at = out->reserve();
 	for (bool done = false; !done;) {
 		if (rpy_error_t error = list_piece(daemon, &listing, out, &done); error != RPY_ERROR_NONE)
 			return error;
@@ -220,8 +220,8 @@ rpy_error_t list_groups(Daemon *daemon, Reader *in, Writer *out)
 	}
 	if (!put_shared(&listing, out))
 		return RPY_ERROR_NO_MEMORY;
-	out->fill(more_at, listing.more ? 1 : 0);
-	out->fill(count_at, listing.count);
+	out->patch(more_at, listing.more ? 1 : 0);
+	out->patch(count_at, listing.count);
 	return RPY_ERROR_NONE;
 }
 

@@ -23,7 +23,7 @@ bool make_room(Writer *out, size_t more)
 		return true;
 	char *memory = static_cast<char *>(hatch_reply_memory(whole));
 	if (memory == nullptr)
-		return errno == EINVAL && out->reserve(more); // no hatch called: the writer's own memory does
+		return errno == EINVAL && out->make_room(more); // no hatch called: the writer's own memory does
 	out->move_to(memory, whole);
 	return true;
 }
@@ -156,12 +156,12 @@ rpy_error_t read_batch(Daemon *daemon, Reader *in, Writer *out)
 	if (!make_room(out, bytes))
 		return RPY_ERROR_NO_MEMORY;
 	for (const One &one : all) {
-		const size_t length_at = out->hole(), begin = out->size();
+		const size_t length_at = out->reserve(), begin = out->size();
 		out->u32(magic);
 		out->u32(static_cast<uint32_t>(one.error));
 		if (one.error == RPY_ERROR_NONE)
 			put_group(out, wire_group(one.found));
-		out->fill(length_at, static_cast<uint32_t>(out->size() - begin));
+		out->patch(length_at, static_cast<uint32_t>(out->size() - begin));
 	}
 	return RPY_ERROR_NONE;
 }

@@ -64,8 +64,8 @@ bool put_entry(Writer *out, const rpy_transaction_entry_t *entry)
 	out->u32(static_cast<uint32_t>(entry->change));
 	out->text(entry->name);
 	out->u32(entry->type);
-	size_t count_at = out->hole();
-	size_t size_at = out->hole();
+	size_t count_at = out->reserve();
+	size_t size_at = out->reserve();
 	size_t begin = out->size();
 	uint32_t count = 0;
 	for (const rpy_value_t *value = entry->first; value != nullptr; value = value->next, count++) {
@@ -79,8 +79,8 @@ bool put_entry(Writer *out, const rpy_transaction_entry_t *entry)
 	size_t size = out->size() - begin;
 	if (out->ok() && size > UINT32_MAX)
 		return false;
-	out->fill(count_at, count);
-	out->fill(size_at, static_cast<uint32_t>(size));
+	out->patch(count_at, count);
+	out->patch(size_at, static_cast<uint32_t>(size));
 	return true;
 }
 
@@ -210,12 +210,12 @@ int rpy_transaction_commit(rpy_transaction_t *transaction)
 	Call call(Op::commit);
 	call.out.u64(transaction->group.id);
 	call.out.u64(transaction->group.version);
-	size_t count_at = call.out.hole();
+	size_t count_at = call.out.reserve();
 	uint32_t count = 0;
 	for (rpy_transaction_entry_t *entry = transaction->first; entry != nullptr; entry = entry->next, count++)
 		if (!put_entry(&call.out, entry))
 			return fail(RPY_ERROR_TYPE_MISMATCH);
-	call.out.fill(count_at, count);
+	call.out.patch(count_at, count);
 	call.out.u64(transaction->handle->change);
 	if (!call.send(transaction->handle))
 		return -1;

@@ -17,9 +17,9 @@ constexpr uint32_t magic = 0x31595052; // "RPY1"
 constexpr size_t name_max = RPY_NAME_MAX;
 
 // What a request asks for. A request is the magic, the number of one of these, and what its comment lists; a reply is the
-// magic, an error number, and, if that is RPY_ERROR_NONE, what stands behind the arrow. `parent` is a kind and an id. A `change` is
-// a u64 that its client drew: as long as it runs, the daemon knows of each group as part of which change it was made or last
-// committed to. 0: of none.
+// magic, an error number, and, if that is RPY_ERROR_NONE, what stands after the arrow. `parent` is a kind and an id. A `change` is a
+// random u64 of the client's: as long as the daemon runs, it knows for each group the change that made it or committed to it
+// last. 0: none.
 enum class Op : uint32_t {
 	status,          // -> pid u64, format u32, writable u32, file text, groups u64, file bytes u64
 	decode,          // service text, instance text or empty -> service id u64, instance id u64
@@ -55,14 +55,14 @@ enum class Filter : uint32_t { all, name_without_case, type, type_prefix };
 // What an entry of a commit does.
 enum class Change : uint32_t { create, change, remove };
 
-// Groups in one page of a listing, names in one page of names; a page ends earlier once it has `page_bytes` and
-// `page_least` members, or if the daemon can't have more memory for its reader. One that isn't the last has a member.
+// The members of one page: groups of a listing, or names. A page ends before `page_most` once it has `page_bytes` and
+// `page_least` members, or if the daemon gets no more memory for its reader. Each page but the last has a member.
 constexpr uint32_t page_most = 1024;
 constexpr uint32_t page_least = 256;
 constexpr size_t page_bytes = 4U << 20;
 
-// The properties of a group together, and so what one reply can have: a page, which ends behind `page_bytes_most`, and the
-// group that went beyond that.
+// The most bytes that the properties of a group have together, and so the longest reply: a page ends after `page_bytes_most`
+// with the group that went beyond it.
 constexpr size_t group_bytes_max = 256U << 20;
 constexpr size_t page_bytes_most = 64U << 20;
 constexpr size_t reply_max = group_bytes_max + page_bytes_most + page_bytes;
@@ -114,7 +114,7 @@ private:
 	bool ok_ = true;
 };
 
-// Puts bytes behind each other. Memory that runs out is remembered, and ok() tells.
+// Appends bytes. When memory runs out, ok() is false from then on.
 class Writer {
 public:
 	Writer() = default;
@@ -144,24 +144,24 @@ public:
 		u32(static_cast<uint32_t>(text.size()));
 		bytes(text);
 	}
-	// A number whose value is known later: where it lies, and the value.
-	size_t hole()
+	// Reserves room for a number whose value is known later, and puts it there.
+	size_t reserve()
 	{
 		size_t at = size_;
 		u32(0);
 		return at;
 	}
-	void fill(size_t at, uint32_t value)
+	void patch(size_t at, uint32_t value)
 	{
 		if (ok_)
 			memcpy(data_ + at, &value, sizeof(value));
 	}
-	// Takes back what was written behind `size`.
+	// Takes back what was written after `size` bytes.
 	void cut(size_t size) { size_ = size; }
 
 	// How much fits where it lies now.
 	size_t room() const { return room_; }
-	// Goes on in somebody else's memory, which has room for what is there and outlives this.
+	// Continues in memory of another owner, which has room for what is there and outlives this.
 	void move_to(char *memory, size_t room)
 	{
 		if (!ok_)
@@ -174,10 +174,10 @@ public:
 	}
 	// Whether it lies in memory of its own, which goes with it.
 	bool owns() const { return heap_ != nullptr || data_ == small_; }
-	// Goes on in memory of its own. False: there is none.
+	// Continues in memory of its own. False: there is none.
 	bool own() { return owns() || grow(0); }
 	// Makes room for so many more bytes.
-	bool reserve(size_t more) { return more <= room_ - size_ || grow(more); }
+	bool make_room(size_t more) { return more <= room_ - size_ || grow(more); }
 
 private:
 	bool grow(size_t more)
@@ -236,7 +236,7 @@ inline bool is_number(uint32_t type)
 	return type >= RPY_TYPE_BOOLEAN && type <= RPY_TYPE_INTEGER;
 }
 
-// A property as it lies in a block: a name, a type, and its values behind each other.
+// A property as it lies in a block: a name, a type, and its values one after another.
 struct Property {
 	std::string_view name;
 	uint32_t type = 0;
@@ -262,10 +262,10 @@ inline Property take_property(Reader *in)
 	return property;
 }
 
-// Tells whether a property is one: a name, a type, and as many values of it as it says.
+// Whether a property has a sound name and type, and as many values of the type as it says.
 bool is_sound(const Property &property);
 
-// Tells whether a block is a list of sound properties: a count, and as many properties.
+// Whether a block is a list of sound properties: a count, and as many properties.
 bool are_properties(std::string_view block);
 
 // A group as it lies in a block.
