@@ -91,9 +91,12 @@ protected:
 		ASSERT_NO_FATAL_FAILURE(mount_proc());
 		make_host();
 		make_repository();
+		db = open_cairn();
+		ASSERT_TRUE(db);
 	}
 	void TearDown() override
 	{
+		db.reset();
 		for (pid_t pid : {server_of(enclave_path(own_hatch)), private_daemon(), host_daemon})
 			end(pid);
 		if (enclave)
@@ -139,6 +142,11 @@ protected:
 			return 98;
 		});
 	}
+	pid_t start_own()
+	{
+		EXPECT_EQ(start_inside(own_hatch), 0);
+		return server_of(enclave_path(own_hatch));
+	}
 	void make_host()
 	{
 		fs::create_directories(enclave->prefix() + "/system/transient");
@@ -169,21 +177,21 @@ protected:
 		EXPECT_EQ(ostrel_idlist_add_enclaveid(idl.get(), id), OSTREL_SUCCESS);
 		return idl;
 	}
-	std::string read(const CairnDb &db, enclaveid_t id = 5)
+	std::string read(const CairnDb &opened, enclaveid_t id = 5)
 	{
 		AttrList props;
-		ostrel_error_t result = ostrel_db_read(db.get(), in_enclave("where", id).get(), 0, props.out());
+		ostrel_error_t result = ostrel_db_read(opened.get(), in_enclave("where", id).get(), 0, props.out());
 		return result == OSTREL_SUCCESS ? text_of(props.get()) : std::string("? ") + ostrel_strerror(result);
 	}
-	ostrel_error_t write(const CairnDb &db, const std::string &group, const std::string &props)
+	ostrel_error_t write(const CairnDb &opened, const std::string &group, const std::string &props)
 	{
-		return ostrel_db_write(db.get(), in_enclave(group).get(), 0, props_of(props).get());
+		return ostrel_db_write(opened.get(), in_enclave(group).get(), 0, props_of(props).get());
 	}
-	static ostrel_error_t build_native_again(const CairnDb &db)
+	static ostrel_error_t build_native_again(const CairnDb &opened)
 	{
 		ostrel_rpy_resources_t *res = nullptr;
-		RpyLock lock(db.get());
-		return ostrel_create_rpy_resources(db.get(), &res);
+		RpyLock lock(opened.get());
+		return ostrel_create_rpy_resources(opened.get(), &res);
 	}
 	// Puts a shell's script in the place of the daemon.
 	void replace_program(const std::string &script)
@@ -196,8 +204,6 @@ protected:
 
 	void use_private_daemon()
 	{
-		CairnDb db = open_cairn();
-		ASSERT_TRUE(db);
 		EXPECT_EQ(read(db), "p=enclave;");
 		EXPECT_EQ(private_daemon(), 0) << "it was made for the operation";
 		EXPECT_EQ(write(db, "where", "p=changed"), OSTREL_SUCCESS);
@@ -208,6 +214,7 @@ protected:
 	}
 
 	std::optional<TestEnclave> enclave;
+	CairnDb db; // of the host
 	std::string host_hatch;
 	pid_t host_daemon = 0;
 };
@@ -230,7 +237,7 @@ TEST_F(LeaderEnclaves, WithoutADaemonAPrivateOneIsStartedUsedAndEnded)
 TEST_F(Enclaves, ADatabaseOfAnEnclaveKeepsThePrivateDaemonUntilItIsClosed)
 {
 	ASSERT_EQ(setenv("OF_THE_HOST", "secret", 1), 0);
-	CairnDb db = open_cairn(test_instance, 0, 5);
+	db = open_cairn(test_instance, 0, 5);
 	ASSERT_TRUE(db);
 	const pid_t daemon = private_daemon();
 	EXPECT_GT(daemon, 0);
@@ -267,10 +274,10 @@ TEST_F(Enclaves, APrivateDaemonEndsWithTheDatabaseThatStartedItInEveryCase)
 	enclave_info_t info;
 	ASSERT_EQ(enclave_registry_get(5, &info), 0);
 	auto ends_after = [&](const std::function<void()> &change) {
-		CairnDb db = open_cairn(test_instance, 0, 5);
+		CairnDb opened = open_cairn(test_instance, 0, 5);
 		const pid_t daemon = private_daemon();
 		change();
-		db.reset();
+		opened.reset();
 		EXPECT_TRUE(enclave_registry_replace(&info) == 0 || enclave_registry_add(&info) == 0);
 		return daemon > 0 && ends(daemon);
 	};
@@ -292,16 +299,16 @@ TEST_F(Enclaves, APrivateDaemonStaysWithAProgramThatForksIntoTheBackground)
 		char byte = 0;
 		ASSERT_TRUE(pipe(used) == 0 && pipe(go_on) == 0);
 		EXPECT_EQ(in_child([&] {
-			CairnDb db = open_cairn(test_instance, 0, 5);
+			CairnDb opened = open_cairn(test_instance, 0, 5);
 			const pid_t daemon = private_daemon();
 			const pid_t background = fork();
 			if (background != 0)
 				_exit(daemon > 0 && background > 0 ? 0 : 1);
 			alarm(20);
-			const bool reads = get(db, "where") == "where:t|p=enclave;" && !is_gone(daemon);
+			const bool reads = get(opened, "where") == "where:t|p=enclave;" && !is_gone(daemon);
 			if (::write(used[1], reads ? "y" : "n", 1) == 1 && ::read(go_on[0], &byte, 1) == 1 && is_killed)
 				(void) raise(SIGKILL);
-			db.reset();
+			opened.reset();
 			return 0;
 		}),
 		    0);
@@ -322,20 +329,20 @@ TEST_F(Enclaves, ThePrivateDaemonOfOneOperationEndsNoneOfAnother)
 	std::vector<Process> children;
 	for (int child = 0; child < processes; child++)
 		children.emplace_back([&, child] {
-			CairnDb db;
+			CairnDb opened;
 			int failed = 0;
 			for (int i = 0; i < writes; i++) {
 				if (i % 5 == 0)
-					db = open_cairn(test_instance, 0, child < 2 ? 0 : 5);
+					opened = open_cairn(test_instance, 0, child < 2 ? 0 : 5);
 				const std::string name = "g" + std::to_string(child) + "_" + std::to_string(i);
-				failed += write(db, name + ":t", "p=1") != OSTREL_SUCCESS;
+				failed += write(opened, name + ":t", "p=1") != OSTREL_SUCCESS;
 			}
-			db.reset();
+			opened.reset();
 			return failed;
 		});
 	for (Process &child : children)
 		EXPECT_EQ(child.wait(), 0);
-	CairnDb db = open_cairn(test_instance, 0, 5);
+	db = open_cairn(test_instance, 0, 5);
 	std::istringstream names(walk(db, "t"));
 	int whole = 0;
 	for (std::string name; names >> name;)
@@ -345,13 +352,12 @@ TEST_F(Enclaves, ThePrivateDaemonOfOneOperationEndsNoneOfAnother)
 
 TEST_F(Enclaves, AnIdThatIsGivenToAnotherRootLeadsToThatOnesRepository)
 {
-	ASSERT_EQ(start_inside(own_hatch), 0);
-	CairnDb db = open_cairn(), native = open_cairn(test_instance, 0, 5);
+	const pid_t daemon = start_own();
+	CairnDb native = open_cairn(test_instance, 0, 5);
 	EXPECT_EQ(read(db), "p=enclave;");
 	EXPECT_EQ(get(native, "where"), "where:t|p=enclave;");
 	// The old root lives on, with its daemon. The path may be the same.
 	const std::string root = enclave->root(), old = root + "-before";
-	const pid_t daemon = server_of(enclave_path(own_hatch));
 	ASSERT_EQ(umount2(enclave_path("/proc").c_str(), MNT_DETACH), 0);
 	fs::rename(root, old);
 	fs::create_directories(root + "/system/transient");
@@ -360,7 +366,7 @@ TEST_F(Enclaves, AnIdThatIsGivenToAnotherRootLeadsToThatOnesRepository)
 			fs::copy(old + path, root + path, fs::copy_options::recursive);
 	}
 	ASSERT_NO_FATAL_FAILURE(mount_proc());
-	ASSERT_EQ(start_inside(own_hatch), 0);
+	(void) start_own();
 	RepositoryClient maker(enclave_path(own_hatch));
 	ASSERT_EQ(maker.write("where", {{"p", {"new"}}}), 1);
 	EXPECT_EQ(read(db), "p=new;");
@@ -371,8 +377,6 @@ TEST_F(Enclaves, AnIdThatIsGivenToAnotherRootLeadsToThatOnesRepository)
 TEST_F(Enclaves, TheEnclavesOwnDaemonIsUsedWhereItIsUpAndItsResourcesKept)
 {
 	ASSERT_EQ(start_inside(own_hatch), 0);
-	CairnDb db = open_cairn();
-	ASSERT_TRUE(db);
 	EXPECT_EQ(read(db), "p=enclave;");
 	ostrel_rpy_resources_t *kept = resources_of(db)->nsr_enclave_resources;
 	ASSERT_NE(kept, nullptr);
@@ -399,7 +403,7 @@ TEST_F(Enclaves, TheEnclavesOwnDaemonIsUsedWhereItIsUpAndItsResourcesKept)
 
 TEST_F(Enclaves, TheOwnDaemonThatComesUpTakesOverFromThePrivateOne)
 {
-	CairnDb db = open_cairn(test_instance, 0, 5);
+	db = open_cairn(test_instance, 0, 5);
 	ASSERT_TRUE(db);
 	const pid_t before = private_daemon();
 	ASSERT_GT(before, 0);
@@ -415,10 +419,8 @@ TEST_F(Enclaves, TheOwnDaemonThatComesUpTakesOverFromThePrivateOne)
 
 TEST_F(Enclaves, APrivateDaemonTakesNothingFromTheOwnOneThatDoesntAnswer)
 {
-	ASSERT_EQ(start_inside(own_hatch), 0);
-	const pid_t own = server_of(enclave_path(own_hatch));
+	const pid_t own = start_own();
 	fs::rename(enclave_path(own_hatch), enclave_path("/hidden"));
-	CairnDb db = open_cairn();
 	EXPECT_EQ(read(db).substr(0, 1), "?");
 	EXPECT_FALSE(is_gone(own));
 	fs::rename(enclave_path("/hidden"), enclave_path(own_hatch));
@@ -434,12 +436,12 @@ TEST_F(Enclaves, ThoseWhoStartAPrivateDaemonAtOnceGetOneWithOneOwner)
 	for (int i = 0; i < processes; i++)
 		children.emplace_back([&] {
 			(void) pthread_barrier_wait(together);
-			CairnDb db = open_cairn(test_instance, 0, 5);
-			bool reads = db && get(db, "where") == "where:t|p=enclave;";
+			CairnDb opened = open_cairn(test_instance, 0, 5);
+			bool reads = opened && get(opened, "where") == "where:t|p=enclave;";
 			(void) pthread_barrier_wait(together); // all have it
-			reads = reads && get(db, "where") == "where:t|p=enclave;";
+			reads = reads && get(opened, "where") == "where:t|p=enclave;";
 			(void) pthread_barrier_wait(together); // and nobody needs it any more
-			return !reads ? 1 : resources_of(db)->nsr_private_configd_pid != 0 ? owner : other;
+			return !reads ? 1 : resources_of(opened)->nsr_private_configd_pid != 0 ? owner : other;
 		});
 	int owners = 0;
 	for (Process &child : children) {
@@ -453,53 +455,56 @@ TEST_F(Enclaves, ThoseWhoStartAPrivateDaemonAtOnceGetOneWithOneOwner)
 
 TEST_F(Enclaves, WhatIsPlantedInAnEnclaveLeadsNowhere)
 {
-	CairnDb db = open_cairn();
-	ASSERT_TRUE(db);
-	const std::string planted_private = enclave_path(private_hatch), planted_own = enclave_path(own_hatch);
-	auto refused = [&](const char *what) {
-		const std::string said = read(db);
-		EXPECT_EQ(said.substr(0, 1), "?") << what << ": " << said;
-		EXPECT_EQ(server_of(host_hatch), host_daemon) << what;
-		EXPECT_EQ(get(db, "where"), "where:t|p=host;") << what;
-		fs::remove(planted_private);
-		fs::remove(planted_own);
+	const fs::path private_path = enclave_path(private_hatch), own_path = enclave_path(own_hatch),
+		       host = host_hatch;
+	struct {
+		const char *what;
+		std::function<void()> plant;
+	} const plants[] = {
+	    {"a link to the host's hatch as the private one", [&] { fs::create_symlink(host, private_path); }},
+	    {"a link to the host's hatch as the own one, and a FIFO",
+		[&] {
+			fs::create_symlink(host, own_path);
+			(void) mkfifo(private_path.c_str(), 0644);
+		}},
+	    {"FIFOs",
+		[&] {
+			(void) mkfifo(own_path.c_str(), 0644);
+			(void) mkfifo(private_path.c_str(), 0644);
+		}},
+	    {"the host's record under a second name", [&] { fs::create_hard_link(host, private_path); }},
+	    {"a directory that is a link out",
+		[&] {
+			fs::remove_all(private_path.parent_path());
+			fs::create_symlink(host.parent_path(), private_path.parent_path());
+		}},
 	};
-	for (const std::string &place : {planted_private, planted_own}) {
-		ASSERT_EQ(symlink(host_hatch.c_str(), place.c_str()), 0);
-		if (place == planted_own) {
-			ASSERT_EQ(mkfifo(planted_private.c_str(), 0644), 0);
-		}
-		refused("a link to the host's hatch");
-	}
-	ASSERT_EQ(mkfifo(planted_own.c_str(), 0644), 0);
-	ASSERT_EQ(mkfifo(planted_private.c_str(), 0644), 0);
-	refused("FIFOs");
-	ASSERT_EQ(link(host_hatch.c_str(), planted_private.c_str()), 0);
-	EXPECT_EQ(read(db).substr(0, 1), "?") << "the host's record under a second name";
-	fs::remove(planted_private);
+	auto is_untouched = [&] {
+		return server_of(host_hatch) == host_daemon && get(db, "where") == "where:t|p=host;";
+	};
 	// A copy of the host's record with a link to the host's socket beside it.
-	fs::copy_file(host_hatch, planted_private);
-	for (const auto &entry : fs::directory_iterator(fs::path(host_hatch).parent_path())) {
+	fs::copy_file(host, private_path);
+	for (const auto &entry : fs::directory_iterator(host.parent_path())) {
 		if (entry.is_socket())
-			fs::create_symlink(
-			    entry.path(), fs::path(planted_private).parent_path() / entry.path().filename());
+			fs::create_symlink(entry.path(), private_path.parent_path() / entry.path().filename());
 	}
 	const std::string said = read(db);
 	EXPECT_TRUE(said == "p=enclave;" || said[0] == '?') << said;
-	EXPECT_FALSE(is_gone(host_daemon));
-	fs::remove_all(enclave_path("/system/transient"));
-	ASSERT_EQ(
-	    symlink((enclave->prefix() + "/system/transient").c_str(), enclave_path("/system/transient").c_str()), 0);
-	EXPECT_EQ(read(db).substr(0, 1), "?") << "a directory that is a link out";
-	EXPECT_EQ(get(db, "where"), "where:t|p=host;");
+	EXPECT_TRUE(is_untouched());
+	fs::remove(private_path);
+	for (const auto &[what, plant] : plants) {
+		fs::remove(own_path);
+		plant();
+		EXPECT_EQ(read(db).substr(0, 1), "?") << what;
+		fs::remove(private_path);
+		EXPECT_TRUE(is_untouched()) << what;
+	}
 }
 
 // Nobody's are replaced under an update that waits for its snapshot.
 TEST_F(Enclaves, ThreadsThatBeginAtOnceComeToTheSameResources)
 {
 	ASSERT_EQ(start_inside(own_hatch), 0);
-	CairnDb db = open_cairn();
-	ASSERT_TRUE(db);
 	std::vector<std::jthread> threads;
 	for (int i = 0; i < 8; i++)
 		threads.emplace_back([&] { EXPECT_EQ(read(db), "p=enclave;"); });
@@ -515,10 +520,7 @@ TEST_F(Enclaves, ThreadsThatBeginAtOnceComeToTheSameResources)
 // The host's own objects stay at hand, however long that daemon takes.
 TEST_F(Enclaves, ADaemonThatDoesntAnswerHoldsUpThoseAloneWhoAskIt)
 {
-	ASSERT_EQ(start_inside(own_hatch), 0);
-	const pid_t daemon = server_of(enclave_path(own_hatch));
-	CairnDb db = open_cairn();
-	ASSERT_TRUE(db);
+	const pid_t daemon = start_own();
 	ASSERT_EQ(kill(daemon, SIGSTOP), 0);
 	std::atomic<bool> answered{false};
 	std::jthread asks([&] {
@@ -538,7 +540,7 @@ TEST_F(Enclaves, ADaemonThatDoesntAnswerHoldsUpThoseAloneWhoAskIt)
 // A connection that broke though the daemon lives, as after a minute in which it was stopped.
 TEST_F(Enclaves, APrivateDaemonThatNewResourcesFindIsTheirs)
 {
-	CairnDb db = open_cairn(test_instance, 0, 5);
+	db = open_cairn(test_instance, 0, 5);
 	ASSERT_TRUE(db);
 	const pid_t daemon = private_daemon();
 	ASSERT_EQ(resources_of(db)->nsr_private_configd_pid, daemon);
@@ -564,7 +566,6 @@ TEST_F(Enclaves, AProgramThatNeverEndsHoldsNobodyUp)
 	ASSERT_EQ(mkfifo(enclave_path("/tmp/fifo").c_str(), 0600), 0);
 	longest_alarm = 1;
 	EXPECT_EQ(in_child([&] {
-		CairnDb db = open_cairn();
 		sigset_t all;
 		(void) sigfillset(&all);
 		if (!db || !get_terminal() || pthread_sigmask(SIG_SETMASK, &all, nullptr) != 0)
@@ -592,7 +593,7 @@ TEST_F(Enclaves, APathIsResolvedInTheEnclaveThatWasAskedForAlsoBelowTheRootOfAno
 	strcpy(nested.ei_name, "nested");
 	strcat(nested.ei_root, "/system");
 	ASSERT_EQ(enclave_registry_add(&nested), 0);
-	CairnDb db = open_cairn(test_instance, 0, 5);
+	db = open_cairn(test_instance, 0, 5);
 	ASSERT_TRUE(db);
 	EXPECT_FALSE(resources_of(db)->nsr_private_configd);
 	EXPECT_EQ(get(db, "where"), "where:t|p=enclave;");
@@ -608,8 +609,6 @@ TEST_F(Enclaves, APathIsResolvedInTheEnclaveThatWasAskedForAlsoBelowTheRootOfAno
 TEST_F(Enclaves, TheProgramHasNoMoreCapabilitiesThanADaemonNeedsAndTheLeaderHas)
 {
 	replace_program("while read name value; do echo $name$value; done </proc/self/status >/tmp/status\n");
-	CairnDb db = open_cairn();
-	ASSERT_TRUE(db);
 	auto sets = [&] {
 		EXPECT_EQ(read(db), "? failure");
 		std::istringstream status(enclave->read("/tmp/status"));
@@ -646,8 +645,8 @@ TEST_F(Enclaves, AProcessInsideOpensItsOwnDatabases)
 		if (enclave_enter(5) != 0 || enclave_getattr(5, ENCLAVE_ATTR_ROOT, root, sizeof(root)) != 2 ||
 		    root[0] != '/')
 			return 1;
-		CairnDb db = open_cairn(test_instance, 0, 5);
-		if (!db || get(db, "where") != "where:t|p=enclave;" || put(db, "inside:t", "p=1") != OSTREL_SUCCESS)
+		CairnDb own = open_cairn(test_instance, 0, 5);
+		if (!own || get(own, "where") != "where:t|p=enclave;" || put(own, "inside:t", "p=1") != OSTREL_SUCCESS)
 			return 2;
 		CairnDb native = open_cairn(test_instance, 0, 0);
 		return native && get(native, "inside") == "inside:t|p=1;" ? 0 : 3;
@@ -657,8 +656,6 @@ TEST_F(Enclaves, AProcessInsideOpensItsOwnDatabases)
 
 TEST_F(Enclaves, AnEnclaveThatIsNotThereOrNotUpIsAnErrorAndNothingIsStarted)
 {
-	CairnDb db = open_cairn();
-	ASSERT_TRUE(db);
 	EXPECT_EQ(read(db, 6), "? invalid argument");
 	enclave->set_state(ENCLAVE_STATE_INSTALLED);
 	EXPECT_EQ(read(db).substr(0, 1), "?");
@@ -696,8 +693,6 @@ protected:
 
 TEST_F(UserEnclaves, ReadsWorkAndUpdatesAreRefused)
 {
-	CairnDb db = open_cairn();
-	ASSERT_TRUE(db);
 	EXPECT_EQ(read(db), "p=enclave;");
 	EXPECT_EQ(write(db, "where", "p=x"), OSTREL_EPERM);
 	EXPECT_EQ(read(db), "p=enclave;");

@@ -57,21 +57,6 @@ protected:
 	RepositoryClient client;
 };
 
-TEST_F(Rpy, AGroupHoldsWhatWasCommittedAlsoAfterARestart)
-{
-	Contents contents = {{"mtu", {"1500"}}, {"addresses", {"10.0.0.1", "10.0.0.2", ""}}, {"none", {}},
-	    {"long", {std::string(300000, 'x')}}, {"max", {"18446744073709551615"}}};
-	ASSERT_EQ(client.add("eth0", "link"), RPY_ERROR_NONE);
-	EXPECT_EQ(client.read("eth0"), Contents());
-	ASSERT_EQ(client.write("eth0", contents), 1);
-	EXPECT_EQ(client.read("eth0"), contents);
-	contents.erase("none");
-	contents["mtu"] = {"9000", "1"};
-	ASSERT_EQ(client.write("eth0", contents), 1);
-	restart();
-	EXPECT_EQ(client.read("eth0"), contents);
-}
-
 TEST_F(Rpy, EveryTypeKeepsItsValues)
 {
 	ASSERT_EQ(client.add("g"), RPY_ERROR_NONE);
@@ -122,18 +107,6 @@ TEST_F(Rpy, AStaleCommitChangesNothingAndIsTold)
 	EXPECT_EQ(rpy_pg_update(old.get()), 0);
 	EXPECT_EQ(client.write(old.get(), {{"b", {"2"}}}), 1);
 	EXPECT_EQ(client.read("g"), (Contents{{"b", {"2"}}}));
-}
-
-TEST_F(Rpy, AGroupThatWasMadeAnewIsAnotherOne)
-{
-	ASSERT_EQ(client.add("g"), RPY_ERROR_NONE);
-	Pg old = found("g");
-	ASSERT_EQ(rpy_pg_delete(old.get()), 0);
-	ASSERT_EQ(client.add("g"), RPY_ERROR_NONE);
-	FAILS(rpy_pg_update(old.get()), RPY_ERROR_DELETED);
-	FAILS(client.write(old.get(), {{"b", {"2"}}}), RPY_ERROR_DELETED);
-	FAILS(rpy_pg_delete(old.get()), RPY_ERROR_DELETED);
-	EXPECT_EQ(client.read("g"), Contents());
 }
 
 TEST_F(Rpy, GroupsNestAndGoWithTheirParents)
@@ -287,23 +260,6 @@ TEST_F(Rpy, SnapshotsKeepTheStoredGroupsAsTheyWere)
 	free(findings);
 }
 
-TEST_F(Rpy, AHandleStaysWithTheDaemonThatItWasBoundTo)
-{
-	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
-	daemon.kill();
-	FAILS(rpy_handle_get_scope(client.handle, "localhost", client.scope), RPY_ERROR_CONNECTION_BROKEN);
-	ASSERT_EQ(daemon.start(), 0);
-	FAILS(rpy_handle_get_scope(client.handle, "localhost", client.scope), RPY_ERROR_CONNECTION_BROKEN);
-	EXPECT_EQ(client.read("a"), Contents());
-	EXPECT_EQ(rpy_error(), RPY_ERROR_CONNECTION_BROKEN);
-	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	EXPECT_EQ(client.write("a", {{"v", {"1"}}}), 1);
-	daemon.stop();
-	RepositoryClient other;
-	for (const std::string &none : {daemon.hatch(), daemon.hatch("nothing"), std::string("/")})
-		EXPECT_EQ(other.bind(none), RPY_ERROR_NO_SERVER) << none;
-}
-
 TEST_F(Rpy, MisuseHasItsErrorAndChangesNothing)
 {
 	Pg empty = client.group();
@@ -322,7 +278,6 @@ TEST_F(Rpy, MisuseHasItsErrorAndChangesNothing)
 	for (const char *bad : {"a/b", "", too_long.c_str()}) {
 		FAILS(rpy_instance_add_pg(client.instance, bad, "t", 0, empty.get()), RPY_ERROR_INVALID_ARGUMENT);
 	}
-	FAILS(rpy_instance_add_pg(client.instance, "b", "", 0, empty.get()), RPY_ERROR_INVALID_ARGUMENT);
 	FAILS(rpy_instance_add_pg(client.instance, "b", "t", 2, empty.get()), RPY_ERROR_INVALID_ARGUMENT);
 	FAILS(rpy_handle_bind(client.handle), RPY_ERROR_IN_USE);
 	FAILS(rpy_transaction_start(strange.get(), pg.get()), RPY_ERROR_HANDLE_MISMATCH);

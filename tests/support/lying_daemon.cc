@@ -9,115 +9,91 @@
 
 namespace {
 
-void put(std::string *to, uint32_t number)
-{
-	to->append(reinterpret_cast<const char *>(&number), sizeof(number));
-}
+using rpy::Reader;
+using rpy::Writer;
 
-void put_head(std::string *reply)
+void put_head(Writer *reply, uint32_t error = RPY_ERROR_NONE)
 {
-	put(reply, rpy::magic);
-	put(reply, RPY_ERROR_NONE);
+	reply->u32(rpy::magic);
+	reply->u32(error);
 }
 
 // A group with one text for a property, if `text` isn't empty.
-void put_group(std::string *reply, uint64_t id, std::string_view name, std::string_view text = {})
+void put_group(Writer *reply, uint64_t id, std::string_view name, std::string_view text = {})
 {
-	reply->append(reinterpret_cast<const char *>(&id), sizeof(id));
-	for (uint32_t number : {3U, 0U, 0U, static_cast<uint32_t>(name.size())})
-		put(reply, number);
-	*reply += name;
-	put(reply, 1);
-	*reply += "t";
-	if (text.empty()) {
-		put(reply, 4);
-		put(reply, 0);
-		return;
-	}
-	const auto size = static_cast<uint32_t>(text.size());
-	put(reply, size + 25);
-	put(reply, 1);
-	put(reply, 1);
-	*reply += "p";
-	for (uint32_t number : {uint32_t{RPY_TYPE_ASTRING}, 1U, size + 4, size})
-		put(reply, number);
-	*reply += text;
+	Writer values, properties;
+	values.text(text);
+	properties.u32(text.empty() ? 0 : 1);
+	if (!text.empty())
+		rpy::put_property(&properties, {"p", RPY_TYPE_ASTRING, 1, values.view()});
+	rpy::put_group(reply, {id, 3, 0, name, "t", properties.view()});
 }
 
 // The group of the name that was asked for.
-std::string group_reply(rpy::Reader in)
+void put_named_group(Writer *reply, Reader in)
 {
 	(void) in.bytes(12); // the parent
-	std::string reply;
-	put_head(&reply);
-	put_group(&reply, 9, in.text());
-	return reply;
+	put_head(reply);
+	put_group(reply, 9, in.text());
 }
 
-// More always follows, but where there is a text.
-std::string page_reply(rpy::Reader in, uint32_t count, std::string_view text = {})
+// More always follows, except if there is a text.
+void put_page(Writer *reply, Reader in, uint32_t count, std::string_view text = {})
 {
 	(void) in.bytes(16); // the parent, the filter
 	(void) in.text();
 	uint64_t id = in.u64();
-	std::string reply;
-	put_head(&reply);
-	put(&reply, text.empty() ? 1 : 0);
-	put(&reply, count);
+	put_head(reply);
+	reply->u32(text.empty() ? 1 : 0);
+	reply->u32(count);
 	for (uint32_t i = 0; i < count; i++)
-		put_group(&reply, ++id, "g", text);
-	return reply;
+		put_group(reply, ++id, "g", text);
 }
 
-std::string shared_reply(Lie lie, rpy::Reader in)
+void put_batch(Writer *reply, Lie lie, Reader in)
 {
-	std::string reply;
-	put(&reply, rpy::magic);
-	put(&reply, lie == Lie::bad_error ? 4000000000 : uint32_t{RPY_ERROR_NONE});
+	put_head(reply, lie == Lie::bad_error ? 4000000000 : uint32_t{RPY_ERROR_NONE});
 	for (int i = 0; in.left() > 0 && lie != Lie::no_replies; i++) {
-		rpy::Reader request(in.text());
+		Reader request(in.text());
 		(void) request.bytes(8);
-		std::string one = group_reply(request);
+		Writer one;
+		put_named_group(&one, request);
 		if (lie == Lie::garbage && i == 1)
-			one.assign(one.size(), '\xff');
-		put(&reply, lie == Lie::too_long_a_reply && i == 1 ? 4000000000 : static_cast<uint32_t>(one.size()));
-		reply += one;
+			memset(one.data(), 0xff, one.size());
+		reply->u32(lie == Lie::too_long_a_reply && i == 1 ? 4000000000 : static_cast<uint32_t>(one.size()));
+		reply->bytes(one.view());
 	}
-	return reply;
 }
 
-std::string lying_reply(Lie lie, rpy::Reader in)
+void put_reply(Writer *reply, Lie lie, Reader in)
 {
 	(void) in.u32();
 	switch (static_cast<rpy::Op>(in.u32())) {
 	case rpy::Op::read_batch:
-		return shared_reply(lie, in);
+		put_batch(reply, lie, in);
+		break;
 	case rpy::Op::get_group:
 		usleep(lie == Lie::slow ? 300'000 : 500); // others come meanwhile
-		return group_reply(in);
+		put_named_group(reply, in);
+		break;
 	case rpy::Op::list_groups:
 		if (lie == Lie::much)
-			return page_reply(in, 5, std::string(6'000'000, 'x'));
-		return page_reply(in, lie == Lie::empty_pages ? 0 : rpy::page_least);
-	case rpy::Op::commit: {
-		std::string reply;
-		put_head(&reply);
-		put(&reply, lie == Lie::stale ? 0 : 1);
-		return reply;
-	}
-	case rpy::Op::read_group: {
-		std::string reply;
-		put_head(&reply);
-		put_group(&reply, in.u64(), "g");
-		return reply;
-	}
-	default: { // the service and the instance
-		std::string reply;
-		put_head(&reply);
-		for (uint32_t number : {2U, 0U, 3U, 0U})
-			put(&reply, number);
-		return reply;
-	}
+			put_page(reply, in, 5, std::string(6'000'000, 'x'));
+		else
+			put_page(reply, in, lie == Lie::empty_pages ? 0 : rpy::page_least);
+		break;
+	case rpy::Op::commit:
+		put_head(reply);
+		reply->u32(lie == Lie::stale ? 0 : 1);
+		break;
+	case rpy::Op::read_group:
+		put_head(reply);
+		put_group(reply, in.u64(), "g");
+		break;
+	default: // the service and the instance
+		put_head(reply);
+		reply->u64(2);
+		reply->u64(3);
 	}
 }
 
@@ -127,11 +103,12 @@ void answer(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
 	char *copy = small;
 	size_t length;
 	{
-		const std::string reply = lying_reply(static_cast<LyingDaemon *>(cookie)->lie, {arg, size});
+		Writer reply;
+		put_reply(&reply, static_cast<LyingDaemon *>(cookie)->lie, {arg, size});
 		length = reply.size();
 		if (length > sizeof(small))
 			copy = static_cast<char *>(hatch_reply_memory(length));
-		(void) reply.copy(copy, length);
+		memcpy(copy, reply.data(), length);
 	}
 	(void) hatch_return(copy, length, nullptr, 0);
 }
