@@ -231,6 +231,9 @@ static ostrel_error_t create_for_enclave(
 	return OSTREL_SUCCESS;
 }
 
+// Native resources are built with the lock held, so that no two threads build them: their daemon is the system's own, or one
+// that belongs to the enclave of the database. Those of other enclaves are built without it, since their daemon may never
+// answer, and every operation of the database takes this lock.
 ostrel_error_t ostrel_get_rpy_resources_for_enclave(ostrel_db_t db, enclaveid_t enclave, ostrel_rpy_resources_t **resp)
 {
 	const EnclaveRoot root = ostrel_look_at_root(enclave); // without the lock

@@ -194,6 +194,7 @@ void delete_property(ostrel_rpy_resources_t *res, const char *name)
 		(void) entry.release();
 }
 
+// What `props` doesn't have goes. The names are those of the version that the transaction was started on.
 ostrel_error_t delete_others(ostrel_rpy_resources_t *res, attrlist_t *props)
 {
 	if (rpy_iter_pg_properties(res->nsr_propiter, ostrel_res_pg_curr(res)) != 0)

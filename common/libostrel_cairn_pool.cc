@@ -131,7 +131,8 @@ static ostrel_error_t take_at_once(ostrel_rpy_resources_t *res, ostrel_rpy_read_
 	return ostrel_take_rpy_read_resources(res, rresp);
 }
 
-// Waits for others to give an entry up, with no lock held while it sleeps.
+// Waits for others to give an entry up, with no lock held while it sleeps: with db_lock held, an update would wait for as long,
+// and all readers after it.
 static ostrel_error_t wait_for_entry(ostrel_rpy_resources_t *res, ostrel_rpy_read_resources_t **rresp)
     EXCLUDES(rpy_lock)
 {

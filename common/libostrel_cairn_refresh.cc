@@ -43,6 +43,8 @@ static void ostrel_refresh_cairn_take_snap(ostrel_rpy_resources_t *res)
 		(void) _rpy_snapshot_take_new(res->nsr_inst, snapshot_name, res->nsr_snap);
 }
 
+// Only whole seconds are compared. An update in the very second of the snapshot counts as younger: one snapshot too many is
+// better than one too few.
 bool ostrel_refresh_is_pending(const ostrel_rpy_resources_t *res)
 {
 	const time_t last_tx = res->nsr_last_tx.load();
@@ -181,6 +183,8 @@ void *ostrel_refresh_cairn_thread(void *arg)
 
 } // namespace
 
+// The number that a thread gets is the present one until the next thread starts: an older one finds another number at its next
+// look and ends. So nobody has to be joined, or cancelled in the middle of a pass.
 void ostrel_start_refresh(ostrel_rpy_resources_t *res, const ostrel_rpy_resources_t *before)
 {
 	RefreshGate *gate = before != nullptr ? before->nsr_gate : nullptr;

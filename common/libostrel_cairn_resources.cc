@@ -37,6 +37,7 @@ static ostrel_rpy_resources_t *allocate_resources(ostrel_db_t db, enclaveid_t en
 	return res;
 }
 
+// Every object is made once, here, and filled again by each operation: a look-up allocates nothing but its reply.
 static ostrel_error_t create_objects(ostrel_rpy_resources_t *res)
 {
 	rpy_handle_t *handle = res->nsr_handle;

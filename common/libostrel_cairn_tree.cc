@@ -111,6 +111,10 @@ void ostrel_rpy_iter_reset(ostrel_rpy_work_t *work)
 	memset(work->nsr_pgiterstate, 0, sizeof(work->nsr_pgiterstate));
 }
 
+// A walk goes depth first, with one iterator a level, and is resumed where it gave its last group: nsr_pgiterstate says for each
+// level whether its iterator is under way, so that the deepest one that is continues first. A level that has run out is idle
+// again, and the level above it steps on. Listings are complete when their iterator starts: the store may change meanwhile, and
+// a walk doesn't show one moment.
 namespace {
 
 // What a walk looks for at one depth: a name, without regard to case, or a type pattern.
@@ -253,6 +257,8 @@ static ostrel_error_t ostrel_rpy_get_pg(ostrel_rpy_work_t *work, const RpyPath &
 	return ostrel_rpy_set_pg(work, path.count - 1);
 }
 
+// An exact spelling always wins. Only after it wasn't found does a walk look for the first path that fits without regard to
+// case; nsr_pgname has the stored spelling afterwards.
 ostrel_error_t ostrel_rpy_get_real_pg(ostrel_db_t db, ostrel_rpy_work_t *work, const char *name)
 {
 	RpyPath path;

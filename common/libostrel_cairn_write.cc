@@ -21,6 +21,9 @@ private:
 	long next_ = 50'000;
 };
 
+// The daemon refuses a commit on a version of the group that isn't the latest. The transaction is then built again from the
+// start, deletions included, so that the group ends up with exactly `props`, whatever others have written in between. There is
+// no bound on the attempts but the time of an operation in another enclave.
 ostrel_error_t commit(ostrel_rpy_resources_t *res, attrlist_t *props, bool created)
 {
 	for (StalePause pause;;) {
@@ -55,7 +58,8 @@ struct RpyPaths {
 	char *pgtype = nullptr; // none if the list has none
 };
 
-// Finds the group of a write, or creates it.
+// Finds the group of a write, or creates it. Whatever the update makes from here on is part of its change, so that it can be
+// withdrawn without hitting what others have done.
 ostrel_error_t find_or_create(RpyOperation *operation, attrlist_t *idl, const char *pgname, const char *pgtype,
     uint64_t change, RpyCreation *made)
 {
@@ -106,6 +110,8 @@ ostrel_error_t ostrel_rpy_write(ostrel_db_t db, attrlist_t *idl, uint64_t flags,
 	return result;
 }
 
+// A remove whose reply is lost may have been carried out, or may be later. It isn't repeated: the group may be another one by
+// then. *fate says what the caller, a rename, can rely on.
 ostrel_error_t ostrel_rpy_remove(ostrel_db_t db, attrlist_t *idl, uint64_t flags, RpyRemoveFate *fate)
 {
 	RpyOperation operation(db);

@@ -95,6 +95,7 @@ bool Call::ready(const rpy_handle_t *handle) const
 	return out.ok() || (fail(RPY_ERROR_NO_MEMORY), false);
 }
 
+// A reply that fits `room` needs no mapping, which costs more than the copy: a group of some hundred properties does.
 rpy_error_t Call::exchange(rpy_handle_t *handle, Budget *budget)
 {
 	int seconds;
@@ -152,6 +153,9 @@ bool Call::send(rpy_handle_t *handle, Budget *budget)
 	return ready(handle) && take(exchange(handle, budget));
 }
 
+// The daemon serves the requests of one connection in order. So an undo that was sent over the connection of the failed call
+// is carried out after it, however late that is. If the connection has gone, a call of its own may overtake the first request:
+// then the failure stays open.
 bool Call::send_before(rpy_handle_t *handle, Call *undo)
 {
 	hatch::FollowUp follow_up(undo->out.view());

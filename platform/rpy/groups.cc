@@ -57,6 +57,8 @@ int get_pg(const Top &top, const char *text, rpy_propertygroup_t *pg)
 	return 0;
 }
 
+// An addition whose reply is lost is withdrawn, so that a failure means that there is no group. Its change number keeps the
+// withdrawal from taking a group that another client has made or written to since.
 int add_pg(const Top &top, const char *text, const char *type_text, uint32_t flags, rpy_propertygroup_t *pg)
 {
 	std::string_view name = name_of(text), type = name_of(type_text);
@@ -154,6 +156,7 @@ int rpy_pg_get_flags(const rpy_propertygroup_t *pg, uint32_t *flags)
 	return 0;
 }
 
+// By its id, not by its name: a group that was deleted and made again is another one (RPY_ERROR_DELETED).
 int rpy_pg_update(rpy_propertygroup_t *pg)
 {
 	if (!is_set(pg))

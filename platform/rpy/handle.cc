@@ -148,6 +148,8 @@ int rpy_handle_decorate(rpy_handle_t *handle, const char *name, rpy_value_t *val
 	return fail(RPY_ERROR_INVALID_ARGUMENT);
 }
 
+// Binding needs no call: a hatch tells whether its server lives. The path has to be a regular file with one link: a hard link to
+// a hatch of the host, planted in an enclave, would lead its caller to the host's daemon.
 int rpy_handle_bind(rpy_handle_t *handle)
 {
 	CancellationWaits cancellation;
@@ -190,6 +192,8 @@ int rpy_handle_unbind(rpy_handle_t *handle)
 
 // ---- What became of a change ----
 
+// A daemon that gives up its hatch may take some seconds to end. As long as its process lives, it may carry out what it was
+// sent; only the end of the process settles that.
 int _rpy_daemon_has_ended(const rpy_handle_t *handle)
 {
 	CancellationWaits cancellation;

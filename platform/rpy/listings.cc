@@ -46,6 +46,8 @@ void enter_page(rpy_iter_t *iter)
 	iter->left = iter->in.u32();
 }
 
+// The next page begins after the last id of this one, so that groups which are deleted or added meanwhile shift nothing. Ids
+// have to rise, and all pages share one budget: a daemon that always announces more comes to an end.
 int start_groups(rpy_iter_t *iter, const Top &top, const Want &want)
 {
 	if (iter == nullptr)

@@ -1,5 +1,20 @@
-// What the repository's client objects hold. Objects of one handle may be used by several threads, each object by one thread
-// at a time; handles alone are shared.
+// The repository's client: what its objects hold.
+//
+// Layers, each on those before it: wire.h (the bytes), requests.h (what client and daemon know of each request), error.h
+// (rpy_error() of a thread), handle.h (the connection), call.h (one request and its reply), request_batch.h (reads that share a
+// call). The objects stand on these: entities.cc, groups.cc, listings.cc, properties.cc, values.cc, transaction.cc, and
+// maintenance.cc, which has none.
+//
+// Replies. The daemon isn't trusted, since that of another enclave may send anything. A reply is checked as a whole before an
+// object points into it: magic, error number, every length, name, type and value. Walking through what was checked can't fail.
+// Objects share the block of their reply, and the last one that is filled again or destroyed frees it: so a group object is one
+// version of its group, whatever happens in the repository meanwhile.
+//
+// Failures. A call that fails sets rpy_error() of its thread, and leaves the objects that it was to fill as they were.
+//
+// Threads. A handle is shared by all threads; each other object is used by one thread at a time. Objects are destroyed before
+// their handle. Forks: the calls of a child make connections of their own, and the batch of a handle is made again at the
+// child's first read.
 #ifndef MERIDON_RPY_OBJECT_H
 #define MERIDON_RPY_OBJECT_H
 

@@ -1,4 +1,5 @@
-// Properties of a group and their values. They lie in the group's block.
+// Properties of a group and their values. They lie in the group's block, which was checked when the reply came: what is taken
+// off it here is sound.
 #include "rpy/object.h"
 
 using namespace rpy;

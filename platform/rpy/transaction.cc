@@ -29,6 +29,8 @@ bool has_entry(const rpy_transaction_t *transaction, std::string_view name)
 	return false;
 }
 
+// What can't be carried out is refused here, where the caller can tell which property it is: by the version that the
+// transaction was started on. The daemon looks again.
 int attach(
     rpy_transaction_t *transaction, rpy_transaction_entry_t *entry, Change change, const char *text, uint32_t type)
 {
@@ -201,6 +203,8 @@ void rpy_entry_destroy(rpy_transaction_entry_t *entry)
 	delete entry;
 }
 
+// The daemon compares the version that the group had at the start: 0 means that another commit came first, and that nothing of
+// this one took effect. The transaction stays as it is either way.
 int rpy_transaction_commit(rpy_transaction_t *transaction)
 {
 	if (transaction == nullptr)

@@ -1,4 +1,5 @@
-// What makes properties and groups sound, wherever their bytes come from.
+// What makes names, properties and groups sound, wherever their bytes come from: the client checks what the daemon sends, the
+// daemon what a client sends and what its file holds.
 #include "rpy/wire.h"
 
 namespace rpy {
