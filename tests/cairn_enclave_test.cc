@@ -23,7 +23,6 @@
 #include "hatch_peer.h"
 #include "test_enclave.h"
 #include "test_paths.h"
-#include "threads_after_fork.h"
 
 namespace fs = std::filesystem;
 

@@ -9,7 +9,6 @@
 #include "cairn_db.h"
 #include "child.h"
 #include "hatch_peer.h"
-#include "threads_after_fork.h"
 
 namespace {
 std::atomic<time_t> wall_clock{1000};

@@ -1,4 +1,4 @@
-// Databases in the repository, with a real daemon behind them: what is stored, found, renamed and removed.
+// Databases in the repository, with a real daemon: what is stored, found, renamed and removed.
 #include <algorithm>
 #include <atomic>
 #include <gtest/gtest.h>
@@ -148,7 +148,7 @@ TEST_F(Cairn, APathThatCantBeOneIsRefusedAndNothingIsHit)
 	const std::string nine = "a/b/c/d/e/f/g/h/i", nine_types = "t/t/t/t/t/t/t/t/t", name(255, 'n');
 	ASSERT_EQ(put(db, "a:t", "p=a"), OSTREL_SUCCESS);
 	ASSERT_EQ(put(db, name + ":t", "p=long"), OSTREL_SUCCESS);
-	// Each of these follows a look-up that found a group or failed, and must not act on what that left behind.
+	// Each of these follows a look-up that found a group or failed, and must not act on what that left.
 	for (const std::string &bad : {std::string("/"), nine, std::string("a*"), name + "n", std::string("//")}) {
 		EXPECT_EQ(get(db, "a"), "a:t|p=a;");
 		EXPECT_EQ(drop(db, bad), OSTREL_INVALID_ARG) << bad;
@@ -204,7 +204,7 @@ TEST_F(Cairn, AWalkDeliversEveryGroupWhoseTypesFitOnce)
 	EXPECT_EQ(walk(db, "*"), "A:t B:t C:network D:Net E:net ");
 	EXPECT_EQ(walk(db, "*/*"), "A/X:t/u A/Y:t/u B/Z:t/v C/W:network/u ");
 	EXPECT_EQ(walk(db, "net*"), "C:network E:net ");
-	EXPECT_EQ(walk(db, "net*nothing/u"), "C/W:network/u ") << "what stands behind the star is ignored";
+	EXPECT_EQ(walk(db, "net*nothing/u"), "C/W:network/u ") << "what follows the star is ignored";
 	EXPECT_EQ(walk(db, "T"), "");
 	EXPECT_EQ(walk(db, "t/u/*"), "");
 }

@@ -2,10 +2,10 @@
 #include <atomic>
 #include <csignal>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
+#include "child.h"
 #include "repository.h"
 #include "threads_after_fork.h"
 
@@ -17,11 +17,9 @@ constexpr int readers = 24;
 template <typename Read>
 void in_threads(Read read)
 {
-	std::vector<std::thread> threads;
+	std::vector<std::jthread> threads;
 	for (int i = 0; i < readers; i++)
 		threads.emplace_back([&read, i] { read(i); });
-	for (std::thread &thread : threads)
-		thread.join();
 }
 
 class RequestBatch : public testing::Test {
@@ -77,7 +75,7 @@ TEST_F(RequestBatch, NobodyWaitsForADaemonThatHasGone)
 {
 	fill("");
 	std::atomic<int> ended{0};
-	std::thread killer([&] {
+	std::jthread killer([&] {
 		usleep(20'000);
 		daemon.kill();
 	});
@@ -91,7 +89,6 @@ TEST_F(RequestBatch, NobodyWaitsForADaemonThatHasGone)
 			break;
 		}
 	});
-	killer.join();
 	EXPECT_EQ(ended, readers);
 }
 
@@ -102,27 +99,23 @@ TEST_F(RequestBatch, AChildForkedInBetweenWaitsForNoThreadOfItsParent)
 #endif
 	fill("");
 	std::atomic<bool> stop{false};
-	std::thread forker([&] {
-		for (int i = 0; i < 10; i++) {
-			const pid_t child = fork();
-			if (child == 0) {
+	std::jthread forker([&] {
+		for (int i = 0; i < 10; i++)
+			EXPECT_EQ(in_child([&] {
 				(void) signal(SIGALRM, SIG_DFL);
 				alarm(20);
 				RepositoryClient own(daemon.hatch());
-				_exit(
-				    own.read("g1") == Contents{{"v", {"g1"}}} && client.read("g2").size() == 1 ? 0 : 1);
-			}
-			int status = -1;
-			EXPECT_EQ(waitpid(child, &status, 0), child);
-			EXPECT_EQ(status, 0);
-		}
+				const bool reads =
+				    own.read("g1") == Contents{{"v", {"g1"}}} && client.read("g2").size() == 1;
+				return reads ? 0 : 1;
+			}),
+			    0);
 		stop = true;
 	});
 	in_threads([&](int i) {
 		while (!stop)
 			EXPECT_EQ(client.read("g" + std::to_string(i)).size(), 1U);
 	});
-	forker.join();
 }
 
 } // namespace

@@ -31,7 +31,7 @@ TEST_F(RpyLiar, SharedRepliesThatAreNotSoundAreErrorsAndNeverGroupsOfOtherThread
 	for (Lie lie : {Lie::none, Lie::bad_error, Lie::no_replies, Lie::too_long_a_reply, Lie::garbage}) {
 		liar.lie = lie;
 		std::atomic<int> failed{0}, wrong{0};
-		std::vector<std::thread> threads;
+		std::vector<std::jthread> threads;
 		for (int i = 0; i < 24; i++)
 			threads.emplace_back([&, name = "g" + std::to_string(i)] {
 				for (int round = 0; round < 5; round++) {
@@ -46,8 +46,7 @@ TEST_F(RpyLiar, SharedRepliesThatAreNotSoundAreErrorsAndNeverGroupsOfOtherThread
 						(rpy_error() == RPY_ERROR_INTERNAL ? failed : wrong)++;
 				}
 			});
-		for (std::thread &thread : threads)
-			thread.join();
+		threads.clear();
 		EXPECT_EQ(wrong, 0) << static_cast<int>(lie);
 		EXPECT_EQ(failed > 0, lie == Lie::too_long_a_reply || lie == Lie::garbage) << static_cast<int>(lie);
 	}

@@ -1,4 +1,4 @@
-// The repository through its client library, with a real daemon behind it.
+// The repository through its client library, with a real daemon.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -336,36 +336,30 @@ TEST_F(Rpy, ABindInADecoratedEnclaveGoesNowhereElse)
 	Scratch host;
 	ASSERT_EQ(setenv("MERIDON_ROOT", host.directory().c_str(), 1), 0);
 	ASSERT_EQ(symlink(daemon.hatch().c_str(), host.path("planted").c_str()), 0);
-	rpy_handle_t *handle = rpy_handle_create(RPY_CLIENT_VERSION);
-	ASSERT_NE(handle, nullptr);
-	{
-		Val path(rpy_value_create(handle)), enclave(rpy_value_create(handle));
-		ASSERT_TRUE(path && enclave);
-		auto bind = [&] { return rpy_handle_bind(handle) == 0 ? RPY_ERROR_NONE : rpy_error(); };
-		auto decorate = [&](uint64_t id) {
-			rpy_value_set_count(enclave.get(), id);
-			return rpy_handle_decorate(handle, "enclave", enclave.get());
-		};
-		FAILS(decorate(10000), RPY_ERROR_INVALID_ARGUMENT);
-		FAILS(rpy_handle_decorate(handle, "hatch_path", enclave.get()), RPY_ERROR_TYPE_MISMATCH);
-		ASSERT_EQ(rpy_value_set_astring(path.get(), host.path("planted").c_str()), 0);
-		ASSERT_EQ(rpy_handle_decorate(handle, "hatch_path", path.get()), 0);
-		ASSERT_EQ(decorate(5), 0);
-		EXPECT_EQ(bind(), RPY_ERROR_NO_SERVER) << "no such enclave";
+	Handle<rpy_handle_t, rpy_handle_destroy> handle(rpy_handle_create(RPY_CLIENT_VERSION));
+	Val path(rpy_value_create(handle.get())), enclave(rpy_value_create(handle.get()));
+	auto decorate = [&](uint64_t id) {
+		rpy_value_set_count(enclave.get(), id);
+		return rpy_handle_decorate(handle.get(), "enclave", enclave.get());
+	};
+	FAILS(decorate(10000), RPY_ERROR_INVALID_ARGUMENT);
+	FAILS(rpy_handle_decorate(handle.get(), "hatch_path", enclave.get()), RPY_ERROR_TYPE_MISMATCH);
+	ASSERT_EQ(rpy_value_set_astring(path.get(), host.path("planted").c_str()), 0);
+	ASSERT_EQ(rpy_handle_decorate(handle.get(), "hatch_path", path.get()), 0);
+	ASSERT_EQ(decorate(5), 0);
+	FAILS(rpy_handle_bind(handle.get()), RPY_ERROR_NO_SERVER) << "no such enclave";
 
-		enclave_info_t info = {};
-		info.ei_id = 5;
-		info.ei_state = ENCLAVE_STATE_RUNNING;
-		strcpy(info.ei_name, "testing");
-		strcpy(info.ei_root, host.directory().c_str());
-		ASSERT_EQ(enclave_registry_add(&info), 0);
-		EXPECT_EQ(bind(), RPY_ERROR_NO_SERVER) << "a link that leads out";
-		ASSERT_EQ(enclave_registry_remove(5), 0);
-		EXPECT_EQ(bind(), RPY_ERROR_NO_SERVER) << "no such enclave any more";
-		ASSERT_EQ(rpy_handle_decorate(handle, "enclave", nullptr), 0);
-		EXPECT_EQ(bind(), RPY_ERROR_NONE) << "a path of the host's";
-	}
-	rpy_handle_destroy(handle);
+	enclave_info_t info = {};
+	info.ei_id = 5;
+	info.ei_state = ENCLAVE_STATE_RUNNING;
+	strcpy(info.ei_name, "testing");
+	strcpy(info.ei_root, host.directory().c_str());
+	ASSERT_EQ(enclave_registry_add(&info), 0);
+	FAILS(rpy_handle_bind(handle.get()), RPY_ERROR_NO_SERVER) << "a link that leads out";
+	ASSERT_EQ(enclave_registry_remove(5), 0);
+	FAILS(rpy_handle_bind(handle.get()), RPY_ERROR_NO_SERVER) << "no such enclave any more";
+	ASSERT_EQ(rpy_handle_decorate(handle.get(), "enclave", nullptr), 0);
+	EXPECT_EQ(rpy_handle_bind(handle.get()), 0) << "a path of the host's";
 	unsetenv("MERIDON_ROOT");
 }
 
