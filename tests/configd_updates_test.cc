@@ -24,7 +24,7 @@ using namespace repository;
 
 struct OneRow : Update {
 	explicit OneRow(uint64_t its_group) : Update(rpy::Op::status, its_group) {}
-	rpy_error_t prepare(Model &model, Rows *rows) override
+	rpy_error_t prepare(Model &model, Rows *rows) override REQUIRES(model.leader)
 	{
 		rows->push_back(Row::put_version(model.take_id(true), {}));
 		return RPY_ERROR_NONE;
