@@ -51,7 +51,7 @@ struct SqliteEngine {
 	const Scratch place{"/dev/shm"};
 	const Fd held{open(file().c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600)};
 };
-INSTANTIATE_TYPED_TEST_SUITE_P(Sqlite, StoreConformance, SqliteEngine);
+INSTANTIATE_TYPED_TEST_SUITE_P(ConfigdSqlite, StoreConformance, SqliteEngine);
 
 struct FakeEngine {
 	std::unique_ptr<Store> make() const { return std::make_unique<FakeStore>(disk); }
@@ -63,7 +63,7 @@ struct FakeEngine {
 
 	const std::shared_ptr<FakeDisk> disk = std::make_shared<FakeDisk>();
 };
-INSTANTIATE_TYPED_TEST_SUITE_P(Fake, StoreConformance, FakeEngine);
+INSTANTIATE_TYPED_TEST_SUITE_P(ConfigdFake, StoreConformance, FakeEngine);
 
 // Runs statements on a file in a process of their own, which may be killed in its transaction.
 void run_on(const std::string &file, const std::string &text, bool kills = false)
