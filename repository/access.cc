@@ -2,7 +2,6 @@
 
 #include <climits>
 #include <fcntl.h>
-#include <pwd.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,31 +12,14 @@
 #include "base/files.h"
 #include "base/guards.h"
 #include "base/thread_safety.h"
+#include "base/users.h"
 
 namespace repository {
 namespace {
 
-constexpr uid_t overflow_user = 65534; // how a user namespace shows users that it doesn't know
 constexpr size_t rights_max = 1U << 20;
 
 using Credential = Handle<peercred_t, peercred_free>;
-
-bool user_name(uid_t user, std::string *name)
-{
-	std::string buffer(1024, '\0');
-	for (;;) {
-		passwd entry, *found = nullptr;
-		int error = getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found);
-		if (error == ERANGE && buffer.size() < rights_max) {
-			buffer.resize(buffer.size() * 2);
-			continue;
-		}
-		if (error != 0 || found == nullptr)
-			return false;
-		*name = entry.pw_name;
-		return true;
-	}
-}
 
 bool caller_holds(const char *right)
 {
@@ -49,8 +31,9 @@ bool caller_holds(const char *right)
 		return false;
 	if (user == 0 || user == geteuid())
 		return true;
-	std::string name;
-	return user_name(user, &name) && chkrightattr_peercred(right, name.c_str(), caller.get()) == 1;
+	UserEntry entry;
+	return entry.find(getpwuid_r, user) == 0 && entry &&
+	       chkrightattr_peercred(right, entry->pw_name, caller.get()) == 1;
 }
 
 // Whether any line of the rights file names the right to read, comments aside. A file that can't be read grants nothing, so it

@@ -5,8 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <grp.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,49 +12,25 @@
 
 #include "base/files.h"
 #include "base/guards.h"
+#include "base/users.h"
 #include "rights/rights.h"
 
 namespace rights {
 namespace {
 
 constexpr size_t file_max = 1U << 20;
-constexpr size_t entry_first = 1024; // bytes of an entry of the user database; doubled as long as it asks for more
-constexpr size_t entry_max = 1U << 20;
 constexpr int groups_max = 65536;
-
-// Calls a look-up of the user database with a buffer that grows. True if it found an entry; `buffer` holds its texts.
-template <typename Lookup>
-bool find_entry(Lookup lookup, Heap<char> *buffer)
-{
-	for (size_t size = entry_first; size <= entry_max; size *= 2) {
-		buffer->reset(static_cast<char *>(malloc(size)));
-		if (!*buffer)
-			return false;
-		bool found = false;
-		int error = lookup(buffer->get(), size, &found);
-		if (error != ERANGE)
-			return error == 0 && found;
-	}
-	return false;
-}
 
 class User final : public Holder {
 public:
 	// False if the name isn't that of the user with this id.
 	bool find(const char *name, uid_t uid)
 	{
-		struct passwd entry;
-		Heap<char> buffer;
-		auto lookup = [&](char *bytes, size_t size, bool *found) {
-			struct passwd *result = nullptr;
-			int error = getpwnam_r(name, &entry, bytes, size, &result);
-			*found = result != nullptr;
-			return error;
-		};
-		if (!find_entry(lookup, &buffer) || entry.pw_uid != uid)
+		UserEntry user;
+		if (user.find(getpwnam_r, name) != 0 || !user || user->pw_uid != uid)
 			return false;
 		name_ = name;
-		first_group_ = entry.pw_gid;
+		first_group_ = user->pw_gid;
 		return true;
 	}
 	bool is_user(std::string_view name) override { return name == name_; }
@@ -77,17 +51,10 @@ private:
 			return false;
 		memcpy(text, name.data(), name.size());
 		text[name.size()] = '\0';
-		struct group entry;
-		Heap<char> buffer;
-		auto lookup = [&](char *bytes, size_t size, bool *found) {
-			struct group *result = nullptr;
-			int error = getgrnam_r(text, &entry, bytes, size, &result);
-			*found = result != nullptr;
-			return error;
-		};
-		if (!find_entry(lookup, &buffer))
+		GroupEntry group;
+		if (group.find<const char *>(getgrnam_r, text) != 0 || !group)
 			return false;
-		*id = entry.gr_gid;
+		*id = group->gr_gid;
 		return true;
 	}
 	bool read_groups()
