@@ -5,8 +5,6 @@
 #include <cstring>
 #include <utility>
 
-#include <meridon/process.h>
-
 #include "base/clock.h"
 
 // ---- What an operation is about ----
@@ -84,7 +82,7 @@ static void forget_parent(ostrel_db_t db)
 
 static void enter_process(ostrel_db_t db)
 {
-	db->db_priv_process.enter(_meridon_process(), [db] { forget_parent(db); });
+	db->db_priv_process.enter([db] { forget_parent(db); });
 }
 
 RpyOperation::RpyOperation(ostrel_db_t db) : db_(db)

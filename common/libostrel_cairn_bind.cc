@@ -309,5 +309,5 @@ void ostrel_end_private_configd(ostrel_rpy_resources_t *res)
 		return; // it has ended meanwhile
 	// Waits for the end, so that the next operation isn't bound to a daemon that is about to go.
 	struct pollfd ended = {daemon.process.get(), POLLIN, 0};
-	(void) poll_until(&ended, 1, now_ns() + end_seconds * second_ns);
+	(void) poll_until(&ended, 1, Deadline::in(end_seconds * second_ns));
 }

@@ -137,7 +137,7 @@ static ostrel_error_t wait_for_entry(ostrel_rpy_resources_t *res, ostrel_rpy_rea
     EXCLUDES(rpy_lock)
 {
 	ostrel_db_t db = res->nsr_db;
-	const int64_t end = now_ns() + OSTREL_RPY_READ_WAITS * second_ns;
+	const Deadline end = Deadline::in(OSTREL_RPY_READ_WAITS * second_ns);
 	RpyLock lock(db);
 	for (bool is_last = false;;) {
 		ostrel_error_t result = ostrel_take_rpy_read_resources(res, rresp);

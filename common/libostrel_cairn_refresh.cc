@@ -110,7 +110,7 @@ struct RefreshJob {
 bool wait_for_pass(const RefreshJob &job)
 {
 	RefreshGate *gate = job.gate;
-	const int64_t end = now_ns() + OSTREL_REFRESH_PERIOD * second_ns;
+	const Deadline end = Deadline::in(OSTREL_REFRESH_PERIOD * second_ns);
 	MutexLock lock(gate->lock);
 	while (gate->present == job.number && gate->changed.wait_until(gate->lock, end))
 		continue;

@@ -1,32 +1,17 @@
 // Writing: a write makes a group hold exactly the given properties, in one transaction, and creates the group if need be. A
 // remove deletes the group.
-#include <ctime>
-
+#include "base/clock.h"
 #include "libostrel_cairn.h"
 
 namespace {
 
-// While others keep changing the group, this writer waits between its attempts, each time twice as long, up to 100 ms.
-class StalePause {
-public:
-	void wait()
-	{
-		struct timespec pause = {0, next_};
-		(void) nanosleep(&pause, nullptr);
-		next_ = next_ * 2 < longest ? next_ * 2 : longest;
-	}
-
-private:
-	static constexpr long longest = 100'000'000;
-	long next_ = 50'000;
-};
-
 // The daemon refuses a commit on a version of the group that isn't the latest. The transaction is then built again from the
 // start, deletions included, so that the group ends up with exactly `props`, whatever others have written in between. There is
-// no bound on the attempts but the time of an operation in another enclave.
+// no bound on the attempts but the time of an operation in another enclave. While others keep changing the group, this writer
+// waits between its attempts, ever longer.
 ostrel_error_t commit(ostrel_rpy_resources_t *res, attrlist_t *props, bool created)
 {
-	for (StalePause pause;;) {
+	for (Backoff backoff(50 * microsecond_ns, 100 * millisecond_ns);;) {
 		if (ostrel_error_t result = ostrel_rpy_build_transaction(res, props, created))
 			return result;
 		int committed = rpy_transaction_commit(res->nsr_tx);
@@ -36,7 +21,8 @@ ostrel_error_t commit(ostrel_rpy_resources_t *res, attrlist_t *props, bool creat
 			return SETERROR(ostrel_rpy_failure());
 		if (ostrel_rpy_is_over(res))
 			return SETERROR(OSTREL_FAILURE);
-		pause.wait(); // before the group is read again: the fresher it is, the likelier the next attempt lands
+		backoff
+		    .pause(); // before the group is read again: the fresher it is, the likelier the next attempt lands
 		if (rpy_pg_update(ostrel_res_pg_curr(res)) == -1)
 			return SETERROR(ostrel_rpy_failure());
 		// Others may have put properties into a group that this write has made. They go, too.

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
 #include <utility>
@@ -17,23 +16,15 @@
 // sticky bit, which means nothing for a file, marks one that was never used.
 static constexpr mode_t unused_mode = S_ISVTX | 0600;
 
-// Waits that grow from 50 us to 4 ms, with a share of chance, so that those who wait don't go in step.
+// For how long an update waits for the lock: 60 s, with a look each 50 us at first and each 4 ms later.
 class Patience {
 public:
-	// False once 60 s have gone by.
-	bool lasts()
-	{
-		if (begin_ == 0)
-			begin_ = now_ns();
-		return now_ns() - begin_ < 60 * second_ns;
-	}
+	bool lasts() const { return !end_.has_passed(); }
 	bool wait()
 	{
 		if (!lasts())
 			return false;
-		struct timespec pause = {0, static_cast<long>(delay_ / 2 + now_ns() % delay_)};
-		(void) nanosleep(&pause, nullptr); // a signal cuts it short
-		delay_ = delay_ < 2000000 ? 2 * delay_ : 4000000;
+		backoff_.pause();
 		return true;
 	}
 	// Of a file that can't be opened: whether its owner has changed anything within the last second.
@@ -48,8 +39,8 @@ public:
 	}
 
 private:
-	int64_t begin_ = 0;
-	int64_t delay_ = 50000;
+	const Deadline end_ = Deadline::in(60 * second_ns);
+	Backoff backoff_{50 * microsecond_ns, 4 * millisecond_ns};
 	struct stat seen_ = {};
 	int64_t since_ = 0;
 };

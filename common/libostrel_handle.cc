@@ -5,8 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <meridon/process.h>
-
 #include "base/guards.h"
 #include "libostrel_error.h"
 
@@ -72,7 +70,7 @@ void ostrel_db_set_write_auth(ostrel_db_t db, const char *auth)
 // In a forked child, before the lock is taken: a thread that it doesn't have may hold it.
 static void enter_process(ostrel_db_t db)
 {
-	db->db_lock_process.enter(_meridon_process(), [db] { db->db_lock.init(); });
+	db->db_lock_process.enter([db] { db->db_lock.init(); });
 }
 
 void ostrel_db_rdlock(ostrel_db_t db)

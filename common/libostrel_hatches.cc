@@ -9,8 +9,6 @@
 #include <new>
 #include <sys/mman.h>
 
-#include <meridon/process.h>
-
 #include "base/guards.h"
 #include "libostrel_handle.h"
 #include "libostrel_objects.h"
@@ -67,7 +65,7 @@ bool is_alive(int fd)
 // In a forked child a thread that it doesn't have may hold the lock.
 void enter_process(ostrel_db_t db)
 {
-	db->db_priv_process.enter(_meridon_process(), [db] { db->db_privlock.init(); });
+	db->db_priv_process.enter([db] { db->db_privlock.init(); });
 }
 
 // Gives the handle's cell, with a living hatch or one that was opened just now. Errors: 0, or an errno value.

@@ -16,7 +16,6 @@
 #include <utility>
 
 #include <meridon/msglog.h>
-#include <meridon/process.h>
 #include <meridon/progpath.h>
 
 #include "base/guards.h"
@@ -74,7 +73,7 @@ void renew()
 // A call of the log. It isn't cancelled, since it would leave the lock held, and it keeps the caller's errno.
 class LogCall {
 public:
-	LogCall() : errno_(errno) { log_process.enter(_meridon_process(), renew); }
+	LogCall() : errno_(errno) { log_process.enter(renew); }
 	~LogCall() { errno = errno_; }
 	LogCall(const LogCall &) = delete;
 	LogCall &operator=(const LogCall &) = delete;

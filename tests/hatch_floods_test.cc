@@ -17,7 +17,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "hatch/memory_bound.h"
+#include "base/memory_bound.h"
 #include "hatch/pool.h"
 #include "hatch/record.h"
 #include "hatch/wire.h"
@@ -76,8 +76,8 @@ TEST(HatchMemory, TheLeastBoundOfAGroupAndItsParentsCounts)
 			std::filesystem::create_directories(file.parent_path());
 			(void) tree.write("sys/fs/cgroup/" + path, text);
 		}
-		const size_t machine = memory_bound("/nowhere");
-		EXPECT_EQ(memory_bound(tree.directory().c_str()), one.bound == 0 ? machine : one.bound * mib)
+		const size_t machine = read_memory_bound("/nowhere");
+		EXPECT_EQ(read_memory_bound(tree.directory().c_str()), one.bound == 0 ? machine : one.bound * mib)
 		    << one.what;
 	}
 }

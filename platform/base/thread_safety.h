@@ -3,9 +3,9 @@
 #ifndef MERIDON_BASE_THREAD_SAFETY_H
 #define MERIDON_BASE_THREAD_SAFETY_H
 
-#include <cstdint>
-#include <ctime>
 #include <pthread.h>
+
+#include "base/clock.h"
 
 #if defined(__clang__)
 #define THREAD_SAFETY(x) __attribute__((x))
@@ -57,26 +57,19 @@ struct CAPABILITY("rwlock") RwLock {
 	void unlock() RELEASE_GENERIC() { (void) pthread_rwlock_unlock(&raw); }
 };
 
-// What threads wait for. Times are those of the monotonic clock, in nanoseconds (base/clock.h). A wait may end early.
+// What threads wait for with a Mutex. Trivial as the locks are: init() first, unless it is of static storage. A wait may
+// end for nothing, so it stands in a loop that asks for what it waits for.
 struct CondVar {
 	pthread_cond_t raw;
 
-	void init()
-	{
-		pthread_condattr_t attributes;
-		(void) pthread_condattr_init(&attributes);
-		(void) pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-		(void) pthread_cond_init(&raw, &attributes);
-		(void) pthread_condattr_destroy(&attributes);
-	}
+	void init() { (void) pthread_cond_init(&raw, nullptr); }
 	void destroy() { (void) pthread_cond_destroy(&raw); }
 	void wait(Mutex &mutex) REQUIRES(mutex) { (void) pthread_cond_wait(&raw, &mutex.raw); }
-	// False: `end_ns` has come.
-	bool wait_until(Mutex &mutex, int64_t end_ns) REQUIRES(mutex)
+	// False once the time is over.
+	bool wait_until(Mutex &mutex, const Deadline &end) REQUIRES(mutex)
 	{
-		constexpr int64_t second = 1000000000;
-		const timespec end = {static_cast<time_t>(end_ns / second), static_cast<long>(end_ns % second)};
-		return pthread_cond_timedwait(&raw, &mutex.raw, &end) == 0;
+		const struct timespec at = end.as_timespec();
+		return pthread_cond_clockwait(&raw, &mutex.raw, CLOCK_MONOTONIC, &at) == 0;
 	}
 	void notify_one() { (void) pthread_cond_signal(&raw); }
 	void notify_all() { (void) pthread_cond_broadcast(&raw); }

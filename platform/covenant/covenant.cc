@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -17,6 +16,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "base/clock.h"
 #include "base/guards.h"
 
 // A sanitizer that keeps its own locks has to hear of a fork that doesn't go through fork().
@@ -217,13 +217,12 @@ int cv_tmpl_clear(int fd)
 // Waits until the child of a plain fork() has joined its group.
 static covenant_id_t await_report()
 {
-	constexpr int tries = 20000;
-	constexpr timespec pause = {0, 50000};
-	for (int i = 0; i < tries; i++) {
+	constexpr int64_t pause_ns = 50 * microsecond_ns;
+	for (const Deadline end = Deadline::in(2 * second_ns); !end.has_passed();) {
 		covenant_id_t id = state.report->id.load();
 		if (id != 0)
 			return id;
-		(void) nanosleep(&pause, nullptr);
+		sleep_ns(pause_ns);
 	}
 	return -1;
 }

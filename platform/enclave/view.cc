@@ -5,13 +5,13 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include "base/clock.h"
 #include "base/files.h"
 
 namespace {
@@ -224,14 +224,12 @@ int _enclave_hold(enclaveid_t id, int seconds)
 		error = enclave_open_locks(dir.get(), &locks);
 	if (error != 0)
 		return fail_with(error == ENOENT || error == ENOTDIR ? EINVAL : error == EACCES ? EPERM : error);
-	for (int turns = seconds * 50;; turns--) {
+	for (const Deadline end = Deadline::in(seconds * second_ns);;) {
 		error = enclave_lock(locks.get(), id, F_OFD_SETLK);
 		if (error == 0)
 			return locks.release();
-		if (error != EAGAIN || turns <= 0)
+		if (error != EAGAIN || end.has_passed())
 			return fail_with(error);
-		timespec pause = {0, 20'000'000};
-		while (nanosleep(&pause, &pause) == -1 && errno == EINTR) {
-		}
+		sleep_ns(20 * millisecond_ns);
 	}
 }

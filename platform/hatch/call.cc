@@ -47,34 +47,28 @@ int connection_error(int error)
 
 // When a call is to be over, whatever the other end does: one that sends a byte now and then isn't waited for, either. A
 // process that was stopped beyond it has one second more, once: the server may have been stopped with it.
-class Deadline {
+class CallEnd {
 public:
-	explicit Deadline(int seconds) : bounded_(seconds > 0)
-	{
-		if (bounded_)
-			end_ = now_ns() + seconds * second_ns;
-	}
+	explicit CallEnd(int seconds) : end_(seconds > 0 ? Deadline::in(seconds * second_ns) : Deadline::never()) {}
 
 	// Seconds that a step may wait, rounded up, or `without_end`. False if the time is over.
 	bool left(int *seconds)
 	{
 		*seconds = without_end;
-		if (!bounded_)
+		if (end_.is_never())
 			return true;
-		int64_t rest = end_ - now_ns();
-		if (rest <= 0 && !late_) {
+		*seconds = end_.left_seconds();
+		if (*seconds == 0 && !late_) {
 			late_ = true;
-			end_ += second_ns - rest;
-			rest = second_ns;
+			end_ = Deadline::in(second_ns);
+			*seconds = 1;
 		}
-		*seconds = static_cast<int>((rest + second_ns - 1) / second_ns);
-		return rest > 0;
+		return *seconds > 0;
 	}
 
 private:
-	bool bounded_;
+	Deadline end_;
 	bool late_ = false;
-	int64_t end_ = 0;
 };
 
 // Says how long each message may take. A connection keeps that, so that calls of one kind say it once.
@@ -89,10 +83,10 @@ void set_patience(Connection *connection, int seconds)
 }
 
 // Lets the next message take what is left of the time. False if nothing is.
-bool have_patience(Connection *connection, Deadline &deadline)
+bool have_patience(Connection *connection, CallEnd &end)
 {
 	int seconds;
-	if (!deadline.left(&seconds))
+	if (!end.left(&seconds))
 		return false;
 	set_patience(connection, seconds);
 	return true;
@@ -100,9 +94,9 @@ bool have_patience(Connection *connection, Deadline &deadline)
 
 // Sockets that may wait for so long and no longer give up at each signal and each stop, whatever the handler says. So sending
 // and receiving begin again, with what is left of the time.
-int send(Connection *connection, Deadline &deadline, const iovec *parts, size_t count)
+int send(Connection *connection, CallEnd &end, const iovec *parts, size_t count)
 {
-	while (have_patience(connection, deadline)) {
+	while (have_patience(connection, end)) {
 		int error = send_message(connection->socket.get(), parts, count, 0);
 		if (error != EINTR)
 			return error;
@@ -111,11 +105,11 @@ int send(Connection *connection, Deadline &deadline, const iovec *parts, size_t 
 }
 
 // Once the time is over it takes what lies there.
-int receive(Connection *connection, Deadline &deadline, iovec *parts, size_t count, Message *message)
+int receive(Connection *connection, CallEnd &end, iovec *parts, size_t count, Message *message)
 {
 	bool was_reset = false;
 	for (;;) {
-		int flags = have_patience(connection, deadline) ? 0 : MSG_DONTWAIT;
+		int flags = have_patience(connection, end) ? 0 : MSG_DONTWAIT;
 		*message = receive_message(connection->socket.get(), parts, count, flags);
 		if (message->size > 0)
 			return 0;
@@ -129,13 +123,13 @@ int receive(Connection *connection, Deadline &deadline, iovec *parts, size_t cou
 	}
 }
 
-int send_first(Connection *connection, const hatch_arg_t &arg, Deadline &deadline, size_t *sent)
+int send_first(Connection *connection, const hatch_arg_t &arg, CallEnd &end, size_t *sent)
 {
 	RequestHead head = {wire_magic, 0, arg.data_size};
 	size_t size = std::min(arg.data_size, connection->piece);
 	iovec parts[] = {{&head, sizeof head}, {arg.data_ptr, size}};
 	*sent = size;
-	return send(connection, deadline, parts, size == 0 ? 1 : 2);
+	return send(connection, end, parts, size == 0 ? 1 : 2);
 }
 
 // Why the server hung up in the middle of a request, if it said so before.
@@ -151,12 +145,12 @@ int refusal_or(const Connection &connection, int error)
 	return error;
 }
 
-int send_rest(Connection *connection, const hatch_arg_t &arg, Deadline &deadline, size_t sent)
+int send_rest(Connection *connection, const hatch_arg_t &arg, CallEnd &end, size_t sent)
 {
 	while (sent < arg.data_size) {
 		size_t size = std::min(arg.data_size - sent, connection->piece);
 		iovec part = {arg.data_ptr + sent, size};
-		int error = send(connection, deadline, &part, 1);
+		int error = send(connection, end, &part, 1);
 		if (error == EPIPE || error == ECONNRESET)
 			return refusal_or(*connection, EBADF);
 		if (error != 0)
@@ -170,16 +164,16 @@ int send_rest(Connection *connection, const hatch_arg_t &arg, Deadline &deadline
 // can reach; the caller's has them, or will get them.
 enum class Memory { own, callers };
 
-int receive_rest(Connection *connection, Deadline &deadline, char *data, size_t size, Memory memory)
+int receive_rest(Connection *connection, CallEnd &end, char *data, size_t size, Memory memory)
 {
 	while (size > 0) {
-		if (!have_patience(connection, deadline))
+		if (!have_patience(connection, end))
 			return ETIMEDOUT;
 		if (memory == Memory::own)
 			fill_pages(data, std::min(size, piece_max));
 		iovec part = {data, size};
 		Message message;
-		if (int error = receive(connection, deadline, &part, 1, &message))
+		if (int error = receive(connection, end, &part, 1, &message))
 			return error;
 		if (!message.whole)
 			return EPROTO;
@@ -196,7 +190,7 @@ struct Landed {
 	size_t in_buffer; // how many of them lie in the caller's buffer; the others lie in the connection's landing
 };
 
-int receive_first(Connection *connection, const hatch_arg_t &arg, Deadline &deadline, Landed *landed)
+int receive_first(Connection *connection, const hatch_arg_t &arg, CallEnd &end, Landed *landed)
 {
 	size_t room = arg.rbuf == nullptr ? 0 : arg.rsize;
 	if (room < piece_max && !connection->landing && !connection->landing.map(piece_max, Fill::on_use))
@@ -207,7 +201,7 @@ int receive_first(Connection *connection, const hatch_arg_t &arg, Deadline &dead
 		parts[1] = parts[2];
 	size_t count = room == 0 || room >= piece_max ? 2 : 3;
 	Message message;
-	if (int error = receive(connection, deadline, parts, count, &message))
+	if (int error = receive(connection, end, parts, count, &message))
 		return error;
 	if (!message.whole || message.size < static_cast<ssize_t>(head_size) || landed->head.magic != wire_magic)
 		return EPROTO;
@@ -217,7 +211,7 @@ int receive_first(Connection *connection, const hatch_arg_t &arg, Deadline &dead
 }
 
 // Makes the fresh mapping of a reply that the caller has no room for.
-int gather(Connection *connection, const hatch_arg_t &arg, Deadline &deadline, const Landed &landed, Mapping *reply)
+int gather(Connection *connection, const hatch_arg_t &arg, CallEnd &end, const Landed &landed, Mapping *reply)
 {
 	size_t size = landed.head.size;
 	// What has not arrived yet is only a claim.
@@ -230,13 +224,13 @@ int gather(Connection *connection, const hatch_arg_t &arg, Deadline &deadline, c
 	size_t others = landed.size - landed.in_buffer;
 	if (others > 0)
 		memcpy(reply->data() + landed.in_buffer, connection->landing.data(), others);
-	return receive_rest(connection, deadline, reply->data() + landed.size, size - landed.size, Memory::own);
+	return receive_rest(connection, end, reply->data() + landed.size, size - landed.size, Memory::own);
 }
 
-Outcome receive_reply(Connection *connection, Deadline &deadline, size_t reply_max, hatch_arg_t *arg)
+Outcome receive_reply(Connection *connection, CallEnd &end, size_t reply_max, hatch_arg_t *arg)
 {
 	Landed landed;
-	if (int error = receive_first(connection, *arg, deadline, &landed))
+	if (int error = receive_first(connection, *arg, end, &landed))
 		return broken(error);
 	if (landed.head.refusal != 0) {
 		open_fate = landed.head.refusal == static_cast<uint32_t>(Refusal::no_reply); // the handler ran
@@ -246,13 +240,13 @@ Outcome receive_reply(Connection *connection, Deadline &deadline, size_t reply_m
 	if (reply_max != 0 && size > reply_max)
 		return broken(EMSGSIZE);
 	if (size == 0 || (arg->rbuf != nullptr && size <= arg->rsize)) {
-		if (int error = receive_rest(
-			connection, deadline, arg->rbuf + landed.size, size - landed.size, Memory::callers))
+		if (int error =
+			receive_rest(connection, end, arg->rbuf + landed.size, size - landed.size, Memory::callers))
 			return broken(error);
 		arg->data_ptr = arg->rbuf;
 	} else {
 		Mapping reply;
-		if (int error = gather(connection, *arg, deadline, landed, &reply))
+		if (int error = gather(connection, *arg, end, landed, &reply))
 			return broken(error);
 		arg->data_ptr = arg->rbuf = reply.release();
 		arg->rsize = size;
@@ -267,7 +261,7 @@ constexpr int attempts_max = 20;
 // Sends the first message over a connection that was kept, or a new one. One that the server hung up before doesn't
 // count: nothing of the call was sent over it.
 int begin_call(
-    int fd, const Attachment &attachment, const hatch_arg_t &arg, Deadline &deadline, Connection **out, size_t *sent)
+    int fd, const Attachment &attachment, const hatch_arg_t &arg, CallEnd &end, Connection **out, size_t *sent)
 {
 	const uid_t user = getuid();
 	int error = EBADF;
@@ -276,12 +270,12 @@ int begin_call(
 		if (*out == nullptr) {
 			attempt++;
 			int no_road = EINTR, seconds;
-			while (no_road == EINTR && deadline.left(&seconds))
+			while (no_road == EINTR && end.left(&seconds))
 				no_road = make_connection(fd, attachment, user, seconds, out);
 			if (no_road != 0)
 				return no_road == EAGAIN || no_road == EINTR ? ETIMEDOUT : no_road;
 		}
-		error = send_first(*out, arg, deadline, sent);
+		error = send_first(*out, arg, end, sent);
 		if (error == 0)
 			return 0;
 		drop_connection(*out);
@@ -296,15 +290,15 @@ int call(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 	Look look;
 	if (!look_at(fd, &look))
 		return EBADF;
-	Deadline deadline(seconds);
+	CallEnd end(seconds);
 	Connection *connection;
 	size_t sent;
-	if (int error = begin_call(fd, look.attachment, *arg, deadline, &connection, &sent))
+	if (int error = begin_call(fd, look.attachment, *arg, end, &connection, &sent))
 		return error;
-	Outcome outcome = broken(send_rest(connection, *arg, deadline, sent));
+	Outcome outcome = broken(send_rest(connection, *arg, end, sent));
 	if (outcome.error == 0) {
 		open_fate = true;
-		outcome = receive_reply(connection, deadline, reply_max, arg);
+		outcome = receive_reply(connection, end, reply_max, arg);
 	}
 	if (!outcome.reusable) {
 		if (open_fate && follow_up != nullptr)

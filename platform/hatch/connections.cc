@@ -8,8 +8,8 @@
 #include <poll.h>
 #include <pthread.h>
 
+#include "base/process_mark.h"
 #include "base/thread_safety.h"
-#include "hatch/epoch.h"
 #include "hatch/wire.h"
 
 namespace hatch {
@@ -23,7 +23,6 @@ struct Server {
 };
 
 struct Table {
-	uint64_t epoch;
 	Connection *idle[kept_max]; // the last is the one used last
 	size_t idle_count;
 	Connection *used;
@@ -33,6 +32,7 @@ struct Table {
 
 Mutex table_lock;
 Table table GUARDED_BY(table_lock);
+ProcessMark table_process;
 
 void close_all() REQUIRES(table_lock)
 {
@@ -48,39 +48,35 @@ void close_all() REQUIRES(table_lock)
 	}
 }
 
-// A child that was forked past the handlers below still must not touch its parent's connections.
-Table &own_table() REQUIRES(table_lock)
+void renew() NO_THREAD_SAFETY_ANALYSIS // no other thread has it yet
 {
-	uint64_t now = epoch();
-	if (table.epoch != now) {
-		close_all();
-		table.servers_met = 0; // in another namespace they have other numbers
-		table.epoch = now;
-	}
-	return table;
+	table_lock.init();
+	close_all();
+	table.servers_met = 0; // in another namespace they have other numbers
 }
 
-void before_fork() ACQUIRE(table_lock) NO_THREAD_SAFETY_ANALYSIS
+void before_fork() NO_THREAD_SAFETY_ANALYSIS
 {
 	table_lock.lock();
 }
 
-void in_parent() RELEASE(table_lock) NO_THREAD_SAFETY_ANALYSIS
+void in_parent() NO_THREAD_SAFETY_ANALYSIS
 {
 	table_lock.unlock();
 }
 
-void in_child() RELEASE(table_lock) NO_THREAD_SAFETY_ANALYSIS
+// At once: a child that never makes a call must not keep its parent's connections open either.
+void in_child()
 {
-	close_all();
-	table_lock.unlock();
+	table_process.enter(renew);
 }
 
-// Before the lock is taken for the first time: a child forked meanwhile would have it locked for good.
-void watch_forks()
+// Comes before the lock is taken.
+void enter_process()
 {
 	static pthread_once_t once = PTHREAD_ONCE_INIT;
 	(void) pthread_once(&once, [] { (void) pthread_atfork(before_fork, in_parent, in_child); });
+	table_process.enter(renew);
 }
 
 Connection *remove_idle(size_t i) REQUIRES(table_lock)
@@ -145,11 +141,10 @@ void drop_hung_up() REQUIRES(table_lock)
 
 Connection *take_connection(const Attachment &attachment, uid_t user)
 {
-	watch_forks();
+	enter_process();
 	MutexLock hold(table_lock);
-	Table &own = own_table();
-	for (size_t i = own.idle_count; i-- > 0;) {
-		if (own.idle[i]->attachment != attachment)
+	for (size_t i = table.idle_count; i-- > 0;) {
+		if (table.idle[i]->attachment != attachment)
 			continue;
 		Connection *connection = remove_idle(i);
 		if (connection->user == user) {
@@ -175,8 +170,8 @@ int make_connection(int fd, const Attachment &attachment, uid_t user, int second
 	connection->attachment = attachment;
 	connection->user = user;
 	connection->piece = prepare_sending(connection->socket.get());
+	enter_process();
 	MutexLock hold(table_lock);
-	(void) own_table();
 	drop_hung_up();
 	note_server(attachment, server);
 	link_used(connection);
@@ -202,20 +197,18 @@ void drop_connection(Connection *connection)
 
 void forget_connections(const Attachment &attachment)
 {
-	watch_forks();
+	enter_process();
 	MutexLock hold(table_lock);
-	Table &own = own_table();
-	for (size_t i = own.idle_count; i-- > 0;) {
-		if (own.idle[i]->attachment == attachment)
+	for (size_t i = table.idle_count; i-- > 0;) {
+		if (table.idle[i]->attachment == attachment)
 			delete remove_idle(i);
 	}
 }
 
 bool known_server(const Attachment &attachment, pid_t *server)
 {
-	watch_forks();
+	enter_process();
 	MutexLock hold(table_lock);
-	(void) own_table();
 	const Server *found = find_server(attachment);
 	if (found != nullptr)
 		*server = found->pid;

@@ -1,7 +1,5 @@
 #include "hatch/drain.h"
 
-#include <ctime>
-
 #include "hatch/record.h"
 #include "hatch/server.h"
 
@@ -9,7 +7,7 @@ namespace hatch {
 namespace {
 
 constexpr int64_t silent_ns = 2 * second_ns;
-constexpr timespec pause = {0, 2'000'000};
+constexpr int64_t pause_ns = 2 * millisecond_ns;
 
 bool is_at_work(const Hatch &hatch, int64_t now) REQUIRES(hatch.lock)
 {
@@ -41,9 +39,9 @@ void drain(int fd, int seconds)
 		MutexLock hold(found->lock);
 		unlock_record(found->place.record.get());
 	}
-	const int64_t end = now_ns() + seconds * second_ns;
-	while (!is_drained(fd) && now_ns() < end)
-		(void) nanosleep(&pause, nullptr);
+	const Deadline end = Deadline::in(seconds * second_ns);
+	while (!is_drained(fd) && !end.has_passed())
+		sleep_ns(pause_ns);
 }
 
 } // namespace hatch

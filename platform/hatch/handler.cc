@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "base/memory_gate.h"
-#include "hatch/epoch.h"
+#include "base/process_mark.h"
 #include "hatch/server.h"
 #include "peercred/peercred.h"
 
@@ -112,7 +112,7 @@ struct Call {
 	Hatch *hatch;
 	Peer *peer;
 	CallMemory *memory;
-	uint64_t epoch;
+	ProcessMark process; // that it was made in
 	bool answered;
 };
 
@@ -134,14 +134,14 @@ extern "C" void hatch_enter_handler(Call *call, char *data, size_t size)
 
 Call *running_call()
 {
-	return current != nullptr && !current->answered && current->epoch == epoch() ? current : nullptr;
+	return current != nullptr && !current->answered && current->process.is_own() ? current : nullptr;
 }
 
 // True if the client made room within the time that a thread may wait for it; revoking ends the wait.
 bool room_soon(const Hatch &hatch, const Peer &peer)
 {
 	struct pollfd looks[] = {{peer.socket.get(), POLLOUT, 0}, {hatch.stop.get(), POLLIN, 0}};
-	return poll_until(looks, 2, now_ns() + patience_ms * millisecond_ns) > 0 && looks[1].revents == 0;
+	return poll_until(looks, 2, Deadline::in(patience_ms * millisecond_ns)) > 0 && looks[1].revents == 0;
 }
 
 // Before the last of a reply leaves, nothing of the call counts any more: its client may make the next one before the
@@ -227,14 +227,14 @@ void run_call(Hatch *hatch, Peer *peer, char *data, size_t size)
 	call.hatch = hatch;
 	call.peer = peer;
 	call.memory = &call_memory;
-	call.epoch = epoch();
+	call.process.claim();
 	call.answered = false;
 	current = &call;
 	hatch_enter_handler(&call, data, size);
 	current = nullptr;
-	if (call.epoch != epoch())
-		_exit(
-		    EXIT_FAILURE); // a forked child has nobody to reply to, and must not touch what it shares with its parent
+	// A forked child has nobody to reply to, and must not touch what it shares with its parent.
+	if (!call.process.is_own())
+		_exit(EXIT_FAILURE);
 	if (!call.answered)
 		send_reply(hatch, peer, Refusal::no_reply, nullptr, 0);
 	give_up_large_memory();

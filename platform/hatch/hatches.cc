@@ -10,6 +10,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include "base/process_mark.h"
 #include "hatch/place.h"
 #include "hatch/pool.h"
 #include "hatch/server.h"
@@ -20,6 +21,7 @@ namespace {
 Mutex list_lock;
 Hatch *list GUARDED_BY(list_lock);
 Hatch *inherited GUARDED_BY(list_lock); // in a forked child: its parent's, closed
+ProcessMark list_process;
 
 // The number alone doesn't tell: its owner may have closed it, and it may stand for something else by now.
 bool inode_of(int fd, ino_t *inode)
@@ -43,6 +45,34 @@ Hatch **find_locked(int fd) REQUIRES(list_lock)
 	return nullptr;
 }
 
+// The child closes its copies, and so neither holds a lock nor a connection of its parent's. The memory stays: threads
+// that it doesn't have point into it.
+void renew() NO_THREAD_SAFETY_ANALYSIS // no other thread has any of it yet
+{
+	list_lock.init();
+	renew_pool();
+	leave_call();
+	all_live = all_held = 0;
+	all_threads = 0;
+	Hatch *last = nullptr;
+	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next) {
+		hatch->place = Place{};
+		hatch->events.reset();
+		hatch->stop.reset();
+		hatch->wake.reset();
+		hatch->timer.reset();
+		hatch->listening = -1;
+		for (Peer *peer = hatch->peers.first; peer != nullptr; peer = peer->all.next)
+			peer->socket.reset();
+		last = hatch;
+	}
+	if (last != nullptr) {
+		last->next = inherited;
+		inherited = list;
+		list = nullptr;
+	}
+}
+
 void before_fork() NO_THREAD_SAFETY_ANALYSIS
 {
 	list_lock.lock();
@@ -59,42 +89,18 @@ void in_parent() NO_THREAD_SAFETY_ANALYSIS
 	list_lock.unlock();
 }
 
-// The child closes its copies, and so neither holds a lock nor a connection of its parent's. The memory stays: threads
-// that it doesn't have point into it.
-void in_child() NO_THREAD_SAFETY_ANALYSIS
+// At once: a child that never looks at a hatch must not be its parent's sign of life either.
+void in_child()
 {
-	leave_call();
-	empty_pool();
-	unlock_pool();
-	all_live = all_held = 0;
-	all_threads = 0;
-	Hatch *last = nullptr;
-	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next) {
-		hatch->place = Place{};
-		hatch->events.reset();
-		hatch->stop.reset();
-		hatch->wake.reset();
-		hatch->timer.reset();
-		hatch->listening = -1;
-		for (Peer *peer = hatch->peers.first; peer != nullptr; peer = peer->all.next)
-			peer->socket.reset();
-		hatch->accept_lock.unlock();
-		hatch->lock.unlock();
-		last = hatch;
-	}
-	if (last != nullptr) {
-		last->next = inherited;
-		inherited = list;
-		list = nullptr;
-	}
-	list_lock.unlock();
+	list_process.enter(renew);
 }
 
-// Before the list is locked for the first time, by a client too: a child forked meanwhile would have it locked for good.
-void watch_forks()
+// Comes before the list is locked, by a client too.
+void enter_process()
 {
 	static pthread_once_t once = PTHREAD_ONCE_INIT;
 	(void) pthread_once(&once, [] { (void) pthread_atfork(before_fork, in_parent, in_child); });
+	list_process.enter(renew);
 }
 
 int watch(const Hatch &hatch, const Fd &fd, uint32_t how)
@@ -135,7 +141,7 @@ int make(hatch_handler_t *handler, void *cookie, int *fd)
 	hatch->cookie = cookie;
 	hatch->lock.init();
 	hatch->accept_lock.init();
-	(void) pthread_cond_init(&hatch->ended, nullptr);
+	hatch->ended.init();
 	// The descriptor is a socket that is used for nothing: it has a number of its own that tells it from any other.
 	Fd handle(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
 	int error = handle ? open_all(hatch) : errno;
@@ -188,7 +194,7 @@ bool wait_for_threads(Hatch *hatch)
 	int own = running_hatch() == hatch ? 1 : 0;
 	MutexLock hold(hatch->lock);
 	while (hatch->threads > own)
-		(void) pthread_cond_wait(&hatch->ended, &hatch->lock.raw);
+		hatch->ended.wait(hatch->lock);
 	hatch->orphan = own != 0;
 	return own == 0;
 }
@@ -242,7 +248,7 @@ int fail_with(int error)
 
 FoundHatch::FoundHatch(int fd) NO_THREAD_SAFETY_ANALYSIS
 {
-	watch_forks();
+	enter_process();
 	list_lock.lock();
 	Hatch **link = find_locked(fd);
 	hatch_ = link == nullptr ? nullptr : *link;
@@ -290,7 +296,7 @@ void destroy(Hatch *hatch) NO_THREAD_SAFETY_ANALYSIS
 	assert(hatch->held == 0 && hatch->live == 0 && hatch->in_ring == 0 && hatch->ring.empty());
 	hatch->lock.destroy();
 	hatch->accept_lock.destroy();
-	(void) pthread_cond_destroy(&hatch->ended);
+	hatch->ended.destroy();
 	delete hatch;
 }
 
@@ -301,7 +307,7 @@ int hatch_create(hatch_handler_t *handler, void *cookie, unsigned int attributes
 	CancellationWaits cancellation;
 	if (handler == nullptr || (attributes & ~HATCH_REFUSE_DESC) != 0)
 		return hatch::fail_with(EINVAL);
-	hatch::watch_forks();
+	hatch::enter_process();
 	int fd = -1;
 	if (int error = hatch::make(handler, cookie, &fd))
 		return hatch::fail_with(error);

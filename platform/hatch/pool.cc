@@ -3,18 +3,17 @@
 
 #include <algorithm>
 #include <atomic>
-#include <ctime>
 #include <new>
 #include <unistd.h>
 
+#include "base/memory_bound.h"
 #include "base/thread_safety.h"
-#include "hatch/memory_bound.h"
+#include "base/users.h"
 
 namespace hatch {
 namespace {
 
 constexpr size_t buckets = 1024;
-constexpr uid_t overflow_user = 65534; // what the kernel gives for a user that has no number here
 
 struct User {
 	User *next;
@@ -33,16 +32,7 @@ struct Pool {
 Mutex pool_lock;
 Pool pool GUARDED_BY(pool_lock);
 
-std::atomic<size_t> known_size;
-std::atomic<time_t> looked_at;
-std::atomic<bool> is_fixed;
-
-time_t now_s()
-{
-	struct timespec now = {};
-	(void) clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-	return now.tv_sec + 1; // never 0
-}
+std::atomic<size_t> fixed_size; // 0: it isn't
 
 User **find(uid_t uid) REQUIRES(pool_lock)
 {
@@ -100,20 +90,13 @@ void give_back(uid_t uid, size_t less) REQUIRES(pool_lock)
 
 size_t pool_size()
 {
-	time_t now = now_s(), before = looked_at.load(std::memory_order_acquire);
-	if (before == now || is_fixed)
-		return known_size;
-	size_t size = std::max(memory_bound("") / 4, pool_min);
-	known_size = size;
-	looked_at.store(now, std::memory_order_release);
-	return size;
+	const size_t fixed = fixed_size;
+	return fixed != 0 ? fixed : std::max(memory_bound() / 4, pool_min);
 }
 
 void set_pool_size(size_t bytes)
 {
-	known_size = bytes;
-	is_fixed = bytes != 0;
-	looked_at = 0;
+	fixed_size = bytes;
 }
 
 size_t pool_held()
@@ -137,8 +120,9 @@ void unlock_pool() NO_THREAD_SAFETY_ANALYSIS
 	pool_lock.unlock();
 }
 
-void empty_pool() NO_THREAD_SAFETY_ANALYSIS
+void renew_pool() NO_THREAD_SAFETY_ANALYSIS // no other thread has it yet
 {
+	pool_lock.init();
 	for (User *&first : pool.users) {
 		while (User *user = first) {
 			first = user->next;

@@ -14,9 +14,9 @@ namespace hatch {
 
 inline constexpr size_t pool_min = size_t{32} << 20;
 
-// A quarter of what the process may have, and at least pool_min. Looked up again once a second.
+// A quarter of what the process may have (memory_bound()), and at least pool_min.
 size_t pool_size();
-// For tests: the size from now on; 0 looks it up again.
+// For tests: the size from now on; 0 ends that.
 void set_pool_size(size_t bytes);
 
 // What all users hold.
@@ -25,10 +25,10 @@ size_t pool_held();
 // number here is nobody's own.
 bool is_exempt(uid_t user);
 
-// Taken in a child that is forked: it holds nothing.
+// Around a fork, so that the child's copy is whole; in a child, which holds nothing.
 void lock_pool();
 void unlock_pool();
-void empty_pool();
+void renew_pool();
 
 // What something costs its user: it lies inside of that something, begins with nothing, and gives all back at its end.
 class Charge {

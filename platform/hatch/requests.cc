@@ -131,9 +131,9 @@ bool make_room(Hatch *hatch, Peer *peer)
 	return false;
 }
 
-// Receives what has arrived of a request, and what arrives until `deadline`. True if that is all of it; otherwise the
+// Receives what has arrived of a request, and what arrives until `end`. True if that is all of it; otherwise the
 // peer is finished, or the rest is to come.
-bool receive_pieces(Hatch *hatch, Peer *peer, char *data, size_t *filled, int64_t deadline)
+bool receive_pieces(Hatch *hatch, Peer *peer, char *data, size_t *filled, const Deadline &end)
 {
 	for (int messages = 0; peer->request_have < peer->request_size; messages++) {
 		if (messages == messages_max)
@@ -145,7 +145,7 @@ bool receive_pieces(Hatch *hatch, Peer *peer, char *data, size_t *filled, int64_
 		}
 		fill_to(data, ahead_of(*peer), filled);
 		iovec part = {data + peer->request_have, peer->request_size - peer->request_have};
-		int flags = deadline > 0 && now_ns() < deadline ? 0 : MSG_DONTWAIT;
+		const int flags = end.has_passed() ? MSG_DONTWAIT : 0;
 		Message message = receive_message(peer->socket.get(), &part, 1, flags);
 		if (!received(peer, message))
 			return false;
@@ -163,7 +163,8 @@ bool receive_pieces(Hatch *hatch, Peer *peer, char *data, size_t *filled, int64_
 bool receive_soon(Hatch *hatch, Peer *peer, char *data, size_t *filled)
 {
 	Turn turn(&hatch->expecting, expecting_max, &peer->account->expecting, *peer->account);
-	return receive_pieces(hatch, peer, data, filled, turn && hatch->waiting > 0 ? now_ns() + expecting_ns : 0);
+	const bool waits = turn && hatch->waiting > 0;
+	return receive_pieces(hatch, peer, data, filled, waits ? Deadline::in(expecting_ns) : Deadline::over());
 }
 
 // The request counts until its handler is done; by then the peer may hold the rest of a reply instead.
@@ -182,7 +183,7 @@ void complete_own(Hatch *hatch, Peer *peer)
 void receive_rest(Hatch *hatch, Peer *peer)
 {
 	size_t filled = peer->request_have;
-	if (receive_pieces(hatch, peer, peer->request.data(), &filled, 0))
+	if (receive_pieces(hatch, peer, peer->request.data(), &filled, Deadline::over()))
 		complete_own(hatch, peer);
 	else
 		note_part(peer->account);

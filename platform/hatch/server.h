@@ -162,7 +162,7 @@ struct Hatch {
 	sigset_t signals; // what handler threads block
 
 	Mutex lock;
-	pthread_cond_t ended; // a thread has ended
+	CondVar ended; // a thread has ended
 	Place place GUARDED_BY(lock);
 	Row<Peer, &Peer::all> peers GUARDED_BY(lock);
 	Account *accounts[buckets] GUARDED_BY(lock);

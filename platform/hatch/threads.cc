@@ -155,7 +155,7 @@ void *thread_main(void *argument)
 	{
 		MutexLock hold(hatch->lock);
 		last = --hatch->threads == 0 && hatch->orphan;
-		(void) pthread_cond_broadcast(&hatch->ended);
+		hatch->ended.notify_all();
 	}
 	if (last)
 		destroy(hatch);

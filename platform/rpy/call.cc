@@ -1,13 +1,13 @@
 // The path to the daemon: one call with bounds of time and size, and a check of the reply's head.
 #include "rpy/call.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <meridon/hatch.h>
 
-#include "base/clock.h"
+#include "base/memory_bound.h"
 #include "hatch/call.h"
 #include "rpy/handle.h"
 
@@ -69,21 +69,18 @@ void drop_block(Block *block)
 
 // ---- Budgets ----
 
-Budget::Budget(size_t bytes) : end_(now_ns() + int64_t{RPY_CALL_SECONDS} * second_ns), bytes_(bytes) {}
+Budget::Budget(size_t bytes) : end_(Deadline::in(int64_t{RPY_CALL_SECONDS} * second_ns)), bytes_(bytes) {}
 
 bool Budget::left(int *seconds, size_t *bytes) const
 {
-	const int64_t rest = end_ - now_ns();
-	*seconds = static_cast<int>((rest + second_ns - 1) / second_ns);
+	*seconds = end_.left_seconds();
 	*bytes = bytes_;
-	return rest > 0 && bytes_ > 0;
+	return *seconds > 0 && bytes_ > 0;
 }
 
 size_t listing_max()
 {
-	const long pages = sysconf(_SC_PHYS_PAGES), page = sysconf(_SC_PAGESIZE);
-	const size_t part = pages > 0 && page > 0 ? static_cast<size_t>(pages) * static_cast<size_t>(page) / 16 : 0;
-	return part > reply_max ? part : reply_max;
+	return std::max(memory_bound() / 16, reply_max);
 }
 
 // ---- Calls ----

@@ -9,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "base/clock.h"
 #include "rpy/error.h"
 #include "rpy/requests.h"
 #include "rpy/wire.h"
@@ -74,7 +75,7 @@ public:
 	void take(size_t bytes) { bytes_ -= bytes < bytes_ ? bytes : bytes_; }
 
 private:
-	int64_t end_; // of the monotonic clock
+	Deadline end_;
 	size_t bytes_;
 };
 // The bytes of a whole listing: a sixteenth of the machine's memory, and at least one reply.

@@ -12,7 +12,6 @@
 
 #include "base/clock.h"
 #include "base/files.h"
-#include "hatch/epoch.h"
 #include "rpy/object.h"
 
 namespace rpy {
@@ -174,7 +173,7 @@ int rpy_handle_bind(rpy_handle_t *handle)
 		return fail(RPY_ERROR_NO_SERVER);
 	handle->hatch = std::move(hatch);
 	handle->daemon = info.di_target;
-	handle->binder = hatch::epoch();
+	handle->binder.claim();
 	return 0;
 }
 
@@ -198,7 +197,7 @@ int _rpy_daemon_has_ended(const rpy_handle_t *handle)
 {
 	CancellationWaits cancellation;
 	// A forked child may be in another namespace, in which the number is another process.
-	if (handle == nullptr || !handle->hatch || handle->daemon == 0 || handle->binder != hatch::epoch())
+	if (handle == nullptr || !handle->hatch || handle->daemon == 0 || !handle->binder.is_own())
 		return 0;
 	// Another process may have the number since. Then the daemon seems to live.
 	Fd process(static_cast<int>(syscall(SYS_pidfd_open, handle->daemon, 0)));
@@ -206,11 +205,11 @@ int _rpy_daemon_has_ended(const rpy_handle_t *handle)
 		return errno == ESRCH ? 1 : 0;
 	struct pollfd ended = {process.get(), POLLIN, 0};
 	constexpr int64_t look_ns = 100 * millisecond_ns;
-	const int64_t end = now_ns() + end_ns;
+	const Deadline end = Deadline::in(end_ns);
 	do {
-		if (poll_until(&ended, 1, now_ns() + look_ns) > 0)
+		if (poll_until(&ended, 1, Deadline::in(look_ns)) > 0)
 			return 1;
-	} while (find_daemon(handle) != RPY_ERROR_NONE && now_ns() < end);
+	} while (find_daemon(handle) != RPY_ERROR_NONE && !end.has_passed());
 	return 0;
 }
 

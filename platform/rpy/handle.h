@@ -9,6 +9,7 @@
 #include <meridon/rpy.h>
 
 #include "base/guards.h"
+#include "base/process_mark.h"
 #include "rpy/request_batch.h"
 
 namespace rpy {
@@ -32,7 +33,7 @@ struct rpy_handle {
 	rpy::Text path;
 	enclaveid_t enclave = ENCLAVE_ID_GLOBAL; // where the path lies; the global one if that isn't known
 	pid_t daemon = 0;                        // the server of the hatch when it was bound; 0 if that can't be seen
-	uint64_t binder = 0;                     // the process that bound it
+	ProcessMark binder{};                    // the process that bound it
 	uint64_t change = 0;                     // what changes are part of; 0: each stands alone
 	rpy::RequestBatch batch;
 };

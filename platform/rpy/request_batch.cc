@@ -5,7 +5,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "hatch/epoch.h"
 #include "rpy/call.h"
 #include "rpy/handle.h"
 
@@ -182,7 +181,7 @@ rpy_error_t exchange(rpy_handle_t *handle, Call *call)
 	RequestBatch *batch = &handle->batch;
 	Waiter own(call);
 	bool had_all_the_time = true;
-	batch->process.enter(hatch::epoch(), [batch] { forget_parent(batch); });
+	batch->process.enter([batch] { forget_parent(batch); });
 	if (!take_turn(batch, &own)) {
 		WaiterState state = wait(&own);
 		if (state == is_served)

@@ -1,11 +1,9 @@
 #include "trail/reserve.h"
 
 #include <cstddef>
-#include <ctime>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <meridon/process.h>
 #include <meridon/trail.h>
 
 #include "base/guards.h"
@@ -18,7 +16,7 @@ namespace {
 constexpr time_t longest_wait = 1; // seconds; a record takes microseconds
 
 Mutex reserve_lock;
-pthread_cond_t reserve_is_free = PTHREAD_COND_INITIALIZER;
+CondVar reserve_is_free;
 ProcessMark reserve_process; // whose all this is
 size_t keepers GUARDED_BY(reserve_lock);
 int reserve GUARDED_BY(reserve_lock) = -1;
@@ -27,7 +25,7 @@ bool taken GUARDED_BY(reserve_lock);
 // A forked child has a copy of its parent's socket and locks, which it doesn't use.
 bool is_kept_here()
 {
-	return reserve_process.is(_meridon_process());
+	return reserve_process.is_own();
 }
 
 void close_reserve() REQUIRES(reserve_lock)
@@ -40,7 +38,7 @@ void close_reserve() REQUIRES(reserve_lock)
 void renew() NO_THREAD_SAFETY_ANALYSIS // nobody else has it yet
 {
 	reserve_lock.init();
-	reserve_is_free = PTHREAD_COND_INITIALIZER;
+	reserve_is_free.init();
 	close_reserve();
 	keepers = 0;
 	taken = false;
@@ -60,12 +58,10 @@ int trail::take_reserve()
 {
 	if (!is_kept_here())
 		return -1;
-	timespec end = {};
-	(void) clock_gettime(CLOCK_MONOTONIC, &end);
-	end.tv_sec += longest_wait;
+	const Deadline end = Deadline::in(longest_wait * second_ns);
 	MutexLock lock(reserve_lock);
 	for (bool waited = true; taken && waited;)
-		waited = pthread_cond_clockwait(&reserve_is_free, &reserve_lock.raw, CLOCK_MONOTONIC, &end) == 0;
+		waited = reserve_is_free.wait_until(reserve_lock, end);
 	if (taken || reserve == -1)
 		return -1;
 	taken = true;
@@ -81,13 +77,13 @@ void trail::give_reserve_back()
 	taken = false;
 	if (keepers == 0)
 		close_reserve();
-	(void) pthread_cond_signal(&reserve_is_free);
+	reserve_is_free.notify_one();
 }
 
 void trl_keep_way(void)
 {
 	CancellationWaits cancellation;
-	reserve_process.enter(_meridon_process(), renew);
+	reserve_process.enter(renew);
 	MutexLock lock(reserve_lock);
 	keepers++;
 	if (reserve != -1)

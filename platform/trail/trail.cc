@@ -1,17 +1,15 @@
 // The audit trail on the kernel's audit: a session is a socket to it, an event one message of the kind that trusted
 // programs send.
-#include <atomic>
 #include <cerrno>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
 
-#include <meridon/process.h>
 #include <meridon/trail.h>
 
 #include "base/files.h"
 #include "base/guards.h"
+#include "base/process_mark.h"
 #include "base/thread_safety.h"
 #include "trail/libaudit.h"
 #include "trail/reserve.h"
@@ -160,18 +158,17 @@ int fail(int error)
 Mutex watch_lock; // held while the watcher runs, so that who takes it back waits for that
 trl_watcher_t *watcher GUARDED_BY(watch_lock);
 void *watch_cookie GUARDED_BY(watch_lock);
-std::atomic<uint64_t> watching; // the process that set it, or 0
+ProcessMark watch_process; // a forked child has no watcher
 
-// A forked child has no watcher: the lock may be held there by a thread that it doesn't have.
-bool is_watched()
+void renew_watch() NO_THREAD_SAFETY_ANALYSIS // no other thread has it yet
 {
-	const uint64_t process = watching.load(std::memory_order_relaxed);
-	return process != 0 && process == _meridon_process();
+	watch_lock.init();
+	watcher = nullptr;
 }
 
 void tell_watcher(const Event &event, int status, int retval)
 {
-	if (!is_watched())
+	if (!watch_process.is_own())
 		return;
 	CancellationWaits cancellation;
 	MutexLock lock(watch_lock);
@@ -201,13 +198,10 @@ int open_log(trl_session_data_t *session)
 void trl_watch(trl_watcher_t *new_watcher, void *cookie)
 {
 	CancellationWaits cancellation;
-	const uint64_t before = watching.load(std::memory_order_relaxed);
-	if (before != 0 && before != _meridon_process())
-		watch_lock.init();
+	watch_process.enter(renew_watch);
 	MutexLock lock(watch_lock);
 	watcher = new_watcher;
 	watch_cookie = cookie;
-	watching.store(new_watcher == nullptr ? 0 : _meridon_process(), std::memory_order_relaxed);
 }
 
 int trl_start_session(trl_session_data_t **session, const void *imported, unsigned int flags)
@@ -219,7 +213,7 @@ int trl_start_session(trl_session_data_t **session, const void *imported, unsign
 	if (!made)
 		return fail(ENOMEM);
 	made->error = open_log(made.get());
-	if (made->error != 0 && !is_watched())
+	if (made->error != 0 && !watch_process.is_own())
 		return fail(made->error);
 	*session = made.release();
 	return 0;

@@ -1,7 +1,8 @@
 // The bounds of the machine, of control groups and of the process itself.
-#include "hatch/memory_bound.h"
+#include "base/memory_bound.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -9,12 +10,15 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "base/clock.h"
 #include "base/files.h"
 
-namespace hatch {
 namespace {
 
 constexpr size_t groups_max = 16384; // bytes of /proc/self/cgroup
+
+std::atomic<size_t> known_bound;
+std::atomic<int64_t> read_at; // in seconds, never 0
 
 // Where a version of control groups is mounted, and what its files for the bound are called.
 struct Version {
@@ -120,9 +124,18 @@ size_t bound_of_process()
 
 } // namespace
 
-size_t memory_bound(const char *root)
+size_t read_memory_bound(const char *root)
 {
 	return std::min({bound_of_machine(), bound_of_groups(root), bound_of_process()});
 }
 
-} // namespace hatch
+size_t memory_bound()
+{
+	const int64_t now = now_ns() / second_ns + 1;
+	if (read_at.load(std::memory_order_acquire) == now)
+		return known_bound;
+	const size_t bound = read_memory_bound("");
+	known_bound = bound;
+	read_at.store(now, std::memory_order_release);
+	return bound;
+}
