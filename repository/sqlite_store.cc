@@ -142,10 +142,10 @@ void SqliteStore::close_when_idle()
 {
 	MutexLock hold(lock_);
 	while (!ending_) {
-		const int64_t end = last_use_ + idle_ns;
+		const Deadline end = Deadline::at(last_use_ + idle_ns);
 		if (!connection_.is_open())
 			changed_.wait(lock_);
-		else if (now_ns() >= end)
+		else if (end.has_passed())
 			connection_.close();
 		else
 			changed_.wait_until(lock_, end);
