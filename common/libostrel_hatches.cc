@@ -1,5 +1,5 @@
-// The hatch back end: a database that another process owns. Each operation is one call; nothing is kept but a
-// descriptor of the path, which is opened anew when its server has gone.
+// The hatch back end: a database that another process serves. Each operation is one call, which is never repeated. A handle
+// keeps nothing but an open descriptor of the path, and opens the path again if the server has gone.
 #include "libostrel_hatches.h"
 
 #include <atomic>
@@ -7,17 +7,17 @@
 #include <cstring>
 #include <fcntl.h>
 #include <new>
-#include <sys/mman.h>
 
 #include "base/guards.h"
+#include "base/hatch_client.h"
 #include "libostrel_handle.h"
 #include "libostrel_objects.h"
 
 namespace {
 
-// What lies behind db_priv: the open descriptor of the path. None: the last one was condemned, and the path couldn't be
-// opened anew. The handle is one of its users and each call on it another, so that the descriptor isn't closed, and its
-// number given to some other file, while a call is about to use it.
+// What db_priv points to: the open descriptor of the path. NULL after the server has gone, until the path can be opened again.
+// The handle is one of its users, and each call another: so no thread closes the descriptor, and its number goes to no other
+// file, while a call is about to use it.
 struct Cell {
 	int fd;
 	std::atomic<unsigned int> users;
@@ -44,7 +44,7 @@ ostrel_error_t open_cell(ostrel_db_t db) REQUIRES(db->db_privlock)
 	const char *path = ostrel_db_get_name(db);
 	if (path == nullptr)
 		return OSTREL_INVALID_ARG;
-	// What isn't a hatch is found out by the first call. It mustn't hold anybody up here: a FIFO would.
+	// The first call finds out whether it is a hatch. O_NONBLOCK: opening a FIFO would wait.
 	Fd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 	if (!fd)
 		return ostrel_errno2error(errno);
@@ -56,25 +56,20 @@ ostrel_error_t open_cell(ostrel_db_t db) REQUIRES(db->db_privlock)
 	return OSTREL_SUCCESS;
 }
 
-bool is_alive(int fd)
-{
-	hatch_info_t info;
-	return hatch_info(fd, &info) == 0 && (info.di_attributes & HATCH_REVOKED) == 0;
-}
-
 // In a forked child a thread that it doesn't have may hold the lock.
 void enter_process(ostrel_db_t db)
 {
 	db->db_priv_process.enter([db] { db->db_privlock.init(); });
 }
 
-// Gives the handle's cell, with a living hatch or one that was opened just now. Errors: 0, or an errno value.
+// Gives the handle's cell, whose server lives or whose path was opened just now. Errors: 0, or an errno value.
 int use_cell(ostrel_db_t db, CellUse *use)
 {
 	enter_process(db);
 	MutexLock lock(db->db_privlock);
 	Cell *cell = cell_of(db);
-	if (cell != nullptr && !is_alive(cell->fd)) {
+	hatch_info_t info;
+	if (cell != nullptr && !is_living_hatch(cell->fd, &info)) {
 		ostrel_db_set_priv(db, nullptr);
 		leave_cell(cell);
 		cell = nullptr;
@@ -89,7 +84,7 @@ int use_cell(ostrel_db_t db, CellUse *use)
 	return 0;
 }
 
-// Whether a reply holds all that its head says. Whoever attached a hatch to the path may have sent anything.
+// Whether a reply holds all that its head says. The server may be anybody's program, and may send anything.
 bool is_block(const char *data, size_t size)
 {
 	ostrel_hatch_arg_t head;
@@ -140,18 +135,17 @@ bool sends_list(ostrel_hatch_cmd_t cmd)
 
 int ostrel_make_hatch_call(ostrel_db_t db, ostrel_hatch_arg_t *request, size_t size, ostrel_hatch_arg_t **reply)
 {
-	// No buffer for the reply: however long it is, it comes in a mapping of its own.
+	// No buffer for the reply: it comes in a fresh mapping, whatever its size.
 	hatch_arg_t arg = {reinterpret_cast<char *>(request), size, nullptr, 0, nullptr, 1};
 	CellUse cell;
 	if (int error = use_cell(db, &cell))
 		return error;
 	if (hatch_call(cell->fd, &arg) == -1)
 		return errno;
-	if (arg.rbuf == nullptr)
+	if (arg.rbuf == nullptr) // no reply
 		return 0;
-	int error = copy_reply(arg.rbuf, arg.rsize, reply);
-	(void) munmap(arg.rbuf, arg.rsize); // it is as the call gave it
-	return error;
+	const FreshReply fresh(arg, nullptr);
+	return copy_reply(arg.rbuf, arg.rsize, reply);
 }
 
 ostrel_error_t ostrel_hatch_call(

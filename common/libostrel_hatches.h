@@ -20,8 +20,8 @@ typedef enum ostrel_hatch_cmd MERIDON_ENUM32 {
 	OSTREL_HATCH_CMD_CHECK_WRITE_AUTH_REQ = 1005
 } ostrel_hatch_cmd_t;
 
-// The head of a block, request or reply. Behind it follow the packed identifier list and the packed data list, each of
-// any length and with nothing in between.
+// The head of a block, request or reply. The packed identifier list and the packed data list follow, each of any length and with
+// nothing in between.
 typedef struct ostrel_arg {
 	ostrel_hatch_cmd_t nda_cmd;
 	enclaveid_t nda_enclaveid;
@@ -65,23 +65,23 @@ ostrel_authcmd_t ostrel_hatch_check_auth;
  * Errors: OSTREL_INVALID_ARG  no name; a list that can't be packed, or isn't there: nothing was sent
  *         OSTREL_FAILURE      the server has gone, or its reply is no block
  *         OSTREL_NO_MEMORY
- *         what opening the path anew gave; what the server answered
+ *         those of opening the path again; what the server answered
  */
 ostrel_error_t ostrel_hatch_call(
     ostrel_db_t db, ostrel_hatch_cmd_t cmd, attrlist_t *idlist, uint64_t flags, attrlist_t **list);
 
 /*
- * Makes one call with a request block, on the handle's descriptor; a hatch that was revoked, or never was one, is opened
- * anew before. No call is repeated.
+ * Makes one call with a request block, on the handle's descriptor. If that isn't a living hatch, the path is opened again
+ * first. No call is repeated.
  *
- * Owns:   *reply is a heap copy of the reply, for free(); untouched if there was no reply data, and on failure. All that
- *         its head says lies within it.
+ * Owns:   *reply is a heap copy of the reply, for free(), and as long as its head says at least; untouched if there was no
+ *         reply data, and on failure.
  * Errors: errno values, 0 for success; EPROTO for a reply that is no block
  */
 int ostrel_make_hatch_call(ostrel_db_t db, ostrel_hatch_arg_t *request, size_t size, ostrel_hatch_arg_t **reply);
 
 /*
- * Unpacks the lists of a block whose lengths were looked at. Either of `idlist` and `data` may be NULL: that list isn't
+ * Unpacks the lists of a block whose lengths were checked. Either of `idlist` and `data` may be NULL: that list isn't
  * read. A list of no bytes gives NULL.
  *
  * Owns:   both lists are new, the caller's; *idlist also if `data` couldn't be unpacked.

@@ -1,5 +1,8 @@
-// The hatch server: a database of this process, served to others. In this order: a request carried out; the handler,
-// which sends the answer; the server made and destroyed.
+// The hatch server: a database of this process, served to others. Divisions: a request; the answer; the server.
+//
+// A request passes, in this order: its lengths, its lists, its command, the caller's right to the operation, the right to leave
+// the served database (if it does), and what an update needs for its audit record. Nothing of a request that fails one of
+// these is carried out, and its answer doesn't depend on what the database holds.
 #include "libostrel_hatches.h"
 
 #include <cerrno>
@@ -60,7 +63,7 @@ ostrel_error_t remove_object(Request &request)
 	return ostrel_db_remove(request.db, request.ids.get(), request.flags);
 }
 
-// The commands: whom they are for, and what they do. One that does nothing asks for the authorization alone.
+// The commands: who may give them, and what they do. The last two only ask for the authorization.
 constexpr struct Command {
 	ostrel_hatch_cmd_t cmd;
 	ostrel_error_t (*check)(ostrel_db_t db, const peercred_t *cred);
@@ -83,16 +86,16 @@ const Command *find_command(ostrel_hatch_cmd_t cmd)
 	return nullptr;
 }
 
-// A caller from outside would have any file of the server's, and any enclave's repository, by the rights that it has on this
-// database.
+// Whether a list stays within the served database. Otherwise a caller with rights on this database could reach any file of the
+// server's, and any enclave's repository.
 bool stays(ostrel_db_t db, attrlist_t *idl)
 {
 	ostrel_stayscmd_t *answer = ostrel_db_get_cmds(db)->dbc_stays;
 	return answer != nullptr ? answer(db, idl) : !ostrel_idlist_chooses(idl);
 }
 
-// The handle's own enclave says nothing, but a list that holds one has no text for a record. A back end that doesn't know
-// what lists mean gets them as they are.
+// Takes the handle's own enclave out of a list: it changes nothing, but with it the list has no text for an audit record. A
+// back end that passes lists on (no dbc_stays) gets them as they are.
 void drop_own_enclave(ostrel_db_t db, attrlist_t *idl)
 {
 	int64_t enclave;
@@ -101,7 +104,7 @@ void drop_own_enclave(ostrel_db_t db, attrlist_t *idl)
 		(void) attrlist_remove(idl, OSTREL_ID_ENCLAVE, DATA_TYPE_INT64); // it is there
 }
 
-// What has no text leaves no record. Nobody but root chooses that.
+// An update whose identifiers have no text leaves no audit record. Only root may do that.
 bool may_update(const Request &request)
 {
 	return peercred_getruid(request.cred.get()) == 0 || ostrel_idlist_has_text(request.ids.get());
@@ -128,7 +131,7 @@ ostrel_error_t carry_out(ostrel_hatch_cmd_t cmd, Request &request)
 	return command->run(request);
 }
 
-// The bytes are the client's: nothing is believed before the lengths are seen to add up.
+// The bytes come from the client: nothing else of them is read before the lengths add up.
 bool is_request(const ostrel_hatch_arg_t *head, size_t size)
 {
 	size_t said;
@@ -156,7 +159,7 @@ struct Answer {
 	char *packed; // nda_datalen bytes, or NULL
 };
 
-// What the reply has of its request: as much as there is of it.
+// What a reply repeats of its request, as far as the request has it.
 ostrel_hatch_arg_t echo_of(const ostrel_hatch_arg_t *arg, size_t size)
 {
 	ostrel_hatch_arg_t head = {};
@@ -167,7 +170,7 @@ ostrel_hatch_arg_t echo_of(const ostrel_hatch_arg_t *arg, size_t size)
 	return head;
 }
 
-// Does all of a request but to send its answer. Nothing is left when it returns but the packed list.
+// Carries a request out. When it returns, only the packed list is left to free.
 __attribute__((noinline)) void make_answer(ostrel_db_t db, const ostrel_hatch_arg_t *arg, size_t size, Answer *answer)
 {
 	Request request = {};
@@ -181,7 +184,7 @@ __attribute__((noinline)) void make_answer(ostrel_db_t db, const ostrel_hatch_ar
 	answer->head.nda_datalen = error == 0 ? packed : 0;
 }
 
-// Answers that don't fit on a handler's stack, with room for what it calls, go through memory of the thread's.
+// Longer answers are made in the thread's reply memory, not on its stack.
 constexpr size_t stack_max = 65536;
 constexpr size_t stack_alignment_bits = 16 * 8;
 
@@ -212,7 +215,7 @@ void ostrel_hatch_handler(void *cookie, char *arg, size_t arg_size, hatch_desc_t
 
 namespace {
 
-// The place of hatches: its mode, and the user and group that own it.
+// The directory of a hatch: its mode, and the user and group that own it.
 constexpr mode_t directory_mode = 0755;
 constexpr uid_t directory_owner = 16;
 constexpr gid_t directory_group = 65;
@@ -221,7 +224,7 @@ constexpr mode_t file_mode = 0644;
 constexpr size_t path_max = 1023; // the copy that the directory is taken from is cut there
 constexpr size_t request_min = sizeof(ostrel_hatch_cmd_t);
 
-// True if nobody but root and this process's user decides what lies in a directory.
+// Whether only root and this process's user can change what is in a directory.
 bool is_trusted(const char *path)
 {
 	struct stat st;
@@ -229,7 +232,7 @@ bool is_trusted(const char *path)
 	       (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// A link in another user's directory may be that user's: what it leads to would be given away.
+// A link in another user's directory isn't followed: that user would decide which directory changes its owner.
 Fd open_directory(const char *path)
 {
 	char copy[path_max + 1];
@@ -256,8 +259,8 @@ ostrel_error_t prepare_directory(const char *path)
 	return OSTREL_SUCCESS;
 }
 
-// The file only has to be there, as a place to attach to. One that was there belongs to who owns the directory: through
-// a link, or a second name, its mode would be changed for some other file.
+// Makes sure that there is a file to attach to. One that is there already may be the directory owner's trap: if it were a link,
+// or had a second name, another file's mode would be changed.
 ostrel_error_t prepare_file(const char *path)
 {
 	constexpr int flags = O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;

@@ -14,7 +14,7 @@
 // Errors: 0, or ENAMETOOLONG.
 int meridon_path(const char *path, char (&buf)[PATH_MAX]);
 
-// Reads what is left of a file into `buf` and puts a NUL behind it.
+// Reads what is left of a file into `buf`, and adds a NUL.
 // Errors: the length, or -1 with errno; EFBIG if it doesn't fit.
 ssize_t meridon_read_all(int fd, char *buf, size_t size);
 

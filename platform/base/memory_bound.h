@@ -1,4 +1,4 @@
-// How much memory this process may have: whoever bounds what others can make it take asks for a share of this.
+// How much memory this process may have. Bounds of what others can make it take are shares of this.
 #ifndef MERIDON_BASE_MEMORY_BOUND_H
 #define MERIDON_BASE_MEMORY_BOUND_H
 

@@ -1,5 +1,5 @@
-// Who says whether the running call may have more memory. Whoever serves a stranger's call puts a gate up around it, and
-// whoever makes much out of what a stranger sent asks there before it allocates; neither knows the other.
+// Bounds the memory that a stranger's call makes this process allocate. The code that serves the call sets the gate for its
+// thread, and code that makes much out of little input asks it before it allocates. Neither needs to know the other.
 #ifndef MERIDON_BASE_MEMORY_GATE_H
 #define MERIDON_BASE_MEMORY_GATE_H
 
@@ -7,7 +7,7 @@
 
 class MemoryGate {
 public:
-	// False: the bytes can't be had. What was granted is given back at the end of the call, all at once.
+	// False: no more for this call. What was granted is given back at the end of the call, all at once.
 	virtual bool take(size_t bytes) = 0;
 
 protected:

@@ -8,7 +8,7 @@ struct Links {
 	T *prev = nullptr;
 };
 
-// The order is that of joining. A member stands in one row for each of its links, and leaves only a row that it stands in.
+// In the order of joining. A member can be in one row for each of its links, and may leave only a row that it is in.
 template <typename T, Links<T> T::*links>
 struct Row {
 	T *first = nullptr;

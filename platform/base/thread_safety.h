@@ -57,8 +57,8 @@ struct CAPABILITY("rwlock") RwLock {
 	void unlock() RELEASE_GENERIC() { (void) pthread_rwlock_unlock(&raw); }
 };
 
-// What threads wait for with a Mutex. Trivial as the locks are: init() first, unless it is of static storage. A wait may
-// end for nothing, so it stands in a loop that asks for what it waits for.
+// A condition variable for a Mutex. Trivial as the locks are: init() first, unless it is of static storage. A wait may end
+// without a reason, so the caller checks its condition in a loop. Times are those of the monotonic clock.
 struct CondVar {
 	pthread_cond_t raw;
 

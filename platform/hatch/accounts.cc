@@ -1,4 +1,4 @@
-// Users: whose a connection is, which line it stands in, whose turn it is, and who has most.
+// Users: their connections' queues, whose turn it is, and who has most.
 #include <algorithm>
 #include <new>
 #include <unistd.h>
@@ -13,23 +13,15 @@ std::atomic<int> all_threads;
 
 namespace {
 
-// Users that are looked at for something to drop: those with most may have all in hand.
+// Users that are looked at for something to drop: threads may have all that those with most have.
 constexpr int looks_max = 8;
 
-// A user's calls compute if they take more processor time than this and don't wait for anything meanwhile.
+// A user's calls count as computing if they take more processor time than this without a wait.
 constexpr int64_t computing_us = 50;
-
-Account **find(Hatch *hatch, uid_t uid) REQUIRES(hatch->lock)
-{
-	Account **link = &hatch->accounts[uid % Hatch::buckets];
-	while (*link != nullptr && (*link)->uid != uid)
-		link = &(*link)->next;
-	return link;
-}
 
 void enter_ring(Hatch *hatch, Account *account) REQUIRES(hatch->lock)
 {
-	if (account->in_ring || account->waiting.empty() || account->running >= threads_share(*account))
+	if (account->in_ring || account->ready.empty() || account->running >= threads_share(*account))
 		return;
 	account->in_ring = true;
 	hatch->ring.join(account);
@@ -39,37 +31,37 @@ void enter_ring(Hatch *hatch, Account *account) REQUIRES(hatch->lock)
 Peer *holding_of(const Account &account)
 {
 	Peer *peer = account.holding.first;
-	while (peer != nullptr && (peer->in_hand || peer->dropped)) // as many as there are threads, at most
+	while (peer != nullptr && (peer->in_hand || peer->dropped)) // at most as many as there are threads
 		peer = peer->hold.next;
 	return peer;
 }
 
-// The idle ones first, then those that hold something, those that a thread stays with, and those that wait for a thread.
+// The idle ones first, then those that hold something, those with a dedicated thread, and the ready ones.
 Peer *unused_of(const Account &account, const Peer *but)
 {
-	Peer *stayed_with = nullptr;
-	for (Peer *peer = account.idle.first; peer != nullptr; peer = peer->line.next) {
+	Peer *dedicated = nullptr;
+	for (Peer *peer = account.idle.first; peer != nullptr; peer = peer->queue.next) {
 		if (peer == but || peer->dropped)
 			continue;
-		if (!peer->stayed_with && peer->held == 0)
+		if (!peer->dedicated && peer->held == 0)
 			return peer;
-		if (stayed_with == nullptr && peer->stayed_with && !peer->in_hand)
-			stayed_with = peer;
-		if (!peer->stayed_with)
-			break; // it holds something: there may be many
+		if (dedicated == nullptr && peer->dedicated && !peer->in_hand)
+			dedicated = peer;
+		if (!peer->dedicated)
+			break; // it holds something, and many may follow
 	}
 	if (Peer *holding = holding_of(account))
 		return holding;
-	if (stayed_with != nullptr)
-		return stayed_with;
-	Peer *waiting = account.waiting.first;
-	return waiting == nullptr || waiting->dropped ? nullptr : waiting;
+	if (dedicated != nullptr)
+		return dedicated;
+	Peer *ready = account.ready.first;
+	return ready == nullptr || ready->dropped ? nullptr : ready;
 }
 
 } // namespace
 
-// Calls that wait, for one sync perhaps, have many threads. Of those that compute, more than there are processors end no
-// sooner, and each keeps a call of somebody else's waiting. Receiving a request piece by piece computes, too.
+// Calls that wait, for a disk for instance, may have many threads. More calls that compute than there are processors end no
+// sooner, and each delays somebody else's call. Receiving a request piece by piece counts as computing.
 int threads_share(const Account &account)
 {
 	static const int processors = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
@@ -90,7 +82,7 @@ void note_part(Account *account)
 
 bool join(Hatch *hatch, Peer *peer)
 {
-	Account **link = find(hatch, peer->owner);
+	Account **link = hatch->accounts.find(peer->owner);
 	if (*link == nullptr)
 		*link = new (std::nothrow) Account(peer->owner, is_exempt(peer->owner));
 	Account *account = *link;
@@ -117,34 +109,34 @@ void leave(Hatch *hatch, Peer *peer)
 		hatch->ring.leave(account);
 		hatch->in_ring--;
 	}
-	*find(hatch, account->uid) = account->next;
+	*hatch->accounts.find(account->uid) = account->next;
 	delete account;
 }
 
-void stand_idle(Peer *peer)
+void become_idle(Peer *peer)
 {
-	peer->standing = Standing::idle;
+	peer->in_queue = Queue::idle;
 	peer->account->idle.join(peer);
 }
 
-void leave_line(Peer *peer)
+void leave_queue(Peer *peer)
 {
 	Account *account = peer->account;
-	if (peer->standing == Standing::idle)
+	if (peer->in_queue == Queue::idle)
 		account->idle.leave(peer);
-	else if (peer->standing == Standing::waiting) {
-		account->waiting.leave(peer);
-		account->in_line--;
+	else if (peer->in_queue == Queue::ready) {
+		account->ready.leave(peer);
+		account->queued--;
 	}
-	peer->standing = Standing::none;
+	peer->in_queue = Queue::none;
 }
 
-void line_up(Hatch *hatch, Peer *peer)
+void enqueue(Hatch *hatch, Peer *peer)
 {
-	leave_line(peer);
-	peer->standing = Standing::waiting;
-	peer->account->waiting.join(peer);
-	peer->account->in_line++;
+	leave_queue(peer);
+	peer->in_queue = Queue::ready;
+	peer->account->ready.join(peer);
+	peer->account->queued++;
 	enter_ring(hatch, peer->account);
 }
 
@@ -155,10 +147,10 @@ Peer *begin_turn(Hatch *hatch)
 		return nullptr;
 	account->in_ring = false;
 	hatch->in_ring--;
-	Peer *peer = account->waiting.first; // one is there: it left the ring else
-	leave_line(peer);
+	Peer *peer = account->ready.first; // there is one, or the account wouldn't be in the ring
+	leave_queue(peer);
 	peer->in_hand = true;
-	peer->finished = peer->dropped && (peer->request || peer->rest); // its client was told so
+	peer->finished = peer->dropped && (peer->request || peer->rest); // its client was told
 	account->running++;
 	enter_ring(hatch, account);
 	return peer;
@@ -199,7 +191,7 @@ void count_out(Hatch *hatch, Peer *peer)
 	all_live--;
 }
 
-// Root and the server's own user have an eighth of all for themselves.
+// Root and the server's own user keep an eighth of all connections.
 Peer *longest_unused(Hatch *hatch, const Peer *but, size_t bound)
 {
 	int looks = looks_max;
@@ -217,7 +209,7 @@ Peer *longest_unused(Hatch *hatch, const Peer *but, size_t bound)
 	return nullptr;
 }
 
-// A stranger's, if there is any: what is dropped here was a part of a call.
+// Prefers a stranger's: what is dropped here is a part of a call.
 Peer *longest_holding(Hatch *hatch)
 {
 	int looks = looks_max;

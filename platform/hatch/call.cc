@@ -1,4 +1,5 @@
-// The client: one message out, one message in, on a connection that is kept for the next call.
+// A client's call: a request goes out and a reply comes in, each in one message or in several pieces, over a connection that is
+// kept for the next call. A request is sent again, over another connection, only while nothing of it was sent.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -7,9 +8,11 @@
 
 #include <meridon/hatch.h>
 
+#include "base/clock.h"
+#include "base/fail.h"
 #include "hatch/call.h"
 #include "hatch/connections.h"
-#include "hatch/server.h"
+#include "hatch/hatches.h"
 #include "hatch/wire.h"
 
 namespace hatch {
@@ -29,7 +32,7 @@ constexpr Outcome broken(int error)
 	return {error, false};
 }
 
-// A connection that fails has lost its server; only what the caller can do something about keeps its own name.
+// A connection that fails has lost its server. Errors that the caller can do something about stay what they are.
 int connection_error(int error)
 {
 	switch (error) {
@@ -38,20 +41,20 @@ int connection_error(int error)
 	case ENOBUFS:
 		return ENOMEM;
 	case ETIMEDOUT:
-	case EAGAIN: // of a socket that may wait for so long and no longer
+	case EAGAIN: // of a socket with a timeout
 		return ETIMEDOUT;
 	default:
 		return EBADF;
 	}
 }
 
-// When a call is to be over, whatever the other end does: one that sends a byte now and then isn't waited for, either. A
-// process that was stopped beyond it has one second more, once: the server may have been stopped with it.
+// The end of a call, whatever the server does meanwhile: sending a byte now and then doesn't prolong it. A process that was
+// stopped beyond it gets one more second, once: the server may have been stopped as well.
 class CallEnd {
 public:
 	explicit CallEnd(int seconds) : end_(seconds > 0 ? Deadline::in(seconds * second_ns) : Deadline::never()) {}
 
-	// Seconds that a step may wait, rounded up, or `without_end`. False if the time is over.
+	// Seconds that the next step may wait, rounded up, or `without_end`. False if the time is over.
 	bool left(int *seconds)
 	{
 		*seconds = without_end;
@@ -71,8 +74,8 @@ private:
 	bool late_ = false;
 };
 
-// Says how long each message may take. A connection keeps that, so that calls of one kind say it once.
-void set_patience(Connection *connection, int seconds)
+// Sets the timeout of each message. A connection keeps it, so that calls with one bound set it once.
+void set_timeout(Connection *connection, int seconds)
 {
 	if (connection->seconds == seconds)
 		return;
@@ -82,21 +85,21 @@ void set_patience(Connection *connection, int seconds)
 	connection->seconds = seconds;
 }
 
-// Lets the next message take what is left of the time. False if nothing is.
-bool have_patience(Connection *connection, CallEnd &end)
+// Bounds the next message by what is left of the time. False if nothing is.
+bool limit_step(Connection *connection, CallEnd &end)
 {
 	int seconds;
 	if (!end.left(&seconds))
 		return false;
-	set_patience(connection, seconds);
+	set_timeout(connection, seconds);
 	return true;
 }
 
-// Sockets that may wait for so long and no longer give up at each signal and each stop, whatever the handler says. So sending
-// and receiving begin again, with what is left of the time.
+// A socket with a timeout gives up its wait at each signal and each stop of the process, also with SA_RESTART. So sending and
+// receiving begin again, with what is left of the time.
 int send(Connection *connection, CallEnd &end, const iovec *parts, size_t count)
 {
-	while (have_patience(connection, end)) {
+	while (limit_step(connection, end)) {
 		int error = send_message(connection->socket.get(), parts, count, 0);
 		if (error != EINTR)
 			return error;
@@ -104,18 +107,18 @@ int send(Connection *connection, CallEnd &end, const iovec *parts, size_t count)
 	return ETIMEDOUT;
 }
 
-// Once the time is over it takes what lies there.
+// Once the time is over, it takes what has arrived.
 int receive(Connection *connection, CallEnd &end, iovec *parts, size_t count, Message *message)
 {
 	bool was_reset = false;
 	for (;;) {
-		int flags = have_patience(connection, end) ? 0 : MSG_DONTWAIT;
+		int flags = limit_step(connection, end) ? 0 : MSG_DONTWAIT;
 		*message = receive_message(connection->socket.get(), parts, count, flags);
 		if (message->size > 0)
 			return 0;
 		if (message->size == 0)
 			return EBADF;
-		// A server that refuses a request in the middle closes with some of it unread: that is told before the refusal.
+		// A server that refuses a request half-way hangs up with some of it unread. The kernel reports that before the refusal.
 		const bool again = errno == EINTR || (errno == ECONNRESET && !was_reset);
 		if (!again)
 			return connection_error(errno);
@@ -132,12 +135,12 @@ int send_first(Connection *connection, const hatch_arg_t &arg, CallEnd &end, siz
 	return send(connection, end, parts, size == 0 ? 1 : 2);
 }
 
-// Why the server hung up in the middle of a request, if it said so before.
+// The server has hung up in the middle of a request: the reason, if it sent one, or `error`.
 int refusal_or(const Connection &connection, int error)
 {
 	ReplyHead head = {};
 	iovec part = {&head, sizeof head};
-	for (int look = 0; look < 2; look++) { // the first may find the connection's own error
+	for (int attempt = 0; attempt < 2; attempt++) { // the first may return the connection's own error
 		Message message = receive_message(connection.socket.get(), &part, 1, MSG_DONTWAIT);
 		if (message.size == static_cast<ssize_t>(head_size) && head.magic == wire_magic && head.refusal != 0)
 			return refusal_errno(head.refusal);
@@ -160,14 +163,14 @@ int send_rest(Connection *connection, const hatch_arg_t &arg, CallEnd &end, size
 	return 0;
 }
 
-// Receives `size` bytes that follow the first message. Memory of our own is filled with pages as far as the next piece
-// can reach; the caller's has them, or will get them.
+// Receives the `size` bytes that follow the first message. Memory of our own gets its pages here, as far as the next piece can
+// reach.
 enum class Memory { own, callers };
 
 int receive_rest(Connection *connection, CallEnd &end, char *data, size_t size, Memory memory)
 {
 	while (size > 0) {
-		if (!have_patience(connection, end))
+		if (!limit_step(connection, end))
 			return ETIMEDOUT;
 		if (memory == Memory::own)
 			fill_pages(data, std::min(size, piece_max));
@@ -183,70 +186,69 @@ int receive_rest(Connection *connection, CallEnd &end, char *data, size_t size, 
 	return 0;
 }
 
-// The first message of a reply: its head, and where its payload lies.
-struct Landed {
+// The first message of a reply.
+struct FirstMessage {
 	ReplyHead head;
 	size_t size;      // payload bytes in this message
-	size_t in_buffer; // how many of them lie in the caller's buffer; the others lie in the connection's landing
+	size_t in_buffer; // how many of them are in the caller's buffer; the others are in the connection's spill
 };
 
-int receive_first(Connection *connection, const hatch_arg_t &arg, CallEnd &end, Landed *landed)
+int receive_first(Connection *connection, const hatch_arg_t &arg, CallEnd &end, FirstMessage *first)
 {
 	size_t room = arg.rbuf == nullptr ? 0 : arg.rsize;
-	if (room < piece_max && !connection->landing && !connection->landing.map(piece_max, Fill::on_use))
+	if (room < piece_max && !connection->spill && !connection->spill.map(piece_max, Fill::on_use))
 		return ENOMEM;
-	iovec parts[] = {
-	    {&landed->head, sizeof landed->head}, {arg.rbuf, room}, {connection->landing.data(), piece_max}};
+	iovec parts[] = {{&first->head, sizeof first->head}, {arg.rbuf, room}, {connection->spill.data(), piece_max}};
 	if (room == 0)
 		parts[1] = parts[2];
 	size_t count = room == 0 || room >= piece_max ? 2 : 3;
 	Message message;
 	if (int error = receive(connection, end, parts, count, &message))
 		return error;
-	if (!message.whole || message.size < static_cast<ssize_t>(head_size) || landed->head.magic != wire_magic)
+	if (!message.whole || message.size < static_cast<ssize_t>(head_size) || first->head.magic != wire_magic)
 		return EPROTO;
-	landed->size = static_cast<size_t>(message.size) - head_size;
-	landed->in_buffer = std::min(landed->size, room);
-	return landed->size <= landed->head.size ? 0 : EPROTO;
+	first->size = static_cast<size_t>(message.size) - head_size;
+	first->in_buffer = std::min(first->size, room);
+	return first->size <= first->head.size ? 0 : EPROTO;
 }
 
-// Makes the fresh mapping of a reply that the caller has no room for.
-int gather(Connection *connection, const hatch_arg_t &arg, CallEnd &end, const Landed &landed, Mapping *reply)
+// Gathers a reply that the caller has no room for in a fresh mapping.
+int gather(Connection *connection, const hatch_arg_t &arg, CallEnd &end, const FirstMessage &first, Mapping *reply)
 {
-	size_t size = landed.head.size;
-	// What has not arrived yet is only a claim.
-	if (!reply->map(size, landed.size == size ? Fill::now : Fill::on_use))
+	size_t size = first.head.size;
+	// A size is only a claim, as long as the bytes haven't come.
+	if (!reply->map(size, first.size == size ? Fill::now : Fill::on_use))
 		return ENOMEM;
-	if (landed.size < size)
-		fill_pages(reply->data(), landed.size);
-	if (landed.in_buffer > 0)
-		memcpy(reply->data(), arg.rbuf, landed.in_buffer);
-	size_t others = landed.size - landed.in_buffer;
+	if (first.size < size)
+		fill_pages(reply->data(), first.size);
+	if (first.in_buffer > 0)
+		memcpy(reply->data(), arg.rbuf, first.in_buffer);
+	size_t others = first.size - first.in_buffer;
 	if (others > 0)
-		memcpy(reply->data() + landed.in_buffer, connection->landing.data(), others);
-	return receive_rest(connection, end, reply->data() + landed.size, size - landed.size, Memory::own);
+		memcpy(reply->data() + first.in_buffer, connection->spill.data(), others);
+	return receive_rest(connection, end, reply->data() + first.size, size - first.size, Memory::own);
 }
 
 Outcome receive_reply(Connection *connection, CallEnd &end, size_t reply_max, hatch_arg_t *arg)
 {
-	Landed landed;
-	if (int error = receive_first(connection, *arg, end, &landed))
+	FirstMessage first;
+	if (int error = receive_first(connection, *arg, end, &first))
 		return broken(error);
-	if (landed.head.refusal != 0) {
-		open_fate = landed.head.refusal == static_cast<uint32_t>(Refusal::no_reply); // the handler ran
-		return {refusal_errno(landed.head.refusal), landed.head.size == 0};
+	if (first.head.refusal != 0) {
+		open_fate = first.head.refusal == static_cast<uint32_t>(Refusal::no_reply); // the handler ran
+		return {refusal_errno(first.head.refusal), first.head.size == 0};
 	}
-	size_t size = landed.head.size;
+	size_t size = first.head.size;
 	if (reply_max != 0 && size > reply_max)
 		return broken(EMSGSIZE);
 	if (size == 0 || (arg->rbuf != nullptr && size <= arg->rsize)) {
 		if (int error =
-			receive_rest(connection, end, arg->rbuf + landed.size, size - landed.size, Memory::callers))
+			receive_rest(connection, end, arg->rbuf + first.size, size - first.size, Memory::callers))
 			return broken(error);
 		arg->data_ptr = arg->rbuf;
 	} else {
 		Mapping reply;
-		if (int error = gather(connection, *arg, end, landed, &reply))
+		if (int error = gather(connection, *arg, end, first, &reply))
 			return broken(error);
 		arg->data_ptr = arg->rbuf = reply.release();
 		arg->rsize = size;
@@ -255,11 +257,11 @@ Outcome receive_reply(Connection *connection, CallEnd &end, size_t reply_max, ha
 	return {0, true};
 }
 
-// How often a new connection may be dropped by a server that has too many, before anything was sent over it.
+// How often a server with too many connections may drop a new one before anything was sent over it.
 constexpr int attempts_max = 20;
 
-// Sends the first message over a connection that was kept, or a new one. One that the server hung up before doesn't
-// count: nothing of the call was sent over it.
+// Sends the first message over a kept connection, or a new one. Kept connections that the server has closed meanwhile don't
+// count as attempts: nothing of the call was sent over them.
 int begin_call(
     int fd, const Attachment &attachment, const hatch_arg_t &arg, CallEnd &end, Connection **out, size_t *sent)
 {
@@ -269,11 +271,11 @@ int begin_call(
 		*out = take_connection(attachment, user);
 		if (*out == nullptr) {
 			attempt++;
-			int no_road = EINTR, seconds;
-			while (no_road == EINTR && end.left(&seconds))
-				no_road = make_connection(fd, attachment, user, seconds, out);
-			if (no_road != 0)
-				return no_road == EAGAIN || no_road == EINTR ? ETIMEDOUT : no_road;
+			int unconnected = EINTR, seconds;
+			while (unconnected == EINTR && end.left(&seconds))
+				unconnected = make_connection(fd, attachment, user, seconds, out);
+			if (unconnected != 0)
+				return unconnected == EAGAIN || unconnected == EINTR ? ETIMEDOUT : unconnected;
 		}
 		error = send_first(*out, arg, end, sent);
 		if (error == 0)
@@ -287,13 +289,13 @@ int begin_call(
 
 int call(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 {
-	Look look;
-	if (!look_at(fd, &look))
+	RecordState state;
+	if (!read_state(fd, &state))
 		return EBADF;
 	CallEnd end(seconds);
 	Connection *connection;
 	size_t sent;
-	if (int error = begin_call(fd, look.attachment, *arg, end, &connection, &sent))
+	if (int error = begin_call(fd, state.attachment, *arg, end, &connection, &sent))
 		return error;
 	Outcome outcome = broken(send_rest(connection, *arg, end, sent));
 	if (outcome.error == 0) {
@@ -307,12 +309,12 @@ int call(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 		return outcome.error;
 	}
 	keep_connection(connection);
-	if (!look.marked)
-		set_mark(fd, look.attachment.mark);
+	if (!state.marked)
+		set_mark(fd, state.attachment.mark);
 	return outcome.error;
 }
 
-// Tells whether the server of an attachment is there, connecting to it if that was never done.
+// Finds the server of an attachment, and connects to it if that was never done. EBADF: it has ended.
 int find_server(int fd, const Attachment &attachment, pid_t *server)
 {
 	*server = 0;
@@ -322,7 +324,7 @@ int find_server(int fd, const Attachment &attachment, pid_t *server)
 		return 0;
 	Connection *connection;
 	int error = make_connection(fd, attachment, getuid(), not_at_all, &connection);
-	if (error != 0) // a server that can't be asked now is there all the same
+	if (error != 0) // the server lives, even if it can't be reached now
 		return error == EBADF ? error : 0;
 	keep_connection(connection);
 	(void) known_server(attachment, server);
@@ -332,10 +334,10 @@ int find_server(int fd, const Attachment &attachment, pid_t *server)
 int info_of(int fd, hatch_info_t *info)
 {
 	*info = {0, HATCH_REFUSE_DESC};
-	Look look;
-	int error = look_at(fd, &look) ? find_server(fd, look.attachment, &info->di_target) : EBADF;
-	if (error == 0 && !look.marked)
-		set_mark(fd, look.attachment.mark);
+	RecordState state;
+	int error = read_state(fd, &state) ? find_server(fd, state.attachment, &info->di_target) : EBADF;
+	if (error == 0 && !state.marked)
+		set_mark(fd, state.attachment.mark);
 	if (error != EBADF)
 		return error;
 	if (is_own_hatch(fd)) {
@@ -346,14 +348,6 @@ int info_of(int fd, hatch_info_t *info)
 		return EBADF;
 	info->di_attributes |= HATCH_REVOKED;
 	return 0;
-}
-
-int fail_with(int error)
-{
-	if (error == 0)
-		return 0;
-	errno = error;
-	return -1;
 }
 
 } // namespace
@@ -390,31 +384,31 @@ int hatch_call(int fd, hatch_arg_t *arg)
 
 int hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 {
-	CancellationWaits cancellation; // else a call half-way would leave its connection to nobody
+	CancellationWaits cancellation; // a call that is cancelled half-way would leak its connection
 	hatch::open_fate = false;
 	if (arg == nullptr || (arg->data_ptr == nullptr && arg->data_size != 0) || seconds < 0)
-		return hatch::fail_with(EFAULT);
+		return fail_with(EFAULT);
 	if (arg->desc_num != 0)
-		return hatch::fail_with(ENOTSUP);
-	return hatch::fail_with(hatch::call(fd, arg, seconds, reply_max));
+		return fail_with(ENOTSUP);
+	return fail_with(hatch::call(fd, arg, seconds, reply_max));
 }
 
 int hatch_info(int fd, hatch_info_t *info)
 {
 	CancellationWaits cancellation;
 	if (info == nullptr)
-		return hatch::fail_with(EFAULT);
+		return fail_with(EFAULT);
 	hatch_info_t found;
 	int error = hatch::info_of(fd, &found);
 	if (error == 0)
 		*info = found;
-	return hatch::fail_with(error);
+	return fail_with(error);
 }
 
 void hatch_forget(int fd)
 {
 	CancellationWaits cancellation;
-	hatch::Look look;
-	if (hatch::look_at(fd, &look))
-		hatch::forget_connections(look.attachment);
+	hatch::RecordState state;
+	if (hatch::read_state(fd, &state))
+		hatch::forget_connections(state.attachment);
 }

@@ -1,4 +1,4 @@
-// What the layers above a call need to know beyond its error number. All of it is the calling thread's own.
+// What the layers above a call need beyond its error number. All of it belongs to the calling thread.
 #ifndef MERIDON_HATCH_CALL_H
 #define MERIDON_HATCH_CALL_H
 
@@ -6,11 +6,11 @@
 
 namespace hatch {
 
-// Whether the last call that failed here may be carried out all the same: its request was sent whole, and not refused.
+// Whether the server may carry out the last call that failed here all the same: its request was sent whole, and not refused.
 bool fate_is_open();
 
-// While it lives: a request that follows one whose reply doesn't come in time, over the same connection, so that the server
-// serves it right after that one, however late. Nobody waits for its reply.
+// While it lives: if a call's reply doesn't come in time, this request is sent after it over the same connection. The server
+// serves it right after the call, however late that is. Nobody waits for its reply.
 class FollowUp {
 public:
 	explicit FollowUp(std::string_view request);
@@ -19,7 +19,7 @@ public:
 	FollowUp &operator=(const FollowUp &) = delete;
 
 	bool was_sent() const { return sent_; }
-	// Sends it over a connection that is given up. A server that doesn't even take the bytes doesn't get it.
+	// Sends it over a connection that is given up, unless the server doesn't even take the bytes.
 	void send(int socket);
 
 private:

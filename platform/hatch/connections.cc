@@ -1,5 +1,5 @@
-// One table for the process: the idle connections in the order of their last use, a list of those in use, and a ring
-// of servers met. A forked child closes what it inherited and begins anew.
+// One table for the process: the idle connections by their last use, those in use, and the servers met last. A forked child
+// closes what it inherited and begins with an empty table.
 #include "hatch/connections.h"
 
 #include <algorithm>
@@ -17,7 +17,7 @@ namespace {
 
 constexpr size_t servers_max = 64;
 
-struct Server {
+struct KnownServer {
 	Attachment attachment;
 	pid_t pid;
 };
@@ -25,9 +25,9 @@ struct Server {
 struct Table {
 	Connection *idle[kept_max]; // the last is the one used last
 	size_t idle_count;
-	Connection *used;
-	Server servers[servers_max];
-	size_t servers_met; // all in all: the next one takes the place servers_met % servers_max
+	Row<Connection, &Connection::used> used;
+	KnownServer servers[servers_max];
+	size_t servers_met; // in all: the next one is stored at servers_met % servers_max
 };
 
 Mutex table_lock;
@@ -39,13 +39,10 @@ void close_all() REQUIRES(table_lock)
 	for (size_t i = 0; i < table.idle_count; i++)
 		delete table.idle[i];
 	table.idle_count = 0;
-	// Those in use belong to threads that a child doesn't have, or to a call that a signal handler's fork interrupted:
-	// that one goes on in the child, and fails.
-	while (Connection *connection = table.used) {
-		table.used = connection->next;
-		connection->next = connection->prev = nullptr;
+	// Those in use belong to threads that a child doesn't have, or to a call that a signal handler interrupted to fork:
+	// that call goes on in the child, and fails.
+	for (Connection *connection = table.used.first; connection != nullptr; connection = connection->used.next)
 		connection->socket.reset();
-	}
 }
 
 void renew() NO_THREAD_SAFETY_ANALYSIS // no other thread has it yet
@@ -87,26 +84,7 @@ Connection *remove_idle(size_t i) REQUIRES(table_lock)
 	return connection;
 }
 
-void link_used(Connection *connection) REQUIRES(table_lock)
-{
-	connection->prev = nullptr;
-	connection->next = table.used;
-	if (table.used != nullptr)
-		table.used->prev = connection;
-	table.used = connection;
-}
-
-void unlink_used(Connection *connection) REQUIRES(table_lock)
-{
-	if (connection->prev != nullptr)
-		connection->prev->next = connection->next;
-	else
-		table.used = connection->next;
-	if (connection->next != nullptr)
-		connection->next->prev = connection->prev;
-}
-
-Server *find_server(const Attachment &attachment) REQUIRES(table_lock)
+KnownServer *find_server(const Attachment &attachment) REQUIRES(table_lock)
 {
 	size_t count = std::min(table.servers_met, servers_max);
 	for (size_t i = 0; i < count; i++) {
@@ -148,7 +126,7 @@ Connection *take_connection(const Attachment &attachment, uid_t user)
 			continue;
 		Connection *connection = remove_idle(i);
 		if (connection->user == user) {
-			link_used(connection);
+			table.used.join(connection);
 			return connection;
 		}
 		delete connection;
@@ -162,7 +140,7 @@ int make_connection(int fd, const Attachment &attachment, uid_t user, int second
 	if (connection == nullptr)
 		return ENOMEM;
 	pid_t server;
-	int error = connect_road(fd, attachment, seconds, &connection->socket, &server);
+	int error = connect_to_server(fd, attachment, seconds, &connection->socket, &server);
 	if (error != 0) {
 		delete connection;
 		return error;
@@ -174,7 +152,7 @@ int make_connection(int fd, const Attachment &attachment, uid_t user, int second
 	MutexLock hold(table_lock);
 	drop_hung_up();
 	note_server(attachment, server);
-	link_used(connection);
+	table.used.join(connection);
 	*out = connection;
 	return 0;
 }
@@ -182,7 +160,7 @@ int make_connection(int fd, const Attachment &attachment, uid_t user, int second
 void keep_connection(Connection *connection)
 {
 	MutexLock hold(table_lock);
-	unlink_used(connection);
+	table.used.leave(connection);
 	if (table.idle_count == kept_max)
 		delete remove_idle(0);
 	table.idle[table.idle_count++] = connection;
@@ -191,7 +169,7 @@ void keep_connection(Connection *connection)
 void drop_connection(Connection *connection)
 {
 	MutexLock hold(table_lock);
-	unlink_used(connection);
+	table.used.leave(connection);
 	delete connection;
 }
 
@@ -209,7 +187,7 @@ bool known_server(const Attachment &attachment, pid_t *server)
 {
 	enter_process();
 	MutexLock hold(table_lock);
-	const Server *found = find_server(attachment);
+	const KnownServer *found = find_server(attachment);
 	if (found != nullptr)
 		*server = found->pid;
 	return found != nullptr;

@@ -5,9 +5,10 @@
 #include <sys/types.h>
 
 #include "base/guards.h"
+#include "base/row.h"
+#include "hatch/connect.h"
 #include "hatch/mapping.h"
 #include "hatch/record.h"
-#include "hatch/road.h"
 
 namespace hatch {
 
@@ -15,29 +16,28 @@ inline constexpr size_t kept_max = 32;
 
 // One connection: used by one call at a time, and by this process only.
 struct Connection {
-	Connection *next; // among those in use
-	Connection *prev;
+	Links<Connection> used; // among those in use
 	Fd socket;
 	Attachment attachment;
-	uid_t user;      // its maker's real one: it is theirs for ever
-	size_t piece;    // payload that a message of ours can have
-	int seconds;     // how long a step may wait for the other end; 0 without end
-	Mapping landing; // where replies are received that the caller has no room for; made when first needed
+	uid_t user;    // its maker's real one, which stays
+	size_t piece;  // the payload that one of our messages can have
+	int seconds;   // the timeout that its socket has; 0: none
+	Mapping spill; // receives what the caller's buffer has no room for; made when first needed
 };
 
-// Gives an idle connection to an attachment, or NULL. It is the caller's until it is kept or dropped. Those that others made are
-// closed: the process, or a thread of it, has changed its user since.
+// Gives the caller an idle connection to an attachment, until it is kept or dropped. NULL: none. Connections that were made
+// as another user are closed: this process, or a thread of it, has changed its user since.
 Connection *take_connection(const Attachment &attachment, uid_t user);
-// Makes one. Errors: as connect_road().
+// Makes one. Errors: as connect_to_server().
 int make_connection(int fd, const Attachment &attachment, uid_t user, int seconds, Connection **out);
-// Puts a connection back for the next call. The one that was idle for longest goes when there are too many.
+// Puts a connection back for the next call. If there are too many, the one that was idle for longest is closed.
 void keep_connection(Connection *connection);
 // Closes a connection.
 void drop_connection(Connection *connection);
 // Closes the idle connections to an attachment.
 void forget_connections(const Attachment &attachment);
 
-// The server of an attachment that was connected to before. False if that isn't known (any more).
+// The server of an attachment that was connected to before. False if it isn't known, or not any more.
 bool known_server(const Attachment &attachment, pid_t *server);
 
 } // namespace hatch

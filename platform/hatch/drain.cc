@@ -12,13 +12,12 @@ constexpr int64_t pause_ns = 2 * millisecond_ns;
 bool is_at_work(const Hatch &hatch, int64_t now) REQUIRES(hatch.lock)
 {
 	for (const Peer *peer = hatch.peers.first; peer != nullptr; peer = peer->all.next)
-		if (peer->in_hand || peer->standing == Standing::waiting || peer->held > 0 ||
-		    peer->since > now - silent_ns)
+		if (peer->in_hand || peer->in_queue == Queue::ready || peer->held > 0 || peer->since > now - silent_ns)
 			return true;
 	return false;
 }
 
-// Whether there is nothing to wait for. A connection that was dropped on purpose counts until it is closed.
+// Whether there is nothing to wait for. A dropped connection counts until it is closed.
 bool is_drained(int fd)
 {
 	FoundHatch found(fd);
@@ -37,7 +36,7 @@ void drain(int fd, int seconds)
 		if (!found)
 			return;
 		MutexLock hold(found->lock);
-		unlock_record(found->place.record.get());
+		unlock_record(found->point.record.get());
 	}
 	const Deadline end = Deadline::in(seconds * second_ns);
 	while (!is_drained(fd) && !end.has_passed())

@@ -1,7 +1,7 @@
-// Calls: the handler's frame, what it may ask of the layer, and how its reply leaves.
+// Calls: running the handler, what it may ask of the layer, and how its reply is sent.
 //
-// hatch_return() leaves the handler by a jump. Between the frame that set it and the handler's own, nothing has a
-// destructor: the functions on that way hold plain values only.
+// hatch_return() leaves the handler by a jump to hatch_enter_handler(). Of the frames that the jump skips, those of the layer
+// have no destructors: they hold plain values only.
 #include <algorithm>
 #include <cerrno>
 #include <csetjmp>
@@ -18,14 +18,14 @@
 namespace hatch {
 namespace {
 
-// For how long a handler's thread waits for a client to take more of its reply, before the rest is put aside.
-constexpr int patience_ms = 20;
+// How long a thread waits for a client to take more of its reply, before it puts the rest aside.
+constexpr int reply_wait_ms = 20;
 
-// So much of a call isn't counted: small calls take no lock.
+// Bytes of a call that aren't counted, so that small calls take no lock.
 constexpr size_t memory_free = 64U << 10;
 
-// What the running call takes beside its request. Its user's until the last of the reply leaves, and at the latest until
-// the call ends: no path can forget to give it back.
+// What the running call takes beside its request. Its user is charged until the last piece of the reply is sent, or the call
+// ends: no path can forget to give it back.
 class CallMemory final : public MemoryGate {
 public:
 	explicit CallMemory(uid_t user) : charge_(user) { memory_gate = this; }
@@ -49,7 +49,7 @@ public:
 		taken_ = 0;
 		reply_ = memory_kept;
 	}
-	// Memory for a reply takes the place of what was given before, and a thread has some that is its own.
+	// Memory for a reply replaces what was given before; what a thread keeps is free.
 	bool take_reply(size_t size)
 	{
 		if (size <= reply_)
@@ -66,8 +66,8 @@ private:
 	size_t reply_ = memory_kept;
 };
 
-// Measures what processor time the calls of a user take; one that waits, for a disk or for its client, counts as none. One
-// in so many is measured, since that takes two system calls.
+// Measures the processor time of a user's calls; a call that waits, for a disk or for its client, counts as 0. Only one call in
+// so many is measured, since that takes two system calls.
 class CallTime {
 public:
 	explicit CallTime(Account *account)
@@ -137,15 +137,15 @@ Call *running_call()
 	return current != nullptr && !current->answered && current->process.is_own() ? current : nullptr;
 }
 
-// True if the client made room within the time that a thread may wait for it; revoking ends the wait.
+// Whether the client makes room within the time that a thread may wait for it. Revoking ends the wait.
 bool room_soon(const Hatch &hatch, const Peer &peer)
 {
 	struct pollfd looks[] = {{peer.socket.get(), POLLOUT, 0}, {hatch.stop.get(), POLLIN, 0}};
-	return poll_until(looks, 2, Deadline::in(patience_ms * millisecond_ns)) > 0 && looks[1].revents == 0;
+	return poll_until(looks, 2, Deadline::in(reply_wait_ms * millisecond_ns)) > 0 && looks[1].revents == 0;
 }
 
-// Before the last of a reply leaves, nothing of the call counts any more: its client may make the next one before the
-// thread comes to anything else.
+// Comes before the last piece of a reply is sent: the client may make its next call before the thread does anything else, and
+// nothing of this one may count then.
 void settle(Hatch *hatch, Peer *peer)
 {
 	unhold(hatch, peer);
@@ -173,7 +173,7 @@ int send_pieces(Hatch *hatch, Peer *peer, const char *data, size_t size, size_t 
 
 void put_aside(Hatch *hatch, Peer *peer, const char *data, size_t size)
 {
-	settle(hatch, peer); // its request, and what the copy takes the place of: the time of the rest begins now
+	settle(hatch, peer); // the request, and what the copy replaces: what is held from now on is the rest
 	if (!hold(hatch, peer, size) || !peer->rest.map(size, Fill::now)) {
 		peer->finished = true;
 		return;
@@ -246,7 +246,7 @@ void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, siz
 	if (sent == size)
 		settle(hatch, peer);
 	int error = send_head(*peer, {wire_magic, static_cast<uint32_t>(refusal), size}, data, sent);
-	// A client that didn't read its last reply gets no further one.
+	// A client that doesn't take the head hasn't read its last reply. It is finished.
 	while (error == 0 && sent < size) {
 		error = send_pieces(hatch, peer, data, size, &sent);
 		if (error != EAGAIN)
@@ -255,7 +255,7 @@ void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, siz
 			return put_aside(hatch, peer, data + sent, size - sent);
 		error = 0;
 	}
-	// What a client that has gone sent before may be there to take back what this call did.
+	// A client that has gone (EPIPE) may have sent another request before, one that takes back what this call did.
 	peer->finished |= error != 0 && error != EPIPE;
 }
 

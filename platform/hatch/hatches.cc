@@ -1,4 +1,4 @@
-// The hatches of this process: making, parameters, revoking, and what a fork does to them.
+// Hatches: made, attached, revoked; and what a fork does to them.
 #include <cassert>
 #include <cerrno>
 #include <csignal>
@@ -10,9 +10,8 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include "base/fail.h"
 #include "base/process_mark.h"
-#include "hatch/place.h"
-#include "hatch/pool.h"
 #include "hatch/server.h"
 
 namespace hatch {
@@ -23,7 +22,7 @@ Hatch *list GUARDED_BY(list_lock);
 Hatch *inherited GUARDED_BY(list_lock); // in a forked child: its parent's, closed
 ProcessMark list_process;
 
-// The number alone doesn't tell: its owner may have closed it, and it may stand for something else by now.
+// The number of a descriptor isn't enough: its owner may have closed it, and the number may stand for another file by now.
 bool inode_of(int fd, ino_t *inode)
 {
 	struct stat st;
@@ -45,8 +44,8 @@ Hatch **find_locked(int fd) REQUIRES(list_lock)
 	return nullptr;
 }
 
-// The child closes its copies, and so neither holds a lock nor a connection of its parent's. The memory stays: threads
-// that it doesn't have point into it.
+// The child closes its copies, so that it holds neither a lock nor a connection of its parent's. The memory stays: the stacks of
+// its parent's threads point into it.
 void renew() NO_THREAD_SAFETY_ANALYSIS // no other thread has any of it yet
 {
 	list_lock.init();
@@ -56,7 +55,7 @@ void renew() NO_THREAD_SAFETY_ANALYSIS // no other thread has any of it yet
 	all_threads = 0;
 	Hatch *last = nullptr;
 	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next) {
-		hatch->place = Place{};
+		hatch->point = AttachPoint{};
 		hatch->events.reset();
 		hatch->stop.reset();
 		hatch->wake.reset();
@@ -142,7 +141,7 @@ int make(hatch_handler_t *handler, void *cookie, int *fd)
 	hatch->lock.init();
 	hatch->accept_lock.init();
 	hatch->ended.init();
-	// The descriptor is a socket that is used for nothing: it has a number of its own that tells it from any other.
+	// The descriptor that the owner gets is a socket that is used for nothing; its inode tells it from any other file.
 	Fd handle(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
 	int error = handle ? open_all(hatch) : errno;
 	if (error == 0 && !inode_of(handle.get(), &hatch->inode))
@@ -158,7 +157,7 @@ int make(hatch_handler_t *handler, void *cookie, int *fd)
 	return 0;
 }
 
-// A walk over the hatches of the process, which are few.
+// Looks at all hatches of the process: they are few.
 Hatch *hatch_with_most(std::atomic<size_t> Hatch::*amount) REQUIRES(list_lock)
 {
 	Hatch *most = list;
@@ -169,7 +168,7 @@ Hatch *hatch_with_most(std::atomic<size_t> Hatch::*amount) REQUIRES(list_lock)
 	return most;
 }
 
-// Claims the revocation: of two that come at once, the second finds no hatch.
+// Claims the revocation: of two at once, the second finds no hatch.
 Hatch *begin_revoke(int fd)
 {
 	FoundHatch found(fd);
@@ -188,7 +187,7 @@ void unlist(Hatch *hatch)
 	*link = hatch->next;
 }
 
-// Returns when no other thread of the hatch is left. True if the calling one isn't one of them either.
+// Returns when no other thread of the hatch is left. True if the calling thread isn't one of them either.
 bool wait_for_threads(Hatch *hatch)
 {
 	int own = running_hatch() == hatch ? 1 : 0;
@@ -204,10 +203,10 @@ void end(Hatch *hatch)
 	{
 		MutexLock hold(hatch->lock);
 		forget_listener(hatch);
-		leave_place(&hatch->place);
+		detach(&hatch->point);
 		hang_up(hatch);
 	}
-	unlist(hatch);                              // only now: a child that was forked until here has closed all of it
+	unlist(hatch);                              // not before: a child that was forked until here closed all of it
 	(void) eventfd_write(hatch->stop.get(), 1); // an empty counter takes it
 	if (wait_for_threads(hatch))
 		destroy(hatch);
@@ -215,11 +214,11 @@ void end(Hatch *hatch)
 
 int attach_locked(Hatch *hatch, const char *path) REQUIRES(hatch->lock)
 {
-	if (holds_place(hatch->place))
+	if (is_attached(hatch->point))
 		return EBUSY;
 	forget_listener(hatch);
-	leave_place(&hatch->place);
-	if (int error = take_place(path, &hatch->place))
+	detach(&hatch->point);
+	if (int error = attach_to(path, &hatch->point))
 		return error;
 	(void) pthread_sigmask(SIG_SETMASK, nullptr, &hatch->signals);
 	int error = watch_listener(hatch);
@@ -227,7 +226,7 @@ int attach_locked(Hatch *hatch, const char *path) REQUIRES(hatch->lock)
 		error = start_thread(hatch);
 	if (error != 0) {
 		forget_listener(hatch);
-		leave_place(&hatch->place);
+		detach(&hatch->point);
 	}
 	return error;
 }
@@ -236,12 +235,6 @@ int attach(Hatch *hatch, const char *path)
 {
 	MutexLock hold(hatch->lock);
 	return attach_locked(hatch, path);
-}
-
-int fail_with(int error)
-{
-	errno = error;
-	return -1;
 }
 
 } // namespace
@@ -259,7 +252,7 @@ FoundHatch::~FoundHatch() NO_THREAD_SAFETY_ANALYSIS
 	list_lock.unlock();
 }
 
-void push_out_connection(const Peer *but)
+void evict_connection(const Peer *but)
 {
 	MutexLock hold_list(list_lock);
 	Hatch *most = hatch_with_most(&Hatch::live);
@@ -270,7 +263,7 @@ void push_out_connection(const Peer *but)
 		drop(most, peer);
 }
 
-void push_out_held()
+void evict_held()
 {
 	MutexLock hold_list(list_lock);
 	Hatch *most = hatch_with_most(&Hatch::held);
@@ -289,7 +282,7 @@ bool is_own_hatch(int fd)
 void destroy(Hatch *hatch) NO_THREAD_SAFETY_ANALYSIS
 {
 	while (Peer *peer = hatch->peers.first) {
-		leave_line(peer);
+		leave_queue(peer);
 		leave(hatch, peer);
 		delete peer;
 	}
@@ -306,11 +299,11 @@ int hatch_create(hatch_handler_t *handler, void *cookie, unsigned int attributes
 {
 	CancellationWaits cancellation;
 	if (handler == nullptr || (attributes & ~HATCH_REFUSE_DESC) != 0)
-		return hatch::fail_with(EINVAL);
+		return fail_with(EINVAL);
 	hatch::enter_process();
 	int fd = -1;
 	if (int error = hatch::make(handler, cookie, &fd))
-		return hatch::fail_with(error);
+		return fail_with(error);
 	return fd;
 }
 
@@ -318,9 +311,9 @@ int hatch_setparam(int fd, int parameter, size_t value)
 {
 	hatch::FoundHatch found(fd);
 	if (!found)
-		return hatch::fail_with(EBADF);
+		return fail_with(EBADF);
 	if (parameter != HATCH_PARAM_DATA_MIN)
-		return hatch::fail_with(EINVAL);
+		return fail_with(EINVAL);
 	found->data_min = value;
 	return 0;
 }
@@ -330,7 +323,7 @@ int fattach(int fd, const char *path)
 	CancellationWaits cancellation;
 	hatch::FoundHatch found(fd);
 	int error = found ? hatch::attach(&*found, path) : EBADF;
-	return error == 0 ? 0 : hatch::fail_with(error);
+	return fail_with(error);
 }
 
 int hatch_revoke(int fd)
@@ -338,7 +331,7 @@ int hatch_revoke(int fd)
 	CancellationWaits cancellation;
 	hatch::Hatch *hatch = hatch::begin_revoke(fd);
 	if (hatch == nullptr)
-		return hatch::fail_with(EBADF);
+		return fail_with(EBADF);
 	(void) close(fd); // nothing was ever written to it
 	hatch::end(hatch);
 	return 0;

@@ -16,10 +16,10 @@ constexpr size_t round_to_page(size_t size)
 	return (size + page_size - 1) & ~(page_size - 1);
 }
 
-// Whether all of a mapping is filled with pages at once: far cheaper than one by one, for memory that will be used whole.
+// Whether a mapping gets all its pages at once: far cheaper than one by one, for memory that will be used whole.
 enum class Fill { now, on_use };
 
-// Fills a part of a mapping with pages. It only saves time: a failure shows when the memory is used.
+// Gives a part of a mapping its pages. It only saves time: a failure shows when the memory is used.
 inline void fill_pages(char *data, size_t size)
 {
 	auto address = reinterpret_cast<uintptr_t>(data);
@@ -44,7 +44,7 @@ public:
 	Mapping &operator=(const Mapping &) = delete;
 	~Mapping() { reset(); }
 
-	// Maps `size` bytes in place of what was held. An absurd size fails.
+	// Maps `size` bytes, after giving up what was held. An absurd size fails.
 	bool map(size_t size, Fill fill)
 	{
 		reset();

@@ -1,4 +1,4 @@
-// Connections: accepting them, what they hold, and who is dropped when something runs out.
+// Connections: accepting them, what they hold, and which is dropped when something runs out.
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -15,8 +15,7 @@ namespace {
 
 constexpr int accept_batch = 64;
 
-// What clients may make hatches hold for them and can be taken back: requests that they don't finish, replies that they
-// don't read.
+// The bound of what hatches hold for clients and can take back: requests that aren't finished, replies that aren't read.
 constexpr size_t held_max = 256U << 20;
 constexpr int64_t held_ns_max = 60'000'000'000;
 
@@ -36,14 +35,14 @@ size_t connections_max()
 	return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur / 2 : SIZE_MAX;
 }
 
-// Takes a connection in. Whoever gets its first event needs the lock to find it.
+// Takes a connection in. Its event is armed last: from then on another thread may have it.
 bool add_peer(Hatch *hatch, Fd socket)
 {
 	int fd = socket.get();
 	struct ucred connector = {};
 	socklen_t len = sizeof connector;
 	if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &connector, &len) == -1)
-		return false; // whose it is can't be told
+		return false; // nobody to charge
 	auto *peer = new (std::nothrow) Peer(std::move(socket), connector.uid, connector.uid);
 	if (peer == nullptr)
 		return false;
@@ -53,17 +52,17 @@ bool add_peer(Hatch *hatch, Fd socket)
 		joined = join(hatch, peer);
 		if (joined) {
 			peer->in_hand = false;
-			stand_idle(peer);
+			become_idle(peer);
 		}
 	}
 	if (joined && arm(*hatch, EPOLL_CTL_ADD, fd, EPOLLIN | EPOLLRDHUP, peer) == 0) {
 		if (all_live > connections_max())
-			push_out_connection(peer);
+			evict_connection(peer);
 		return true;
 	}
 	if (joined) {
 		MutexLock hold_lock(hatch->lock);
-		leave_line(peer);
+		leave_queue(peer);
 		leave(hatch, peer);
 	}
 	delete peer;
@@ -79,22 +78,22 @@ int accept_socket(Hatch *hatch, Fd *socket)
 	return *socket ? 0 : errno;
 }
 
-// Nothing is accepted until a connection is closed, or the timer says to try again.
+// Nothing is accepted until a connection is closed, or until the timer's next tick.
 void pause_accepting(Hatch *hatch)
 {
-	push_out_connection(nullptr);
+	evict_connection(nullptr);
 	MutexLock hold_lock(hatch->lock);
 	hatch->paused = true;
 	run_timer(hatch, true);
 }
 
-// False: not to go on now.
+// False: stop for now.
 bool accept_one(Hatch *hatch)
 {
 	Fd socket;
 	switch (accept_socket(hatch, &socket)) {
 	case 0:
-		// One that took the place of another waits for what that one leaves: dead ones don't pile up.
+		// At the bound each new connection evicts another, which is closed before the next one is accepted.
 		return add_peer(hatch, std::move(socket)) && all_live < connections_max();
 	case EINTR:
 	case ECONNABORTED:
@@ -123,8 +122,8 @@ int arm(const Hatch &hatch, int how, int fd, uint32_t events, void *what)
 int watch_listener(Hatch *hatch)
 {
 	MutexLock hold_accept(hatch->accept_lock);
-	hatch->listening = hatch->place.listener.get();
-	return arm(*hatch, EPOLL_CTL_ADD, hatch->listening, EPOLLIN, &hatch->place.listener);
+	hatch->listening = hatch->point.listener.get();
+	return arm(*hatch, EPOLL_CTL_ADD, hatch->listening, EPOLLIN, &hatch->point.listener);
 }
 
 void forget_listener(Hatch *hatch)
@@ -138,7 +137,7 @@ void resume_accepting(Hatch *hatch)
 	hatch->paused = false;
 	MutexLock hold_accept(hatch->accept_lock);
 	if (hatch->listening != -1)
-		(void) arm(*hatch, EPOLL_CTL_MOD, hatch->listening, EPOLLIN, &hatch->place.listener);
+		(void) arm(*hatch, EPOLL_CTL_MOD, hatch->listening, EPOLLIN, &hatch->point.listener);
 }
 
 void accept_peers(Hatch *hatch)
@@ -152,11 +151,11 @@ void accept_peers(Hatch *hatch)
 		resume_accepting(hatch);
 }
 
-// Whoever reads the event that this makes closes it. What an idle one has sent already is still served, and what it sends
-// from now on fails at its end, so that no call is lost; the caller of an unfinished one is told.
+// The thread that reads the resulting event closes it. What an idle client has sent already is still served, and what it
+// sends from now on fails on its side, so that no call is lost. The caller of an unfinished request gets a refusal.
 void drop(Hatch *hatch, Peer *peer)
 {
-	if (!peer->stayed_with && peer->request)
+	if (!peer->dedicated && peer->request)
 		send_refusal(*peer, Refusal::no_memory);
 	(void) shutdown(peer->socket.get(), peer->held > 0 ? SHUT_RDWR : SHUT_RD);
 	count_out(hatch, peer);
@@ -168,7 +167,7 @@ void tick(Hatch *hatch)
 	const int64_t too_old = now_ns() - held_ns_max;
 	for (const auto &row : hatch->most_held.rows) {
 		for (Account *account = row.first, *next; account != nullptr; account = next) {
-			next = account->by_held.next; // it leaves the row with its last
+			next = account->by_held.next; // dropping its last one takes it out of the row
 			Peer *peer = account->holding.first;
 			while (peer != nullptr && peer->held_since < too_old) {
 				Peer *old = peer;
@@ -197,12 +196,12 @@ bool hold(Hatch *hatch, Peer *peer, size_t bytes)
 	{
 		MutexLock hold_lock(hatch->lock);
 		if (peer->dropped)
-			return true; // it ends all the same
+			return true; // it is about to end
 		set_held(hatch, peer, bytes);
 		run_timer(hatch, true);
 	}
 	if (all_held > std::min(held_max, pool_size() / 4))
-		push_out_held();
+		evict_held();
 	return true;
 }
 

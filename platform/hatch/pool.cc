@@ -1,4 +1,4 @@
-// The pool: a table of the users that hold something, and the rule of shares.
+// The pool: a table of the users that hold something, and the rule for shares.
 #include "hatch/pool.h"
 
 #include <algorithm>
@@ -9,11 +9,10 @@
 #include "base/memory_bound.h"
 #include "base/thread_safety.h"
 #include "base/users.h"
+#include "hatch/user_table.h"
 
 namespace hatch {
 namespace {
-
-constexpr size_t buckets = 1024;
 
 struct User {
 	User *next;
@@ -22,9 +21,9 @@ struct User {
 	size_t bytes;
 };
 
-// An entry is there while it holds something.
+// A user is in the table while it holds something.
 struct Pool {
-	User *users[buckets];
+	UserTable<User, 1024> users;
 	size_t bytes;     // all users'
 	size_t strangers; // users with a share that hold something
 };
@@ -34,15 +33,7 @@ Pool pool GUARDED_BY(pool_lock);
 
 std::atomic<size_t> fixed_size; // 0: it isn't
 
-User **find(uid_t uid) REQUIRES(pool_lock)
-{
-	User **link = &pool.users[uid % buckets];
-	while (*link != nullptr && (*link)->uid != uid)
-		link = &(*link)->next;
-	return link;
-}
-
-// (has + more) * (users + 1) <= left + has, where what the others have is gone from `left`.
+// (has + more) * (users + 1) <= left + has, where `left` is what nobody has.
 bool is_within_share(size_t has, size_t more, size_t size) REQUIRES(pool_lock)
 {
 	const size_t all = size - size / 8;
@@ -53,7 +44,7 @@ bool is_within_share(size_t has, size_t more, size_t size) REQUIRES(pool_lock)
 
 bool take(uid_t uid, size_t more, size_t size) REQUIRES(pool_lock)
 {
-	User **link = find(uid);
+	User **link = pool.users.find(uid);
 	size_t has = *link == nullptr ? 0 : (*link)->bytes;
 	if (size < pool.bytes || more > size - pool.bytes)
 		return false;
@@ -73,7 +64,7 @@ bool take(uid_t uid, size_t more, size_t size) REQUIRES(pool_lock)
 
 void give_back(uid_t uid, size_t less) REQUIRES(pool_lock)
 {
-	User **link = find(uid);
+	User **link = pool.users.find(uid);
 	User *user = *link;
 	if (user == nullptr) // of a parent that this process was forked from
 		return;
@@ -123,7 +114,7 @@ void unlock_pool() NO_THREAD_SAFETY_ANALYSIS
 void renew_pool() NO_THREAD_SAFETY_ANALYSIS // no other thread has it yet
 {
 	pool_lock.init();
-	for (User *&first : pool.users) {
+	for (User *&first : pool.users.first) {
 		while (User *user = first) {
 			first = user->next;
 			delete user;
@@ -141,7 +132,7 @@ size_t Charge::most() const
 bool Charge::resize(size_t bytes)
 {
 	if (bytes > bytes_) {
-		size_t size = pool_size(); // it may have to look: not with the lock held
+		size_t size = pool_size(); // may read files: not with the lock held
 		MutexLock hold(pool_lock);
 		if (!take(user_, bytes - bytes_, size))
 			return false;

@@ -1,9 +1,9 @@
-// What clients may make this process hold, all hatches together, user by user.
+// The quota of memory: what clients may make this process hold, in all its hatches, user by user.
 //
-// All bytes come out of one pool, whatever they are for: what clients make the process hold is at most the pool's size, and
-// somebody always finds a part of it. An eighth is for root and the server's own user alone. Of the rest a user may have
-// so much that what it has, once for itself and once for each user that holds something, is there: the first takes half
-// at most, the next a sixth, the k-th 1/(k(k+1)), and after k greedy ones 1/(k+1) is left.
+// All bytes come out of one pool, whatever they are for, so that their sum is bounded. An eighth of the pool is for root and
+// the server's own user alone. The rest is shared so that each newcomer finds something: a user may take more as long as what
+// is left, with what it has, is at least as much as it would then have, for itself and for each user that holds something.
+// The first user gets a half at most, the next a sixth, the k-th 1/(k(k+1)); after k greedy users 1/(k+1) is left.
 #ifndef MERIDON_HATCH_POOL_H
 #define MERIDON_HATCH_POOL_H
 
@@ -21,8 +21,7 @@ void set_pool_size(size_t bytes);
 
 // What all users hold.
 size_t pool_held();
-// True for a user with no share but the whole: root, and whoever the server runs as. What stands for users without a
-// number here is nobody's own.
+// True for a user whose share is the whole: root and the user that the server runs as, unless that is overflow_user.
 bool is_exempt(uid_t user);
 
 // Around a fork, so that the child's copy is whole; in a child, which holds nothing.
@@ -30,7 +29,7 @@ void lock_pool();
 void unlock_pool();
 void renew_pool();
 
-// What something costs its user: it lies inside of that something, begins with nothing, and gives all back at its end.
+// What something costs its user: a member of that something. It begins with nothing, and gives all back at its end.
 class Charge {
 public:
 	explicit Charge(uid_t user) : user_(user) {}
@@ -38,7 +37,7 @@ public:
 	Charge &operator=(const Charge &) = delete;
 	~Charge() { (void) resize(0); }
 
-	// False: that is beyond the user's share, and nothing has changed. Shrinking never fails.
+	// False, and nothing has changed, if that exceeds the user's share. Shrinking never fails.
 	bool resize(size_t bytes);
 	size_t bytes() const { return bytes_; }
 	// What the user could have if nobody held anything.

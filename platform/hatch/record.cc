@@ -87,7 +87,7 @@ bool parse_record(std::string_view bytes, Id *id)
 
 bool read_record(int fd, Id *id)
 {
-	char bytes[record_size + 1]; // one more than a record has, to see that there is no more
+	char bytes[record_size + 1]; // one more than a record has, to see whether there is more
 	ssize_t got = pread(fd, bytes, sizeof bytes, 0);
 	return got > 0 && parse_record({bytes, static_cast<size_t>(got)}, id);
 }
@@ -110,20 +110,20 @@ bool has_mark(int fd)
 	return is_mark(lseek(fd, 0, SEEK_CUR));
 }
 
-bool look_at(int fd, Look *look)
+bool read_state(int fd, RecordState *state)
 {
 	struct stat st;
 	if (fstat(fd, &st) == -1 || !S_ISREG(st.st_mode) || st.st_nlink == 0 || st.st_size != off_t{record_size})
 		return false;
 	off_t offset = lseek(fd, 0, SEEK_CUR);
-	look->marked = is_mark(offset);
-	look->attachment = {st.st_dev, st.st_ino, offset};
-	if (look->marked)
+	state->marked = is_mark(offset);
+	state->attachment = {st.st_dev, st.st_ino, offset};
+	if (state->marked)
 		return true;
 	Id id;
 	if (!read_record(fd, &id))
 		return false;
-	look->attachment.mark = mark_of(id);
+	state->attachment.mark = mark_of(id);
 	return true;
 }
 
@@ -148,7 +148,7 @@ void unlock_record(int fd)
 
 bool record_is_locked(int fd)
 {
-	// Asked as a reader would: readers' locks, which anybody can take, don't count.
+	// As a reader would ask: readers' locks, which anybody can take, don't count.
 	struct flock lock = whole_file(F_RDLCK);
 	return fcntl(fd, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }

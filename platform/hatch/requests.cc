@@ -1,4 +1,7 @@
-// Requests: receiving them, as far as they have come, and having them carried out.
+// Requests: received as far as they have come, and handed to the handler when they are whole.
+//
+// A small request is received in the thread's own memory. One that is larger than that, or whose rest doesn't come within
+// some milliseconds, gets memory of its own (Peer::request), which its user is charged for, and waits among all others.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -11,18 +14,18 @@
 namespace hatch {
 namespace {
 
-// A thread waits for one client alone for so long, and so many threads of a hatch do: for the next request of one that
-// asked again that soon, and for the rest of a request that is on its way. One user has a quarter of them, and half of
-// its threads at most.
-constexpr int64_t moment_ns = 5'000'000;
-constexpr int64_t expecting_ns = 4 * moment_ns;
-constexpr int staying_max = HATCH_THREADS_MAX / 4;
-constexpr int expecting_max = 4;
+// How long a thread waits for one client alone, and how many threads of a hatch may do so: dedicated ones for the next request
+// of a client that asked again that soon, receiving ones for the rest of a request. One user may have a quarter of them,
+// and half of its threads.
+constexpr int64_t dedicated_ns = 5 * millisecond_ns;
+constexpr int64_t receiving_ns = 20 * millisecond_ns;
+constexpr int dedicated_max = HATCH_THREADS_MAX / 4;
+constexpr int receiving_max = 4;
 
-// Messages of one request that are received before others of its user have their turn.
+// Messages of one request that are received in one turn.
 constexpr int messages_max = 16;
 
-// A refused request: the connection serves on, if the request has been read to its end.
+// Refuses a request. The connection serves on if the request has been read to its end.
 void refuse(Hatch *hatch, Peer *peer, Refusal refusal, bool whole)
 {
 	send_reply(hatch, peer, refusal, nullptr, 0);
@@ -46,7 +49,7 @@ bool same_user(const struct ucred &a, const struct ucred &b)
 	return a.uid == b.uid && a.gid == b.gid;
 }
 
-// Looks at what receiving gave. False if there is nothing to go on with now, or ever.
+// Whether a message has come. If none can come any more, the peer is finished.
 bool received(Peer *peer, const Message &message)
 {
 	if (message.size > 0 && message.whole && message.signed_)
@@ -56,19 +59,19 @@ bool received(Peer *peer, const Message &message)
 	return false;
 }
 
-// The right to wait for one client alone, which few threads have at a time, and those of one user fewer.
-class Turn {
+// A thread's permission to wait for one client alone. Few threads have it at a time, and fewer for one user.
+class WaitSlot {
 public:
-	Turn(std::atomic<int> *all, int most, std::atomic<int> *of_user, const Account &account)
+	WaitSlot(std::atomic<int> *all, int most, std::atomic<int> *of_user, const Account &account)
 	    : all_(all), of_user_(of_user), has_(all->fetch_add(1) < most)
 	{
 		const int most_of_user =
 		    account.exempt ? most : std::min(std::max(most / 4, 1), threads_share(account) / 2);
 		has_ = of_user->fetch_add(1) < most_of_user && has_;
 	}
-	Turn(const Turn &) = delete;
-	Turn &operator=(const Turn &) = delete;
-	~Turn()
+	WaitSlot(const WaitSlot &) = delete;
+	WaitSlot &operator=(const WaitSlot &) = delete;
+	~WaitSlot()
 	{
 		all_->fetch_sub(1);
 		of_user_->fetch_sub(1);
@@ -81,22 +84,22 @@ private:
 	bool has_;
 };
 
-// While a thread stays with a connection, it stands among the idle ones of its user, so that it can be dropped.
-class Stay {
+// While it lives, the thread is dedicated to a connection. That is among the idle ones of its user, so that it can be dropped.
+class DedicatedThread {
 public:
-	Stay(Hatch *hatch, Peer *peer) : hatch_(hatch), peer_(peer)
+	DedicatedThread(Hatch *hatch, Peer *peer) : hatch_(hatch), peer_(peer)
 	{
 		MutexLock hold_lock(hatch->lock);
-		stand_idle(peer);
-		peer->stayed_with = true;
+		become_idle(peer);
+		peer->dedicated = true;
 	}
-	Stay(const Stay &) = delete;
-	Stay &operator=(const Stay &) = delete;
-	~Stay()
+	DedicatedThread(const DedicatedThread &) = delete;
+	DedicatedThread &operator=(const DedicatedThread &) = delete;
+	~DedicatedThread()
 	{
 		MutexLock hold_lock(hatch_->lock);
-		leave_line(peer_);
-		peer_->stayed_with = false;
+		leave_queue(peer_);
+		peer_->dedicated = false;
 	}
 
 private:
@@ -104,8 +107,8 @@ private:
 	Peer *peer_;
 };
 
-// How far a request that comes in pieces is given pages: by as much again as is there, so that one that comes byte by
-// byte costs little.
+// How far a request that comes in pieces gets its pages: as much again as has come, so that a request that comes byte by byte
+// costs little.
 size_t ahead_of(const Peer &peer)
 {
 	return std::min(peer.request_size, peer.request_have + std::clamp(peer.request_have, page_size, piece_max));
@@ -119,8 +122,8 @@ void fill_to(char *data, size_t end, size_t *filled)
 	*filled = end;
 }
 
-// Has a request of its own memory pay for what it takes by now, and makes room for the next piece; a claim costs no
-// addresses. False, and the request is refused, if that can't be had.
+// Charges a request with memory of its own for what it takes by now, and makes room for its next piece: the size that it
+// claims costs nothing. False, and the request is refused, if that can't be had.
 bool make_room(Hatch *hatch, Peer *peer)
 {
 	const size_t room = std::min(peer->request_size, peer->request_have + piece_max);
@@ -137,7 +140,7 @@ bool receive_pieces(Hatch *hatch, Peer *peer, char *data, size_t *filled, const 
 {
 	for (int messages = 0; peer->request_have < peer->request_size; messages++) {
 		if (messages == messages_max)
-			return false; // to the end of the line
+			return false; // to the end of the queue
 		if (peer->request) {
 			if (!make_room(hatch, peer))
 				return false;
@@ -159,12 +162,12 @@ bool receive_pieces(Hatch *hatch, Peer *peer, char *data, size_t *filled, const 
 	return !peer->request || make_room(hatch, peer);
 }
 
-// Waits a little for the rest of a request. Only for the first time: whoever was too slow is waited for with all others.
+// Waits a little for the rest of a request. Once only: a client that was too slow is waited for in the epoll set.
 bool receive_soon(Hatch *hatch, Peer *peer, char *data, size_t *filled)
 {
-	Turn turn(&hatch->expecting, expecting_max, &peer->account->expecting, *peer->account);
-	const bool waits = turn && hatch->waiting > 0;
-	return receive_pieces(hatch, peer, data, filled, waits ? Deadline::in(expecting_ns) : Deadline::over());
+	const WaitSlot slot(&hatch->receiving, receiving_max, &peer->account->receiving, *peer->account);
+	const bool waits = slot && hatch->waiting > 0;
+	return receive_pieces(hatch, peer, data, filled, waits ? Deadline::in(receiving_ns) : Deadline::over());
 }
 
 // The request counts until its handler is done; by then the peer may hold the rest of a reply instead.
@@ -173,7 +176,7 @@ void complete_own(Hatch *hatch, Peer *peer)
 	Mapping request = std::move(peer->request);
 	{
 		MutexLock hold_lock(hatch->lock);
-		set_held(hatch, peer, 0); // it can't be taken back any more, and is charged all the same
+		set_held(hatch, peer, 0); // it can't be taken back any more; it stays charged
 	}
 	complete(hatch, peer, request.data(), peer->request_size);
 	if (!peer->rest)
@@ -224,7 +227,7 @@ void receive_long(Hatch *hatch, Peer *peer, RequestMemory *memory)
 // What isn't needed for a connection that is only made and closed again.
 void prepare(Peer *peer)
 {
-	const timeval moment = {0, moment_ns / 1000};
+	const timeval moment = {0, dedicated_ns / 1000};
 	(void) setsockopt(peer->socket.get(), SOL_SOCKET, SO_RCVTIMEO, &moment, sizeof moment);
 	peer->piece = prepare_sending(peer->socket.get());
 }
@@ -245,8 +248,8 @@ bool receive_first(Peer *peer, RequestMemory *memory, int flags, Message *messag
 	return true;
 }
 
-// A message speaks for its sender, so it must be the one who connected: else whoever has a program of root's write to
-// its own connection speaks as root. Clients of this library connect as the real user that their messages have.
+// The sender of a message must be the user who connected. Otherwise somebody could get a program of root's to write to a
+// connection of theirs, and speak as root. Clients of this library connect as the real user that their messages have.
 bool speaks_for_itself(const Peer &peer, const struct ucred &sender)
 {
 	return sender.uid == peer.connector || peer.connector == 0;
@@ -281,14 +284,14 @@ bool is_idle(const Peer &peer)
 	return !peer.finished && !peer.request && !peer.rest;
 }
 
-// Waits a little for the next request of a client that asks again and again, which is cheaper than among all others.
-// Meanwhile it counts as idle, and may be dropped. Not while others of a user with a share wait for a thread, nor when that
-// share has become less.
+// Waits a little for the next request of a client that asks again and again. That is cheaper than to arm its event. Meanwhile
+// the connection counts as idle, and may be dropped. Not while other connections of a user with a share are ready, nor if
+// that share has become smaller.
 bool receive_next(Hatch *hatch, Peer *peer, RequestMemory *memory, Message *message)
 {
 	const Account &account = *peer->account;
 	if (hatch->waiting == 0 ||
-	    (!account.exempt && (account.in_line > 0 || account.staying > threads_share(account) / 2)))
+	    (!account.exempt && (account.queued > 0 || account.dedicated > threads_share(account) / 2)))
 		return false;
 	peer->since = now_ns();
 	peer->in_hand = false;
@@ -297,10 +300,10 @@ bool receive_next(Hatch *hatch, Peer *peer, RequestMemory *memory, Message *mess
 	return came;
 }
 
-// Serves a client as long as it asks again soon, if it did so before.
+// Serves a client's request, and its next ones as long as it asks again soon, if it did so before.
 void serve_requests(Hatch *hatch, Peer *peer, RequestMemory *memory)
 {
-	bool stays = peer->called && now_ns() - peer->since < moment_ns;
+	bool stays = peer->called && now_ns() - peer->since < dedicated_ns;
 	Message message;
 	if (!receive_first(peer, memory, MSG_DONTWAIT, &message))
 		return;
@@ -308,16 +311,16 @@ void serve_requests(Hatch *hatch, Peer *peer, RequestMemory *memory)
 	serve_request(hatch, peer, memory, message);
 	if (!stays)
 		return;
-	Turn turn(&hatch->staying, staying_max, &peer->account->staying, *peer->account);
-	if (!turn || !is_idle(*peer))
+	const WaitSlot slot(&hatch->dedicated, dedicated_max, &peer->account->dedicated, *peer->account);
+	if (!slot || !is_idle(*peer))
 		return;
-	Stay stay(hatch, peer);
+	const DedicatedThread here(hatch, peer);
 	while (is_idle(*peer) && receive_next(hatch, peer, memory, &message))
 		serve_request(hatch, peer, memory, message);
 }
 
-// Ends the turn of a connection: it is closed, or waits among all others and may be another thread's at once. That one takes
-// the lock before it closes the connection, and so not before this one is done with it.
+// Ends the turn of a connection: it is closed, or idle with its event armed. Another thread may then have it at once, but
+// can't close it before this one has given up the lock.
 void end(Hatch *hatch, Peer *peer)
 {
 	const uint32_t events = peer->rest ? EPOLLOUT : EPOLLIN | EPOLLRDHUP;
@@ -327,10 +330,10 @@ void end(Hatch *hatch, Peer *peer)
 		Account *account = peer->account;
 		if (!finished) {
 			peer->in_hand = false;
-			stand_idle(peer);
+			become_idle(peer);
 			finished = arm(*hatch, EPOLL_CTL_MOD, peer->socket.get(), events, peer) != 0;
 			if (finished)
-				leave_line(peer);
+				leave_queue(peer);
 		}
 		end_turn(hatch, account);
 		if (finished)

@@ -1,9 +1,47 @@
-// The server's side: a hatch, its connections and their users, and the threads that serve them.
+// The server's side of a hatch. This is the room's plan; the client's side is call.h, connections.h and connect.h.
 //
-// All threads of a hatch wait in one epoll set. An event of a connection is disarmed when it is read; the connection then
-// lines up behind the others of its user, and the users that have something to do stand in a ring. A thread takes the first user's
-// first connection, and has it to itself until its turn is over: only it closes the connection. Whoever begins to run a
-// handler, or to wait for one client alone, sees to it that another thread waits for all of them, up to a bound.
+// Threads
+//   The threads of a hatch are its own, started when they are needed, at most HATCH_THREADS_MAX (start_thread()). All of
+//   them wait in one epoll set. Two wait for ever, others end after 5 s without work. A thread that is about to run a
+//   handler, or to wait for one client alone, first makes sure that another thread waits in the set (ensure_waiting()): a
+//   handler may block as long as it likes.
+//   A thread is dedicated to a connection while it waits some milliseconds for that client's next request: most of what a
+//   small call costs is waking a thread. Few threads are dedicated at a time, and fewer for one user.
+//
+// Fairness
+//   Whose a connection is decides, not how many it has. Connections with something to do wait in a ready queue of their
+//   user (Account). Users whose ready queue isn't empty stand in a ring, and each thread takes the next user's first
+//   connection: users take turns. A user has a share of the threads (threads_share()), of the memory (pool.h) and of the
+//   connections; root and the server's own user are exempt from the shares.
+//
+// Life of a connection
+//   accept_peers() takes it in, idle, its event armed once (EPOLLONESHOT). Its event moves it to the ready queue
+//   (deal_out()). begin_turn() hands it to one thread, which has it to itself until end_turn(): only that thread reads from
+//   it, writes to it and closes it. A turn receives what has come of a request, or runs one call, or sends more of a reply;
+//   then the connection is idle again, with its event armed, or it is closed.
+//   Another thread may end a connection from outside only by drop(): it shuts the socket down and stops counting it; the
+//   thread that reads the resulting event closes it.
+//
+// Life of a hatch
+//   hatch_create() makes it, in the list of the process. fattach() puts its record and its listening socket into the file
+//   system (attach_point.h) and starts its first thread. hatch_revoke() takes the record and the socket away, refuses new
+//   requests, waits for its threads (running handlers reply before) and frees it. A handler that revokes its own hatch
+//   leaves it an orphan, which its last thread frees. A forked child gets none of it: renew() in hatches.cc.
+//
+// Locks, in the order in which they are taken
+//   the list's (hatches.cc)   which hatches there are; held around attaching, evicting, draining
+//   Hatch::lock               all of a hatch but its atomics, with its connections' queues and accounts; a few instructions,
+//                             but for attaching
+//   Hatch::accept_lock        the listener; around an accept
+//   the pool's (pool.cc)      what users hold, in all hatches
+//   Fields of a connection that no lock guards belong to the thread that has the connection. Atomics are counters that may
+//   be a little old where they are read without the lock.
+//
+// What a client can't do
+//   Hold up a thread: nothing waits for a client but for a bounded time. Be somebody else: each message has the kernel's
+//   word for its sender, who must be the user who connected. Hand over descriptors: they are refused or closed. Make the
+//   process hold more than its user's share. Keep a thread of another user's from its turn. Have a request carried out
+//   twice, or half of one.
 #ifndef MERIDON_HATCH_SERVER_H
 #define MERIDON_HATCH_SERVER_H
 
@@ -19,18 +57,21 @@
 #include "base/guards.h"
 #include "base/row.h"
 #include "base/thread_safety.h"
+#include "hatch/attach_point.h"
+#include "hatch/hatches.h"
 #include "hatch/mapping.h"
 #include "hatch/pool.h"
 #include "hatch/record.h"
+#include "hatch/user_table.h"
 #include "hatch/wire.h"
 
 namespace hatch {
 
-// What a thread keeps between calls, for requests and for replies: a large one comes in again, and fresh pages cost more
-// than the bytes in them. A MiB, and what callers put around it.
+// What a thread keeps between calls, for requests and for replies: large ones often come in a row, and fresh pages cost
+// more than the bytes in them. A MiB, and what callers put around it.
 inline constexpr size_t memory_kept = (1U << 20) + (64U << 10);
 
-// Where a thread receives requests: a head, and the payload behind it.
+// Where a thread receives requests: a head, followed by the payload.
 struct RequestMemory {
 	Mapping map;
 	size_t filled = 0; // payload bytes that have their pages
@@ -46,47 +87,47 @@ struct RequestMemory {
 
 struct Account;
 
-// Which line of its user's a connection stands in: `idle` with its event armed, `waiting` for a thread, or none while a
-// thread has it. One that a thread stays with stands in `idle` all the while.
-enum class Standing { none, idle, waiting };
+// Which queue of its user a connection is in: `idle` with its event armed, `ready` for a thread, or none while a thread has
+// it. One with a dedicated thread stays in `idle`, so that it can be dropped.
+enum class Queue { none, idle, ready };
 
-// A connection of a client's. What isn't said otherwise is the thread's that has it.
+// A connection from a client. Fields without another word are those of the thread that has the connection.
 struct Peer {
 	Peer(Fd taken, uid_t made_by, uid_t whose)
 	    : socket(std::move(taken)), connector(made_by), owner(whose), charge(whose)
 	{}
 
 	// Guarded by the hatch's lock.
-	Links<Peer> all;  // in the hatch
-	Links<Peer> line; // in its user's idle or waiting ones
-	Links<Peer> hold; // in its user's holding ones
+	Links<Peer> all;   // in the hatch
+	Links<Peer> queue; // in its user's idle or ready ones
+	Links<Peer> hold;  // in its user's holding ones
 	Account *account = nullptr;
-	Standing standing = Standing::none;
-	int64_t held_since = 0;   // when what it holds began
-	bool dropped = false;     // shut from outside; it doesn't count any more
-	bool stayed_with = false; // idle, and a thread waits for its next request
+	Queue in_queue = Queue::none;
+	int64_t held_since = 0; // when it began to hold something
+	bool dropped = false;   // shut down from outside; it doesn't count any more
+	bool dedicated = false; // a thread waits for its next request
 
 	Fd socket;
 	const uid_t connector;                // the user who connected
-	const uid_t owner;                    // whose all is that the connection costs
-	std::atomic<bool> in_hand{true};      // a thread deals with it
+	const uid_t owner;                    // the user who is charged for it
+	std::atomic<bool> in_hand{true};      // a thread has it
 	std::atomic<size_t> held{0};          // bytes that it makes the hatch hold; changed under the lock
 	Charge charge;                        // for the same
-	size_t piece = 0;                     // payload that a message of ours can have; 0: not asked yet
-	std::atomic<int64_t> since{now_ns()}; // it was made, or its last call ended
+	size_t piece = 0;                     // the payload that one of our messages can have; 0: not asked yet
+	std::atomic<int64_t> since{now_ns()}; // when it was made, or its last call ended
 	Mapping request;                      // a request that comes slowly, or is too large for the thread's memory
 	size_t request_size = 0;
 	size_t request_have = 0;
 	struct ucred sender = {}; // who sent the request
 	Mapping rest;             // what is left of a reply that the client didn't take at once
 	size_t rest_sent = 0;
-	bool called = false;   // a request came over it
-	bool finished = false; // to be closed by its owner
+	bool called = false;   // it has sent a request
+	bool finished = false; // its thread is to close it
 };
 
-using Line = Row<Peer, &Peer::line>;
+using PeerQueue = Row<Peer, &Peer::queue>;
 
-// What a user has of a hatch. It lives while the user has connections. Guarded by the hatch's lock, but for the atomics.
+// What one user has of a hatch. It lives while the user has connections. Guarded by the hatch's lock, but for the atomics.
 struct Account {
 	Account(uid_t user, bool all) : uid(user), exempt(all) {}
 
@@ -96,23 +137,21 @@ struct Account {
 	size_t connections = 0;  // dropped ones too
 	size_t peers = 0;        // without them
 	size_t held = 0;         // bytes
-	int running = 0;         // threads that deal with its connections
-	Line idle;               // by their last use
-	Line waiting;
+	int running = 0;         // threads that have one of its connections
+	PeerQueue idle;          // by their last use
+	PeerQueue ready;
 	Row<Peer, &Peer::hold> holding; // by the time when it began
 
-	Links<Account> turn; // in the ring: it has connections that wait, and may have another thread
+	Links<Account> turn; // in the ring: it has ready connections, and may have another thread
 	bool in_ring = false;
 	Links<Account> by_peers, by_held; // among those with about as many
 	int peers_rank = 0, held_rank = 0;
 
-	std::atomic<size_t> in_line{0}; // waiting connections
-	std::atomic<int> staying{0};    // threads that wait for the next request of one client
-	std::atomic<int> expecting{0};  // threads that wait for the next piece of one request
-
+	std::atomic<size_t> queued{0}; // ready connections
+	std::atomic<int> dedicated{0}; // threads that wait for the next request of one client
+	std::atomic<int> receiving{0}; // threads that wait for the next piece of one request
 	std::atomic<unsigned> calls{0};
-	std::atomic<int64_t> call_us{
-	    0}; // processor time of a call that waits for nothing, the average of the last ones
+	std::atomic<int64_t> call_us{0}; // processor time of a call that waits for nothing, an average of the last ones
 };
 
 // The users by what they have, in powers of two: the one with most, or about, is found without a look at the others.
@@ -136,17 +175,7 @@ struct Ranking {
 	}
 };
 
-// A place in the file system. Guarded by the hatch's lock; all of it is empty while the hatch isn't attached.
-struct Place {
-	Fd directory;
-	Fd record; // open and locked: the sign of life
-	Fd listener;
-	Id id;
-};
-
 struct Hatch {
-	static constexpr size_t buckets = 256;
-
 	Hatch *next; // in the process's list
 	int fd;      // what the owner was given, and which socket it must still be
 	ino_t inode;
@@ -163,9 +192,9 @@ struct Hatch {
 
 	Mutex lock;
 	CondVar ended; // a thread has ended
-	Place place GUARDED_BY(lock);
+	AttachPoint point GUARDED_BY(lock);
 	Row<Peer, &Peer::all> peers GUARDED_BY(lock);
-	Account *accounts[buckets] GUARDED_BY(lock);
+	UserTable<Account, 256> accounts GUARDED_BY(lock);
 	Row<Account, &Account::turn> ring GUARDED_BY(lock);
 	Ranking<&Account::by_peers, &Account::peers, &Account::peers_rank> most_peers GUARDED_BY(lock);
 	Ranking<&Account::by_held, &Account::held, &Account::held_rank> most_held GUARDED_BY(lock);
@@ -174,75 +203,52 @@ struct Hatch {
 	bool paused GUARDED_BY(lock); // no descriptors to accept with
 	bool timer_runs GUARDED_BY(lock);
 	Mutex accept_lock;                          // after `lock`, never before it
-	int listening GUARDED_BY(accept_lock) = -1; // the listener, as long as it may be accepted from; else -1
+	int listening GUARDED_BY(accept_lock) = -1; // the listener while it may be accepted from; else -1
 	std::atomic<bool> revoked;
 	std::atomic<int> waiting;    // threads that wait for an event
-	std::atomic<int> staying;    // threads that wait for the next request of one client
-	std::atomic<int> expecting;  // threads that wait for the next piece of one request
+	std::atomic<int> dedicated;  // threads that wait for the next request of one client
+	std::atomic<int> receiving;  // threads that wait for the next piece of one request
 	std::atomic<size_t> in_ring; // users
 	std::atomic<size_t> live;    // connections that aren't dropped
 	std::atomic<size_t> held;    // bytes, all peers'
 };
 
-// ---- The process's hatches (hatches.cc) ----
+// ---- Users and their queues (accounts.cc) ----
 
-// Finds the hatch that a descriptor stands for and locks the list, so that it isn't revoked meanwhile. NULL: none.
-class FoundHatch {
-public:
-	explicit FoundHatch(int fd);
-	~FoundHatch();
-	FoundHatch(const FoundHatch &) = delete;
-	FoundHatch &operator=(const FoundHatch &) = delete;
-	Hatch *operator->() const { return hatch_; }
-	Hatch &operator*() const { return *hatch_; }
-	explicit operator bool() const { return hatch_ != nullptr; }
-
-private:
-	Hatch *hatch_;
-};
-
-bool is_own_hatch(int fd);
-// Frees a hatch that has no threads left.
-void destroy(Hatch *hatch);
-// Makes room for a new connection, or for bytes, at the hatch that has most of them. Called without a hatch's lock.
-void push_out_connection(const Peer *but);
-void push_out_held();
-
-// ---- Users and their lines (accounts.cc) ----
-
-// What all hatches of the process have: connections that aren't dropped, bytes that they hold.
+// What all hatches of the process have: connections that aren't dropped, bytes that they hold, threads.
 extern std::atomic<size_t> all_live;
 extern std::atomic<size_t> all_held;
 extern std::atomic<int> all_threads;
 
 // Threads that one user's connections may have at a time.
 int threads_share(const Account &account);
-// Take note of the processor time that a call took, 0 if it waited; of a turn that received a part of a request and no more.
+// Takes note of the processor time that a call took, 0 if it waited.
 void note_call(Account *account, int64_t us);
+// Takes note of a turn that received a part of a request and no more.
 void note_part(Account *account);
-// Takes a new connection in, as one that a thread has. False: no memory.
+// Takes a new connection in; the calling thread has it. False: no memory.
 bool join(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock);
-// Takes a connection out, which stands in no line. The caller deletes it, best without the lock.
+// Takes out a connection that is in no queue. The caller deletes it, best without the lock.
 void leave(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock);
-void stand_idle(Peer *peer);
-// Takes a connection out of the line it stands in, if any.
-void leave_line(Peer *peer);
-// Has an idle connection wait for a thread.
-void line_up(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock);
-// Gives the connection whose turn it is, for the calling thread to deal with. NULL: none.
+void become_idle(Peer *peer);
+// Takes a connection out of its queue, if it is in one.
+void leave_queue(Peer *peer);
+// Makes a connection ready for a thread.
+void enqueue(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock);
+// Gives the calling thread the connection whose turn it is. NULL: none.
 Peer *begin_turn(Hatch *hatch) REQUIRES(hatch->lock);
 void end_turn(Hatch *hatch, Account *account) REQUIRES(hatch->lock);
 void set_held(Hatch *hatch, Peer *peer, size_t bytes) REQUIRES(hatch->lock);
-// A dropped connection doesn't count, nor does what it holds.
+// Stops counting a connection and what it holds.
 void count_out(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock);
-// Of the user with most: the connection whose last use is longest ago, or which has held something for longest. NULL: none
-// that no thread deals with.
+// Of the user with most: the connection whose last use is longest ago, or which has held something for longest. NULL if
+// threads have all of them.
 Peer *longest_unused(Hatch *hatch, const Peer *but, size_t bound) REQUIRES(hatch->lock);
 Peer *longest_holding(Hatch *hatch) REQUIRES(hatch->lock);
 
 // ---- Threads (threads.cc) ----
 
-// Handlers and what else needs a thread, at a time.
+// Threads that all hatches of the process may have together.
 int threads_max();
 // Starts a thread for a hatch, unless it has as many as it may. Errors: 0, or an errno value.
 int start_thread(Hatch *hatch) REQUIRES(hatch->lock);
@@ -251,30 +257,30 @@ void ensure_waiting(Hatch *hatch);
 
 // ---- Connections (peers.cc) ----
 
-// Has the set of events tell once of a descriptor. Errors: 0, or an errno value.
+// Arms one event of a descriptor in the epoll set. Errors: 0, or an errno value.
 int arm(const Hatch &hatch, int how, int fd, uint32_t events, void *what);
-// Takes connections that wait at the listener.
+// Accepts connections that wait at the listener.
 void accept_peers(Hatch *hatch);
-// Drops what is held for too long, and accepts again.
+// Drops what is held for too long, and resumes accepting.
 void tick(Hatch *hatch);
 // Begins to accept at the listener, which is new to the hatch. Errors: 0, or an errno value.
 int watch_listener(Hatch *hatch) REQUIRES(hatch->lock);
-// Accepts no more, before the listener is closed.
+// Stops accepting, before the listener is closed.
 void forget_listener(Hatch *hatch) REQUIRES(hatch->lock);
 // Accepts again, if that was paused for want of descriptors.
 void resume_accepting(Hatch *hatch) REQUIRES(hatch->lock);
-// Ends a connection from outside that no thread has.
+// Ends a connection from outside; no thread has it.
 void drop(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock);
 // Refuses new requests: connections that no handler runs for are ended, the others when they have their reply.
 void hang_up(Hatch *hatch) REQUIRES(hatch->lock);
-// Counts bytes that a peer makes the hatch hold, and drops others when it is too much. False, and nothing is counted, if
-// that is more than its user may have: nobody needs a right to send bytes.
+// Counts bytes that a peer makes the hatch hold, and drops others if that is too much. False, and nothing is counted, if it
+// is more than its user may have: nobody needs a right to send bytes.
 bool hold(Hatch *hatch, Peer *peer, size_t bytes);
 void unhold(Hatch *hatch, Peer *peer);
 
 // ---- Requests (requests.cc) ----
 
-// Deals with a connection that has something to read, or room to send into, and ends its turn.
+// Serves a connection that has something to read, or room to send into, and ends its turn.
 void serve_peer(Hatch *hatch, Peer *peer, RequestMemory *memory);
 
 // ---- Calls (handler.cc) ----
@@ -291,7 +297,7 @@ void free_reply_memory();
 void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, size_t size);
 // Sends a refusal to a connection that is dropped.
 void send_refusal(const Peer &peer, Refusal refusal);
-// Goes on with a rest.
+// Goes on sending a rest.
 void send_rest(Hatch *hatch, Peer *peer);
 
 } // namespace hatch

@@ -12,20 +12,20 @@ namespace hatch {
 namespace {
 
 constexpr size_t stack_size = 2U << 20;
-constexpr int spare_max = 2;      // threads that wait for ever
-constexpr int spare_ms = 5'000;   // for how long the others do
-constexpr int keeping_ms = 1'000; // and for how long with the memory that they keep
+constexpr int spare_max = 2;      // threads that wait without end
+constexpr int spare_ms = 5'000;   // how long the others wait
+constexpr int keeping_ms = 1'000; // how long a thread keeps its memory
 
-// Threads that each hatch may have, however many the others have; and what each takes of the pool's size at most, which it
-// isn't counted in.
+// Threads that each hatch may have, however many the others have; and the part of the pool's size for which one thread is
+// allowed. What a thread itself takes isn't counted in the pool.
 constexpr int threads_min = 8;
 constexpr size_t thread_memory = size_t{16} << 20;
 
-// Events that are read at once when nobody else reads any.
+// Events that a thread reads at once if no other thread waits for any.
 constexpr int batch_max = 64;
 
-// How long a thread waits for an event, by how many wait; one that keeps memory gives it back first.
-int patience_of(const Hatch &hatch, const RequestMemory &memory)
+// How long a thread waits for an event: that depends on how many wait. One that keeps memory gives that back first.
+int timeout_of(const Hatch &hatch, const RequestMemory &memory)
 {
 	if (hatch.in_ring > 0)
 		return 0;
@@ -34,23 +34,23 @@ int patience_of(const Hatch &hatch, const RequestMemory &memory)
 	return hatch.waiting > spare_max ? spare_ms : -1;
 }
 
-// Waits for events. Gives their number, or -1 when the thread has to end. The thread counts as waiting when it comes here,
-// and no longer when it leaves.
+// Waits for events. Gives their number, or -1 when the thread has to end. The thread counts as waiting on entry, and no longer
+// on return.
 int wait_for_events(Hatch *hatch, RequestMemory *memory, struct epoll_event *events)
 {
 	for (;;) {
-		const int patience = patience_of(*hatch, *memory);
-		const int most = patience == 0 || hatch->waiting <= 1 ? batch_max : 1;
-		int count = epoll_wait(hatch->events.get(), events, most, patience);
+		const int timeout_ms = timeout_of(*hatch, *memory);
+		const int most = timeout_ms == 0 || hatch->waiting <= 1 ? batch_max : 1;
+		int count = epoll_wait(hatch->events.get(), events, most, timeout_ms);
 		int error = errno;
 		int waiting = hatch->waiting--;
-		if (hatch->revoked || (count == 0 && patience == spare_ms && waiting > spare_max))
+		if (hatch->revoked || (count == 0 && timeout_ms == spare_ms && waiting > spare_max))
 			return -1;
 		if (count > 0 || hatch->in_ring > 0)
 			return std::max(count, 0);
 		if (count == -1 && error != EINTR)
-			return -1; // closed by a fork that this thread came through
-		if (count == 0 && patience == keeping_ms) {
+			return -1; // in a forked child, which has closed the set
+		if (count == 0 && timeout_ms == keeping_ms) {
 			memory->give_up();
 			free_reply_memory();
 		}
@@ -58,7 +58,7 @@ int wait_for_events(Hatch *hatch, RequestMemory *memory, struct epoll_event *eve
 	}
 }
 
-// True for a connection that its client, or drop(), has ended, with nothing left to read.
+// Whether a client, or drop(), has ended a connection, with nothing left to read.
 bool has_ended(const Peer &peer, uint32_t events)
 {
 	int unread = 0;
@@ -66,7 +66,7 @@ bool has_ended(const Peer &peer, uint32_t events)
 	       unread == 0;
 }
 
-// What a number of events is about.
+// Events, by what they are about.
 struct Batch {
 	Peer *ready[batch_max];
 	Peer *ended[batch_max];
@@ -81,7 +81,7 @@ struct Batch {
 			void *what = events[i].data.ptr;
 			if (what == &hatch.timer)
 				timer = true;
-			else if (what == &hatch.place.listener)
+			else if (what == &hatch.point.listener)
 				listener = true;
 			else if (what != &hatch.stop && what != &hatch.wake)
 				add(static_cast<Peer *>(what), events[i].events);
@@ -96,14 +96,14 @@ struct Batch {
 	}
 };
 
-// Puts connections into their lines, and takes those out that have ended. Gives the one whose turn it is.
+// Makes connections ready, and takes out those that have ended. Gives the one whose turn it is.
 Peer *deal_out(Hatch *hatch, const Batch &batch)
 {
 	MutexLock hold(hatch->lock);
 	for (int i = 0; i < batch.ready_count; i++)
-		line_up(hatch, batch.ready[i]);
+		enqueue(hatch, batch.ready[i]);
 	for (int i = 0; i < batch.ended_count; i++) {
-		leave_line(batch.ended[i]);
+		leave_queue(batch.ended[i]);
 		leave(hatch, batch.ended[i]);
 	}
 	if (batch.ended_count > 0 && hatch->paused)
@@ -111,7 +111,7 @@ Peer *deal_out(Hatch *hatch, const Batch &batch)
 	return batch.listener || batch.timer ? nullptr : begin_turn(hatch);
 }
 
-// Gives the next connection to deal with; NULL when the thread has to end.
+// Gives the next connection to serve; NULL when the thread has to end.
 Peer *next_peer(Hatch *hatch, RequestMemory *memory)
 {
 	for (;;) {
@@ -182,7 +182,7 @@ int start_thread(Hatch *hatch)
 	(void) pthread_attr_setstacksize(&attributes, stack_size);
 	(void) pthread_attr_setsigmask_np(&attributes, &hatch->signals);
 	pthread_t thread;
-	hatch->waiting++; // a thread on its way is as good as there: nobody needs to start another one
+	hatch->waiting++; // already now, so that nobody starts another one
 	int error = pthread_create(&thread, &attributes, thread_main, hatch);
 	(void) pthread_attr_destroy(&attributes);
 	if (error == 0)

@@ -9,13 +9,13 @@
 namespace hatch {
 namespace {
 
-#ifndef SO_PASSRIGHTS // younger than the headers here; the number of all architectures that share the generic ones
+#ifndef SO_PASSRIGHTS // headers may not know it yet; the number that all architectures but a few have
 #define SO_PASSRIGHTS 83
 #endif
 
 constexpr int refusal_errnos[] = {0, ENOBUFS, ENOTSUP, ECONNABORTED, ENOMEM, EBADF};
 
-// Room for a credential and as many descriptors as a message can have: the kernel closes what is beyond, and may wait.
+// Room for a credential and as many descriptors as a message can have: the kernel would close what doesn't fit, and may wait.
 constexpr size_t descriptors_max = 253;
 constexpr size_t control_size = CMSG_SPACE(sizeof(struct ucred)) + CMSG_SPACE(descriptors_max * sizeof(int));
 
@@ -56,7 +56,7 @@ int refusal_errno(uint32_t refusal)
 
 size_t prepare_sending(int fd)
 {
-	// The kernel doubles what is asked for, and has a bound of its own for it.
+	// The kernel doubles the number, and bounds it.
 	int wish = static_cast<int>(piece_max);
 	(void) setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &wish, sizeof wish);
 	int got = 0;
@@ -87,7 +87,7 @@ Message receive_message(int fd, iovec *parts, size_t count, int flags)
 	if (message.size <= 0)
 		return message;
 	message.whole = (header.msg_flags & MSG_TRUNC) == 0;
-	// More descriptors than the process may open are cut off: it had some.
+	// Descriptors beyond what the process may open are cut off, so there were some.
 	message.descriptors = (header.msg_flags & MSG_CTRUNC) != 0;
 	read_control(&header, &message);
 	return message;

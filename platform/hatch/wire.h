@@ -1,4 +1,4 @@
-// What travels between the two ends of a call. docs/formats/hatch-wire.md is the page for it.
+// Messages between the two ends of a call: docs/formats/hatch-wire.md.
 //
 // A request and a reply are each a head and `size` bytes of payload: the head and the first bytes in one message of a
 // SOCK_SEQPACKET socket, the rest in further messages without a head. No message has more than piece_max of payload.
@@ -30,30 +30,29 @@ struct ReplyHead {
 inline constexpr size_t head_size = 16;
 static_assert(sizeof(RequestHead) == head_size && sizeof(ReplyHead) == head_size);
 
-// Why a call got no reply of the handler's.
+// Why a call got no reply from the handler.
 enum class Refusal : uint32_t { none, too_short, descriptors, no_reply, no_memory, other_user };
 
-// The errno value that a client sees for it. Numbers that no server of ours sends give EPROTO.
+// The errno value that a client sees for it. EPROTO for numbers that no server of ours sends.
 int refusal_errno(uint32_t refusal);
 
-// Widens a socket's send buffer as far as an ordinary process may, and gives the payload that a message can then have.
+// Widens a socket's send buffer as far as the kernel lets it, and gives the payload that a message can then have.
 size_t prepare_sending(int fd);
 
-// Has the kernel refuse messages with descriptors to a socket, and to what a listener accepts later: what somebody else
-// made can hold up whoever closes it last. Kernels before 6.16 can't; there, receive_message() does what can be done.
+// Has the kernel refuse messages with descriptors to a socket, and to what a listener accepts later: closing a file that a
+// stranger made can take as long as the stranger likes. Kernels before 6.16 can't; there receive_message() does what it can.
 void refuse_descriptors(int fd);
 
 // A message that was received, and what came with it.
 struct Message {
 	ssize_t size;        // bytes of it that fitted; 0 at the end of the connection, -1 with errno
-	bool whole;          // nothing of it was cut off
+	bool whole;          // nothing was cut off
 	bool descriptors;    // it carried descriptors, which are closed
 	bool signed_;        // the kernel named its sender
 	struct ucred sender; // who, if so
 };
 
-// Receives one message. Descriptors that come along are closed: no hatch carries any. A socket among them is closed without
-// waiting for what it has to send yet.
+// Receives one message. Descriptors that come along are closed, sockets among them without a wait for their unsent data.
 Message receive_message(int fd, iovec *parts, size_t count, int flags);
 
 // Sends one message. Errors: 0, or an errno value.

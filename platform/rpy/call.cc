@@ -3,10 +3,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <sys/mman.h>
 
 #include <meridon/hatch.h>
 
+#include "base/hatch_client.h"
 #include "base/memory_bound.h"
 #include "hatch/call.h"
 #include "rpy/handle.h"
@@ -32,17 +32,6 @@ rpy_error_t call_error(int error)
 		return RPY_ERROR_INTERNAL;
 	}
 }
-
-// A mapping that a call gave.
-struct FreshReply {
-	hatch_arg_t *arg;
-	const char *own;
-	~FreshReply()
-	{
-		if (arg->rbuf != own)
-			(void) munmap(arg->rbuf, arg->rsize);
-	}
-};
 
 } // namespace
 
@@ -106,7 +95,7 @@ rpy_error_t Call::exchange(rpy_handle_t *handle, Budget *budget)
 	is_open = hatch::fate_is_open() && !request_of(op).is(Request::repeatable);
 	if (result == -1)
 		return call_error(errno);
-	FreshReply fresh = {&arg, room};
+	const FreshReply fresh(arg, room);
 	budget->take(arg.data_size);
 	return keep({arg.data_ptr, arg.data_size});
 }

@@ -12,6 +12,7 @@
 
 #include "base/clock.h"
 #include "base/files.h"
+#include "base/hatch_client.h"
 #include "rpy/object.h"
 
 namespace rpy {
@@ -169,7 +170,7 @@ int rpy_handle_bind(rpy_handle_t *handle)
 	struct stat kind;
 	hatch_info_t info;
 	if (fstat(hatch.get(), &kind) == -1 || !S_ISREG(kind.st_mode) || kind.st_nlink != 1 ||
-	    hatch_info(hatch.get(), &info) == -1 || (info.di_attributes & HATCH_REVOKED) != 0)
+	    !is_living_hatch(hatch.get(), &info))
 		return fail(RPY_ERROR_NO_SERVER);
 	handle->hatch = std::move(hatch);
 	handle->daemon = info.di_target;

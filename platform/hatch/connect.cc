@@ -1,7 +1,7 @@
-// Nothing on this road is trusted: links are not followed out of the directory in which the attached file lies, and the
-// file must be there under one name only. Else a record that somebody copied or linked into a directory of their own
-// would lead to a socket of theirs.
-#include "hatch/road.h"
+// Connecting trusts nothing on the way: no link is followed out of the directory in which the attached file lies, and the
+// file must be there under one name only. Otherwise somebody could copy or link a record into a directory of their own, and
+// it would lead to their socket.
+#include "hatch/connect.h"
 
 #include <cerrno>
 #include <climits>
@@ -22,8 +22,8 @@
 namespace hatch {
 namespace {
 
-// Callers read most errno values as something about an object of theirs: a road that can't be gone is EBADF.
-int road_error(int error)
+// Callers read most errno values as something about an object of theirs. So a server that can't be reached is EBADF.
+int connect_error(int error)
 {
 	switch (error) {
 	case EINTR:
@@ -39,7 +39,7 @@ int road_error(int error)
 	}
 }
 
-// Opens the directory of the file behind `fd` and cuts `path` down to the file's name in it.
+// Opens the directory of the file that `fd` stands for; *name is the file's name in it.
 int open_directory(int fd, char (&path)[PATH_MAX], const char **name, Fd *directory)
 {
 	char link[48];
@@ -76,9 +76,9 @@ int open_socket_file(int directory, const Id &id, Fd *out)
 	return S_ISSOCK(st.st_mode) ? 0 : EBADF;
 }
 
-// The kernel names a connection's maker by the effective user, and the sender of a message by the real one; a server refuses
-// messages of others than the maker, unless that is root. So a thread that has two users connects as the real one, and only
-// if it surely comes back. The system calls are for this thread alone.
+// To the kernel a connection's maker is the effective user, and a message's sender the real one; a server refuses messages from
+// others than the maker, unless the maker is root. So a thread with two users connects as the real one, and only if it is
+// sure to get the effective one back. The system calls change this thread alone.
 class RealUser {
 public:
 	RealUser()
@@ -95,9 +95,9 @@ public:
 		if (!changed_)
 			return;
 		if (syscall(SYS_setresuid, -1, effective_, -1) == -1)
-			abort(); // not as somebody else
+			abort(); // it must not go on as somebody else
 		if (capabilities_known_)
-			(void) syscall(SYS_capset, &head_, capabilities_); // what it had, it may have
+			(void) syscall(SYS_capset, &head_, capabilities_); // a thread may set what it had
 	}
 	RealUser(const RealUser &) = delete;
 	RealUser &operator=(const RealUser &) = delete;
@@ -142,7 +142,7 @@ pid_t server_of(int socket_fd)
 
 } // namespace
 
-int connect_road(int fd, const Attachment &attachment, int seconds, Fd *out, pid_t *server)
+int connect_to_server(int fd, const Attachment &attachment, int seconds, Fd *out, pid_t *server)
 {
 	char path[PATH_MAX];
 	const char *name = "";
@@ -151,13 +151,13 @@ int connect_road(int fd, const Attachment &attachment, int seconds, Fd *out, pid
 	if (!read_record(fd, &id) || mark_of(id) != attachment.mark)
 		return EBADF;
 	if (int error = open_directory(fd, path, &name, &directory))
-		return road_error(error);
+		return connect_error(error);
 	if (!lies_in(attachment, directory.get(), name))
 		return EBADF;
 	if (int error = open_socket_file(directory.get(), id, &file))
-		return road_error(error);
+		return connect_error(error);
 	if (int error = connect_file(file.get(), seconds, out))
-		return road_error(error);
+		return connect_error(error);
 	*server = server_of(out->get());
 	return 0;
 }
