@@ -2,26 +2,22 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <random>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
+#include "base/clock.h"
 #include "base/memory_bound.h"
 #include "hatch/pool.h"
-#include "hatch/record.h"
-#include "hatch/wire.h"
-#include "hatch_peer.h"
+#include "hatch_socket.h"
 #include "lists.h"
 #include "scratch.h"
 
@@ -31,16 +27,6 @@ namespace {
 
 constexpr size_t mib = size_t{1} << 20;
 constexpr uid_t stranger = 1001;
-
-// What a thread of this process does as another user.
-template <typename Do>
-void as_user(uid_t user, const Do &what)
-{
-	std::thread([&] {
-		become(user, user);
-		what();
-	}).join();
-}
 
 // ---- Memory ----
 
@@ -89,29 +75,6 @@ public:
 	FixedPool &operator=(const FixedPool &) = delete;
 	~FixedPool() { set_pool_size(0); }
 };
-
-TEST(HatchMemory, GreedyUsersLeaveAPartForTheNextAndAnEighthForRoot)
-{
-	const size_t size = 64 * mib, piece = mib / 64;
-	FixedPool pool(size);
-	std::vector<std::unique_ptr<Charge>> users;
-	for (uid_t k = 1; k <= 8; k++) {
-		users.push_back(std::make_unique<Charge>(100'000 + k));
-		while (users.back()->resize(users.back()->bytes() + piece))
-			;
-		const size_t share = (size - size / 8) / (k * (k + 1));
-		EXPECT_NEAR(static_cast<double>(users.back()->bytes()), static_cast<double>(share), 16 * piece) << k;
-	}
-	Charge root(0);
-	EXPECT_FALSE(users.front()->resize(users.front()->bytes() + piece));
-	EXPECT_TRUE(root.resize(size - pool_held()));
-	EXPECT_GE(root.bytes(), size / 8);
-	EXPECT_FALSE(root.resize(root.bytes() + 1)) << "the whole is everybody's bound";
-	EXPECT_FALSE(users.back()->resize(SIZE_MAX));
-	EXPECT_TRUE(users.back()->resize(1)) << "less is never refused";
-	users.clear();
-	EXPECT_EQ(pool_held(), root.bytes());
-}
 
 // Any users, any sizes: the sum is right, what is granted is what the rule says, and all comes back.
 TEST(HatchMemory, ChargesAddUpWhateverIsAskedFor)
@@ -204,7 +167,7 @@ TEST(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
 	Scratch scratch;
 	ASSERT_EQ(chmod(scratch.directory().c_str(), 0755), 0);
 	LocalHatch served(scratch.path("hatch"), amplify);
-	auto as_bytes = [](const Ask &ask) { return std::string(reinterpret_cast<const char *>(&ask), sizeof ask); };
+	auto as_bytes = [](const Ask &ask) { return request_of(ask).substr(head_size); };
 	const std::string lists = empty_lists(4 * mib);
 	struct Case {
 		const char *what;
@@ -232,7 +195,7 @@ TEST(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
 	};
 	for (const Case &one : cases) {
 		int seen = -1;
-		as_user(stranger, [&] { seen = outcome(one.request); });
+		thread_as(stranger, [&] { seen = outcome(one.request); });
 		EXPECT_EQ(seen, one.of_stranger) << one.what;
 		EXPECT_EQ(outcome(one.request), one.of_root) << one.what;
 	}
@@ -255,10 +218,10 @@ void be_busy(void *cookie, char *, size_t, hatch_desc_t *, unsigned int)
 	const int now = ++busy->now;
 	if (now > busy->most)
 		busy->most = now;
-	const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(2);
+	const Deadline end = Deadline::in(2 * millisecond_ns);
 	if (!busy->computes)
-		usleep(2'000);
-	while (std::chrono::steady_clock::now() < end)
+		sleep_ns(2 * millisecond_ns);
+	while (!end.has_passed())
 		;
 	busy->now--;
 	busy->calls++;
@@ -300,38 +263,9 @@ TEST(HatchThreads, AUserHasMoreForCallsThatWaitThanForThoseThatCompute)
 
 // ---- Floods ----
 
-// Makes connections to the socket itself.
-class Flooder {
-public:
-	explicit Flooder(const std::string &path)
-	{
-		Id id = {};
-		EXPECT_TRUE(read_record(open_hatch(path).get(), &id));
-		address_.sun_family = AF_UNIX;
-		(path.substr(0, path.rfind('/') + 1) + socket_name(id).text)
-		    .copy(address_.sun_path, sizeof address_.sun_path - 1);
-	}
-	Fd connect(int flags = 0) const
-	{
-		Fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0));
-		if (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address_), sizeof address_) != 0)
-			fd.reset();
-		return fd;
-	}
-
-private:
-	sockaddr_un address_ = {};
-};
-
 bool send_some(const Fd &fd, const std::string &bytes)
 {
 	return send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) != -1 || errno == EAGAIN;
-}
-
-std::string beginning(uint64_t size, const std::string &payload)
-{
-	RequestHead head = {wire_magic, 0, size};
-	return std::string(reinterpret_cast<const char *>(&head), sizeof head) + payload;
 }
 
 // A way to flood: what each connection begins with, and what it goes on with. A connection that the server ends is made again.
@@ -343,14 +277,14 @@ struct Flood {
 
 int flood(const std::string &path, const Flood &how)
 {
-	const Flooder flooder(path);
+	const sockaddr_un address = address_of(socket_path(path));
 	while (how.connections == 0)
-		(void) flooder.connect();
+		(void) connect_to(address);
 	std::vector<Fd> all(static_cast<size_t>(how.connections));
 	for (;;) {
 		for (Fd &fd : all) {
 			bool lives = fd ? how.next.empty() || send_some(fd, how.next)
-					: (fd = flooder.connect(SOCK_NONBLOCK)) && send_some(fd, how.first);
+					: (fd = connect_to(address, SOCK_NONBLOCK)) && send_some(fd, how.first);
 			if (!lives)
 				fd.reset();
 		}
@@ -362,17 +296,13 @@ int flood(const std::string &path, const Flood &how)
 // Calls for a while over a kept and over new connections; gives how many pairs of calls there were, or 255 for a failure.
 int call_beside(const std::string &path)
 {
-	const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+	const Deadline end = Deadline::in(1500 * millisecond_ns);
 	Fd kept = open_hatch(path);
 	int calls = 0;
-	for (; std::chrono::steady_clock::now() < end && calls < 200; calls++) {
+	for (; !end.has_passed() && calls < 200; calls++) {
 		if (call(kept.get(), std::string("x")).data != "x")
 			return 255;
-		const Fd raw = Flooder(path).connect();
-		const std::string request = beginning(1, "y");
-		char reply[head_size + 1] = {};
-		if (!raw || send(raw.get(), request.data(), request.size(), MSG_NOSIGNAL) == -1 ||
-		    recv(raw.get(), reply, sizeof reply, 0) != sizeof reply || reply[head_size] != 'y')
+		if (!RawClient(path).is_served())
 			return 255;
 		usleep(5'000);
 	}
@@ -386,10 +316,7 @@ protected:
 		if (geteuid() != 0)
 			GTEST_SKIP() << "other users need root";
 		ASSERT_EQ(chmod(scratch_.directory().c_str(), 0755), 0);
-		struct rlimit limit;
-		ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-		limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
-		ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+		(void) allow_descriptors(4096);
 	}
 
 	Scratch scratch_;
@@ -401,12 +328,11 @@ TEST_F(HatchFloods, OfOneUserLeaveAnotherItsCalls)
 	const Ask large = {Do::Size, 0, mib};
 	const Flood floods[] = {
 	    {"connect and close", 4, 0, "", ""},
-	    {"half requests", 2, 300, beginning(mib, std::string(200'000, 'x')), ""},
-	    {"a byte at a time", 2, 600, beginning(mib, "x"), "y"},
-	    {"whole requests, of which no reply is read", 4, 16, beginning(60'000, std::string(60'000, '\0')),
-		beginning(60'000, std::string(60'000, '\0'))},
-	    {"replies that nobody reads", 2, 32,
-		beginning(sizeof large, std::string(reinterpret_cast<const char *>(&large), sizeof large)), ""},
+	    {"half requests", 2, 300, head_of(mib) + std::string(200'000, 'x'), ""},
+	    {"a byte at a time", 2, 600, head_of(mib) + "x", "y"},
+	    {"whole requests, of which no reply is read", 4, 16, request_of(std::string(60'000, '\0')),
+		request_of(std::string(60'000, '\0'))},
+	    {"replies that nobody reads", 2, 32, request_of(large), ""},
 	};
 	for (const Flood &how : floods) {
 		Process server = serve(path_);
@@ -434,33 +360,24 @@ TEST_F(HatchFloods, OfOneUserLeaveAnotherItsCalls)
 
 TEST_F(HatchFloods, TheUserWithMostConnectionsLosesItsOldestAndNobodyElseOne)
 {
-	struct rlimit before;
-	ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-	const struct rlimit few = {100, before.rlim_max};
-	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-	Process server = serve(path_);
-	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
-	const Flooder flooder(path_);
-	auto is_served = [](const Fd &fd) {
-		char reply[head_size + 1];
-		return send_some(fd, beginning(1, "x")) && recv(fd.get(), reply, sizeof reply, 0) == sizeof reply;
-	};
-	std::vector<Fd> greedy;
+	Process server = serve_with_limit(path_, 100);
+	const sockaddr_un address = address_of(socket_path(path_));
+	std::vector<RawClient> greedy;
 	auto be_greedy = [&] {
 		for (int i = 0; i < 100; i++) {
-			greedy.push_back(flooder.connect());
-			ASSERT_TRUE(is_served(greedy.back())) << i;
+			greedy.emplace_back(connect_to(address));
+			ASSERT_TRUE(greedy.back().is_served()) << i;
 		}
 	};
-	as_user(stranger, be_greedy);
-	Fd other;
-	as_user(stranger + 1, [&] {
-		other = flooder.connect();
-		ASSERT_TRUE(is_served(other));
+	thread_as(stranger, be_greedy);
+	std::vector<RawClient> other;
+	thread_as(stranger + 1, [&] {
+		other.emplace_back(connect_to(address));
+		ASSERT_TRUE(other.back().is_served());
 	});
-	as_user(stranger, be_greedy);
-	as_user(stranger + 1, [&] { EXPECT_TRUE(is_served(other)) << "another user's went"; });
-	as_user(stranger, [&] { EXPECT_FALSE(is_served(greedy.front())); });
+	thread_as(stranger, be_greedy);
+	thread_as(stranger + 1, [&] { EXPECT_TRUE(other.back().is_served()) << "another user's went"; });
+	thread_as(stranger, [&] { EXPECT_FALSE(greedy.front().is_served()); });
 	EXPECT_LT(descriptors_of(server.pid()), 100 - 20);
 }
 
@@ -469,12 +386,12 @@ TEST_F(HatchFloods, AUserThatComesAfterManyIsServed)
 	set_pool_size(64 * mib);
 	Process server = serve(path_);
 	set_pool_size(0);
-	const Flooder flooder(path_);
+	const sockaddr_un address = address_of(socket_path(path_));
 	std::vector<Fd> halves;
 	for (uid_t user = 10'000; user < 10'300; user++) {
-		as_user(user, [&] {
-			halves.push_back(flooder.connect());
-			(void) send_some(halves.back(), beginning(mib, std::string(150'000, 'x')));
+		thread_as(user, [&] {
+			halves.push_back(connect_to(address));
+			(void) send_some(halves.back(), head_of(mib) + std::string(150'000, 'x'));
 		});
 	}
 	Process last([&] {

@@ -1,17 +1,12 @@
 // Peers that misbehave below the protocol, on either side, and what runs out.
-#include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <thread>
 #include <vector>
 
@@ -19,66 +14,12 @@
 #include "hatch/pool.h"
 #include "hatch/record.h"
 #include "hatch/wire.h"
-#include "hatch_peer.h"
+#include "hatch_socket.h"
 #include "scratch.h"
 
 using namespace hatch;
 
 namespace {
-
-std::string head_of(uint64_t size, uint32_t magic = wire_magic, uint32_t second = 0)
-{
-	RequestHead head = {magic, second, size};
-	return std::string(reinterpret_cast<const char *>(&head), sizeof head);
-}
-
-std::string socket_path(const std::string &path)
-{
-	Id id = {};
-	Fd fd = open_hatch(path);
-	EXPECT_TRUE(read_record(fd.get(), &id));
-	return path.substr(0, path.rfind('/') + 1) + socket_name(id).text;
-}
-
-sockaddr_un address_of(const std::string &path)
-{
-	sockaddr_un address = {};
-	address.sun_family = AF_UNIX;
-	path.copy(address.sun_path, sizeof address.sun_path - 1);
-	return address;
-}
-
-// A client that speaks to the socket itself.
-class RawClient {
-public:
-	explicit RawClient(const std::string &path) : socket_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))
-	{
-		sockaddr_un address = address_of(socket_path(path));
-		EXPECT_EQ(connect(socket_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-		(void) prepare_sending(socket_.get());
-		struct timeval wait = {10, 0};
-		EXPECT_EQ(setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait), 0);
-	}
-	int fd() const { return socket_.get(); }
-	bool send(const std::string &bytes) const
-	{
-		return ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-		       static_cast<ssize_t>(bytes.size());
-	}
-	// What arrives next; "<end>" when the server hung up, "<nothing>" if it neither answers nor hangs up.
-	std::string receive() const
-	{
-		std::string bytes(piece_max + head_size, '\0');
-		ssize_t got = recv(socket_.get(), bytes.data(), bytes.size(), 0);
-		if (got == -1)
-			return errno == ECONNRESET ? "<end>" : "<nothing>";
-		bytes.resize(static_cast<size_t>(got));
-		return got == 0 ? "<end>" : bytes;
-	}
-
-private:
-	Fd socket_;
-};
 
 ptrdiff_t threads_of(pid_t pid)
 {
@@ -99,14 +40,6 @@ protected:
 	Fd fd_ = open_hatch(path_);
 };
 
-TEST_F(HatchHostile, ARawRequestInOneMessageIsServed)
-{
-	RawClient client(path_);
-	ASSERT_TRUE(client.send(head_of(5) + "hello"));
-	std::string reply = client.receive();
-	EXPECT_EQ(reply, head_of(5) + "hello");
-}
-
 TEST_F(HatchHostile, WhatIsNoRequestEndsTheConnectionAndNothingElse)
 {
 	const std::string messages[] = {
@@ -126,7 +59,7 @@ TEST_F(HatchHostile, WhatIsNoRequestEndsTheConnectionAndNothingElse)
 		ASSERT_TRUE(client.send(message));
 		std::string reply = client.receive();
 		if (reply != "<end>") { // sizes that can't be had are answered first
-			EXPECT_EQ(reply, head_of(0, wire_magic, static_cast<uint32_t>(Refusal::no_memory)));
+			EXPECT_EQ(reply, refusal_of(Refusal::no_memory));
 			EXPECT_EQ(client.receive(), "<end>");
 		}
 		EXPECT_TRUE(serves());
@@ -145,21 +78,6 @@ TEST_F(HatchHostile, APieceThatIsTooLongForItsRequestEndsTheConnection)
 	EXPECT_TRUE(serves());
 }
 
-TEST_F(HatchHostile, SilentAndHalfwayClientsHoldNobodyUp)
-{
-	std::vector<RawClient> silent, halfway;
-	for (int i = 0; i < 300; i++) {
-		silent.emplace_back(path_);
-		halfway.emplace_back(path_);
-		ASSERT_TRUE(halfway.back().send(head_of(1000) + std::string(500, 'x')));
-	}
-	EXPECT_TRUE(serves());
-	EXPECT_TRUE(serves(3 * piece_max));
-	ASSERT_TRUE(halfway[7].send(std::string(500, 'y')));
-	EXPECT_EQ(halfway[7].receive(), head_of(1000) + std::string(500, 'x') + std::string(500, 'y'));
-	EXPECT_LT(threads_of(server_.pid()), 12) << "they hold threads";
-}
-
 // Each waits longer than a thread waits for one client alone: with what its thread keeps for requests, and beyond that.
 TEST_F(HatchHostile, ARequestInSlowPiecesComesThroughWhole)
 {
@@ -175,13 +93,7 @@ TEST_F(HatchHostile, ARequestInSlowPiecesComesThroughWhole)
 			ASSERT_TRUE(serves(2 * piece_max)); // in the same thread's memory
 			ASSERT_TRUE(client.send(request.substr(have, piece)));
 		}
-		std::string reply = client.receive();
-		while (reply.size() < head_size + size) {
-			std::string more = client.receive();
-			ASSERT_TRUE(more != "<end>" && more != "<nothing>") << more;
-			reply += more;
-		}
-		EXPECT_TRUE(reply == head_of(size) + request) << size;
+		EXPECT_TRUE(client.receive_all(size) == request_of(request)) << size;
 	}
 }
 
@@ -197,26 +109,6 @@ size_t send_endlessly(const RawClient &client, size_t size)
 	return sent;
 }
 
-TEST_F(HatchHostile, DribblingClientsHoldNobodyUp)
-{
-	std::vector<RawClient> dribbling;
-	for (int i = 0; i < 20; i++) {
-		dribbling.emplace_back(path_);
-		ASSERT_TRUE(dribbling.back().send(head_of(1000) + std::string(500, 'x')));
-	}
-	for (int i = 0; i < 50; i++) {
-		for (RawClient &client : dribbling)
-			ASSERT_TRUE(client.send("y"));
-		EXPECT_TRUE(serves(3 * piece_max));
-	}
-	EXPECT_LT(threads_of(server_.pid()), 12) << "they hold threads";
-	for (RawClient &client : dribbling) {
-		ASSERT_TRUE(client.send(std::string(450, 'z')));
-		EXPECT_EQ(client.receive(),
-		    head_of(1000) + std::string(500, 'x') + std::string(50, 'y') + std::string(450, 'z'));
-	}
-}
-
 TEST_F(HatchHostile, ClientsThatAskOnAndOnHaveThreadsOfTheirOwnUpToABound)
 {
 	std::vector<RawClient> busy;
@@ -225,8 +117,7 @@ TEST_F(HatchHostile, ClientsThatAskOnAndOnHaveThreadsOfTheirOwnUpToABound)
 		busy.emplace_back(path_);
 	for (int round = 0; round < 20; round++) {
 		for (RawClient &client : busy) {
-			ASSERT_TRUE(client.send(head_of(1) + "x"));
-			ASSERT_EQ(client.receive(), head_of(1) + "x");
+			ASSERT_TRUE(client.is_served());
 		}
 	}
 	EXPECT_TRUE(serves());
@@ -237,22 +128,14 @@ TEST_F(HatchHostile, ClientsThatNeverReadTheirReplyHoldNobodyUp)
 {
 	std::vector<RawClient> deaf;
 	Ask ask = {Do::Size, 0, size_t{4} << 20};
-	std::string request = head_of(sizeof ask) + std::string(reinterpret_cast<const char *>(&ask), sizeof ask);
 	for (int i = 0; i < 30; i++) {
 		deaf.emplace_back(path_);
-		ASSERT_TRUE(deaf.back().send(request));
+		ASSERT_TRUE(deaf.back().send(request_of(ask)));
 	}
 	EXPECT_TRUE(serves());
 	// What was put aside still arrives whole, once somebody reads it.
-	std::string reply = deaf[3].receive();
-	while (reply.size() < head_size + ask.size) {
-		std::string more = deaf[3].receive();
-		ASSERT_TRUE(more != "<end>" && more != "<nothing>");
-		reply += more;
-	}
-	EXPECT_TRUE(reply.substr(head_size) == test_bytes(ask.size));
-	ASSERT_TRUE(deaf[3].send(head_of(2) + "ok"));
-	EXPECT_EQ(deaf[3].receive(), head_of(2) + "ok");
+	EXPECT_TRUE(deaf[3].receive_all(ask.size) == request_of(test_bytes(ask.size)));
+	EXPECT_TRUE(deaf[3].is_served());
 	deaf.clear();
 	EXPECT_TRUE(eventually([&] { return descriptors_of(server_.pid()) < 25; })) << "their connections stay";
 }
@@ -260,29 +143,13 @@ TEST_F(HatchHostile, ClientsThatNeverReadTheirReplyHoldNobodyUp)
 TEST_F(HatchHostile, AClientThatAsksOnAndOnWithoutReadingIsDropped)
 {
 	RawClient client(path_);
-	std::string request = head_of(100'000) + std::string(100'000, 'x');
+	std::string request = request_of(std::string(100'000, 'x'));
 	(void) fcntl(client.fd(), F_SETFL, O_NONBLOCK);
 	EXPECT_TRUE(eventually([&] {
 		while (client.send(request))
 			;
 		return errno == EPIPE || errno == ECONNRESET;
 	}));
-	EXPECT_TRUE(serves());
-}
-
-TEST_F(HatchHostile, ClientsThatVanishInMidCallLeaveNothing)
-{
-	ASSERT_TRUE(serves());
-	int before = descriptors_of(server_.pid());
-	Ask ask = {Do::Sleep, 20, 0};
-	std::string sleep = head_of(sizeof ask) + std::string(reinterpret_cast<const char *>(&ask), sizeof ask);
-	for (int i = 0; i < 50; i++) {
-		RawClient half(path_);
-		ASSERT_TRUE(half.send(head_of(1000) + "half"));
-		RawClient gone(path_);
-		ASSERT_TRUE(gone.send(sleep));
-	}
-	EXPECT_TRUE(eventually([&] { return descriptors_of(server_.pid()) <= before; }));
 	EXPECT_TRUE(serves());
 }
 
@@ -312,13 +179,11 @@ TEST_F(HatchHostile, ACallWithDescriptorsIsRefused)
 		RawClient client(path_);
 		std::vector<int> fds(count, fd_.get());
 		if (send_with_descriptors(client.fd(), head_of(5) + "hello", fds)) {
-			EXPECT_EQ(client.receive(), head_of(0, wire_magic, static_cast<uint32_t>(Refusal::descriptors)))
-			    << count;
+			EXPECT_EQ(client.receive(), refusal_of(Refusal::descriptors)) << count;
 		} else {
 			EXPECT_EQ(errno, EPERM);
 		}
-		ASSERT_TRUE(client.send(head_of(2) + "ok"));
-		EXPECT_EQ(client.receive(), head_of(2) + "ok");
+		EXPECT_TRUE(client.is_served());
 	}
 	EXPECT_TRUE(eventually([&] { return descriptors_of(server_.pid()) <= before; })) << "they were kept";
 }
@@ -343,21 +208,6 @@ Fd lingering_socket(Fd *other_end)
 	struct linger hour = {1, 3600};
 	EXPECT_EQ(setsockopt(socket_fd.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof hour), 0);
 	return socket_fd;
-}
-
-TEST_F(HatchHostile, ADescriptorWhoseCloseWaitsHoldsNobodyUp)
-{
-	Fd other_end;
-	RawClient client(path_);
-	{
-		Fd trap = lingering_socket(&other_end);
-		bool sent = send_with_descriptors(client.fd(), head_of(5) + "hello", {trap.get()});
-		ASSERT_TRUE(sent || client.send(head_of(5) + "hello"));
-		if (!sent)
-			other_end.reset(); // the trap is still ours to close
-	}
-	EXPECT_NE(client.receive(), "<nothing>") << "a thread waits for it";
-	EXPECT_TRUE(serves());
 }
 
 // What is received with descriptors in spite of all: they are closed, however many, and none of them waits.
@@ -400,56 +250,6 @@ TEST_F(HatchHostile, ARequestOfTwoSendersIsNobodys)
 	EXPECT_EQ(client.receive(), "<end>");
 }
 
-// A server that says what it likes: it holds a real attachment, but its socket is another one.
-class FakeServer {
-public:
-	explicit FakeServer(const std::string &path) : hatch_(path), listener_(socket(AF_UNIX, SOCK_SEQPACKET, 0))
-	{
-		std::string name = socket_path(path);
-		EXPECT_EQ(unlink(name.c_str()), 0);
-		sockaddr_un address = address_of(name);
-		EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-		EXPECT_EQ(listen(listener_.get(), 10), 0);
-	}
-	// Accepts nobody: from here on, whoever connects has to wait.
-	Fd accept_nobody(const std::string &path)
-	{
-		EXPECT_EQ(listen(listener_.get(), 0), 0);
-		Fd waiting(socket(AF_UNIX, SOCK_SEQPACKET, 0));
-		sockaddr_un address = address_of(socket_path(path));
-		EXPECT_EQ(connect(waiting.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-		return waiting;
-	}
-	// Answers one call with a reply of `size` bytes, of which it sends one each 100 ms until the client has had enough.
-	std::thread dribble(uint64_t size)
-	{
-		return std::thread([this, size] {
-			Fd client(accept(listener_.get(), nullptr, nullptr));
-			std::string request(1000, '\0'), piece = head_of(size) + "x";
-			(void) !recv(client.get(), request.data(), request.size(), 0);
-			for (uint64_t sent = 0; sent < size; sent++, piece = "x", usleep(100'000)) {
-				if (send(client.get(), piece.data(), piece.size(), MSG_NOSIGNAL) == -1)
-					break;
-			}
-		});
-	}
-	// Answers one call with these messages, and hangs up.
-	std::thread answer(std::vector<std::string> messages)
-	{
-		return std::thread([this, messages = std::move(messages)] {
-			Fd client(accept(listener_.get(), nullptr, nullptr));
-			std::string request(1000, '\0');
-			(void) !recv(client.get(), request.data(), request.size(), 0);
-			for (const std::string &message : messages)
-				(void) !send(client.get(), message.data(), message.size(), MSG_NOSIGNAL);
-		});
-	}
-
-private:
-	LocalHatch hatch_;
-	Fd listener_;
-};
-
 TEST(HatchFakeServer, AClientBelievesNoLengthAndNoRefusalThatIsNone)
 {
 	struct Case {
@@ -478,16 +278,31 @@ TEST(HatchFakeServer, AClientBelievesNoLengthAndNoRefusalThatIsNone)
 	Fd fd = open_hatch(path);
 	for (const Case &one : cases) {
 		for (size_t room : {size_t{0}, size_t{1}, size_t{100}, 2 * piece_max}) {
-			std::thread server = fake.answer(one.messages);
+			const std::jthread server = fake.answer(one.messages);
 			EXPECT_EQ(call(fd.get(), std::string("x"), room).error, one.error)
 			    << one.what << " into " << room;
 			hatch_forget(fd.get());
-			server.join();
 		}
 	}
-	std::thread server = fake.answer({head_of(4) + "go", "od"});
+	const std::jthread server = fake.answer({head_of(4) + "go", "od"});
 	EXPECT_EQ(call(fd.get(), std::string("x")).data, "good");
-	server.join();
+}
+
+// What a server of ours does when a user may not have more of its memory: before the rest of the request comes, while it
+// comes, and when all of it waits unread.
+TEST(HatchFakeServer, ARefusalInTheMiddleOfARequestIsToldAsOne)
+{
+	Scratch scratch;
+	std::string path = attachable(scratch.path("hatch"));
+	FakeServer fake(path);
+	Fd fd = open_hatch(path);
+	for (size_t size : {2 * piece_max, 40 * piece_max}) {
+		for (unsigned int delay_ms : {0, 50}) {
+			const std::jthread server = fake.answer({refusal_of(Refusal::no_memory)}, delay_ms);
+			EXPECT_EQ(call(fd.get(), std::string(size, 'x')).error, ENOMEM) << size << ", " << delay_ms;
+			hatch_forget(fd.get());
+		}
+	}
 }
 
 // Callers hold locks meanwhile.
@@ -504,28 +319,22 @@ TEST(HatchFakeServer, ACallThatHasItsTimeEndsWhateverTheServerDoes)
 		return hatch_call_bounded(fd.get(), &arg, seconds, 0) == 0 ? 0 : errno;
 	};
 	for (uint64_t size : {uint64_t{600}, uint64_t{1} << 30}) {
-		std::thread server = fake.dribble(size);
+		const std::jthread server = fake.dribble(size);
 		EXPECT_EQ(call_within(2), ETIMEDOUT) << "a byte now and then of " << size;
-		server.join();
 	}
-	Fd waiting = fake.accept_nobody(path);
+	Fd waiting = fake.accept_nobody();
 	hatch_info_t info = {};
 	EXPECT_EQ(hatch_info(fd.get(), &info), 0) << "it looks like a server";
 	EXPECT_EQ(call_within(1), ETIMEDOUT) << "nobody accepts";
 	alarm(0);
 }
 
-// A client takes no road that leads out of the directory in which the attached file lies.
+// A client follows nothing out of the directory in which the attached file lies.
 TEST_F(HatchHostile, CopiedAndLinkedRecordsLeadNowhere)
 {
 	Scratch own;
-	Id id = {};
-	ASSERT_TRUE(read_record(fd_.get(), &id));
-	std::string trap = own.path(socket_name(id).text);
-	Fd listener(socket(AF_UNIX, SOCK_SEQPACKET, 0));
-	sockaddr_un address = address_of(trap);
-	ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-	ASSERT_EQ(listen(listener.get(), 10), 0);
+	const std::string real = socket_path(path_);
+	Fd trap = listen_at(own.path(real.substr(real.rfind('/') + 1)));
 	// A copy beside a socket of the right name: connected to, for it is what its owner says it is...
 	ASSERT_EQ(link(path_.c_str(), own.path("linked").c_str()), 0);
 	Fd linked = open_hatch(own.path("linked"));
@@ -567,17 +376,6 @@ TEST_F(HatchHostile, AReadersLockDoesNotMakeADeadServerAlive)
 
 // ---- What runs out ----
 
-Process serve_with_limit(const std::string &path, rlim_t descriptors)
-{
-	struct rlimit before, limit;
-	EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-	limit = {descriptors, before.rlim_max};
-	EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-	Process server = serve(path);
-	EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
-	return server;
-}
-
 TEST(HatchLimits, WhenDescriptorsRunOutTheLongestIdleConnectionGoesAndRunningCallsGoOn)
 {
 	Scratch scratch;
@@ -587,15 +385,14 @@ TEST(HatchLimits, WhenDescriptorsRunOutTheLongestIdleConnectionGoesAndRunningCal
 	Answer slow;
 	std::thread running([&] { slow = call(fd.get(), Ask{Do::Sleep, 300, 0}); });
 	std::vector<RawClient> clients;
-	for (int i = 0; i < 200; i++) {
+	for (int i = 0; i < 400; i++) {
 		clients.emplace_back(path);
-		ASSERT_TRUE(clients.back().send(head_of(1) + "x"));
-		ASSERT_EQ(clients.back().receive(), head_of(1) + "x") << i;
+		for (int calls = 0; calls < (i < 200 ? 1 : 4); calls++) // the last ones have dedicated threads
+			ASSERT_TRUE(clients.back().is_served()) << i;
 	}
 	EXPECT_EQ(clients.front().receive(), "<end>");
-	ASSERT_TRUE(clients.back().send(head_of(1) + "y"));
-	EXPECT_EQ(clients.back().receive(), head_of(1) + "y");
-	EXPECT_LT(descriptors_of(server.pid()), 64 - 10) << "handlers have none left";
+	EXPECT_TRUE(clients.back().is_served());
+	EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) < 64 - 10; })) << "handlers have none left";
 	running.join();
 	EXPECT_EQ(slow.error, 0);
 	// A kept connection that was dropped meanwhile is made anew, unseen.
@@ -614,7 +411,7 @@ TEST(HatchLimits, ARequestWithoutAnEndIsRefusedBeforeItTakesTheMachinesMemory)
 	Fd fd = open_hatch(path);
 	{
 		RawClient first(path), second(path), third(path);
-		const std::string refusal = head_of(0, wire_magic, static_cast<uint32_t>(Refusal::no_memory));
+		const std::string refusal = refusal_of(Refusal::no_memory);
 		EXPECT_GT(send_endlessly(first, 48 * mib), 47 * mib) << "the server could bear it";
 		EXPECT_GT(send_endlessly(second, 48 * mib), 47 * mib);
 		EXPECT_EQ(first.receive(), refusal) << "both are held";
@@ -624,22 +421,6 @@ TEST(HatchLimits, ARequestWithoutAnEndIsRefusedBeforeItTakesTheMachinesMemory)
 		EXPECT_EQ(call(fd.get(), request).data, request);
 	}
 	EXPECT_TRUE(sanitized || eventually([&] { return anonymous_kib(server.pid()) < 16 * 1024; })) << "it stays";
-}
-
-TEST(HatchLimits, ConnectionsThatAreInUseAgainAndAgainGoTooAndLoseNoCall)
-{
-	Scratch scratch;
-	std::string path = attachable(scratch.path("hatch"));
-	Process server = serve_with_limit(path, 64);
-	std::vector<RawClient> clients;
-	for (int i = 0; i < 200; i++) {
-		clients.emplace_back(path);
-		for (int n = 0; n < 4; n++) {
-			ASSERT_TRUE(clients.back().send(head_of(1) + "x")) << i;
-			ASSERT_EQ(clients.back().receive(), head_of(1) + "x") << i;
-		}
-	}
-	EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) < 64 - 10; })) << "handlers have none left";
 }
 
 long cpu_ticks(pid_t pid)
@@ -657,9 +438,7 @@ TEST(HatchLimits, WithoutAnyDescriptorLeftNothingSpinsAndServingGoesOnLater)
 {
 	Scratch scratch;
 	std::string path = attachable(scratch.path("hatch"));
-	int ready[2], go[2];
-	ASSERT_EQ(pipe(ready), 0);
-	ASSERT_EQ(pipe(go), 0);
+	Signal ready, go;
 	Process server([&] {
 		LocalHatch served(path);
 		std::vector<Fd> all;
@@ -668,34 +447,25 @@ TEST(HatchLimits, WithoutAnyDescriptorLeftNothingSpinsAndServingGoesOnLater)
 		do
 			all.emplace_back(dup(0));
 		while (all.back());
-		(void) !write(ready[1], "x", 1);
-		char byte;
-		(void) !read(go[0], &byte, 1);
+		ready.raise();
+		go.wait();
 		all.clear();
-		(void) !write(ready[1], "x", 1);
-		for (;;)
-			pause();
-		return 0;
+		return wait_for_ever();
 	});
-	char byte;
-	ASSERT_EQ(read(ready[0], &byte, 1), 1);
+	ready.wait();
 	RawClient waiting(path);
-	ASSERT_TRUE(waiting.send(head_of(1) + "x"));
+	ASSERT_TRUE(waiting.send(request_of("x")));
 	std::this_thread::sleep_for(std::chrono::milliseconds(50));
 	long before = cpu_ticks(server.pid());
 	std::this_thread::sleep_for(std::chrono::milliseconds(500));
 	EXPECT_LE(cpu_ticks(server.pid()) - before, 5) << "it spins";
-	ASSERT_EQ(write(go[1], "x", 1), 1);
-	EXPECT_EQ(waiting.receive(), head_of(1) + "x");
+	go.raise();
+	EXPECT_EQ(waiting.receive(), request_of("x"));
 }
 
 TEST(HatchLimits, AnIdleServerNeedsNoProcessorAndLittleMemoryAlsoWithAThousandClients)
 {
-	struct rlimit limit;
-	ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-	limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
-	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-	if (limit.rlim_cur < 1200)
+	if (allow_descriptors(4096) < 1200)
 		GTEST_SKIP() << "too few descriptors allowed";
 	Scratch scratch;
 	std::string path = attachable(scratch.path("hatch"));
@@ -704,8 +474,7 @@ TEST(HatchLimits, AnIdleServerNeedsNoProcessorAndLittleMemoryAlsoWithAThousandCl
 	std::vector<RawClient> clients;
 	for (int i = 0; i < 1024; i++) {
 		clients.emplace_back(path);
-		ASSERT_TRUE(clients.back().send(head_of(1) + "x"));
-		ASSERT_EQ(clients.back().receive(), head_of(1) + "x");
+		ASSERT_TRUE(clients.back().is_served());
 	}
 	long before = cpu_ticks(server.pid());
 	std::this_thread::sleep_for(std::chrono::milliseconds(300));

@@ -4,26 +4,12 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/un.h>
-#include <thread>
 #include <unistd.h>
 
-#include "hatch/record.h"
-#include "hatch/wire.h"
-#include "hatch_peer.h"
+#include "hatch_socket.h"
 #include "scratch.h"
 
 namespace {
-
-Caller caller_at(int fd)
-{
-	Caller caller = {};
-	Answer answer = call(fd, Ask{Do::Who, 0, 0}, sizeof caller);
-	if (answer.data.size() == sizeof caller)
-		memcpy(&caller, answer.data.data(), sizeof caller);
-	return caller;
-}
 
 class HatchUsers : public testing::Test {
 protected:
@@ -64,11 +50,7 @@ TEST_F(HatchUsers, EachMessageHasItsOwnSenderOnOneConnection)
 	ASSERT_EQ(caller_at(fd.get()).uid, 0U);
 	int connections = open_descriptors();
 	// One thread changes its ids, the others don't; they use the same kept connection after each other.
-	std::thread other([&] {
-		become(1002, 1002);
-		EXPECT_EQ(caller_at(fd.get()).uid, 1002U);
-	});
-	other.join();
+	thread_as(1002, [&] { EXPECT_EQ(caller_at(fd.get()).uid, 1002U); });
 	EXPECT_EQ(caller_at(fd.get()).uid, 0U);
 	EXPECT_EQ(open_descriptors(), connections);
 }
@@ -112,30 +94,18 @@ TEST_F(HatchUsers, WhoHasChangedItsUserConnectsAnew)
 TEST_F(HatchUsers, AMessageOfAnotherUserThanTheOneWhoConnectedIsRefused)
 {
 	Process server = serve(path_);
-	hatch::Id id = {};
-	ASSERT_TRUE(hatch::read_record(open_hatch(path_).get(), &id));
-	sockaddr_un address = {};
-	address.sun_family = AF_UNIX;
-	(void) snprintf(address.sun_path, sizeof address.sun_path, "%s/%s", scratch_.directory().c_str(),
-	    hatch::socket_name(id).text);
+	const sockaddr_un address = address_of(socket_path(path_));
 	auto outcome_of = [&](uid_t connector, uid_t sender) {
-		Fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-		std::thread([&] {
-			become(connector, connector);
-			EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-		}).join();
-		hatch::ReplyHead reply = {hatch::wire_magic, 0, 0};
-		std::thread([&] {
-			become(sender, sender);
-			EXPECT_EQ(send(fd.get(), &reply, sizeof reply, 0), static_cast<ssize_t>(sizeof reply));
-		}).join();
-		EXPECT_EQ(recv(fd.get(), &reply, sizeof reply, 0), static_cast<ssize_t>(sizeof reply));
-		return static_cast<hatch::Refusal>(reply.refusal);
+		Fd fd;
+		thread_as(connector, [&] { fd = connect_to(address); });
+		const RawClient client(std::move(fd));
+		thread_as(sender, [&] { EXPECT_TRUE(client.send(head_of(0))); });
+		return client.receive();
 	};
-	EXPECT_EQ(outcome_of(1001, 0), hatch::Refusal::other_user);
-	EXPECT_EQ(outcome_of(1001, 1002), hatch::Refusal::other_user);
-	EXPECT_EQ(outcome_of(1001, 1001), hatch::Refusal::none);
-	EXPECT_EQ(outcome_of(0, 1001), hatch::Refusal::none);
+	EXPECT_EQ(outcome_of(1001, 0), refusal_of(hatch::Refusal::other_user));
+	EXPECT_EQ(outcome_of(1001, 1002), refusal_of(hatch::Refusal::other_user));
+	EXPECT_EQ(outcome_of(1001, 1001), refusal_of(hatch::Refusal::none));
+	EXPECT_EQ(outcome_of(0, 1001), refusal_of(hatch::Refusal::none));
 }
 
 TEST_F(HatchUsers, AnUnprivilegedUserReachesAHatchThatItMayOnlyRead)
@@ -159,18 +129,14 @@ TEST_F(HatchUsers, AnUnprivilegedServerServesRootAndItself)
 {
 	ASSERT_EQ(chown(scratch_.directory().c_str(), 1000, 1000), 0);
 	ASSERT_EQ(chown(path_.c_str(), 1000, 1000), 0);
-	int ready[2];
-	ASSERT_EQ(pipe(ready), 0);
+	Signal ready;
 	Process server([&] {
 		become(1000, 1000);
 		LocalHatch served(path_);
-		(void) !write(ready[1], "x", 1);
-		for (;;)
-			pause();
-		return 0;
+		ready.raise();
+		return wait_for_ever();
 	});
-	char byte;
-	ASSERT_EQ(read(ready[0], &byte, 1), 1);
+	ready.wait();
 	Fd fd = open_hatch(path_);
 	EXPECT_EQ(caller_at(fd.get()).uid, 0U);
 	EXPECT_TRUE(call(fd.get(), Ask{Do::Size, 0, 3'000'000}).data == test_bytes(3'000'000));

@@ -78,18 +78,14 @@ protected:
 	Fd hatch_;
 };
 
-TEST_F(HatchRequests, OfFewerThanFourBytesNeverReachTheHandler)
-{
-	for (size_t size = 0; size < 4; size++)
-		EXPECT_EQ(ask(hatch_.get(), std::string(size, '\xff')).error, ENOBUFS) << size;
-}
-
 TEST_F(HatchRequests, OfLessThanAHeadAreAnsweredWithTheirCommand)
 {
 	Block whole(READ);
 	whole.head.nda_flags = UINT64_MAX;
 	Block expected(READ);
 	expected.head.nda_flags = 0;
+	for (size_t size = 0; size < 4; size++)
+		EXPECT_EQ(ask(hatch_.get(), std::string(size, '\xff')).error, ENOBUFS) << "not even a command";
 	for (size_t size = 4; size < sizeof(ostrel_hatch_arg_t); size++)
 		expect_refused(ask(hatch_.get(), whole.bytes().substr(0, size)), expected, OSTREL_INVALID_ARG);
 }
@@ -162,15 +158,6 @@ TEST_F(HatchRequests, WhoseListsDoNotUnpackAreRefused)
 	}
 }
 
-TEST_F(HatchRequests, WithDescriptorsAreRefused)
-{
-	std::string bytes = Block(READ).bytes();
-	hatch_desc_t desc = {0, hatch_.get()};
-	hatch_arg_t arg = {bytes.data(), bytes.size(), &desc, 1, nullptr, 1};
-	EXPECT_EQ(hatch_call(hatch_.get(), &arg), -1);
-	EXPECT_EQ(errno, ENOTSUP);
-}
-
 TEST_F(HatchRequests, OfManyMegabytesAreJudgedByTheDatabase)
 {
 	const std::string big = ids("a=" + std::string(size_t{sanitized ? 4 : 64} << 20, 'x'));
@@ -183,12 +170,10 @@ TEST_F(HatchRequests, OfManyMegabytesAreJudgedByTheDatabase)
 struct Store {
 	unsigned int count = 1;
 	size_t size = 10;
-	std::chrono::milliseconds takes{0};
 } store;
 
 ostrel_error_t read_store(ostrel_db_t db, attrlist_t *, uint64_t, attrlist_t ***objs, unsigned int *count)
 {
-	std::this_thread::sleep_for(store.takes);
 	EXPECT_EQ(ostrel_db_get_flags(db), 0U); // a handle that is still there
 	Objects found;
 	if (!found.alloc(store.count))
@@ -296,27 +281,20 @@ protected:
 	void TearDown() override { (void) unsetenv("MERIDON_ROOT"); }
 	static uid_t user(const char *name) { return getpwnam(name)->pw_uid; }
 
-	// What a process of the user is answered: a letter for each result, and the objects that come.
+	// What a thread of the user is answered: a letter for each result, and the objects that come.
 	static std::string answers(uid_t real, const std::string &hatch, const std::vector<Block> &requests)
 	{
-		int pipe[2];
-		EXPECT_EQ(pipe2(pipe, O_CLOEXEC), 0);
-		Fd in(pipe[0]), out(pipe[1]);
-		Process client([&] {
-			become(real, real);
+		std::string letters, found;
+		thread_as(real, [&] {
 			Fd fd = open_hatch(hatch);
-			std::string letters, found;
 			for (const Block &request : requests) {
 				const Reply reply = ask(fd.get(), request);
 				letters += reply.error != 0 ? '!' : ".Pienwmfur"[reply.head.nda_result];
 				found += reply.objects;
 			}
-			const std::string all = found.empty() ? letters : letters + " " + found;
-			return write(out.get(), all.data(), all.size()) == ssize_t(all.size()) ? 0 : 1;
+			hatch_forget(fd.get());
 		});
-		EXPECT_EQ(client.wait(), 0);
-		char text[256];
-		return {text, size_t(std::max(read(in.get(), text, sizeof text), ssize_t{0}))};
+		return found.empty() ? letters : letters + " " + found;
 	}
 	// A read, the three updates, which undo one another, and the two questions.
 	std::string may(uid_t real)
@@ -639,35 +617,6 @@ TEST_F(HatchServer, WithoutAHatchDestroysThePathAlone)
 	EXPECT_EQ(fcntl(hatch_, F_GETFD), -1);
 }
 
-// The handle goes right behind the server: what still used it would be seen by a sanitizer.
-TEST_F(HatchServer, EndsUnderLoadWithNothingOfItsRunning)
-{
-	store.takes = std::chrono::milliseconds(2);
-	for (int round = 0; round < (sanitized ? 5 : 20); round++) {
-		auto server = std::make_unique<LocalServer>(file_, nullptr, nullptr, &store_cmds);
-		Database client = open_database(file_.hatch, ostrel_hatches_db_cmds);
-		std::atomic<int> good = 0;
-		std::atomic<int> odd = 0;
-		std::vector<std::thread> threads;
-		for (int t = 0; t < 8; t++) {
-			threads.emplace_back([&] {
-				ostrel_error_t result;
-				do {
-					result = ostrel_db_read(client.get(), idl_of("a=1").get(), 0, nullptr);
-					good += result == OSTREL_SUCCESS;
-				} while (result == OSTREL_SUCCESS);
-				odd += result != OSTREL_FAILURE && result != OSTREL_NOT_FOUND;
-			});
-		}
-		EXPECT_TRUE(eventually([&] { return good >= 16; }));
-		server.reset();
-		for (std::thread &thread : threads)
-			thread.join();
-		EXPECT_EQ(odd, 0);
-	}
-	store = Store();
-}
-
 // ---- Memory that runs out ----
 
 // Runs the handler with an allocation that fails, as often as the test says, and sees to it that the thread has given
@@ -719,11 +668,10 @@ TEST_F(HatchServer, AnswersWhicheverAllocationFailsAndKeepsNothing)
 		LocalHatch hatch(file_.scratch.path("starved"), starve, &starved);
 		Fd fd = open_hatch(file_.scratch.path("starved"));
 		// Starting a thread takes memory that another one gives back: so there are enough of them before.
-		std::vector<std::thread> crowd;
+		std::vector<std::jthread> crowd;
 		for (int i = 0; i < 8; i++)
 			crowd.emplace_back([&] { (void) call(fd.get(), std::string("wait")); });
-		for (std::thread &thread : crowd)
-			thread.join();
+		crowd.clear();
 		starved.slow = false;
 		for (int warm = 0; warm < 5; warm++)
 			EXPECT_EQ(ask(fd.get(), row.request).objects, row.objects);

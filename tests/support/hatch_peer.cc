@@ -10,18 +10,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
+#include "base/clock.h"
 #include "threads_after_fork.h"
 
 namespace {
@@ -217,46 +219,71 @@ void Process::kill()
 	(void) wait();
 }
 
-WaitingServer::Pipe WaitingServer::make_pipe()
+Signal::Signal()
 {
 	int ends[2];
 	must(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
-	return {Fd(ends[0]), Fd(ends[1])};
+	read_end_.reset(ends[0]);
+	write_end_.reset(ends[1]);
 }
 
-static int serve_when_told(const std::string &path, int told, int ready)
+void Signal::raise() const
 {
+	must(write(write_end_.get(), "x", 1) == 1, "write");
+}
+
+void Signal::wait() const
+{
+	struct pollfd raised = {read_end_.get(), POLLIN, 0};
+	must(poll_until(&raised, 1, Deadline::in(60 * second_ns)) == 1, "nobody raised the signal");
 	char byte;
-	if (read(told, &byte, 1) != 1)
-		return 0;
-	int hatch = hatch_create(obey, nullptr, HATCH_REFUSE_DESC);
-	must(hatch != -1, "hatch_create");
-	must(fattach(hatch, path.c_str()) == 0, "fattach");
-	must(write(ready, "x", 1) == 1, "write");
+	must(read(read_end_.get(), &byte, 1) == 1, "read");
+}
+
+int wait_for_ever()
+{
 	for (;;)
 		pause();
 }
 
 WaitingServer::WaitingServer(const std::string &path)
     : process_([&] {
-	      (void) close(told_.write_end.get());
-	      return serve_when_told(path, told_.read_end.get(), ready_.write_end.get());
+	      told_.wait();
+	      LocalHatch served(path);
+	      ready_.raise();
+	      return wait_for_ever();
       })
-{
-	ready_.write_end = Fd();
-}
+{}
 
 Process WaitingServer::start()
 {
-	char byte = 'x';
-	must(write(told_.write_end.get(), &byte, 1) == 1, "write");
-	must(read(ready_.read_end.get(), &byte, 1) == 1, "the server didn't come up");
+	told_.raise();
+	ready_.wait();
 	return std::move(process_);
 }
 
 Process serve(const std::string &path)
 {
 	return WaitingServer(path).start();
+}
+
+Process serve_with_limit(const std::string &path, unsigned long descriptors)
+{
+	struct rlimit before;
+	must(getrlimit(RLIMIT_NOFILE, &before) == 0, "getrlimit");
+	(void) allow_descriptors(descriptors);
+	Process server = serve(path);
+	must(setrlimit(RLIMIT_NOFILE, &before) == 0, "setrlimit");
+	return server;
+}
+
+unsigned long allow_descriptors(unsigned long most)
+{
+	struct rlimit limit;
+	must(getrlimit(RLIMIT_NOFILE, &limit) == 0, "getrlimit");
+	limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, most);
+	must(setrlimit(RLIMIT_NOFILE, &limit) == 0, "setrlimit");
+	return limit.rlim_cur;
 }
 
 Answer call(int hatch, const std::string &request, size_t room)
@@ -280,6 +307,21 @@ Answer call(int hatch, Ask ask, size_t room)
 	return call(hatch, std::string(reinterpret_cast<const char *>(&ask), sizeof ask), room);
 }
 
+std::vector<int> numbers_of(const Answer &answer)
+{
+	std::vector<int> numbers(answer.data.size() / sizeof(int));
+	(void) answer.data.copy(reinterpret_cast<char *>(numbers.data()), numbers.size() * sizeof(int));
+	return numbers;
+}
+
+Caller caller_at(int hatch)
+{
+	Caller caller = {};
+	(void) call(hatch, Ask{Do::Who, 0, 0}, sizeof caller)
+	    .data.copy(reinterpret_cast<char *>(&caller), sizeof caller);
+	return caller;
+}
+
 Fd open_hatch(const std::string &path)
 {
 	Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -289,14 +331,8 @@ Fd open_hatch(const std::string &path)
 
 int descriptors_of(pid_t pid)
 {
-	std::string directory = "/proc/" + std::to_string(pid) + "/fd";
-	DIR *entries = opendir(directory.c_str());
-	must(entries != nullptr, directory.c_str());
-	int count = 0;
-	while (readdir(entries) != nullptr)
-		count++;
-	(void) closedir(entries);
-	return count;
+	const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd");
+	return static_cast<int>(std::distance(begin(entries), end(entries)));
 }
 
 long anonymous_kib(pid_t pid)
@@ -312,17 +348,22 @@ long anonymous_kib(pid_t pid)
 
 bool eventually(const std::function<bool()> &done)
 {
-	auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-	while (!done()) {
-		if (std::chrono::steady_clock::now() > end)
-			return false;
-		std::this_thread::sleep_for(std::chrono::milliseconds(2));
-	}
-	return true;
+	for (const Deadline end = Deadline::in(20 * second_ns); !end.has_passed(); sleep_ns(2 * millisecond_ns))
+		if (done())
+			return true;
+	return false;
 }
 
 void become(uid_t real, uid_t effective)
 {
 	must(syscall(SYS_setresgid, real, effective, effective) == 0, "setresgid");
 	must(syscall(SYS_setresuid, real, effective, effective) == 0, "setresuid");
+}
+
+void thread_as(uid_t user, const std::function<void()> &what)
+{
+	std::thread([&] {
+		become(user, user);
+		what();
+	}).join();
 }

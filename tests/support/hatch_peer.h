@@ -6,6 +6,7 @@
 #include <functional>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 #include <meridon/hatch.h>
 
@@ -82,6 +83,19 @@ private:
 	pid_t pid_;
 };
 
+// What one process waits for and another raises. Made before the fork.
+class Signal {
+public:
+	Signal();
+	void raise() const;
+	void wait() const;
+
+private:
+	Fd read_end_, write_end_;
+};
+
+[[noreturn]] int wait_for_ever();
+
 // A process that serves `obey` at a path once it is started. It is forked at once: in the child of a process with busy
 // threads, a sanitizer's allocator may be locked.
 class WaitingServer {
@@ -90,19 +104,17 @@ public:
 	Process start();
 
 private:
-	struct Pipe {
-		Fd read_end;
-		Fd write_end;
-	};
-	Pipe told_ = make_pipe();
-	Pipe ready_ = make_pipe();
+	Signal told_, ready_;
 	Process process_;
-	static Pipe make_pipe();
 };
 
 // A process that serves `obey` at a path, from the moment that this returns on. Without fdetach() before, and it doesn't
 // wait for anybody at its end.
 Process serve(const std::string &path);
+// One that may open so many descriptors.
+Process serve_with_limit(const std::string &path, unsigned long descriptors);
+// Lets this process open as many, or as many as it may. Gives how many that is.
+unsigned long allow_descriptors(unsigned long most);
 
 // What a call came to: its errno value and the reply.
 struct Answer {
@@ -114,6 +126,10 @@ struct Answer {
 // Calls with no buffer for the reply, or with one of `room` bytes.
 Answer call(int hatch, const std::string &request, size_t room = 0);
 Answer call(int hatch, Ask ask, size_t room = 0);
+// An answer that is an array of int.
+std::vector<int> numbers_of(const Answer &answer);
+// Who the server says is calling.
+Caller caller_at(int hatch);
 
 Fd open_hatch(const std::string &path);
 
@@ -133,5 +149,7 @@ bool eventually(const std::function<bool()> &done);
 
 // Changes the real and effective ids of the calling thread alone, as the kernel does it.
 void become(uid_t real, uid_t effective);
+// Has a thread do something as another user.
+void thread_as(uid_t user, const std::function<void()> &what);
 
 #endif

@@ -73,19 +73,13 @@ void LocalServer::stop()
 
 Process serve_file(const ServedFile &file, const char *read_auth, const char *write_auth, ostrel_db_cmds_t cmds)
 {
-	int ready[2];
-	must(pipe2(ready, O_CLOEXEC) == 0, "pipe2");
+	Signal ready;
 	Process server([&] {
 		LocalServer served(file, read_auth, write_auth, cmds);
-		must(write(ready[1], "x", 1) == 1, "write");
-		for (;;)
-			pause();
-		return 0;
+		ready.raise();
+		return wait_for_ever();
 	});
-	(void) close(ready[1]);
-	char byte;
-	must(read(ready[0], &byte, 1) == 1, "the server didn't come up");
-	(void) close(ready[0]);
+	ready.wait();
 	return server;
 }
 
