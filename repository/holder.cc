@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
@@ -12,12 +11,13 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include <meridon/hatch.h>
 
+#include "base/clock.h"
+#include "base/hatch_client.h"
 #include "hatch/record.h"
 #include "process.h"
 #include "rpy/wire.h"
@@ -25,13 +25,10 @@
 namespace repository {
 namespace {
 
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
-constexpr auto patience = 7s; // with what one look may take, below the time that a start may take
+constexpr int64_t patience_ns = 7 * second_ns; // with what one look may take, below the time that a start may take
 constexpr int answer_seconds = 1;
 constexpr int start_seconds = 10;
-constexpr auto pause_time = 5ms;
+constexpr int64_t pause_ns = 5 * millisecond_ns;
 constexpr int unseen_looks = 40; // a fifth of a second: a holder that is just ending has gone by then
 
 Failure errno_failure(const std::string &path, const char *what)
@@ -108,7 +105,7 @@ HatchState hatch_state(const std::string &hatch, pid_t holder)
 {
 	Fd client(open(hatch.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 	hatch_info_t info;
-	if (!client || hatch_info(client.get(), &info) != 0 || (info.di_attributes & HATCH_REVOKED) != 0)
+	if (!client || !is_living_hatch(client.get(), &info))
 		return HatchState::unserved;
 	std::string file;
 	HatchState state = info.di_target == 0 ? HatchState::silent : HatchState::foreign;
@@ -259,7 +256,7 @@ Failure hold_file(const Start &start, Fd *held, Hold *hold)
 {
 	*hold = Hold::ours;
 	Wait wait(start);
-	for (auto end = Clock::now() + patience; Clock::now() < end; std::this_thread::sleep_for(pause_time)) {
+	for (const Deadline end = Deadline::in(patience_ns); !end.has_passed(); sleep_ns(pause_ns)) {
 		if (Failure failure = open_file(start.file, held))
 			return failure;
 		if (flock(held->get(), LOCK_EX | LOCK_NB) == 0) {

@@ -27,6 +27,7 @@
 #include <meridon/hatch.h>
 
 #include "access.h"
+#include "base/clock.h"
 #include "base/guards.h"
 #include "hatch/drain.h"
 #include "hatch/record.h"
@@ -40,7 +41,7 @@ namespace {
 
 constexpr int start_ms = 9500;
 constexpr int attach_tries = 200;
-constexpr useconds_t attach_pause_us = 5000;
+constexpr int64_t attach_pause_ns = 5 * millisecond_ns;
 // The next daemon waits 7 s for the file: the whole end has to be shorter, and draining shorter still.
 constexpr int drain_seconds = 4;
 constexpr unsigned int end_seconds = 6;
@@ -182,7 +183,7 @@ int while_busy(Try attempt)
 	int error = EBUSY;
 	for (int tries = 0; tries < attach_tries && error == EBUSY; tries++) {
 		if (tries > 0)
-			(void) usleep(attach_pause_us);
+			sleep_ns(attach_pause_ns);
 		error = attempt();
 	}
 	return error;

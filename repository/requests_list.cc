@@ -1,14 +1,13 @@
 // Listings: of names, and of groups in pages. A listing holds the model's lock for short pieces, so that updates take effect in
 // between; its position is the id of the last node that it looked at.
 #include <algorithm>
-#include <chrono>
 
+#include "base/clock.h"
 #include "requests_handlers.h"
 
 namespace repository {
 
 using namespace rpy;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -65,19 +64,17 @@ public:
 			return true;
 		if (looked_ % between_looks != 0)
 			return false;
-		const Clock::time_point now = Clock::now();
 		if (looked_ == between_looks)
-			end_ = now + time_max;
-		return now >= end_;
+			end_ = Deadline::in(time_max_ns);
+		return end_.has_passed();
 	}
 
 private:
-	using Clock = std::chrono::steady_clock;
 	static constexpr size_t groups_max = 4096, between_looks = 32;
-	static constexpr auto time_max = 1ms;
+	static constexpr int64_t time_max_ns = millisecond_ns;
 
 	size_t looked_ = 0;
-	Clock::time_point end_;
+	Deadline end_ = Deadline::never();
 };
 
 // How much of a page is written under the lock, if its groups aren't large: to copy a small group takes no longer than to

@@ -5,6 +5,8 @@
 // each entry to it calls enter() before it takes the lock: the first entry in a process makes the state again. What only
 // has to be recognised as a parent's compares is_own().
 //
+// So a handler of pthread_atfork() that takes such a lock enters first as well.
+//
 // Handlers of pthread_atfork() are no substitute: they run in no child of clone(), and none runs in a child of vfork() or of
 // an enclave's work. They stand only where a child must give something up at once, whether it comes back or not:
 // connections and the signs of life of hatches (hatch/connections.cc, hatch/hatches.cc), and the covenants of its parent.

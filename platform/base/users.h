@@ -28,6 +28,7 @@ public:
 			grown_.reset(static_cast<char *>(malloc(size)));
 			if (!grown_)
 				return ENOMEM;
+			// NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the memory is grown_'s
 			error = look_up(key, &entry_, grown_.get(), size, &found_);
 		}
 		return error;

@@ -54,6 +54,7 @@ void renew() NO_THREAD_SAFETY_ANALYSIS // no other thread has it yet
 
 void before_fork() NO_THREAD_SAFETY_ANALYSIS
 {
+	table_process.enter(renew); // another thread may be about to make the lock
 	table_lock.lock();
 }
 

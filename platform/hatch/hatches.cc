@@ -74,6 +74,7 @@ void renew() NO_THREAD_SAFETY_ANALYSIS // no other thread has any of it yet
 
 void before_fork() NO_THREAD_SAFETY_ANALYSIS
 {
+	list_process.enter(renew); // another thread may be about to make the lock
 	list_lock.lock();
 	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next)
 		hatch->lock.lock(), hatch->accept_lock.lock();

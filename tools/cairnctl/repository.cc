@@ -1,13 +1,12 @@
 #include "repository.h"
 
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <thread>
 
 #include <fmt/format.h>
 
+#include "base/clock.h"
 #include "shared/failure.h"
 #include "shared/rights.h"
 
@@ -319,8 +318,8 @@ template <typename Start>
 Json Repository::whole_tree(const std::string &where, Start start)
 {
 	constexpr int attempts = 8;
-	auto pause = std::chrono::milliseconds(10);
-	for (int attempt = 1;; attempt++, pause *= 2) {
+	Backoff backoff(10 * millisecond_ns, second_ns);
+	for (int attempt = 1;; attempt++) {
 		Iter iter(made(rpy_iter_create(handle())));
 		if (start(iter.get()))
 			if (std::optional<Json> groups = groups_of(iter.get(), where, 1))
@@ -328,7 +327,7 @@ Json Repository::whole_tree(const std::string &where, Start start)
 		if (attempt == attempts)
 			throw Failure(Exit::busy, where + ": it is changed faster than it can be read")
 			    .next("try again");
-		std::this_thread::sleep_for(pause);
+		backoff.pause();
 	}
 }
 

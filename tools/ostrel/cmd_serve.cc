@@ -17,6 +17,7 @@
 #include <base/guards.h>
 #include <fmt/format.h>
 
+#include "base/clock.h"
 #include "command.h"
 #include "database.h"
 #include "deferred.h"
@@ -299,9 +300,8 @@ Exit end_with_updates(const Database &database, const Options &options, UpdateWa
 	tell_manager(
 	    fmt::format("EXTEND_TIMEOUT_USEC={}", std::chrono::microseconds(longest_deferral).count()).c_str());
 	const std::vector<std::string> said = log_messages([&] {
-		const auto end = std::chrono::steady_clock::now() + longest_deferral;
-		while (ending.look() && std::chrono::steady_clock::now() < end &&
-		       !signals.comes_within(std::chrono::milliseconds(50)))
+		const Deadline end = Deadline::in(longest_deferral.count() * second_ns);
+		while (ending.look() && !end.has_passed() && !signals.comes_within(std::chrono::milliseconds(50)))
 			continue;
 	});
 	for (const std::string &message : said)

@@ -1,16 +1,12 @@
 #include "deferred.h"
 
-#include <algorithm>
-#include <chrono>
-#include <thread>
-
 #include <fmt/format.h>
+
+#include "base/clock.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr std::chrono::milliseconds first_pause(50), longest_pause(1000);
+constexpr int64_t first_pause_ns = 50 * millisecond_ns;
 constexpr int looks = 5; // that find all as before, until the update counts as deferred
 
 enum class Fate { landed, open, lost };
@@ -48,7 +44,7 @@ Fate first_fate(Retries &retries, const std::function<Seen()> &look)
 		look_closely(retries, look);
 	Fate fate = fate_of(retries.state(), look);
 	for (int i = 0; i < looks && fate == Fate::open && retries.state() == Retries::State::unseen; i++) {
-		std::this_thread::sleep_for(first_pause);
+		sleep_ns(first_pause_ns);
 		fate = fate_of(retries.state(), look);
 	}
 	return fate;
@@ -56,11 +52,11 @@ Fate first_fate(Retries &retries, const std::function<Seen()> &look)
 
 Fate wait_for(const Retries &retries, const std::function<Seen()> &look)
 {
-	Clock::time_point end = Clock::now() + longest_deferral;
+	const Deadline end = Deadline::in(longest_deferral.count() * second_ns);
+	Backoff backoff(first_pause_ns, second_ns);
 	Fate fate = Fate::open;
-	for (auto pause = first_pause; fate == Fate::open && Clock::now() < end;
-	     pause = std::min(pause * 2, longest_pause)) {
-		std::this_thread::sleep_for(pause);
+	while (fate == Fate::open && !end.has_passed()) {
+		backoff.pause();
 		fate = fate_of(retries.state(), look);
 	}
 	return fate;

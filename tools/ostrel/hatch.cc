@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 #include <meridon/hatch.h>
 
+#include "base/hatch_client.h"
 #include "shared/rights.h"
 
 namespace {
@@ -33,7 +34,7 @@ private:
 std::optional<pid_t> server_behind(int fd)
 {
 	hatch_info_t info;
-	if (hatch_info(fd, &info) != 0 || (info.di_attributes & HATCH_REVOKED) != 0)
+	if (!is_living_hatch(fd, &info))
 		return std::nullopt;
 	return info.di_target;
 }

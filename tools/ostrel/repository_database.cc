@@ -1,12 +1,11 @@
 // A service or an instance of the service repository, through its daemon. An update that the store can't take now goes on on a
 // thread of this process, with the handle: that one stays open until the thread has ended, or is left to the end of the process.
-#include <chrono>
 #include <memory>
-#include <thread>
 
 #include <fmt/format.h>
 #include <meridon/rpy.h>
 
+#include "base/clock.h"
 #include "group_database.h"
 #include "groups.h"
 #include "shared/rights.h"
@@ -108,10 +107,10 @@ private:
 // An update that has landed ends its thread at once, or with its next attempt.
 RepositoryDatabase::~RepositoryDatabase()
 {
-	constexpr std::chrono::milliseconds last_attempt(2000), pause(10);
 	size_t running = may_have_retries() ? own_deferred_updates() : 0;
-	for (auto waited = pause; running > 0 && !given_up() && waited < last_attempt; waited += pause) {
-		std::this_thread::sleep_for(pause);
+	const Deadline end = Deadline::in(2 * second_ns);
+	while (running > 0 && !given_up() && !end.has_passed()) {
+		sleep_ns(10 * millisecond_ns);
 		running = own_deferred_updates();
 	}
 	if (running == 0)

@@ -2,21 +2,21 @@
 #include "update_threads.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <pthread.h>
-#include <thread>
 #include <unistd.h>
 
 #include <fmt/format.h>
+
+#include "base/clock.h"
 
 namespace {
 
 // So many listings without a thread count as none.
 constexpr int listings = 5;
-constexpr std::chrono::milliseconds between_listings(5);
+constexpr int64_t between_listings_ns = 5 * millisecond_ns;
 
 constexpr char update_thread_name[] = "ostrel_update"; // set before the caller gets its result
 
@@ -56,7 +56,7 @@ std::vector<pid_t> update_threads()
 {
 	std::vector<pid_t> threads = listing(getpid()).value_or(std::vector<pid_t>());
 	for (int i = 1; i < listings && threads.empty(); i++) {
-		std::this_thread::sleep_for(between_listings);
+		sleep_ns(between_listings_ns);
 		threads = listing(getpid()).value_or(std::vector<pid_t>());
 	}
 	return threads;
@@ -130,7 +130,7 @@ void Retries::add(const Retries &other)
 void Retries::look_again()
 {
 	for (int i = 1; i < listings && !is_unseen_ && threads_.empty(); i++) {
-		std::this_thread::sleep_for(between_listings);
+		sleep_ns(between_listings_ns);
 		for (pid_t thread : listing(process_).value_or(std::vector<pid_t>()))
 			if (others_.count(thread) == 0)
 				threads_.insert(thread);

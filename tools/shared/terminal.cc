@@ -167,7 +167,7 @@ void print_table(const Table &table)
 
 Progress::Progress(const char *doing, size_t total)
     : doing_(doing), total_(total), wanted_(is_terminal(STDERR_FILENO) && !reporting_json()),
-      next_(std::chrono::steady_clock::now() + std::chrono::milliseconds(500))
+      next_(Deadline::in(500 * millisecond_ns))
 {}
 
 Progress::~Progress()
@@ -179,9 +179,9 @@ Progress::~Progress()
 void Progress::step()
 {
 	done_++;
-	if (!wanted_ || done_ % 64 != 0 || std::chrono::steady_clock::now() < next_)
+	if (!wanted_ || done_ % 64 != 0 || !next_.has_passed())
 		return;
-	next_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+	next_ = Deadline::in(100 * millisecond_ns);
 	shown_ = true;
 	try {
 		fmt::print(stderr, "\r{} {} of {} ({}%)\033[K", doing_, done_, total_,

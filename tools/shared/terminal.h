@@ -2,10 +2,11 @@
 #ifndef TOOLS_SHARED_TERMINAL_H
 #define TOOLS_SHARED_TERMINAL_H
 
-#include <chrono>
 #include <cstddef>
 #include <string>
 #include <vector>
+
+#include "base/clock.h"
 
 bool is_terminal(int fd);
 // Colour is for terminals only, and not where NO_COLOR is set or TERM is dumb.
@@ -38,7 +39,7 @@ private:
 	size_t done_ = 0;
 	bool wanted_;
 	bool shown_ = false;
-	std::chrono::steady_clock::time_point next_;
+	Deadline next_;
 };
 
 #endif
