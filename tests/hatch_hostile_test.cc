@@ -188,7 +188,7 @@ TEST_F(HatchHostile, ACallWithDescriptorsIsRefused)
 	EXPECT_TRUE(eventually([&] { return descriptors_of(server_.pid()) <= before; })) << "they were kept";
 }
 
-// A socket with unsent data whose close waits for it: whoever closes it last waits, for an hour here.
+// A socket with unsent data, whose last close waits for that, for an hour here.
 Fd lingering_socket(Fd *other_end)
 {
 	Fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -395,11 +395,11 @@ TEST(HatchLimits, WhenDescriptorsRunOutTheLongestIdleConnectionGoesAndRunningCal
 	EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) < 64 - 10; })) << "handlers have none left";
 	running.join();
 	EXPECT_EQ(slow.error, 0);
-	// A kept connection that was dropped meanwhile is made anew, unseen.
+	// A kept connection that was dropped meanwhile is replaced without a failure.
 	EXPECT_EQ(call(fd.get(), std::string("x")).data, "x");
 }
 
-// Whoever can reach a hatch can send to it, with or without a right.
+// Everybody who can reach a hatch can send to it, with or without a right.
 TEST(HatchLimits, ARequestWithoutAnEndIsRefusedBeforeItTakesTheMachinesMemory)
 {
 	constexpr size_t mib = size_t{1} << 20;

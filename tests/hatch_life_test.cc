@@ -156,7 +156,7 @@ TEST_F(HatchLife, WhatMustNotBeCoveredIsRefused)
 	EXPECT_EQ(error_of(scratch_.path("missing")), ENOENT);
 	EXPECT_EQ(error_of(scratch_.path("missing/hatch")), ENOENT);
 	EXPECT_EQ(error_of(std::string(5000, 'x')), ENAMETOOLONG);
-	EXPECT_EQ(names_in_directory(), 6) << "a refused attachment leaves something behind";
+	EXPECT_EQ(names_in_directory(), 6) << "a refused attachment leaves something";
 	EXPECT_EQ(error_of(path_), 0);
 	EXPECT_EQ(error_of(path_), EBUSY);
 	EXPECT_EQ(hatch_revoke(hatch), 0);
@@ -251,20 +251,20 @@ TEST_F(HatchLife, AHandlerCanRevokeItsOwnHatchAndReply)
 	EXPECT_TRUE(eventually([&] { return open_descriptors() <= before + 1; })); // the connection, if it is kept
 }
 
-// What hangs behind the cookie is given up when hatch_revoke() returns: a handler that ran on would be caught by a
+// What the cookie points to is freed when hatch_revoke() returns: a handler that ran on would be caught by a
 // sanitizer, and by the count.
 TEST_F(HatchLife, NoHandlerRunsAfterARevocationUnderLoad)
 {
-	struct Behind {
+	struct Cookie {
 		std::atomic<int> running = 0;
-		std::string text = "behind the cookie";
+		std::string text = "what the cookie holds";
 	};
 	auto use = [](void *cookie, char *, size_t, hatch_desc_t *, unsigned int) {
-		auto *behind = static_cast<Behind *>(cookie);
-		behind->running++;
+		auto *own = static_cast<Cookie *>(cookie);
+		own->running++;
 		char copy[32];
-		size_t size = behind->text.copy(copy, sizeof copy);
-		behind->running--;
+		size_t size = own->text.copy(copy, sizeof copy);
+		own->running--;
 		hatch_return(copy, size, nullptr, 0);
 	};
 	std::atomic<bool> stop = false;
@@ -275,18 +275,19 @@ TEST_F(HatchLife, NoHandlerRunsAfterARevocationUnderLoad)
 			while (!stop) {
 				Fd fd = open_hatch(path_);
 				Answer answer = call(fd.get(), std::string("x"), 64);
-				good += answer.error == 0 && answer.data == "behind the cookie";
-				wrong += answer.error == 0 ? answer.data != "behind the cookie" : answer.error != EBADF;
+				good += answer.error == 0 && answer.data == "what the cookie holds";
+				wrong +=
+				    answer.error == 0 ? answer.data != "what the cookie holds" : answer.error != EBADF;
 			}
 		});
 	}
 	for (int round = 0; round < 30; round++) {
-		auto behind = std::make_unique<Behind>();
-		LocalHatch served(path_, use, behind.get());
+		auto cookie = std::make_unique<Cookie>();
+		LocalHatch served(path_, use, cookie.get());
 		int before = good;
 		ASSERT_TRUE(eventually([&] { return good > before + 20; }));
 		served.revoke();
-		ASSERT_EQ(behind->running, 0);
+		ASSERT_EQ(cookie->running, 0);
 	}
 	stop = true;
 	clients.clear();

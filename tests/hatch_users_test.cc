@@ -90,7 +90,7 @@ TEST_F(HatchUsers, WhoHasChangedItsUserConnectsAnew)
 	}
 }
 
-// Whoever can have a program of root's write to its connection must not speak as root.
+// A user who gets a program of root's to write to a connection must not speak as root.
 TEST_F(HatchUsers, AMessageOfAnotherUserThanTheOneWhoConnectedIsRefused)
 {
 	Process server = serve(path_);

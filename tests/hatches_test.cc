@@ -342,8 +342,7 @@ TEST_F(HatchBlocks, AReplyIsBelievedNoFurtherThanItReaches)
 		std::string answer;
 	} cases[] = {
 	    {reply_of(OSTREL_SUCCESS, 0, good.size(), good), "a=1;|p=x;"},
-	    {reply_of(OSTREL_SUCCESS, 3, good.size(), "..." + good),
-		"a=1;|p=x;"}, // the data lie behind the identifiers
+	    {reply_of(OSTREL_SUCCESS, 3, good.size(), "..." + good), "a=1;|p=x;"}, // the data follow the identifiers
 	    {reply_of(OSTREL_SUCCESS, 0, good.size(), good + "more"), "a=1;|p=x;"},
 	    {"x", "? failure"},
 	    {reply_of(OSTREL_SUCCESS, 0, 0, "").substr(0, 39), "? failure"},

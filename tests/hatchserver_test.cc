@@ -353,7 +353,7 @@ TEST_F(HatchRights, ARequestFromOutsideLearnsNothingOfWhatItAsksFor)
 
 // A letter for each result of read, write, rename, rename to there, remove, and what the read found.
 struct Leaving {
-	std::string by;            // an identifier; behind a '#' stands a number
+	std::string by;            // an identifier; a number follows a '#'
 	std::string without, with; // the right. Empty: any result that isn't OSTREL_EPERM
 };
 constexpr char refused[] = "PPPPP";
@@ -380,7 +380,7 @@ protected:
 
 	const std::string rights_ = "daemon: ostrel.read, ostrel.write\nbin: ostrel.*\n";
 	const std::string other_ = file_.scratch.path("other"), done_ = "..... a=1;|p=one; ";
-	// Objects of the served database, and of where it goes. All is made anew, and looked at, for each user.
+	// Objects of the served database, and of where it goes. All is made again, and looked at, for each user.
 	std::string here_ = "a=2", here_new_ = "a=4", there_ = "a=1", there_new_ = "a=3";
 	std::function<void()> begin_ = [this] {
 		file_.write(first_text);
@@ -650,7 +650,7 @@ void starve(void *cookie, char *arg, size_t size, hatch_desc_t *descs, unsigned 
 TEST_F(HatchServer, AnswersWhicheverAllocationFailsAndKeepsNothing)
 {
 	SKIP_WITHOUT_ALLOC_FAULTS();
-	// Without records: an update outlives an allocation that fails behind it, for its record.
+	// Without records: an update outlives an allocation that fails after it, for its record.
 	struct ostrel_db_cmds unaudited = *ostrel_files_db_cmds;
 	unaudited.dbc_audit = nullptr;
 	Database db = open_database(file_.path, &unaudited);

@@ -220,7 +220,7 @@ int hatch_info(int hatch, hatch_info_t *info);
 
 /*
  * Closes the connections to this hatch that are kept for later calls, as when its descriptor is about to be closed.
- * Later calls connect anew. A process keeps at most 32 connections in all, and never more to one hatch than it had calls
+ * Later calls connect again. A process keeps at most 32 connections in all, and never more to one hatch than it had calls
  * to it at once. What isn't a hatch is left alone.
  */
 void hatch_forget(int hatch);

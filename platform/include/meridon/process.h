@@ -1,5 +1,5 @@
 /*
- * Which process this is, for what a forked child has to make anew. A process id doesn't tell: a child in a namespace of its
+ * Which process this is, for what a forked child has to make again. A process id doesn't tell: a child in a namespace of its
  * own may have its parent's.
  */
 #ifndef MERIDON_PROCESS_H
