@@ -31,7 +31,7 @@ void note_signal(int)
 	interrupted = 1;
 }
 
-// For the time of the work a signal ends it between two objects, with a word on how far it came.
+// While this lives, a signal ends the work between two objects, with a message that says how far it came.
 class SignalGuard {
 public:
 	SignalGuard()
@@ -39,7 +39,7 @@ public:
 		struct sigaction action = {};
 		action.sa_handler = note_signal;
 		for (size_t i = 0; i < count; i++)
-			(void) sigaction(numbers[i], &action, &before_[i]); // fails for numbers alone that don't exist
+			(void) sigaction(numbers[i], &action, &before_[i]); // can't fail for signals that exist
 	}
 	~SignalGuard()
 	{
@@ -125,7 +125,7 @@ public:
 		return found == stored_.end() ? Presence() : Presence{true, before_[found->second]};
 	}
 
-	// The store refused an object that was to be written.
+	// Takes an object that the store refused out of the counts.
 	void take_back(const Object *object)
 	{
 		for (Slot &slot : slots_) {
@@ -145,7 +145,7 @@ public:
 		return all;
 	}
 
-	// A group that goes takes those below it along: none that is to be there may be among them.
+	// Removing a group removes those below it: none that is to stay may be among them.
 	void check_removals() const
 	{
 		for (const Identifiers *id : removals())
@@ -176,7 +176,7 @@ private:
 			database_.check_import(
 			    slot.object, begin == end ? Presence() : Presence{true, before_[begin->second]});
 		} catch (...) {
-			seen_.erase(first); // what can't be stored takes no place
+			seen_.erase(first); // a later object may have these identifiers
 			throw;
 		}
 		if (begin == end) {
@@ -195,7 +195,8 @@ private:
 		}
 	}
 
-	// Counts an object that is stored already: it keeps its place, and the spelling of its identifiers. True: it changes.
+	// Counts an object that is stored already, and keeps its place and the spelling of its identifiers. Returns whether it
+	// changes.
 	bool count(size_t index, const Object &object)
 	{
 		kept_[index] = true;
@@ -212,10 +213,10 @@ private:
 	std::vector<Slot> slots_;
 	std::unordered_multimap<std::string, size_t> stored_;
 	std::unordered_map<std::string, std::string> seen_;
-	std::vector<bool> kept_; // which of the objects before have come along
+	std::vector<bool> kept_; // which of before_ the import has, too
 };
 
-// One update for each object. What was done stays done if one of them fails, and the message says how far it came.
+// Makes one update for each object. If one fails, those before it stay, and the message says how many these are.
 void write_singly(Database &database, ImportPlan &plan, Complaints &complaints, const Options &options)
 {
 	std::vector<const Object *> writes = plan.writes();
@@ -270,7 +271,7 @@ void write_singly(Database &database, ImportPlan &plan, Complaints &complaints, 
 	};
 	for (const Object *object : writes)
 		step([&] { put(object); });
-	// The other way round: a group is listed before those below it, and takes them along.
+	// Backwards: a group is listed before those below it, and its removal removes them.
 	std::for_each(removals.rbegin(), removals.rend(), [&](const Identifiers *id) { step([&] { remove(id); }); });
 	for (const auto &await : later)
 		await();

@@ -1,4 +1,4 @@
-// Many objects into one database, all or none.
+// Imports: many objects into one database.
 #ifndef OSTREL_TOOL_BULK_H
 #define OSTREL_TOOL_BULK_H
 
@@ -9,7 +9,7 @@
 #include "database.h"
 #include "object.h"
 
-// Options of the commands that bring many objects.
+// Options of the commands that import objects.
 void declare_bulk(CLI::App &app, Options &options);
 
 struct Incoming {
@@ -17,8 +17,8 @@ struct Incoming {
 	std::string place; // where it comes from, for messages
 };
 
-// Collects what is wrong with single objects: the first one ends the command, or, with --keep-going, each is passed
-// over with a warning.
+// Takes what is wrong with single objects. The first such object ends the command; with --keep-going each is skipped with a
+// warning.
 class Complaints {
 public:
 	explicit Complaints(bool keep_going) : keep_going_(keep_going) {}
@@ -30,7 +30,7 @@ private:
 	size_t count_ = 0;
 };
 
-// Writes the objects into the database, in their order, and tells what became of them.
+// Writes the objects into the database, in their order, and prints how many were added, replaced and so on.
 Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints &complaints, const Options &options);
 
 #endif

@@ -14,7 +14,7 @@
 namespace {
 
 constexpr const char *format_name = "ostrel-objects";
-constexpr int format_version = 2; // 1 is read as well: it had numbers of 64 bits as numbers alone
+constexpr int format_version = 2; // version 1, which is read as well, has numbers of 64 bits as numbers alone
 
 // ---- Writing ----
 
@@ -106,8 +106,7 @@ bool is_wide(const ValueType &type)
 	return type.array == DATA_TYPE_INT64_ARRAY || type.array == DATA_TYPE_UINT64_ARRAY;
 }
 
-// Which kind of JSON value stands for a type: its numbers are whole, its booleans aren't words. Only those of 64 bits may
-// be texts.
+// Whether a kind of JSON value can stand for a type. Only numbers of 64 bits may be texts.
 bool kind_fits(const Json &json, const ValueType &type)
 {
 	if (type.numeric)
@@ -182,8 +181,9 @@ Object object_from_json(const Json &json, const std::string &path)
 
 // ---- Reading ----
 
-// Follows the parser, so that a name that is given twice is seen (the parsed form keeps only one), a document that
-// is nested too deep is refused while it is read, and each object is taken out and dropped as soon as it is whole.
+// Follows the parser's events: so it sees a key that is given twice, of which the parsed form keeps one; refuses a document that
+// is nested too deep while reading it; and takes each object out of the parsed form as soon as it is complete, which keeps
+// memory small.
 class Reader {
 public:
 	explicit Reader(const std::function<void(const Failure &)> &bad) : bad_(bad) {}
@@ -242,7 +242,7 @@ private:
 		return levels_.size() == 2 && !levels_[0].array && levels_[0].key == "objects" && levels_[1].array;
 	}
 
-	// An element of the document's objects is whole: false drops it from the parsed form.
+	// Takes a complete element of the document's objects. False drops it from the parsed form.
 	bool take(const Json &parsed)
 	{
 		std::string place = path();
@@ -300,9 +300,9 @@ std::vector<DocumentObject> read_document(std::istream &in, const std::function<
 {
 	try {
 		return Reader(bad).read(in);
-	} catch (const Json::exception &error) { // a number beyond all bounds is no error of the syntax
+	} catch (const Json::exception &error) { // also a number beyond all bounds, which isn't a syntax error
 		std::string text = error.what();
-		size_t bracket = text.find("] "); // behind the parser's own name for the error
+		size_t bracket = text.find("] "); // after the parser's own name for the error
 		throw Failure(Exit::invalid, bracket == std::string::npos ? text : text.substr(bracket + 2))
 		    .next("ostrel(1) describes the document; ostrel export writes one");
 	}

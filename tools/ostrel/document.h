@@ -1,4 +1,5 @@
-// The JSON document in which objects leave the tool and come back. ostrel(1) describes it.
+// The JSON document of export and import. ostrel(1) describes it. Reading is strict: an unknown or doubled key, a number out of
+// range or a type that doesn't exist is an error with its place, never a guess, since a guess would be stored.
 #ifndef OSTREL_TOOL_DOCUMENT_H
 #define OSTREL_TOOL_DOCUMENT_H
 
@@ -15,7 +16,7 @@ Json id_to_json(const Identifiers &id);
 Json property_to_json(const Property &property);
 Json object_to_json(const Object &object);
 
-// Writes a document to the standard output while the objects come in.
+// Writes a document to the standard output, object by object.
 class DocumentWriter {
 public:
 	DocumentWriter();
@@ -26,11 +27,11 @@ private:
 	bool first_ = true;
 };
 
-// A document that was read, with the place of each object in it. Bad elements are handed to `bad`, which may throw
-// to end the reading; what is wrong with the document as a whole is thrown.
+// Reads a document. Each bad object is passed to `bad`, which may throw to end the reading; a fault of the document as a whole
+// is thrown.
 struct DocumentObject {
 	Object object;
-	std::string path;
+	std::string path; // its place in the document, a JSON pointer
 };
 std::vector<DocumentObject> read_document(std::istream &in, const std::function<void(const Failure &)> &bad);
 

@@ -1,4 +1,3 @@
-// Elements of JSON documents.
 #include "element.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// What the readers of JSON documents share: every complaint names the element by its path.
+// What the readers of JSON documents share. Every failure names the element by its path, a JSON pointer.
 #ifndef OSTREL_TOOL_ELEMENT_H
 #define OSTREL_TOOL_ELEMENT_H
 
@@ -7,7 +7,7 @@
 
 #include "document.h"
 
-// The path of a member, as a JSON pointer.
+// The path of a member of the element at `path`.
 std::string pointer(const std::string &path, const std::string &key);
 
 // These throw Failure (invalid) for the element at `path`.

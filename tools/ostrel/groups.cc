@@ -52,7 +52,7 @@ std::vector<std::string> stored_texts(const Property &property)
 	return texts;
 }
 
-// Values of the kinds don't turn into each other.
+// A stored property keeps the kind of its values.
 std::string_view kind_of(const ValueType &type)
 {
 	return type.numeric ? "numbers" : type.quoted ? "strings" : "booleans";
@@ -80,7 +80,7 @@ std::optional<Failure> why_bad_property(const Property &property, const Property
 	return std::nullopt;
 }
 
-// A path of types for a group that is new. Which of the levels above are there already isn't known.
+// What is wrong with the path of types of a new group. Which levels above it exist isn't known, so each needs a type.
 std::optional<Failure> why_bad_types(const Identifiers &id)
 {
 	const std::string *name = find_identifier(id, group_name_key), *type = find_identifier(id, group_type_key);

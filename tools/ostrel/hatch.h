@@ -1,4 +1,5 @@
-// Hatches as the tool sees them: whether somebody serves there, and what is wrong if nobody does.
+// Hatches as seen from outside: whether a server is there, and what is wrong if none is. The library's own result doesn't tell:
+// it reports a server that has ended as a general failure.
 #ifndef OSTREL_TOOL_HATCH_H
 #define OSTREL_TOOL_HATCH_H
 
@@ -9,14 +10,13 @@
 
 #include "failure.h"
 
-// The process that serves the hatch at `path`; 0 if it serves but can't be seen from here; nothing if nobody serves.
+// The process that serves the hatch at `path`; 0 if it can't be seen from here; nothing if there is no server.
 std::optional<pid_t> hatch_server(const std::string &path);
 
-// Why the hatch at `path` can't be called; nothing if it can. The library's own result doesn't tell: a server that has
-// gone is no more than a failure to it.
+// Why the hatch at `path` can't be called; nothing if it can.
 std::optional<Failure> hatch_unreachable(const std::string &path);
 
-// Why the server at `path` doesn't go by the file of rights; empty if it does, as far as can be seen from here.
+// Why the server at `path` ignores the file of rights, as the end of a sentence; empty if it doesn't, as far as can be seen.
 std::string rights_fault_at(const std::string &path);
 
 #endif

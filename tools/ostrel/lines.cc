@@ -15,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include "base/guards.h"
 #include "enclave_child.h"
 #include "libostrel_files_blocks.h"
 #include "libostrel_files_fields.h"
@@ -24,11 +25,6 @@
 namespace {
 
 // ---- The file ----
-
-struct CloseFile {
-	void operator()(FILE *stream) const { (void) fclose(stream); } // it was only read
-};
-using Stream = std::unique_ptr<FILE, CloseFile>;
 
 int copy_bytes(int from, int to)
 {
@@ -61,22 +57,30 @@ int fetch(const DatabaseName &file, int to)
 	});
 }
 
+int open_here(const DatabaseName &file, Stream *stream)
+{
+	Fd fd(file.is_own_path() ? open(file.name.c_str(), O_RDONLY | O_CLOEXEC)
+				 : memfd_create("ostrel-check", MFD_CLOEXEC));
+	if (!fd)
+		return errno;
+	if (!file.is_own_path()) {
+		if (int error = fetch(file, fd.get()))
+			return error;
+	}
+	struct stat status;
+	if (fstat(fd.get(), &status) == 0 && S_ISDIR(status.st_mode))
+		return EISDIR;
+	*stream = Stream(fdopen(fd.get(), "r"));
+	if (!*stream)
+		return errno;
+	(void) fd.release(); // the stream's now
+	return 0;
+}
+
 Stream open_file(const DatabaseName &file)
 {
-	int error = 0;
-	int fd = file.is_own_path() ? open(file.name.c_str(), O_RDONLY | O_CLOEXEC)
-				    : memfd_create("ostrel-check", MFD_CLOEXEC);
-	if (fd < 0)
-		error = errno;
-	else if (!file.is_own_path())
-		error = fetch(file, fd);
-	struct stat status;
-	if (error == 0 && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode))
-		error = EISDIR;
-	Stream stream(error == 0 ? fdopen(fd, "r") : nullptr);
-	if (!stream && fd >= 0)
-		(void) close(fd); // nothing was written through it
-	if (!stream)
+	Stream stream;
+	if (int error = open_here(file, &stream))
 		throw Failure(error == EISDIR ? Exit::invalid : exit_of(ostrel_errno2error(error)), strerror(error))
 		    .in(file.label);
 	return stream;

@@ -1,4 +1,4 @@
-// Objects, and the table of value types.
+// Divisions: what each type needs, texts and values, lists and values.
 #include "object.h"
 
 #include <algorithm>

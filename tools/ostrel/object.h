@@ -1,4 +1,8 @@
-// Objects as the tool holds them: every value is a text in one fixed form, so that equal values are equal texts.
+/*
+ * Objects as the tool holds them, and their way from and to the library's lists. Every value is a text in one normal form, so
+ * that equal values are equal texts: a number has no leading zeros, a boolean is true or false. A table of types (object.cc)
+ * has what each type needs.
+ */
 #ifndef OSTREL_TOOL_OBJECT_H
 #define OSTREL_TOOL_OBJECT_H
 
@@ -15,12 +19,12 @@ struct FreeList {
 };
 using List = std::unique_ptr<attrlist_t, FreeList>;
 
-// A type of values: how it is called, and how a value goes from text to list and back.
+// A type of values.
 struct ValueType {
 	const char *word;
 	data_type_t array;
 	data_type_t scalar;
-	// The fixed form of a text. Throws Failure (invalid) for what isn't a value of the type.
+	// The normal form of a text. Throws Failure (invalid) for what isn't a value of the type.
 	std::string (*normalize)(std::string_view text);
 	int (*read)(const attrpair_t *pair, std::vector<std::string> &values);
 	int (*read_scalar)(const attrpair_t *pair, std::vector<std::string> &values);
@@ -42,7 +46,7 @@ struct Property {
 	std::vector<std::string> values;
 };
 
-// A scalar is the same as an array of one: that is how it is stored, and read back.
+// A scalar equals an array of one value: it is stored so, and read back as that.
 bool same_value(const Property &a, const Property &b);
 
 using Identifiers = std::vector<std::pair<std::string, std::string>>;
@@ -59,7 +63,7 @@ bool same_props(const Object &a, const Object &b);
 
 // Throws Failure for a property of a type that the tool doesn't know, rather than losing it.
 Object object_from_lists(attrlist_t *id, attrlist_t *props);
-// With a store, its name goes along: the file for this one operation, in place of the handle's.
+// `store`, unless NULL, is the name of the store that this one operation goes to, in place of the handle's.
 List id_list(const Identifiers &id, const char *store = nullptr);
 List props_list(const std::vector<Property> &props);
 

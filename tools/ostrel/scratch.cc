@@ -1,4 +1,4 @@
-// Lines that objects would have in a database file. Divisions: lines, what can't be stored.
+// Divisions: lines, what can't be stored.
 #include "scratch.h"
 
 #include <new>
@@ -34,14 +34,13 @@ Object LineMaker::stored() const
 	std::string text = line_.substr(0, line_.find('\n'));
 	attrlist_t *id = nullptr, *props = nullptr;
 	if (ostrel_line2attrlist(text.data(), &id, &props) != OSTREL_SUCCESS)
-		throw std::bad_alloc(); // what was written can be read
+		throw std::bad_alloc(); // nothing else can be wrong: the library wrote the line
 	List owned_id(id), owned_props(props);
 	return object_from_lists(id, props);
 }
 
 // ---- What can't be stored ----
 
-// The library says only that it refuses: so its parts are tried one by one.
 Failure unstorable(const Object &object)
 {
 	LineMaker maker;

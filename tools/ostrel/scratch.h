@@ -1,4 +1,8 @@
-// Objects as a database file would hold them.
+/*
+ * Lines that objects would have in a database file, made without a file. The library only says that it refuses an object; here
+ * its parts are tried one by one, so that the message names the one that can't be stored. A refused update of a real file
+ * would leave a temporary file beside it.
+ */
 #ifndef OSTREL_TOOL_SCRATCH_H
 #define OSTREL_TOOL_SCRATCH_H
 
@@ -9,12 +13,12 @@
 #include "failure.h"
 #include "object.h"
 
-// What the library makes of an object, and whether it takes it at all, without touching the user's database.
+// Makes lines of objects.
 class LineMaker {
 public:
 	// The object's line, newline included. Throws Failure (invalid) that names the part that can't be stored.
 	const std::string &line(const Object &object);
-	// The object as it comes back from the last line.
+	// The object that a reader makes of the last line.
 	Object stored() const;
 
 private:
@@ -27,7 +31,7 @@ private:
 // Names the part of an object that the library refused to store.
 Failure unstorable(const Object &object);
 
-// Says how the stored form of an object differs from what was asked for; empty if it doesn't.
+// Tells how the stored form of an object differs from what was asked for; empty if it doesn't.
 std::string storage_loss(const Object &wanted, const Object &stored);
 
 #endif

@@ -1,4 +1,3 @@
-// Audit records of whole files that were replaced.
 #include "trail.h"
 
 #include <memory>
@@ -10,7 +9,7 @@
 
 namespace {
 
-// What the library says of an update that was refused for want of permission.
+// What the library records of an update without permission.
 constexpr int retval_no_permission = 1003;
 
 class Privilege {

@@ -1,5 +1,5 @@
-// The audit trail of what the tool does to a database file by itself: a record for each object, such as the library leaves
-// for its own updates.
+// Audit records of updates that the tool makes of a database file itself: one for each object, as the library leaves them for
+// its own updates. docs/man/ostrel-audit.7 describes them.
 #ifndef OSTREL_TOOL_TRAIL_H
 #define OSTREL_TOOL_TRAIL_H
 
@@ -9,8 +9,8 @@
 #include "failure.h"
 #include "object.h"
 
-// Records that these objects were written and these removed, or that it failed. Without the privilege to write records, or
-// without audit, it does nothing.
+// Records that these objects were written and those removed, or that the update failed. Without the privilege to write records,
+// or on a host without audit, it does nothing.
 void record_updates(const std::string &database, const std::vector<const Object *> &writes,
     const std::vector<const Identifiers *> &removals, Exit result);
 

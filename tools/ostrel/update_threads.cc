@@ -64,7 +64,7 @@ std::vector<pid_t> update_threads()
 
 std::optional<UpdateWatch::Attempt> UpdateWatch::last(pid_t thread)
 {
-	std::lock_guard<std::mutex> guard(lock_);
+	MutexLock guard(lock_);
 	auto found = last_.find(thread);
 	return found == last_.end() ? std::nullopt : std::optional(found->second);
 }
@@ -72,7 +72,7 @@ std::optional<UpdateWatch::Attempt> UpdateWatch::last(pid_t thread)
 std::vector<pid_t> UpdateWatch::threads()
 {
 	std::vector<pid_t> all;
-	std::lock_guard<std::mutex> guard(lock_);
+	MutexLock guard(lock_);
 	for (const auto &entry : last_)
 		all.push_back(entry.first);
 	return all;
@@ -93,7 +93,7 @@ void UpdateWatch::take(void *cookie, trl_event_t event, const trl_object_t *obje
 
 void UpdateWatch::keep(Attempt &&attempt)
 {
-	std::lock_guard<std::mutex> guard(lock_);
+	MutexLock guard(lock_);
 	last_.insert_or_assign(gettid(), std::move(attempt));
 	if (last_.size() < look_at_)
 		return;

@@ -15,7 +15,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -24,6 +23,8 @@
 #include <vector>
 
 #include <meridon/trail.h>
+
+#include "base/thread_safety.h"
 
 // The threads of the updates that are deferred at the moment, in this process.
 std::vector<pid_t> update_threads();
@@ -47,9 +48,14 @@ public:
 	enum class Keep { running, all };
 	explicit UpdateWatch(Keep keep = Keep::running) : look_at_(keep == Keep::all ? SIZE_MAX : 64)
 	{
+		lock_.init();
 		trl_watch(take, this);
 	}
-	~UpdateWatch() { trl_watch(nullptr, nullptr); }
+	~UpdateWatch()
+	{
+		trl_watch(nullptr, nullptr);
+		lock_.destroy();
+	}
 	UpdateWatch(const UpdateWatch &) = delete;
 	UpdateWatch &operator=(const UpdateWatch &) = delete;
 
@@ -62,9 +68,9 @@ private:
 	static void take(void *cookie, trl_event_t event, const trl_object_t *object, int status, int retval);
 	void keep(Attempt &&attempt);
 
-	std::mutex lock_; // guards what follows
-	std::map<pid_t, Attempt> last_;
-	size_t look_at_; // at that number of threads those that have ended are forgotten
+	Mutex lock_;
+	std::map<pid_t, Attempt> last_ GUARDED_BY(lock_);
+	size_t look_at_ GUARDED_BY(lock_); // at that number of threads those that have ended are forgotten
 };
 
 // The threads on which a deferred update goes on. A default one is that of an update that wasn't deferred.

@@ -21,7 +21,7 @@ struct PropertyWord {
 };
 PropertyWord parse_property_word(const std::string &word);
 
-// The values in the fixed form of `type`. Throws Failure that names the word.
+// The values in the normal form of `type`. Throws Failure that names the word.
 Property make_property(const PropertyWord &word, const ValueType &type);
 // For commands that replace: every word sets, a type that isn't given is string.
 std::vector<Property> parse_properties(const std::vector<std::string> &words);
