@@ -1,13 +1,10 @@
 # A database served at a hatch, and who gets how far: real users, real signals, real servers that die.
-import json
 import os
 import pwd
-import shutil
+import resource
 import signal
 import socket
 import stat
-import subprocess
-import tempfile
 import time
 
 import ostrel_tool as t
@@ -17,16 +14,9 @@ RIGHTS = f"{READER}: ostrel.read\n{WRITER}: ostrel.read, ostrel.write\nsync: ost
 
 
 class ServeTest(t.ToolTest):
-    # Users besides root can't reach a build tree that lies in root's home: they run an installed tool.
     @classmethod
     def setUpClass(cls):
-        cls.tree = tempfile.mkdtemp(prefix="ostrel-serve-")
-        os.chmod(cls.tree, 0o755)
-        cls.addClassCleanup(shutil.rmtree, cls.tree, ignore_errors=True)
-        subprocess.run(["cmake", "--install", t.BUILD, "--prefix", cls.tree], check=True, stdout=subprocess.DEVNULL)
-        before = t.OSTREL
-        t.OSTREL = os.path.join(cls.tree, "bin", "ostrel")
-        cls.addClassCleanup(setattr, t, "OSTREL", before)
+        t.install_tool(cls)
 
     def setUp(self):
         super().setUp()
@@ -38,60 +28,10 @@ class ServeTest(t.ToolTest):
         self.db = "hatch:" + self.hatch
 
     def serve(self, *words, database="links.db", **more):
-        server = subprocess.Popen([t.OSTREL, "serve", "--json", database, self.hatch, *words], cwd=self.dir, env=self.env,
-                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, **more)
-        self.addCleanup(self.end, server)
-        line = server.stdout.readline()
-        self.assertTrue(line, f"the server ended: {server.stderr.read() if not line else b''!r}")
-        self.assertEqual(json.loads(line)["pid"], server.pid)
-        return server
-
-    def end(self, server, number=signal.SIGTERM):
-        if server.poll() is None:
-            server.send_signal(number)
-        server.wait(60)
-        for stream in (server.stdout, server.stderr):
-            stream.close()
-        return server.returncode
-
-    def as_user(self, user, *words, **more):
-        entry = pwd.getpwnam(user)
-        return self.tool(*words, user=entry.pw_uid, group=entry.pw_gid, extra_groups=[], **more)
-
-    def user_error(self, user, code, *words):
-        return self.as_user(user, "--json", *words, code=code).error()
+        return super().serve(database, *words, **more)
 
 
 class Serving(ServeTest):
-    def test_each_command_does_through_the_hatch_what_it_does_to_the_file(self):
-        self.serve()
-        d = self.db
-        self.tool("put", d, "name=eth0", "--", "mtu:uint32=1500", "up:boolean=true", "tags=lan,uplink")
-        self.assertEqual(self.text("get", d, "name=eth0", "-p", "mtu"), "1500\n")
-        self.tool("set", d, "name=eth0", "--", "mtu=9000", "tags+=fast")
-        self.tool("unset", d, "name=eth0", "--", "up")
-        self.assertEqual(self.text("walk", d), self.text("walk", "links.db"))
-        self.assertEqual(self.text("get", d, "name=eth0", "-p", "tags"), "lan\nuplink\nfast\n")
-        self.tool("rename", d, "name=eth0", "--", "name=eth1")
-        self.error(4, "get", d, "name=eth0")
-        self.error(5, "put", d, "name=eth1", "--new", "--", "a=1")
-        document = self.tool("export", d).out
-        self.tool("import", "copy.db", stdin=document)
-        self.assertEqual(self.text("diff", d, "copy.db"), "")
-        self.tool("put", "copy.db", "name=eth2", "--", "a=1")
-        self.assertEqual(self.tool("copy", "copy.db", d, "--json").json()["added"], 1)
-        self.tool("diff", d, "copy.db")
-        self.tool("remove", "copy.db", "name=eth1")
-        self.assertEqual(self.tool("copy", "copy.db", d, "--replace", "--json").json()["removed"], 1)
-        self.assertEqual(self.text("walk", d), "name=eth2\ta=1\n")
-        before = self.read("links.db")
-        for words in (["put", d, "x=1", "-n", "--", "a=1"], ["remove", d, "name=eth2", "-n"], ["remove", d, "--all", "-n"]):
-            self.assertIn("would be", self.text(*words))
-        self.assertEqual(self.read("links.db"), before)
-        self.tool("remove", d, "name=eth2")
-        self.tool("remove", d, "--all", "--yes")
-        self.assertFalse(os.path.exists(self.path("links.db")))
-
     def test_each_user_gets_as_far_as_the_rights_go(self):
         self.tool("put", "links.db", "name=eth0", "--", "mtu:uint32=1500")
         os.chmod(self.path("links.db"), 0o600)
@@ -120,6 +60,7 @@ class Serving(ServeTest):
     def test_who_may_only_update_can_update(self):
         self.serve()
         self.tool("put", self.db, "name=a", "--", "v=1")
+        self.assertIn("v", self.error(6, "put", self.db, "name=b", "--", "v=" + "x" * 600)["message"])
         put = self.as_user("sync", "put", self.db, "name=b", "--json", "--", "v=2")
         self.assertEqual(put.json()["result"], "written")
         self.as_user("sync", "rename", self.db, "name=b", "--", "name=c")
@@ -136,23 +77,11 @@ class Serving(ServeTest):
         self.write("etc/meridon/rights", f"{STRANGER}: net.links.*\n")  # it is looked at for each call
         self.as_user(STRANGER, "put", self.db, "name=a", "--", "v=3")
         self.assertEqual(self.end(server), 0)
+        said = self.start(t.OSTREL, "serve", "links.db", self.hatch, "--read-auth", "").stderr.readline()
+        self.assertIn(b"everybody may read", said)
+        self.assertIn(b"ostrel.write", said)
         for bad in ("a b", "a,b", "net.*", "x" * 1024):
             self.error(2, "serve", "links.db", self.hatch, "--read-auth", bad)
-
-    def test_what_everybody_may_do_is_said_at_the_start(self):
-        server = subprocess.Popen([t.OSTREL, "serve", "links.db", self.hatch, "--read-auth", ""], cwd=self.dir,
-                                  env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.addCleanup(self.end, server)
-        line = server.stderr.readline().decode()
-        self.assertIn("everybody may read", line)
-        self.assertIn("ostrel.write", line)
-
-    def test_values_that_the_store_refuses_are_named_and_nothing_changes(self):
-        self.serve()
-        self.tool("put", self.db, "name=a", "--", "v=1")
-        error = self.error(6, "put", self.db, "name=b", "--", "v=" + "x" * 600)
-        self.assertIn("v", error["message"])
-        self.assertEqual(self.text("walk", self.db), "name=a\tv=1\n")
 
     def test_a_raw_file_is_walked_and_no_more(self):
         self.write("raw.txt", "one\ntwo\n")
@@ -186,20 +115,6 @@ class Lives(ServeTest):
         self.write("plain.db", "name=a;\tv=string," + "x" * 400 + ";\n")
         self.assertIn("file:", self.error(11, "walk", "hatch:" + self.path("plain.db"))["hint"])
 
-    def test_updates_that_were_acknowledged_are_there_after_the_end(self):
-        for number in (signal.SIGTERM, signal.SIGKILL):
-            server = self.serve()
-            done = 0
-            for i in range(20):
-                if i == 15:
-                    server.send_signal(number)
-                if self.run_tool("put", self.db, f"n={number}.{i}", "--", "v=1").code == 0:
-                    done += 1
-                    last = f"n={number}.{i}"
-            self.assertGreaterEqual(done, 15)
-            self.assertIn(last, self.text("walk", "links.db"))
-            self.end(server)
-
     def test_the_manager_hears_when_it_is_ready_and_when_it_ends(self):
         for name in (self.path("notify"), "@ostrel-notify-%d" % os.getpid()):
             manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -214,36 +129,28 @@ class Lives(ServeTest):
             self.assertEqual(manager.recv(100), b"STOPPING=1")
             self.assertEqual(server.wait(60), 0)
         self.env["NOTIFY_SOCKET"] = self.path("nobody-listens")
-        server = self.serve()
-        self.end(server)
-        self.assertEqual(server.returncode, 0)
+        self.assertEqual(self.end(self.serve()), 0)
 
-    # Each connection takes a descriptor: a soft limit isn't what ends it.
-    # What is opened next would get their numbers, and the messages.
+    # What is opened next would get the numbers of the streams, and the messages.
     def test_it_serves_without_standard_streams(self):
         self.write("links.db", "name=net0;\tmtu=uint32,1500;\n")
         for closed in ("2>&-", "<&- >&- 2>&-"):
             with self.subTest(closed):
-                script = f'exec "$0" serve links.db "$1" --read-auth "" --write-auth "" {closed}'
-                server = subprocess.Popen(["sh", "-c", script, t.OSTREL, self.hatch], cwd=self.dir, env=self.env)
-                try:
-                    for _ in range(100):
-                        result = self.run_tool("walk", self.db)
-                        if result.code == 0 or server.poll() is not None:
-                            break
-                        time.sleep(0.05)
-                    self.assertEqual(result.out, b"name=net0\tmtu=1500\n", result.err)
-                finally:
-                    server.terminate()
-                    self.assertEqual(server.wait(60), 0)
+                server = self.start("sh", "-c", f'exec "$0" serve links.db "$1" --read-auth "" --write-auth "" {closed}',
+                                    t.OSTREL, self.hatch)
+                for _ in range(100):
+                    result = self.run_tool("walk", self.db)
+                    if result.code == 0 or server.poll() is not None:
+                        break
+                    time.sleep(0.05)
+                self.assertEqual(result.out, b"name=net0\tmtu=1500\n", result.err)
+                self.assertEqual(self.end(server), 0)
 
+    # Each connection takes a descriptor: a soft limit isn't what ends it.
     def test_it_raises_its_own_limit(self):
-        import resource
         hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
         server = self.serve(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (64, hard)))
-        with open(f"/proc/{server.pid}/limits") as f:
-            soft = next(line for line in f if line.startswith("Max open files")).split()[3]
-        self.assertEqual(int(soft), hard)
+        self.assertEqual(resource.prlimit(server.pid, resource.RLIMIT_NOFILE)[0], hard)
 
 
 class Refusals(ServeTest):

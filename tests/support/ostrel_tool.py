@@ -2,8 +2,10 @@
 import json
 import os
 import pty
+import pwd
 import select
 import shutil
+import signal
 import struct
 import subprocess
 import sys
@@ -28,6 +30,24 @@ OSTREL, CAIRNCTL = program("ostrel"), program("cairnctl")
 def sanitized():
     with open(os.path.join(BUILD, "CMakeCache.txt")) as f:
         return any(line.startswith("OSTREL_SANITIZE:") and line.rstrip()[-1] != "=" for line in f)
+
+
+# A document of objects, each given as its identifiers and its properties, which are texts.
+def document(*objects):
+    return json.dumps({"format": "ostrel-objects", "version": 2, "objects": [
+        {"id": id, "props": {name: {"type": "string", "values": [value]} for name, value in props.items()}}
+        for id, props in objects]}).encode()
+
+
+# Users besides root can't reach a build tree that lies in root's home: the tests of a class run an installed tool.
+def install_tool(cls):
+    tree = tempfile.mkdtemp(prefix="ostrel-installed-")
+    os.chmod(tree, 0o755)
+    cls.addClassCleanup(shutil.rmtree, tree, ignore_errors=True)
+    subprocess.run(["cmake", "--install", BUILD, "--prefix", tree], check=True, stdout=subprocess.DEVNULL)
+    global OSTREL
+    cls.addClassCleanup(globals().__setitem__, "OSTREL", OSTREL)
+    OSTREL = os.path.join(tree, "bin", "ostrel")
 
 
 class Result:
@@ -85,6 +105,36 @@ class ToolTest(unittest.TestCase):
         result = self.tool("--json", *words, code=code, **more)
         self.assertEqual(result.error()["code"], code)
         return result.error()
+
+    def as_user(self, user, *words, **more):
+        entry = pwd.getpwnam(user)
+        return self.tool(*words, user=entry.pw_uid, group=entry.pw_gid, extra_groups=[], **more)
+
+    def user_error(self, user, code, *words, **more):
+        return self.as_user(user, "--json", *words, code=code, **more).error()
+
+    # Starts a program that is ended with the test, if it hasn't ended by then.
+    def start(self, *words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **more):
+        process = subprocess.Popen(words, cwd=self.dir, env=self.env, stdout=stdout, stderr=stderr, **more)
+        self.addCleanup(self.end, process)
+        return process
+
+    def end(self, process, number=signal.SIGTERM):
+        if process.poll() is None:
+            process.send_signal(number)
+        process.wait(60)
+        for stream in (process.stdout, process.stderr):
+            if stream:
+                stream.close()
+        return process.returncode
+
+    # Serves a database at self.hatch, and returns once that can be called.
+    def serve(self, database, *words, below=(), **more):
+        server = self.start(*below, OSTREL, "serve", "--json", database, self.hatch, *words, **more)
+        line = server.stdout.readline()
+        self.assertTrue(line, f"the server ended: {server.stderr.read() if not line else b''!r}")
+        self.assertEqual(json.loads(line)["pid"], server.pid)
+        return server
 
     # What a run prints with its standard output and error on a terminal of that many columns.
     def on_terminal(self, *words, columns=80, code=0, first=lambda: None):
