@@ -87,6 +87,7 @@ class Serving(ServeTest):
         self.write("raw.txt", "one\ntwo\n")
         self.serve(database="raw:raw.txt")
         self.assertEqual(len(self.text("walk", self.db).splitlines()), 2)
+        self.assertIn("isn't a file", self.error(8, "check", self.db)["message"])
         self.assertIn("ostrel walk", self.error(6, "put", self.db, "name=b", "--", "v=1")["hint"])
         self.error(6, "remove", self.db, "--all", "--yes")
         self.assertEqual(self.read("raw.txt"), b"one\ntwo\n")
