@@ -226,6 +226,13 @@ bool Database::allowed(bool write)
 	return result == OSTREL_SUCCESS;
 }
 
+bool Database::readable()
+{
+	if (!readable_)
+		readable_ = allowed(false);
+	return *readable_;
+}
+
 void Database::require_updates(Loss, Hold) {}
 
 void Database::rehearse_rename(const Identifiers &, const Object &renamed)

@@ -116,7 +116,7 @@ public:
 	// Whether the caller may read, or update, as far as the owner of the store decides that.
 	virtual bool allowed(bool write);
 	// The same for reading, asked once.
-	virtual bool readable() { return true; }
+	bool readable();
 	// Why nobody holds the rights that the store's owner asks for, as the end of a sentence; empty if that isn't so.
 	virtual std::string rights_fault() const { return ""; }
 
@@ -209,6 +209,7 @@ private:
 	const ostrel_db_cmds_t &table_;
 	ostrel_db_t db_ = nullptr;
 	std::unique_ptr<RetryFinder> finder_; // from the first update on
+	std::optional<bool> readable_;
 	bool given_up_ = false;
 	bool left_open_ = false;
 };

@@ -16,7 +16,6 @@ public:
 	explicit ServedDatabase(DatabaseName &&name) : GroupDatabase(std::move(name), ostrel_hatches_db_cmds) {}
 
 	bool allowed(bool write) override;
-	bool readable() override;
 	std::string rights_fault() const override { return rights_fault_at(name()); }
 	void require_updates(Loss loss, Hold hold) override;
 	Retries remove_all() override;
@@ -29,7 +28,6 @@ protected:
 	std::unique_ptr<RetryFinder> retry_finder() override;
 
 private:
-	std::optional<bool> readable_;
 	std::optional<bool> holds_groups_;
 };
 
@@ -41,13 +39,6 @@ bool ServedDatabase::allowed(bool write)
 	if (hatch_unreachable(name()))
 		fail(OSTREL_EPERM, "the server can't be asked");
 	return false;
-}
-
-bool ServedDatabase::readable()
-{
-	if (!readable_)
-		readable_ = allowed(false);
-	return *readable_;
 }
 
 void ServedDatabase::require_updates(Loss, Hold)
