@@ -1,5 +1,4 @@
-// Blocks of whole lines. The tail of a block, a line that isn't complete yet, is moved in front of the room that the
-// next read fills, so every read goes to the same aligned place.
+// Blocks of whole lines.
 #include "libostrel_files_blocks.h"
 
 #include <atomic>
@@ -9,15 +8,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// A few buffers live as long as the process: allocating one for each read would let malloc give its pages back to the
-// kernel and fetch them again every time. Who finds none free allocates.
+// A few buffers live as long as the process. With a buffer from malloc for each read, its pages would go back to the kernel
+// and be fetched again every time. A reader that finds no spare one free allocates its own.
 static constexpr size_t first_head = 4096;
 static constexpr size_t buffer_size = first_head + OSTREL_BLOCK_SIZE + OSTREL_BLOCK_SLACK;
 static constexpr int spare_count = 4;
 alignas(4096) static char spares[spare_count][buffer_size];
 static std::atomic<bool> spare_taken[spare_count];
 
-static_assert(first_head > OSTREL_LINE_MAX, "a line that is taken fits the head room");
+static_assert(first_head > OSTREL_LINE_MAX, "the tail of a line that can be an object fits");
 
 static int take_spare()
 {
@@ -35,9 +34,8 @@ BlockReader::~BlockReader()
 		free(memory_);
 }
 
-// Makes room for the tail and for a read behind it. A long line that is kept doubles the room, so that its bytes are
-// moved a few times at most.
-int BlockReader::prepare()
+// Makes room for the tail, and for a read after it. A long line doubles the room, so that its bytes are moved only a few times.
+int BlockReader::make_room()
 {
 	if (memory_ == nullptr) {
 		head_ = first_head;
@@ -70,7 +68,7 @@ int BlockReader::prepare()
 	return 0;
 }
 
-int BlockReader::fill(size_t *length)
+int BlockReader::read_block(size_t *length)
 {
 	ssize_t got;
 	do
@@ -80,10 +78,10 @@ int BlockReader::fill(size_t *length)
 		return errno;
 	*length = static_cast<size_t>(got);
 	reads_ += got > 0;
-	if (*length < OSTREL_BLOCK_SIZE || looked_at_kind_)
+	if (*length < OSTREL_BLOCK_SIZE || checked_kind_)
 		return 0;
-	// More than a block: a device such as the one of zeros would never end.
-	looked_at_kind_ = true;
+	// The file goes on after a full block: a device such as /dev/zero would never end.
+	checked_kind_ = true;
 	struct stat kind;
 	if (fstat(fd_, &kind) != 0)
 		return errno;
@@ -100,8 +98,8 @@ void BlockReader::keep_tail(char *from, char *to)
 	}
 }
 
-// Splits what was read, and the tail before it, into whole lines and a new tail.
-void BlockReader::take_lines(size_t length, ostrel_block *block)
+// Splits the tail of before and the bytes just read into whole lines and a new tail.
+void BlockReader::split_off_tail(size_t length, ostrel_block *block)
 {
 	char *fresh = memory_ + head_;
 	char *end = fresh + length;
@@ -125,7 +123,7 @@ void BlockReader::take_lines(size_t length, ostrel_block *block)
 	keep_tail(after, end);
 }
 
-// The last line, if it has no newline.
+// The last line, if the file ends without a newline.
 void BlockReader::end_file(ostrel_block *block)
 {
 	block->begin = memory_ + head_ - tail_length_;
@@ -142,16 +140,16 @@ void BlockReader::end_file(ostrel_block *block)
 int BlockReader::next(ostrel_block *block)
 {
 	for (;;) {
-		if (int error = prepare())
+		if (int error = make_room())
 			return error;
 		size_t length = 0;
-		if (int error = fill(&length))
+		if (int error = read_block(&length))
 			return error;
 		if (length == 0) {
 			end_file(block);
 			return 0;
 		}
-		take_lines(length, block);
+		split_off_tail(length, block);
 		if (block->begin != block->end)
 			return 0;
 	}

@@ -1,5 +1,4 @@
-// Plain lines, taken apart. First all bytes of a block that have a meaning are found, 64 at a time; then a line is gone
-// through from one such byte to the next.
+// The fast path. Divisions: where the structure is, values, properties, identifiers, making the object, comparing identifiers.
 #include "libostrel_files_fields.h"
 
 #include <bit>
@@ -17,8 +16,8 @@
 
 // ---- Where the structure is ----
 
-// Control bytes up to the newline are among them, though only NUL, TAB and newline mean something: a line that holds
-// another is odd, so that one test covers them all.
+// All control bytes up to the newline are marked, though only NUL, TAB and newline mean something: so one comparison covers
+// them. A line that holds any of the others takes the general path.
 #ifdef __SSE2__
 static uint64_t structure_of_16(const char *bytes)
 {
@@ -59,13 +58,13 @@ void StructureIndex::build(const char *begin, const char *end)
 
 // ---- Values ----
 
-// Up to eight digits as they stand in memory, the first one lowest, with zeros in front.
+// Up to eight digits as one little-endian number, with the digit zero before the first.
 static uint64_t eight_digits(const char *text, size_t length)
 {
 	static constexpr uint64_t zeros = 0x3030303030303030;
 	if constexpr (std::endian::native == std::endian::little) {
 		uint64_t bytes;
-		memcpy(&bytes, text, sizeof(bytes)); // what is behind the digits is shifted out
+		memcpy(&bytes, text, sizeof(bytes)); // what follows the digits is shifted out
 		return length < 8 ? bytes << (64 - 8 * length) | zeros >> (8 * length) : bytes;
 	}
 	uint64_t bytes = zeros;
@@ -80,7 +79,7 @@ static bool all_digits(uint64_t bytes)
 	       0x3333333333333333;
 }
 
-// Digits two by two, four by four, then both halves.
+// Adds up digits to pairs, pairs to fours, fours to the value, each step for all at once.
 static uint64_t value_of_digits(uint64_t bytes)
 {
 	bytes = (bytes & 0x0f0f0f0f0f0f0f0f) * 2561 >> 8;
@@ -88,7 +87,7 @@ static uint64_t value_of_digits(uint64_t bytes)
 	return (bytes & 0x0000ffff0000ffff) * 42949672960001 >> 32;
 }
 
-// Whether there are only digits, 1 to 18 of them.
+// Whether these are 1 to 18 digits. So many fit 64 bits whatever they are.
 static bool are_digits(const char *text, size_t length)
 {
 	if (length == 0 || length > 18)
@@ -102,7 +101,7 @@ static bool are_digits(const char *text, size_t length)
 	return true;
 }
 
-// The value of digits, perhaps behind a minus sign.
+// The value of a text that is_number().
 static int64_t value_of_number(const attrtext_t &number)
 {
 	bool negative = *number.text == '-';
@@ -117,7 +116,8 @@ static int64_t value_of_number(const attrtext_t &number)
 	return negative ? -value : value;
 }
 
-// Whether it is a number of the usual form; another is for the general reader. *as_written: the writer prints it so.
+// Whether it is a number in the usual form: digits, and a minus sign or none. Clears *as_written if the writer would print it in
+// another form.
 static bool is_number(const attrtext_t &number, bool wide, bool *as_written)
 {
 	bool negative = *number.text == '-';
@@ -175,7 +175,7 @@ static data_type_t type_of(const char *word, const char *end)
 	if (length > 7)
 		return DATA_TYPE_UNKNOWN;
 	uint64_t value = 0;
-	memcpy(&value, word, sizeof(value)); // what is behind the word is cut off
+	memcpy(&value, word, sizeof(value)); // what follows the word is cut off
 	unsigned excess = static_cast<unsigned>(64 - 8 * length);
 	if constexpr (std::endian::native == std::endian::little)
 		value = length == 0 ? 0 : value << excess >> excess;
@@ -187,16 +187,16 @@ static data_type_t type_of(const char *word, const char *end)
 	return DATA_TYPE_UNKNOWN;
 }
 
-// A line on its way into its fields. What is counted here goes into the fields at the end: in the loops below, all of this
-// stays in registers, as long as its address isn't handed to a function that isn't inlined.
+// The state of taking a line apart. It is a local variable whose address no call that isn't inlined gets: so the compiler keeps
+// it in registers through the loops below. The counts go into the fields at the end.
 struct Taking {
 	StructureCursor cursor;
-	const char *at; // the byte of structure that was reached
+	const char *at; // the marked byte that was reached
 	ostrel_fields *fields;
 	uint_t identifiers = 0;
 	uint_t properties = 0;
 	uint_t values = 0;
-	// As long as each piece begins as that of the line before did, its name and type are known, and the names differ.
+	// As long as each piece begins as in the line before, its name and type are known, and so is that the names differ.
 	uint_t alike_identifiers = fields->known_identifiers;
 	uint_t alike_properties = fields->known_properties;
 	bool has_escapes = false;
@@ -214,8 +214,8 @@ static uint64_t eight_bytes(const char *text)
 	return bytes;
 }
 
-// Whether both texts, which lie in a block, begin with the same bytes. Looks at most sixteen bytes beyond the first that
-// differs: the text may end long before `length`, so that memcmp(), which may read it all, won't do.
+// Whether both texts, which lie in a block, begin with the same `length` bytes. The block may end before `length`: so this reads at
+// most sixteen bytes after the first that differs, while memcmp() may read all.
 HOT bool begin_alike(const char *a, const char *b, size_t length)
 {
 	for (; length > 16; a += 8, b += 8, length -= 8)
@@ -235,7 +235,9 @@ static attrtext_t text_between(const char *begin, const char *end)
 	return {begin, static_cast<size_t>(end - begin)};
 }
 
-// Goes to the end of a string value. False: odd.
+// The functions below that return bool return false for a line that must take the general path.
+
+// Goes to the end of a string value.
 HOT bool take_string(Taking *line, attrtext_t *value)
 {
 	const char *begin = line->at + 1;
@@ -256,20 +258,20 @@ HOT bool take_string(Taking *line, attrtext_t *value)
 			return false;
 		}
 		line->has_escapes = true;
-		const char *hidden = line->at + 1;
-		if (*hidden == ',' || *hidden == ';' || *hidden == '\\') {
+		const char *escaped = line->at + 1;
+		if (*escaped == ',' || *escaped == ';' || *escaped == '\\') {
 			line->advance();
 			continue;
 		}
 		line->as_written = false;
-		if (*hidden == '\n' || *hidden == '\0')
+		if (*escaped == '\n' || *escaped == '\0')
 			return false;
-		line->cursor.skip_to(hidden + 1);
+		line->cursor.skip_to(escaped + 1);
 	}
 }
 
-// Goes to the end of a number or boolean. False: odd.
-HOT bool take_plain_value(Taking *line, data_type_t type, attrtext_t *value)
+// Goes to the end of a number or boolean.
+HOT bool take_number_or_boolean(Taking *line, data_type_t type, attrtext_t *value)
 {
 	const char *begin = line->at + 1;
 	line->advance();
@@ -280,22 +282,23 @@ HOT bool take_plain_value(Taking *line, data_type_t type, attrtext_t *value)
 	return is_number(*value, wide, &line->as_written);
 }
 
-// The values of a property, each behind a comma; ends at what closes the property.
+// The values of a property, each after a comma. Ends at the byte that closes the property.
 HOT bool take_values(Taking *line, attrdraft_t *property)
 {
 	attrtext_t *first = &line->fields->values[line->values];
 	attrtext_t *value = first;
 	for (; *line->at == ','; value++) {
 		if (line->at[1] == ';' || line->at[1] == '\n') {
-			// A comma at the very end starts no value.
+			// A comma at the end of the property starts no value.
 			line->as_written = false;
 			line->advance();
 			break;
 		}
 		if (value == line->fields->values + ostrel_fields::values_max)
 			return false;
-		bool taken = property->type == DATA_TYPE_STRING_ARRAY ? take_string(line, value)
-								      : take_plain_value(line, property->type, value);
+		bool taken = property->type == DATA_TYPE_STRING_ARRAY
+				 ? take_string(line, value)
+				 : take_number_or_boolean(line, property->type, value);
 		if (!taken)
 			return false;
 	}
@@ -309,11 +312,12 @@ static bool same_text(const attrtext_t &a, const attrtext_t &b)
 {
 	if (a.length != b.length || a.length == 0)
 		return a.length == b.length;
-	// The last byte tells most texts apart, without a call.
+	// Most texts differ in their last byte, which costs no call.
 	return a.text[a.length - 1] == b.text[a.length - 1] && memcmp(a.text, b.text, a.length) == 0;
 }
 
-// The name and type of a property, from `name`. Ends behind the type.
+// The name and type of a property, from `name`. Ends after the type. Not inlined, and given a copy of the state: it is called
+// for lines that begin unlike the one before.
 [[gnu::noinline]] static bool take_head(Taking *line, const char *name)
 {
 	attrdraft_t *property = &line->fields->properties[line->properties];
@@ -332,7 +336,7 @@ static bool same_text(const attrtext_t &a, const attrtext_t &b)
 	return property->type != DATA_TYPE_UNKNOWN;
 }
 
-// One property, from behind the byte that was reached.
+// One property, from the byte after the one that was reached.
 HOT bool take_property(Taking *line)
 {
 	if (line->properties == ostrel_fields::properties_max)
@@ -345,7 +349,7 @@ HOT bool take_property(Taking *line)
 		(void) line->cursor.next(); // the `=`
 		line->advance();
 		if (line->at != name + head)
-			return false; // the word goes on
+			return false; // the type word is longer than in the line before
 	} else {
 		Taking copy = *line;
 		bool taken = take_head(&copy, name);
@@ -431,7 +435,7 @@ HOT bool take_identifier(Taking *line, const char *begin)
 	return true;
 }
 
-// From the first byte to the TAB, or to the newline if there is none. False: odd.
+// From the first byte to the TAB, or to the newline if there is none.
 HOT bool take_identifiers(Taking *line, const char *begin)
 {
 	for (;;) {
@@ -475,7 +479,7 @@ bool ostrel_take_apart(const char *line, StructureCursor *cursor, ostrel_fields 
 bool ostrel_is_as_written(const ostrel_fields &fields, const char *newline)
 {
 	if (!fields.as_written || newline - fields.begin < OSTREL_IDSTR_SIZE)
-		return fields.as_written; // too short for anything in it to be too long
+		return fields.as_written; // such a line holds nothing that is too long
 	const attrtext_t &last = fields.identifier_values[fields.identifier_count - 1];
 	if (last.text + last.length + 1 - fields.begin >= OSTREL_IDSTR_SIZE)
 		return false;
@@ -487,14 +491,14 @@ bool ostrel_is_as_written(const ostrel_fields &fields, const char *newline)
 
 // ---- Making the object ----
 
-// Drops each backslash and takes the byte after it as it is.
+// Removes each backslash that isn't itself escaped, in place.
 static void remove_escapes(attrtext_t *text)
 {
 	const char *from = static_cast<const char *>(memchr(text->text, '\\', text->length));
 	if (from == nullptr)
 		return;
 	const char *end = text->text + text->length;
-	char *to = const_cast<char *>(from); // the reader's buffer
+	char *to = const_cast<char *>(from); // in the buffer of a BlockReader, whose bytes may be changed
 	for (; from < end; from++) {
 		if (*from == '\\')
 			from++;
@@ -503,10 +507,10 @@ static void remove_escapes(attrtext_t *text)
 	text->length = static_cast<size_t>(to - text->text);
 }
 
-// Room for the elements of all numbers of a line.
+// Room for the numbers of a line. Each property begins at an element of 64 bits, whatever its type.
 struct Numbers {
 	int64_t elements[ostrel_fields::values_max];
-	size_t used; // each property takes whole elements
+	size_t used;
 };
 
 template <typename T>
@@ -521,7 +525,7 @@ static void convert_elements(attrdraft_t *property, Numbers *numbers)
 	numbers->used += property->count;
 }
 
-// Gives a property its elements, in place of their texts.
+// Replaces the texts of a property's values by the elements of its type.
 static void convert(attrdraft_t *property, bool has_escapes, Numbers *numbers)
 {
 	attrtext_t *values = static_cast<attrtext_t *>(const_cast<void *>(property->elements));
@@ -557,7 +561,7 @@ ostrel_error_t ostrel_make_object(ostrel_fields *fields, bool with_props, attrli
 
 // ---- Comparing identifiers ----
 
-// Whether the comparison without case, which follows the locale, takes ASCII bytes for equal in their usual pairs only.
+// Whether the locale's comparison without case pairs ASCII bytes as usual: each letter with its other case, and nothing else.
 static bool locale_folds_as_usual()
 {
 #ifdef __GLIBC__
@@ -595,7 +599,7 @@ bool FieldMatch::prepare(bool with_case, attrlist_t *idlist, bool exact)
 	return true;
 }
 
-// Tells most values apart, without a call: ASCII bytes that differ in more than case, where it is folded as usual.
+// Whether ASCII bytes differ in more than case. Most values differ in their last byte, so that no call is needed.
 bool FieldMatch::ends_differ(char a, char b) const
 {
 	return usual_case_ && ((a | b) & 0x80) == 0 && ((a ^ b) & ~0x20) != 0;

@@ -1,5 +1,4 @@
-// The lock of a database file's updates: an open-file-description lock on its temporary file. Whoever had it before has
-// renamed that file over the database, or left it where it is; so a lock counts only if the path still leads to the file.
+// The lock of a database file's updates. Divisions: waiting, the lock, the file that it lies on, taking it.
 #include "libostrel_files_lock.h"
 
 #include <cerrno>
@@ -12,9 +11,11 @@
 #include "base/directory.h"
 #include "base/guards.h"
 
-// A new file is its owner's alone until it is locked: who may read a file may lock it, too, and hold up everybody. The
-// sticky bit, which means nothing for a file, marks one that was never used.
+// A new file is readable by its owner alone until it is locked: anyone who may read a file may also lock it, and so delay every
+// update. The sticky bit, which has no meaning for a file, marks one that was never used.
 static constexpr mode_t unused_mode = S_ISVTX | 0600;
+
+// ---- Waiting ----
 
 // For how long an update waits for the lock: 60 s, with a look each 50 us at first and each 4 ms later.
 class Patience {
@@ -27,7 +28,7 @@ public:
 		backoff_.pause();
 		return true;
 	}
-	// Of a file that can't be opened: whether its owner has changed anything within the last second.
+	// For a file that can't be opened: whether its owner has changed anything within the last second.
 	bool sees_change(const struct stat &file)
 	{
 		if (file.st_ino != seen_.st_ino || file.st_ctim.tv_sec != seen_.st_ctim.tv_sec ||
@@ -45,6 +46,8 @@ private:
 	int64_t since_ = 0;
 };
 
+// ---- The lock ----
+
 int FileLock::give_away()
 {
 	return std::exchange(fd_, -1);
@@ -54,7 +57,7 @@ void FileLock::adopt(int fd)
 {
 	release();
 	fd_ = fd;
-	(void) fstat(fd, &found_); // of an open file
+	(void) fstat(fd, &found_); // can't fail: the file is open
 }
 
 static int set_lock(int fd, short type)
@@ -65,16 +68,25 @@ static int set_lock(int fd, short type)
 	return fcntl(fd, F_OFD_SETLK, &lock) == 0 ? 0 : errno;
 }
 
+// EAGAIN: another update has it. A file system without locks gives success.
+int FileLock::try_to_lock() const
+{
+	int error = set_lock(fd_, F_WRLCK);
+	return error == EAGAIN || error == EACCES || error == EINTR ? EAGAIN : 0;
+}
+
 void FileLock::release()
 {
 	if (fd_ < 0)
 		return;
 	(void) set_lock(fd_, F_UNLCK);
-	(void) close(fd_); // what was written was synced
+	(void) close(fd_); // what was written is synced already
 	fd_ = -1;
 }
 
-// In the usual case it isn't there. What is there is looked at before it is opened: the open alone may act on a device.
+// ---- The file that it lies on ----
+
+// Usually the file isn't there. If it is, its kind is checked before it is opened: the open alone may act on a device.
 int FileLock::open_or_make(const char *path)
 {
 	static constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -92,15 +104,8 @@ int FileLock::open_or_make(const char *path)
 	return errno == ENOENT ? ESTALE : errno == ELOOP || errno == ENXIO || errno == ENODEV ? EINVAL : errno;
 }
 
-// EAGAIN: somebody else has it.
-int FileLock::try_to_lock() const
-{
-	int error = set_lock(fd_, F_WRLCK);
-	return error == EAGAIN || error == EACCES || error == EINTR ? EAGAIN : 0;
-}
-
-// ESTALE: the path leads to another file by now, or to none.
-int FileLock::look(const char *path)
+// Finds the file's status. ESTALE: the path leads to another file by now, or to none.
+int FileLock::find_file(const char *path)
 {
 	struct stat there;
 	if (fstat(fd_, &found_) != 0)
@@ -110,8 +115,8 @@ int FileLock::look(const char *path)
 	return ostrel_same_file(there, found_) ? 0 : ESTALE;
 }
 
-// A file of somebody else keeps its owner, who may then write to the database. It is used where only those could put it
-// there whose word counts anyway.
+// Another user's file keeps its owner, who can then write to the database. So it is used only in a directory where nobody but
+// root, this user or `system` could put it.
 int FileLock::check(const char *path, uid_t system) const
 {
 	if (!S_ISREG(found_.st_mode) || found_.st_nlink != 1)
@@ -127,6 +132,8 @@ int FileLock::check(const char *path, uid_t system) const
 	return trusted && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 ? 0 : EACCES;
 }
 
+// ---- Taking it ----
+
 int FileLock::take(const char *path, uid_t system)
 {
 	for (Patience patience;;) {
@@ -135,7 +142,7 @@ int FileLock::take(const char *path, uid_t system)
 		const bool forbidden = fd_ < 0 && error == EACCES;
 		while (error == 0) {
 			const bool held = try_to_lock() == EAGAIN;
-			error = look(path);
+			error = find_file(path);
 			if (error != 0 || !held)
 				break;
 			if (!patience.wait())

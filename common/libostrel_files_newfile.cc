@@ -12,8 +12,8 @@
 static constexpr size_t buffer_size = 131072;
 static constexpr size_t small_buffer_size = 8192;
 
-// The directory of a path, open for a sync. A directory that may be written but not read can't be opened: then all of the
-// file system is synced, through a file of it, if there is one.
+// The directory of a path, open for a sync. A directory that this user may write but not read can't be opened: then the whole
+// file system is synced, through a file in it.
 class DirectorySync {
 public:
 	int open(const char *path)
@@ -29,26 +29,26 @@ public:
 		fd_.reset(::open(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 		return fd_ || errno == EACCES ? 0 : errno;
 	}
-	int sync(int stand_in) const
+	int sync(int file_in_it) const
 	{
 		if (fd_)
 			return meridon_sync_dir(fd_.get());
-		return stand_in < 0 || syncfs(stand_in) == 0 ? 0 : errno;
+		return file_in_it < 0 || syncfs(file_in_it) == 0 ? 0 : errno;
 	}
 
 private:
 	Fd fd_;
 };
 
-// Takes those of the numbers 0, 1 and 2 that the process has closed: a new file that got one of them would get the
-// messages, too, that somebody writes to his standard error meanwhile.
+// Occupies those of the descriptors 0, 1 and 2 that the process has closed. A new file with such a number would also receive
+// what other code writes to its standard error.
 class StandardNumbers {
 public:
 	StandardNumbers()
 	{
 		for (int fd = 0; fd < 3; fd++)
 			if (fcntl(fd, F_GETFD) == -1)
-				held_[fd].reset(::open("/", O_PATH | O_CLOEXEC)); // can't be written to
+				held_[fd].reset(::open("/", O_PATH | O_CLOEXEC)); // not writable
 	}
 
 private:
@@ -192,7 +192,7 @@ int NewFile::put_in_place()
 	return directory.sync(lock_.fd());
 }
 
-// The rename is made under the lock. The close comes after it, and has nothing to tell: all is on the disk.
+// The rename happens under the lock: the next update finds the new file. The close can't fail any more: all is on the disk.
 int NewFile::commit()
 {
 	if (int error = flush())

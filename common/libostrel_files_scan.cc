@@ -1,5 +1,5 @@
-// The search for candidates. A place fits if the `=` and the last two bytes of the value are where they should be; there
-// the rest is compared.
+// The search for candidates. At each place it first compares the `=` and the last two bytes of the value; only where these
+// three fit does it compare the rest.
 #include "libostrel_files_scan.h"
 
 #include <cstring>
@@ -7,8 +7,8 @@
 #include <emmintrin.h>
 #endif
 
-// After so many places that led to nothing, another value is tried.
-static constexpr unsigned patience = 8;
+// After so many misses another identifier is searched for.
+static constexpr unsigned misses_max = 8;
 
 static unsigned char folded(char c)
 {
@@ -40,7 +40,7 @@ bool CandidateScan::prepare(const FieldMatch &match)
 		const ostrel_wanted &wanted = match.wanted(i);
 		if (!can_be_searched(wanted.value, with_case_))
 			continue;
-		// The longest first.
+		// The longest value first: it is the rarest.
 		size_t place = count_++;
 		for (; place > 0 && needles_[place - 1].value.length < wanted.value.length; place--)
 			needles_[place] = needles_[place - 1];
@@ -49,21 +49,21 @@ bool CandidateScan::prepare(const FieldMatch &match)
 	return count_ > 0;
 }
 
-void CandidateScan::disappointed()
+void CandidateScan::report_miss()
 {
-	if (++disappointments_ < patience)
+	if (++misses_ < misses_max)
 		return;
-	disappointments_ = 0;
+	misses_ = 0;
 	current_ = (current_ + 1) % count_;
 }
 
-// Whether the rest of the identifier stands around its `=`.
+// Whether the value, and a byte that can close it, follow this `=`.
 bool CandidateScan::stands_at(const char *equals, const char *end) const
 {
 	const ostrel_wanted &needle = needles_[current_];
 	const char *value = equals + 1;
-	const char *behind = value + needle.value.length;
-	if (behind < end && *behind != ';' && *behind != '\t' && *behind != '\n' && *behind != '\0')
+	const char *after = value + needle.value.length;
+	if (after < end && *after != ';' && *after != '\t' && *after != '\n' && *after != '\0')
 		return false;
 	if (with_case_)
 		return memcmp(value, needle.value.text, needle.value.length) == 0;
@@ -75,7 +75,7 @@ bool CandidateScan::stands_at(const char *equals, const char *end) const
 
 #ifdef __SSE2__
 
-// The places among 16 that fit a byte of the value, whose case is folded by `fold`.
+// Which of 16 bytes equal `wanted`, once `fold` is set in them: 0x20 where case doesn't count.
 static __m128i fits(const char *bytes, __m128i wanted, __m128i fold)
 {
 	const __m128i data = _mm_loadu_si128(reinterpret_cast<const __m128i *>(bytes));
@@ -121,7 +121,7 @@ const char *CandidateScan::next(const char *from, const char *end) const
 	const ostrel_wanted &needle = needles_[current_];
 	if (end - from <= static_cast<ptrdiff_t>(needle.value.length))
 		return end;
-	const char *limit = end - needle.value.length; // behind the last place of a `=`
+	const char *limit = end - needle.value.length; // after the last place where a `=` can stand
 	for (const char *at = from; (at = next_fit(at, limit)) < limit; at++) {
 		if (!stands_at(at, end))
 			continue;

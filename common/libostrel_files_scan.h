@@ -1,28 +1,30 @@
 /*
- * Finding the lines of a block that may hold a search value, without looking at the lines.
+ * Finds the places of a block where a search value may stand, without splitting it into lines: most lines of a file are passed
+ * over 32 bytes at a time. It may report a place too many, never one too few.
  */
 #ifndef LIBOSTREL_FILES_SCAN_H
 #define LIBOSTREL_FILES_SCAN_H
 
 #include "libostrel_files_fields.h"
 
-// Finds identifiers by their bytes: `name=value` and what closes it.
+// Searches for the bytes of an identifier: `name=value`, and a byte that can close it.
 class CandidateScan {
 public:
 	/*
-	 * Picks what is searched for among the wanted identifiers. False if none will do: values that are empty, that have a
-	 * backslash, or that the locale may compare otherwise than byte by byte but for the case of the 26 letters.
+	 * Chooses the identifiers to search for. False if none of the wanted ones will do: their values are empty, hold a
+	 * backslash, or have bytes that the locale may take for equal to others, beyond the case of the 26 letters.
 	 */
 	bool prepare(const FieldMatch &match);
 
 	/*
-	 * The first place from `from` on where a wanted identifier may stand; `end` if there is none. No line that is selected
-	 * lacks such a place. Up to OSTREL_BLOCK_SLACK bytes behind `end` are read.
+	 * Returns the first place from `from` on where a wanted identifier may stand, or `end`. Every line that is selected has
+	 * such a place. Reads up to OSTREL_BLOCK_SLACK bytes after `end`.
 	 */
 	const char *next(const char *from, const char *end) const;
 
-	// Tells that the last place led to nothing. A value that stands in many lines is given up for the next one.
-	void disappointed();
+	// The caller reports that the line at the last place wasn't selected. After a few of these the scan changes to the next
+	// wanted identifier: this one's value stands in many lines.
+	void report_miss();
 
 private:
 	bool stands_at(const char *equals, const char *end) const;
@@ -30,8 +32,8 @@ private:
 
 	ostrel_wanted needles_[ostrel_fields::identifiers_max];
 	size_t count_ = 0;
-	size_t current_ = 0;
-	unsigned disappointments_ = 0;
+	size_t current_ = 0; // the needle that is searched for
+	unsigned misses_ = 0;
 	bool with_case_ = false;
 };
 

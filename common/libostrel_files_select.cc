@@ -161,7 +161,7 @@ bool LineSelection::next_stretch()
 bool LineSelection::next_candidate()
 {
 	if (candidate_failed_)
-		scan_.disappointed();
+		scan_.report_miss();
 	candidate_failed_ = false;
 	const char *found = scanning_ ? scan_.next(lines_end_, block_.end) : block_.end;
 	if (found == block_.end)

@@ -1,6 +1,7 @@
-// A walk over a flat file in its own order. The text of the selected lines is kept, and each object is made when its turn
-// comes and freed after the visit: memory follows the text, not the lists. The file is read to its end before the first
-// visit, so that a callback may update it, and a read error leaves nothing half walked.
+// The walk over a flat file, in its own order. The file is read to its end before the first visit, so that a callback may update
+// the database, and a read error never ends a walk half way. What is kept for the visits is the text of the selected lines; each
+// object is made for its visit and freed after it. So a walk needs memory for the text, and not for all lists, which are several
+// times larger.
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -13,7 +14,7 @@
 #include "libostrel_files_select.h"
 #include "libostrel_idlist.h"
 
-// Whole lines, in chunks that grow with the text.
+// Whole lines, in chunks that are never moved, and of which each is as large as all before it.
 class KeptText {
 public:
 	struct Chunk {
@@ -46,7 +47,7 @@ public:
 		last_->used += length;
 		return OSTREL_SUCCESS;
 	}
-	// The last line isn't ended by a newline in the file.
+	// The file ends without a newline: the one after the last line was added.
 	void set_open() { open_ = true; }
 	bool is_open() const { return open_; }
 
@@ -63,7 +64,7 @@ private:
 	bool open_ = false;
 };
 
-// Chunks double what is there. Large ones ask for large pages: faults would cost more than the parsing.
+// Large chunks ask for large pages: the faults of small ones would cost more than the parsing.
 ostrel_error_t KeptText::add_chunk(size_t length)
 {
 	static constexpr size_t first_size = 8192;
@@ -124,7 +125,7 @@ private:
 	size_t done_ = 0; // bytes of the chunk
 };
 
-// Every line of the file, not looked at yet.
+// Keeps every line of the file without looking at it.
 static ostrel_error_t keep_all(int fd, KeptText *text)
 {
 	BlockReader reader(fd, LongLines::Drop);
@@ -151,14 +152,14 @@ static ostrel_error_t keep_selected(int fd, ostrel_db_t db, attrlist_t *idlist, 
 			return bad;
 		size_t length = static_cast<size_t>(line.newline + 1 - line.begin);
 		if (length > OSTREL_LINE_MAX)
-			text->set_open(); // only without its newline was it short enough
+			text->set_open(); // such a line was accepted because its newline isn't the file's
 		bad = text->append(line.begin, length);
 		if (bad != OSTREL_SUCCESS)
 			return bad;
 	}
 }
 
-// The text of the lines that are selected, and perhaps of others.
+// Keeps the lines that are selected; of a whole file, comments and malformed lines as well.
 static ostrel_error_t keep_text(ostrel_db_t db, attrlist_t *idlist, bool exact, KeptText *text)
 {
 	const char *path = ostrel_file_path(db, idlist);

@@ -66,11 +66,11 @@ char *value_remove_escapes(const char *value)
 	return plain;
 }
 
-// The values of a property on their way out of a line. Texts are heap texts.
+// The values of a property while they are read. Texts are blocks of the heap.
 template <typename T>
 using Values = std::conditional_t<std::is_same_v<T, char *>, GrowingArray<char *, free_heap>, GrowingArray<T>>;
 
-// Each conversion stores the value of one token: OSTREL_INVALID_ARG for a bad one, OSTREL_NO_MEMORY.
+// Stores the value of one token. Errors: OSTREL_INVALID_ARG  the token is no value of this type; OSTREL_NO_MEMORY
 template <typename T>
 using Convert = ostrel_error_t(const char *token, T *value);
 
@@ -114,7 +114,7 @@ static ostrel_error_t to_boolean(const char *token, boolean_t *value)
 	return OSTREL_SUCCESS;
 }
 
-// Text that is no number is 0; a number out of range is the nearest that 64 bits hold, of which 32 may be kept.
+// A text without digits is 0. A number out of range becomes the nearest one of 64 bits; a 32-bit type keeps its low half.
 template <typename T>
 static ostrel_error_t to_number(const char *token, T *value)
 {
@@ -291,9 +291,9 @@ static void append(ostrel_line *line, const char *text)
 	append(line, text, strlen(text));
 }
 
-// A text comes back from its place if no newline is in it, no delimiter splits it, and no backslash at its end
-// hides the delimiter that follows.
-static bool comes_back(const char *text, const char *delimiters)
+// Whether a text can be read back from its place: it holds no newline and no unescaped delimiter, and no backslash at its end
+// escapes the delimiter that follows.
+static bool reads_back(const char *text, const char *delimiters)
 {
 	bool escaped = false;
 	for (; *text != '\0'; text++) {
@@ -310,7 +310,8 @@ static bool comes_back(const char *text, const char *delimiters)
 	return !escaped;
 }
 
-static bool stands_for_itself(const char *name)
+// Two names address an operation, not an object: they are never stored.
+static bool is_stored(const char *name)
 {
 	return strcmp(name, OSTREL_ID_ID_STRING) != 0 && strcmp(name, OSTREL_ID_DB_NAME) != 0;
 }
@@ -320,14 +321,14 @@ ostrel_error_t ostrel_check_identifiers(attrlist_t *idlist)
 	bool first = true;
 	for (attrpair_t *pair = nullptr; (pair = attrlist_next_attrpair(idlist, pair)) != nullptr;) {
 		const char *name = attrpair_name(pair);
-		if (!stands_for_itself(name))
+		if (!is_stored(name))
 			continue;
 		char *value = nullptr;
 		if (int error = attrpair_value_string(pair, &value))
 			return ostrel_errno2error(error);
-		if (!comes_back(name, "\t;=") || !comes_back(value, "\t;"))
+		if (!reads_back(name, "\t;=") || !reads_back(value, "\t;"))
 			return OSTREL_INVALID_ARG;
-		// The reader skips white space before a line, and takes `#` for a comment.
+		// A reader skips white space before an object, and a line that begins with `#` is a comment.
 		if (first && (ostrel_line_space(name[0]) || name[0] == '#'))
 			return OSTREL_INVALID_ARG;
 		first = false;
@@ -335,7 +336,7 @@ ostrel_error_t ostrel_check_identifiers(attrlist_t *idlist)
 	return first ? OSTREL_INVALID_ARG : OSTREL_SUCCESS;
 }
 
-// Prints the values of a pair, each behind a comma.
+// Prints the values of a pair, each after a comma.
 using PrintValues = ostrel_error_t(ostrel_line *line, const attrpair_t *pair);
 
 static ostrel_error_t print_value(ostrel_line *line, boolean_t value)
@@ -352,7 +353,7 @@ static ostrel_error_t print_value(ostrel_line *line, int64_t value)
 	return OSTREL_SUCCESS;
 }
 
-// Unsigned values are printed as the signed number of the same bits.
+// An unsigned value is printed as the signed number of the same bits.
 static ostrel_error_t print_value(ostrel_line *line, int32_t value)
 {
 	return print_value(line, static_cast<int64_t>(value));
@@ -404,7 +405,7 @@ static ostrel_error_t print_array(ostrel_line *line, const attrpair_t *pair)
 	return OSTREL_SUCCESS;
 }
 
-// The types that have a word; those that can't be stored have no way to be printed.
+// The types that have a word. Those without `print` can't be stored.
 struct TypeRow {
 	data_type_t type;
 	const char *word;
@@ -448,7 +449,7 @@ static ostrel_error_t format_property(ostrel_line *line, const attrpair_t *pair)
 	append(line, name);
 	append(line, "=", 1);
 	append(line, data_type2str(attrpair_type(pair)));
-	if (row == nullptr || row->print == nullptr || !comes_back(name, ";="))
+	if (row == nullptr || row->print == nullptr || !reads_back(name, ";="))
 		return ostrel_errno2error(EINVAL);
 	if (ostrel_error_t bad = row->print(line, pair))
 		return bad;

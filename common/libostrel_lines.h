@@ -1,7 +1,10 @@
 /*
- * The text of a database file: from a line to an object's lists, and from lists to a line.
- * It opens no file, keeps no state, and reports nothing by itself: what a failure means is its caller's business.
- * docs/formats/line-format.md has the layout and a worked example.
+ * The text of a database file: from a line to an object's lists, and from lists to a line. docs/formats/line-format.md has the
+ * layout and a worked example.
+ *
+ * It opens no file, keeps no state, and raises no error: results go back to the caller as they are, since a line that doesn't
+ * parse is no failure to a reader of files. Every reader and writer of lines rests on it; the fast path of the flat files
+ * (libostrel_files_fields.h) is measured by it.
  */
 #ifndef LIBOSTREL_LINES_H
 #define LIBOSTREL_LINES_H
@@ -16,20 +19,20 @@
 
 // ---- Values ----
 
-// Copies `value` to `escaped` with a backslash before each `,`, `;` and `\`. The caller's buffer takes twice the
-// bytes of `value`, and one.
+// Copies `value` to `escaped` with a backslash before each `,`, `;` and `\`, and returns `escaped`. The caller's buffer has room
+// for twice the bytes of `value`, and a terminator.
 char *value_add_escapes(const char *value, char *escaped);
-// Drops each backslash and takes the byte after it as it is. Owns: the result is new, free it. NULL: no memory.
+// Removes each backslash and keeps the byte after it. Owns: the result is new; free it with free(). NULL: no memory.
 char *value_remove_escapes(const char *value);
-// The array type of one of the six type words, in any case; DATA_TYPE_UNKNOWN for all else.
+// The array type of one of the six type words, in any case; DATA_TYPE_UNKNOWN for any other word.
 data_type_t str2data_type(const char *word);
-// The word of a type, in lower case; "unknown" where there is none. Not every word can be read back.
+// The word of a type, in lower case; "unknown" if it has none. Not every word can be read back.
 const char *data_type2str(data_type_t type);
 
 /*
- * Reads the values of a list that are separated by unescaped commas. `values` is changed in place; NULL has none.
- * Owns:   *array is new and never NULL, also with a count of 0; free it (of strings, each element too).
- * Errors: OSTREL_NO_MEMORY; of booleans OSTREL_INVALID_ARG for any other word than true and false. Nothing is left.
+ * Reads values that unescaped commas separate. `values` is changed in place; NULL holds none.
+ * Owns:   *array is new and never NULL, also with a count of 0; free it with free(), and each string too. Untouched on failure
+ * Errors: OSTREL_NO_MEMORY; for booleans OSTREL_INVALID_ARG at any word but true and false
  */
 ostrel_error_t ostrel_parse_boolean_array(char *values, boolean_t **array, int *count);
 ostrel_error_t ostrel_parse_int32_array(char *values, int32_t **array, int *count);
@@ -46,9 +49,9 @@ ostrel_error_t ostrel_parse_nvstr(char *piece, attrlist_t **idlist);
 ostrel_error_t ostrel_parse_ntv(char *piece, attrlist_t **props);
 
 /*
- * Reads one object line: without its newline, and from its first byte that isn't white space.
+ * Reads one object line, from its first byte that isn't white space, without its newline. `line` is changed in place.
  * Owns:   on success both lists are new; free them with attrlist_free(). On failure both are NULL.
- * Errors: OSTREL_INVALID_ARG  the line doesn't parse: it is taken whole or not at all
+ * Errors: OSTREL_INVALID_ARG  the line doesn't parse: a line is accepted whole or not at all
  *         OSTREL_NO_MEMORY
  */
 ostrel_error_t ostrel_line2attrlist(char *line, attrlist_t **idlist, attrlist_t **props);
@@ -57,7 +60,7 @@ ostrel_error_t ostrel_rawline2attrlist(const char *line, uint_t lineno, attrlist
 
 // ---- Writing a line ----
 
-// A line that is being put together. What doesn't fit is dropped and remembered.
+// A line under construction. Bytes that don't fit are dropped, and `overflow` is set.
 struct ostrel_line {
 	char text[OSTREL_LINE_SIZE];
 	size_t length;
@@ -65,27 +68,26 @@ struct ostrel_line {
 };
 
 /*
- * Tells whether the identifiers come back from a line as they are: at least one, texts all, no name or value that
- * would be split. Errors: OSTREL_INVALID_ARG.
+ * Checks that the identifiers can be read back as they are: there is at least one, all are texts, and no delimiter would split
+ * a name or value. Errors: OSTREL_INVALID_ARG  they can't
  */
 ostrel_error_t ostrel_check_identifiers(attrlist_t *idlist);
 
 /*
- * Formats one object line, newline included, without a terminator. `idstr` is the text of identifiers that were
- * checked.
- * Errors: OSTREL_INVALID_ARG  a property has a type that can't be stored, a name or value that wouldn't be read back,
- *                             or is too long; or the line is. `line` holds what stands before the failure
+ * Formats one object line with its newline, without a terminator. `idstr` is the text of identifiers that were checked.
+ * Errors: OSTREL_INVALID_ARG  a property can't be stored: its type has no word, its name or value wouldn't be read back, or is
+ *                             too long; or the line is too long. `line` then holds what stands before the failure
  */
 ostrel_error_t ostrel_format_line(ostrel_line *line, const char *idstr, attrlist_t *props);
 
-// Formats the line of an object. Errors: OSTREL_INVALID_ARG if it wouldn't be read back as this object.
+// Checks and formats the line of an object. Errors: OSTREL_INVALID_ARG  it wouldn't be read back as this object
 ostrel_error_t ostrel_format_object(attrlist_t *idlist, attrlist_t *props, ostrel_line *line);
 
-// Formats a line, prints it and flushes the stream. A failure of the formatting leaves the line unfinished in the
-// stream. Errors: as ostrel_format_line(), and the error of the stream.
+// Formats a line, prints it and flushes the stream. A line that can't be formatted is printed up to the failure.
+// Errors: as of ostrel_format_line(); the error of the stream
 ostrel_error_t ostrel_attrlist2line(FILE *stream, const char *idstr, attrlist_t *props);
 
-// The white space that may stand before an object: six bytes, whatever the locale.
+// The white space that a reader skips before an object: six bytes, in every locale.
 inline bool ostrel_line_space(char c)
 {
 	return c == ' ' || (c >= '\t' && c <= '\r');
