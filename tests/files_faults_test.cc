@@ -72,7 +72,7 @@ static const std::vector<Update> &updates()
 	    {"first write", "", "a=1;\tx=int32,1;\n", "a=1", nullptr, "x=int32,1"},
 	    {"write", "a=1;\t\nB=2;\n", "a=1;\tx=int32,1;\nB=2;\t\n", "a=1", nullptr, "x=int32,1"},
 	    {"write to a long file", many, many + "a=1;\tx=int32,1;\n", "a=1", nullptr, "x=int32,1"},
-	    {"rename", "a=1;\t\n# c\nb=2;x", "a=1;\t\nc=3;x=;\t\n", "b=2;x", "c=3;x=", nullptr},
+	    {"rename", "a=1;\t\n# c\nb=2;x", "a=1;\t\nc=3;x=;\t\n", "b=2;x=", "c=3;x=", nullptr},
 	    {"remove", "a=1;\tx=int32,1;\nb=2;\t\n", "b=2;\t\n", "a=1", nullptr, nullptr},
 	};
 	return all;
@@ -274,9 +274,9 @@ TEST_F(FilesFaults, ShortReadsLoseNothing)
 		    OSTREL_SUCCESS);
 		ASSERT_EQ(objects.count(), 3U) << length;
 		for (unsigned int i = 0; i < 3; i++)
-			EXPECT_EQ(show_object(objects[i]), "(" + std::string(1, static_cast<char>('a' + i)) + ":9[" +
-							       std::to_string(i + 1) + "]) (x:13[" +
-							       std::to_string(i + 1) + "])");
+			EXPECT_EQ(show_object(objects[i]), "(" + std::string(1, static_cast<char>('a' + i)) + ":9='" +
+							       std::to_string(i + 1) +
+							       "';) (x:13=" + std::to_string(i + 1) + ";)");
 	}
 }
 
