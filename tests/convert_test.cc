@@ -2,6 +2,8 @@
 // each property: s texts, u uint64_t, i int64_t, b booleans, t a single text that is no array.
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -11,6 +13,8 @@
 #include "alloc_fault.h"
 #include "base/guards.h"
 #include "log_capture.h"
+#include "scratch.h"
+#include "test_paths.h"
 
 using Texts = std::vector<std::string>;
 using Numbers = std::vector<uint64_t>;
@@ -143,12 +147,6 @@ std::string joined(size_t count, const char *text, const char *between = ",")
 	return all;
 }
 
-// An array as it is shown.
-std::string shown(size_t count, const char *text)
-{
-	return joined(count, text, "|");
-}
-
 struct Converted {
 	int result;
 	std::string list;
@@ -186,215 +184,114 @@ Converted ok(const std::string &list)
 {
 	return {0, list, {}};
 }
-Converted fails(const std::string &list, const std::string &message)
+
+} // namespace
+
+// ---- Each rule, from a file of cases ----
+
+namespace {
+
+// {3*x} is xxx, {3|x} is x|x|x, {3,x} is x,x,x.
+std::string expanded(const std::string &text)
 {
-	return {EINVAL, list, {"7: p: " + message}};
+	std::smatch found;
+	static const std::regex repeat(R"(\{(\d+)([*|,])([^}]*)\})");
+	if (!std::regex_search(text, found, repeat))
+		return text;
+	const std::string between = found[2] == "*" ? "" : found[2].str();
+	return found.prefix().str() + joined(std::stoul(found[1]), found[3].str().c_str(), between.c_str()) +
+	       expanded(found.suffix());
+}
+
+std::vector<std::string> parts(const std::string &text, char delimiter)
+{
+	std::vector<std::string> all;
+	std::istringstream in(text);
+	for (std::string part; std::getline(in, part, delimiter);)
+		all.push_back(part);
+	if (text.empty() || text.back() == delimiter)
+		all.emplace_back();
+	return all;
+}
+
+// "s:a|b" as the property p.
+List list_of(const std::string &form)
+{
+	List list;
+	const Texts values = form.size() < 2 ? Texts() : parts(form.substr(2), '|');
+	Numbers numbers;
+	if (form[0] == 's') {
+		list.texts("p", values);
+	} else if (form[0] == 't') {
+		EXPECT_EQ(attrlist_add_string(list.get(), "p", values[0].c_str()), 0);
+	} else {
+		for (const std::string &value : values)
+			numbers.push_back(std::stoull(value));
+		list.numbers("p", numbers);
+	}
+	return list;
+}
+
+std::vector<ostrel_valdesc_t> again(size_t count)
+{
+	std::vector<ostrel_valdesc_t> vals(count, {c("again"), nullptr, 1});
+	vals.push_back({nullptr, nullptr, 0});
+	return vals;
+}
+
+// A description as the file has it: "string bitfield ab".
+Table table_of(const std::string &text, std::string *delimiters)
+{
+	static std::vector<ostrel_valdesc_t> many_again = again(129);
+	static ostrel_valdesc_t x2[] = {{c("x"), nullptr, 1}, {c("X"), nullptr, 2}, {nullptr, nullptr, 0}};
+	static const std::map<std::string, ostrel_valdesc_t *> values = {{"ab", ab}, {"ab_none", ab_none},
+	    {"ab_both", ab_both}, {"none", none}, {"x2", x2}, {"again129", many_again.data()},
+	    {"again128", many_again.data() + 1}};
+	static const std::map<std::string, uint64_t> flags = {
+	    {"delimited", OSTREL_PROP_DELIMITED}, {"bitfield", OSTREL_PROP_BITFIELD}, {"keep", OSTREL_PROP_NO_CONVERT}};
+	static const std::map<std::string, uint64_t> types = {{"string", DATA_TYPE_STRING},
+	    {"uint64", DATA_TYPE_UINT64}, {"int64", DATA_TYPE_INT64}, {"int32", DATA_TYPE_INT32},
+	    {"boolean", DATA_TYPE_BOOLEAN}, {"unknown", DATA_TYPE_UNKNOWN}};
+	Table table(0, 0);
+	const std::vector<std::string> quoted = parts(text, '\'');
+	if (quoted.size() > 1) {
+		*delimiters = quoted[1];
+		table.descs[0].npd_delimiters = delimiters->data();
+	}
+	std::istringstream words(quoted[0] + (quoted.size() > 2 ? quoted[2] : ""));
+	for (std::string word; words >> word;) {
+		if (types.count(word) != 0)
+			table.descs[0].npd_type = types.at(word);
+		else if (flags.count(word) != 0)
+			table.descs[0].npd_flags |= flags.at(word);
+		else
+			table.descs[0].npd_vals = values.at(word);
+	}
+	return table;
 }
 
 } // namespace
 
-// ---- To persistent form ----
-
-TEST(ToPersist, DelimitedTextBecomesItsValues)
+TEST(Conversion, FollowsEachRule)
 {
-	const Table table(DATA_TYPE_STRING, OSTREL_PROP_DELIMITED, nullptr, ", ");
-	EXPECT_EQ(to_persist(List().texts("p", {"a, b,c"}), table), ok("p=s:a|b|c;"));
-	EXPECT_EQ(to_persist(List().texts("p", {"alone"}), table), ok("p=s:alone;"));
-	EXPECT_EQ(to_persist(List().texts("p", {" ,, "}), table), ok("p=s: ,, ;")) << "no value in it: unchanged";
-	EXPECT_EQ(to_persist(List().texts("p", {""}), table), ok("p=s:;"));
-	EXPECT_EQ(to_persist(List().texts("p", {"a,b", "c"}), table), ok("p=s:a,b|c;")) << "two texts aren't split";
-}
-
-TEST(ToPersist, DelimitedTextOfTwoMembersFallsToTheNextRules)
-{
-	const Table table(DATA_TYPE_UINT64, OSTREL_PROP_DELIMITED, nullptr, ",");
-	EXPECT_EQ(to_persist(List().texts("p", {"1", "2"}), table), ok("p=u:1|2;"));
-	EXPECT_EQ(to_persist(List().texts("p", {"1,2"}), table), ok("p=s:1|2;"));
-}
-
-TEST(ToPersist, DelimitedTextHoldsTo128ValuesAnd511Bytes)
-{
-	const Table table(DATA_TYPE_STRING, OSTREL_PROP_DELIMITED, nullptr, ",");
-	EXPECT_EQ(to_persist(List().texts("p", {joined(128, "ab")}), table), ok("p=s:" + shown(128, "ab") + ";"));
-	std::string text = joined(129, "ab");
-	EXPECT_EQ(to_persist(List().texts("p", {text}), table),
-	    fails("p=s:" + text + ";", "could not convert " + text + " to persistent type: too many delimited values"));
-	EXPECT_EQ(to_persist(List().texts("p", {std::string(510, 'x') + ",yz"}), table),
-	    ok("p=s:" + std::string(510, 'x') + ";"));
-	EXPECT_EQ(
-	    to_persist(List().texts("p", {std::string(600, 'x')}), table), ok("p=s:" + std::string(511, 'x') + ";"));
-}
-
-TEST(ToPersist, TextsBecomeValuesOfTheStoredType)
-{
-	const Table boolean(DATA_TYPE_BOOLEAN, 0), int64(DATA_TYPE_INT64, 0), uint64(DATA_TYPE_UINT64, 0);
-	EXPECT_EQ(to_persist(List().texts("p", {"TRUE", "False", "2", "0x0"}), boolean), ok("p=b:1|0|2|0;"));
-	EXPECT_EQ(to_persist(List().texts("p", {"0x10", "010", "-9223372036854775808"}), int64),
-	    ok("p=i:16|8|-9223372036854775808;"));
-	EXPECT_EQ(to_persist(List().texts("p", {"18446744073709551615"}), uint64), ok("p=u:18446744073709551615;"));
-	EXPECT_EQ(to_persist(List().texts("p", {}), int64), ok("p=i;"));
-	EXPECT_EQ(to_persist(List().texts("p", many(128, "7")), int64), ok("p=i:" + shown(128, "7") + ";"));
-}
-
-TEST(ToPersist, TextThatIsNoValueIsRefusedAndThePropertyStays)
-{
-	const Table boolean(DATA_TYPE_BOOLEAN, 0), int64(DATA_TYPE_INT64, 0), uint64(DATA_TYPE_UINT64, 0);
-	EXPECT_EQ(to_persist(List().texts("p", {"1", "yes"}), boolean),
-	    fails("p=s:1|yes;", "could not convert yes to persistent type boolean"));
-	EXPECT_EQ(to_persist(List().texts("p", {"12abc"}), int64),
-	    fails("p=s:12abc;", "could not convert 12abc to persistent type int64"));
-	EXPECT_EQ(to_persist(List().texts("p", {"9223372036854775808"}), int64),
-	    fails("p=s:9223372036854775808;", "could not convert 9223372036854775808 to persistent type int64"));
-	EXPECT_EQ(to_persist(List().texts("p", {"18446744073709551616"}), uint64),
-	    fails("p=s:18446744073709551616;", "could not convert 18446744073709551616 to persistent type uint64"));
-	EXPECT_EQ(to_persist(List().texts("p", many(129, "7")), int64),
-	    fails("p=s:" + shown(129, "7") + ";", "could not convert to persistent type: too many values"));
-	const Table strange(DATA_TYPE_INT32, 0);
-	EXPECT_EQ(to_persist(List().texts("p", {"1", "2"}), strange),
-	    fails("p=s:1|2;", "could not add 2 unknown to proplist"));
-}
-
-TEST(ToPersist, NumbersBecomeTheirNames)
-{
-	const Table table(DATA_TYPE_STRING, 0, ab_none);
-	EXPECT_EQ(to_persist(List().numbers("p", {2, 1, 2}), table), ok("p=s:b|a|b;"));
-	EXPECT_EQ(to_persist(List().numbers("p", {1, 0}), table), ok("p=s:a;")) << "? leaves no trace beside a name";
-	EXPECT_EQ(to_persist(List().numbers("p", {0}), table), ok("")) << "nothing but ? has no stored form";
-	EXPECT_EQ(to_persist(List().numbers("p", {}), table), ok("p=u;"));
-	EXPECT_EQ(to_persist(List().numbers("p", {1, 3}), table), fails("p=u:1|3;", "could not convert value 3"));
-	EXPECT_EQ(to_persist(List().numbers("p", many(128, 1)), table), ok("p=s:" + shown(128, "a") + ";"));
-	EXPECT_EQ(to_persist(List().numbers("p", many(129, 1)), table),
-	    fails("p=u:" + shown(129, "1") + ";", "could not convert to persistent type: too many values"));
-	const Table empty(DATA_TYPE_STRING, 0, none);
-	EXPECT_EQ(to_persist(List().numbers("p", {1}), empty), fails("p=u:1;", "could not convert value 1"));
-}
-
-TEST(ToPersist, NumbersWithoutATableBecomeDecimalTexts)
-{
-	const Table text(DATA_TYPE_STRING, 0), number(DATA_TYPE_UINT64, 0);
-	EXPECT_EQ(to_persist(List().numbers("p", {5, UINT64_MAX}), text), ok("p=s:5|18446744073709551615;"));
-	EXPECT_EQ(to_persist(List().numbers("p", many(128, UINT64_MAX)), text).result, 0);
-	EXPECT_EQ(to_persist(List().numbers("p", {5}), number), ok("p=u:5;"));
-	EXPECT_EQ(to_persist(List().numbers("p", many(129, 5)), number).result, EINVAL);
-}
-
-TEST(ToPersist, BitfieldTakesTheNamesOfAllItsBits)
-{
-	const Table table(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, ab);
-	EXPECT_EQ(to_persist(List().numbers("p", {3}), table), ok("p=s:a|b;"));
-	EXPECT_EQ(to_persist(List().numbers("p", {4}), table), fails("p=u:4;", "could not convert bitfield 4"));
-	EXPECT_EQ(to_persist(List().numbers("p", {0}), table), ok("p=u:0;")) << "0 without an entry stays";
-	EXPECT_EQ(to_persist(List().numbers("p", {1, 3}), table), ok("p=s:a|a|b;")) << "all bits of the first";
-	EXPECT_EQ(to_persist(List().numbers("p", {1, 2}), table), fails("p=u:1|2;", "could not convert bitfield 2"));
-	const Table wide(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, ab_both);
-	EXPECT_EQ(to_persist(List().numbers("p", {3}), wide), ok("p=s:a|b|ab;"));
-	EXPECT_EQ(to_persist(List().numbers("p", {1}), wide), fails("p=u:1;", "could not convert bitfield 1"));
-	const Table zero(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, ab_none);
-	EXPECT_EQ(to_persist(List().numbers("p", {0}), zero), ok(""));
-}
-
-TEST(ToPersist, BitfieldWithMoreNamesThanRoomIsRefused)
-{
-	std::vector<ostrel_valdesc_t> vals(129, {c("again"), nullptr, 1});
-	vals.push_back({nullptr, nullptr, 0});
-	const Table table(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, vals.data());
-	EXPECT_EQ(to_persist(List().numbers("p", {1}), table),
-	    fails("p=u:1;", "could not convert to persistent type: too many values"));
-	const Table fits(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, vals.data() + 1);
-	EXPECT_EQ(to_persist(List().numbers("p", {1}), fits), ok("p=s:" + shown(128, "again") + ";"));
-}
-
-TEST(ToPersist, WhatNoRuleNamesStays)
-{
-	const Table text(DATA_TYPE_STRING, 0, ab), left(DATA_TYPE_UNKNOWN, OSTREL_PROP_DELIMITED, ab, ",");
-	const Table never(DATA_TYPE_UINT64, OSTREL_PROP_NO_CONVERT | OSTREL_PROP_DELIMITED, ab, ",");
-	EXPECT_EQ(to_persist(List().texts("p", {"1", "a"}), text), ok("p=s:1|a;"));
-	EXPECT_EQ(to_persist(List().texts("p", {"1,2"}), left), ok("p=s:1,2;"));
-	EXPECT_EQ(to_persist(List().numbers("p", {99}), never), ok("p=u:99;"));
-	EXPECT_EQ(to_persist(List().texts("q", {"no number"}), Table(DATA_TYPE_UINT64, 0)), ok("q=s:no number;"));
-	List single;
-	ASSERT_EQ(attrlist_add_string(single.get(), "p", "7"), 0);
-	EXPECT_EQ(to_persist(single, Table(DATA_TYPE_UINT64, 0)), ok("p=t:7;"));
-}
-
-// ---- From persistent form ----
-
-TEST(FromPersist, MembersAreJoinedWithTheWholeDelimiter)
-{
-	const Table comma(DATA_TYPE_STRING, OSTREL_PROP_DELIMITED, ab, ",");
-	const Table wide(DATA_TYPE_STRING, OSTREL_PROP_DELIMITED, nullptr, ", ");
-	EXPECT_EQ(from_persist(List().texts("p", {"a", "b", "c"}), comma), ok("p=s:a,b,c;"));
-	EXPECT_EQ(from_persist(List().texts("p", {"a", "b", "c"}), wide), ok("p=s:a, b, c;"));
-	EXPECT_EQ(from_persist(List().texts("p", {"one"}), wide), ok("p=s:one;"));
-	List empty;
-	EXPECT_EQ(from_persist(empty.texts("p", {}), wide), ok("p=s:;"));
-	char *text = nullptr;
-	EXPECT_EQ(ostrel_atl_get_one_string(empty.get(), "p", &text), 0) << "one empty text, not an array of none";
-}
-
-TEST(FromPersist, JoinedTextOf511BytesFitsAndOneMoreStays)
-{
-	const Table table(DATA_TYPE_STRING, OSTREL_PROP_DELIMITED, nullptr, ",");
-	std::string half(255, 'x'), more(256, 'y');
-	EXPECT_EQ(from_persist(List().texts("p", {half, half}), table), ok("p=s:" + half + "," + half + ";"));
-	for (const Texts &texts : {Texts{half, more}, Texts{std::string(512, 'z')}, Texts{std::string(511, 'z'), ""}}) {
-		List list;
-		Converted left = from_persist(list.texts("p", texts), table);
-		EXPECT_EQ(left.result, 0);
-		EXPECT_EQ(left.list, List().texts("p", texts).show());
-		EXPECT_EQ(left.log, Texts{"7: p: could not convert from persistent type: delimited value too long"});
+	std::istringstream file(file_text(TEST_SOURCE_DIR "/tests/golden/conversions.txt"));
+	int cases = 0;
+	for (std::string line; std::getline(file, line);) {
+		if (line.empty() || line[0] == '#')
+			continue;
+		SCOPED_TRACE(line);
+		std::vector<std::string> fields = parts(expanded(line), '\t');
+		ASSERT_GE(fields.size(), 4U);
+		std::string delimiters, message = fields.size() > 4 ? fields[4] : "";
+		const Table table = table_of(fields[1], &delimiters);
+		const List list = list_of(fields[2]);
+		const bool succeeds = message.empty() || message[0] == '~';
+		const Converted expected = {succeeds ? 0 : EINVAL, fields[3] == "-" ? "" : "p=" + fields[3] + ";",
+		    message.empty() ? Texts() : Texts{"7: p: " + message.substr(succeeds ? 1 : 0)}};
+		EXPECT_EQ(fields[0] == "to" ? to_persist(list, table) : from_persist(list, table), expected);
+		cases++;
 	}
-}
-
-TEST(FromPersist, NamesBecomeTheirNumbersInAnyCase)
-{
-	const Table numbers(DATA_TYPE_STRING, 0, ab_both), bits(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, ab_both);
-	EXPECT_EQ(from_persist(List().texts("p", {"A", "b", "Ab"}), numbers), ok("p=u:1|2|3;"));
-	EXPECT_EQ(from_persist(List().texts("p", {"A", "b"}), bits), ok("p=u:3;"));
-	EXPECT_EQ(from_persist(List().texts("p", {}), numbers), ok("p=u;"));
-	EXPECT_EQ(from_persist(List().texts("p", {}), bits), ok("p=u:0;"));
-	EXPECT_EQ(from_persist(List().texts("p", {"a", "c"}), numbers),
-	    fails("p=s:a|c;", "could not convert value string c to valid value"));
-	EXPECT_EQ(from_persist(List().texts("p", {"c"}), bits),
-	    fails("p=s:c;", "could not convert value string c to valid value"));
-}
-
-TEST(FromPersist, NamesThatRepeatGiveANumberEachButNeverMoreThanFit)
-{
-	std::vector<ostrel_valdesc_t> vals = {{c("x"), nullptr, 1}, {c("X"), nullptr, 2}, {nullptr, nullptr, 0}};
-	const Table table(DATA_TYPE_STRING, 0, vals.data());
-	EXPECT_EQ(from_persist(List().texts("p", {"x"}), table), ok("p=u:1|2;"));
-	EXPECT_EQ(from_persist(List().texts("p", many(64, "x")), table).result, 0);
-	EXPECT_EQ(from_persist(List().texts("p", many(65, "x")), table),
-	    fails("p=s:" + shown(65, "x") + ";", "could not convert from persistent type: too many values"));
-	const Table bits(DATA_TYPE_STRING, OSTREL_PROP_BITFIELD, vals.data());
-	EXPECT_EQ(from_persist(List().texts("p", many(65, "x")), bits), ok("p=u:3;"));
-}
-
-TEST(FromPersist, TooManyMembersStayWithAMessageAndTheRestGoesOn)
-{
-	ostrel_propdesc_t descs[3] = {};
-	descs[0].npd_name = c("p");
-	descs[0].npd_vals = ab;
-	descs[1].npd_name = c("q");
-	descs[1].npd_vals = ab;
-	List list;
-	list.texts("p", many(129, "a")).texts("q", {"b"});
-	Converted left = from_persist(list, descs);
-	EXPECT_EQ(left.result, 0);
-	EXPECT_EQ(left.list, "p=s:" + shown(129, "a") + ";q=u:2;");
-	EXPECT_EQ(left.log, Texts{"7: p: could not convert from persistent type: too many values"});
-	descs[0].npd_flags = OSTREL_PROP_NO_CONVERT;
-	EXPECT_EQ(from_persist(List().texts("p", many(129, "a")), descs), ok("p=s:" + shown(129, "a") + ";"));
-}
-
-TEST(FromPersist, WhatIsNoStringArrayOrHasNoTableStays)
-{
-	const Table table(DATA_TYPE_STRING, 0, ab), plain(DATA_TYPE_STRING, 0);
-	EXPECT_EQ(from_persist(List().numbers("p", {7}), table), ok("p=u:7;"));
-	EXPECT_EQ(from_persist(List().texts("p", {"7"}), plain), ok("p=s:7;"));
-	const Table never(DATA_TYPE_STRING, OSTREL_PROP_NO_CONVERT | OSTREL_PROP_DELIMITED, ab, ",");
-	EXPECT_EQ(from_persist(List().texts("p", {"a", "zz"}), never), ok("p=s:a|zz;"));
+	EXPECT_GT(cases, 70);
 }
 
 // ---- Both ways ----
@@ -411,15 +308,6 @@ TEST(Conversion, RefusesMissingArgumentsWithoutAMessage)
 		EXPECT_EQ(convert(list.get(), sizeof(ostrel_propdesc_t), table.descs + 1), 0) << "a table of nothing";
 	}
 	EXPECT_TRUE(log.lines().empty());
-}
-
-TEST(Conversion, DelimitedPropertyWithoutDelimitersIsRefused)
-{
-	const Table table(DATA_TYPE_STRING, OSTREL_PROP_DELIMITED);
-	EXPECT_EQ(to_persist(List().texts("p", {"a,b"}), table),
-	    fails("p=s:a,b;", "could not convert to persistent type: no delimiters"));
-	EXPECT_EQ(from_persist(List().texts("p", {"a", "b"}), table),
-	    fails("p=s:a|b;", "could not convert from persistent type: no delimiters"));
 }
 
 // A caller's table, whose entries hold more than the descriptor; the last one is a bare end mark.

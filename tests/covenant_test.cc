@@ -39,11 +39,18 @@ int status_of(pid_t pid, int options)
 	return info.si_status;
 }
 
-// In a child: says by its end whether it has a group of its own.
-[[noreturn]] void end_child()
-{
-	_exit(getpgrp() == getpid() ? 1 : 0);
-}
+// A child by one of the two forks: whether it had a process group of its own.
+struct Child {
+	pid_t pid;
+	bool has_group;
+
+	explicit Child(pid_t (*fork_it)()) : pid(fork_it())
+	{
+		if (pid == 0)
+			_exit(getpgrp() == getpid() ? 1 : 0);
+		has_group = status_of(pid, fork_it == fork ? 0 : __WALL) == 1;
+	}
+};
 
 } // namespace
 
@@ -90,23 +97,18 @@ TEST_F(Covenant, OnlyTheForksOfTheActivatingThreadMakeOne)
 {
 	ASSERT_EQ(cv_tmpl_activate(tmpl.get()), 0);
 	std::thread other([] {
-		pid_t pid = fork();
-		if (pid == 0)
-			end_child();
-		EXPECT_EQ(status_of(pid, 0), 0);
+		EXPECT_FALSE(Child(fork).has_group);
 		covenant_id_t id;
 		EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), -1);
 		EXPECT_EQ(errno, ESRCH);
 	});
 	other.join();
 
-	pid_t pid = fork();
-	if (pid == 0)
-		end_child();
+	const Child child(fork);
+	EXPECT_TRUE(child.has_group);
 	covenant_id_t id = 0;
 	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), 0);
-	EXPECT_EQ(id, pid);
-	EXPECT_EQ(status_of(pid, 0), 1);
+	EXPECT_EQ(id, child.pid);
 
 	EXPECT_EQ(covenant_abandon_id(id + 1), -1);
 	EXPECT_EQ(covenant_abandon_id(id), 0);
@@ -115,10 +117,7 @@ TEST_F(Covenant, OnlyTheForksOfTheActivatingThreadMakeOne)
 	EXPECT_EQ(errno, EINVAL);
 
 	ASSERT_EQ(cv_tmpl_clear(tmpl.get()), 0);
-	pid = fork();
-	if (pid == 0)
-		end_child();
-	EXPECT_EQ(status_of(pid, 0), 0);
+	EXPECT_FALSE(Child(fork).has_group);
 	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), -1);
 }
 
@@ -126,20 +125,15 @@ TEST_F(Covenant, ItsForkHonoursTheTemplateAsItWasWhenActivated)
 {
 	ASSERT_EQ(cv_tmpl_activate(tmpl.get()), 0);
 	tmpl.reset(); // a copy is active: nothing is read from what may be another file by now
-	pid_t pid = covenant_fork();
-	if (pid == 0)
-		end_child();
+	const Child child(covenant_fork);
+	EXPECT_TRUE(child.has_group);
 	covenant_id_t id = 0;
 	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), 0);
-	EXPECT_EQ(id, pid);
-	EXPECT_EQ(status_of(pid, __WALL), 1);
+	EXPECT_EQ(id, child.pid);
 
 	Fd without(covenant_open(COVENANT_PROCESS_TEMPLATE, O_RDWR));
 	ASSERT_EQ(cv_tmpl_activate(without.get()), 0);
-	pid = covenant_fork();
-	if (pid == 0)
-		end_child();
-	EXPECT_EQ(status_of(pid, __WALL), 0);
+	EXPECT_FALSE(Child(covenant_fork).has_group);
 	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), -1);
 	EXPECT_EQ(cv_tmpl_clear(without.get()), 0);
 }

@@ -166,53 +166,30 @@ TEST_F(Registry, ABadRecordIsListedAsSuchAndCanBeReplacedOrRemoved)
 	EXPECT_EQ(listing(), "3:good 7:seven 11! ");
 }
 
-TEST_F(Registry, AFailedUpdateLeavesTheOldRecordOrTheNewOneAndNoOther)
+TEST_F(Registry, AFailedOrKilledUpdateLeavesTheOldRecordOrTheNewOneAndNoOther)
 {
 	enclave_info_t old = record(3, "old"), fresh = record(3, "fresh");
-	const std::string old_text = "name=old\nroot=/srv/x\nstate=ready\n",
-			  new_text = "name=fresh\nroot=/srv/x\nstate=ready\n";
 	ASSERT_EQ(add(old), 0);
-	int hits = 0, descriptors = open_descriptors();
+	std::vector<Fault> faults;
 	for (FailNth::Call call :
-	    {FailNth::Open, FailNth::Read, FailNth::Write, FailNth::Fchmod, FailNth::Rename, FailNth::Fsync}) {
-		for (int nth = 1; nth < 50; nth++) {
-			ASSERT_EQ(enclave_registry_replace(&old), 0);
-			FailNth fault(call, nth, ENOSPC);
-			int error = enclave_registry_replace(&fresh);
-			fault.stop();
-			std::string text = file_text(file("3"));
-			EXPECT_FALSE(scratch.has("run/enclaves/.3.new")) << call << " " << nth;
-			EXPECT_EQ(open_descriptors(), descriptors);
-			if (!fault.fired()) {
-				EXPECT_EQ(error, 0);
-				EXPECT_EQ(text, new_text);
-				break;
-			}
-			hits++;
-			EXPECT_EQ(error, ENOSPC) << call << " " << nth;
-			bool after_rename = call == FailNth::Fsync && nth == 2; // the directory
-			EXPECT_EQ(text, after_rename ? new_text : old_text) << call << " " << nth;
-		}
-	}
-	EXPECT_GE(hits, 8);
+	    {FailNth::Open, FailNth::Read, FailNth::Write, FailNth::Fchmod, FailNth::Rename, FailNth::Fsync})
+		for (int error : {ENOSPC, 0}) // 0: a kill
+			faults.push_back({call, error});
+	const int hits = sweep_faults(
+	    faults, [&] { return enclave_registry_replace(&old); },
+	    [&](int) { return enclave_registry_replace(&fresh); },
+	    [&](int begun, const Round &round) {
+		    EXPECT_EQ(begun, 0) << "what a dead one left is no obstacle";
+		    const bool after_rename = round.is(FailNth::Fsync) && round.nth == 2; // the directory
+		    EXPECT_EQ(round.result, round.hit ? round.fault->error : 0);
+		    EXPECT_EQ(listing(), round.hit && !after_rename ? "3:old " : "3:fresh ");
+		    EXPECT_TRUE(round.fault->error == 0 || !scratch.has("run/enclaves/.3.new"));
+	    });
+	EXPECT_GE(hits, 16);
 	ASSERT_EQ(enclave_registry_replace(&old), 0);
 	FailNth cut_short(FailNth::Write, 1, FailNth::Short, 3);
 	EXPECT_EQ(enclave_registry_replace(&fresh), 0);
-	EXPECT_EQ(file_text(file("3")), new_text);
-}
-
-TEST_F(Registry, AnUpdateThatIsKilledLeavesTheOldRecordOrTheNewOne)
-{
-	enclave_info_t old = record(3, "old"), fresh = record(3, "fresh");
-	ASSERT_EQ(add(old), 0);
-	for (FailNth::Call call : {FailNth::Write, FailNth::Fsync, FailNth::Rename, FailNth::Close}) {
-		ASSERT_EQ(enclave_registry_replace(&old), 0);
-		FailNth fault(call, 1, FailNth::Kill);
-		EXPECT_EQ(in_child([&] { return enclave_registry_replace(&fresh); }), 1000 + SIGKILL) << call;
-		EXPECT_EQ(listing(), "3:old ") << call;
-		EXPECT_EQ(enclave_registry_replace(&fresh), 0) << "what the dead one left is no obstacle";
-		EXPECT_EQ(listing(), "3:fresh ");
-	}
+	EXPECT_EQ(listing(), "3:fresh ");
 }
 
 TEST_F(Registry, ConcurrentAddsOfOneNameHaveOneWinner)
@@ -293,16 +270,12 @@ __attribute__((constructor)) static void say_where()
 
 static int where(const std::string &prefix)
 {
-	pid_t pid = fork();
-	if (pid == 0) {
+	return in_child([&] {
 		setenv("MERIDON_ROOT", prefix.c_str(), 1);
 		setenv("ENCLAVE_TEST_WHERE", "1", 1);
 		execl("/proc/self/exe", "where", nullptr);
-		_exit(252);
-	}
-	int status;
-	EXPECT_EQ(waitpid(pid, &status, 0), pid);
-	return WIFEXITED(status) ? WEXITSTATUS(status) : 253;
+		return 252;
+	});
 }
 
 TEST(OwnEnclave, IsWhatTheMarkSaysAndNeverTheGlobalOneByAMistake)
@@ -371,8 +344,7 @@ TEST(Prefix, IsPutBeforeFixedPathsUnlessItIsTooLong)
 // A program with another user's rights doesn't let its caller choose where the registry is.
 TEST(Prefix, DoesNotCountInAProgramThatGainedPrivileges)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "needs root to make a program that changes its user";
+	SKIP_UNLESS_ROOT();
 	Scratch scratch("/var/tmp");
 	ASSERT_EQ(chmod(scratch.directory().c_str(), 0755), 0);
 	ASSERT_EQ(mkdir(scratch.path("run").c_str(), 0755), 0);
@@ -380,9 +352,7 @@ TEST(Prefix, DoesNotCountInAProgramThatGainedPrivileges)
 	std::string program = scratch.path("program");
 	ASSERT_EQ(system(("cp /proc/" + std::to_string(getpid()) + "/exe " + program).c_str()), 0);
 	auto where_as_user = [&] {
-		return in_child([&] {
-			if (setresgid(1000, 1000, 1000) != 0 || setresuid(1000, 1000, 1000) != 0)
-				return 254;
+		return as_user(1000, [&] {
 			setenv("MERIDON_ROOT", scratch.directory().c_str(), 1);
 			setenv("ENCLAVE_TEST_WHERE", "1", 1);
 			execl(program.c_str(), "where", nullptr);
@@ -419,7 +389,7 @@ protected:
 	const std::string root = host.path("root");
 };
 
-TEST_F(EnclaveView, NameStateAndRootAreTold)
+TEST_F(EnclaveView, NameStateAndRootAreGiven)
 {
 	char text[64 + PATH_MAX];
 	enclave_state_t state = ENCLAVE_STATE_INVALID;
@@ -430,7 +400,7 @@ TEST_F(EnclaveView, NameStateAndRootAreTold)
 	EXPECT_EQ(enclave_getattr(5, ENCLAVE_ATTR_ROOT, text, sizeof(text)), static_cast<ssize_t>(root.size() + 1));
 	EXPECT_EQ(text, root);
 	EXPECT_GT(enclave_getattr(0, ENCLAVE_ATTR_ROOT, text, sizeof(text)), 0);
-	EXPECT_EQ(text, host.directory()) << "the process's own, behind the prefix";
+	EXPECT_EQ(text, host.directory()) << "the process's own, after the prefix";
 	unsetenv("MERIDON_ROOT");
 	EXPECT_EQ(enclave_getattr(0, ENCLAVE_ATTR_ROOT, text, sizeof(text)), 2);
 	EXPECT_STREQ(text, "/");
@@ -546,8 +516,7 @@ static bool lock_as_user(const std::string &registry)
 
 TEST_F(EnclaveView, AUserHoldsUpNeitherTurnsNorUpdates)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "needs root to become another user";
+	SKIP_UNLESS_ROOT();
 	ASSERT_EQ(chmod(host.directory().c_str(), 0755), 0);
 	StayingChild user([&] { return lock_as_user(host.path("run/enclaves")); });
 	ASSERT_GT(user.pid(), 0);
@@ -558,8 +527,7 @@ TEST_F(EnclaveView, AUserHoldsUpNeitherTurnsNorUpdates)
 		return enclave_registry_replace(&changed);
 	}),
 	    0);
-	EXPECT_EQ(
-	    in_child([&] { return setresuid(1234, 1234, 1234) == 0 && _enclave_hold(5, 0) == -1 ? errno : 0; }), EPERM);
+	EXPECT_EQ(as_user(1234, [] { return _enclave_hold(5, 0) == -1 ? errno : 0; }), EPERM);
 }
 
 // A line of a process's status, without its name.
@@ -578,8 +546,7 @@ TEST_F(EnclaveView, CapabilitiesAreThoseOfTheLeaderAndCanBeGivenUp)
 	EXPECT_EQ(_enclave_capabilities(5, &capabilities), 0);
 	EXPECT_EQ(capabilities, UINT64_MAX) << "nobody there is known to have less";
 	EXPECT_EQ(error_of([&] { return _enclave_capabilities(6, &capabilities); }), EINVAL);
-	if (geteuid() != 0)
-		GTEST_SKIP() << "needs root to give capabilities up";
+	SKIP_UNLESS_ROOT();
 	StayingChild leader([] {
 		for (int i = 1; i < 64; i++)
 			(void) prctl(PR_CAPBSET_DROP, i);

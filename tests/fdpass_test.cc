@@ -6,12 +6,12 @@
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "base/guards.h"
+#include "child.h"
 #include "scratch.h"
 
 namespace {
@@ -35,16 +35,12 @@ protected:
 
 TEST_F(Fdpass, CarriesTheSameOpenFileOutOfAChildThatHasEnded)
 {
-	pid_t pid = fork();
-	if (pid == 0) {
+	ASSERT_EQ(in_child([&] {
 		Fd file = open_file("abcdef");
 		char byte;
-		bool ok = read(file.get(), &byte, 1) == 1 && fdpass_send(sender.get(), file.get()) == 0;
-		_exit(ok ? 0 : 1);
-	}
-	int status;
-	ASSERT_EQ(waitpid(pid, &status, 0), pid);
-	ASSERT_EQ(status, 0);
+		return read(file.get(), &byte, 1) == 1 ? fdpass_send(sender.get(), file.get()) : 1;
+	}),
+	    0);
 	int fd = -1;
 	ASSERT_EQ(fdpass_receive(receiver.get(), &fd), 0);
 	Fd file(fd);

@@ -26,6 +26,7 @@
 
 #include "alloc_fault.h"
 #include "base/guards.h"
+#include "child.h"
 #include "libostrel_log.h"
 #include "libostrel_trace.h"
 #include "scratch.h"
@@ -351,8 +352,7 @@ std::vector<std::string> syslog_lines(const std::function<void(int log)> &what, 
 
 TEST_F(Log, SyslogGetsTheTextAsItStandsUnderTheProgramsName)
 {
-	if (getuid() != 0)
-		GTEST_SKIP() << "a /dev of its own needs root";
+	SKIP_UNLESS_ROOT();
 	std::vector<std::string> lines = syslog_lines(
 	    [](int) {
 		    ostrel_log_open("msglog"); // with the identity that the platform gives
@@ -448,14 +448,11 @@ TEST_F(Log, IsFreeInAForkedChildAndInHandlersOfTheFork)
 	int ended_well = 0;
 	alarm(120); // ends a parent that waits for ever
 	for (int i = 0; i < 100; i++) {
-		pid_t child = fork();
-		if (child == 0) {
+		const int status = in_child([] {
 			alarm(60);
 			ostrel_log(3, "child");
-			_exit(0);
-		}
-		int status = -1;
-		ASSERT_EQ(waitpid(child, &status, 0), child);
+			return 0;
+		});
 		ended_well += status == 0;
 		if (status != 0)
 			break;
@@ -510,16 +507,13 @@ TEST_F(Log, AFullPipeHoldsUpNobodyButItsWriters)
 	std::thread reader;
 	{
 		Flood flood(STDERR_FILENO);
-		pid_t child = fork();
-		if (child == 0) {
+		EXPECT_EQ(in_child([] {
 			alarm(60);
 			ostrel_log_open("msglog");
 			ostrel_log(3, "child");
-			_exit(0);
-		}
-		int status = -1;
-		EXPECT_EQ(waitpid(child, &status, 0), child);
-		EXPECT_EQ(status, 0);
+			return 0;
+		}),
+		    0);
 		ostrel_log_open("msglog");
 		ostrel_log(3, "elsewhere");
 		EXPECT_NE(file_text(device()).find(program() + ": 3: elsewhere\n"), std::string::npos);
@@ -538,8 +532,7 @@ TEST_F(Log, AFullPipeHoldsUpNobodyButItsWriters)
 // The C library's own lock of syslog is another thread's in such a child, for good.
 TEST_F(Log, AChildOfAProcessThatWaitsInSyslogLogs)
 {
-	if (getuid() != 0)
-		GTEST_SKIP() << "a /dev of its own needs root";
+	SKIP_UNLESS_ROOT();
 	auto flood_and_fork = [](int log) {
 		sockaddr_un address = {AF_UNIX, "/dev/log"};
 		int output = socket(AF_UNIX, SOCK_DGRAM, 0);

@@ -18,6 +18,7 @@
 #include <meridon/trail.h>
 
 #include "capabilities.h"
+#include "child.h"
 #include "hatch_peer.h"
 #include "kernel_audit.h"
 
@@ -37,11 +38,7 @@ int with_permitted_alone(const std::function<void()> &run)
 
 class Elevate : public testing::Test {
 protected:
-	void SetUp() override
-	{
-		if (geteuid() != 0)
-			GTEST_SKIP() << "only root gives capabilities away";
-	}
+	void SetUp() override { SKIP_UNLESS_ROOT(); }
 };
 
 TEST_F(Elevate, RaisesOnThisThreadAloneAndPutsBack)

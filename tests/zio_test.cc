@@ -152,33 +152,31 @@ TEST_F(Zio, ReadsUpdatesRenamesAndUnlinksInsideTheEnclave)
 	EXPECT_FALSE(has_zombie());
 }
 
-TEST_F(Zio, ANewFileGetsItsModeWhateverTheUmaskAndItsOwner)
+TEST_F(Zio, ANewFileGetsItsModeWhateverTheUmaskAndItsOwnerAndAnOldOneKeepsThem)
 {
+	enclave->write("/old", "old\n");
+	ASSERT_EQ(chmod(enclave->host_path("/old").c_str(), 0640), 0);
+	ASSERT_EQ(chown(enclave->host_path("/old").c_str(), 3, 4), 0);
 	mode_t mask = umask(077);
 	EXPECT_EQ(update_error("/db", enclave->id()), 0);
+	EXPECT_EQ(update_error("/old", enclave->id()), 0);
 	int error = -1;
 	EXPECT_TRUE(Fd(ostrel_zopen("/secret", update_flags, 0600, enclave->id(), &error)));
 	EXPECT_TRUE(Fd(ostrel_zopen(enclave->host_path("/here").c_str(), update_flags, 0644, 0, &error)));
 	umask(mask);
-	for (const char *path : {"/db", "/here", "/secret"}) {
-		struct stat st = stat_of(enclave->host_path(path));
-		EXPECT_EQ(st.st_mode & 07777, std::string(path) == "/secret" ? 0600U : 0644U) << path;
-		EXPECT_EQ(st.st_uid, 17U) << path;
-		EXPECT_EQ(st.st_gid, 65U) << path;
+	const struct {
+		const char *path;
+		mode_t mode;
+		uid_t owner;
+		gid_t group;
+	} files[] = {{"/db", 0644, 17, 65}, {"/here", 0644, 17, 65}, {"/secret", 0600, 17, 65}, {"/old", 0640, 3, 4}};
+	for (const auto &file : files) {
+		struct stat st = stat_of(enclave->host_path(file.path));
+		EXPECT_EQ(st.st_mode & 07777, file.mode) << file.path;
+		EXPECT_EQ(st.st_uid, file.owner) << file.path;
+		EXPECT_EQ(st.st_gid, file.group) << file.path;
+		EXPECT_EQ(st.st_size, 0) << file.path;
 	}
-}
-
-TEST_F(Zio, AnExistingFileIsEmptiedAndKeepsModeAndOwner)
-{
-	enclave->write("/db", "old\n");
-	ASSERT_EQ(chmod(enclave->host_path("/db").c_str(), 0640), 0);
-	ASSERT_EQ(chown(enclave->host_path("/db").c_str(), 3, 4), 0);
-	EXPECT_EQ(update_error("/db", enclave->id()), 0);
-	struct stat st = stat_of(enclave->host_path("/db"));
-	EXPECT_EQ(st.st_size, 0);
-	EXPECT_EQ(st.st_mode & 07777, 0640U);
-	EXPECT_EQ(st.st_uid, 3U);
-	EXPECT_EQ(st.st_gid, 4U);
 }
 
 TEST_F(Zio, AStreamModeDecidesTheFlags)
@@ -501,46 +499,6 @@ TEST_F(ZioFork, AChildForksAndStartsAProgramAlsoIfTheCallerIgnoresSIGCHLD)
 
 /* ---- Calls that fail ---- */
 
-TEST(ZioKinds, EachFailedCallIsTheResultAndNothingIsLeft)
-{
-	SKIP_WITHOUT_ENCLAVES();
-	TestEnclave plain;
-	plain.write("/db", "old\n");
-	int before = open_descriptors();
-	auto open = [&] { return update_error("/new", plain.id()); };
-	auto rename = [&] { return ostrel_zrename("/db", "/db2", plain.id()); };
-	const struct {
-		FailNth::Call call;
-		int error;
-		std::function<int()> operation;
-		bool done;
-	} rows[] = {
-	    {FailNth::Socketpair, EMFILE, open, false},
-	    {FailNth::Memfd, ENFILE, open, false},
-	    {FailNth::Fork, EAGAIN, open, false},
-	    {FailNth::Fork, ENOMEM, rename, false},
-	    {FailNth::Chroot, EPERM, rename, false},
-	    {FailNth::Chroot, ENOENT, rename, false}, // arrives as ESRCH
-	    {FailNth::Rename, EROFS, rename, false},
-	    {FailNth::Fsync, EIO, rename, true},
-	    {FailNth::Fchmod, EIO, open, true},
-	    {FailNth::Fchown, EINVAL, open, true},
-	    {FailNth::Sendmsg, EPERM, open, true},
-	    {FailNth::Recvmsg, ENOMEM, open, true},
-	};
-	for (const auto &row : rows) {
-		(void) unlink(plain.host_path("/new").c_str());
-		plain.write("/db", "old\n");
-		(void) unlink(plain.host_path("/db2").c_str());
-		FailNth fault(row.call, 1, row.error);
-		EXPECT_EQ(row.operation(), row.error == ENOENT ? ESRCH : row.error) << row.call;
-		EXPECT_TRUE(fault.fired()) << row.call;
-		EXPECT_EQ(plain.read("/new") == "" || plain.read("/db2") == "old\n", row.done) << row.call;
-		EXPECT_EQ(open_descriptors(), before) << row.call;
-		EXPECT_FALSE(has_zombie()) << row.call;
-	}
-}
-
 TEST_F(ZioFault, ADirectoryThatCannotBeSyncedIsNoFailure)
 {
 	for (int error : {EINVAL, ENOTSUP, EINTR}) {
@@ -567,42 +525,44 @@ TEST_F(ZioFault, AFailedWaitIsTheResult)
 	EXPECT_EQ(info.si_status, 0);
 }
 
-// An open that fails leaves nothing open, an update that fails leaves the file whole: for the n-th call of each kind,
-// in the parent and in the child, whatever its number.
+// Whatever call fails, in the parent or in the child, its error is the result, and no descriptor or child is left.
 TEST(ZioKinds, AnySingleFailureIsReportedAndLeavesNoDescriptor)
 {
 	SKIP_WITHOUT_ENCLAVES();
 	TestEnclave enclave(fullest_enclave());
 	(void) getenclaveid(); // looked up once: not the operations' doing
-	int before = open_descriptors();
-	const FailNth::Call calls[] = {FailNth::Open, FailNth::Read, FailNth::Stat, FailNth::Fchmod, FailNth::Fchown,
-	    FailNth::Ftruncate, FailNth::Fork, FailNth::Setns, FailNth::Chroot, FailNth::Socketpair, FailNth::Memfd,
-	    FailNth::Write, FailNth::Sendmsg, FailNth::Recvmsg};
+	const enclaveid_t id = enclave.id();
+	const std::vector<Fault> faults = {{FailNth::Open, EIO}, {FailNth::Read, EIO}, {FailNth::Stat, EIO},
+	    {FailNth::Fchmod, EIO}, {FailNth::Fchown, EINVAL}, {FailNth::Ftruncate, EIO}, {FailNth::Fork, EAGAIN},
+	    {FailNth::Setns, EPERM}, {FailNth::Chroot, EPERM}, {FailNth::Chroot, ENOENT}, {FailNth::Socketpair, EMFILE},
+	    {FailNth::Memfd, ENFILE}, {FailNth::Write, EIO}, {FailNth::Sendmsg, EPERM}, {FailNth::Recvmsg, ENOMEM},
+	    {FailNth::Rename, EROFS}, {FailNth::Unlink, EROFS}, {FailNth::Fsync, EIO}};
+	const struct {
+		std::function<int()> run;
+		std::function<bool()> is_done;
+	} operations[] = {
+	    {[&] { return update_error("/new", id); }, [&] { return enclave.read("/new").empty(); }},
+	    {[&] { return update_error("/db", id); }, [&] { return enclave.read("/db").empty(); }},
+	    {[&] { return ostrel_zrename("/db", "/db2", id); }, [&] { return enclave.read("/db2") == "old\n"; }},
+	    {[&] { return ostrel_zunlink("/db", id); }, [&] { return enclave.read("/db") == "<none>"; }},
+	};
 	int hits = 0;
-	for (FailNth::Call call : calls) {
-		for (int nth = 1; nth < 100; nth++) {
+	for (const auto &operation : operations) {
+		auto prepare = [&] {
 			enclave.write("/db", "old\n");
-			(void) unlink(enclave.host_path("/new").c_str());
-			FailNth fault(call, nth, EIO);
-			int error = -1;
-			Fd made(ostrel_zopen("/new", update_flags, 0644, enclave.id(), &error));
-			int error_of_existing = -1;
-			Fd existing(ostrel_zopen("/db", update_flags, 0644, enclave.id(), &error_of_existing));
-			EXPECT_EQ(error == 0, static_cast<bool>(made));
-			EXPECT_EQ(error_of_existing == 0, static_cast<bool>(existing));
-			made.reset();
-			existing.reset();
-			EXPECT_EQ(open_descriptors(), before) << call << " " << nth;
-			EXPECT_FALSE(has_zombie());
-			if (!fault.fired()) {
-				EXPECT_EQ(error + error_of_existing, 0) << call;
-				break;
-			}
-			hits++;
-			EXPECT_EQ(error + error_of_existing, EIO) << call << " " << nth;
-		}
+			(void) unlink(enclave.host_path("/db2").c_str());
+			return unlink(enclave.host_path("/new").c_str());
+		};
+		hits += sweep_faults(
+		    faults, prepare, [&](int) { return operation.run(); },
+		    [&](int, const Round &round) {
+			    const int error = round.fault->error == ENOENT ? ESRCH : round.fault->error;
+			    EXPECT_EQ(round.result, round.hit ? error : 0);
+			    EXPECT_TRUE(round.hit || operation.is_done());
+			    EXPECT_FALSE(has_zombie());
+		    });
 	}
-	EXPECT_GT(hits, 20);
+	EXPECT_GT(hits, 50);
 }
 
 /* ---- Many ---- */
