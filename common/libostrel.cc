@@ -1,5 +1,7 @@
 // The library's front: the tables of the back ends, open and close, and the operations but for the read
 // (libostrel_read.cc). An operation calls a slot of the handle's table and knows nothing of stores.
+//
+// Divisions: the tables; open and close; updates; walk; authorization.
 #include "libostrel_impl.h"
 
 #include <cstdlib>
@@ -95,7 +97,7 @@ void ostrel_db_close(ostrel_db_t db)
 	db->db_cmds->dbc_close(db);
 }
 
-// ---- Write, rename, remove ----
+// ---- Updates ----
 
 static ostrel_error_t update_or_defer(const ostrel_update_arg_t &update)
 {

@@ -1,5 +1,7 @@
 // Operations of the repository back end: what an operation is about, the resources that it holds, and the level, service or
 // instance, that it works on. Opening and closing a database.
+//
+// Divisions: what an operation is about; the level of an operation; the resources of an operation; open and close.
 #include "libostrel_cairn.h"
 
 #include <cstring>

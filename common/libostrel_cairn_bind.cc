@@ -90,7 +90,9 @@ ostrel_error_t ostrel_check_cairn_configd_hatch(const HatchPath &path, pid_t *pi
 	return OSTREL_SUCCESS;
 }
 
-// ---- Starting a private daemon: the forked children make nothing but system calls ----
+// ---- Starting a private daemon ----
+
+// The forked children make nothing but system calls.
 
 // Makes the file that the daemon attaches its hatch to, or takes the one that an earlier daemon left. Anything else at that
 // path isn't touched.

@@ -2,7 +2,7 @@
 // connection broke, whose enclave has another root now, or whose private daemon has to give way to the enclave's own are
 // replaced when an operation asks for them.
 //
-// Divisions: holds; where resources hang; choosing them.
+// Divisions: holds; where resources hang; choosing.
 #include "libostrel_cairn.h"
 
 #include <meridon/enclave.h>

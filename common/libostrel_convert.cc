@@ -3,6 +3,9 @@
 //
 // A property is computed whole, in arrays of fixed size on the stack, before the list is touched: one that fails stays as
 // it was. Those before it in the table stay converted.
+//
+// Divisions: what both ways share; to persistent form: a delimited text; to persistent form: texts that stand for typed
+// values; to persistent form: numbers that have names; from persistent form.
 #include <cerrno>
 #include <cinttypes>
 #include <cstdlib>

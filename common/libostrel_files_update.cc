@@ -1,5 +1,6 @@
-// Updates of flat files. Divisions, in the order in which an update needs them: the old file, what the new file will hold, the
-// decision, the replacement.
+// Updates of flat files. In the order in which an update needs them.
+//
+// Divisions: the old file; what the new file will hold; the decision; the replacement.
 //
 // A line that is in the writer's form already is copied as it stands, straight from the old file to the new one. So an update
 // needs memory only for the lines that it formats.

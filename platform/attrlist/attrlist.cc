@@ -1,4 +1,6 @@
 // The exported calls on lists: tests of the arguments, and a step down.
+//
+// Divisions: walking; making; adding one pair; removing; looking up and values.
 #include <cstdlib>
 #include <type_traits>
 
@@ -326,7 +328,7 @@ int attrlist_remove_all(attrlist_t *list, const char *name)
 	return 0;
 }
 
-// ---- Looking up, and the value of a pair ----
+// ---- Looking up and values ----
 
 int attrlist_lookup_attrpair(attrlist_t *list, const char *name, attrpair_t **pairp)
 {

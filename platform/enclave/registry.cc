@@ -17,7 +17,7 @@
 
 using std::string_view;
 
-/* ---- Fields ---- */
+// ---- Fields ----
 
 namespace {
 
@@ -76,7 +76,7 @@ struct FileName {
 	explicit FileName(enclaveid_t id) { (void) meridon_print_number(static_cast<uint64_t>(id), text); }
 };
 
-/* ---- Reading a record ---- */
+// ---- Reading a record ----
 
 void set_text(char *field, string_view value)
 {
@@ -226,7 +226,7 @@ int enclave_read_record(int dir, enclaveid_t id, enclave_info_t *info)
 	return 0;
 }
 
-/* ---- Writing a record ---- */
+// ---- Writing one ----
 
 namespace {
 
@@ -412,7 +412,7 @@ int check_exists(int registry, enclaveid_t id)
 
 } // namespace
 
-/* ---- The calls ---- */
+// ---- The calls ----
 
 int enclave_registry_get(enclaveid_t id, enclave_info_t *info)
 {

@@ -3,7 +3,7 @@
  * is changed before it is complete. A store that can replace its content in one step does that: a file would otherwise be
  * rewritten for each object, and be half done after a failure. Any other store gets one update after the other.
  *
- * Divisions: interruption, the plan, updates one by one, the report.
+ * Divisions: interruption; the plan.
  */
 #include "bulk.h"
 

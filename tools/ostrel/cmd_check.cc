@@ -1,5 +1,7 @@
 // ostrel check: what is wrong with a database file, line by line. It reads the file itself, with the library's own
 // parser, since the library passes over damaged lines in silence.
+//
+// Divisions: findings; pieces of a line; values; writing back; lines; files.
 #include <charconv>
 #include <cstdio>
 #include <cstring>

@@ -1,4 +1,6 @@
 /*
+ * Divisions: failures; reading; before an update; updates.
+ *
  * Database files: flat ones, whose lines are objects, and raw ones, which are read only.
  *
  * An update of a flat file runs in one of two ways. Without a hold the library makes it, as one step that reads the file,

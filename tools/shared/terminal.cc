@@ -1,4 +1,4 @@
-// Terminals. Divisions: widths, tables, and what terminal.h declares.
+// Terminals. Divisions: widths; tables.
 #include "terminal.h"
 
 #include <algorithm>
