@@ -18,7 +18,7 @@
 #include "deferred.h"
 #include "document.h"
 #include "groups.h"
-#include "shared/terminal.h"
+#include "shared/progress.h"
 
 namespace {
 

@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include "shared/failure.h"
+
 std::string pointer(const std::string &path, const std::string &key)
 {
 	std::string token;

@@ -5,7 +5,7 @@
 #include <initializer_list>
 #include <string>
 
-#include "document.h"
+#include "shared/json.h"
 
 // The path of a member of the element at `path`.
 std::string pointer(const std::string &path, const std::string &key);

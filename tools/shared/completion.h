@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "program.h"
+#include "command_table.h"
 
 // The script for bash, zsh or fish. `app` has all that the program's commands declare.
 std::string completion_script(const std::string &shell, const Program &program, const CLI::App &app);
