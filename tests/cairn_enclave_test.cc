@@ -90,8 +90,6 @@ protected:
 		ASSERT_NO_FATAL_FAILURE(mount_proc());
 		make_host();
 		make_repository();
-		db = open_cairn();
-		ASSERT_TRUE(db);
 	}
 	void TearDown() override
 	{
@@ -203,6 +201,7 @@ protected:
 
 	void use_private_daemon()
 	{
+		db = open_cairn();
 		EXPECT_EQ(read(db), "p=enclave;");
 		EXPECT_EQ(private_daemon(), 0) << "it was made for the operation";
 		EXPECT_EQ(write(db, "where", "p=changed"), OSTREL_SUCCESS);
@@ -213,7 +212,8 @@ protected:
 	}
 
 	std::optional<TestEnclave> enclave;
-	CairnDb db; // of the host
+	CairnDb
+	    db; // opened by each test: a child that is forked beside its thread may wait for the allocator of a sanitizer
 	std::string host_hatch;
 	pid_t host_daemon = 0;
 };
@@ -351,6 +351,7 @@ TEST_F(Enclaves, ThePrivateDaemonOfOneOperationEndsNoneOfAnother)
 
 TEST_F(Enclaves, AnIdThatIsGivenToAnotherRootLeadsToThatOnesRepository)
 {
+	db = open_cairn();
 	const pid_t daemon = start_own();
 	CairnDb native = open_cairn(test_instance, 0, 5);
 	EXPECT_EQ(read(db), "p=enclave;");
@@ -375,6 +376,7 @@ TEST_F(Enclaves, AnIdThatIsGivenToAnotherRootLeadsToThatOnesRepository)
 
 TEST_F(Enclaves, TheEnclavesOwnDaemonIsUsedWhereItIsUpAndItsResourcesKept)
 {
+	db = open_cairn();
 	ASSERT_EQ(start_inside(own_hatch), 0);
 	EXPECT_EQ(read(db), "p=enclave;");
 	ostrel_rpy_resources_t *kept = resources_of(db)->nsr_enclave_resources;
@@ -418,6 +420,7 @@ TEST_F(Enclaves, TheOwnDaemonThatComesUpTakesOverFromThePrivateOne)
 
 TEST_F(Enclaves, APrivateDaemonTakesNothingFromTheOwnOneThatDoesntAnswer)
 {
+	db = open_cairn();
 	const pid_t own = start_own();
 	fs::rename(enclave_path(own_hatch), enclave_path("/hidden"));
 	EXPECT_EQ(read(db).substr(0, 1), "?");
@@ -454,6 +457,7 @@ TEST_F(Enclaves, ThoseWhoStartAPrivateDaemonAtOnceGetOneWithOneOwner)
 
 TEST_F(Enclaves, WhatIsPlantedInAnEnclaveLeadsNowhere)
 {
+	db = open_cairn();
 	const fs::path private_path = enclave_path(private_hatch), own_path = enclave_path(own_hatch),
 		       host = host_hatch;
 	struct {
@@ -503,6 +507,7 @@ TEST_F(Enclaves, WhatIsPlantedInAnEnclaveLeadsNowhere)
 // Nobody's are replaced under an update that waits for its snapshot.
 TEST_F(Enclaves, ThreadsThatBeginAtOnceComeToTheSameResources)
 {
+	db = open_cairn();
 	ASSERT_EQ(start_inside(own_hatch), 0);
 	std::vector<std::jthread> threads;
 	for (int i = 0; i < 8; i++)
@@ -519,6 +524,7 @@ TEST_F(Enclaves, ThreadsThatBeginAtOnceComeToTheSameResources)
 // The host's own objects stay at hand, however long that daemon takes.
 TEST_F(Enclaves, ADaemonThatDoesntAnswerHoldsUpThoseAloneWhoAskIt)
 {
+	db = open_cairn();
 	const pid_t daemon = start_own();
 	ASSERT_EQ(kill(daemon, SIGSTOP), 0);
 	std::atomic<bool> answered{false};
@@ -565,6 +571,7 @@ TEST_F(Enclaves, AProgramThatNeverEndsHoldsNobodyUp)
 	ASSERT_EQ(mkfifo(enclave_path("/tmp/fifo").c_str(), 0600), 0);
 	longest_alarm = 1;
 	EXPECT_EQ(in_child([&] {
+		db = open_cairn();
 		sigset_t all;
 		(void) sigfillset(&all);
 		if (!db || !get_terminal() || pthread_sigmask(SIG_SETMASK, &all, nullptr) != 0)
@@ -607,6 +614,7 @@ TEST_F(Enclaves, APathIsResolvedInTheEnclaveThatWasAskedForAlsoBelowTheRootOfAno
 // enclave's own starter has confined further is the measure then.
 TEST_F(Enclaves, TheProgramHasNoMoreCapabilitiesThanADaemonNeedsAndTheLeaderHas)
 {
+	db = open_cairn();
 	replace_program("while read name value; do echo $name$value; done </proc/self/status >/tmp/status\n");
 	auto sets = [&] {
 		EXPECT_EQ(read(db), "? failure");
@@ -655,6 +663,7 @@ TEST_F(Enclaves, AProcessInsideOpensItsOwnDatabases)
 
 TEST_F(Enclaves, AnEnclaveThatIsNotThereOrNotUpIsAnErrorAndNothingIsStarted)
 {
+	db = open_cairn();
 	EXPECT_EQ(read(db, 6), "? invalid argument");
 	enclave->set_state(ENCLAVE_STATE_INSTALLED);
 	EXPECT_EQ(read(db).substr(0, 1), "?");
@@ -692,6 +701,7 @@ protected:
 
 TEST_F(UserEnclaves, ReadsWorkAndUpdatesAreRefused)
 {
+	db = open_cairn();
 	EXPECT_EQ(read(db), "p=enclave;");
 	EXPECT_EQ(write(db, "where", "p=x"), OSTREL_EPERM);
 	EXPECT_EQ(read(db), "p=enclave;");
