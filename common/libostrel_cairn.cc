@@ -92,19 +92,14 @@ RpyOperation::RpyOperation(ostrel_db_t db) : db_(db)
 	enter_process(db);
 }
 
-static time_t monotonic_seconds()
+static Deadline end_of_operation(enclaveid_t enclave)
 {
-	return now_ns() / second_ns;
-}
-
-static time_t end_of_operation(enclaveid_t enclave)
-{
-	return enclave == getenclaveid() ? 0 : monotonic_seconds() + OSTREL_RPY_FOREIGN_SECONDS;
+	return enclave == getenclaveid() ? Deadline::never() : Deadline::in(OSTREL_RPY_FOREIGN_SECONDS * second_ns);
 }
 
 bool ostrel_rpy_is_over(const ostrel_rpy_work_t *work)
 {
-	return work->nsr_until != 0 && monotonic_seconds() >= work->nsr_until;
+	return work->nsr_until.has_passed();
 }
 
 // An update alone stores its level and its time in the resources: readers have their own work, and the refresh thread takes

@@ -49,6 +49,7 @@
 
 #include <meridon/rpy.h>
 
+#include "base/clock.h"
 #include "base/guards.h"
 #include "base/thread_safety.h"
 #include "libostrel_backend.h"
@@ -131,9 +132,9 @@ struct ostrel_rpy_work_t {
 	rpy_iter_t *nsr_propiter;
 	rpy_value_t *nsr_val;
 	rpy_iter_t *nsr_valiter;
-	boolean_t nsr_svclevelop;    // whether it works on the service
-	time_t nsr_until;            // when it is given up, by the monotonic clock; 0 in the process's own enclave
-	rpy_service_t *nsr_svc;      // the service; never filled again once the resources are there
+	boolean_t nsr_svclevelop;               // whether it works on the service
+	Deadline nsr_until = Deadline::never(); // when it is given up; never in the process's own enclave
+	rpy_service_t *nsr_svc;                 // the service; never filled again once the resources are there
 	rpy_instance_t *nsr_op_inst; // the instance: the database's, or this work's own, filled for each operation
 };
 

@@ -172,7 +172,7 @@ public:
 		AttrList idl, props;
 		bytes_ += static_cast<size_t>(_rpy_pg_get_bytes(ostrel_res_pg_curr(work)));
 		// The daemon of another enclave may go on giving groups for ever.
-		if (work->nsr_until != 0 && bytes_ > OSTREL_RPY_FOREIGN_BYTES)
+		if (!work->nsr_until.is_never() && bytes_ > OSTREL_RPY_FOREIGN_BYTES)
 			return SETERROR(OSTREL_NO_MEMORY);
 		if (ostrel_error_t result = ostrel_pg2atl(work, &idl, &props))
 			return SETERROR(result);
