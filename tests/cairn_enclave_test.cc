@@ -212,8 +212,8 @@ protected:
 	}
 
 	std::optional<TestEnclave> enclave;
-	CairnDb
-	    db; // opened by each test: a child that is forked beside its thread may wait for the allocator of a sanitizer
+	// Opened by each test: a child that is forked beside its thread may wait for the allocator of a sanitizer.
+	CairnDb db;
 	std::string host_hatch;
 	pid_t host_daemon = 0;
 };
