@@ -151,7 +151,7 @@ extern ostrel_db_cmds_t ostrel_hatches_db_cmds;
  * An object is a property group, and groups nest, 8 levels deep at most. Its identifiers are two paths, of one component
  * for each level: "object-pgname", the names, and "object-pgtype", the types. A name is found without regard to case, if
  * not with it, unless the database was opened with OSTREL_DB_CASE_SENSITIVE. A walk goes by type, where a component is a
- * type, or its beginning with a `*` behind it. "object-db-name" in a list names the service of an instance, or an instance
+ * type, or its beginning followed by a `*`. "object-db-name" in a list names the service of an instance, or an instance
  * of the service; "object-db-enclave" another enclave.
  *
  * Numbers come back as 64-bit arrays; a stored property keeps its type, and takes no attribute of another kind. Types
@@ -197,7 +197,7 @@ typedef int ostrel_sortcb_t(attrlist_t **a, attrlist_t **b);
 
 /*
  * Opens the database `name` of the enclave `enclave` in the back end `cmds`. Whether the store is there is looked at
- * now or at the first operation, as the back end does it; files are opened by each operation anew.
+ * now or at the first operation, as the back end does it; each operation opens a file again.
  *
  * Owns:    *dbp is new; close it with ostrel_db_close(). Untouched on failure. `name` is copied.
  * Errors:  OSTREL_INVALID_ARG  `name`, `cmds` or `dbp` is NULL, or the name is too long
@@ -556,7 +556,7 @@ int ostrel_valdescs_count(const ostrel_valdesc_t *vals);
 
 /*
  * Sets files aside: renames each entry of the directory `dir` whose name matches `pattern` to the same name with
- * ".obsolete" behind it. The pattern is an extended regular expression, as regcmp() takes it, and may match anywhere in
+ * ".obsolete" appended. The pattern is an extended regular expression, as regcmp() takes it, and may match anywhere in
  * the name. Directories are renamed too; a name that ends in ".obsolete" gets another one if it matches. An entry of the
  * new name is replaced. It works in the enclave of the calling process.
  *
@@ -577,7 +577,7 @@ void ostrel_make_files_obsolete(const char *dir, const char *pattern);
  * `read_auth` to read and `write_auth` to update (see chkrightattr_peercred()); NULL or an empty name lets everybody.
  * A request that leads elsewhere, by an object-db-name or object-db-enclave that isn't the handle's own, also needs the
  * right "ostrel.elsewhere". The handle's own enclave is taken out of a request. An update whose identifiers have no text
- * form, and so would leave no record, is OSTREL_INVALID_ARG but for root. Whoever may update may also remove the whole
+ * form, and so would leave no record, is OSTREL_INVALID_ARG but for root. A caller that may update may also remove the whole
  * database.
  *
  * The directory of the path is made if it isn't there, and gets mode 0755 and the owner 16:65 in any case; the file gets

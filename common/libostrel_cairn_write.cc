@@ -21,8 +21,8 @@ ostrel_error_t commit(ostrel_rpy_resources_t *res, attrlist_t *props, bool creat
 			return SETERROR(ostrel_rpy_failure());
 		if (ostrel_rpy_is_over(res))
 			return SETERROR(OSTREL_FAILURE);
-		backoff
-		    .pause(); // before the group is read again: the fresher it is, the likelier the next attempt lands
+		// Before the group is read again: the fresher it is, the likelier the next attempt lands.
+		backoff.pause();
 		if (rpy_pg_update(ostrel_res_pg_curr(res)) == -1)
 			return SETERROR(ostrel_rpy_failure());
 		// Others may have put properties into a group that this write has made. They go, too.

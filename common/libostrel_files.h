@@ -17,7 +17,7 @@
  * all selected objects of one version, or there is none. Lines that don't parse or are too long are no objects, silently.
  *
  * Updates of one file take turns, across handles, threads, processes and enclaves, by the lock on the temporary file
- * (`.new` behind the database's path). The order is fixed:
+ * (the database's path with `.new` appended). The order is fixed:
  *
  *   1. read the database and decide, without the lock: what can be refused is refused before anything is touched
  *   2. take the lock, for 60 s at most; then, if the database isn't the version that was read, read and decide again, for good

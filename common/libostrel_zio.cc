@@ -359,7 +359,7 @@ int ostrel_zlock(const char *temporary, const char *database_path, enclaveid_t e
 
 /* ---- Renaming and unlinking ---- */
 
-// Whoever changes a directory makes the change durable. The directory is opened first, so that one that can't be is a
+// The process that changes a directory makes the change durable. The directory is opened first, so that one that can't be is a
 // failure with nothing changed.
 int ostrel_zrename_cb(zfarg_t *arg)
 {

@@ -126,7 +126,8 @@ private:
 	std::shared_ptr<Version> version_; // the new one
 };
 
-// Freezes the stored groups of an instance under a name.
+// Freezes the stored groups of an instance under a name. What it changed is named by the two snapshots alone: their frozen
+// groups hang below them.
 struct TakeSnapshot : Update {
 	TakeSnapshot(uint64_t its_instance, std::string_view its_name, bool its_replace)
 	    : Update(rpy::Op::take_snapshot), instance(its_instance), name(its_name), replace(its_replace)

@@ -128,6 +128,14 @@ rpy_error_t read_group(Daemon *daemon, Reader *in, Writer *out)
 	return give_group(Op::read_group, daemon, in, out);
 }
 
+// find_group() tells these two apart, and no other.
+static_assert([] {
+	for (const rpy::Request &request : rpy::requests)
+		if (request.is(Request::batchable) != (request.op == Op::get_group || request.op == Op::read_group))
+			return false;
+	return true;
+}());
+
 // Several reads of one client, each with a reply of its own: one that fails says nothing about the others. Those that the page
 // has no room for get no reply; the client sends them again in calls of their own.
 rpy_error_t read_batch(Daemon *daemon, Reader *in, Writer *out)

@@ -58,7 +58,7 @@ public:
 	// what it is known to hold.
 	int change_one(sqlite3_stmt *statement);
 
-	// What to tell whoever starts the daemon.
+	// What to tell the starter of the daemon.
 	Failure failure(int code, const char *what) const;
 	// What a failing update tells its client.
 	rpy_error_t error_of(int code) const;

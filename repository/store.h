@@ -86,7 +86,7 @@ struct Committed {
 	}
 };
 
-// What went wrong, for a log and for whoever starts the daemon.
+// What went wrong, for a log and for the starter of the daemon.
 struct Failure {
 	int error = 0; // an errno value; 0: nothing
 	std::string text;

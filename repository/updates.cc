@@ -87,6 +87,8 @@ void Updates::carry_out(const UpdateList &batch) noexcept
 		}
 		made = rows.empty() ? Committed() : store_->commit(rows, model_->next_id());
 	}
+	if (made.is_stale && made.error == RPY_ERROR_NONE) // nothing is durable
+		made.error = RPY_ERROR_INTERNAL;
 	if (made.error != RPY_ERROR_NONE)
 		return refuse(batch, made.error);
 	WriteLock hold(model_->lock);

@@ -76,6 +76,8 @@ class Enclavectl(t.ToolTest):
         self.assertEqual([e["state"] for e in self.tool("list", "--json").json()["enclaves"]], ["ready", "invalid"])
         self.assertIn("can't be understood", self.error(1, "show", "8")["message"] + self.error(1, "show", "8")["hint"])
         self.error(5, "add", "8", "--name", "new", "--root", "/")
+        for words in (["show", "05"], ["show", "0"], ["show", "-1"], ["show", "99999"], ["remove", "05"], ["set-state", "05", "down"]):
+            self.error(4, *words)
         self.tool("remove", "8")
         self.tool("remove", "web")
         self.assertIn("there is no enclave 'web'", self.error(4, "remove", "web")["message"])

@@ -72,7 +72,7 @@ char *put_text(char *to, const attrtext_t &text)
 	return to + text.length + 1;
 }
 
-// The block being filled: records are cut from it one behind the other.
+// The block being filled: records are cut from it one after the other.
 struct Block {
 	attrlist *root;
 	char *at;
@@ -83,16 +83,16 @@ void fill(Block *block, attrlist *list, Drafts drafts);
 // The value of a new pair, which is a pointer to the front of its record.
 void set_value(attrlist *list, attrpair *pair, TypeInfo info, const attrdraft_t &draft)
 {
-	char *behind = atl::name_of(pair) + draft.name.length + 1;
+	char *following = atl::name_of(pair) + draft.name.length + 1;
 	switch (info.kind) {
 	case Kind::Text:
-		pair->value.text = behind;
-		(void) put_text(atl::lies_apart(pair, info) ? behind : pair->value.bytes, *texts_of(draft));
+		pair->value.text = following;
+		(void) put_text(atl::lies_apart(pair, info) ? following : pair->value.bytes, *texts_of(draft));
 		break;
 	case Kind::Texts:
 		for (uint32_t i = 0; i < draft.count; i++) {
-			pair->value.texts[i] = behind;
-			behind = put_text(behind, texts_of(draft)[i]);
+			pair->value.texts[i] = following;
+			following = put_text(following, texts_of(draft)[i]);
 		}
 		break;
 	case Kind::List:

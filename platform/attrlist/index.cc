@@ -86,8 +86,8 @@ attrpair *pair_of(attrlist *list, const Slot &slot)
 	return slot.before != nullptr ? slot.before->next : list->index->last->next;
 }
 
-// The slot of the pair that stands behind `before`.
-Slot *slot_behind(attrlist *list, attrpair *before, uint32_t hash)
+// The slot of the pair that follows `before`.
+Slot *slot_after(attrlist *list, attrpair *before, uint32_t hash)
 {
 	Index *index = list->index;
 	size_t at = hash & index->mask;
@@ -226,10 +226,10 @@ void erase_from_index(attrlist *list, const Place &place)
 {
 	Index *index = list->index;
 	if (place.pair != index->last) {
-		// The pair behind has another one before it now.
+		// The next pair has another one before it now.
 		attrpair *next = place.pair->next;
-		Slot *behind = slot_behind(list, place.pair, hash_name(name_of(next), next->name_length));
-		behind->before = place.slot->before;
+		Slot *following = slot_after(list, place.pair, hash_name(name_of(next), next->name_length));
+		following->before = place.slot->before;
 	}
 	empty_slot(index, static_cast<size_t>(place.slot - index->slots()));
 }

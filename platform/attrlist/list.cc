@@ -59,7 +59,7 @@ size_t long_record_size(const attrpair *pair)
 	TypeInfo info = info_of(pair->type);
 	size_t back = info.kind == Kind::Text ? text_size(pair->count) : 0;
 	if (info.kind == Kind::Texts && pair->count > 0) {
-		// The texts lie one behind the other, after the name.
+		// The texts lie one after the other, after the name.
 		const char *last = pair->value.texts[pair->count - 1];
 		back = static_cast<size_t>(last - name_of(pair)) + strlen(last) - pair->name_length;
 	}

@@ -105,7 +105,7 @@ void erase_from_index(attrlist *list, const Place &place);
 // Gives the index back. The list is without one, and its last pair to be set.
 void release_index(attrlist *list);
 
-// Puts a pair behind the last one. Its name isn't in the list, and the index has room.
+// Puts a pair after the last one. Its name isn't in the list, and the index has room.
 inline void append(attrlist *list, attrpair *pair, uint32_t hash)
 {
 	attrpair *&last = last_of(list);
@@ -155,7 +155,7 @@ inline void put_pair(attrlist *list, const Key &key, attrpair *pair)
 	append(list, pair, key.hash);
 }
 
-// Makes an outermost list with room of exactly `size` bytes behind it; `arena` is the caller's, and in use until
+// Makes an outermost list with room of exactly `size` bytes after it; `arena` is the caller's, and in use until
 // close_exact().
 attrlist *open_exact(size_t size, Arena *arena);
 void close_exact(attrlist *root);

@@ -14,7 +14,7 @@ namespace atl {
 // What packed bytes begin with: a mark, the version of the form, the mode of all lists in it.
 inline constexpr char packed_start[8] = {'A', 'T', 'L', 'P', 1, ATL_UNIQUE_NAME, 0, 0};
 
-// In front of each pair. All numbers have the least byte first.
+// In front of each pair. All numbers are little-endian.
 struct PairHeader {
 	uint32_t count;
 	uint16_t name_length;

@@ -125,7 +125,7 @@ inline size_t front_size(TypeInfo info, size_t count)
 	return bytes <= info.inside ? 0 : (bytes + 7) & ~size_t{7};
 }
 
-// The bytes that a text takes behind a pair's name.
+// The bytes that a text takes after a pair's name.
 inline size_t text_size(size_t length)
 {
 	return length < sizeof(attrpair::value) ? 0 : length + 1;
@@ -168,7 +168,7 @@ inline bool holds_lists(TypeInfo info)
 	return info.kind == Kind::List || info.kind == Kind::Lists;
 }
 
-// The nested lists of a pair that holds lists lie one behind the other, at the front of its record.
+// The nested lists of a pair that holds lists lie one after the other, at the front of its record.
 inline attrlist *lists_of(const attrpair *pair, TypeInfo info)
 {
 	auto *front = reinterpret_cast<const char *>(pair) - front_size(info, pair->count);
@@ -188,13 +188,13 @@ inline bool has_name(const attrpair *pair, const Key &key)
 {
 	if (pair->name_length != key.length)
 		return false;
-	// A record has room for a whole word behind the pair.
+	// A record has room for a whole word after the pair.
 	if (keep_head(load<uint64_t>(name_of(pair)), key.length) != key.head)
 		return false;
 	return key.length <= 8 || memcmp(name_of(pair) + 8, key.name + 8, key.length - 8) == 0;
 }
 
-// Sets four fields by one word, since whoever copies the record next reads them as one.
+// Sets four fields by one word, since the next copy of the record reads them as one.
 inline void set_head(attrpair *pair, uint64_t count, uint64_t name_length, uint64_t type, uint64_t eighths)
 {
 #if __BYTE_ORDER == __LITTLE_ENDIAN

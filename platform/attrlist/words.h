@@ -35,7 +35,7 @@ inline uint64_t keep_head(uint64_t word, size_t length)
 #endif
 }
 
-// The first 8 bytes of a text, with zeros behind a shorter one; reads no byte beyond `length`.
+// The first 8 bytes of a text, with zeros after a shorter one; reads no byte beyond `length`.
 inline uint64_t load_head(const char *text, size_t length)
 {
 	if (length >= 8)

@@ -84,8 +84,8 @@ inline void sleep_ns(int64_t ns)
 		continue;
 }
 
-// Pauses between attempts: each twice as long as the one before, up to `longest`. Each is half of that and a share of
-// chance, so that those who wait for the same thing don't go in step.
+// Pauses between attempts: on average each is twice as long as the one before, up to `longest`. Each lasts between 0.5 and
+// 1.5 times that, at random, so that threads that wait for the same thing don't go in step.
 class Backoff {
 public:
 	Backoff(int64_t first_ns, int64_t longest_ns) : next_(first_ns), longest_(longest_ns) {}

@@ -25,7 +25,6 @@ public:
 	bool is_own() const { return process_.load(std::memory_order_acquire) == _meridon_process(); }
 	// Has it belong to the calling process. For what one thread uses at a time.
 	void claim() { process_.store(_meridon_process(), std::memory_order_release); }
-	void disown() { process_.store(0, std::memory_order_release); }
 	// Calls `renew` unless it belongs to the calling process already, as it does afterwards; other threads wait until
 	// that is done. So the first call in each process renews.
 	template <typename Renew>

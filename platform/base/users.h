@@ -37,7 +37,7 @@ public:
 	const Entry *operator->() const { return found_; }
 
 private:
-	static constexpr size_t size_max = 1U << 20;
+	static constexpr size_t size_max = 570U << 11; // 1.1 MiB
 
 	Entry entry_;
 	Entry *found_ = nullptr;

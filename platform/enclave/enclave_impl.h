@@ -7,7 +7,7 @@
 
 #include "base/guards.h"
 
-// Where the registry lies, and the mark of the enclave that a process is in; both behind the prefix.
+// Where the registry lies, and the mark of the enclave that a process is in; both below the prefix.
 inline constexpr char enclave_registry_path[] = "run/enclaves";
 inline constexpr char enclave_mark_path[] = "run/enclave";
 

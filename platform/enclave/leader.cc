@@ -39,7 +39,7 @@ int proc_error(int error)
 }
 
 // Field `number` of a stat line, counted from 1. The second is the program's name in brackets, which may hold blanks
-// and brackets itself, so the count begins behind the last closing one.
+// and brackets itself, so the count begins after the last closing one.
 string_view stat_field(string_view line, int number)
 {
 	size_t at = line.rfind(')');

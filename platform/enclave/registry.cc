@@ -23,7 +23,7 @@ namespace {
 
 constexpr size_t record_max = 4096; // bytes of a record's file, with room for a NUL
 
-// Nobody but the registry's owner can open it. Whoever can open a file can lock it, also for reading alone, and the
+// Only the registry's owner can open it. A process that can open a file can lock it, also for reading alone, and the
 // directory and the records are open to all.
 constexpr char locks_name[] = ".lock"; // no number, so that a listing passes over it
 

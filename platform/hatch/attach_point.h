@@ -16,7 +16,7 @@ struct AttachPoint {
 };
 
 // Puts a record in place of the file at `path`, with a listening socket beside it.
-// Errors: 0, or an errno value; nothing is left behind then.
+// Errors: 0, or an errno value; nothing is left then.
 int attach_to(const char *path, AttachPoint *point);
 
 // Removes the socket, empties the file if it still holds the record, and gives the lock up.

@@ -73,7 +73,10 @@ void in_child()
 void enter_process()
 {
 	static pthread_once_t once = PTHREAD_ONCE_INIT;
-	(void) pthread_once(&once, [] { (void) pthread_atfork(before_fork, in_parent, in_child); });
+	(void) pthread_once(&once, [] {
+		(void) _meridon_process(); // its handler of a fork has to run before in_child()
+		(void) pthread_atfork(before_fork, in_parent, in_child);
+	});
 	table_process.enter(renew);
 }
 

@@ -7,7 +7,7 @@
 
 namespace {
 
-// What the kernel puts behind the name of a program whose file is gone.
+// What the kernel appends to the name of a program whose file is gone.
 constexpr char deleted[] = " (deleted)";
 constexpr size_t deleted_length = sizeof(deleted) - 1;
 

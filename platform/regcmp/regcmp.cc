@@ -1,6 +1,6 @@
 // Patterns on the C library's regular expressions. The compiled form of regcomp() is a tree that only regfree() takes
 // apart, but our block has to be one that free() releases whole: so the block is the pattern's text, known to compile,
-// and each match compiles it anew. That costs some 2 to 5 microseconds, about what a look at a file's name costs anyway.
+// and each match compiles it again. That costs some 2 to 5 microseconds, about what a look at a file's name costs anyway.
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>

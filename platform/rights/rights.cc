@@ -35,7 +35,7 @@ bool all_of(std::string_view text, Test test)
 	return !text.empty();
 }
 
-// What is left of `rest` up to `end`, which is taken away with it. Whether there was one is told.
+// Splits `rest` at `end`. False if there is no `end`.
 bool next_field(std::string_view *rest, char end, std::string_view *field)
 {
 	size_t at = rest->find(end);

@@ -78,7 +78,7 @@ private:
 	Deadline end_;
 	size_t bytes_;
 };
-// The bytes of a whole listing: a sixteenth of the machine's memory, and at least one reply.
+// The bytes of a whole listing: a sixteenth of the memory that the process may have, and at least one reply.
 size_t listing_max();
 
 // One request and its reply. On failure rpy_error() is set.

@@ -1,5 +1,6 @@
 // The audit trail on the kernel's audit: a session is a socket to it, an event one message of the kind that trusted
 // programs send.
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -50,7 +51,7 @@ const char *op_of(trl_event_t event)
 	return nullptr;
 }
 
-// Fields "name=value", put one behind the other as long as there is room.
+// Fields "name=value", one after the other as long as there is room.
 class RecordText {
 public:
 	// A word of our own.
@@ -155,20 +156,27 @@ int fail(int error)
 
 // ---- The watcher ----
 
-Mutex watch_lock; // held while the watcher runs, so that who takes it back waits for that
+Mutex watch_lock; // held while the watcher runs: taking it back waits for that
 trl_watcher_t *watcher GUARDED_BY(watch_lock);
 void *watch_cookie GUARDED_BY(watch_lock);
-ProcessMark watch_process; // a forked child has no watcher
+ProcessMark watch_process;     // a forked child has no watcher
+std::atomic<bool> has_watcher; // of watch_process; read without the lock, which a running watcher holds
 
 void renew_watch() NO_THREAD_SAFETY_ANALYSIS // no other thread has it yet
 {
 	watch_lock.init();
 	watcher = nullptr;
+	has_watcher = false;
+}
+
+bool is_watched()
+{
+	return watch_process.is_own() && has_watcher;
 }
 
 void tell_watcher(const Event &event, int status, int retval)
 {
-	if (!watch_process.is_own())
+	if (!is_watched())
 		return;
 	CancellationWaits cancellation;
 	MutexLock lock(watch_lock);
@@ -202,6 +210,7 @@ void trl_watch(trl_watcher_t *new_watcher, void *cookie)
 	MutexLock lock(watch_lock);
 	watcher = new_watcher;
 	watch_cookie = cookie;
+	has_watcher = new_watcher != nullptr;
 }
 
 int trl_start_session(trl_session_data_t **session, const void *imported, unsigned int flags)
@@ -213,7 +222,7 @@ int trl_start_session(trl_session_data_t **session, const void *imported, unsign
 	if (!made)
 		return fail(ENOMEM);
 	made->error = open_log(made.get());
-	if (made->error != 0 && !watch_process.is_own())
+	if (made->error != 0 && !is_watched())
 		return fail(made->error);
 	*session = made.release();
 	return 0;

@@ -1,4 +1,4 @@
-// For one source of a program: each look at the clock that nobody sets may set it forward by some seconds, so that waits
+// For one source of a program: each look at the monotonic clock may set it forward by some seconds, so that waits
 // of minutes end at once.
 #ifndef WARPED_CLOCK_H
 #define WARPED_CLOCK_H

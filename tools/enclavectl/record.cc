@@ -104,7 +104,8 @@ void set_leader(int pid, enclave_info_t *info)
 enclave_info_t find_record(const std::string &enclave)
 {
 	enclave_info_t info;
-	const int error = find_enclave(enclave, &info);
+	const std::optional<enclaveid_t> id = id_of(enclave);
+	const int error = id ? enclave_registry_get(*id, &info) : enclave_registry_find(enclave.c_str(), &info);
 	if (error == ENOENT)
 		throw Failure(Exit::not_found, fmt::format("there is no enclave '{}'", enclave))
 		    .next("'enclavectl list' shows the enclaves");

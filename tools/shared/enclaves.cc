@@ -22,13 +22,14 @@ bool parse_number(const std::string &word, enclaveid_t *id)
 	return error == std::errc() && stop == end;
 }
 
-} // namespace
-
+// By number or by name. Errors: 0, or an errno value.
 int find_enclave(const std::string &word, enclave_info_t *info)
 {
 	enclaveid_t id = 0;
 	return parse_number(word, &id) ? enclave_registry_get(id, info) : enclave_registry_find(word.c_str(), info);
 }
+
+} // namespace
 
 enclaveid_t enclave_option(const std::string &word)
 {

@@ -10,8 +10,6 @@
 #include "json.h"
 #include "terminal.h"
 
-// Reads the record of the enclave that a word names, by its number or its name. Gives an errno value.
-int find_enclave(const std::string &word, enclave_info_t *info);
 // The enclave that an option names; that of this process, if the word is empty. Throws Failure if there is none.
 enclaveid_t enclave_option(const std::string &word);
 

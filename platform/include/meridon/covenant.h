@@ -23,7 +23,7 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* The path of the template. No file stands behind it: covenant_open() supplies what it names. */
+/* The path of the template. There is no such file: covenant_open() supplies what it names. */
 #define COVENANT_PROCESS_TEMPLATE "/system/covenant/process/template"
 
 #define COVENANT_TYPE_PROCESS 1 /* the one type of covenant */

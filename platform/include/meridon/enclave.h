@@ -44,7 +44,7 @@ typedef enum enclave_state MERIDON_ENUM32 {
 /* ---- The calling process ---- */
 
 /*
- * The enclave of the calling process, 0 for the global one. Looked up once, and anew by enclave_enter().
+ * The enclave of the calling process, 0 for the global one. Looked up once, and again by enclave_enter().
  * Errors:  -1 if the mark of the enclave is there but can't be read: this process isn't in the global enclave, but
  *          nobody knows where
  * Threads: any
@@ -77,7 +77,7 @@ int enclave_enter(enclaveid_t id);
 
 /*
  * Copies an attribute of an enclave into `buffer`, with a NUL, and gives the number of bytes with it. The root of the
- * global enclave, and that of the process's own, is "/", behind the environment's MERIDON_ROOT.
+ * global enclave, and that of the process's own, is "/", below the environment's MERIDON_ROOT.
  * Errors:  -1 with errno, which is never ENOENT or ENOTDIR
  *          EINVAL  no enclave has that id, or there is no such attribute
  *          ERANGE  the buffer is too small

@@ -41,7 +41,7 @@ void peercred_free(peercred_t *cred);
  *     alice: ostrel.read, ostrel.write
  *     %netadm: ostrel.*
  *
- * A line names a user, or behind '%' a group, and the rights; '*' at the end of a right stands for any continuation.
+ * A line names a user, or after '%' a group, and the rights; '*' at the end of a right stands for any continuation.
  * A line that can't be read whole grants nothing. The file counts only if it is a regular file of root or of this
  * process's user that neither group nor others can write.
  *

@@ -26,7 +26,7 @@ char *regcmp(const char *pattern, ... /* , NULL */);
 /*
  * Looks for a pattern, as regcmp() gave it, in a text.
  *
- * Owns:    the result points into `subject`, to the byte behind the leftmost longest match; it isn't freed.
+ * Owns:    the result points into `subject`, to the byte after the leftmost longest match; it isn't freed.
  * Errors:  NULL  there is no match, an argument is NULL, or memory ran out
  * Threads: any; one compiled pattern may be used by several at once.
  */

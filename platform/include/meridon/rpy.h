@@ -16,7 +16,7 @@
  *                                         carried out all the same: _rpy_is_open() tells
  *            RPY_ERROR_INTERNAL           the daemon doesn't speak as one, or couldn't do it
  *            RPY_ERROR_NO_RESOURCES       descriptors have run out, or the answer is larger than any may be: 264 MiB, a
- *                                         listing a sixteenth of the machine's memory
+ *                                         listing a sixteenth of the memory that the process may have
  *            RPY_ERROR_NO_MEMORY, RPY_ERROR_PERMISSION_DENIED
  *            and, where something is changed,
  *            RPY_ERROR_BACKEND_READONLY   the store can't be written at present
@@ -235,7 +235,7 @@ int _rpy_snapshot_take_new(const rpy_instance_t *instance, const char *name, rpy
  */
 int _rpy_snapshot_take_attach(const rpy_instance_t *instance, rpy_snapshot_t *snapshot);
 
-/* Makes the instance hold what the snapshot holds: its persistent groups are made anew. Errors: RPY_ERROR_DELETED */
+/* Makes the instance hold what the snapshot holds: its persistent groups are made again. Errors: RPY_ERROR_DELETED */
 int _rpy_snapshot_revert(rpy_snapshot_t *snapshot);
 int _rpy_snapshot_delete(rpy_snapshot_t *snapshot);
 
@@ -334,7 +334,7 @@ int rpy_value_get_boolean(const rpy_value_t *value, uint8_t *byte);
 int rpy_value_get_count(const rpy_value_t *value, uint64_t *number);
 int rpy_value_get_integer(const rpy_value_t *value, int64_t *number);
 ssize_t rpy_value_get_astring(const rpy_value_t *value, char *buffer, size_t size); /* as rpy_pg_get_name() */
-/* The bytes of a value that isn't a number: their length, and as many of them as fit; no NUL behind them. */
+/* The bytes of a value that isn't a number: their length, and as many of them as fit; no NUL after them. */
 ssize_t rpy_value_get_bytes(const rpy_value_t *value, void *buffer, size_t size);
 
 /* They can't fail; a byte other than 0 is true. */

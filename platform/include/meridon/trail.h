@@ -83,7 +83,7 @@ void trl_watch(trl_watcher_t *watcher, void *cookie);
 
 /*
  * Keeps a way to the audit log open, for sessions that begin when this process or the host has no descriptor left: else
- * whoever takes them all would be rid of its records. Such sessions come one after another. The calls go in pairs, and may
+ * a client that takes them all would be rid of its records. Such sessions come one after another. The calls go in pairs, and may
  * nest; a program that does updates for others makes the first one before it begins.
  *
  * Owns:    one descriptor, from the first trl_keep_way() to the last trl_leave_way().
