@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -194,13 +193,14 @@ namespace {
 // {3*x} is xxx, {3|x} is x|x|x, {3,x} is x,x,x.
 std::string expanded(const std::string &text)
 {
-	std::smatch found;
-	static const std::regex repeat(R"(\{(\d+)([*|,])([^}]*)\})");
-	if (!std::regex_search(text, found, repeat))
+	const size_t open = text.find('{'), close = text.find('}', open);
+	if (close == std::string::npos)
 		return text;
-	const std::string between = found[2] == "*" ? "" : found[2].str();
-	return found.prefix().str() + joined(std::stoul(found[1]), found[3].str().c_str(), between.c_str()) +
-	       expanded(found.suffix());
+	const size_t sign = text.find_first_not_of("0123456789", open + 1);
+	const std::string between = text[sign] == '*' ? "" : text.substr(sign, 1);
+	const std::string piece = text.substr(sign + 1, close - sign - 1);
+	return text.substr(0, open) + joined(std::stoul(text.substr(open + 1)), piece.c_str(), between.c_str()) +
+	       expanded(text.substr(close + 1));
 }
 
 std::vector<std::string> parts(const std::string &text, char delimiter)
