@@ -66,6 +66,8 @@ void in_parent() NO_THREAD_SAFETY_ANALYSIS
 // At once: a child that never makes a call must not keep its parent's connections open either.
 void in_child()
 {
+	if (!table_process.is_own())
+		in_parent(); // releases what this thread locked
 	table_process.enter(renew);
 }
 

@@ -92,6 +92,8 @@ void in_parent() NO_THREAD_SAFETY_ANALYSIS
 // At once: a child that never looks at a hatch must not be its parent's sign of life either.
 void in_child()
 {
+	if (!list_process.is_own())
+		in_parent(); // releases what this thread locked
 	list_process.enter(renew);
 }
 
