@@ -8,6 +8,7 @@
 
 #include "base/guards.h"
 #include "libostrel_cairn.h"
+#include "libostrel_more.h"
 #include "libostrel_trace.h"
 
 // ---- The tables ----
@@ -23,6 +24,9 @@ static constexpr struct ostrel_db_cmds files_db_cmds = {
     .dbc_auth = nullptr,
     .dbc_visit = ostrel_visit_objects_of_file,
     .dbc_stays = ostrel_idlist_stays,
+    .dbc_more = &ostrel_more,
+    .dbc_commit = ostrel_commit_batch_to_file,
+    .dbc_version = ostrel_version_of_file,
 };
 
 // Read only, by having no slots to update with.

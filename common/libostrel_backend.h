@@ -7,6 +7,54 @@
 
 #include "libostrel.h"
 
+class Batch;          // libostrel_batch.h
+struct ObjectVersion; // libostrel_version.h
+
+// A condition of a batch doesn't hold: somebody changed the object. A result of batches alone.
+constexpr ostrel_error_t OSTREL_CONFLICT = static_cast<ostrel_error_t>(32);
+
+// Tells when a look at a database may find something new. Used by one thread at a time.
+class Notifier {
+public:
+	// A descriptor that is readable as long as look() may have something to tell: the same one for the object's life.
+	virtual int fd() const = 0;
+	/*
+	 * Takes what has been told so far, without waiting. *changed: since the last call the database may have changed. It is set
+	 * in doubt, and never left out: whoever reads after each true one holds, at rest, what the store holds.
+	 * Errors: why nothing is told at present (no server, no right, no descriptors). The notifier goes on trying, sets *changed
+	 *         once it is back, and fd() is readable then
+	 */
+	virtual ostrel_error_t look(bool *changed) = 0;
+	// Gives everything up, the object included.
+	virtual void end() = 0;
+
+protected:
+	~Notifier() = default;
+};
+
+// One change of one object. Everything is the giver's, until the visit returns.
+struct HistoryEntry {
+	uint64_t revision; // of the commit; it grows
+	uint32_t part;     // of that, from 0
+	int64_t at_ns;     // since the epoch
+	uid_t uid;         // who asked for it, as the kernel said
+	bool has_behalf;
+	uid_t behalf;  // for whom: a server of root's may say so
+	uint32_t what; // OSTRELX_ADDED, _CHANGED, _REMOVED, _REVERTED
+	attrlist_t *idl;
+	attrlist_t *before; // properties; NULL: there was no object, or the caller may not see it
+	attrlist_t *after;
+	bool is_hidden; // before and after aren't for this caller
+};
+
+typedef ostrel_error_t ostrel_history_visit_t(const HistoryEntry &entry, void *arg);
+typedef ostrel_error_t ostrel_commitcmd_t(ostrel_db_t db, const Batch &batch, int *failed);
+typedef ostrel_error_t ostrel_versioncmd_t(ostrel_db_t db, ObjectVersion *version);
+typedef ostrel_error_t ostrel_notifycmd_t(ostrel_db_t db, attrlist_t *idl, Notifier **notifier);
+typedef ostrel_error_t ostrel_historycmd_t(
+    ostrel_db_t db, attrlist_t *idl, uint64_t since, ostrel_history_visit_t *visit, void *arg);
+typedef ostrel_error_t ostrel_undocmd_t(ostrel_db_t db, uint64_t revision, Batch *batch);
+
 typedef ostrel_error_t ostrel_opencmd_t(ostrel_db_t db);
 typedef void ostrel_closecmd_t(ostrel_db_t db);
 typedef ostrel_error_t ostrel_readcmd_t(
@@ -55,6 +103,27 @@ struct ostrel_db_cmds {
 	// handle's database, and goes to no other file, level, instance or enclave. In doubt it doesn't stay.
 	// [no list with one of the keys that choose these stays]
 	ostrel_stayscmd_t *dbc_stays = nullptr;
+
+	// ---- What libostrelx reaches: libostrel_more.h ----
+
+	// The same table for all back ends.
+	const struct ostrel_more *dbc_more = nullptr;
+	// With db_lock held for writing: looks at all conditions against one state of the store, then carries the steps out in
+	// their order, each as the slot of its kind; all of it or nothing, durable at the return. *failed is the number of the
+	// condition or step that failed, or -1. OSTREL_CONFLICT: a condition doesn't hold. Nothing is ever taken over for
+	// later. [OSTREL_NOTSUP]
+	ostrel_commitcmd_t *dbc_commit = nullptr;
+	// With db_lock held for reading: a text that changes with anything in the database. [OSTREL_NOTSUP]
+	ostrel_versioncmd_t *dbc_version = nullptr;
+	// With no lock held: a notifier of the objects that a list, which may be NULL, selects, or of more than those. It reads
+	// nothing and waits for nobody; a database that isn't there is no failure. [OSTREL_NOTSUP]
+	ostrel_notifycmd_t *dbc_notify = nullptr;
+	// With no lock held: visits the changes after the revision `since`, oldest first, of the objects that a list, which may be
+	// NULL, selects. [OSTREL_NOTSUP]
+	ostrel_historycmd_t *dbc_history = nullptr;
+	// With no lock held: fills an empty batch with what takes a revision back, and with the conditions that nothing it
+	// changed was changed since. [OSTREL_NOTSUP]
+	ostrel_undocmd_t *dbc_undo = nullptr;
 };
 
 #endif

@@ -3,7 +3,9 @@
  *
  *   libostrel_files.cc   the slots of the two tables but the walk; reading
  *   _walk                the walk of a flat file
- *   _update              write, rename and remove: what the new file will hold, and its way into place
+ *   _update              write, rename and remove, and the replacement of a file in its steps
+ *   _content             the old file, and what the new one will hold
+ *   _batch               many changes in one replacement, with conditions
  *   _newfile, _lock      the new file beside the database, and the lock of updates that lies on it
  *   _select, _scan       the lines of a file that hold a selected object
  *   _fields              the fast path through a line; the general one is the format's, libostrel_lines.h
@@ -46,6 +48,8 @@ ostrel_writecmd_t ostrel_write_object_to_file;
 ostrel_renamecmd_t ostrel_rename_object_in_file;
 ostrel_removecmd_t ostrel_remove_object_from_file;
 ostrel_visitcmd_t ostrel_visit_objects_of_file;
+ostrel_commitcmd_t ostrel_commit_batch_to_file;
+ostrel_versioncmd_t ostrel_version_of_file; // of a raw file, too
 
 // ---- What they are made of ----
 

@@ -6,6 +6,24 @@
 
 #include "libostrel.h"
 
+class OldFile;
+class NewContent;
+
+// What an update makes of one version of the old file.
+class FileDecision {
+public:
+	// Goes through the old file and gives the whole content of the new one. Called again if another update replaced the file
+	// meanwhile: it decides about the new version then, with an empty content.
+	virtual ostrel_error_t decide(OldFile *old_file, NewContent *content) = 0;
+
+protected:
+	~FileDecision() = default;
+};
+
+// Carries a decision out, in the steps that libostrel_files.h describes. Errors: those of the decision; OSTREL_INVALID_ARG  a line
+// of the new file can't be written, not a regular file; those of reading and of writing the file
+ostrel_error_t ostrel_replace_file(ostrel_db_t db, const char *path, FileDecision *decision);
+
 /*
  * Writes (props given), renames (newidlist given) or removes (neither) the objects that have exactly these identifiers.
  * Errors: OSTREL_NOT_FOUND    a rename or remove matched nothing

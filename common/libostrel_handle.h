@@ -23,6 +23,7 @@
 #include "libostrel.h"
 
 struct ostrel_db {
+	// The first four stay where they are: libostrelx finds the table of any build by them.
 	char db_name[OSTREL_DB_NAME_MAX + 1];
 	uint64_t db_flags;
 	enclaveid_t db_enclave;

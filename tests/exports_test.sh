@@ -8,7 +8,7 @@ trap 'rm -rf "$work"' EXIT
 failures=0
 fail() { echo "exports_test: $*" >&2; failures=$((failures + 1)); }
 
-includes=(-I"$source/common" -I"$source/platform/include")
+includes=(-I"$source/live" -I"$source/common" -I"$source/platform/include")
 
 # Names of functions and variables that a header declares. The compiler lists the functions, so that no text that looks
 # like a declaration counts as one.
@@ -49,6 +49,7 @@ check_library() { # library version-script node headers...
 }
 
 check_library "$build/common/libostrel.so.1" "$source/common/libostrel.map" OSTREL_1 "$source/common/libostrel.h"
+check_library "$build/live/libostrelx.so.1" "$source/live/libostrelx.map" OSTRELX_1 "$source/live/libostrelx.h"
 check_library "$build/platform/libmeridon.so.1" "$source/platform/libmeridon.map" MERIDON_1 \
 	"$source"/platform/include/meridon/*.h
 
@@ -66,7 +67,7 @@ for pair in "gcc g++" "clang-14 clang++-14"; do
 	read -r cc cxx <<<"$pair"
 	command -v "$cc" "$cxx" >/dev/null || continue
 	compilers=$((compilers + 1))
-	for header in libostrel.h "$source"/platform/include/meridon/*.h; do
+	for header in libostrel.h libostrelx.h "$source"/platform/include/meridon/*.h; do
 		name=${header#"$source"/platform/include/}
 		# Twice, for its guard; and something behind it, so that the unit isn't empty.
 		printf '#include <%s>\n#include <%s>\nextern int end_of_unit;\n' "$name" "$name" >"$work/unit"

@@ -13,7 +13,7 @@ DESTDIR='' cmake --install "$build" --prefix "$work/first" >"$work/log" || { cat
 mv "$work/first" "$work/tree" # whatever holds the old place is found out now
 tree=$work/tree
 
-for file in include/libostrel.h include/meridon/attrlist.h lib/libostrel.so.1 lib/libmeridon.so.1 \
+for file in include/libostrel.h include/libostrelx.h lib/libostrelx.so.1 lib/pkgconfig/libostrelx.pc include/meridon/attrlist.h lib/libostrel.so.1 lib/libmeridon.so.1 \
 	include/meridon/rpy.h lib/cairn/bin/cairn.configd \
 	share/man/man7/ostrel-audit.7 share/ostrel/tracing/slow.bt \
 	lib/pkgconfig/libostrel.pc lib/pkgconfig/libmeridon.pc lib/cmake/ostrel/ostrelConfig.cmake; do

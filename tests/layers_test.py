@@ -17,7 +17,8 @@ ROOMS = {
     'platform': set(),
     'common': {'platform'},
     'repository': {'platform'},
-    'tools': {'platform', 'common'},
+    'live': {'platform', 'common'},
+    'tools': {'platform', 'common', 'live'},
 }
 
 # The layers of common/ and of platform/, the lowest first. A source uses its own layer and those below it. A name stands for a
@@ -29,6 +30,7 @@ LAYERS = {
         ['libostrel_log', 'libostrel_thread'],
         ['libostrel_backend', 'libostrel_handle'],
         ['libostrel_util', 'libostrel_objects', 'libostrel_idlist'],
+        ['libostrel_version', 'libostrel_batch'],
         ['libostrel_trace'],
         ['libostrel_read'],
         # Back ends and what they are made of.
@@ -40,7 +42,7 @@ LAYERS = {
         ['libostrel_hatches'],
         # On the back ends, or beside them.
         ['libostrel_audit', 'libostrel_auth', 'libostrel_convert', 'libostrel_obsolete'],
-        ['libostrel_attempt'],
+        ['libostrel_attempt', 'libostrel_more'],
         ['libostrel_deferred'],
         ['libostrel_impl'],
         ['libostrel'],
@@ -92,7 +94,7 @@ def sources():
 def find_header(includer, quote, name):
     """The file of the tree that an include means; None for a header of the system."""
     own = (os.path.dirname(includer), 'platform', 'tools') if quote == '"' else ()
-    for folder in (*own, 'common', 'platform/include'):
+    for folder in (*own, 'common', 'live', 'platform/include'):
         path = os.path.normpath(os.path.join(folder, name))
         if os.path.exists(os.path.join(SOURCE, path)):
             return path

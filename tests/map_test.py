@@ -7,7 +7,7 @@ import sys
 import unittest
 
 SOURCE = pathlib.Path(sys.argv[2])
-ROOMS = ("common", "platform", "repository", "tools", "tests", "tracing", "bench", "fuzz", "examples", "scripts")
+ROOMS = ("common", "live", "platform", "repository", "tools", "tests", "tracing", "bench", "fuzz", "examples", "scripts")
 FILES = [path for room in ROOMS for path in sorted((SOURCE / room).rglob("*")) if path.is_file()]
 CODE = {path: path.read_text() for path in FILES if path.suffix in (".cc", ".h")}
 MAP = (SOURCE / "docs/architecture.md").read_text()

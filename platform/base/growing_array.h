@@ -37,6 +37,14 @@ public:
 	T &operator[](size_t i) const { return elements_[i]; }
 	T &back() const { return elements_[size_ - 1]; }
 
+	// Frees what the elements own and keeps the block.
+	void clear()
+	{
+		for (T &element : *this)
+			FreeElement(element);
+		size_ = 0;
+	}
+
 	// Makes room for `count` more elements. After the first success there is a block, also if nothing was asked for.
 	bool make_room(size_t count = 1)
 	{
