@@ -82,7 +82,7 @@ protected:
 #ifdef __SANITIZE_ADDRESS__
 		GTEST_SKIP() << "AddressSanitizer takes the unwinding of a cancelled thread for a fault";
 #endif
-		SKIP_WITHOUT_ROOT();
+		SKIP_UNLESS_ROOT();
 	}
 };
 

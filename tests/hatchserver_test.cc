@@ -55,7 +55,7 @@ class HatchRequests : public testing::Test {
 protected:
 	void SetUp() override
 	{
-		SKIP_WITHOUT_ROOT();
+		SKIP_UNLESS_ROOT();
 		file_.write(first_text);
 		server_ = std::make_unique<LocalServer>(file_);
 		hatch_ = open_hatch(file_.hatch);
@@ -210,7 +210,7 @@ TEST_F(HatchRequests, WithoutADatabaseToServeAreRefused)
 
 class HatchReplies : public testing::Test {
 protected:
-	void SetUp() override { SKIP_WITHOUT_ROOT(); }
+	void SetUp() override { SKIP_UNLESS_ROOT(); }
 	void TearDown() override { store = Store(); }
 
 	ServedFile file_;
@@ -270,7 +270,7 @@ class HatchRights : public testing::Test {
 protected:
 	void SetUp() override
 	{
-		SKIP_WITHOUT_ROOT();
+		SKIP_UNLESS_ROOT();
 		for (const char *name : {"daemon", "bin", "sys"}) {
 			if (getpwnam(name) == nullptr)
 				GTEST_SKIP() << "no user " << name;
@@ -481,7 +481,7 @@ class HatchServer : public testing::Test {
 protected:
 	void SetUp() override
 	{
-		SKIP_WITHOUT_ROOT();
+		SKIP_UNLESS_ROOT();
 		file_.write(first_text);
 	}
 	ostrel_error_t create(const std::string &path)

@@ -2,7 +2,6 @@
 #include "hatch_peer.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -11,8 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -39,14 +36,6 @@ void reply_with(const T &value)
 	hatch_return(reinterpret_cast<const char *>(&value), sizeof value, nullptr, 0);
 }
 
-void must(bool good, const char *what)
-{
-	if (good)
-		return;
-	perror(what);
-	abort();
-}
-
 void block()
 {
 	std::unique_lock<std::mutex> hold(block_lock);
@@ -67,17 +56,13 @@ Caller caller()
 // The errno values of a handler's calls in a child that it forked, as the child's exit status would have them.
 int in_forked_child()
 {
-	pid_t child = fork();
-	if (child == 0) {
+	return in_child([] {
 		peercred_t *cred = nullptr;
 		bool none = hatch_peercred(&cred) == -1 && errno == EINVAL;
 		none = hatch_return("x", 1, nullptr, 0) == -1 && errno == EINVAL && none;
 		none = hatch_reply_memory(1) == nullptr && errno == EINVAL && none;
-		_exit(none ? 7 : 8);
-	}
-	int status = 0;
-	must(waitpid(child, &status, 0) == child, "waitpid");
-	return WEXITSTATUS(status);
+		return none ? 7 : 8;
+	});
 }
 
 void reply_sized(size_t size)
@@ -86,30 +71,30 @@ void reply_sized(size_t size)
 	char small[on_stack];
 	char *bytes = size <= on_stack ? small : static_cast<char *>(hatch_reply_memory(size));
 	must(bytes != nullptr, "hatch_reply_memory");
-	{
-		std::string text = test_bytes(size);
-		memcpy(bytes, text.data(), size);
-	}
+	memcpy(bytes, test_bytes(size).data(), size);
 	hatch_return(bytes, size, nullptr, 0);
 }
 
-struct BadReturns {
-	int null_data;
-	int descriptors;
-};
-
 void return_badly()
 {
-	BadReturns seen = {0, 0};
+	int seen[2] = {};
 	hatch_desc_t desc = {};
 	if (hatch_return(nullptr, 1, nullptr, 0) == -1)
-		seen.null_data = errno;
+		seen[0] = errno;
 	if (hatch_return("x", 1, &desc, 1) == -1)
-		seen.descriptors = errno;
+		seen[1] = errno;
 	reply_with(seen);
 }
 
 } // namespace
+
+void must(bool good, const char *what)
+{
+	if (good)
+		return;
+	perror(what);
+	abort();
+}
 
 void obey(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
 {
@@ -240,41 +225,13 @@ void Signal::wait() const
 	must(read(read_end_.get(), &byte, 1) == 1, "read");
 }
 
-int wait_for_ever()
+Process serve(const std::string &path, unsigned long descriptors)
 {
-	for (;;)
-		pause();
-}
-
-WaitingServer::WaitingServer(const std::string &path)
-    : process_([&] {
-	      told_.wait();
-	      LocalHatch served(path);
-	      ready_.raise();
-	      return wait_for_ever();
-      })
-{}
-
-Process WaitingServer::start()
-{
-	told_.raise();
-	ready_.wait();
-	return std::move(process_);
-}
-
-Process serve(const std::string &path)
-{
-	return WaitingServer(path).start();
-}
-
-Process serve_with_limit(const std::string &path, unsigned long descriptors)
-{
-	struct rlimit before;
-	must(getrlimit(RLIMIT_NOFILE, &before) == 0, "getrlimit");
-	(void) allow_descriptors(descriptors);
-	Process server = serve(path);
-	must(setrlimit(RLIMIT_NOFILE, &before) == 0, "setrlimit");
-	return server;
+	return keep_in_process([&] {
+		if (descriptors != 0)
+			(void) allow_descriptors(descriptors);
+		return LocalHatch(path);
+	});
 }
 
 unsigned long allow_descriptors(unsigned long most)
@@ -331,19 +288,15 @@ Fd open_hatch(const std::string &path)
 
 int descriptors_of(pid_t pid)
 {
-	const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd");
-	return static_cast<int>(std::distance(begin(entries), end(entries)));
+	return static_cast<int>(entries_of("/proc/" + std::to_string(pid) + "/fd").size());
 }
 
 long anonymous_kib(pid_t pid)
 {
-	std::ifstream status("/proc/" + (pid == 0 ? "self" : std::to_string(pid)) + "/status");
-	std::string line;
-	while (std::getline(status, line)) {
-		if (line.starts_with("RssAnon:"))
-			return atol(line.c_str() + strlen("RssAnon:"));
-	}
-	abort();
+	const std::string status = file_text("/proc/" + (pid == 0 ? "self" : std::to_string(pid)) + "/status");
+	const size_t at = status.find("RssAnon:");
+	must(at != std::string::npos, "RssAnon");
+	return atol(status.c_str() + at + strlen("RssAnon:"));
 }
 
 bool eventually(const std::function<bool()> &done)

@@ -7,14 +7,6 @@
 
 namespace {
 
-void must(bool good, const char *what)
-{
-	if (good)
-		return;
-	perror(what);
-	abort();
-}
-
 std::string objects_of(const char *bytes, size_t size)
 {
 	AttrList list;
@@ -73,14 +65,7 @@ void LocalServer::stop()
 
 Process serve_file(const ServedFile &file, const char *read_auth, const char *write_auth, ostrel_db_cmds_t cmds)
 {
-	Signal ready;
-	Process server([&] {
-		LocalServer served(file, read_auth, write_auth, cmds);
-		ready.raise();
-		return wait_for_ever();
-	});
-	ready.wait();
-	return server;
+	return keep_in_process([&] { return LocalServer(file, read_auth, write_auth, cmds); });
 }
 
 std::string packed(attrlist_t *list)

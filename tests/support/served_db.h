@@ -16,7 +16,7 @@ using Database = Handle<struct ostrel_db, ostrel_db_close>;
 Database open_database(const std::string &name, ostrel_db_cmds_t cmds = ostrel_files_db_cmds, uint64_t flags = 0);
 
 // A flat file, and the place of a hatch in a directory of its own, which serving changes the owner of. Both go at the
-// end. Serving needs root: a fixture with one of these begins with SKIP_WITHOUT_ROOT().
+// end. Serving needs root: a fixture with one of these begins with SKIP_UNLESS_ROOT().
 struct ServedFile {
 	Scratch scratch;
 	std::string path = scratch.path("db");
@@ -28,12 +28,6 @@ struct ServedFile {
 	// The path of the file of rights that counts from now on in this process and those that it forks.
 	std::string write_rights(const std::string &text) const;
 };
-
-#define SKIP_WITHOUT_ROOT()                                                                                            \
-	do {                                                                                                           \
-		if (geteuid() != 0)                                                                                    \
-			GTEST_SKIP() << "serving a database needs root";                                               \
-	} while (0)
 
 // A server of this process.
 class LocalServer {
