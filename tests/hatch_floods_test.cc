@@ -9,7 +9,6 @@
 #include <memory>
 #include <random>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -18,8 +17,7 @@
 #include "base/memory_bound.h"
 #include "hatch/pool.h"
 #include "hatch_socket.h"
-#include "lists.h"
-#include "scratch.h"
+#include "served_db.h"
 
 using namespace hatch;
 
@@ -30,7 +28,9 @@ constexpr uid_t stranger = 1001;
 
 // ---- Memory ----
 
-TEST(HatchMemory, TheLeastBoundOfAGroupAndItsParentsCounts)
+class HatchMemory : public HatchTest {};
+
+TEST_F(HatchMemory, TheLeastBoundOfAGroupAndItsParentsCounts)
 {
 	struct Group {
 		const char *what;
@@ -68,19 +68,11 @@ TEST(HatchMemory, TheLeastBoundOfAGroupAndItsParentsCounts)
 	}
 }
 
-class FixedPool {
-public:
-	explicit FixedPool(size_t size) { set_pool_size(size); }
-	FixedPool(const FixedPool &) = delete;
-	FixedPool &operator=(const FixedPool &) = delete;
-	~FixedPool() { set_pool_size(0); }
-};
-
 // Any users, any sizes: the sum is right, what is granted is what the rule says, and all comes back.
-TEST(HatchMemory, ChargesAddUpWhateverIsAskedFor)
+TEST_F(HatchMemory, ChargesAddUpWhateverIsAskedFor)
 {
 	const size_t size = 64 * mib, of_strangers = size - size / 8;
-	FixedPool pool(size);
+	set_pool_size(size);
 	std::mt19937 random(7);
 	std::map<uid_t, size_t> has; // users that hold something
 	size_t sum = 0, refused = 0;
@@ -114,6 +106,7 @@ TEST(HatchMemory, ChargesAddUpWhateverIsAskedFor)
 	}
 	EXPECT_GT(refused, 100U) << "it was never tight";
 	EXPECT_EQ(pool_held(), 0U);
+	set_pool_size(0);
 }
 
 // Carries out in its handler what a stranger's request may lead to, and gives the errors.
@@ -143,66 +136,50 @@ void amplify(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
 // Lists without members take many times their packed size.
 std::string empty_lists(size_t bytes)
 {
-	std::vector<attrlist_t *> lists(bytes / 8, nullptr);
-	attrlist_t *empty = nullptr, *whole = nullptr;
-	EXPECT_EQ(attrlist_alloc(&empty, ATL_UNIQUE_NAME, 0), 0);
-	EXPECT_EQ(attrlist_alloc(&whole, ATL_UNIQUE_NAME, 0), 0);
-	std::fill(lists.begin(), lists.end(), empty);
-	EXPECT_EQ(attrlist_add_attrlist_array(whole, "l", lists.data(), static_cast<unsigned int>(lists.size())), 0);
-	char *packed = nullptr;
-	size_t size = 0;
-	EXPECT_EQ(attrlist_pack(whole, &packed, &size, ATL_ENCODE_XDR, 0), 0);
-	std::string text(packed, size);
-	free(packed);
-	attrlist_free(whole);
-	attrlist_free(empty);
-	return text;
+	AttrList empty = idl_of(""), whole = idl_of("");
+	std::vector<attrlist_t *> lists(bytes / 8, empty.get());
+	EXPECT_EQ(
+	    attrlist_add_attrlist_array(whole.get(), "l", lists.data(), static_cast<unsigned int>(lists.size())), 0);
+	return packed(whole.get());
 }
 
-TEST(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
+TEST_F(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "other users need root";
-	FixedPool pool(32 * mib); // 14 MiB for a stranger alone
-	Scratch scratch;
-	ASSERT_EQ(chmod(scratch.directory().c_str(), 0755), 0);
-	LocalHatch served(scratch.path("hatch"), amplify);
-	auto as_bytes = [](const Ask &ask) { return request_of(ask).substr(head_size); };
-	const std::string lists = empty_lists(4 * mib);
-	struct Case {
+	SKIP_UNLESS_ROOT();
+	set_pool_size(32 * mib); // 14 MiB for a stranger alone
+	LocalHatch served(path_, amplify);
+	const struct Case {
 		const char *what;
-		std::string request;
+		Ask ask;
+		std::string more;
 		int of_stranger, of_root;
-	};
-	const Case cases[] = {
-	    {"few lists", as_bytes({Do::Echo, 0, 0}) + empty_lists(mib / 16), 0, 0},
-	    {"many lists", as_bytes({Do::Echo, 0, 0}) + lists, ENOMEM, 0},
-	    {"a charge", as_bytes({Do::Echo, 1, 10 * mib}), 0, 0},
-	    {"a large charge", as_bytes({Do::Echo, 1, 20 * mib}), ENOMEM, 0},
-	    {"an absurd charge", as_bytes({Do::Echo, 1, SIZE_MAX}), ENOMEM, ENOMEM},
-	    {"a reply", as_bytes({Do::Echo, 2, 10 * mib}), 0, 0},
-	    {"a large reply", as_bytes({Do::Echo, 2, 20 * mib}), ENOMEM, 0},
-	    {"a large request and a charge", as_bytes({Do::Echo, 1, 6 * mib}) + std::string(10 * mib, 'x'), ENOMEM, 0},
-	};
-	auto outcome = [&](const std::string &request) {
-		Fd fd = open_hatch(scratch.path("hatch"));
-		Answer answer = call(fd.get(), request);
-		hatch_forget(fd.get());
-		int error = answer.error;
-		if (answer.data.size() == sizeof error)
-			memcpy(&error, answer.data.data(), sizeof error);
-		return error;
+	} cases[] = {
+	    {"few lists", {Do::Echo, 0, 0}, empty_lists(mib / 16), 0, 0},
+	    {"many lists", {Do::Echo, 0, 0}, empty_lists(4 * mib), ENOMEM, 0},
+	    {"a charge", {Do::Echo, 1, 10 * mib}, "", 0, 0},
+	    {"a large charge", {Do::Echo, 1, 20 * mib}, "", ENOMEM, 0},
+	    {"an absurd charge", {Do::Echo, 1, SIZE_MAX}, "", ENOMEM, ENOMEM},
+	    {"a reply", {Do::Echo, 2, 10 * mib}, "", 0, 0},
+	    {"a large reply", {Do::Echo, 2, 20 * mib}, "", ENOMEM, 0},
+	    {"a large request and a charge", {Do::Echo, 1, 6 * mib}, std::string(10 * mib, 'x'), ENOMEM, 0},
 	};
 	for (const Case &one : cases) {
-		int seen = -1;
-		thread_as(stranger, [&] { seen = outcome(one.request); });
-		EXPECT_EQ(seen, one.of_stranger) << one.what;
-		EXPECT_EQ(outcome(one.request), one.of_root) << one.what;
+		for (uid_t user : {stranger, uid_t{0}}) {
+			thread_as(user, [&] {
+				Fd fd = open_hatch(path_);
+				const Answer answer = call(fd.get(), request_of(one.ask).substr(head_size) + one.more);
+				hatch_forget(fd.get());
+				const int error = answer.error != 0 ? answer.error : numbers_of(answer).at(0);
+				EXPECT_EQ(error, user == 0 ? one.of_root : one.of_stranger)
+				    << one.what << " by " << user;
+			});
+		}
 	}
 	EXPECT_EQ(hatch_charge(1), -1);
 	EXPECT_EQ(errno, EINVAL) << "outside of a handler";
 	served.revoke();
 	EXPECT_EQ(pool_held(), 0U);
+	set_pool_size(0);
 }
 
 // ---- Threads ----
@@ -228,21 +205,19 @@ void be_busy(void *cookie, char *, size_t, hatch_desc_t *, unsigned int)
 	(void) hatch_return(nullptr, 0, nullptr, 0);
 }
 
-TEST(HatchThreads, AUserHasMoreForCallsThatWaitThanForThoseThatCompute)
+class HatchThreads : public HatchTest {};
+
+TEST_F(HatchThreads, AUserHasMoreForCallsThatWaitThanForThoseThatCompute)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "other users need root";
-	Scratch scratch;
-	ASSERT_EQ(chmod(scratch.directory().c_str(), 0755), 0);
-	const std::string path = scratch.path("hatch");
+	SKIP_UNLESS_ROOT();
 	Busy busy;
-	LocalHatch served(path, be_busy, &busy);
+	LocalHatch served(path_, be_busy, &busy);
 	const int processors = std::max(static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)), 2);
 	std::vector<Process> clients;
 	for (int i = 0; i < 2 * processors; i++)
 		clients.emplace_back([&] {
 			become(stranger, stranger);
-			for (Fd fd = open_hatch(path);;)
+			for (Fd fd = open_hatch(path_);;)
 				(void) call(fd.get(), std::string("x"));
 			return 0;
 		});
@@ -309,18 +284,13 @@ int call_beside(const std::string &path)
 	return calls;
 }
 
-class HatchFloods : public testing::Test {
+class HatchFloods : public HatchTest {
 protected:
 	void SetUp() override
 	{
-		if (geteuid() != 0)
-			GTEST_SKIP() << "other users need root";
-		ASSERT_EQ(chmod(scratch_.directory().c_str(), 0755), 0);
+		SKIP_UNLESS_ROOT();
 		(void) allow_descriptors(4096);
 	}
-
-	Scratch scratch_;
-	std::string path_ = attachable(scratch_.path("hatch"));
 };
 
 TEST_F(HatchFloods, OfOneUserLeaveAnotherItsCalls)
@@ -345,11 +315,7 @@ TEST_F(HatchFloods, OfOneUserLeaveAnotherItsCalls)
 					return flood(path_, how);
 				});
 			usleep(300'000);
-			Process other([&] {
-				become(stranger + 1, stranger + 1);
-				return call_beside(path_);
-			});
-			const int calls = other.wait();
+			const int calls = as_user(stranger + 1, [&] { return call_beside(path_); });
 			EXPECT_NE(calls, 255) << how.what << ": a call failed";
 			EXPECT_GE(calls, sanitized ? 1 : 3)
 			    << how.what; // a busy machine makes few, a flood made none or one
@@ -360,7 +326,7 @@ TEST_F(HatchFloods, OfOneUserLeaveAnotherItsCalls)
 
 TEST_F(HatchFloods, TheUserWithMostConnectionsLosesItsOldestAndNobodyElseOne)
 {
-	Process server = serve_with_limit(path_, 100);
+	Process server = serve(path_, 100);
 	const sockaddr_un address = address_of(socket_path(path_));
 	std::vector<RawClient> greedy;
 	auto be_greedy = [&] {
@@ -379,31 +345,6 @@ TEST_F(HatchFloods, TheUserWithMostConnectionsLosesItsOldestAndNobodyElseOne)
 	thread_as(stranger + 1, [&] { EXPECT_TRUE(other.back().is_served()) << "another user's went"; });
 	thread_as(stranger, [&] { EXPECT_FALSE(greedy.front().is_served()); });
 	EXPECT_LT(descriptors_of(server.pid()), 100 - 20);
-}
-
-TEST_F(HatchFloods, AUserThatComesAfterManyIsServed)
-{
-	set_pool_size(64 * mib);
-	Process server = serve(path_);
-	set_pool_size(0);
-	const sockaddr_un address = address_of(socket_path(path_));
-	std::vector<Fd> halves;
-	for (uid_t user = 10'000; user < 10'300; user++) {
-		thread_as(user, [&] {
-			halves.push_back(connect_to(address));
-			(void) send_some(halves.back(), head_of(mib) + std::string(150'000, 'x'));
-		});
-	}
-	Process last([&] {
-		become(20'000, 20'000);
-		Fd fd = open_hatch(path_);
-		for (size_t size : {10, 100'000, 250'000}) {
-			if (call(fd.get(), std::string(size, '\0')).data.size() != size)
-				return 1;
-		}
-		return 0;
-	});
-	EXPECT_EQ(last.wait(), 0);
 }
 
 } // namespace
