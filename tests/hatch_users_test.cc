@@ -7,39 +7,27 @@
 #include <unistd.h>
 
 #include "hatch_socket.h"
-#include "scratch.h"
 
 namespace {
 
-class HatchUsers : public testing::Test {
+class HatchUsers : public HatchTest {
 protected:
-	void SetUp() override
-	{
-		if (geteuid() != 0)
-			GTEST_SKIP() << "changing user ids needs root";
-		ASSERT_EQ(chmod(scratch_.directory().c_str(), 0755), 0);
-	}
-
-	Scratch scratch_;
-	std::string path_ = attachable(scratch_.path("hatch"));
+	void SetUp() override { SKIP_UNLESS_ROOT(); }
 };
 
 TEST_F(HatchUsers, TheRealIdsCountWhateverTheEffectiveOnesAre)
 {
 	Process server = serve(path_);
-	struct Case {
-		uid_t real, effective;
-	};
+	using Ids = std::pair<uid_t, uid_t>;
 	// An ordinary user, one above 2^31, a program that gained root on exec, a root daemon that gave up its rights.
-	for (Case ids : {Case{1000, 1000}, Case{3'000'000'000U, 3'000'000'000U}, Case{1001, 0}, Case{0, 1001}}) {
-		Process client([&] {
-			become(ids.real, ids.effective);
-			Fd fd = open_hatch(path_);
-			Caller caller = caller_at(fd.get());
-			bool same = caller.uid == ids.real && caller.gid == ids.real && caller.pid == getpid();
-			return same ? 0 : 1;
+	for (const auto &[real, effective] :
+	    {Ids(1000, 1000), Ids(3'000'000'000U, 3'000'000'000U), Ids(1001, 0), Ids(0, 1001)}) {
+		const int same = in_child([&, real = real, effective = effective] {
+			become(real, effective);
+			const Caller caller = caller_at(open_hatch(path_).get());
+			return caller.uid == real && caller.gid == real && caller.pid == getpid() ? 1 : 0;
 		});
-		EXPECT_EQ(client.wait(), 0) << ids.real << " as " << ids.effective;
+		EXPECT_EQ(same, 1) << real << " as " << effective;
 	}
 }
 
@@ -71,7 +59,7 @@ TEST_F(HatchUsers, WhoHasChangedItsUserConnectsAnew)
 		uid_t real, effective;
 	};
 	for (Case ids : {Case{true, 1000, 1000}, Case{true, 0, 1001}, Case{false, 0, 1001}, Case{false, 1001, 0}}) {
-		Process client([&] {
+		const int made = in_child([&] {
 			Fd fd = open_hatch(path_);
 			if (ids.before)
 				(void) call(fd.get(), std::string("x"));
@@ -84,9 +72,9 @@ TEST_F(HatchUsers, WhoHasChangedItsUserConnectsAnew)
 				real += maker.pid == getpid() && maker.uid == ids.real;
 				root += maker.pid == getpid() && maker.uid == 0;
 			}
-			return geteuid() == ids.effective && (ids.effective == 0 ? root : real) == 1 ? 0 : 1;
+			return geteuid() == ids.effective ? (ids.effective == 0 ? root : real) : -1;
 		});
-		EXPECT_EQ(client.wait(), 0) << ids.before << ", " << ids.real << " as " << ids.effective;
+		EXPECT_EQ(made, 1) << ids.before << ", " << ids.real << " as " << ids.effective;
 	}
 }
 
@@ -112,8 +100,7 @@ TEST_F(HatchUsers, AnUnprivilegedUserReachesAHatchThatItMayOnlyRead)
 {
 	ASSERT_EQ(chown(path_.c_str(), 16, 65), 0);
 	Process server = serve(path_);
-	Process client([&] {
-		become(1000, 1000);
+	const int failed = as_user(1000, [&] {
 		Fd fd = open_hatch(path_);
 		hatch_info_t info = {};
 		if (hatch_info(fd.get(), &info) != 0 || info.di_target != server.pid())
@@ -122,21 +109,17 @@ TEST_F(HatchUsers, AnUnprivilegedUserReachesAHatchThatItMayOnlyRead)
 			return 2;
 		return call(fd.get(), std::string(100'000, 'x')).data.size() == 100'000 ? 0 : 3;
 	});
-	EXPECT_EQ(client.wait(), 0);
+	EXPECT_EQ(failed, 0);
 }
 
 TEST_F(HatchUsers, AnUnprivilegedServerServesRootAndItself)
 {
 	ASSERT_EQ(chown(scratch_.directory().c_str(), 1000, 1000), 0);
 	ASSERT_EQ(chown(path_.c_str(), 1000, 1000), 0);
-	Signal ready;
-	Process server([&] {
+	Process server = keep_in_process([&] {
 		become(1000, 1000);
-		LocalHatch served(path_);
-		ready.raise();
-		return wait_for_ever();
+		return LocalHatch(path_);
 	});
-	ready.wait();
 	Fd fd = open_hatch(path_);
 	EXPECT_EQ(caller_at(fd.get()).uid, 0U);
 	EXPECT_TRUE(call(fd.get(), Ask{Do::Size, 0, 3'000'000}).data == test_bytes(3'000'000));
