@@ -13,11 +13,22 @@
 
 namespace {
 
+constexpr char first_text[] = "a=1;\tp=string,one;\n", first_object[] = "a=1;|p=one;";
+
 class HatchDatabase : public testing::Test {
 protected:
-	void SetUp() override { SKIP_WITHOUT_ROOT(); }
+	void SetUp() override
+	{
+		SKIP_UNLESS_ROOT();
+		file_.write(first_text);
+		server_.emplace(serve_file(file_));
+		db_ = open();
+	}
+	Database open(uint64_t flags = 0) const { return open_database(file_.hatch, ostrel_hatches_db_cmds, flags); }
 
 	ServedFile file_;
+	std::optional<Process> server_;
+	Database db_;
 };
 
 ostrel_error_t write(const Database &db, const std::string &ids, const std::string &props)
@@ -51,110 +62,92 @@ std::string walk(const Database &db, attrlist_t *idl)
 TEST_F(HatchDatabase, EveryOperationReachesTheServersFile)
 {
 	file_.write("a=1;b=x;\tp=string,one;\na=2;b=x;\tp=string,two;\n");
-	Process server = serve_file(file_);
-	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
-	EXPECT_EQ(read(db, "b=X;a=1"), "a=1;b=x;|p=one;") << "with the stored spelling";
-	EXPECT_EQ(read(db, "a=1"), "? object not found") << "a read selects exactly";
-	EXPECT_EQ(walk(db, nullptr), "a=1;b=x;|p=one; a=2;b=x;|p=two; ");
-	EXPECT_EQ(walk(db, idl_of("a=2").get()), "a=2;b=x;|p=two; ");
-	EXPECT_EQ(walk(db, idl_of("a=3").get()), "");
-	EXPECT_EQ(read(open_database(file_.hatch, ostrel_hatches_db_cmds, OSTREL_DB_CASE_SENSITIVE), "b=X;a=1"),
-	    "a=1;b=x;|p=one;")
+	EXPECT_EQ(read(db_, "b=X;a=1"), "a=1;b=x;|p=one;") << "with the stored spelling";
+	EXPECT_EQ(read(db_, "a=1"), "? object not found") << "a read selects exactly";
+	EXPECT_EQ(walk(db_, nullptr), "a=1;b=x;|p=one; a=2;b=x;|p=two; ");
+	EXPECT_EQ(walk(db_, idl_of("a=2").get()), "a=2;b=x;|p=two; ");
+	EXPECT_EQ(walk(db_, idl_of("a=3").get()), "");
+	EXPECT_EQ(read(open(OSTREL_DB_CASE_SENSITIVE), "b=X;a=1"), "a=1;b=x;|p=one;")
 	    << "the server's handle says how case is compared";
 
-	EXPECT_EQ(write(db, "a=3", "p=three"), OSTREL_SUCCESS);
-	EXPECT_EQ(write(db, "a=1;b=x", "q=new"), OSTREL_SUCCESS);
-	EXPECT_EQ(ostrel_db_rename(db.get(), idl_of("a=3").get(), 0, idl_of("a=4;c=y").get()), OSTREL_SUCCESS);
-	EXPECT_EQ(ostrel_db_remove(db.get(), idl_of("a=2;b=x").get(), 0), OSTREL_SUCCESS);
-	EXPECT_EQ(ostrel_db_remove(db.get(), idl_of("a=2;b=x").get(), 0), OSTREL_NOT_FOUND);
+	EXPECT_EQ(write(db_, "a=3", "p=three"), OSTREL_SUCCESS);
+	EXPECT_EQ(write(db_, "a=1;b=x", "q=new"), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_rename(db_.get(), idl_of("a=3").get(), 0, idl_of("a=4;c=y").get()), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_remove(db_.get(), idl_of("a=2;b=x").get(), 0), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_remove(db_.get(), idl_of("a=2;b=x").get(), 0), OSTREL_NOT_FOUND);
 	EXPECT_EQ(file_.text(), "a=1;b=x;\tq=string,new;\na=4;c=y;\tp=string,three;\n");
-	EXPECT_EQ(ostrel_db_check_auth(db.get(), B_FALSE), OSTREL_SUCCESS);
-	EXPECT_EQ(ostrel_db_check_auth(db.get(), B_TRUE), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_check_auth(db_.get(), B_FALSE), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_check_auth(db_.get(), B_TRUE), OSTREL_SUCCESS);
 
-	EXPECT_EQ(ostrel_db_remove(db.get(), nullptr, 0), OSTREL_SUCCESS);
+	EXPECT_EQ(ostrel_db_remove(db_.get(), nullptr, 0), OSTREL_SUCCESS);
 	EXPECT_FALSE(file_.scratch.has("db"));
 }
 
 TEST_F(HatchDatabase, ResultsOfTheServedDatabaseComeBackUnchanged)
 {
 	file_.write("a=1;\tp=string,x;\na=1;\tp=string,y;\n");
-	Process server = serve_file(file_);
-	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
-	EXPECT_EQ(read(db, "a=1"), "? invalid argument") << "two objects match";
-	EXPECT_EQ(write(db, "a=tab\there", "p=x"), OSTREL_INVALID_ARG);
-	EXPECT_EQ(ostrel_db_rename(db.get(), idl_of("a=9").get(), 0, idl_of("a=8").get()), OSTREL_NOT_FOUND);
+	EXPECT_EQ(read(db_, "a=1"), "? invalid argument") << "two objects match";
+	EXPECT_EQ(write(db_, "a=tab\there", "p=x"), OSTREL_INVALID_ARG);
+	EXPECT_EQ(ostrel_db_rename(db_.get(), idl_of("a=9").get(), 0, idl_of("a=8").get()), OSTREL_NOT_FOUND);
 	EXPECT_EQ(unlink(file_.path.c_str()), 0);
-	EXPECT_EQ(read(db, "a=1"), "? object not found");
+	EXPECT_EQ(read(db_, "a=1"), "? object not found");
 }
 
 TEST_F(HatchDatabase, AKilledServerFailsCallsAtOnceAndTheNextOneIsFoundByTheFirstCall)
 {
-	file_.write("a=1;\tp=string,one;\n");
-	Process server = serve_file(file_);
-	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
 	for (int round = 0; round < 3; round++) {
-		EXPECT_EQ(read(db, "a=1"), "a=1;|p=one;");
+		EXPECT_EQ(read(db_, "a=1"), first_object);
 		const int before = open_descriptors();
-		server.kill();
-		EXPECT_EQ(read(db, "a=1"), "? failure");
-		EXPECT_EQ(write(db, "a=1", "p=two"), OSTREL_FAILURE);
-		server = serve_file(file_);
-		EXPECT_EQ(read(open_database(file_.hatch, ostrel_hatches_db_cmds), "a=1"), "a=1;|p=one;");
-		EXPECT_EQ(read(db, "a=1"), "a=1;|p=one;");
+		server_->kill();
+		EXPECT_EQ(read(db_, "a=1"), "? failure");
+		EXPECT_EQ(write(db_, "a=1", "p=two"), OSTREL_FAILURE);
+		*server_ = serve_file(file_);
+		EXPECT_EQ(read(open(), "a=1"), first_object);
+		EXPECT_EQ(read(db_, "a=1"), first_object);
 		EXPECT_EQ(open_descriptors(), before);
 	}
 }
 
 TEST_F(HatchDatabase, AServerThatEndsInOrderTakesItsPathWithIt)
 {
-	file_.write("a=1;\tp=string,one;\n");
+	server_->kill();
 	LocalServer server(file_);
-	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
-	EXPECT_EQ(read(db, "a=1"), "a=1;|p=one;");
+	EXPECT_EQ(read(db_, "a=1"), first_object);
 	const int before = open_descriptors();
 	server.stop();
-	EXPECT_EQ(ostrel_db_check_auth(db.get(), B_TRUE), OSTREL_NOT_FOUND);
-	EXPECT_EQ(ostrel_db_check_auth(db.get(), B_TRUE), OSTREL_NOT_FOUND) << "it stays broken, and goes on trying";
+	EXPECT_EQ(ostrel_db_check_auth(db_.get(), B_TRUE), OSTREL_NOT_FOUND);
+	EXPECT_EQ(ostrel_db_check_auth(db_.get(), B_TRUE), OSTREL_NOT_FOUND) << "it stays broken, and goes on trying";
 	EXPECT_LT(open_descriptors(), before);
 	ASSERT_EQ(symlink("db", file_.hatch.c_str()), 0); // to itself: ELOOP has no result of its own
-	EXPECT_EQ(ostrel_db_check_auth(db.get(), B_TRUE), OSTREL_INVALID_ARG);
+	EXPECT_EQ(ostrel_db_check_auth(db_.get(), B_TRUE), OSTREL_INVALID_ARG);
 	ASSERT_EQ(unlink(file_.hatch.c_str()), 0);
 	LocalServer again(file_);
-	EXPECT_EQ(read(db, "a=1"), "a=1;|p=one;");
+	EXPECT_EQ(read(db_, "a=1"), first_object);
 }
 
-TEST_F(HatchDatabase, OpensOnlyAPathThatIsThere)
+TEST_F(HatchDatabase, OpensOnlyAPathThatIsThereAndFindsOutWithTheFirstCallThatItIsNoHatch)
 {
-	ostrel_db_t db = nullptr;
+	const std::string fifo = file_.scratch.path("fifo");
+	ASSERT_EQ(mkfifo(fifo.c_str(), 0644), 0);
 	const int before = open_descriptors();
-	EXPECT_EQ(ostrel_db_open(file_.hatch.c_str(), 0, ostrel_hatches_db_cmds, 0, &db), OSTREL_NOT_FOUND);
-	EXPECT_EQ(ostrel_db_open("", 0, ostrel_hatches_db_cmds, 0, &db), OSTREL_NOT_FOUND);
-	EXPECT_EQ(db, nullptr);
-	EXPECT_EQ(open_descriptors(), before);
-}
-
-TEST_F(HatchDatabase, WhatIsNoHatchIsFoundOutByTheFirstCall)
-{
-	file_.write("a=1;\tp=string,one;\n");
-	ASSERT_EQ(mkfifo(file_.scratch.path("fifo").c_str(), 0644), 0);
-	for (const std::string &path : {file_.path, file_.scratch.path("fifo"), file_.scratch.directory()}) {
-		const int before = open_descriptors();
-		{
-			Database db = open_database(path, ostrel_hatches_db_cmds);
-			for (int i = 0; i < 3; i++)
-				EXPECT_EQ(read(db, "a=1"), "? failure") << path;
-			EXPECT_EQ(open_descriptors(), before + 1) << path;
-		}
-		EXPECT_EQ(open_descriptors(), before) << path;
+	for (const std::string &missing : {file_.scratch.path("missing"), std::string()}) {
+		Database db;
+		EXPECT_EQ(ostrel_db_open(missing.c_str(), 0, ostrel_hatches_db_cmds, 0, db.out()), OSTREL_NOT_FOUND);
+		EXPECT_FALSE(db);
 	}
-	EXPECT_EQ(file_.text(), "a=1;\tp=string,one;\n");
+	for (const std::string &path : {file_.path, fifo, file_.scratch.directory()}) {
+		EXPECT_EQ(open_descriptors(), before) << "before " << path;
+		Database db = open_database(path, ostrel_hatches_db_cmds);
+		for (int i = 0; i < 3; i++)
+			EXPECT_EQ(read(db, "a=1"), "? failure") << path;
+		EXPECT_EQ(open_descriptors(), before + 1) << path;
+	}
+	EXPECT_EQ(open_descriptors(), before);
+	EXPECT_EQ(file_.text(), first_text);
 }
 
 TEST_F(HatchDatabase, ThreadsOfOneHandleAllFindTheNewServer)
 {
-	file_.write("a=1;\tp=string,one;\n");
-	Process server = serve_file(file_);
-	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
 	std::atomic<bool> stop = false;
 	std::atomic<int> generation = 0; // odd while no server is there
 	std::atomic<int> wrong = 0;
@@ -163,68 +156,55 @@ TEST_F(HatchDatabase, ThreadsOfOneHandleAllFindTheNewServer)
 		threads.emplace_back([&] {
 			while (!stop) {
 				const int at = generation;
-				const std::string answer = read(db, "a=1");
-				if (answer != "a=1;|p=one;" &&
+				const std::string answer = read(db_, "a=1");
+				if (answer != first_object &&
 				    (answer != "? failure" || (at == generation && at % 2 == 0)))
 					wrong++;
 			}
 		});
 	}
 	for (int round = 0; round < (sanitized ? 3 : 10); round++) {
-		std::this_thread::sleep_for(std::chrono::milliseconds(20));
+		usleep(20'000);
 		generation++;
-		server.kill();
-		std::this_thread::sleep_for(std::chrono::milliseconds(5));
-		server = serve_file(file_);
+		server_->kill();
+		usleep(5'000);
+		*server_ = serve_file(file_);
 		generation++;
 	}
 	stop = true;
 	threads.clear();
 	EXPECT_EQ(wrong, 0);
-	EXPECT_EQ(read(db, "a=1"), "a=1;|p=one;");
+	EXPECT_EQ(read(db_, "a=1"), first_object);
 }
 
 TEST_F(HatchDatabase, AFailedAllocationFailsOneOperationAndLeavesNothing)
 {
 	SKIP_WITHOUT_ALLOC_FAULTS();
-	file_.write("a=1;\tp=string,one;\n");
-	Process server = serve_file(file_);
-	{ // what is made once for the process; the connection goes with the handle
-		Database warm = open_database(file_.hatch, ostrel_hatches_db_cmds);
-		EXPECT_EQ(read(warm, "a=1"), "a=1;|p=one;");
-	}
+	EXPECT_EQ(read(db_, "a=1"), first_object); // makes what is made once for the process
+	db_.reset();
 	struct Subject {
 		Database db;
-		AttrList idl;
-		AttrList props;
-		AttrList found;
+		AttrList idl, props, found;
+		Database opened;
 	};
-	auto prepare = [&] {
-		return Subject{
-		    open_database(file_.hatch, ostrel_hatches_db_cmds), idl_of("a=1"), props_of("p=one"), {}};
-	};
+	auto prepare = [&] { return Subject{open(), idl_of("a=1"), props_of("p=one"), {}, {}}; };
 	auto check = [](Subject &, ostrel_error_t result, bool failed) {
 		// Where the layer below copes, so does the operation.
 		EXPECT_TRUE(result == OSTREL_SUCCESS || (failed && result == OSTREL_NO_MEMORY)) << result;
 	};
-	EXPECT_GT(
-	    sweep_allocations(
-		prepare, [](Subject &s) { return ostrel_db_read(s.db.get(), s.idl.get(), 0, s.found.out()); }, check),
-	    4);
-	EXPECT_GT(
-	    sweep_allocations(
-		prepare, [](Subject &s) { return ostrel_db_write(s.db.get(), s.idl.get(), 0, s.props.get()); }, check),
-	    3);
-	EXPECT_GT(sweep_allocations([] { return Database(); },
-		      [&](Database &db) {
-			      return ostrel_db_open(file_.hatch.c_str(), 0, ostrel_hatches_db_cmds, 0, db.out());
-		      },
-		      [](Database &db, ostrel_error_t result, bool failed) {
-			      EXPECT_EQ(result, failed ? OSTREL_NO_MEMORY : OSTREL_SUCCESS);
-			      EXPECT_EQ(static_cast<bool>(db), !failed);
-		      }),
-	    2);
-	EXPECT_EQ(file_.text(), "a=1;\tp=string,one;\n");
+	auto read = [](Subject &s) { return ostrel_db_read(s.db.get(), s.idl.get(), 0, s.found.out()); };
+	auto write = [](Subject &s) { return ostrel_db_write(s.db.get(), s.idl.get(), 0, s.props.get()); };
+	auto open_another = [&](Subject &s) {
+		return ostrel_db_open(file_.hatch.c_str(), 0, ostrel_hatches_db_cmds, 0, s.opened.out());
+	};
+	auto check_opened = [](Subject &s, ostrel_error_t result, bool failed) {
+		EXPECT_EQ(result, failed ? OSTREL_NO_MEMORY : OSTREL_SUCCESS);
+		EXPECT_EQ(static_cast<bool>(s.opened), !failed);
+	};
+	EXPECT_GT(sweep_allocations(prepare, read, check), 4);
+	EXPECT_GT(sweep_allocations(prepare, write, check), 3);
+	EXPECT_GT(sweep_allocations(prepare, open_another, check_opened), 2);
+	EXPECT_EQ(file_.text(), first_text);
 }
 
 // ---- What goes out, and what may come back ----
