@@ -51,15 +51,10 @@ Process serve_file(const ServedFile &file, const char *read_auth = nullptr, cons
     ostrel_db_cmds_t cmds = ostrel_files_db_cmds);
 
 std::string packed(attrlist_t *list);
-
-// A block as it travels. Its lengths are those of the lists, until a test writes others.
-struct Block {
-	ostrel_hatch_arg_t head = {};
-	std::string lists;
-
-	explicit Block(ostrel_hatch_cmd_t cmd, const std::string &ids = {}, const std::string &data = {});
-	std::string bytes() const;
-};
+// A block as it travels, from its description, which tests/golden/hatch_requests.txt explains.
+std::string block_of(const std::string &text);
+// The rows of a golden file, of two texts each.
+std::vector<std::pair<std::string, std::string>> golden_pairs(const std::string &name);
 
 // A reply taken apart: its head, and the objects of its list as text, "ids|props" one after another.
 struct Reply {
@@ -67,11 +62,10 @@ struct Reply {
 	ostrel_hatch_arg_t head;
 	size_t size;
 	std::string objects;
+
+	// "command flags result objects", or the error of the call.
+	std::string text() const;
 };
-Reply ask(int hatch, const std::string &request);
-inline Reply ask(int hatch, const Block &request)
-{
-	return ask(hatch, request.bytes());
-}
+Reply ask(int hatch, const std::string &block);
 
 #endif
