@@ -22,19 +22,6 @@ namespace {
 
 class HatchCall : public ServedHatchTest {};
 
-// Makes a bounded call; the errno value.
-int call_bounded(int fd, Ask ask, int seconds, size_t reply_max)
-{
-	char reply[64];
-	hatch_arg_t arg = {reinterpret_cast<char *>(&ask), sizeof ask, nullptr, 0, reply, sizeof reply};
-	if (hatch_call_bounded(fd, &arg, seconds, reply_max) != 0)
-		return errno;
-	EXPECT_EQ(arg.data_size, ask.size);
-	if (arg.rbuf != reply)
-		(void) munmap(arg.rbuf, arg.rsize);
-	return 0;
-}
-
 // Sizes on both sides of every border: nothing, a buffer, a page, a message, many messages, what a thread keeps room for;
 // and small ones where large ones were before.
 const size_t sizes[] = {0, 1, 15, 16, 17, 39, 40, 4095, 4096, 4097, 65536, piece_max - 17, piece_max - 1, piece_max,
@@ -121,29 +108,6 @@ TEST_F(HatchCall, AReturnThatFailsComesBackAndTheNextOneReplies)
 	EXPECT_EQ(call(fd_.get(), std::string("next")).data, "next");
 }
 
-TEST_F(HatchCall, TheHandlerGetsItsCookieAndAnAlignedRequest)
-{
-	struct Seen {
-		uintptr_t address;
-		size_t size;
-		hatch_desc_t *descs;
-		unsigned int ndescs;
-	} seen = {};
-	auto look = [](void *cookie, char *arg, size_t size, hatch_desc_t *descs, unsigned int ndescs) {
-		*static_cast<Seen *>(cookie) = {reinterpret_cast<uintptr_t>(arg), size, descs, ndescs};
-		hatch_return(nullptr, 0, nullptr, 0);
-	};
-	LocalHatch own(scratch_.path("own"), look, &seen);
-	Fd fd = open_hatch(scratch_.path("own"));
-	for (size_t size : {size_t{3}, size_t{70000}, 2 * piece_max}) {
-		EXPECT_EQ(call(fd.get(), std::string(size, 'x')).error, 0);
-		EXPECT_EQ(seen.size, size);
-		EXPECT_EQ(seen.address % alignof(max_align_t), 0U);
-		EXPECT_EQ(seen.descs, nullptr);
-		EXPECT_EQ(seen.ndescs, 0U);
-	}
-}
-
 TEST_F(HatchCall, NoDescriptorButAHatchsCanBeCalled)
 {
 	int pipe_ends[2];
@@ -163,24 +127,6 @@ TEST_F(HatchCall, NoDescriptorButAHatchsCanBeCalled)
 		hatch_forget(fd);
 	}
 	EXPECT_EQ(lseek(copy.get(), 0, SEEK_CUR), 0) << "a file that never was a hatch is marked as one";
-}
-
-TEST_F(HatchCall, ManyThreadsShareADescriptorAndEachGetsItsOwnReply)
-{
-	std::atomic<int> wrong = 0;
-	std::vector<std::jthread> threads;
-	for (size_t t = 0; t < 16; t++) {
-		threads.emplace_back([&, t] {
-			for (size_t i = 0; i < (sanitized ? 20 : 60); i++) {
-				std::string request = std::string(16, '\0') + std::to_string(t * 1000 + i);
-				request.resize(20 + (i % 7) * 50'000, 'x');
-				Answer answer = call(fd_.get(), request, i % 2 == 0 ? 0 : 60'000);
-				wrong += answer.error != 0 || answer.data != request;
-			}
-		});
-	}
-	threads.clear();
-	EXPECT_EQ(wrong, 0);
 }
 
 TEST_F(HatchCall, HandlersThatBlockHoldNobodyUpUntilThereAreTooManyAndThenCallsWait)
@@ -235,16 +181,11 @@ TEST_P(Interrupted, CallGoesOnWhateverTheHandlerSays)
 			return 1;
 		const std::string much = test_bytes(3'000'000);
 		for (int seconds : {0, 100}) {
-			if (call_bounded(fd_.get(), {Do::Sleep, 100, 0}, seconds, 0) != 0)
+			if (call(fd_.get(), Ask{Do::Sleep, 100, 0}, 0, Bounds{seconds, 0}).error != 0)
 				return 2;
 			for (int i = 0; i < 20; i++) {
-				std::string copy = much;
-				hatch_arg_t arg = {copy.data(), copy.size(), nullptr, 0, nullptr, 0};
-				if (hatch_call_bounded(fd_.get(), &arg, seconds, 0) != 0)
+				if (call(fd_.get(), much, 0, Bounds{seconds, 0}).data != much)
 					return 3;
-				if (much.compare(0, much.npos, arg.data_ptr, arg.data_size) != 0)
-					return 4;
-				(void) munmap(arg.rbuf, arg.rsize);
 			}
 			hatch_forget(fd_.get());
 		}
@@ -258,7 +199,7 @@ INSTANTIATE_TEST_SUITE_P(Hatch, Interrupted, testing::Values(0, SA_RESTART, int{
 
 TEST_F(HatchCall, AReplyThatCameWhileTheCallerWasStoppedIsTakenThoughTheTimeIsOver)
 {
-	Process client([&] { return call_bounded(fd_.get(), {Do::Sleep, 300, 0}, 1, 0); });
+	Process client([&] { return call(fd_.get(), Ask{Do::Sleep, 300, 0}, 0, Bounds{1, 0}).error; });
 	Process stopper = stop_often(client.pid(), 100, 3000);
 	EXPECT_EQ(client.wait(), 0);
 }
@@ -295,7 +236,9 @@ using HatchCallBounded = HatchCall;
 
 TEST_F(HatchCallBounded, GivesUpAServerThatStaysSilentAndTheNextOneIsServed)
 {
-	auto call = [&](uint32_t ms, int seconds) { return call_bounded(fd_.get(), {Do::Sleep, ms, 0}, seconds, 0); };
+	auto call = [&](uint32_t ms, int seconds) {
+		return ::call(fd_.get(), Ask{Do::Sleep, ms, 0}, 0, Bounds{seconds, 0}).error;
+	};
 	EXPECT_EQ(call(0, 1), 0);
 	EXPECT_EQ(call(1500, 1), ETIMEDOUT);
 	EXPECT_EQ(call(0, 1), 0);
@@ -306,9 +249,11 @@ TEST_F(HatchCallBounded, GivesUpAServerThatStaysSilentAndTheNextOneIsServed)
 TEST_F(HatchCallBounded, TakesNoReplyThatIsTooLongAndGoesOn)
 {
 	for (size_t size : {size_t{40}, size_t{5000}, size_t{3} << 20}) {
-		EXPECT_EQ(call_bounded(fd_.get(), {Do::Size, 0, size}, 0, size), 0);
-		EXPECT_EQ(call_bounded(fd_.get(), {Do::Size, 0, size}, 0, size - 1), EMSGSIZE);
-		EXPECT_EQ(call_bounded(fd_.get(), {Do::Size, 0, size}, 0, 0), 0);
+		for (size_t most : {size, size - 1, size_t{0}}) {
+			const Answer answer = call(fd_.get(), Ask{Do::Size, 0, size}, 64, Bounds{0, most});
+			EXPECT_EQ(answer.error, most == size - 1 ? EMSGSIZE : 0) << size << " of " << most;
+			EXPECT_EQ(answer.data.size(), most == size - 1 ? 0 : size) << size << " of " << most;
+		}
 	}
 }
 

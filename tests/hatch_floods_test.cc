@@ -2,12 +2,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -32,39 +32,24 @@ class HatchMemory : public HatchTest {};
 
 TEST_F(HatchMemory, TheLeastBoundOfAGroupAndItsParentsCounts)
 {
-	struct Group {
-		const char *what;
-		const char *groups; // /proc/self/cgroup
-		std::map<std::string, std::string> files;
-		size_t bound; // in MiB; 0: the machine's
-	};
-	const Group all[] = {
-	    {"no groups", "", {}, 0},
-	    {"version 2", "0::/a/b\n", {{"a/b/memory.max", "max\n"}, {"a/memory.max", "12582912\n"}}, 12},
-	    {"a smaller child", "0::/a/b\n", {{"a/b/memory.max", "8388608\n"}, {"a/memory.max", "12582912\n"}}, 8},
-	    {"in a namespace", "0::/\n", {{"memory.max", "16777216\n"}}, 16},
-	    {"a name from outside", "0::/x/y\n", {{"memory.max", "16777216\n"}}, 16},
-	    {"no bound", "0::/a\n", {{"a/memory.max", "max\n"}}, 0},
-	    {"version 1", "5:cpu:/z\n4:pids,memory:/a/b\n",
-		{{"memory/a/b/memory.limit_in_bytes", "9223372036854771712\n"},
-		    {"memory/a/memory.limit_in_bytes", "20971520\n"}, {"memory/z/memory.limit_in_bytes", "1\n"}},
-		20},
-	    {"both", "4:memory:/m\n0::/u\n",
-		{{"memory/m/memory.limit_in_bytes", "20971520\n"}, {"unified/u/memory.max", "10485760\n"}}, 10},
-	    {"nonsense", "\n::\n0::\n0:\nmemory\n0::/a\n", {{"a/memory.max", "1x\n"}}, 0},
-	};
-	for (const Group &one : all) {
+	for (const auto &[groups, bound] : golden_pairs("memory_bounds.txt")) {
 		Scratch tree;
 		std::filesystem::create_directories(tree.path("proc/self"));
-		(void) tree.write("proc/self/cgroup", one.groups);
-		for (const auto &[path, text] : one.files) {
-			std::filesystem::path file = tree.path("sys/fs/cgroup/" + path);
-			std::filesystem::create_directories(file.parent_path());
-			(void) tree.write("sys/fs/cgroup/" + path, text);
+		std::istringstream words(groups);
+		std::string lines;
+		for (std::string word; words >> word;) {
+			const size_t equals = word.find('=');
+			if (equals == word.npos) {
+				lines += (word == "-" ? "" : word) + "\n";
+				continue;
+			}
+			const std::string file = "sys/fs/cgroup/" + word.substr(0, equals);
+			std::filesystem::create_directories(std::filesystem::path(tree.path(file)).parent_path());
+			(void) tree.write(file, word.substr(equals + 1) + "\n");
 		}
-		const size_t machine = read_memory_bound("/nowhere");
-		EXPECT_EQ(read_memory_bound(tree.directory().c_str()), one.bound == 0 ? machine : one.bound * mib)
-		    << one.what;
+		(void) tree.write("proc/self/cgroup", lines);
+		const size_t expected = bound == "machine" ? read_memory_bound("/nowhere") : std::stoul(bound);
+		EXPECT_EQ(read_memory_bound(tree.directory().c_str()), expected) << groups;
 	}
 }
 
@@ -109,30 +94,6 @@ TEST_F(HatchMemory, ChargesAddUpWhateverIsAskedFor)
 	set_pool_size(0);
 }
 
-// Carries out in its handler what a stranger's request may lead to, and gives the errors.
-void amplify(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
-{
-	Ask ask = {};
-	memcpy(&ask, arg, std::min(size, sizeof ask));
-	int error = 0;
-	attrlist_t *list = nullptr;
-	switch (ask.number) {
-	case 0:
-		error = attrlist_unpack(arg + sizeof ask, size - sizeof ask, &list, 0);
-		attrlist_free(list);
-		break;
-	case 1:
-		error = hatch_charge(ask.size) == 0 ? 0 : errno;
-		break;
-	case 2:
-		error = hatch_reply_memory(ask.size) != nullptr ? 0 : errno;
-		break;
-	default:
-		break;
-	}
-	(void) hatch_return(reinterpret_cast<const char *>(&error), sizeof error, nullptr, 0);
-}
-
 // Lists without members take many times their packed size.
 std::string empty_lists(size_t bytes)
 {
@@ -147,21 +108,21 @@ TEST_F(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
 {
 	SKIP_UNLESS_ROOT();
 	set_pool_size(32 * mib); // 14 MiB for a stranger alone
-	LocalHatch served(path_, amplify);
+	LocalHatch served(path_);
 	const struct Case {
 		const char *what;
 		Ask ask;
 		std::string more;
 		int of_stranger, of_root;
 	} cases[] = {
-	    {"few lists", {Do::Echo, 0, 0}, empty_lists(mib / 16), 0, 0},
-	    {"many lists", {Do::Echo, 0, 0}, empty_lists(4 * mib), ENOMEM, 0},
-	    {"a charge", {Do::Echo, 1, 10 * mib}, "", 0, 0},
-	    {"a large charge", {Do::Echo, 1, 20 * mib}, "", ENOMEM, 0},
-	    {"an absurd charge", {Do::Echo, 1, SIZE_MAX}, "", ENOMEM, ENOMEM},
-	    {"a reply", {Do::Echo, 2, 10 * mib}, "", 0, 0},
-	    {"a large reply", {Do::Echo, 2, 20 * mib}, "", ENOMEM, 0},
-	    {"a large request and a charge", {Do::Echo, 1, 6 * mib}, std::string(10 * mib, 'x'), ENOMEM, 0},
+	    {"few lists", {Do::Unpack, 0, 0}, empty_lists(mib / 16), 0, 0},
+	    {"many lists", {Do::Unpack, 0, 0}, empty_lists(4 * mib), ENOMEM, 0},
+	    {"a charge", {Do::Charge, 0, 10 * mib}, "", 0, 0},
+	    {"a large charge", {Do::Charge, 0, 20 * mib}, "", ENOMEM, 0},
+	    {"an absurd charge", {Do::Charge, 0, SIZE_MAX}, "", ENOMEM, ENOMEM},
+	    {"a reply", {Do::Reserve, 0, 10 * mib}, "", 0, 0},
+	    {"a large reply", {Do::Reserve, 0, 20 * mib}, "", ENOMEM, 0},
+	    {"a large request and a charge", {Do::Charge, 0, 6 * mib}, std::string(10 * mib, 'x'), ENOMEM, 0},
 	};
 	for (const Case &one : cases) {
 		for (uid_t user : {stranger, uid_t{0}}) {

@@ -75,6 +75,12 @@ void reply_sized(size_t size)
 	hatch_return(bytes, size, nullptr, 0);
 }
 
+int unpack_error(const char *bytes, size_t size)
+{
+	AttrList list;
+	return attrlist_unpack(bytes, size, list.out(), 0);
+}
+
 void return_badly()
 {
 	int seen[2] = {};
@@ -96,8 +102,10 @@ void must(bool good, const char *what)
 	abort();
 }
 
-void obey(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
+void obey(void *, char *arg, size_t size, hatch_desc_t *descs, unsigned int ndescs)
 {
+	must(reinterpret_cast<uintptr_t>(arg) % alignof(max_align_t) == 0, "an aligned request");
+	must(descs == nullptr && ndescs == 0, "no descriptors");
 	Ask ask = {Do::Echo, 0, 0};
 	if (size >= sizeof ask)
 		memcpy(&ask, arg, sizeof ask);
@@ -114,6 +122,12 @@ void obey(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
 		return reply_with(caller());
 	case Do::ReturnBadly:
 		return return_badly();
+	case Do::Unpack:
+		return reply_with(unpack_error(arg + sizeof ask, size - sizeof ask));
+	case Do::Charge:
+		return reply_with(hatch_charge(ask.size) == 0 ? 0 : errno);
+	case Do::Reserve:
+		return reply_with(hatch_reply_memory(ask.size) != nullptr ? 0 : errno);
 	case Do::Fork:
 		return reply_with(in_forked_child());
 	case Do::Revoke:
@@ -243,13 +257,14 @@ unsigned long allow_descriptors(unsigned long most)
 	return limit.rlim_cur;
 }
 
-Answer call(int hatch, const std::string &request, size_t room)
+Answer call(int hatch, const std::string &request, size_t room, const std::optional<Bounds> &bounds)
 {
 	std::string buffer(room, '\0');
 	std::string sent = request;
 	hatch_arg_t arg = {
 	    sent.data(), sent.size(), nullptr, 0, room == 0 ? nullptr : buffer.data(), room == 0 ? 1 : room};
-	if (hatch_call(hatch, &arg) == -1)
+	if ((bounds ? hatch_call_bounded(hatch, &arg, bounds->seconds, bounds->reply_max) : hatch_call(hatch, &arg)) ==
+	    -1)
 		return {errno, {}, false};
 	if (arg.data_size == 0)
 		return {0, {}, false};
@@ -259,9 +274,9 @@ Answer call(int hatch, const std::string &request, size_t room)
 	return answer;
 }
 
-Answer call(int hatch, Ask ask, size_t room)
+Answer call(int hatch, Ask ask, size_t room, const std::optional<Bounds> &bounds)
 {
-	return call(hatch, std::string(reinterpret_cast<const char *>(&ask), sizeof ask), room);
+	return call(hatch, std::string(reinterpret_cast<const char *>(&ask), sizeof ask), room, bounds);
 }
 
 std::vector<int> numbers_of(const Answer &answer)

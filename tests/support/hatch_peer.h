@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -25,6 +26,9 @@ enum class Do : uint32_t {
 	NoReply,     // returns without a reply
 	Who,         // replies with a Caller
 	ReturnBadly, // tries hatch_return() with a NULL and with descriptors, then replies with both errno values
+	Unpack,      // unpacks the list that follows, and replies with the error
+	Charge,      // charges the caller with `size` bytes, and replies with the error
+	Reserve,     // takes reply memory of `size` bytes, and replies with the error
 	Fork,        // forks; replies with what the calls of a handler gave in the child
 	Revoke,      // revokes the hatch `number` that it runs for, then replies
 	Block,       // waits until release_blocked()
@@ -126,9 +130,14 @@ struct Answer {
 	bool mapped; // it came in a fresh mapping
 };
 
-// Calls with no buffer for the reply, or with one of `room` bytes.
-Answer call(int hatch, const std::string &request, size_t room = 0);
-Answer call(int hatch, Ask ask, size_t room = 0);
+struct Bounds {
+	int seconds;
+	size_t reply_max;
+};
+
+// Calls with no buffer for the reply, or with one of `room` bytes; within bounds if there are some.
+Answer call(int hatch, const std::string &request, size_t room = 0, const std::optional<Bounds> &bounds = {});
+Answer call(int hatch, Ask ask, size_t room = 0, const std::optional<Bounds> &bounds = {});
 // An answer that is an array of int.
 std::vector<int> numbers_of(const Answer &answer);
 // Who the server says is calling.
