@@ -320,27 +320,6 @@ TEST_F(HatchHostile, AReadersLockDoesNotMakeADeadServerAlive)
 
 class HatchLimits : public HatchTest {};
 
-TEST_F(HatchLimits, WhenDescriptorsRunOutTheLongestIdleConnectionGoesAndRunningCallsGoOn)
-{
-	Process server = serve(path_, 64);
-	Fd fd = open_hatch(path_);
-	Answer slow;
-	std::thread running([&] { slow = call(fd.get(), Ask{Do::Sleep, 300, 0}); });
-	std::vector<RawClient> clients;
-	for (int i = 0; i < 400; i++) {
-		clients.emplace_back(path_);
-		for (int calls = 0; calls < (i < 200 ? 1 : 4); calls++) // the last ones have dedicated threads
-			ASSERT_TRUE(clients.back().is_served()) << i;
-	}
-	EXPECT_EQ(clients.front().receive(), "<end>");
-	EXPECT_TRUE(clients.back().is_served());
-	EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) < 64 - 10; })) << "handlers have none left";
-	running.join();
-	EXPECT_EQ(slow.error, 0);
-	// A kept connection that was dropped meanwhile is replaced without a failure.
-	EXPECT_EQ(call(fd.get(), std::string("x")).data, "x");
-}
-
 // Everybody who can reach a hatch can send to it, with or without a right.
 TEST_F(HatchLimits, ARequestWithoutAnEndIsRefusedBeforeItTakesTheMachinesMemory)
 {
