@@ -19,43 +19,48 @@ namespace {
 
 constexpr char first_text[] = "a=1;\tp=string,one;\na=2;\tp=string,two;\n";
 
-// ---- Requests ----
-
-class HatchRequests : public testing::Test {
+// A served file, or one to serve, and its database.
+class HatchServer : public testing::Test {
 protected:
 	void SetUp() override
 	{
 		SKIP_UNLESS_ROOT();
 		file_.write(first_text);
-		server_ = std::make_unique<LocalServer>(file_);
-		hatch_ = open_hatch(file_.hatch);
 	}
-	// The next honest call works, and nothing was changed.
-	void TearDown() override
+	ostrel_error_t create(const std::string &path)
 	{
-		if (!hatch_)
-			return;
-		EXPECT_EQ(ask(hatch_.get(), "read ids=a=2").objects, "a=2;|p=two; ");
-		EXPECT_EQ(file_.text(), first_text);
+		return ostrel_hatchserver_create(path.c_str(), nullptr, nullptr, db_.get(), &hatch_);
+	}
+	void destroy() const { ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_); }
+	static struct stat look(const std::string &path)
+	{
+		struct stat st = {};
+		EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
+		return st;
 	}
 
 	ServedFile file_;
-	std::unique_ptr<LocalServer> server_;
-	Fd hatch_;
+	Database db_ = open_database(file_.path);
+	int hatch_ = -1;
 };
+
+// ---- Requests ----
+
+class HatchRequests : public HatchServer {};
 
 TEST_F(HatchRequests, AreAnsweredAsTheGoldenFileSays)
 {
+	LocalServer server(file_);
+	Fd hatch = open_hatch(file_.hatch);
 	for (const auto &[request, expected] : golden_pairs("hatch_requests.txt"))
-		EXPECT_EQ(ask(hatch_.get(), request).text(), expected) << request;
-}
-
-TEST_F(HatchRequests, OfManyMegabytesAreJudgedByTheDatabase)
-{
+		EXPECT_EQ(ask(hatch.get(), request).text(), expected) << request;
+	// Many megabytes are judged by the database.
 	const std::string big = " ids=a=" + std::string(size_t{sanitized ? 4 : 64} << 20, 'x');
-	EXPECT_EQ(ask(hatch_.get(), "read" + big).objects, "");
-	EXPECT_EQ(ask(hatch_.get(), "write props=p=x" + big).text(), "write 2 invalid argument");
-	EXPECT_EQ(ask(hatch_.get(), "remove" + big).text(), "remove 2 object not found");
+	EXPECT_EQ(ask(hatch.get(), "read" + big).objects, "");
+	EXPECT_EQ(ask(hatch.get(), "write props=p=x" + big).text(), "write 2 invalid argument");
+	EXPECT_EQ(ask(hatch.get(), "remove" + big).text(), "remove 2 object not found");
+	EXPECT_EQ(ask(hatch.get(), "read ids=a=2").objects, "a=2;|p=two; ");
+	EXPECT_EQ(file_.text(), first_text);
 }
 
 // A store of the test's own: reads give as many objects of as many bytes as it says.
@@ -98,13 +103,7 @@ TEST_F(HatchRequests, WithoutADatabaseToServeAreRefused)
 
 // ---- Replies ----
 
-class HatchReplies : public testing::Test {
-protected:
-	void SetUp() override { SKIP_UNLESS_ROOT(); }
-	void TearDown() override { store = Store(); }
-
-	ServedFile file_;
-};
+class HatchReplies : public HatchServer {};
 
 TEST_F(HatchReplies, OfEveryLengthComeThroughWholeAndLeaveNothingBehind)
 {
@@ -143,16 +142,15 @@ TEST_F(HatchReplies, OfEveryLengthComeThroughWholeAndLeaveNothingBehind)
 
 // ---- Who may do what ----
 
-class HatchRights : public testing::Test {
+class HatchRights : public HatchServer {
 protected:
 	void SetUp() override
 	{
-		SKIP_UNLESS_ROOT();
+		HatchServer::SetUp();
 		for (const char *name : {"daemon", "bin", "sys"}) {
 			if (getpwnam(name) == nullptr)
 				GTEST_SKIP() << "no user " << name;
 		}
-		file_.write(first_text);
 		file_.write_rights("daemon: ostrel.read, ostrel.write\nbin: ostrel.read\n");
 	}
 	void TearDown() override { (void) unsetenv("MERIDON_ROOT"); }
@@ -184,8 +182,6 @@ protected:
 		return said.substr(0, 6);
 	}
 	std::string may(const char *name) { return may(user(name)); }
-
-	ServedFile file_;
 };
 
 TEST_F(HatchRights, EachUserMayDoWhatTheFileSays)
@@ -344,29 +340,6 @@ TEST_F(HatchElsewhere, AnotherLevelOrEnclaveOfARepositoryTakesTheRight)
 
 // ---- Beginning and end ----
 
-class HatchServer : public testing::Test {
-protected:
-	void SetUp() override
-	{
-		SKIP_UNLESS_ROOT();
-		file_.write(first_text);
-	}
-	ostrel_error_t create(const std::string &path)
-	{
-		return ostrel_hatchserver_create(path.c_str(), nullptr, nullptr, db_.get(), &hatch_);
-	}
-	static struct stat look(const std::string &path)
-	{
-		struct stat st = {};
-		EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
-		return st;
-	}
-
-	ServedFile file_;
-	Database db_ = open_database(file_.path);
-	int hatch_ = -1;
-};
-
 TEST_F(HatchServer, MakesItsPlaceAsItMustBeAndLeavesTheDirectory)
 {
 	const std::string directory = file_.scratch.path("hatches");
@@ -379,7 +352,7 @@ TEST_F(HatchServer, MakesItsPlaceAsItMustBeAndLeavesTheDirectory)
 		EXPECT_EQ(look(directory).st_uid, 16U);
 		EXPECT_EQ(look(directory).st_gid, 65U);
 		EXPECT_NE(fcntl(hatch_, F_GETFD), -1);
-		ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_);
+		destroy();
 		EXPECT_FALSE(file_.scratch.has("hatches/db"));
 		// What is there already is put right.
 		ASSERT_EQ(chmod(directory.c_str(), 0700), 0);
@@ -388,33 +361,26 @@ TEST_F(HatchServer, MakesItsPlaceAsItMustBeAndLeavesTheDirectory)
 	}
 }
 
-TEST_F(HatchServer, StoresItsRightsFirstAndCutsThem)
+TEST_F(HatchServer, RefusesWhatItCannotServeAndStoresItsRightsFirstAndCutsThem)
 {
-	const std::string two_levels = file_.scratch.path("no/such");
-	ASSERT_EQ(ostrel_hatchserver_create(
-		      (two_levels + "/db").c_str(), "r", std::string(2000, 'w').c_str(), db_.get(), &hatch_),
-	    OSTREL_NOT_FOUND);
+	Database nameless = open_database("");
+	auto refusal = [&](const std::string &path, ostrel_db_t db, int *hatch) {
+		return ostrel_hatchserver_create(path.c_str(), "r", std::string(2000, 'w').c_str(), db, hatch);
+	};
+	EXPECT_EQ(refusal(file_.hatch, nullptr, &hatch_), OSTREL_INVALID_ARG);
+	EXPECT_EQ(refusal(file_.hatch, db_.get(), nullptr), OSTREL_INVALID_ARG);
+	EXPECT_EQ(refusal(file_.hatch, nameless.get(), &hatch_), OSTREL_INVALID_ARG);
+	EXPECT_EQ(ostrel_hatchserver_create(nullptr, nullptr, nullptr, db_.get(), &hatch_), OSTREL_INVALID_ARG);
+	EXPECT_EQ(refusal("", db_.get(), &hatch_), OSTREL_INVALID_ARG);
+	EXPECT_EQ(refusal(file_.path + "/db", db_.get(), &hatch_), OSTREL_NOT_FOUND) << "the directory is a file";
+	EXPECT_EQ(refusal(file_.scratch.path("no/such/db"), db_.get(), &hatch_), OSTREL_NOT_FOUND);
+	EXPECT_FALSE(file_.scratch.has("hatches"));
+	EXPECT_EQ(hatch_, -1);
 	EXPECT_STREQ(ostrel_db_get_read_auth(db_.get()), "r");
 	EXPECT_EQ(ostrel_db_get_write_auth(db_.get()), std::string(1023, 'w'));
 	ASSERT_EQ(create(file_.hatch), OSTREL_SUCCESS);
 	EXPECT_STREQ(ostrel_db_get_read_auth(db_.get()), "");
-	ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_);
-}
-
-TEST_F(HatchServer, RefusesWhatItCannotServe)
-{
-	EXPECT_EQ(
-	    ostrel_hatchserver_create(file_.hatch.c_str(), nullptr, nullptr, nullptr, &hatch_), OSTREL_INVALID_ARG);
-	EXPECT_EQ(
-	    ostrel_hatchserver_create(file_.hatch.c_str(), nullptr, nullptr, db_.get(), nullptr), OSTREL_INVALID_ARG);
-	Database nameless = open_database("");
-	EXPECT_EQ(ostrel_hatchserver_create(file_.hatch.c_str(), nullptr, nullptr, nameless.get(), &hatch_),
-	    OSTREL_INVALID_ARG);
-	EXPECT_EQ(ostrel_hatchserver_create(nullptr, nullptr, nullptr, db_.get(), &hatch_), OSTREL_INVALID_ARG);
-	EXPECT_EQ(create(""), OSTREL_INVALID_ARG);
-	EXPECT_FALSE(file_.scratch.has("hatches"));
-	EXPECT_EQ(create(file_.path + "/db"), OSTREL_NOT_FOUND) << "the directory is a file";
-	EXPECT_EQ(hatch_, -1);
+	destroy();
 }
 
 TEST_F(HatchServer, ChangesNoFileThatIsNotItsOwn)
@@ -469,7 +435,7 @@ TEST_F(HatchServer, TakesThePathOverFromOneThatLives)
 	ostrel_hatchserver_destroy(file_.hatch.c_str(), -1);
 	EXPECT_FALSE(file_.scratch.has("hatches/db")) << "without a hatch the path alone is destroyed";
 	EXPECT_NE(fcntl(hatch_, F_GETFD), -1);
-	ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_);
+	destroy();
 	EXPECT_EQ(fcntl(hatch_, F_GETFD), -1);
 }
 
