@@ -268,19 +268,17 @@ TEST_F(HatchLife, RevokingWaitsForHandlersAndTheirRepliesStillArriveUnderLoad)
 TEST_F(HatchLife, AServersForkedChildNeitherServesNorKeepsItAlive)
 {
 	Signal found_none, end;
-	Process server([&] {
-		LocalHatch served(path_);
+	Process server = keep_in_process([&] {
+		auto served = std::make_unique<LocalHatch>(path_);
 		if (fork() == 0) { // it outlives the server
-			bool none = hatch_setparam(served.fd(), HATCH_PARAM_DATA_MIN, 0) == -1 && errno == EBADF;
-			none = hatch_revoke(served.fd()) == -1 && errno == EBADF && none;
+			bool none = hatch_setparam(served->fd(), HATCH_PARAM_DATA_MIN, 0) == -1 && errno == EBADF;
+			none = hatch_revoke(served->fd()) == -1 && errno == EBADF && none;
 			if (none)
 				found_none.raise();
 			end.wait();
 			_exit(0);
 		}
-		for (;;)
-			pause();
-		return 0;
+		return served;
 	});
 	found_none.wait();
 	Fd fd = open_hatch(path_);

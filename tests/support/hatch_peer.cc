@@ -2,15 +2,15 @@
 #include "hatch_peer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <mutex>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -25,23 +25,13 @@
 
 namespace {
 
-std::mutex block_lock;
-std::condition_variable block_changed;
-int blocked;
-bool released;
+std::atomic<int> blocked;
+std::atomic<bool> released;
 
 template <typename T>
 void reply_with(const T &value)
 {
 	hatch_return(reinterpret_cast<const char *>(&value), sizeof value, nullptr, 0);
-}
-
-void block()
-{
-	std::unique_lock<std::mutex> hold(block_lock);
-	blocked++;
-	block_changed.wait(hold, [] { return released; });
-	blocked--;
 }
 
 Caller caller()
@@ -133,7 +123,9 @@ void obey(void *, char *arg, size_t size, hatch_desc_t *descs, unsigned int ndes
 	case Do::Revoke:
 		return reply_with(hatch_revoke(static_cast<int>(ask.number)));
 	case Do::Block:
-		block();
+		blocked++;
+		released.wait(false);
+		blocked--;
 		hatch_return(nullptr, 0, nullptr, 0);
 		return;
 	default:
@@ -143,15 +135,13 @@ void obey(void *, char *arg, size_t size, hatch_desc_t *descs, unsigned int ndes
 
 int blocked_calls()
 {
-	std::lock_guard<std::mutex> hold(block_lock);
 	return blocked;
 }
 
 void release_blocked()
 {
-	std::lock_guard<std::mutex> hold(block_lock);
 	released = true;
-	block_changed.notify_all();
+	released.notify_all();
 }
 
 std::string test_bytes(size_t size)
@@ -218,25 +208,20 @@ void Process::kill()
 	(void) wait();
 }
 
-Signal::Signal()
+Signal::Signal() : event_(eventfd(0, EFD_CLOEXEC))
 {
-	int ends[2];
-	must(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
-	read_end_.reset(ends[0]);
-	write_end_.reset(ends[1]);
+	must(static_cast<bool>(event_), "eventfd");
 }
 
 void Signal::raise() const
 {
-	must(write(write_end_.get(), "x", 1) == 1, "write");
+	must(eventfd_write(event_.get(), 1) == 0, "eventfd_write");
 }
 
 void Signal::wait() const
 {
-	struct pollfd raised = {read_end_.get(), POLLIN, 0};
+	struct pollfd raised = {event_.get(), POLLIN, 0};
 	must(poll_until(&raised, 1, Deadline::in(60 * second_ns)) == 1, "nobody raised the signal");
-	char byte;
-	must(read(read_end_.get(), &byte, 1) == 1, "read");
 }
 
 Process serve(const std::string &path, unsigned long descriptors)

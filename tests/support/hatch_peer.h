@@ -98,7 +98,7 @@ public:
 	void wait() const;
 
 private:
-	Fd read_end_, write_end_;
+	Fd event_;
 };
 
 // A process that makes something and has it until it is killed, from the moment that this returns on.
