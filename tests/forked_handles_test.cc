@@ -73,7 +73,7 @@ TEST(ForkedHandles, AFile)
 
 TEST(ForkedHandles, AHatch)
 {
-	SKIP_WITHOUT_ROOT();
+	SKIP_UNLESS_ROOT();
 	ServedFile file;
 	file.write("id=a;\tp=string,1;\n");
 	Process server = serve_file(file);

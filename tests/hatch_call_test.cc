@@ -5,7 +5,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <thread>
@@ -14,7 +13,6 @@
 #include "hatch/server.h"
 #include "hatch/wire.h"
 #include "hatch_peer.h"
-#include "scratch.h"
 
 using hatch::head_size;
 using hatch::memory_kept;
@@ -22,24 +20,7 @@ using hatch::piece_max;
 
 namespace {
 
-class HatchCall : public testing::Test {
-protected:
-	Scratch scratch_;
-	std::string path_ = attachable(scratch_.path("hatch"));
-};
-
-// Makes a bounded call; the errno value.
-int call_bounded(int fd, Ask ask, int seconds, size_t reply_max)
-{
-	char reply[64];
-	hatch_arg_t arg = {reinterpret_cast<char *>(&ask), sizeof ask, nullptr, 0, reply, sizeof reply};
-	if (hatch_call_bounded(fd, &arg, seconds, reply_max) != 0)
-		return errno;
-	EXPECT_EQ(arg.data_size, ask.size);
-	if (arg.rbuf != reply)
-		(void) munmap(arg.rbuf, arg.rsize);
-	return 0;
-}
+class HatchCall : public ServedHatchTest {};
 
 // Sizes on both sides of every border: nothing, a buffer, a page, a message, many messages, what a thread keeps room for;
 // and small ones where large ones were before.
@@ -49,17 +30,15 @@ const size_t sizes[] = {0, 1, 15, 16, 17, 39, 40, 4095, 4096, 4097, 65536, piece
 
 TEST_F(HatchCall, RequestsAndRepliesOfEveryLengthComeThroughWhole)
 {
-	Process server = serve(path_);
-	Fd fd = open_hatch(path_);
 	for (size_t size : sizes) {
 		std::string request = test_bytes(size);
 		if (size >= sizeof(Ask))
 			memset(request.data(), 0, sizeof(Ask)); // Do::Echo
-		Answer answer = call(fd.get(), request);
+		Answer answer = call(fd_.get(), request);
 		EXPECT_EQ(answer.error, 0) << size;
 		EXPECT_TRUE(answer.data == request) << size;
 		EXPECT_EQ(answer.mapped, size != 0);
-		answer = call(fd.get(), Ask{Do::Size, 0, size});
+		answer = call(fd_.get(), Ask{Do::Size, 0, size});
 		EXPECT_EQ(answer.error, 0) << size;
 		EXPECT_TRUE(answer.data == test_bytes(size)) << size;
 	}
@@ -67,13 +46,11 @@ TEST_F(HatchCall, RequestsAndRepliesOfEveryLengthComeThroughWhole)
 
 TEST_F(HatchCall, AReplyLiesInTheCallersBufferExactlyIfItFits)
 {
-	LocalHatch served(path_);
-	Fd fd = open_hatch(path_);
 	for (size_t size :
 	    {size_t{1}, size_t{100}, size_t{5000}, piece_max - 16, piece_max, piece_max + 1, 3 * piece_max}) {
 		std::string expected = test_bytes(size);
 		for (size_t room : {size / 2, size - 1, size, size + 1, size + 2 * piece_max}) {
-			Answer answer = call(fd.get(), Ask{Do::Size, 0, size}, room);
+			Answer answer = call(fd_.get(), Ask{Do::Size, 0, size}, room);
 			EXPECT_EQ(answer.mapped, room < size) << size << " in " << room;
 			EXPECT_TRUE(answer.data == expected) << size << " in " << room;
 		}
@@ -82,42 +59,40 @@ TEST_F(HatchCall, AReplyLiesInTheCallersBufferExactlyIfItFits)
 
 TEST_F(HatchCall, AFreshMappingIsDescribedToThePage)
 {
-	LocalHatch served(path_);
-	Fd fd = open_hatch(path_);
-	Ask ask = {Do::Size, 0, 5000};
-	hatch_arg_t arg = {reinterpret_cast<char *>(&ask), sizeof ask, nullptr, 0, nullptr, 1};
-	ASSERT_EQ(hatch_call(fd.get(), &arg), 0);
-	EXPECT_EQ(arg.rsize, 5000U);
-	EXPECT_EQ(arg.data_ptr, arg.rbuf);
-	EXPECT_EQ(arg.data_size, 5000U);
-	arg.rbuf[8191] = 'x'; // the whole of its last page is the caller's
-	ASSERT_EQ(munmap(arg.rbuf, arg.rsize), 0);
-	unsigned char resident[2];
-	EXPECT_EQ(mincore(arg.rbuf, 8192, resident), -1);
-	EXPECT_EQ(errno, ENOMEM);
-	// Without data there is none.
-	ask.size = 0;
-	arg = {reinterpret_cast<char *>(&ask), sizeof ask, nullptr, 0, nullptr, 1};
-	ASSERT_EQ(hatch_call(fd.get(), &arg), 0);
-	EXPECT_TRUE(arg.rbuf == nullptr && arg.rsize == 1 && arg.data_size == 0);
+	for (size_t size : {5000, 0}) {
+		Ask ask = {Do::Size, 0, size};
+		hatch_arg_t arg = {reinterpret_cast<char *>(&ask), sizeof ask, nullptr, 0, nullptr, 1};
+		ASSERT_EQ(hatch_call(fd_.get(), &arg), 0);
+		EXPECT_EQ(arg.data_size, size);
+		EXPECT_EQ(arg.rsize, size == 0 ? 1 : size);
+		if (size == 0) {
+			EXPECT_EQ(arg.rbuf, nullptr) << "without data there is none";
+			break;
+		}
+		EXPECT_EQ(arg.data_ptr, arg.rbuf);
+		arg.rbuf[8191] = 'x'; // the whole of its last page is the caller's
+		ASSERT_EQ(munmap(arg.rbuf, arg.rsize), 0);
+		unsigned char resident[2];
+		EXPECT_EQ(mincore(arg.rbuf, 8192, resident), -1);
+		EXPECT_EQ(errno, ENOMEM);
+	}
 }
 
 TEST_F(HatchCall, BadArgumentsAreRefused)
 {
-	LocalHatch served(path_);
-	Fd fd = open_hatch(path_);
-	hatch_desc_t desc = {0, fd.get()};
+	LocalHatch served(scratch_.path("own"));
+	hatch_desc_t desc = {0, fd_.get()};
 	hatch_arg_t with_desc = {nullptr, 0, &desc, 1, nullptr, 1}, without_data = {nullptr, 5, nullptr, 0, nullptr, 1};
 	peercred_t *cred = nullptr;
 	auto errno_of = [](int result) { return result == -1 ? errno : 0; };
 	EXPECT_EQ(errno_of(hatch_setparam(served.fd(), HATCH_PARAM_DATA_MIN + 1, 4)), EINVAL);
-	EXPECT_EQ(errno_of(hatch_setparam(fd.get(), HATCH_PARAM_DATA_MIN, 4)), EBADF);
+	EXPECT_EQ(errno_of(hatch_setparam(fd_.get(), HATCH_PARAM_DATA_MIN, 4)), EBADF);
 	EXPECT_EQ(errno_of(hatch_create(obey, nullptr, HATCH_REVOKED)), EINVAL);
 	EXPECT_EQ(errno_of(hatch_create(nullptr, nullptr, HATCH_REFUSE_DESC)), EINVAL);
-	EXPECT_EQ(errno_of(hatch_call(fd.get(), &with_desc)), ENOTSUP);
-	EXPECT_EQ(errno_of(hatch_call(fd.get(), &without_data)), EFAULT);
-	EXPECT_EQ(errno_of(hatch_call(fd.get(), nullptr)), EFAULT);
-	EXPECT_EQ(errno_of(hatch_info(fd.get(), nullptr)), EFAULT);
+	EXPECT_EQ(errno_of(hatch_call(fd_.get(), &with_desc)), ENOTSUP);
+	EXPECT_EQ(errno_of(hatch_call(fd_.get(), &without_data)), EFAULT);
+	EXPECT_EQ(errno_of(hatch_call(fd_.get(), nullptr)), EFAULT);
+	EXPECT_EQ(errno_of(hatch_info(fd_.get(), nullptr)), EFAULT);
 	// Outside of a handler.
 	EXPECT_EQ(errno_of(hatch_peercred(&cred)), EINVAL);
 	EXPECT_EQ(errno_of(hatch_return("x", 1, nullptr, 0)), EINVAL);
@@ -126,68 +101,11 @@ TEST_F(HatchCall, BadArgumentsAreRefused)
 
 TEST_F(HatchCall, AReturnThatFailsComesBackAndTheNextOneReplies)
 {
-	LocalHatch served(path_);
-	Fd fd = open_hatch(path_);
-	EXPECT_EQ(call(fd.get(), Ask{Do::NoReply, 0, 0}).error, ECONNABORTED) << "not taken for a server that has gone";
-	EXPECT_EQ(numbers_of(call(fd.get(), Ask{Do::ReturnBadly, 0, 0})), (std::vector{EFAULT, ENOTSUP}));
-	EXPECT_EQ(numbers_of(call(fd.get(), Ask{Do::Fork, 0, 0})), std::vector{7}) << "a forked child is no handler";
-	EXPECT_EQ(call(fd.get(), std::string("next")).data, "next");
-}
-
-TEST_F(HatchCall, TheHandlerGetsItsCookieAndAnAlignedRequest)
-{
-	struct Seen {
-		uintptr_t address;
-		size_t size;
-		hatch_desc_t *descs;
-		unsigned int ndescs;
-	} seen = {};
-	auto look = [](void *cookie, char *arg, size_t size, hatch_desc_t *descs, unsigned int ndescs) {
-		*static_cast<Seen *>(cookie) = {reinterpret_cast<uintptr_t>(arg), size, descs, ndescs};
-		hatch_return(nullptr, 0, nullptr, 0);
-	};
-	LocalHatch served(path_, look, &seen);
-	Fd fd = open_hatch(path_);
-	for (size_t size : {size_t{3}, size_t{70000}, 2 * piece_max}) {
-		EXPECT_EQ(call(fd.get(), std::string(size, 'x')).error, 0);
-		EXPECT_EQ(seen.size, size);
-		EXPECT_EQ(seen.address % alignof(max_align_t), 0U);
-		EXPECT_EQ(seen.descs, nullptr);
-		EXPECT_EQ(seen.ndescs, 0U);
-	}
-}
-
-TEST_F(HatchCall, FewerBytesThanTheHatchTakesAreRefusedAndNeverReachTheHandler)
-{
-	std::atomic<int> calls = 0;
-	auto count = [](void *cookie, char *, size_t size, hatch_desc_t *, unsigned int) {
-		++*static_cast<std::atomic<int> *>(cookie);
-		hatch_return(size == 4 ? "good" : "bad", 4, nullptr, 0);
-	};
-	LocalHatch served(path_, count, &calls);
-	ASSERT_EQ(hatch_setparam(served.fd(), HATCH_PARAM_DATA_MIN, 4), 0);
-	Fd fd = open_hatch(path_);
-	for (size_t size : {0, 1, 2, 3})
-		EXPECT_EQ(call(fd.get(), std::string(size, 'x')).error, ENOBUFS);
-	EXPECT_EQ(call(fd.get(), std::string("four")).data, "good");
-	EXPECT_EQ(calls, 1);
-}
-
-TEST_F(HatchCall, AHandlerCanCallAnotherHatchAndStillReplies)
-{
-	std::string inner_path = scratch_.path("inner");
-	LocalHatch inner(inner_path);
-	Fd inner_fd = open_hatch(inner_path);
-	int number = inner_fd.get();
-	auto relay = [](void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int) {
-		char buffer[100];
-		hatch_arg_t call = {arg, size, nullptr, 0, buffer, sizeof buffer};
-		if (hatch_call(*static_cast<int *>(cookie), &call) == 0)
-			hatch_return(call.data_ptr, call.data_size, nullptr, 0);
-	};
-	LocalHatch outer(path_, relay, &number);
-	Fd fd = open_hatch(path_);
-	EXPECT_EQ(call(fd.get(), std::string("through both")).data, "through both");
+	EXPECT_EQ(call(fd_.get(), Ask{Do::NoReply, 0, 0}).error, ECONNABORTED)
+	    << "not taken for a server that has gone";
+	EXPECT_EQ(numbers_of(call(fd_.get(), Ask{Do::ReturnBadly, 0, 0})), (std::vector{EFAULT, ENOTSUP}));
+	EXPECT_EQ(numbers_of(call(fd_.get(), Ask{Do::Fork, 0, 0})), std::vector{7}) << "a forked child is no handler";
+	EXPECT_EQ(call(fd_.get(), std::string("next")).data, "next");
 }
 
 TEST_F(HatchCall, NoDescriptorButAHatchsCanBeCalled)
@@ -211,52 +129,15 @@ TEST_F(HatchCall, NoDescriptorButAHatchsCanBeCalled)
 	EXPECT_EQ(lseek(copy.get(), 0, SEEK_CUR), 0) << "a file that never was a hatch is marked as one";
 }
 
-TEST_F(HatchCall, InfoNamesTheServer)
-{
-	Process server = serve(path_);
-	Fd fd = open_hatch(path_);
-	for (int round = 0; round < 2; round++) {
-		hatch_info_t info = {};
-		ASSERT_EQ(hatch_info(fd.get(), &info), 0);
-		EXPECT_EQ(info.di_target, server.pid());
-		EXPECT_EQ(info.di_attributes, HATCH_REFUSE_DESC);
-	}
-	LocalHatch own(scratch_.path("own"));
-	hatch_info_t info = {};
-	ASSERT_EQ(hatch_info(own.fd(), &info), 0);
-	EXPECT_EQ(info.di_target, getpid());
-}
-
-TEST_F(HatchCall, ManyThreadsShareADescriptorAndEachGetsItsOwnReply)
-{
-	Process server = serve(path_);
-	Fd fd = open_hatch(path_);
-	std::atomic<int> wrong = 0;
-	std::vector<std::jthread> threads;
-	for (size_t t = 0; t < 16; t++) {
-		threads.emplace_back([&, t] {
-			for (size_t i = 0; i < (sanitized ? 20 : 60); i++) {
-				std::string request = std::string(16, '\0') + std::to_string(t * 1000 + i);
-				request.resize(20 + (i % 7) * 50'000, 'x');
-				Answer answer = call(fd.get(), request, i % 2 == 0 ? 0 : 60'000);
-				wrong += answer.error != 0 || answer.data != request;
-			}
-		});
-	}
-	threads.clear();
-	EXPECT_EQ(wrong, 0);
-}
-
 TEST_F(HatchCall, HandlersThatBlockHoldNobodyUpUntilThereAreTooManyAndThenCallsWait)
 {
-	LocalHatch served(path_);
-	Fd fd = open_hatch(path_);
+	LocalHatch served(scratch_.path("own"));
+	Fd fd = open_hatch(scratch_.path("own"));
 	std::vector<std::jthread> threads;
 	std::atomic<int> failed = 0;
-	auto blocked = [&] { failed += call(fd.get(), Ask{Do::Block, 0, 0}).error != 0; };
 	auto add = [&](int count) {
 		for (int i = 0; i < count; i++)
-			threads.emplace_back(blocked);
+			threads.emplace_back([&] { failed += call(fd.get(), Ask{Do::Block, 0, 0}).error != 0; });
 	};
 	add(HATCH_THREADS_MAX - 1);
 	EXPECT_TRUE(eventually([&] { return blocked_calls() == HATCH_THREADS_MAX - 1; }));
@@ -290,8 +171,6 @@ class Interrupted : public HatchCall, public testing::WithParamInterface<int> {}
 // Waits for a connection, for room to send, for the reply and for the rest of it, with a bound and without.
 TEST_P(Interrupted, CallGoesOnWhateverTheHandlerSays)
 {
-	Process server = serve(path_);
-	Fd fd = open_hatch(path_);
 	Process client([&] {
 		struct sigaction action = {};
 		action.sa_handler = [](int) {};
@@ -302,18 +181,13 @@ TEST_P(Interrupted, CallGoesOnWhateverTheHandlerSays)
 			return 1;
 		const std::string much = test_bytes(3'000'000);
 		for (int seconds : {0, 100}) {
-			if (call_bounded(fd.get(), {Do::Sleep, 100, 0}, seconds, 0) != 0)
+			if (call(fd_.get(), Ask{Do::Sleep, 100, 0}, 0, Bounds{seconds, 0}).error != 0)
 				return 2;
 			for (int i = 0; i < 20; i++) {
-				std::string copy = much;
-				hatch_arg_t arg = {copy.data(), copy.size(), nullptr, 0, nullptr, 0};
-				if (hatch_call_bounded(fd.get(), &arg, seconds, 0) != 0)
+				if (call(fd_.get(), much, 0, Bounds{seconds, 0}).data != much)
 					return 3;
-				if (much.compare(0, much.npos, arg.data_ptr, arg.data_size) != 0)
-					return 4;
-				(void) munmap(arg.rbuf, arg.rsize);
 			}
-			hatch_forget(fd.get());
+			hatch_forget(fd_.get());
 		}
 		return 0;
 	});
@@ -325,80 +199,46 @@ INSTANTIATE_TEST_SUITE_P(Hatch, Interrupted, testing::Values(0, SA_RESTART, int{
 
 TEST_F(HatchCall, AReplyThatCameWhileTheCallerWasStoppedIsTakenThoughTheTimeIsOver)
 {
-	Process server = serve(path_);
-	Fd fd = open_hatch(path_);
-	Process client([&] { return call_bounded(fd.get(), {Do::Sleep, 300, 0}, 1, 0); });
+	Process client([&] { return call(fd_.get(), Ask{Do::Sleep, 300, 0}, 0, Bounds{1, 0}).error; });
 	Process stopper = stop_often(client.pid(), 100, 3000);
 	EXPECT_EQ(client.wait(), 0);
 }
 
-// In a frame of its own: a thread that is cancelled never ends the frames that it leaves, as a sanitizer sees them.
-__attribute__((noinline)) void sleep_in_call(int fd)
-{
-	(void) call(fd, Ask{Do::Sleep, 100, 0});
-}
-
-TEST_F(HatchCall, ACancelledThreadLeavesNoConnectionBehind)
-{
-	LocalHatch served(path_);
-	Fd fd = open_hatch(path_);
-	ASSERT_EQ(call(fd.get(), std::string("warm")).error, 0);
-	int before = open_descriptors();
-	pthread_t thread;
-	auto run = [](void *argument) -> void * {
-		sleep_in_call(*static_cast<int *>(argument));
-		pthread_testcancel();
-		return nullptr;
-	};
-	int number = fd.get();
-	ASSERT_EQ(pthread_create(&thread, nullptr, run, &number), 0);
-	ASSERT_EQ(pthread_cancel(thread), 0);
-	void *result = nullptr;
-	ASSERT_EQ(pthread_join(thread, &result), 0);
-	EXPECT_EQ(result, PTHREAD_CANCELED);
-	EXPECT_EQ(open_descriptors(), before);
-	EXPECT_EQ(call(fd.get(), std::string("next")).data, "next");
-}
-
 TEST_F(HatchCall, CyclesAndFailuresLeaveNothingBehind)
 {
-	Process server = serve(path_);
-	auto cycle = [&] {
-		Fd fd = open_hatch(path_);
-		bool good = call(fd.get(), std::string(100, 'x'), 200).error == 0;
-		hatch_forget(fd.get());
-		return good;
-	};
 	Fd plain = open_hatch(scratch_.write("plain", "x"));
-	auto fail = [&] { return call(plain.get(), std::string("x")).error == EBADF; };
-	ASSERT_TRUE(cycle() && fail());
-	int own = open_descriptors();
-	long own_kib = anonymous_kib();
-	long server_kib = anonymous_kib(server.pid());
-	for (int i = 0; i < 1000; i++)
-		ASSERT_TRUE(cycle());
-	for (int i = 0; i < 10'000; i++)
-		ASSERT_TRUE(fail());
-	Fd fd = open_hatch(path_);
-	for (int i = 0; i < 10'000; i++)
-		ASSERT_EQ(call(fd.get(), Ask{Do::NoReply, 0, 0}).error, ECONNABORTED);
-	hatch_forget(fd.get());
-	fd.reset();
+	auto repeat = [&](int times) {
+		for (int i = 0; i < times; i++) {
+			Fd fd = open_hatch(path_);
+			ASSERT_EQ(call(fd.get(), std::string(100, 'x'), 200).error, 0);
+			hatch_forget(fd.get());
+			for (int k = 0; k < 10; k++) {
+				ASSERT_EQ(call(plain.get(), std::string("x")).error, EBADF);
+				ASSERT_EQ(call(fd_.get(), Ask{Do::NoReply, 0, 0}).error, ECONNABORTED);
+			}
+		}
+		hatch_forget(fd_.get());
+	};
+	repeat(1);
+	const int own = open_descriptors();
+	const long own_kib = anonymous_kib(), server_kib = anonymous_kib(server_.pid());
+	repeat(1000);
 	EXPECT_EQ(open_descriptors(), own);
 	// What the process had open was its three streams, its set, its place and its threads: no connection stays.
-	EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) <= own + 12; }));
+	EXPECT_TRUE(eventually([&] { return descriptors_of(server_.pid()) <= own + 12; }));
 	if (!sanitized) {
 		EXPECT_LT(anonymous_kib() - own_kib, 2048);
-		EXPECT_LT(anonymous_kib(server.pid()) - server_kib, 2048);
+		EXPECT_LT(anonymous_kib(server_.pid()) - server_kib, 2048);
 	}
 }
 
-TEST(HatchCallBounded, GivesUpAServerThatStaysSilentAndTheNextOneIsServed)
+using HatchCallBounded = HatchCall;
+
+TEST_F(HatchCallBounded, GivesUpAServerThatStaysSilentAndTheNextOneIsServed)
 {
-	Scratch place;
-	LocalHatch hatch(place.path("hatch"));
-	Fd fd = open_hatch(place.path("hatch"));
-	auto call = [&](uint32_t ms, int seconds) { return call_bounded(fd.get(), {Do::Sleep, ms, 0}, seconds, 0); };
+	auto call = [&](uint32_t ms, int seconds) {
+		return ::call(fd_.get(), Ask{Do::Sleep, ms, 0}, 0, Bounds{seconds, 0}).error;
+	};
 	EXPECT_EQ(call(0, 1), 0);
 	EXPECT_EQ(call(1500, 1), ETIMEDOUT);
 	EXPECT_EQ(call(0, 1), 0);
@@ -406,15 +246,14 @@ TEST(HatchCallBounded, GivesUpAServerThatStaysSilentAndTheNextOneIsServed)
 	EXPECT_EQ(call(0, -1), EFAULT);
 }
 
-TEST(HatchCallBounded, TakesNoReplyThatIsTooLongAndGoesOn)
+TEST_F(HatchCallBounded, TakesNoReplyThatIsTooLongAndGoesOn)
 {
-	Scratch place;
-	LocalHatch hatch(place.path("hatch"));
-	Fd fd = open_hatch(place.path("hatch"));
 	for (size_t size : {size_t{40}, size_t{5000}, size_t{3} << 20}) {
-		EXPECT_EQ(call_bounded(fd.get(), {Do::Size, 0, size}, 0, size), 0);
-		EXPECT_EQ(call_bounded(fd.get(), {Do::Size, 0, size}, 0, size - 1), EMSGSIZE);
-		EXPECT_EQ(call_bounded(fd.get(), {Do::Size, 0, size}, 0, 0), 0);
+		for (size_t most : {size, size - 1, size_t{0}}) {
+			const Answer answer = call(fd_.get(), Ask{Do::Size, 0, size}, 64, Bounds{0, most});
+			EXPECT_EQ(answer.error, most == size - 1 ? EMSGSIZE : 0) << size << " of " << most;
+			EXPECT_EQ(answer.data.size(), most == size - 1 ? 0 : size) << size << " of " << most;
+		}
 	}
 }
 

@@ -2,14 +2,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -18,8 +17,7 @@
 #include "base/memory_bound.h"
 #include "hatch/pool.h"
 #include "hatch_socket.h"
-#include "lists.h"
-#include "scratch.h"
+#include "served_db.h"
 
 using namespace hatch;
 
@@ -30,57 +28,36 @@ constexpr uid_t stranger = 1001;
 
 // ---- Memory ----
 
-TEST(HatchMemory, TheLeastBoundOfAGroupAndItsParentsCounts)
+class HatchMemory : public HatchTest {};
+
+TEST_F(HatchMemory, TheLeastBoundOfAGroupAndItsParentsCounts)
 {
-	struct Group {
-		const char *what;
-		const char *groups; // /proc/self/cgroup
-		std::map<std::string, std::string> files;
-		size_t bound; // in MiB; 0: the machine's
-	};
-	const Group all[] = {
-	    {"no groups", "", {}, 0},
-	    {"version 2", "0::/a/b\n", {{"a/b/memory.max", "max\n"}, {"a/memory.max", "12582912\n"}}, 12},
-	    {"a smaller child", "0::/a/b\n", {{"a/b/memory.max", "8388608\n"}, {"a/memory.max", "12582912\n"}}, 8},
-	    {"in a namespace", "0::/\n", {{"memory.max", "16777216\n"}}, 16},
-	    {"a name from outside", "0::/x/y\n", {{"memory.max", "16777216\n"}}, 16},
-	    {"no bound", "0::/a\n", {{"a/memory.max", "max\n"}}, 0},
-	    {"version 1", "5:cpu:/z\n4:pids,memory:/a/b\n",
-		{{"memory/a/b/memory.limit_in_bytes", "9223372036854771712\n"},
-		    {"memory/a/memory.limit_in_bytes", "20971520\n"}, {"memory/z/memory.limit_in_bytes", "1\n"}},
-		20},
-	    {"both", "4:memory:/m\n0::/u\n",
-		{{"memory/m/memory.limit_in_bytes", "20971520\n"}, {"unified/u/memory.max", "10485760\n"}}, 10},
-	    {"nonsense", "\n::\n0::\n0:\nmemory\n0::/a\n", {{"a/memory.max", "1x\n"}}, 0},
-	};
-	for (const Group &one : all) {
+	for (const auto &[groups, bound] : golden_pairs("memory_bounds.txt")) {
 		Scratch tree;
 		std::filesystem::create_directories(tree.path("proc/self"));
-		(void) tree.write("proc/self/cgroup", one.groups);
-		for (const auto &[path, text] : one.files) {
-			std::filesystem::path file = tree.path("sys/fs/cgroup/" + path);
-			std::filesystem::create_directories(file.parent_path());
-			(void) tree.write("sys/fs/cgroup/" + path, text);
+		std::istringstream words(groups);
+		std::string lines;
+		for (std::string word; words >> word;) {
+			const size_t equals = word.find('=');
+			if (equals == word.npos) {
+				lines += (word == "-" ? "" : word) + "\n";
+				continue;
+			}
+			const std::string file = "sys/fs/cgroup/" + word.substr(0, equals);
+			std::filesystem::create_directories(std::filesystem::path(tree.path(file)).parent_path());
+			(void) tree.write(file, word.substr(equals + 1) + "\n");
 		}
-		const size_t machine = read_memory_bound("/nowhere");
-		EXPECT_EQ(read_memory_bound(tree.directory().c_str()), one.bound == 0 ? machine : one.bound * mib)
-		    << one.what;
+		(void) tree.write("proc/self/cgroup", lines);
+		const size_t expected = bound == "machine" ? read_memory_bound("/nowhere") : std::stoul(bound);
+		EXPECT_EQ(read_memory_bound(tree.directory().c_str()), expected) << groups;
 	}
 }
 
-class FixedPool {
-public:
-	explicit FixedPool(size_t size) { set_pool_size(size); }
-	FixedPool(const FixedPool &) = delete;
-	FixedPool &operator=(const FixedPool &) = delete;
-	~FixedPool() { set_pool_size(0); }
-};
-
 // Any users, any sizes: the sum is right, what is granted is what the rule says, and all comes back.
-TEST(HatchMemory, ChargesAddUpWhateverIsAskedFor)
+TEST_F(HatchMemory, ChargesAddUpWhateverIsAskedFor)
 {
 	const size_t size = 64 * mib, of_strangers = size - size / 8;
-	FixedPool pool(size);
+	set_pool_size(size);
 	std::mt19937 random(7);
 	std::map<uid_t, size_t> has; // users that hold something
 	size_t sum = 0, refused = 0;
@@ -114,95 +91,56 @@ TEST(HatchMemory, ChargesAddUpWhateverIsAskedFor)
 	}
 	EXPECT_GT(refused, 100U) << "it was never tight";
 	EXPECT_EQ(pool_held(), 0U);
-}
-
-// Carries out in its handler what a stranger's request may lead to, and gives the errors.
-void amplify(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
-{
-	Ask ask = {};
-	memcpy(&ask, arg, std::min(size, sizeof ask));
-	int error = 0;
-	attrlist_t *list = nullptr;
-	switch (ask.number) {
-	case 0:
-		error = attrlist_unpack(arg + sizeof ask, size - sizeof ask, &list, 0);
-		attrlist_free(list);
-		break;
-	case 1:
-		error = hatch_charge(ask.size) == 0 ? 0 : errno;
-		break;
-	case 2:
-		error = hatch_reply_memory(ask.size) != nullptr ? 0 : errno;
-		break;
-	default:
-		break;
-	}
-	(void) hatch_return(reinterpret_cast<const char *>(&error), sizeof error, nullptr, 0);
+	set_pool_size(0);
 }
 
 // Lists without members take many times their packed size.
 std::string empty_lists(size_t bytes)
 {
-	std::vector<attrlist_t *> lists(bytes / 8, nullptr);
-	attrlist_t *empty = nullptr, *whole = nullptr;
-	EXPECT_EQ(attrlist_alloc(&empty, ATL_UNIQUE_NAME, 0), 0);
-	EXPECT_EQ(attrlist_alloc(&whole, ATL_UNIQUE_NAME, 0), 0);
-	std::fill(lists.begin(), lists.end(), empty);
-	EXPECT_EQ(attrlist_add_attrlist_array(whole, "l", lists.data(), static_cast<unsigned int>(lists.size())), 0);
-	char *packed = nullptr;
-	size_t size = 0;
-	EXPECT_EQ(attrlist_pack(whole, &packed, &size, ATL_ENCODE_XDR, 0), 0);
-	std::string text(packed, size);
-	free(packed);
-	attrlist_free(whole);
-	attrlist_free(empty);
-	return text;
+	AttrList empty = idl_of(""), whole = idl_of("");
+	std::vector<attrlist_t *> lists(bytes / 8, empty.get());
+	EXPECT_EQ(
+	    attrlist_add_attrlist_array(whole.get(), "l", lists.data(), static_cast<unsigned int>(lists.size())), 0);
+	return packed(whole.get());
 }
 
-TEST(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
+TEST_F(HatchMemory, ACallTakesItsUsersShareAndNoMoreHoweverItDoes)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "other users need root";
-	FixedPool pool(32 * mib); // 14 MiB for a stranger alone
-	Scratch scratch;
-	ASSERT_EQ(chmod(scratch.directory().c_str(), 0755), 0);
-	LocalHatch served(scratch.path("hatch"), amplify);
-	auto as_bytes = [](const Ask &ask) { return request_of(ask).substr(head_size); };
-	const std::string lists = empty_lists(4 * mib);
-	struct Case {
+	SKIP_UNLESS_ROOT();
+	set_pool_size(32 * mib); // 14 MiB for a stranger alone
+	LocalHatch served(path_);
+	const struct Case {
 		const char *what;
-		std::string request;
+		Ask ask;
+		std::string more;
 		int of_stranger, of_root;
-	};
-	const Case cases[] = {
-	    {"few lists", as_bytes({Do::Echo, 0, 0}) + empty_lists(mib / 16), 0, 0},
-	    {"many lists", as_bytes({Do::Echo, 0, 0}) + lists, ENOMEM, 0},
-	    {"a charge", as_bytes({Do::Echo, 1, 10 * mib}), 0, 0},
-	    {"a large charge", as_bytes({Do::Echo, 1, 20 * mib}), ENOMEM, 0},
-	    {"an absurd charge", as_bytes({Do::Echo, 1, SIZE_MAX}), ENOMEM, ENOMEM},
-	    {"a reply", as_bytes({Do::Echo, 2, 10 * mib}), 0, 0},
-	    {"a large reply", as_bytes({Do::Echo, 2, 20 * mib}), ENOMEM, 0},
-	    {"a large request and a charge", as_bytes({Do::Echo, 1, 6 * mib}) + std::string(10 * mib, 'x'), ENOMEM, 0},
-	};
-	auto outcome = [&](const std::string &request) {
-		Fd fd = open_hatch(scratch.path("hatch"));
-		Answer answer = call(fd.get(), request);
-		hatch_forget(fd.get());
-		int error = answer.error;
-		if (answer.data.size() == sizeof error)
-			memcpy(&error, answer.data.data(), sizeof error);
-		return error;
+	} cases[] = {
+	    {"few lists", {Do::Unpack, 0, 0}, empty_lists(mib / 16), 0, 0},
+	    {"many lists", {Do::Unpack, 0, 0}, empty_lists(4 * mib), ENOMEM, 0},
+	    {"a charge", {Do::Charge, 0, 10 * mib}, "", 0, 0},
+	    {"a large charge", {Do::Charge, 0, 20 * mib}, "", ENOMEM, 0},
+	    {"an absurd charge", {Do::Charge, 0, SIZE_MAX}, "", ENOMEM, ENOMEM},
+	    {"a reply", {Do::Reserve, 0, 10 * mib}, "", 0, 0},
+	    {"a large reply", {Do::Reserve, 0, 20 * mib}, "", ENOMEM, 0},
+	    {"a large request and a charge", {Do::Charge, 0, 6 * mib}, std::string(10 * mib, 'x'), ENOMEM, 0},
 	};
 	for (const Case &one : cases) {
-		int seen = -1;
-		thread_as(stranger, [&] { seen = outcome(one.request); });
-		EXPECT_EQ(seen, one.of_stranger) << one.what;
-		EXPECT_EQ(outcome(one.request), one.of_root) << one.what;
+		for (uid_t user : {stranger, uid_t{0}}) {
+			thread_as(user, [&] {
+				Fd fd = open_hatch(path_);
+				const Answer answer = call(fd.get(), request_of(one.ask).substr(head_size) + one.more);
+				hatch_forget(fd.get());
+				const int error = answer.error != 0 ? answer.error : numbers_of(answer).at(0);
+				EXPECT_EQ(error, user == 0 ? one.of_root : one.of_stranger)
+				    << one.what << " by " << user;
+			});
+		}
 	}
 	EXPECT_EQ(hatch_charge(1), -1);
 	EXPECT_EQ(errno, EINVAL) << "outside of a handler";
 	served.revoke();
 	EXPECT_EQ(pool_held(), 0U);
+	set_pool_size(0);
 }
 
 // ---- Threads ----
@@ -228,21 +166,19 @@ void be_busy(void *cookie, char *, size_t, hatch_desc_t *, unsigned int)
 	(void) hatch_return(nullptr, 0, nullptr, 0);
 }
 
-TEST(HatchThreads, AUserHasMoreForCallsThatWaitThanForThoseThatCompute)
+class HatchThreads : public HatchTest {};
+
+TEST_F(HatchThreads, AUserHasMoreForCallsThatWaitThanForThoseThatCompute)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "other users need root";
-	Scratch scratch;
-	ASSERT_EQ(chmod(scratch.directory().c_str(), 0755), 0);
-	const std::string path = scratch.path("hatch");
+	SKIP_UNLESS_ROOT();
 	Busy busy;
-	LocalHatch served(path, be_busy, &busy);
+	LocalHatch served(path_, be_busy, &busy);
 	const int processors = std::max(static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)), 2);
 	std::vector<Process> clients;
 	for (int i = 0; i < 2 * processors; i++)
 		clients.emplace_back([&] {
 			become(stranger, stranger);
-			for (Fd fd = open_hatch(path);;)
+			for (Fd fd = open_hatch(path_);;)
 				(void) call(fd.get(), std::string("x"));
 			return 0;
 		});
@@ -309,18 +245,13 @@ int call_beside(const std::string &path)
 	return calls;
 }
 
-class HatchFloods : public testing::Test {
+class HatchFloods : public HatchTest {
 protected:
 	void SetUp() override
 	{
-		if (geteuid() != 0)
-			GTEST_SKIP() << "other users need root";
-		ASSERT_EQ(chmod(scratch_.directory().c_str(), 0755), 0);
+		SKIP_UNLESS_ROOT();
 		(void) allow_descriptors(4096);
 	}
-
-	Scratch scratch_;
-	std::string path_ = attachable(scratch_.path("hatch"));
 };
 
 TEST_F(HatchFloods, OfOneUserLeaveAnotherItsCalls)
@@ -345,11 +276,7 @@ TEST_F(HatchFloods, OfOneUserLeaveAnotherItsCalls)
 					return flood(path_, how);
 				});
 			usleep(300'000);
-			Process other([&] {
-				become(stranger + 1, stranger + 1);
-				return call_beside(path_);
-			});
-			const int calls = other.wait();
+			const int calls = as_user(stranger + 1, [&] { return call_beside(path_); });
 			EXPECT_NE(calls, 255) << how.what << ": a call failed";
 			EXPECT_GE(calls, sanitized ? 1 : 3)
 			    << how.what; // a busy machine makes few, a flood made none or one
@@ -358,15 +285,18 @@ TEST_F(HatchFloods, OfOneUserLeaveAnotherItsCalls)
 	}
 }
 
-TEST_F(HatchFloods, TheUserWithMostConnectionsLosesItsOldestAndNobodyElseOne)
+TEST_F(HatchFloods, WhenDescriptorsRunOutTheUserWithMostConnectionsLosesItsOldestAndNobodyElseOne)
 {
-	Process server = serve_with_limit(path_, 100);
+	Process server = serve(path_, 100);
 	const sockaddr_un address = address_of(socket_path(path_));
+	Fd fd = open_hatch(path_);
+	std::jthread running([&] { EXPECT_EQ(call(fd.get(), Ask{Do::Sleep, 300, 0}).error, 0) << "a running call"; });
 	std::vector<RawClient> greedy;
 	auto be_greedy = [&] {
-		for (int i = 0; i < 100; i++) {
+		for (int i = 0; i < 200; i++) {
 			greedy.emplace_back(connect_to(address));
-			ASSERT_TRUE(greedy.back().is_served()) << i;
+			for (int calls = 0; calls < (i < 100 ? 1 : 4); calls++) // the last ones have dedicated threads
+				ASSERT_TRUE(greedy.back().is_served()) << i;
 		}
 	};
 	thread_as(stranger, be_greedy);
@@ -377,33 +307,11 @@ TEST_F(HatchFloods, TheUserWithMostConnectionsLosesItsOldestAndNobodyElseOne)
 	});
 	thread_as(stranger, be_greedy);
 	thread_as(stranger + 1, [&] { EXPECT_TRUE(other.back().is_served()) << "another user's went"; });
-	thread_as(stranger, [&] { EXPECT_FALSE(greedy.front().is_served()); });
-	EXPECT_LT(descriptors_of(server.pid()), 100 - 20);
-}
-
-TEST_F(HatchFloods, AUserThatComesAfterManyIsServed)
-{
-	set_pool_size(64 * mib);
-	Process server = serve(path_);
-	set_pool_size(0);
-	const sockaddr_un address = address_of(socket_path(path_));
-	std::vector<Fd> halves;
-	for (uid_t user = 10'000; user < 10'300; user++) {
-		thread_as(user, [&] {
-			halves.push_back(connect_to(address));
-			(void) send_some(halves.back(), head_of(mib) + std::string(150'000, 'x'));
-		});
-	}
-	Process last([&] {
-		become(20'000, 20'000);
-		Fd fd = open_hatch(path_);
-		for (size_t size : {10, 100'000, 250'000}) {
-			if (call(fd.get(), std::string(size, '\0')).data.size() != size)
-				return 1;
-		}
-		return 0;
+	thread_as(stranger, [&] {
+		EXPECT_FALSE(greedy.front().is_served());
+		EXPECT_TRUE(greedy.back().is_served());
 	});
-	EXPECT_EQ(last.wait(), 0);
+	EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) < 100 - 20; })) << "handlers have none left";
 }
 
 } // namespace

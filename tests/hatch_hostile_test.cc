@@ -2,7 +2,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
@@ -21,42 +20,29 @@ using namespace hatch;
 
 namespace {
 
-ptrdiff_t threads_of(pid_t pid)
-{
-	return std::ssize(entries_of("/proc/" + std::to_string(pid) + "/task"));
-}
-
-class HatchHostile : public testing::Test {
-protected:
-	bool serves(size_t size = 10)
-	{
-		std::string request(size, 'x');
-		return call(fd_.get(), request).data == request;
-	}
-
-	Scratch scratch_;
-	std::string path_ = attachable(scratch_.path("hatch"));
-	Process server_ = serve(path_);
-	Fd fd_ = open_hatch(path_);
-};
+class HatchHostile : public ServedHatchTest {};
 
 TEST_F(HatchHostile, WhatIsNoRequestEndsTheConnectionAndNothingElse)
 {
-	const std::string messages[] = {
-	    std::string(1, 'x'),
-	    head_of(5).substr(0, 15),
-	    head_of(5, 0) + "hello",
-	    head_of(5, wire_magic + 1) + "hello",
-	    head_of(5, wire_magic, 1) + "hello",
-	    head_of(4) + "hello",
-	    head_of(0) + "hello",
-	    head_of(UINT64_MAX) + "hello",
-	    head_of(UINT64_MAX - head_size) + "hello",
-	    head_of(piece_max + 100) + std::string(piece_max + 100, 'x'),
+	const std::vector<std::string> requests[] = {
+	    {""},
+	    {std::string(1, 'x')},
+	    {head_of(5).substr(0, 15)},
+	    {head_of(5, 0) + "hello"},
+	    {head_of(5, wire_magic + 1) + "hello"},
+	    {head_of(5, wire_magic, 1) + "hello"},
+	    {head_of(4) + "hello"},
+	    {head_of(0) + "hello"},
+	    {head_of(UINT64_MAX) + "hello"},
+	    {head_of(UINT64_MAX - head_size) + "hello"},
+	    {head_of(piece_max + 100) + std::string(piece_max + 100, 'x')},
+	    {head_of(100) + "hello", std::string(96, 'x')},
 	};
-	for (const std::string &message : messages) {
+	for (const auto &messages : requests) {
+		SCOPED_TRACE("request " + std::to_string(&messages - requests));
 		RawClient client(path_);
-		ASSERT_TRUE(client.send(message));
+		for (const std::string &message : messages)
+			ASSERT_TRUE(client.send(message));
 		std::string reply = client.receive();
 		if (reply != "<end>") { // sizes that can't be had are answered first
 			EXPECT_EQ(reply, refusal_of(Refusal::no_memory));
@@ -64,18 +50,6 @@ TEST_F(HatchHostile, WhatIsNoRequestEndsTheConnectionAndNothingElse)
 		}
 		EXPECT_TRUE(serves());
 	}
-	RawClient empty(path_);
-	ASSERT_EQ(send(empty.fd(), "", 0, 0), 0);
-	EXPECT_EQ(empty.receive(), "<end>");
-}
-
-TEST_F(HatchHostile, APieceThatIsTooLongForItsRequestEndsTheConnection)
-{
-	RawClient client(path_);
-	ASSERT_TRUE(client.send(head_of(100) + "hello"));
-	ASSERT_TRUE(client.send(std::string(96, 'x')));
-	EXPECT_EQ(client.receive(), "<end>");
-	EXPECT_TRUE(serves());
 }
 
 // Each waits longer than a thread waits for one client alone: with what its thread keeps for requests, and beyond that.
@@ -107,21 +81,6 @@ size_t send_endlessly(const RawClient &client, size_t size)
 	while (sent + piece.size() < size && client.send(piece))
 		sent += piece.size();
 	return sent;
-}
-
-TEST_F(HatchHostile, ClientsThatAskOnAndOnHaveThreadsOfTheirOwnUpToABound)
-{
-	std::vector<RawClient> busy;
-	busy.reserve(150);
-	for (int i = 0; i < 150; i++)
-		busy.emplace_back(path_);
-	for (int round = 0; round < 20; round++) {
-		for (RawClient &client : busy) {
-			ASSERT_TRUE(client.is_served());
-		}
-	}
-	EXPECT_TRUE(serves());
-	EXPECT_LT(threads_of(server_.pid()), HATCH_THREADS_MAX / 4 + 32);
 }
 
 TEST_F(HatchHostile, ClientsThatNeverReadTheirReplyHoldNobodyUp)
@@ -223,34 +182,35 @@ TEST(HatchWire, DescriptorsThatComeAlongAreClosedAtOnce)
 			fds.back() = trap.get();
 			ASSERT_TRUE(send_with_descriptors(there.get(), "x", fds));
 		}
-		Process receiver([&] {
+		EXPECT_EQ(in_child([&] {
 			(void) alarm(10);
 			int before = descriptors_of(getpid());
 			char byte = 0;
 			iovec part = {&byte, 1};
 			Message message = receive_message(here.get(), &part, 1, 0);
 			return message.size == 1 && message.descriptors && descriptors_of(getpid()) == before ? 0 : 1;
-		});
-		here.reset();
-		EXPECT_EQ(receiver.wait(), 0) << count;
+		}),
+		    0)
+		    << count;
 	}
 }
 
 TEST_F(HatchHostile, ARequestOfTwoSendersIsNobodys)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "changing the user id needs root";
+	SKIP_UNLESS_ROOT();
 	RawClient client(path_);
 	ASSERT_TRUE(client.send(head_of(10) + "hello"));
-	Process other([&] {
-		become(1001, 1001);
-		return client.send("world") ? 0 : 1;
-	});
-	EXPECT_EQ(other.wait(), 0);
+	EXPECT_EQ(as_user(1001, [&] { return client.send("world") ? 0 : 1; }), 0);
 	EXPECT_EQ(client.receive(), "<end>");
 }
 
-TEST(HatchFakeServer, AClientBelievesNoLengthAndNoRefusalThatIsNone)
+class HatchFakeServer : public HatchTest {
+protected:
+	FakeServer fake_{path_};
+	Fd fd_ = open_hatch(path_);
+};
+
+TEST_F(HatchFakeServer, AClientBelievesNoLengthAndNoRefusalThatIsNone)
 {
 	struct Case {
 		const char *what;
@@ -272,61 +232,43 @@ TEST(HatchFakeServer, AClientBelievesNoLengthAndNoRefusalThatIsNone)
 	    {"a refusal with data", {head_of(2, wire_magic, 1) + "ok"}, ENOBUFS},
 	    {"a refusal", {head_of(0, wire_magic, 1)}, ENOBUFS},
 	};
-	Scratch scratch;
-	std::string path = attachable(scratch.path("hatch"));
-	FakeServer fake(path);
-	Fd fd = open_hatch(path);
 	for (const Case &one : cases) {
 		for (size_t room : {size_t{0}, size_t{1}, size_t{100}, 2 * piece_max}) {
-			const std::jthread server = fake.answer(one.messages);
-			EXPECT_EQ(call(fd.get(), std::string("x"), room).error, one.error)
+			const std::jthread server = fake_.answer(one.messages);
+			EXPECT_EQ(call(fd_.get(), std::string("x"), room).error, one.error)
 			    << one.what << " into " << room;
-			hatch_forget(fd.get());
+			hatch_forget(fd_.get());
 		}
 	}
-	const std::jthread server = fake.answer({head_of(4) + "go", "od"});
-	EXPECT_EQ(call(fd.get(), std::string("x")).data, "good");
+	const std::jthread server = fake_.answer({head_of(4) + "go", "od"});
+	EXPECT_EQ(call(fd_.get(), std::string("x")).data, "good");
 }
 
 // What a server of ours does when a user may not have more of its memory: before the rest of the request comes, while it
 // comes, and when all of it waits unread.
-TEST(HatchFakeServer, ARefusalInTheMiddleOfARequestIsToldAsOne)
+TEST_F(HatchFakeServer, ARefusalInTheMiddleOfARequestIsToldAsOne)
 {
-	Scratch scratch;
-	std::string path = attachable(scratch.path("hatch"));
-	FakeServer fake(path);
-	Fd fd = open_hatch(path);
 	for (size_t size : {2 * piece_max, 40 * piece_max}) {
 		for (unsigned int delay_ms : {0, 50}) {
-			const std::jthread server = fake.answer({refusal_of(Refusal::no_memory)}, delay_ms);
-			EXPECT_EQ(call(fd.get(), std::string(size, 'x')).error, ENOMEM) << size << ", " << delay_ms;
-			hatch_forget(fd.get());
+			const std::jthread server = fake_.answer({refusal_of(Refusal::no_memory)}, delay_ms);
+			EXPECT_EQ(call(fd_.get(), std::string(size, 'x')).error, ENOMEM) << size << ", " << delay_ms;
+			hatch_forget(fd_.get());
 		}
 	}
 }
 
 // Callers hold locks meanwhile.
-TEST(HatchFakeServer, ACallThatHasItsTimeEndsWhateverTheServerDoes)
+TEST_F(HatchFakeServer, ACallThatHasItsTimeEndsWhateverTheServerDoes)
 {
-	Scratch scratch;
-	std::string path = attachable(scratch.path("hatch"));
-	FakeServer fake(path);
-	Fd fd = open_hatch(path);
-	alarm(60);
-	auto call_within = [&](int seconds) {
-		char request[] = "x";
-		hatch_arg_t arg = {request, 1, nullptr, 0, nullptr, 0};
-		return hatch_call_bounded(fd.get(), &arg, seconds, 0) == 0 ? 0 : errno;
-	};
+	auto call_within = [&](int seconds) { return call(fd_.get(), std::string("x"), 0, Bounds{seconds, 0}).error; };
 	for (uint64_t size : {uint64_t{600}, uint64_t{1} << 30}) {
-		const std::jthread server = fake.dribble(size);
+		const std::jthread server = fake_.dribble(size);
 		EXPECT_EQ(call_within(2), ETIMEDOUT) << "a byte now and then of " << size;
 	}
-	Fd waiting = fake.accept_nobody();
+	Fd waiting = fake_.accept_nobody();
 	hatch_info_t info = {};
-	EXPECT_EQ(hatch_info(fd.get(), &info), 0) << "it looks like a server";
+	EXPECT_EQ(hatch_info(fd_.get(), &info), 0) << "it looks like a server";
 	EXPECT_EQ(call_within(1), ETIMEDOUT) << "nobody accepts";
-	alarm(0);
 }
 
 // A client follows nothing out of the directory in which the attached file lies.
@@ -376,41 +318,18 @@ TEST_F(HatchHostile, AReadersLockDoesNotMakeADeadServerAlive)
 
 // ---- What runs out ----
 
-TEST(HatchLimits, WhenDescriptorsRunOutTheLongestIdleConnectionGoesAndRunningCallsGoOn)
-{
-	Scratch scratch;
-	std::string path = attachable(scratch.path("hatch"));
-	Process server = serve_with_limit(path, 64);
-	Fd fd = open_hatch(path);
-	Answer slow;
-	std::thread running([&] { slow = call(fd.get(), Ask{Do::Sleep, 300, 0}); });
-	std::vector<RawClient> clients;
-	for (int i = 0; i < 400; i++) {
-		clients.emplace_back(path);
-		for (int calls = 0; calls < (i < 200 ? 1 : 4); calls++) // the last ones have dedicated threads
-			ASSERT_TRUE(clients.back().is_served()) << i;
-	}
-	EXPECT_EQ(clients.front().receive(), "<end>");
-	EXPECT_TRUE(clients.back().is_served());
-	EXPECT_TRUE(eventually([&] { return descriptors_of(server.pid()) < 64 - 10; })) << "handlers have none left";
-	running.join();
-	EXPECT_EQ(slow.error, 0);
-	// A kept connection that was dropped meanwhile is replaced without a failure.
-	EXPECT_EQ(call(fd.get(), std::string("x")).data, "x");
-}
+class HatchLimits : public HatchTest {};
 
 // Everybody who can reach a hatch can send to it, with or without a right.
-TEST(HatchLimits, ARequestWithoutAnEndIsRefusedBeforeItTakesTheMachinesMemory)
+TEST_F(HatchLimits, ARequestWithoutAnEndIsRefusedBeforeItTakesTheMachinesMemory)
 {
 	constexpr size_t mib = size_t{1} << 20;
-	Scratch scratch;
-	std::string path = attachable(scratch.path("hatch"));
 	set_pool_size(64 * mib);
-	Process server = serve(path);
+	Process server = serve(path_);
 	set_pool_size(0);
-	Fd fd = open_hatch(path);
+	Fd fd = open_hatch(path_);
 	{
-		RawClient first(path), second(path), third(path);
+		RawClient first(path_), second(path_), third(path_);
 		const std::string refusal = refusal_of(Refusal::no_memory);
 		EXPECT_GT(send_endlessly(first, 48 * mib), 47 * mib) << "the server could bear it";
 		EXPECT_GT(send_endlessly(second, 48 * mib), 47 * mib);
@@ -423,66 +342,66 @@ TEST(HatchLimits, ARequestWithoutAnEndIsRefusedBeforeItTakesTheMachinesMemory)
 	EXPECT_TRUE(sanitized || eventually([&] { return anonymous_kib(server.pid()) < 16 * 1024; })) << "it stays";
 }
 
-long cpu_ticks(pid_t pid)
+// The time that a process computes in 300 ms, in ms.
+long computes(pid_t pid)
 {
-	std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-	std::string skipped;
-	for (int i = 0; i < 13; i++)
-		stat >> skipped;
-	long user = 0, system = 0;
-	stat >> user >> system;
-	return user + system;
+	auto now = [pid] {
+		clockid_t clock;
+		timespec used = {};
+		must(clock_getcpuclockid(pid, &clock) == 0 && clock_gettime(clock, &used) == 0, "clock");
+		return used.tv_sec * 1000 + used.tv_nsec / 1'000'000;
+	};
+	const long before = now();
+	usleep(300'000);
+	return now() - before;
 }
 
-TEST(HatchLimits, WithoutAnyDescriptorLeftNothingSpinsAndServingGoesOnLater)
+TEST_F(HatchLimits, WithoutAnyDescriptorLeftNothingSpinsAndServingGoesOnLater)
 {
-	Scratch scratch;
-	std::string path = attachable(scratch.path("hatch"));
 	Signal ready, go;
 	Process server([&] {
-		LocalHatch served(path);
+		LocalHatch served(path_);
+		(void) allow_descriptors(100);
 		std::vector<Fd> all;
-		struct rlimit limit = {100, 100};
-		(void) setrlimit(RLIMIT_NOFILE, &limit);
 		do
 			all.emplace_back(dup(0));
 		while (all.back());
 		ready.raise();
 		go.wait();
 		all.clear();
-		return wait_for_ever();
+		for (;;)
+			pause();
+		return 0;
 	});
 	ready.wait();
-	RawClient waiting(path);
+	RawClient waiting(path_);
 	ASSERT_TRUE(waiting.send(request_of("x")));
-	std::this_thread::sleep_for(std::chrono::milliseconds(50));
-	long before = cpu_ticks(server.pid());
-	std::this_thread::sleep_for(std::chrono::milliseconds(500));
-	EXPECT_LE(cpu_ticks(server.pid()) - before, 5) << "it spins";
+	usleep(50'000);
+	EXPECT_LE(computes(server.pid()), 50) << "it spins";
 	go.raise();
 	EXPECT_EQ(waiting.receive(), request_of("x"));
 }
 
-TEST(HatchLimits, AnIdleServerNeedsNoProcessorAndLittleMemoryAlsoWithAThousandClients)
+TEST_F(HatchLimits, AnIdleServerNeedsNoProcessorAndLittleMemoryAlsoWithAThousandClients)
 {
 	if (allow_descriptors(4096) < 1200)
 		GTEST_SKIP() << "too few descriptors allowed";
-	Scratch scratch;
-	std::string path = attachable(scratch.path("hatch"));
-	Process server = serve(path);
-	long alone = anonymous_kib(server.pid());
+	Process server = serve(path_);
+	const long alone = anonymous_kib(server.pid());
 	std::vector<RawClient> clients;
 	for (int i = 0; i < 1024; i++) {
-		clients.emplace_back(path);
+		clients.emplace_back(path_);
 		ASSERT_TRUE(clients.back().is_served());
 	}
-	long before = cpu_ticks(server.pid());
-	std::this_thread::sleep_for(std::chrono::milliseconds(300));
-	EXPECT_EQ(cpu_ticks(server.pid()), before);
-	if (sanitized)
-		return;
-	EXPECT_LE(alone, 4 * 1024);
-	EXPECT_LE(anonymous_kib(server.pid()) - alone, 16 * 1024);
+	EXPECT_LE(computes(server.pid()), 5);
+	if (!sanitized) {
+		EXPECT_LE(alone, 4 * 1024);
+		EXPECT_LE(anonymous_kib(server.pid()) - alone, 16 * 1024);
+	}
+	// Those that ask on and on have threads of their own, up to a bound.
+	for (int call = 0; call < 20 * 150; call++)
+		ASSERT_TRUE(clients[call % 150].is_served());
+	EXPECT_LT(entries_of("/proc/" + std::to_string(server.pid()) + "/task").size(), HATCH_THREADS_MAX / 4 + 32U);
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 // Who calls: the kernel's word for each message, for users, threads and changed ids. They need root.
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,41 +8,13 @@
 #include <unistd.h>
 
 #include "hatch_socket.h"
-#include "scratch.h"
 
 namespace {
 
-class HatchUsers : public testing::Test {
+class HatchUsers : public HatchTest {
 protected:
-	void SetUp() override
-	{
-		if (geteuid() != 0)
-			GTEST_SKIP() << "changing user ids needs root";
-		ASSERT_EQ(chmod(scratch_.directory().c_str(), 0755), 0);
-	}
-
-	Scratch scratch_;
-	std::string path_ = attachable(scratch_.path("hatch"));
+	void SetUp() override { SKIP_UNLESS_ROOT(); }
 };
-
-TEST_F(HatchUsers, TheRealIdsCountWhateverTheEffectiveOnesAre)
-{
-	Process server = serve(path_);
-	struct Case {
-		uid_t real, effective;
-	};
-	// An ordinary user, one above 2^31, a program that gained root on exec, a root daemon that gave up its rights.
-	for (Case ids : {Case{1000, 1000}, Case{3'000'000'000U, 3'000'000'000U}, Case{1001, 0}, Case{0, 1001}}) {
-		Process client([&] {
-			become(ids.real, ids.effective);
-			Fd fd = open_hatch(path_);
-			Caller caller = caller_at(fd.get());
-			bool same = caller.uid == ids.real && caller.gid == ids.real && caller.pid == getpid();
-			return same ? 0 : 1;
-		});
-		EXPECT_EQ(client.wait(), 0) << ids.real << " as " << ids.effective;
-	}
-}
 
 TEST_F(HatchUsers, EachMessageHasItsOwnSenderOnOneConnection)
 {
@@ -55,10 +28,12 @@ TEST_F(HatchUsers, EachMessageHasItsOwnSenderOnOneConnection)
 	EXPECT_EQ(open_descriptors(), connections);
 }
 
-TEST_F(HatchUsers, WhoHasChangedItsUserConnectsAnew)
+TEST_F(HatchUsers, TheRealIdsCountWhateverTheEffectiveOnesAreAndWhoHasChangedThemConnectsAnew)
 {
-	// Replies with the makers of all its connections.
-	LocalHatch hatch(path_, [](void *, char *, size_t, hatch_desc_t *, unsigned int) {
+	// Replies to one byte with the makers of all its connections.
+	LocalHatch hatch(path_, [](void *cookie, char *arg, size_t size, hatch_desc_t *descs, unsigned int ndescs) {
+		if (size != 1)
+			return obey(cookie, arg, size, descs, ndescs);
 		struct ucred makers[256] = {};
 		for (int fd = 0; fd < 256; fd++) {
 			socklen_t len = sizeof *makers;
@@ -67,26 +42,29 @@ TEST_F(HatchUsers, WhoHasChangedItsUserConnectsAnew)
 		(void) hatch_return(reinterpret_cast<char *>(makers), sizeof makers, nullptr, 0);
 	});
 	struct Case {
-		bool before;
+		bool before; // a call before the change
 		uid_t real, effective;
 	};
-	for (Case ids : {Case{true, 1000, 1000}, Case{true, 0, 1001}, Case{false, 0, 1001}, Case{false, 1001, 0}}) {
-		Process client([&] {
+	// An ordinary user, one above 2^31, a program that gained root on exec, a root daemon that gave up its rights.
+	for (Case ids : {Case{true, 1000, 1000}, Case{false, 3'000'000'000U, 3'000'000'000U}, Case{true, 0, 1001},
+		 Case{false, 0, 1001}, Case{false, 1001, 0}}) {
+		const int failed = in_child([&] {
 			Fd fd = open_hatch(path_);
 			if (ids.before)
 				(void) call(fd.get(), std::string("x"));
 			become(ids.real, ids.effective);
-			const std::string reply = call(fd.get(), std::string("x")).data;
+			const Caller caller = caller_at(fd.get());
+			if (caller.uid != ids.real || caller.gid != ids.real || caller.pid != getpid())
+				return 1;
 			struct ucred makers[256] = {};
-			(void) reply.copy(reinterpret_cast<char *>(makers), sizeof makers);
-			int real = 0, root = 0;
-			for (const struct ucred &maker : makers) {
-				real += maker.pid == getpid() && maker.uid == ids.real;
-				root += maker.pid == getpid() && maker.uid == 0;
-			}
-			return geteuid() == ids.effective && (ids.effective == 0 ? root : real) == 1 ? 0 : 1;
+			(void) call(fd.get(), std::string("x"))
+			    .data.copy(reinterpret_cast<char *>(makers), sizeof makers);
+			const uid_t expected = ids.effective == 0 ? 0 : ids.real;
+			const auto made = std::count_if(std::begin(makers), std::end(makers),
+			    [&](const struct ucred &maker) { return maker.pid == getpid() && maker.uid == expected; });
+			return geteuid() == ids.effective && made == 1 ? 0 : 2;
 		});
-		EXPECT_EQ(client.wait(), 0) << ids.before << ", " << ids.real << " as " << ids.effective;
+		EXPECT_EQ(failed, 0) << ids.before << ", " << ids.real << " as " << ids.effective;
 	}
 }
 
@@ -112,8 +90,7 @@ TEST_F(HatchUsers, AnUnprivilegedUserReachesAHatchThatItMayOnlyRead)
 {
 	ASSERT_EQ(chown(path_.c_str(), 16, 65), 0);
 	Process server = serve(path_);
-	Process client([&] {
-		become(1000, 1000);
+	const int failed = as_user(1000, [&] {
 		Fd fd = open_hatch(path_);
 		hatch_info_t info = {};
 		if (hatch_info(fd.get(), &info) != 0 || info.di_target != server.pid())
@@ -122,21 +99,17 @@ TEST_F(HatchUsers, AnUnprivilegedUserReachesAHatchThatItMayOnlyRead)
 			return 2;
 		return call(fd.get(), std::string(100'000, 'x')).data.size() == 100'000 ? 0 : 3;
 	});
-	EXPECT_EQ(client.wait(), 0);
+	EXPECT_EQ(failed, 0);
 }
 
 TEST_F(HatchUsers, AnUnprivilegedServerServesRootAndItself)
 {
 	ASSERT_EQ(chown(scratch_.directory().c_str(), 1000, 1000), 0);
 	ASSERT_EQ(chown(path_.c_str(), 1000, 1000), 0);
-	Signal ready;
-	Process server([&] {
+	Process server = keep_in_process([&] {
 		become(1000, 1000);
-		LocalHatch served(path_);
-		ready.raise();
-		return wait_for_ever();
+		return LocalHatch(path_);
 	});
-	ready.wait();
 	Fd fd = open_hatch(path_);
 	EXPECT_EQ(caller_at(fd.get()).uid, 0U);
 	EXPECT_TRUE(call(fd.get(), Ask{Do::Size, 0, 3'000'000}).data == test_bytes(3'000'000));

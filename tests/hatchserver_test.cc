@@ -17,153 +17,50 @@
 
 namespace {
 
-constexpr auto READ = OSTREL_HATCH_CMD_READ_REQ;
-constexpr auto WRITE = OSTREL_HATCH_CMD_WRITE_REQ;
-constexpr auto RENAME = OSTREL_HATCH_CMD_RENAME_REQ;
-constexpr auto REMOVE = OSTREL_HATCH_CMD_REMOVE_REQ;
-constexpr auto MAY_READ = OSTREL_HATCH_CMD_CHECK_READ_AUTH_REQ;
-constexpr auto MAY_WRITE = OSTREL_HATCH_CMD_CHECK_WRITE_AUTH_REQ;
-
-std::string ids(const std::string &text)
-{
-	return packed(idl_of(text).get());
-}
-
-std::string props(const std::string &text)
-{
-	return packed(props_of(text).get());
-}
-
 constexpr char first_text[] = "a=1;\tp=string,one;\na=2;\tp=string,two;\n";
 
-// A failure's reply: its head, with what came in the request.
-void expect_refused(const Reply &reply, const Block &request, ostrel_error_t result)
-{
-	EXPECT_EQ(reply.error, 0);
-	EXPECT_EQ(reply.size, sizeof(ostrel_hatch_arg_t));
-	ostrel_hatch_arg_t expected = {};
-	expected.nda_cmd = request.head.nda_cmd;
-	expected.nda_flags = request.head.nda_flags;
-	expected.nda_result = result;
-	EXPECT_EQ(memcmp(&reply.head, &expected, sizeof expected), 0)
-	    << "result " << reply.head.nda_result << ", not " << result << ", for command " << request.head.nda_cmd;
-}
-
-// ---- Requests ----
-
-class HatchRequests : public testing::Test {
+// A served file, or one to serve, and its database.
+class HatchServer : public testing::Test {
 protected:
 	void SetUp() override
 	{
-		SKIP_WITHOUT_ROOT();
+		SKIP_UNLESS_ROOT();
 		file_.write(first_text);
-		server_ = std::make_unique<LocalServer>(file_);
-		hatch_ = open_hatch(file_.hatch);
 	}
-	// The next honest call works, and nothing was changed.
-	void TearDown() override
+	ostrel_error_t create(const std::string &path)
 	{
-		if (!hatch_)
-			return;
-		EXPECT_EQ(ask(hatch_.get(), Block(READ, ids("a=2"))).objects, "a=2;|p=two; ");
-		EXPECT_EQ(file_.text(), first_text);
+		return ostrel_hatchserver_create(path.c_str(), nullptr, nullptr, db_.get(), &hatch_);
 	}
-	void expect(const Block &request, ostrel_error_t result)
+	void destroy() const { ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_); }
+	static struct stat look(const std::string &path)
 	{
-		expect_refused(ask(hatch_.get(), request), request, result);
+		struct stat st = {};
+		EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
+		return st;
 	}
 
 	ServedFile file_;
-	std::unique_ptr<LocalServer> server_;
-	Fd hatch_;
+	Database db_ = open_database(file_.path);
+	int hatch_ = -1;
 };
 
-TEST_F(HatchRequests, OfLessThanAHeadAreAnsweredWithTheirCommand)
-{
-	Block whole(READ);
-	whole.head.nda_flags = UINT64_MAX;
-	Block expected(READ);
-	expected.head.nda_flags = 0;
-	for (size_t size = 0; size < 4; size++)
-		EXPECT_EQ(ask(hatch_.get(), std::string(size, '\xff')).error, ENOBUFS) << "not even a command";
-	for (size_t size = 4; size < sizeof(ostrel_hatch_arg_t); size++)
-		expect_refused(ask(hatch_.get(), whole.bytes().substr(0, size)), expected, OSTREL_INVALID_ARG);
-}
+// ---- Requests ----
 
-TEST_F(HatchRequests, OfAHeadAloneAreWhole)
-{
-	EXPECT_EQ(ask(hatch_.get(), Block(READ)).objects, "a=1;|p=one; a=2;|p=two; ");
-	expect(Block(MAY_READ), OSTREL_SUCCESS);
-	expect(Block(MAY_WRITE), OSTREL_SUCCESS);
-	// Without their lists the updates have nothing to do.
-	expect(Block(WRITE), OSTREL_INVALID_ARG);
-	expect(Block(WRITE, ids("a=1")), OSTREL_INVALID_ARG);
-	expect(Block(RENAME, ids("a=1")), OSTREL_INVALID_ARG);
-	expect(Block(RENAME, "", ids("a=1")), OSTREL_INVALID_ARG);
-}
+class HatchRequests : public HatchServer {};
 
-TEST_F(HatchRequests, WhoseLengthsDoNotAddUpAreRefused)
+TEST_F(HatchRequests, AreAnsweredAsTheGoldenFileSays)
 {
-	const std::string id_bytes = ids("a=1");
-	const std::string data_bytes = props("p=x");
-	const uint64_t id_size = id_bytes.size();
-	const uint64_t data_size = data_bytes.size();
-	const uint64_t huge = UINT64_MAX;
-	const struct {
-		uint64_t idlen, datalen;
-	} lengths[] = {{id_size + 1, data_size}, {id_size - 1, data_size}, {id_size, data_size + 1},
-	    {id_size, data_size - 1}, {0, 0}, {huge, 0}, {0, huge}, {huge, huge},
-	    {huge - 39, id_size + data_size}, // 40 and these wrap to 0
-	    {id_size + data_size - (huge - 7), huge - 7}, {huge / 2 + 1, huge / 2 + 1 + id_size + data_size}};
-	for (const auto &row : lengths) {
-		Block block(WRITE, id_bytes, data_bytes);
-		block.head.nda_idlen = row.idlen;
-		block.head.nda_datalen = row.datalen;
-		// The last but one adds up, with a wrap; that is the point of it.
-		expect(block, OSTREL_INVALID_ARG);
-	}
-}
-
-TEST_F(HatchRequests, OfUnknownCommandsAreRefusedAfterAllElse)
-{
-	for (uint32_t cmd : {0U, 1U, 999U, 1006U, 1U << 31, UINT32_MAX}) {
-		Block block(static_cast<ostrel_hatch_cmd_t>(cmd));
-		expect(block, OSTREL_INVALID_ARG);
-		block.head.nda_result = OSTREL_EXISTS;
-		expect(block, OSTREL_EXISTS);
-	}
-}
-
-TEST_F(HatchRequests, ThatBringAResultGetItBack)
-{
-	for (ostrel_hatch_cmd_t cmd : {READ, WRITE, RENAME, REMOVE, MAY_READ, MAY_WRITE}) {
-		for (int result : {1, 5, 9, 10, -1}) {
-			Block block(cmd, ids("a=1"), ids("a=3"));
-			block.head.nda_result = static_cast<ostrel_error_t>(result);
-			expect(block, block.head.nda_result);
-		}
-	}
-}
-
-TEST_F(HatchRequests, WhoseListsDoNotUnpackAreRefused)
-{
-	const std::string good = ids("a=1");
-	std::string bad = good;
-	bad[0] ^= 1;
-	for (const std::string &bytes : {bad, good.substr(0, good.size() - 1), good + "x", std::string(100, '\0')}) {
-		for (ostrel_hatch_cmd_t cmd : {READ, WRITE, RENAME, REMOVE, MAY_READ, MAY_WRITE}) {
-			expect(Block(cmd, bytes, good), OSTREL_INVALID_ARG);
-			expect(Block(cmd, good, bytes), OSTREL_INVALID_ARG);
-		}
-	}
-}
-
-TEST_F(HatchRequests, OfManyMegabytesAreJudgedByTheDatabase)
-{
-	const std::string big = ids("a=" + std::string(size_t{sanitized ? 4 : 64} << 20, 'x'));
-	EXPECT_EQ(ask(hatch_.get(), Block(READ, big)).objects, "");
-	expect(Block(WRITE, big, props("p=x")), OSTREL_INVALID_ARG);
-	expect(Block(REMOVE, big), OSTREL_NOT_FOUND);
+	LocalServer server(file_);
+	Fd hatch = open_hatch(file_.hatch);
+	for (const auto &[request, expected] : golden_pairs("hatch_requests.txt"))
+		EXPECT_EQ(ask(hatch.get(), request).text(), expected) << request;
+	// Many megabytes are judged by the database.
+	const std::string big = " ids=a=" + std::string(size_t{sanitized ? 4 : 8} << 20, 'x');
+	EXPECT_EQ(ask(hatch.get(), "read" + big).objects, "");
+	EXPECT_EQ(ask(hatch.get(), "write props=p=x" + big).text(), "write 2 invalid argument");
+	EXPECT_EQ(ask(hatch.get(), "remove" + big).text(), "remove 2 object not found");
+	EXPECT_EQ(ask(hatch.get(), "read ids=a=2").objects, "a=2;|p=two; ");
+	EXPECT_EQ(file_.text(), first_text);
 }
 
 // A store of the test's own: reads give as many objects of as many bytes as it says.
@@ -197,41 +94,42 @@ TEST_F(HatchRequests, WithoutADatabaseToServeAreRefused)
 	for (ostrel_db_t db : {static_cast<ostrel_db_t>(nullptr), &no_table, empty.get()}) {
 		LocalHatch hatch(path, ostrel_hatch_handler, db);
 		Fd fd = open_hatch(path);
-		for (ostrel_hatch_cmd_t cmd : {READ, WRITE, REMOVE})
-			expect_refused(ask(fd.get(), Block(cmd)), Block(cmd), OSTREL_INVALID_ARG);
-		Block nothing(static_cast<ostrel_hatch_cmd_t>(0));
-		nothing.head.nda_flags = 0;
+		for (const char *cmd : {"read", "write", "remove"})
+			EXPECT_EQ(ask(fd.get(), cmd).text(), std::string(cmd) + " 2 invalid argument");
 		for (size_t size = 0; size < 4; size++)
-			expect_refused(ask(fd.get(), std::string(size, '\0')), nothing, OSTREL_INVALID_ARG);
+			EXPECT_EQ(ask(fd.get(), "0 cut=" + std::to_string(size)).text(), "0 0 invalid argument");
 	}
 }
 
 // ---- Replies ----
 
-class HatchReplies : public testing::Test {
-protected:
-	void SetUp() override { SKIP_WITHOUT_ROOT(); }
-	void TearDown() override { store = Store(); }
+class HatchReplies : public HatchServer {};
 
-	ServedFile file_;
-};
-
-TEST_F(HatchReplies, OfEveryLengthComeThroughWhole)
+TEST_F(HatchReplies, OfEveryLengthComeThroughWholeAndLeaveNothingBehind)
 {
 	LocalServer server(file_, nullptr, nullptr, &store_cmds);
 	Database db = open_database(file_.hatch, ostrel_hatches_db_cmds);
-	const size_t border = 65536; // beyond it the stack isn't used
-	std::vector<size_t> sizes = {0, 1, 4096, 200'000, 262'144, 1U << 20, size_t{sanitized ? 1U : 16U} << 20};
-	for (size_t size = border - 260; size < border; size++)
-		sizes.push_back(size);
-	for (size_t size : sizes) {
+	auto read_sized = [&](size_t size) {
 		store.size = size;
 		AttrList found;
 		char *value = nullptr;
 		ASSERT_EQ(ostrel_db_read(db.get(), idl_of("a=1").get(), 0, found.out()), OSTREL_SUCCESS) << size;
 		ASSERT_EQ(ostrel_atl_get_one_string(found.get(), "p", &value), 0) << size;
 		ASSERT_TRUE(value == std::string(size, 'x')) << size;
+	};
+	const size_t border = 65536; // beyond it the stack isn't used
+	for (size_t size :
+	    {size_t{0}, size_t{1}, size_t{4096}, size_t{200'000}, size_t{262'144}, size_t{sanitized ? 1U : 16U} << 20})
+		read_sized(size);
+	for (size_t size = border - 260; size < border; size++)
+		read_sized(size);
+	long before = 0;
+	for (int i = 0; i < 320; i++) {
+		read_sized(1U << 20);
+		before = i == 20 ? anonymous_kib() : before;
 	}
+	// Each thread that served keeps room for one reply; a leak would be ten times as much.
+	EXPECT_TRUE(sanitized || anonymous_kib() - before < 32 * 1024) << anonymous_kib() << " KiB, not " << before;
 	store = {10'000, 10};
 	auto count = [](ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *arg) {
 		++*static_cast<int *>(arg);
@@ -242,52 +140,29 @@ TEST_F(HatchReplies, OfEveryLengthComeThroughWhole)
 	EXPECT_EQ(objects, 10'000);
 }
 
-TEST_F(HatchReplies, OfAMegabyteThreeHundredTimesLeaveNothingBehind)
-{
-	store.size = 1U << 20;
-	Process server = serve_file(file_, nullptr, nullptr, &store_cmds);
-	Fd hatch = open_hatch(file_.hatch);
-	std::string request = Block(READ).bytes();
-	std::string room((1U << 20) + 4096, '\0');
-	auto once = [&] {
-		hatch_arg_t arg = {request.data(), request.size(), nullptr, 0, room.data(), room.size()};
-		return hatch_call(hatch.get(), &arg) == 0 && arg.data_size > (1U << 20) && arg.rbuf == room.data();
-	};
-	for (int i = 0; i < 20; i++)
-		ASSERT_TRUE(once());
-	const long before = anonymous_kib(server.pid());
-	for (int i = 0; i < 300; i++)
-		ASSERT_TRUE(once());
-	if (!sanitized) {
-		// Each thread that served keeps room for one reply; a leak would be ten times as much.
-		EXPECT_LT(anonymous_kib(server.pid()) - before, 32 * 1024);
-	}
-}
-
 // ---- Who may do what ----
 
-class HatchRights : public testing::Test {
+class HatchRights : public HatchServer {
 protected:
 	void SetUp() override
 	{
-		SKIP_WITHOUT_ROOT();
+		HatchServer::SetUp();
 		for (const char *name : {"daemon", "bin", "sys"}) {
 			if (getpwnam(name) == nullptr)
 				GTEST_SKIP() << "no user " << name;
 		}
-		file_.write(first_text);
 		file_.write_rights("daemon: ostrel.read, ostrel.write\nbin: ostrel.read\n");
 	}
 	void TearDown() override { (void) unsetenv("MERIDON_ROOT"); }
 	static uid_t user(const char *name) { return getpwnam(name)->pw_uid; }
 
 	// What a thread of the user is answered: a letter for each result, and the objects that come.
-	static std::string answers(uid_t real, const std::string &hatch, const std::vector<Block> &requests)
+	static std::string answers(uid_t real, const std::string &hatch, const std::vector<std::string> &requests)
 	{
 		std::string letters, found;
 		thread_as(real, [&] {
 			Fd fd = open_hatch(hatch);
-			for (const Block &request : requests) {
+			for (const std::string &request : requests) {
 				const Reply reply = ask(fd.get(), request);
 				letters += reply.error != 0 ? '!' : ".Pienwmfur"[reply.head.nda_result];
 				found += reply.objects;
@@ -301,15 +176,12 @@ protected:
 	{
 		const std::string found = " a=1;|p=one; ";
 		std::string said = answers(real, file_.hatch,
-		    {Block(READ, ids("a=1")), Block(WRITE, ids("a=9"), props("p=x")),
-			Block(RENAME, ids("a=9"), ids("a=8")), Block(REMOVE, ids("a=8")), Block(MAY_READ),
-			Block(MAY_WRITE)});
+		    {"read ids=a=1", "write ids=a=9 props=p=x", "rename ids=a=9 newids=a=8", "remove ids=a=8",
+			"may_read", "may_write"});
 		EXPECT_EQ(said.find(found) != std::string::npos, said[0] == '.') << said;
 		return said.substr(0, 6);
 	}
 	std::string may(const char *name) { return may(user(name)); }
-
-	ServedFile file_;
 };
 
 TEST_F(HatchRights, EachUserMayDoWhatTheFileSays)
@@ -343,8 +215,8 @@ TEST_F(HatchRights, ARequestFromOutsideLearnsNothingOfWhatItAsksFor)
 	Process server = serve_file(file_, "ostrel.read", "ostrel.write");
 	// What is there and what isn't, what is sensible and what isn't: the same answer.
 	EXPECT_EQ(answers(user("sys"), file_.hatch,
-		      {Block(READ, ids("a=1")), Block(READ, ids("a=7")), Block(REMOVE), Block(WRITE),
-			  Block(RENAME, ids("a=7"), ids("a=1")), Block(READ, ids("object-db-name=/etc/passwd"))}),
+		      {"read ids=a=1", "read ids=a=7", "remove", "write", "rename ids=a=7 newids=a=1",
+			  "read ids=object-db-name=/etc/passwd"}),
 	    "PPPPPP");
 	EXPECT_EQ(file_.text(), first_text);
 }
@@ -389,22 +261,13 @@ protected:
 	std::function<std::string()> state_ = [this] { return file_.text() + file_text(other_); };
 
 private:
-	static std::string marked(const std::string &text, const std::string &by)
-	{
-		AttrList idl = idl_of(by + ";" + text);
-		const size_t hash = by.find('#');
-		const std::string name = by.substr(0, by.find('='));
-		if (hash != std::string::npos &&
-		    attrlist_add_int64(idl.get(), name.c_str(), std::stoll(by.substr(hash + 1))) != 0)
-			abort();
-		return packed(idl.get());
-	}
 	std::string asked_for(uid_t real, const std::string &hatch, const std::string &by) const
 	{
+		const std::string there = " ids=" + by + ";" + there_;
 		return answers(real, hatch,
-		    {Block(READ, marked(there_, by)), Block(WRITE, marked(there_, by), props("p=x")),
-			Block(RENAME, marked(there_, by), ids(there_new_)),
-			Block(RENAME, ids(here_), marked(here_new_, by)), Block(REMOVE, marked(there_new_, by))});
+		    {"read" + there, "write props=p=x" + there, "rename newids=" + there_new_ + there,
+			"rename ids=" + here_ + " newids=" + by + ";" + here_new_,
+			"remove ids=" + by + ";" + there_new_});
 	}
 };
 
@@ -477,29 +340,6 @@ TEST_F(HatchElsewhere, AnotherLevelOrEnclaveOfARepositoryTakesTheRight)
 
 // ---- Beginning and end ----
 
-class HatchServer : public testing::Test {
-protected:
-	void SetUp() override
-	{
-		SKIP_WITHOUT_ROOT();
-		file_.write(first_text);
-	}
-	ostrel_error_t create(const std::string &path)
-	{
-		return ostrel_hatchserver_create(path.c_str(), nullptr, nullptr, db_.get(), &hatch_);
-	}
-	static struct stat look(const std::string &path)
-	{
-		struct stat st = {};
-		EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
-		return st;
-	}
-
-	ServedFile file_;
-	Database db_ = open_database(file_.path);
-	int hatch_ = -1;
-};
-
 TEST_F(HatchServer, MakesItsPlaceAsItMustBeAndLeavesTheDirectory)
 {
 	const std::string directory = file_.scratch.path("hatches");
@@ -512,7 +352,7 @@ TEST_F(HatchServer, MakesItsPlaceAsItMustBeAndLeavesTheDirectory)
 		EXPECT_EQ(look(directory).st_uid, 16U);
 		EXPECT_EQ(look(directory).st_gid, 65U);
 		EXPECT_NE(fcntl(hatch_, F_GETFD), -1);
-		ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_);
+		destroy();
 		EXPECT_FALSE(file_.scratch.has("hatches/db"));
 		// What is there already is put right.
 		ASSERT_EQ(chmod(directory.c_str(), 0700), 0);
@@ -521,33 +361,26 @@ TEST_F(HatchServer, MakesItsPlaceAsItMustBeAndLeavesTheDirectory)
 	}
 }
 
-TEST_F(HatchServer, StoresItsRightsFirstAndCutsThem)
+TEST_F(HatchServer, RefusesWhatItCannotServeAndStoresItsRightsFirstAndCutsThem)
 {
-	const std::string two_levels = file_.scratch.path("no/such");
-	ASSERT_EQ(ostrel_hatchserver_create(
-		      (two_levels + "/db").c_str(), "r", std::string(2000, 'w').c_str(), db_.get(), &hatch_),
-	    OSTREL_NOT_FOUND);
+	Database nameless = open_database("");
+	auto refusal = [&](const std::string &path, ostrel_db_t db, int *hatch) {
+		return ostrel_hatchserver_create(path.c_str(), "r", std::string(2000, 'w').c_str(), db, hatch);
+	};
+	EXPECT_EQ(refusal(file_.hatch, nullptr, &hatch_), OSTREL_INVALID_ARG);
+	EXPECT_EQ(refusal(file_.hatch, db_.get(), nullptr), OSTREL_INVALID_ARG);
+	EXPECT_EQ(refusal(file_.hatch, nameless.get(), &hatch_), OSTREL_INVALID_ARG);
+	EXPECT_EQ(ostrel_hatchserver_create(nullptr, nullptr, nullptr, db_.get(), &hatch_), OSTREL_INVALID_ARG);
+	EXPECT_EQ(refusal("", db_.get(), &hatch_), OSTREL_INVALID_ARG);
+	EXPECT_EQ(refusal(file_.path + "/db", db_.get(), &hatch_), OSTREL_NOT_FOUND) << "the directory is a file";
+	EXPECT_EQ(refusal(file_.scratch.path("no/such/db"), db_.get(), &hatch_), OSTREL_NOT_FOUND);
+	EXPECT_FALSE(file_.scratch.has("hatches"));
+	EXPECT_EQ(hatch_, -1);
 	EXPECT_STREQ(ostrel_db_get_read_auth(db_.get()), "r");
 	EXPECT_EQ(ostrel_db_get_write_auth(db_.get()), std::string(1023, 'w'));
 	ASSERT_EQ(create(file_.hatch), OSTREL_SUCCESS);
 	EXPECT_STREQ(ostrel_db_get_read_auth(db_.get()), "");
-	ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_);
-}
-
-TEST_F(HatchServer, RefusesWhatItCannotServe)
-{
-	EXPECT_EQ(
-	    ostrel_hatchserver_create(file_.hatch.c_str(), nullptr, nullptr, nullptr, &hatch_), OSTREL_INVALID_ARG);
-	EXPECT_EQ(
-	    ostrel_hatchserver_create(file_.hatch.c_str(), nullptr, nullptr, db_.get(), nullptr), OSTREL_INVALID_ARG);
-	Database nameless = open_database("");
-	EXPECT_EQ(ostrel_hatchserver_create(file_.hatch.c_str(), nullptr, nullptr, nameless.get(), &hatch_),
-	    OSTREL_INVALID_ARG);
-	EXPECT_EQ(ostrel_hatchserver_create(nullptr, nullptr, nullptr, db_.get(), &hatch_), OSTREL_INVALID_ARG);
-	EXPECT_EQ(create(""), OSTREL_INVALID_ARG);
-	EXPECT_FALSE(file_.scratch.has("hatches"));
-	EXPECT_EQ(create(file_.path + "/db"), OSTREL_NOT_FOUND) << "the directory is a file";
-	EXPECT_EQ(hatch_, -1);
+	destroy();
 }
 
 TEST_F(HatchServer, ChangesNoFileThatIsNotItsOwn)
@@ -555,16 +388,18 @@ TEST_F(HatchServer, ChangesNoFileThatIsNotItsOwn)
 	const int before = open_descriptors();
 	ASSERT_EQ(mkdir(file_.scratch.path("hatches").c_str(), 0755), 0);
 	ASSERT_EQ(chmod(file_.path.c_str(), 0600), 0);
-	ASSERT_EQ(symlink(file_.path.c_str(), file_.hatch.c_str()), 0);
-	EXPECT_EQ(create(file_.hatch), OSTREL_FAILURE);
-	ASSERT_EQ(unlink(file_.hatch.c_str()), 0);
-	ASSERT_EQ(link(file_.path.c_str(), file_.hatch.c_str()), 0);
-	EXPECT_EQ(create(file_.hatch), OSTREL_INVALID_ARG);
+	const char *hatch = file_.hatch.c_str(), *file = file_.path.c_str();
+	const std::pair<std::function<int()>, ostrel_error_t> obstacles[] = {
+	    {[=] { return symlink(file, hatch); }, OSTREL_FAILURE},
+	    {[=] { return link(file, hatch); }, OSTREL_INVALID_ARG},
+	    {[=] { return mkfifo(hatch, 0600); }, OSTREL_INVALID_ARG},
+	};
+	for (const auto &[put, result] : obstacles) {
+		ASSERT_EQ(put(), 0);
+		EXPECT_EQ(create(hatch), result) << "obstacle " << look(hatch).st_mode;
+		ASSERT_EQ(unlink(hatch), 0);
+	}
 	EXPECT_EQ(look(file_.path).st_mode, S_IFREG | 0600U);
-	ASSERT_EQ(unlink(file_.hatch.c_str()), 0);
-	ASSERT_EQ(mkfifo(file_.hatch.c_str(), 0600), 0);
-	EXPECT_EQ(create(file_.hatch), OSTREL_INVALID_ARG);
-	ASSERT_EQ(unlink(file_.hatch.c_str()), 0);
 	EXPECT_EQ(create(file_.scratch.write("hatches/db", "not a hatch")), OSTREL_FAILURE);
 	EXPECT_EQ(file_text(file_.hatch), "not a hatch");
 	const std::string kept = file_.scratch.path("kept"), planted = file_.scratch.path("hatches/sub");
@@ -582,11 +417,7 @@ TEST_F(HatchServer, NeedsTheRightToChangeOwners)
 	const std::string directory = file_.scratch.path("hatches");
 	ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
 	ASSERT_EQ(chown(directory.c_str(), 1000, 1000), 0);
-	Process server([&] {
-		become(1000, 1000);
-		return create(file_.hatch) == OSTREL_EPERM && hatch_ == -1 ? 0 : 1;
-	});
-	EXPECT_EQ(server.wait(), 0);
+	EXPECT_EQ(as_user(1000, [&] { return create(file_.hatch) == OSTREL_EPERM && hatch_ == -1 ? 7 : 1; }), 7);
 	EXPECT_FALSE(file_.scratch.has("hatches/db"));
 }
 
@@ -597,23 +428,14 @@ TEST_F(HatchServer, TakesThePathOverFromOneThatLives)
 	other.write("a=3;\tp=string,three;\n");
 	Process first = serve_file(other);
 	Fd old = open_hatch(file_.hatch);
-	EXPECT_EQ(ask(old.get(), Block(READ)).objects, "a=3;|p=three; ");
+	EXPECT_EQ(ask(old.get(), "read").objects, "a=3;|p=three; ");
 	ASSERT_EQ(create(file_.hatch), OSTREL_SUCCESS);
-	EXPECT_EQ(ask(old.get(), Block(READ)).error, EBADF);
-	Fd fresh = open_hatch(file_.hatch);
-	EXPECT_EQ(ask(fresh.get(), Block(READ, ids("a=1"))).objects, "a=1;|p=one; ");
-	ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_);
-}
-
-TEST_F(HatchServer, WithoutAHatchDestroysThePathAlone)
-{
-	ASSERT_EQ(create(file_.hatch), OSTREL_SUCCESS);
-	Fd fd = open_hatch(file_.hatch);
-	ASSERT_EQ(ask(fd.get(), Block(MAY_READ)).error, 0);
+	EXPECT_EQ(ask(old.get(), "read").error, EBADF);
+	EXPECT_EQ(ask(open_hatch(file_.hatch).get(), "read ids=a=1").objects, "a=1;|p=one; ");
 	ostrel_hatchserver_destroy(file_.hatch.c_str(), -1);
-	EXPECT_FALSE(file_.scratch.has("hatches/db"));
+	EXPECT_FALSE(file_.scratch.has("hatches/db")) << "without a hatch the path alone is destroyed";
 	EXPECT_NE(fcntl(hatch_, F_GETFD), -1);
-	ostrel_hatchserver_destroy(file_.hatch.c_str(), hatch_);
+	destroy();
 	EXPECT_EQ(fcntl(hatch_, F_GETFD), -1);
 }
 
@@ -655,13 +477,12 @@ TEST_F(HatchServer, AnswersWhicheverAllocationFailsAndKeepsNothing)
 	unaudited.dbc_audit = nullptr;
 	Database db = open_database(file_.path, &unaudited);
 	struct Case {
-		Block request;
-		std::string objects;
+		const char *request, *objects;
 	};
 	const Case cases[] = {
-	    {Block(READ, ids("a=1")), "a=1;|p=one; "},
-	    {Block(WRITE, ids("a=2"), props("p=two")), ""},
-	    {Block(MAY_READ), ""},
+	    {"read ids=a=1", "a=1;|p=one; "},
+	    {"write ids=a=2 props=p=two", ""},
+	    {"may_read", ""},
 	};
 	for (const Case &row : cases) {
 		Starved starved = {db.get(), 0, {}, 0, true};

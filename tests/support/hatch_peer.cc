@@ -5,15 +5,12 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <mutex>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -28,31 +25,13 @@
 
 namespace {
 
-std::mutex block_lock;
-std::condition_variable block_changed;
-int blocked;
-bool released;
+std::atomic<int> blocked;
+std::atomic<bool> released;
 
 template <typename T>
 void reply_with(const T &value)
 {
 	hatch_return(reinterpret_cast<const char *>(&value), sizeof value, nullptr, 0);
-}
-
-void must(bool good, const char *what)
-{
-	if (good)
-		return;
-	perror(what);
-	abort();
-}
-
-void block()
-{
-	std::unique_lock<std::mutex> hold(block_lock);
-	blocked++;
-	block_changed.wait(hold, [] { return released; });
-	blocked--;
 }
 
 Caller caller()
@@ -67,17 +46,13 @@ Caller caller()
 // The errno values of a handler's calls in a child that it forked, as the child's exit status would have them.
 int in_forked_child()
 {
-	pid_t child = fork();
-	if (child == 0) {
+	return in_child([] {
 		peercred_t *cred = nullptr;
 		bool none = hatch_peercred(&cred) == -1 && errno == EINVAL;
 		none = hatch_return("x", 1, nullptr, 0) == -1 && errno == EINVAL && none;
 		none = hatch_reply_memory(1) == nullptr && errno == EINVAL && none;
-		_exit(none ? 7 : 8);
-	}
-	int status = 0;
-	must(waitpid(child, &status, 0) == child, "waitpid");
-	return WEXITSTATUS(status);
+		return none ? 7 : 8;
+	});
 }
 
 void reply_sized(size_t size)
@@ -86,33 +61,41 @@ void reply_sized(size_t size)
 	char small[on_stack];
 	char *bytes = size <= on_stack ? small : static_cast<char *>(hatch_reply_memory(size));
 	must(bytes != nullptr, "hatch_reply_memory");
-	{
-		std::string text = test_bytes(size);
-		memcpy(bytes, text.data(), size);
-	}
+	memcpy(bytes, test_bytes(size).data(), size);
 	hatch_return(bytes, size, nullptr, 0);
 }
 
-struct BadReturns {
-	int null_data;
-	int descriptors;
-};
+int unpack_error(const char *bytes, size_t size)
+{
+	AttrList list;
+	return attrlist_unpack(bytes, size, list.out(), 0);
+}
 
 void return_badly()
 {
-	BadReturns seen = {0, 0};
+	int seen[2] = {};
 	hatch_desc_t desc = {};
 	if (hatch_return(nullptr, 1, nullptr, 0) == -1)
-		seen.null_data = errno;
+		seen[0] = errno;
 	if (hatch_return("x", 1, &desc, 1) == -1)
-		seen.descriptors = errno;
+		seen[1] = errno;
 	reply_with(seen);
 }
 
 } // namespace
 
-void obey(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
+void must(bool good, const char *what)
 {
+	if (good)
+		return;
+	perror(what);
+	abort();
+}
+
+void obey(void *, char *arg, size_t size, hatch_desc_t *descs, unsigned int ndescs)
+{
+	must(reinterpret_cast<uintptr_t>(arg) % alignof(max_align_t) == 0, "an aligned request");
+	must(descs == nullptr && ndescs == 0, "no descriptors");
 	Ask ask = {Do::Echo, 0, 0};
 	if (size >= sizeof ask)
 		memcpy(&ask, arg, sizeof ask);
@@ -129,12 +112,20 @@ void obey(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
 		return reply_with(caller());
 	case Do::ReturnBadly:
 		return return_badly();
+	case Do::Unpack:
+		return reply_with(unpack_error(arg + sizeof ask, size - sizeof ask));
+	case Do::Charge:
+		return reply_with(hatch_charge(ask.size) == 0 ? 0 : errno);
+	case Do::Reserve:
+		return reply_with(hatch_reply_memory(ask.size) != nullptr ? 0 : errno);
 	case Do::Fork:
 		return reply_with(in_forked_child());
 	case Do::Revoke:
 		return reply_with(hatch_revoke(static_cast<int>(ask.number)));
 	case Do::Block:
-		block();
+		blocked++;
+		released.wait(false);
+		blocked--;
 		hatch_return(nullptr, 0, nullptr, 0);
 		return;
 	default:
@@ -144,15 +135,13 @@ void obey(void *, char *arg, size_t size, hatch_desc_t *, unsigned int)
 
 int blocked_calls()
 {
-	std::lock_guard<std::mutex> hold(block_lock);
 	return blocked;
 }
 
 void release_blocked()
 {
-	std::lock_guard<std::mutex> hold(block_lock);
 	released = true;
-	block_changed.notify_all();
+	released.notify_all();
 }
 
 std::string test_bytes(size_t size)
@@ -219,62 +208,29 @@ void Process::kill()
 	(void) wait();
 }
 
-Signal::Signal()
+Signal::Signal() : event_(eventfd(0, EFD_CLOEXEC))
 {
-	int ends[2];
-	must(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
-	read_end_.reset(ends[0]);
-	write_end_.reset(ends[1]);
+	must(static_cast<bool>(event_), "eventfd");
 }
 
 void Signal::raise() const
 {
-	must(write(write_end_.get(), "x", 1) == 1, "write");
+	must(eventfd_write(event_.get(), 1) == 0, "eventfd_write");
 }
 
 void Signal::wait() const
 {
-	struct pollfd raised = {read_end_.get(), POLLIN, 0};
+	struct pollfd raised = {event_.get(), POLLIN, 0};
 	must(poll_until(&raised, 1, Deadline::in(60 * second_ns)) == 1, "nobody raised the signal");
-	char byte;
-	must(read(read_end_.get(), &byte, 1) == 1, "read");
 }
 
-int wait_for_ever()
+Process serve(const std::string &path, unsigned long descriptors)
 {
-	for (;;)
-		pause();
-}
-
-WaitingServer::WaitingServer(const std::string &path)
-    : process_([&] {
-	      told_.wait();
-	      LocalHatch served(path);
-	      ready_.raise();
-	      return wait_for_ever();
-      })
-{}
-
-Process WaitingServer::start()
-{
-	told_.raise();
-	ready_.wait();
-	return std::move(process_);
-}
-
-Process serve(const std::string &path)
-{
-	return WaitingServer(path).start();
-}
-
-Process serve_with_limit(const std::string &path, unsigned long descriptors)
-{
-	struct rlimit before;
-	must(getrlimit(RLIMIT_NOFILE, &before) == 0, "getrlimit");
-	(void) allow_descriptors(descriptors);
-	Process server = serve(path);
-	must(setrlimit(RLIMIT_NOFILE, &before) == 0, "setrlimit");
-	return server;
+	return keep_in_process([&] {
+		if (descriptors != 0)
+			(void) allow_descriptors(descriptors);
+		return LocalHatch(path);
+	});
 }
 
 unsigned long allow_descriptors(unsigned long most)
@@ -286,13 +242,14 @@ unsigned long allow_descriptors(unsigned long most)
 	return limit.rlim_cur;
 }
 
-Answer call(int hatch, const std::string &request, size_t room)
+Answer call(int hatch, const std::string &request, size_t room, const std::optional<Bounds> &bounds)
 {
 	std::string buffer(room, '\0');
 	std::string sent = request;
 	hatch_arg_t arg = {
 	    sent.data(), sent.size(), nullptr, 0, room == 0 ? nullptr : buffer.data(), room == 0 ? 1 : room};
-	if (hatch_call(hatch, &arg) == -1)
+	if ((bounds ? hatch_call_bounded(hatch, &arg, bounds->seconds, bounds->reply_max) : hatch_call(hatch, &arg)) ==
+	    -1)
 		return {errno, {}, false};
 	if (arg.data_size == 0)
 		return {0, {}, false};
@@ -302,9 +259,9 @@ Answer call(int hatch, const std::string &request, size_t room)
 	return answer;
 }
 
-Answer call(int hatch, Ask ask, size_t room)
+Answer call(int hatch, Ask ask, size_t room, const std::optional<Bounds> &bounds)
 {
-	return call(hatch, std::string(reinterpret_cast<const char *>(&ask), sizeof ask), room);
+	return call(hatch, std::string(reinterpret_cast<const char *>(&ask), sizeof ask), room, bounds);
 }
 
 std::vector<int> numbers_of(const Answer &answer)
@@ -331,19 +288,15 @@ Fd open_hatch(const std::string &path)
 
 int descriptors_of(pid_t pid)
 {
-	const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd");
-	return static_cast<int>(std::distance(begin(entries), end(entries)));
+	return static_cast<int>(entries_of("/proc/" + std::to_string(pid) + "/fd").size());
 }
 
 long anonymous_kib(pid_t pid)
 {
-	std::ifstream status("/proc/" + (pid == 0 ? "self" : std::to_string(pid)) + "/status");
-	std::string line;
-	while (std::getline(status, line)) {
-		if (line.starts_with("RssAnon:"))
-			return atol(line.c_str() + strlen("RssAnon:"));
-	}
-	abort();
+	const std::string status = file_text("/proc/" + (pid == 0 ? "self" : std::to_string(pid)) + "/status");
+	const size_t at = status.find("RssAnon:");
+	must(at != std::string::npos, "RssAnon");
+	return atol(status.c_str() + at + strlen("RssAnon:"));
 }
 
 bool eventually(const std::function<bool()> &done)

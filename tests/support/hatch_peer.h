@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -11,6 +12,11 @@
 #include <meridon/hatch.h>
 
 #include "base/guards.h"
+#include "child.h"
+#include "scratch.h"
+
+// A broken fixture ends the program: what a test would say without it is worth nothing.
+void must(bool good, const char *what);
 
 // What a request begins with. What follows it is of no interest, but for Echo.
 enum class Do : uint32_t {
@@ -20,11 +26,12 @@ enum class Do : uint32_t {
 	NoReply,     // returns without a reply
 	Who,         // replies with a Caller
 	ReturnBadly, // tries hatch_return() with a NULL and with descriptors, then replies with both errno values
+	Unpack,      // unpacks the list that follows, and replies with the error
+	Charge,      // charges the caller with `size` bytes, and replies with the error
+	Reserve,     // takes reply memory of `size` bytes, and replies with the error
 	Fork,        // forks; replies with what the calls of a handler gave in the child
 	Revoke,      // revokes the hatch `number` that it runs for, then replies
-	Block,       // waits until Release was called as often as there are blocked ones
-	Release,
-	Count, // replies with the number of calls so far
+	Block,       // waits until release_blocked()
 };
 
 struct Ask {
@@ -91,28 +98,28 @@ public:
 	void wait() const;
 
 private:
-	Fd read_end_, write_end_;
+	Fd event_;
 };
 
-[[noreturn]] int wait_for_ever();
+// A process that makes something and has it until it is killed, from the moment that this returns on.
+template <typename Make>
+Process keep_in_process(Make make)
+{
+	Signal ready;
+	Process keeper([&]() -> int {
+		const auto &kept = make();
+		(void) kept;
+		ready.raise();
+		for (;;)
+			pause();
+	});
+	ready.wait();
+	return keeper;
+}
 
-// A process that serves `obey` at a path once it is started. It is forked at once: in the child of a process with busy
-// threads, a sanitizer's allocator may be locked.
-class WaitingServer {
-public:
-	explicit WaitingServer(const std::string &path);
-	Process start();
-
-private:
-	Signal told_, ready_;
-	Process process_;
-};
-
-// A process that serves `obey` at a path, from the moment that this returns on. Without fdetach() before, and it doesn't
-// wait for anybody at its end.
-Process serve(const std::string &path);
-// One that may open so many descriptors.
-Process serve_with_limit(const std::string &path, unsigned long descriptors);
+// A process that serves `obey` at a path, and may open so many descriptors. Without fdetach() before, and it doesn't wait
+// for anybody at its end.
+Process serve(const std::string &path, unsigned long descriptors = 0);
 // Lets this process open as many, or as many as it may. Gives how many that is.
 unsigned long allow_descriptors(unsigned long most);
 
@@ -123,9 +130,14 @@ struct Answer {
 	bool mapped; // it came in a fresh mapping
 };
 
-// Calls with no buffer for the reply, or with one of `room` bytes.
-Answer call(int hatch, const std::string &request, size_t room = 0);
-Answer call(int hatch, Ask ask, size_t room = 0);
+struct Bounds {
+	int seconds;
+	size_t reply_max;
+};
+
+// Calls with no buffer for the reply, or with one of `room` bytes; within bounds if there are some.
+Answer call(int hatch, const std::string &request, size_t room = 0, const std::optional<Bounds> &bounds = {});
+Answer call(int hatch, Ask ask, size_t room = 0, const std::optional<Bounds> &bounds = {});
 // An answer that is an array of int.
 std::vector<int> numbers_of(const Answer &answer);
 // Who the server says is calling.
@@ -151,5 +163,27 @@ bool eventually(const std::function<bool()> &done);
 void become(uid_t real, uid_t effective);
 // Has a thread do something as another user.
 void thread_as(uid_t user, const std::function<void()> &what);
+
+// A hatch's place, in a directory that other users reach.
+class HatchTest : public testing::Test {
+protected:
+	HatchTest() { must(chmod(scratch_.directory().c_str(), 0755) == 0, "chmod"); }
+
+	Scratch scratch_;
+	std::string path_ = attachable(scratch_.path("hatch"));
+};
+
+// One with a server and a descriptor.
+class ServedHatchTest : public HatchTest {
+protected:
+	bool serves(size_t size = 10) const
+	{
+		const std::string request(size, 'x');
+		return call(fd_.get(), request).data == request;
+	}
+
+	Process server_ = serve(path_);
+	Fd fd_ = open_hatch(path_);
+};
 
 #endif

@@ -16,7 +16,7 @@ using Database = Handle<struct ostrel_db, ostrel_db_close>;
 Database open_database(const std::string &name, ostrel_db_cmds_t cmds = ostrel_files_db_cmds, uint64_t flags = 0);
 
 // A flat file, and the place of a hatch in a directory of its own, which serving changes the owner of. Both go at the
-// end. Serving needs root: a fixture with one of these begins with SKIP_WITHOUT_ROOT().
+// end. Serving needs root: a fixture with one of these begins with SKIP_UNLESS_ROOT().
 struct ServedFile {
 	Scratch scratch;
 	std::string path = scratch.path("db");
@@ -28,12 +28,6 @@ struct ServedFile {
 	// The path of the file of rights that counts from now on in this process and those that it forks.
 	std::string write_rights(const std::string &text) const;
 };
-
-#define SKIP_WITHOUT_ROOT()                                                                                            \
-	do {                                                                                                           \
-		if (geteuid() != 0)                                                                                    \
-			GTEST_SKIP() << "serving a database needs root";                                               \
-	} while (0)
 
 // A server of this process.
 class LocalServer {
@@ -57,15 +51,10 @@ Process serve_file(const ServedFile &file, const char *read_auth = nullptr, cons
     ostrel_db_cmds_t cmds = ostrel_files_db_cmds);
 
 std::string packed(attrlist_t *list);
-
-// A block as it travels. Its lengths are those of the lists, until a test writes others.
-struct Block {
-	ostrel_hatch_arg_t head = {};
-	std::string lists;
-
-	explicit Block(ostrel_hatch_cmd_t cmd, const std::string &ids = {}, const std::string &data = {});
-	std::string bytes() const;
-};
+// A block as it travels, from its description, which tests/golden/hatch_requests.txt explains.
+std::string block_of(const std::string &text);
+// The rows of a golden file, of two texts each.
+std::vector<std::pair<std::string, std::string>> golden_pairs(const std::string &name);
 
 // A reply taken apart: its head, and the objects of its list as text, "ids|props" one after another.
 struct Reply {
@@ -73,11 +62,10 @@ struct Reply {
 	ostrel_hatch_arg_t head;
 	size_t size;
 	std::string objects;
+
+	// "command flags result objects", or the error of the call.
+	std::string text() const;
 };
-Reply ask(int hatch, const std::string &request);
-inline Reply ask(int hatch, const Block &request)
-{
-	return ask(hatch, request.bytes());
-}
+Reply ask(int hatch, const std::string &block);
 
 #endif
