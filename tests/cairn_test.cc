@@ -1,14 +1,96 @@
 // Databases in the repository, with a real daemon: what is stored, found, renamed and removed.
 #include <algorithm>
 #include <atomic>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <map>
+#include <sstream>
 #include <thread>
 
 #include "cairn_db.h"
+#include "line_lists.h"
+#include "test_paths.h"
 
 namespace {
 
 using Cairn = CairnTest;
+
+// ---- Steps of tests/golden/cairn.txt ----
+
+using Text = const std::string &;
+
+std::string text_of(ostrel_error_t result)
+{
+	return ostrel_strerror(result);
+}
+
+// What can be done with a group, and what more the step says.
+const std::map<std::string, std::function<std::string(CairnDb &db, Text group, Text more)>> verbs = {
+    {"put", [](auto &db, Text group, Text more) { return text_of(put(db, group, more)); }},
+    {"put-temporary",
+	[](auto &db, Text group, Text more) { return text_of(put(db, group, more, OSTREL_FLAG_TEMPORARY)); }},
+    {"put-typed",
+	[](auto &db, Text group, Text more) {
+		return text_of(ostrel_db_write(db.get(), group_of(group).get(), 0, props(more).get()));
+	}},
+    {"open",
+	[](auto &db, Text name, Text how) {
+		db = open_cairn(name.c_str(), how == "exact" ? OSTREL_DB_CASE_SENSITIVE : 0);
+		return text_of(db ? OSTREL_SUCCESS : OSTREL_FAILURE);
+	}},
+    {"get", [](auto &db, Text group, Text) { return get(db, group); }},
+    {"get-typed", [](auto &db, Text group, Text) { return typed(db, group); }},
+    {"drop", [](auto &db, Text group, Text) { return text_of(drop(db, group)); }},
+    {"move", [](auto &db, Text group, Text to) { return text_of(move(db, group, to)); }},
+    {"walk", [](auto &db, Text types, Text) { return walk(db, types); }},
+};
+
+class CairnSteps : public CairnTest {
+public:
+	using Lines = std::map<int, std::string>; // by their numbers
+	explicit CairnSteps(Lines its_lines) : lines(std::move(its_lines)) {}
+
+	void TestBody() override
+	{
+		for (const auto &[number, line] : lines) {
+			const size_t arrow = line.find(" ->");
+			std::istringstream words(line.substr(0, arrow));
+			std::string verb, group, more;
+			words >> verb >> group >> more;
+			if (verb == "restart") {
+				here.restart();
+				continue;
+			}
+			std::string found = " -> " + verbs.at(verb)(db, group, more);
+			found.erase(found.find_last_not_of(' ') + 1);
+			EXPECT_EQ(found, arrow == line.npos ? " -> no error" : line.substr(arrow))
+			    << "cairn.txt:" << number << ": " << line;
+		}
+	}
+
+private:
+	const Lines lines;
+};
+
+// Each group of steps is a test of the suite.
+const bool registered = [] {
+	std::ifstream file(TEST_SOURCE_DIR "/tests/golden/cairn.txt");
+	std::map<std::string, CairnSteps::Lines> tests;
+	std::string test, line;
+	for (int number = 1; std::getline(file, line); number++)
+		if (line.starts_with("== "))
+			test = line.substr(3);
+		else if (!line.empty() && line[0] != '#')
+			tests[test][number] = line;
+	if (tests.size() < 8)
+		abort();
+	for (const auto &[name, lines] : tests)
+		testing::RegisterTest("Cairn", name.c_str(), nullptr, nullptr, __FILE__, __LINE__,
+		    [lines = lines]() -> CairnTest * { return new CairnSteps(lines); });
+	return true;
+}();
+
+// ---- What takes more than steps ----
 
 constexpr const char *not_found = "? object not found";
 constexpr const char *invalid = "? invalid argument";
@@ -20,20 +102,6 @@ std::string array_of(data_type_t type)
 }
 const std::string int64s = array_of(DATA_TYPE_INT64_ARRAY), uint64s = array_of(DATA_TYPE_UINT64_ARRAY),
 		  booleans = array_of(DATA_TYPE_BOOLEAN_ARRAY), strings = array_of(DATA_TYPE_STRING_ARRAY);
-
-TEST_F(Cairn, AWriteMakesAGroupHoldExactlyItsProperties)
-{
-	EXPECT_EQ(put(db, "eth0", "mtu=1500"), OSTREL_INVALID_ARG) << "a new group needs a type";
-	ASSERT_EQ(put(db, "eth0:link", "mtu=1500;name=a"), OSTREL_SUCCESS);
-	EXPECT_EQ(get(db, "eth0"), "eth0:link|mtu=1500;name=a;");
-	ASSERT_EQ(put(db, "eth0", "mtu=9000;duplex=full"), OSTREL_SUCCESS);
-	EXPECT_EQ(get(db, "eth0:other"), "eth0:link|mtu=9000;duplex=full;") << "the type doesn't count with a name";
-	ASSERT_EQ(put(db, "eth0", ""), OSTREL_SUCCESS);
-	EXPECT_EQ(get(db, "eth0"), "eth0:link|");
-	ASSERT_EQ(drop(db, "eth0"), OSTREL_SUCCESS);
-	EXPECT_EQ(drop(db, "eth0"), OSTREL_NOT_FOUND);
-	EXPECT_EQ(get(db, "eth0"), not_found);
-}
 
 TEST_F(Cairn, EveryAttributeTypeIsStoredAndComesBackAsAnArrayOf64Bits)
 {
@@ -60,37 +128,9 @@ TEST_F(Cairn, EveryAttributeTypeIsStoredAndComesBackAsAnArrayOf64Bits)
 				      "-9223372036854775808;none" + int64s + ";c" + uint64s + "4294967295;cs" +
 				      uint64s + "4294967295,0;C" + uint64s + "18446744073709551615;b" + booleans +
 				      "0;bs" + booleans + "1,0;s" + strings + "'';ss" + strings + "'one','two';");
-}
-
-TEST_F(Cairn, AStoredPropertyKeepsItsTypeAndTakesNoOtherKind)
-{
-	auto write_one = [&](auto add) {
-		AttrList props;
-		EXPECT_EQ(attrlist_alloc(props.out(), ATL_UNIQUE_NAME, 0), 0);
-		EXPECT_EQ(add(props.get()), 0);
-		return ostrel_db_write(db.get(), group_of("g:t").get(), 0, props.get());
-	};
-	auto count = [](attrlist_t *props) { return attrlist_add_uint64(props, "p", 7); };
-	auto integer = [](attrlist_t *props) { return attrlist_add_int64(props, "p", -1); };
-	auto text = [](attrlist_t *props) { return attrlist_add_string(props, "p", "7"); };
-	auto truth = [](attrlist_t *props) { return attrlist_add_boolean_value(props, "p", B_TRUE); };
-	auto nested = [](attrlist_t *props) { return attrlist_add_attrlist(props, "p", props_of("a=b").get()); };
-
-	EXPECT_EQ(write_one(nested), OSTREL_INVALID_ARG);
-	EXPECT_EQ(get(db, "g"), not_found) << "the group that the write had made is taken back";
-	ASSERT_EQ(write_one(count), OSTREL_SUCCESS);
-	ASSERT_EQ(write_one(integer), OSTREL_SUCCESS);
-	EXPECT_EQ(typed(db, "g"), "p" + uint64s + "18446744073709551615;");
-	EXPECT_EQ(write_one(text), OSTREL_INVALID_ARG);
-	EXPECT_EQ(write_one(truth), OSTREL_INVALID_ARG);
-	EXPECT_EQ(write_one([](attrlist_t *props) { return attrlist_add_string_array(props, "p", nullptr, 0); }),
-	    OSTREL_SUCCESS)
-	    << "no values are of no kind";
-	EXPECT_EQ(write_one(text), OSTREL_INVALID_ARG) << "it has kept its type";
-	ASSERT_EQ(put(db, "s:t", "p=x"), OSTREL_SUCCESS);
-	EXPECT_EQ(get(db, "s"), "s:t|p=x;");
-	ASSERT_EQ(put(db, "g", ""), OSTREL_SUCCESS);
-	EXPECT_EQ(write_one(text), OSTREL_SUCCESS) << "a property that is new has the attribute's kind";
+	ASSERT_EQ(attrlist_add_attrlist(props.get(), "nested", props_of("a=b").get()), 0);
+	EXPECT_EQ(ostrel_db_write(db.get(), group_of("h:t").get(), 0, props.get()), OSTREL_INVALID_ARG);
+	EXPECT_EQ(get(db, "h"), not_found) << "the group that the write had made is taken back";
 }
 
 TEST_F(Cairn, APropertyIsReadWithUpTo128ValuesAndOfTheKnownTypes)
@@ -123,24 +163,6 @@ TEST_F(Cairn, APropertyIsReadWithUpTo128ValuesAndOfTheKnownTypes)
 	EXPECT_EQ(put(db, "g", "host=a"), OSTREL_INVALID_ARG);
 	EXPECT_EQ(put(db, "g", "p=z"), OSTREL_SUCCESS) << "a write drops what can't be read";
 	EXPECT_EQ(get(db, "g"), "g:t|p=z;");
-}
-
-TEST_F(Cairn, PathsLeadThroughTheLevelsAndAreMadeAsFarAsTheyLack)
-{
-	ASSERT_EQ(put(db, "a:t", "p=a"), OSTREL_SUCCESS);
-	ASSERT_EQ(put(db, "a/b/c:x*/u/v/extra", "p=c"), OSTREL_SUCCESS) << "what is there keeps its type";
-	EXPECT_EQ(get(db, "/a/b/c/"), "a/b/c:t/u/v|p=c;");
-	EXPECT_EQ(get(db, "a/b"), "a/b:t/u|");
-	EXPECT_EQ(put(db, "n/m:t", "p=1"), OSTREL_INVALID_ARG) << "a type path that runs out";
-	EXPECT_EQ(get(db, "n"), not_found) << "the group made for it is gone";
-	EXPECT_EQ(put(db, "a/n/m/o:t/u/v*/w", "p=1"), OSTREL_INVALID_ARG);
-	EXPECT_EQ(get(db, "a/n"), not_found);
-	EXPECT_EQ(get(db, "a"), "a:t|p=a;") << "what was there before stays";
-	EXPECT_EQ(put(db, "a/b/c/d/e/f/g/h:t/u/v/w/x/y/z/8", "p=8"), OSTREL_SUCCESS);
-	EXPECT_EQ(get(db, "a/b/c/d/e/f/g/h"), "a/b/c/d/e/f/g/h:t/u/v/w/x/y/z/8|p=8;");
-	EXPECT_EQ(walk(db, "*/*/*/*/*/*/*/*"), "a/b/c/d/e/f/g/h:t/u/v/w/x/y/z/8 ");
-	ASSERT_EQ(drop(db, "a"), OSTREL_SUCCESS);
-	EXPECT_EQ(walk(db, "*/*"), "");
 }
 
 TEST_F(Cairn, APathThatCantBeOneIsRefusedAndNothingIsHit)
@@ -181,34 +203,6 @@ TEST_F(Cairn, PathsThatDontFitAreCutWhereTheyAreGivenOut)
 	EXPECT_EQ(walk(db, "*/*"), name + "/" + std::string(54, 'n') + ":t/t ");
 }
 
-TEST_F(Cairn, NamesAreFoundWithoutRegardToCaseIfNotWithIt)
-{
-	ASSERT_EQ(put(db, "Foo/bar:t/u", "p=1"), OSTREL_SUCCESS);
-	EXPECT_EQ(get(db, "foo/BAR"), "Foo/bar:t/u|p=1;");
-	EXPECT_EQ(put(db, "FOO/bar:v/w", "p=2"), OSTREL_SUCCESS) << "goes to the stored group";
-	EXPECT_EQ(get(db, "Foo/bar"), "Foo/bar:t/u|p=2;");
-	CairnDb exact = open_cairn(test_instance, OSTREL_DB_CASE_SENSITIVE);
-	EXPECT_EQ(get(exact, "foo/bar"), not_found);
-	EXPECT_EQ(put(exact, "FOO:v", "p=3"), OSTREL_SUCCESS);
-	EXPECT_EQ(get(db, "FOO"), "FOO:v|p=3;") << "the exact spelling wins";
-	EXPECT_EQ(get(db, "foo"), "Foo:t|");
-	EXPECT_EQ(drop(exact, "foo"), OSTREL_NOT_FOUND);
-}
-
-TEST_F(Cairn, AWalkDeliversEveryGroupWhoseTypesFitOnce)
-{
-	for (const char *group : {"A/X:t/u", "A/Y:t/u", "B/Z:t/v", "C/W:network/u", "D:Net", "E:net"})
-		ASSERT_EQ(put(db, group, ""), OSTREL_SUCCESS);
-	EXPECT_EQ(walk(db, "t/u"), "A/X:t/u A/Y:t/u ");
-	EXPECT_EQ(walk(db, "/t/*/"), "A/X:t/u A/Y:t/u B/Z:t/v ");
-	EXPECT_EQ(walk(db, "*"), "A:t B:t C:network D:Net E:net ");
-	EXPECT_EQ(walk(db, "*/*"), "A/X:t/u A/Y:t/u B/Z:t/v C/W:network/u ");
-	EXPECT_EQ(walk(db, "net*"), "C:network E:net ");
-	EXPECT_EQ(walk(db, "net*nothing/u"), "C/W:network/u ") << "what follows the star is ignored";
-	EXPECT_EQ(walk(db, "T"), "");
-	EXPECT_EQ(walk(db, "t/u/*"), "");
-}
-
 TEST_F(Cairn, AReadByTypeGrowsItsArrayAndLeavesPropertiesOutIfAskedTo)
 {
 	for (int i = 0; i < 129; i++)
@@ -225,33 +219,6 @@ TEST_F(Cairn, AReadByTypeGrowsItsArrayAndLeavesPropertiesOutIfAskedTo)
 	}
 }
 
-TEST_F(Cairn, AnOperationMayWorkOnTheServiceOfItsInstanceOrAnInstanceOfItsService)
-{
-	const std::string on_service = std::string(";object-db-name=") + test_service;
-	const std::string on_instance = std::string(";object-db-name=") + test_instance;
-	ASSERT_EQ(put(db, "i:t", "p=instance"), OSTREL_SUCCESS);
-	ASSERT_EQ(put(db, "s:t" + on_service, "p=service"), OSTREL_SUCCESS);
-	EXPECT_EQ(get(db, "s"), not_found);
-	EXPECT_EQ(get(db, "s" + on_service), "s:t|p=service;");
-	EXPECT_EQ(get(db, "i" + on_instance), "i:t|p=instance;");
-	EXPECT_EQ(get(db, "i;object-db-name=net/link:other"), invalid);
-	EXPECT_EQ(get(db, "i;object-db-name=net/link:default2"), invalid);
-
-	CairnDb service = open_cairn(test_service);
-	ASSERT_TRUE(service);
-	EXPECT_EQ(get(service, "s"), "s:t|p=service;");
-	EXPECT_EQ(get(service, "i"), not_found);
-	EXPECT_EQ(get(service, "i" + on_instance), "i:t|p=instance;");
-	EXPECT_EQ(get(service, "s"), "s:t|p=service;") << "the operation after it is on the service again";
-	EXPECT_EQ(put(service, "i" + on_instance, "p=changed"), OSTREL_SUCCESS);
-	EXPECT_EQ(get(db, "i"), "i:t|p=changed;");
-	EXPECT_EQ(get(service, "i;object-db-name=net/link:other"), not_found);
-	EXPECT_EQ(drop(service, "i;object-db-name=net/link:other"), OSTREL_NOT_FOUND);
-	for (const char *bad : {"net", "net/link2", "net/link2:default", "other", "net/link:"})
-		EXPECT_NE(put(service, std::string("i:t;object-db-name=") + bad, "p=x"), OSTREL_SUCCESS) << bad;
-	EXPECT_EQ(get(db, "i"), "i:t|p=changed;");
-}
-
 TEST_F(Cairn, ADatabaseOpensOnlyIfItIsThere)
 {
 	ostrel_db_t none = nullptr;
@@ -262,48 +229,6 @@ TEST_F(Cairn, ADatabaseOpensOnlyIfItIsThere)
 	here.daemon.stop();
 	EXPECT_EQ(ostrel_db_open(test_instance, 0, ostrel_cairn_db_cmds, 0, &none), OSTREL_FAILURE);
 	EXPECT_EQ(none, nullptr);
-}
-
-TEST_F(Cairn, ARenameMovesAnObjectAndLosesNone)
-{
-	ASSERT_EQ(put(db, "a:t", "p=1"), OSTREL_SUCCESS);
-	ASSERT_EQ(put(db, "b:t", "p=2;q=3"), OSTREL_SUCCESS);
-	EXPECT_EQ(move(db, "a", "c"), OSTREL_INVALID_ARG) << "the new one needs a type";
-	EXPECT_EQ(move(db, "none", "c:t"), OSTREL_NOT_FOUND);
-	ASSERT_EQ(move(db, "a", "x/c:t/u"), OSTREL_SUCCESS);
-	EXPECT_EQ(get(db, "x/c"), "x/c:t/u|p=1;");
-	EXPECT_EQ(get(db, "a"), not_found);
-	ASSERT_EQ(move(db, "x/c", "b:v"), OSTREL_SUCCESS) << "onto another one";
-	EXPECT_EQ(get(db, "b"), "b:t|p=1;");
-
-	for (const char *same : {"b:t", "/b/:t/left"})
-		EXPECT_EQ(move(db, "b", same), OSTREL_SUCCESS) << same;
-	EXPECT_EQ(move(db, "B", "b:t"), OSTREL_SUCCESS);
-	for (const char *other : {"b:v", "B:t", "b:*"})
-		EXPECT_EQ(move(db, "b", other), OSTREL_INVALID_ARG) << other;
-	EXPECT_EQ(get(db, "b"), "b:t|p=1;") << "a rename onto itself changes nothing";
-
-	EXPECT_EQ(move(db, "b", "b/below:t/u"), OSTREL_INVALID_ARG);
-	EXPECT_EQ(move(db, "B", "b/below:t/u"), OSTREL_INVALID_ARG);
-	ASSERT_EQ(put(db, "b/below:t/u", "p=4"), OSTREL_SUCCESS);
-	EXPECT_EQ(move(db, "b", "z:t"), OSTREL_INVALID_ARG) << "it holds a group";
-	EXPECT_EQ(walk(db, "*/*"), "b/below:t/u ");
-	const std::string on_service = std::string(";object-db-name=") + test_service;
-	ASSERT_EQ(move(db, "b/below", "b/below:t/u" + on_service), OSTREL_SUCCESS)
-	    << "the same path elsewhere is another";
-	EXPECT_EQ(get(db, "b/below" + on_service), "b/below:t/u|p=4;");
-	EXPECT_EQ(get(db, "b/below"), not_found);
-}
-
-TEST_F(Cairn, TemporaryGroupsGoWithTheDaemonAndOthersStayAsTheyAre)
-{
-	ASSERT_EQ(put(db, "kept:t", "p=1"), OSTREL_SUCCESS);
-	ASSERT_EQ(put(db, "kept:t", "p=2", OSTREL_FLAG_TEMPORARY), OSTREL_SUCCESS);
-	ASSERT_EQ(put(db, "passing/below:t/u", "p=3", OSTREL_FLAG_TEMPORARY), OSTREL_SUCCESS);
-	EXPECT_EQ(walk(db, "*"), "kept:t passing:t ");
-	here.restart();
-	EXPECT_EQ(walk(db, "*"), "kept:t ");
-	EXPECT_EQ(get(db, "kept"), "kept:t|p=2;");
 }
 
 TEST_F(Cairn, OperationsOnALivingConnectionBuildNothingAndABrokenOneIsReplaced)
