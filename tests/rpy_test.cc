@@ -15,22 +15,6 @@ namespace {
 	EXPECT_EQ((call), -1) << #call;                                                                                \
 	EXPECT_EQ(rpy_error(), error) << #call
 
-std::string text_of(const rpy_value_t *value)
-{
-	uint8_t truth;
-	uint64_t count;
-	int64_t integer;
-	if (rpy_value_get_boolean(value, &truth) == 0)
-		return std::to_string(truth);
-	if (rpy_value_get_count(value, &count) == 0)
-		return std::to_string(count);
-	if (rpy_value_get_integer(value, &integer) == 0)
-		return std::to_string(integer);
-	char bytes[64] = "";
-	EXPECT_GE(rpy_value_get_bytes(value, bytes, sizeof(bytes)), 0);
-	return bytes;
-}
-
 class Rpy : public testing::Test {
 protected:
 	void SetUp() override
@@ -41,8 +25,7 @@ protected:
 	void restart()
 	{
 		daemon.stop();
-		ASSERT_EQ(daemon.start(), 0);
-		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+		Rpy::SetUp();
 	}
 
 	// The group of the instance, or one below a group.
@@ -72,10 +55,13 @@ TEST_F(Rpy, EveryTypeKeepsItsValues)
 	    {RPY_TYPE_HOST, "h"}, {RPY_TYPE_HOSTNAME, "h.x"}, {RPY_TYPE_NET_ADDR_V4, "10.0.0.1"},
 	    {RPY_TYPE_NET_ADDR_V6, "::1"}, {RPY_TYPE_NET_ADDR, "::2"}};
 	Val value(rpy_value_create(client.handle));
+	Contents expected;
 	for (const auto &[type, text] : types) {
+		const std::string name = "p" + std::to_string(type);
+		expected[name] = {text};
 		auto *entry = rpy_entry_create(client.handle);
 		ASSERT_EQ(rpy_value_set_from_string(value.get(), type, text.c_str()), 0) << type;
-		ASSERT_EQ(rpy_transaction_property_new(tx.get(), entry, ("p" + std::to_string(type)).c_str(), type), 0);
+		ASSERT_EQ(rpy_transaction_property_new(tx.get(), entry, name.c_str(), type), 0);
 		ASSERT_EQ(rpy_entry_add_value(entry, value.release()), 0);
 		value.reset(rpy_value_create(client.handle));
 	}
@@ -83,6 +69,7 @@ TEST_F(Rpy, EveryTypeKeepsItsValues)
 	rpy_transaction_destroy_children(tx.get());
 
 	ASSERT_EQ(rpy_pg_update(pg.get()), 1);
+	EXPECT_EQ(client.contents(pg.get()), expected);
 	Prop property(rpy_property_create(client.handle));
 	for (const auto &[type, text] : types) {
 		rpy_type_t stored, of_value;
@@ -91,7 +78,6 @@ TEST_F(Rpy, EveryTypeKeepsItsValues)
 		ASSERT_EQ(rpy_property_get_value(property.get(), value.get()), 0);
 		ASSERT_EQ(rpy_value_type(value.get(), &of_value), 0);
 		EXPECT_TRUE(stored == type && of_value == type) << type;
-		EXPECT_EQ(text_of(value.get()), text);
 	}
 }
 
@@ -145,20 +131,17 @@ TEST_F(Rpy, AWalkThatHasEndedKeepsLittleOfIt)
 		ASSERT_EQ(client.add("group" + std::to_string(i), "t", RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
 	for (int i = 0; i < 3000; i += 3)
 		ASSERT_EQ(client.write("group" + std::to_string(i), {{"v", {std::string(2000, 'x')}}}), 1);
-	std::vector<Iter> iters;
-	std::vector<Pg> groups;
+	std::vector<std::pair<Iter, Pg>> walks;
 	const size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
 	for (int i = 0; i < 8; i++) {
-		iters.emplace_back(rpy_iter_create(client.handle));
-		groups.push_back(client.group());
-		ASSERT_EQ(rpy_iter_instance_pgs(iters.back().get(), client.instance), 0);
+		auto &[iter, last] = walks.emplace_back(rpy_iter_create(client.handle), client.group());
+		ASSERT_EQ(rpy_iter_instance_pgs(iter.get(), client.instance), 0);
 		int seen = 0;
-		while (rpy_iter_next_pg(iters.back().get(), groups.back().get()) == 1)
+		while (rpy_iter_next_pg(iter.get(), last.get()) == 1)
 			seen++;
 		EXPECT_EQ(seen, 3000);
-		EXPECT_EQ(rpy_iter_next_pg(iters.back().get(), groups.back().get()), 0);
 		char name[RPY_NAME_MAX];
-		EXPECT_EQ(rpy_pg_get_name(groups.back().get(), name, sizeof(name)), 9);
+		EXPECT_EQ(rpy_pg_get_name(last.get(), name, sizeof(name)), 9);
 	}
 	const size_t kept = mallinfo2().uordblks + mallinfo2().hblkhd - before;
 	EXPECT_LT(kept, 8U * 1'000'000) << "of more than 2 MB each";

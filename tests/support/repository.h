@@ -2,6 +2,7 @@
 #ifndef TESTS_REPOSITORY_H
 #define TESTS_REPOSITORY_H
 
+#include <csignal>
 #include <map>
 #include <string>
 #include <sys/types.h>
@@ -25,11 +26,12 @@ public:
 
 	// Starts a daemon, and gives the status of its first process.
 	int start(const std::string &hatch_name = "hatch", std::string *output = nullptr);
-	void stop(); // with SIGTERM; returns when it has gone
-	void kill(); // with SIGKILL
+	// Each returns when it has gone.
+	void stop() { end(SIGTERM); }
+	void kill() { end(SIGKILL); }
 	// Stops it with SIGSTOP; returns when all its threads stand still. It goes on after go_on().
 	void freeze();
-	void go_on();
+	void go_on() { (void) ::kill(pid_, SIGCONT); }
 	pid_t pid() const { return pid_; }
 
 	std::string hatch(const std::string &name = "hatch") const { return place.path(name); }
@@ -99,6 +101,10 @@ public:
 	rpy_scope_t *scope = nullptr;
 	rpy_service_t *service = nullptr;
 	rpy_instance_t *instance = nullptr;
+
+private:
+	bool put(rpy_transaction_t *tx, rpy_propertygroup_t *pg, const std::string &name,
+	    const std::vector<std::string> &texts);
 };
 
 #endif
