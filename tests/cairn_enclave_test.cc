@@ -67,7 +67,7 @@ protected:
 		enclave.emplace(kind());
 		for (const char *directory : {"/system/transient", "/etc/cairn", "/proc", "/tmp", "/dev"})
 			fs::create_directories(enclave_path(directory));
-		ASSERT_NO_FATAL_FAILURE(install(TEST_BINARY_DIR "/repository/cairn.configd", enclave->root(), program));
+		ASSERT_NO_FATAL_FAILURE(install(daemon_program, enclave->root(), program));
 		ASSERT_NO_FATAL_FAILURE(mount_proc());
 		fs::create_directories(enclave->prefix() + "/system/transient");
 		host_hatch = enclave->prefix() + own_hatch;
@@ -133,7 +133,7 @@ protected:
 	// Makes a file with an instance in it, and gives its daemon.
 	static pid_t make_repository(const std::string &hatch, const std::string &file, const char *where)
 	{
-		EXPECT_EQ(run_program({TEST_BINARY_DIR "/repository/cairn.configd", "-d", hatch, "-r", file}), 0);
+		EXPECT_EQ(start_daemon(hatch, file), 0);
 		RepositoryClient maker(hatch);
 		EXPECT_EQ(maker.find(), RPY_ERROR_NONE);
 		EXPECT_EQ(maker.add("where", "t"), RPY_ERROR_NONE);

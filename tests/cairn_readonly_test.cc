@@ -24,13 +24,10 @@ class ReadOnly : public CairnTest {
 protected:
 	void SetUp() override
 	{
-		const std::string directory = place.path("store");
-		ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
-		if (mount("none", directory.c_str(), "tmpfs", 0, "size=16m") != 0)
+		if (!store.good)
 			GTEST_SKIP() << "needs the privilege to mount";
-		mounted = true;
 		here.daemon.stop();
-		here.daemon.files = directory;
+		here.daemon.files = store.path;
 		here.start();
 		RepositoryClient maker(here.hatch());
 		ASSERT_EQ(maker.find(), RPY_ERROR_NONE);
@@ -42,15 +39,12 @@ protected:
 	{
 		db.reset();
 		here.daemon.kill();
-		if (mounted)
-			(void) umount2(place.path("store").c_str(), MNT_DETACH);
 	}
 	// A second after its last update the daemon has nothing open for writing.
 	bool set_readonly(bool value)
 	{
 		const unsigned long flags = MS_REMOUNT | (value ? MS_RDONLY : 0);
-		return eventually(
-		    [&] { return mount("none", place.path("store").c_str(), "tmpfs", flags, nullptr) == 0; });
+		return eventually([&] { return store.set(flags, nullptr); });
 	}
 	bool becomes(const std::string &group, const std::string &expected)
 	{
@@ -63,7 +57,7 @@ protected:
 	}
 
 	Scratch place{"/dev/shm"};
-	bool mounted = false;
+	MemoryMount store{place};
 };
 
 TEST_F(ReadOnly, UpdatesSucceedAtOnceAndLandWhenTheStoreCanBeWrittenAgain)

@@ -19,13 +19,6 @@
 
 namespace {
 
-constexpr const char *program = TEST_BINARY_DIR "/repository/cairn.configd";
-
-int start(const std::string &hatch, const std::string &file, std::string *said = nullptr)
-{
-	return run_program({program, "-d", hatch, "-r", file}, {}, said);
-}
-
 // The next daemon has the file before the process of the one before is gone altogether.
 bool goes(pid_t pid)
 {
@@ -37,7 +30,7 @@ int start_after(const std::function<bool()> &change, const std::string &hatch, c
 {
 	return in_child([&] {
 		if (change())
-			execl(program, program, "-d", hatch.c_str(), "-r", file.c_str(), nullptr);
+			execl(daemon_program, daemon_program, "-d", hatch.c_str(), "-r", file.c_str(), nullptr);
 		return -1;
 	});
 }
@@ -90,13 +83,13 @@ TEST(ConfigdHolder, AStartThatCantServeEndsNoDaemonThatDoes)
 	ASSERT_EQ(daemon.start(), 0);
 	ASSERT_EQ(another.start(), 0);
 	std::string said;
-	EXPECT_EQ(start(daemon.place.path("no/hatch"), daemon.file(), &said), EIO);
+	EXPECT_EQ(start_daemon(daemon.place.path("no/hatch"), daemon.file(), &said), EIO);
 	EXPECT_NE(said.find("no/hatch"), said.npos) << said;
-	EXPECT_EQ(start(another.hatch(), daemon.file(), &said), EIO);
+	EXPECT_EQ(start_daemon(another.hatch(), daemon.file(), &said), EIO);
 	EXPECT_NE(said.find("living server"), said.npos) << said;
-	EXPECT_EQ(start(daemon.place.write("text", "x"), daemon.file(), &said), EIO);
+	EXPECT_EQ(start_daemon(daemon.place.write("text", "x"), daemon.file(), &said), EIO);
 	EXPECT_NE(said.find("something else"), said.npos) << said;
-	EXPECT_EQ(start(daemon.place.directory(), daemon.file(), &said), EIO);
+	EXPECT_EQ(start_daemon(daemon.place.directory(), daemon.file(), &said), EIO);
 	EXPECT_EQ(server_of(daemon.hatch()), daemon.pid());
 	EXPECT_EQ(server_of(another.hatch()), another.pid());
 	RepositoryClient client(daemon.hatch());
@@ -109,9 +102,9 @@ TEST(ConfigdHolder, AnOldDaemonThatServesNotHereGivesWay)
 	Repository daemon, relative;
 	ASSERT_EQ(daemon.start(), 0);
 	const std::string place = relative.place.directory();
-	ASSERT_EQ(
-	    run_program({"/bin/sh", "-c",
-		"mkdir " + place + "/in; cd " + place + "/in; exec " + program + " -d hatch -r ../repository.db"}),
+	ASSERT_EQ(run_program({"/bin/sh", "-c",
+		      "mkdir " + place + "/in; cd " + place + "/in; exec " + daemon_program +
+			  " -d hatch -r ../repository.db"}),
 	    0);
 	const pid_t hidden = daemon.pid(), elsewhere = server_of(relative.hatch("in/hatch"));
 	ASSERT_NE(elsewhere, 0);
@@ -132,8 +125,8 @@ TEST(ConfigdHolder, ASecondStartWaitsUntilTheFirstAnswers)
 		const pid_t first = fork();
 		if (first == 0) {
 			const std::string hatch = daemon.hatch(), file = daemon.file();
-			execl(program, program, "-d", hatch.c_str(), "-r", file.c_str(), foreground ? "-f" : nullptr,
-			    nullptr);
+			execl(daemon_program, daemon_program, "-d", hatch.c_str(), "-r", file.c_str(),
+			    foreground ? "-f" : nullptr, nullptr);
 			_exit(127);
 		}
 		const std::string tasks = "/proc/" + std::to_string(first) + "/task/" + std::to_string(first);
@@ -146,7 +139,7 @@ TEST(ConfigdHolder, ASecondStartWaitsUntilTheFirstAnswers)
 		EXPECT_TRUE(serving == 0 || goes(serving));
 	}
 	std::atomic<int> status{-1};
-	std::thread second([&] { status = start(daemon.hatch(), daemon.file()); });
+	std::thread second([&] { status = start_daemon(daemon.hatch(), daemon.file()); });
 	usleep(500000);
 	EXPECT_EQ(status, -1) << "it said so of a daemon that doesn't answer";
 	ASSERT_EQ(kill(daemon.pid(), SIGCONT), 0);
@@ -160,11 +153,11 @@ TEST(ConfigdHolder, ARelativePathNeedsAWorkingDirectory)
 	Scratch place;
 	std::string said;
 	const std::string name = place.directory().substr(place.directory().rfind('/') + 1);
-	EXPECT_EQ(
-	    run_program({"/bin/sh", "-c",
-			    "mkdir " + place.path("gone") + "; cd " + place.path("gone") + "; rmdir " +
-				place.path("gone") + "; exec " + program + " -d " + name + ".hatch -r " + name + ".db"},
-		{}, &said),
+	EXPECT_EQ(run_program({"/bin/sh", "-c",
+				  "mkdir " + place.path("gone") + "; cd " + place.path("gone") + "; rmdir " +
+				      place.path("gone") + "; exec " + daemon_program + " -d " + name + ".hatch -r " +
+				      name + ".db"},
+		      {}, &said),
 	    EIO);
 	EXPECT_NE(said.find("working directory"), said.npos) << said;
 	EXPECT_NE(access(("/" + name + ".db").c_str(), F_OK), 0);

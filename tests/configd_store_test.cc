@@ -83,27 +83,16 @@ constexpr const char *half_an_update =
     "pragma journal_mode=truncate; pragma synchronous=extra; pragma cache_size=1; begin immediate;"
     "update nodes set name = name || 'half'; delete from versions;";
 
-class ConfigdStore : public testing::Test {
+class ConfigdStore : public RepositoryTest {
 protected:
-	// Starts a daemon, and binds to it.
-	void restart()
-	{
-		daemon.stop();
-		ASSERT_EQ(daemon.start("hatch", &said), 0) << said;
-		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	}
 	// Starts one on a file with 50 groups in it.
 	void fill()
 	{
-		ASSERT_NO_FATAL_FAILURE(restart());
+		ASSERT_NO_FATAL_FAILURE(start());
 		for (int i = 0; i < 50; i++)
 			ASSERT_EQ(client.add("g" + std::to_string(i)), RPY_ERROR_NONE);
 		ASSERT_EQ(client.write("g7", {{"v", {"7"}}}), 1);
 	}
-
-	Repository daemon;
-	RepositoryClient client;
-	std::string said;
 };
 
 // SQLite's own locks are ones that a reader can take. A living writer's journal isn't rolled back, and a lock for reading
@@ -121,7 +110,7 @@ TEST_F(ConfigdStore, ALockOfAStrangersStopsNoUpdateAndHidesNoJournal)
 	daemon.stop();
 	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), half_an_update, true));
 	Stranger stranger(daemon.file(), Stranger::Lock::process);
-	ASSERT_NO_FATAL_FAILURE(restart());
+	ASSERT_NO_FATAL_FAILURE(start());
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
 }
 
@@ -168,7 +157,7 @@ TEST_F(ConfigdStore, WhatCanBeNoJournalIsRefusedAtOnce)
 		EXPECT_EQ(daemon.start("hatch", &said), EINVAL);
 		EXPECT_NE(said.find(journal + ": not a regular file"), said.npos) << said;
 		ASSERT_EQ(unlink(journal.c_str()), 0);
-		ASSERT_NO_FATAL_FAILURE(restart());
+		ASSERT_NO_FATAL_FAILURE(start());
 	}
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
 }
@@ -221,8 +210,8 @@ TEST_F(ConfigdStore, LimitsOfItsStarterAreErrorsAndNoEnd)
 	daemon.stop();
 	auto start_with = [&](const std::string &limit) {
 		return run_program({"/bin/sh", "-c",
-				       "ulimit " + limit + "; exec " TEST_BINARY_DIR "/repository/cairn.configd -d " +
-					   daemon.hatch() + " -r " + daemon.file()},
+				       "ulimit " + limit + "; exec " + daemon_program + " -d " + daemon.hatch() +
+					   " -r " + daemon.file()},
 		    {}, &said);
 	};
 	ASSERT_EQ(start_with("-f 100"), 0) << said; // of 512 or 1024 bytes
@@ -232,7 +221,7 @@ TEST_F(ConfigdStore, LimitsOfItsStarterAreErrorsAndNoEnd)
 	EXPECT_EQ(rpy_error(), RPY_ERROR_NO_RESOURCES);
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
 	ASSERT_EQ(daemon.start(), 0); // tells which process it is
-	ASSERT_NO_FATAL_FAILURE(restart());
+	ASSERT_NO_FATAL_FAILURE(start());
 	for (int i = 0; i < 20; i++)
 		ASSERT_EQ(client.write("g" + std::to_string(i), {{"w", values(100)}}), 1);
 	daemon.stop();

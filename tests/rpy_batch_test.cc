@@ -22,13 +22,9 @@ void in_threads(Read read)
 		threads.emplace_back([&read, i] { read(i); });
 }
 
-class RequestBatch : public testing::Test {
+class RequestBatch : public RepositoryTest {
 protected:
-	void SetUp() override
-	{
-		ASSERT_EQ(daemon.start(), 0);
-		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	}
+	void SetUp() override { start(); }
 	void fill(const std::string &padding)
 	{
 		for (int i = 0; i < readers; i++) {
@@ -37,9 +33,6 @@ protected:
 			ASSERT_EQ(client.write(name, {{"v", {name + padding}}}), 1);
 		}
 	}
-
-	Repository daemon;
-	RepositoryClient client;
 };
 
 TEST_F(RequestBatch, EachThreadGetsItsOwnGroupOrItsOwnError)

@@ -15,18 +15,9 @@ namespace {
 	EXPECT_EQ((call), -1) << #call;                                                                                \
 	EXPECT_EQ(rpy_error(), error) << #call
 
-class Rpy : public testing::Test {
+class Rpy : public RepositoryTest {
 protected:
-	void SetUp() override
-	{
-		ASSERT_EQ(daemon.start(), 0);
-		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	}
-	void restart()
-	{
-		daemon.stop();
-		Rpy::SetUp();
-	}
+	void SetUp() override { start(); }
 
 	// The group of the instance, or one below a group.
 	Pg found(const char *name)
@@ -35,9 +26,6 @@ protected:
 		EXPECT_EQ(rpy_instance_get_pg(client.instance, name, pg.get()), 0) << name;
 		return pg;
 	}
-
-	Repository daemon;
-	RepositoryClient client;
 };
 
 TEST_F(Rpy, EveryTypeKeepsItsValues)
@@ -104,7 +92,7 @@ TEST_F(Rpy, GroupsNestAndGoWithTheirParents)
 	EXPECT_EQ(rpy_pg_update(a.get()), 0) << "its version is what it was";
 	FAILS(rpy_pg_add_pg(a.get(), "b", "u", 0, c.get()), RPY_ERROR_EXISTS);
 	FAILS(rpy_pg_get_pg(a.get(), "B", c.get()), RPY_ERROR_NOT_FOUND);
-	restart();
+	start();
 	a = found("a");
 	ASSERT_EQ(rpy_pg_get_pg(a.get(), "b", b.get()), 0);
 	ASSERT_EQ(rpy_pg_get_pg(b.get(), "c", c.get()), 0);
@@ -156,7 +144,7 @@ TEST_F(Rpy, TemporaryGroupsEndWithTheDaemonAndHoldNothingThatStays)
 	ASSERT_EQ(rpy_pg_add_pg(t.get(), "b", "u", RPY_PG_FLAG_TEMPORARY, below.get()), 0);
 	ASSERT_EQ(rpy_pg_add_pg(p.get(), "b", "u", RPY_PG_FLAG_TEMPORARY, below.get()), 0);
 	ASSERT_EQ(client.write(below.get(), {{"a", {"1"}}}), 1);
-	restart();
+	start();
 	Iter iter(rpy_iter_create(client.handle));
 	ASSERT_EQ(rpy_iter_instance_pgs(iter.get(), client.instance), 0);
 	EXPECT_EQ(client.names(iter.get()), std::vector<std::string>{"p"});
@@ -183,8 +171,7 @@ TEST_F(Rpy, ListingsComeInPagesInOrderAndFiltered)
 	EXPECT_EQ(rpy_iter_next_pg(iter.get(), last.get()), 0);
 	FAILS(rpy_iter_instance_pgs(iter.get(), client.instance), RPY_ERROR_CONNECTION_BROKEN);
 
-	ASSERT_EQ(daemon.start(), 0);
-	ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	ASSERT_NO_FATAL_FAILURE(start());
 	for (const char *name : {"Foo", "bar", "FOO"})
 		ASSERT_EQ(client.add(name, name), RPY_ERROR_NONE);
 	auto like = [&](const char *name, const char *type) {
@@ -214,7 +201,7 @@ TEST_F(Rpy, SnapshotsKeepTheStoredGroupsAsTheyWere)
 	FAILS(_rpy_snapshot_take_new(client.instance, "running", snapshot.get()), RPY_ERROR_EXISTS);
 	ASSERT_EQ(client.write("a", {{"v", {"2"}}}), 1);
 	auto frozen_a = [&] {
-		restart();
+		start();
 		EXPECT_EQ(rpy_instance_get_snapshot(client.instance, "running", snapshot.get()), 0);
 		EXPECT_EQ(rpy_snapshot_get_pg(snapshot.get(), "a", frozen.get()), 0);
 		return client.contents(frozen.get());

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <spawn.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 
 #include <meridon/hatch.h>
@@ -45,6 +46,14 @@ int run_program(const std::vector<std::string> &words, const std::vector<std::st
 	return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+const char *const daemon_program = TEST_BINARY_DIR "/repository/cairn.configd";
+
+int start_daemon(
+    const std::string &hatch, const std::string &file, std::string *output, const std::vector<std::string> &environment)
+{
+	return run_program({daemon_program, "-d", hatch, "-r", file}, environment, output);
+}
+
 pid_t server_of(const std::string &hatch)
 {
 	Fd fd(open(hatch.c_str(), O_RDONLY | O_CLOEXEC));
@@ -77,8 +86,7 @@ bool is_gone(pid_t pid)
 
 int Repository::start(const std::string &hatch_name, std::string *output)
 {
-	int status = run_program(
-	    {TEST_BINARY_DIR "/repository/cairn.configd", "-d", hatch(hatch_name), "-r", file()}, environment, output);
+	const int status = start_daemon(hatch(hatch_name), file(), output, environment);
 	if (status == 0)
 		pid_ = server_of(hatch(hatch_name));
 	return status;
@@ -277,4 +285,18 @@ std::vector<std::string> RepositoryClient::names(rpy_iter_t *iter)
 		found.emplace_back(name);
 	}
 	return found;
+}
+
+MemoryMount::MemoryMount(const Scratch &place, const char *options)
+    : path(place.path("mount")), good(mkdir(path.c_str(), 0755) == 0 && set(0, options))
+{}
+
+MemoryMount::~MemoryMount()
+{
+	(void) umount2(path.c_str(), MNT_DETACH);
+}
+
+bool MemoryMount::set(unsigned long flags, const char *options) const
+{
+	return mount("none", path.c_str(), "tmpfs", flags, options) == 0;
 }

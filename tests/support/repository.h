@@ -17,6 +17,11 @@
 int run_program(const std::vector<std::string> &words, const std::vector<std::string> &environment = {},
     std::string *output = nullptr);
 
+// The daemon's program, and its exit status or that of its first process, once it serves.
+extern const char *const daemon_program;
+int start_daemon(const std::string &hatch, const std::string &file, std::string *output = nullptr,
+    const std::vector<std::string> &environment = {});
+
 class Repository {
 public:
 	explicit Repository(const char *parent = "/tmp") : place(parent) {}
@@ -105,6 +110,34 @@ public:
 private:
 	bool put(rpy_transaction_t *tx, rpy_propertygroup_t *pg, const std::string &name,
 	    const std::vector<std::string> &texts);
+};
+
+// A repository, and a client that is bound to its daemon once that is started.
+class RepositoryTest : public testing::Test {
+protected:
+	// Ends the daemon, if there is one, and starts the next.
+	void start()
+	{
+		daemon.stop();
+		ASSERT_EQ(daemon.start("hatch", &said), 0) << said;
+		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	}
+
+	Repository daemon;
+	RepositoryClient client;
+	std::string said;
+};
+
+// A file system in memory, below a directory of a test's own. Without the privilege to mount there is none.
+struct MemoryMount {
+	explicit MemoryMount(const Scratch &place, const char *options = "size=16m");
+	MemoryMount(const MemoryMount &) = delete;
+	MemoryMount &operator=(const MemoryMount &) = delete;
+	~MemoryMount();
+	bool set(unsigned long flags, const char *options) const;
+
+	const std::string path;
+	const bool good;
 };
 
 #endif
