@@ -121,21 +121,17 @@ TEST(ConfigdHolder, ASecondStartWaitsUntilTheFirstAnswers)
 	Repository daemon;
 	ASSERT_EQ(daemon.start(), 0);
 	ASSERT_EQ(kill(daemon.pid(), SIGSTOP), 0);
-	for (const bool foreground : {true, false}) { // the serving process, and the first of two
-		const pid_t first = fork();
-		if (first == 0) {
-			const std::string hatch = daemon.hatch(), file = daemon.file();
-			execl(daemon_program, daemon_program, "-d", hatch.c_str(), "-r", file.c_str(),
-			    foreground ? "-f" : nullptr, nullptr);
-			_exit(127);
-		}
-		const std::string tasks = "/proc/" + std::to_string(first) + "/task/" + std::to_string(first);
+	for (const char *foreground : {"-f", static_cast<const char *>(nullptr)}) { // serves itself, or has it done
+		const std::string hatch = daemon.hatch(), file = daemon.file();
+		Process first([&] {
+			return execl(daemon_program, daemon_program, "-d", hatch.c_str(), "-r", file.c_str(),
+			    foreground, nullptr);
+		});
+		const std::string pid = std::to_string(first.pid()), tasks = "/proc/" + pid + "/task/" + pid;
 		usleep(500000);
-		const pid_t serving = foreground ? 0 : atoi(file_text(tasks + "/children").c_str());
-		ASSERT_EQ(kill(first, SIGTERM), 0);
-		int ended = 0;
-		ASSERT_EQ(waitpid(first, &ended, 0), first);
-		EXPECT_TRUE(WIFSIGNALED(ended) && WTERMSIG(ended) == SIGTERM) << ended;
+		const pid_t serving = foreground != nullptr ? 0 : atoi(file_text(tasks + "/children").c_str());
+		ASSERT_EQ(kill(first.pid(), SIGTERM), 0);
+		EXPECT_EQ(first.wait(), 1000 + SIGTERM);
 		EXPECT_TRUE(serving == 0 || goes(serving));
 	}
 	std::atomic<int> status{-1};

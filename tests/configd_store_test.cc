@@ -270,7 +270,7 @@ struct CommitFault {
 	int error;
 	int calls;
 };
-enum Outcome { made, made_without_fault, refused, unusable, ended = EIO, killed = 1000 + SIGKILL };
+enum Outcome { made, made_without_fault, refused, told_wrongly, unusable, ended = EIO, killed = 1000 + SIGKILL };
 
 // Makes the first commit of a store, and the one that meets the fault, in a process of its own. If that is refused, the
 // store is used again. A commit on a connection that isn't warm opens one, and makes the journal.
@@ -294,6 +294,8 @@ int commit_with(const CommitFault &fault, int nth, bool warm, const SqliteEngine
 			faults.pop_back();
 		if (error == RPY_ERROR_NONE)
 			return fired ? made : made_without_fault;
+		if (fault.call == FailNth::Write && fault.error == ENOSPC && error != RPY_ERROR_NO_RESOURCES)
+			return told_wrongly;
 		return store->commit(rows[2], 8).error == RPY_ERROR_NONE ? refused : unusable;
 	});
 }
@@ -320,6 +322,7 @@ TEST(ConfigdStoreFaults, AnyFailedCallLeavesTheOldOrTheNewWhole)
 			const bool may_be_old = outcome == ended || outcome == killed;
 			EXPECT_TRUE(left == (outcome == refused ? with_next : with_new) || (may_be_old && left == old));
 			EXPECT_NE(outcome, unusable);
+			EXPECT_NE(outcome, told_wrongly) << "of a full disk";
 			// Without any sync nothing is durable. SQLite itself ignores a failing one of the directory.
 			const bool syncs = fault.call == FailNth::Fsync || fault.call == FailNth::Fdatasync;
 			EXPECT_FALSE(outcome == made && syncs && fault.calls > 1 && nth == 1);

@@ -67,7 +67,7 @@ TEST_F(Configd, SaysWhyItCantServeAndEndsWithAnErrno)
 	EXPECT_EQ(file_text(daemon.place.path("torn")), torn);
 }
 
-TEST_F(Configd, ASecondStartWaitsForTheFirstAndAnotherHatchTakesTheFileOver)
+TEST_F(Configd, ASecondStartWaitsForTheFirstAndLeavesItBe)
 {
 	std::vector<std::jthread> starts;
 	for (int i = 0; i < 4; i++)
@@ -83,14 +83,6 @@ TEST_F(Configd, ASecondStartWaitsForTheFirstAndAnotherHatchTakesTheFileOver)
 	// The same hatch by another name is no other hatch.
 	EXPECT_EQ(start_daemon(std::filesystem::relative(daemon.hatch()), daemon.file()), 0);
 	EXPECT_EQ(server_of(daemon.hatch()), first);
-
-	ASSERT_EQ(daemon.start("other"), 0);
-	EXPECT_NE(daemon.pid(), first);
-	EXPECT_TRUE(eventually([first] { return is_gone(first); }));
-	EXPECT_EQ(server_of(daemon.hatch()), 0);
-	EXPECT_EQ(set("2"), RPY_ERROR_CONNECTION_BROKEN);
-	RepositoryClient next(daemon.hatch("other"));
-	EXPECT_EQ(set(next, "2"), RPY_ERROR_NONE);
 }
 
 TEST_F(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
@@ -175,74 +167,6 @@ TEST_F(Configd, StartsFromAnyProcessAndTakesNothingAlong)
 	EXPECT_TRUE(eventually([pid] { return is_gone(pid); }));
 }
 
-// Each commit adds 1 to two numbers of one group; nothing that was acknowledged may be missing, nothing half there.
-TEST_F(Configd, LosesNothingThatItAcknowledgedHoweverOftenItIsKilled)
-{
-	// In memory: a killed process that waits for a busy disk keeps its locks until the disk is done, and a start gives up.
-	Scratch memory(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
-	daemon.files = memory.directory();
-	start();
-	for (const char *name : {"g0", "g1", "g2"})
-		ASSERT_EQ(client.add(name), RPY_ERROR_NONE);
-	std::atomic<bool> end{false};
-	uint64_t acknowledged[3] = {}, tried[3] = {};
-	std::vector<std::jthread> writers;
-	for (int i = 0; i < 3; i++)
-		writers.emplace_back([&, i] {
-			RepositoryClient writer(daemon.hatch());
-			const std::string name = "g" + std::to_string(i);
-			while (!end) {
-				const std::string number = std::to_string(++tried[i]);
-				if (writer.write(name, {{"a", {number}}, {"b", {number}}}) == 1)
-					acknowledged[i] = tried[i];
-				else
-					while (!end && writer.bind(daemon.hatch()) != RPY_ERROR_NONE)
-						usleep(300);
-			}
-		});
-	std::mt19937 random(7);
-	for (int kills = 0; kills < 200; kills++) {
-		usleep(static_cast<useconds_t>(random() % 6000));
-		daemon.kill();
-		EXPECT_EQ(daemon.start("hatch", &said), 0) << said;
-	}
-	end = true;
-	writers.clear();
-	daemon.kill();
-	start();
-	for (int i = 0; i < 3; i++) {
-		Contents found = client.read("g" + std::to_string(i));
-		ASSERT_EQ(found.size(), 2U);
-		EXPECT_EQ(found["a"], found["b"]);
-		EXPECT_GE(std::stoull(found["a"].at(0)), acknowledged[i]);
-		EXPECT_LE(std::stoull(found["a"].at(0)), tried[i]);
-		EXPECT_GT(acknowledged[i], 0U);
-	}
-}
-
-TEST_F(Configd, AFullDiskRefusesAnUpdateAndHarmsNothing)
-{
-	MemoryMount mount(daemon.place, "size=400k");
-	if (!mount.good)
-		GTEST_SKIP() << "mounting needs root";
-	daemon.files = mount.path;
-	start();
-	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
-	const Contents large = {{"v", {std::string(20000, 'x')}}};
-	int written = 0;
-	for (std::string name = "g0"; client.add(name) == RPY_ERROR_NONE && client.write(name, large) == 1;)
-		name = "g" + std::to_string(++written);
-	EXPECT_EQ(rpy_error(), RPY_ERROR_NO_RESOURCES);
-	EXPECT_GT(written, 0);
-	EXPECT_EQ(client.read("g0"), large);
-	ASSERT_TRUE(mount.set(MS_REMOUNT, "size=2m"));
-	EXPECT_EQ(set("1"), RPY_ERROR_NONE);
-	daemon.kill();
-	start();
-	EXPECT_EQ(get(), "1");
-	daemon.stop();
-}
-
 TEST_F(Configd, AcknowledgesNothingIntoAFileThatWasTakenAway)
 {
 	start_with("1");
@@ -320,19 +244,10 @@ TEST_F(Configd, GivesRightsByTheFile)
 	EXPECT_EQ(client.find(), RPY_ERROR_NONE);
 }
 
-TEST_F(Configd, KeepsItsFileFlatAndIsIdleWhenNobodyAsks)
+TEST_F(Configd, IsIdleWhenNobodyAsks)
 {
-	Scratch memory("/dev/shm"); // a busy disk would make each of the commits wait
-	daemon.files = memory.directory();
 	start_with("0");
-	auto size = [this] { return std::filesystem::file_size(daemon.file()); };
-	uintmax_t before = 0;
-	for (int i = 0; i < 2000; i++) {
-		ASSERT_EQ(set(std::to_string(i)), RPY_ERROR_NONE);
-		before = i == 100 ? size() : before;
-	}
-	EXPECT_EQ(size(), before);
-	usleep(1500000);
+	usleep(1500000); // a second after its last update it closes what it had open for that
 	clockid_t clock;
 	struct timespec begin, later;
 	ASSERT_EQ(clock_getcpuclockid(daemon.pid(), &clock), 0);

@@ -92,10 +92,6 @@ TEST_F(Rpy, GroupsNestAndGoWithTheirParents)
 	EXPECT_EQ(rpy_pg_update(a.get()), 0) << "its version is what it was";
 	FAILS(rpy_pg_add_pg(a.get(), "b", "u", 0, c.get()), RPY_ERROR_EXISTS);
 	FAILS(rpy_pg_get_pg(a.get(), "B", c.get()), RPY_ERROR_NOT_FOUND);
-	start();
-	a = found("a");
-	ASSERT_EQ(rpy_pg_get_pg(a.get(), "b", b.get()), 0);
-	ASSERT_EQ(rpy_pg_get_pg(b.get(), "c", c.get()), 0);
 	ASSERT_EQ(rpy_pg_delete(a.get()), 0);
 	FAILS(rpy_pg_update(c.get()), RPY_ERROR_DELETED);
 	FAILS(rpy_pg_get_pg(b.get(), "c", c.get()), RPY_ERROR_DELETED);
@@ -135,24 +131,6 @@ TEST_F(Rpy, AWalkThatHasEndedKeepsLittleOfIt)
 	EXPECT_LT(kept, 8U * 1'000'000) << "of more than 2 MB each";
 }
 
-TEST_F(Rpy, TemporaryGroupsEndWithTheDaemonAndHoldNothingThatStays)
-{
-	ASSERT_EQ(client.add("t", "x", RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
-	ASSERT_EQ(client.add("p"), RPY_ERROR_NONE);
-	Pg t = found("t"), p = found("p"), below = client.group();
-	FAILS(rpy_pg_add_pg(t.get(), "b", "u", 0, below.get()), RPY_ERROR_CONSTRAINT_VIOLATED);
-	ASSERT_EQ(rpy_pg_add_pg(t.get(), "b", "u", RPY_PG_FLAG_TEMPORARY, below.get()), 0);
-	ASSERT_EQ(rpy_pg_add_pg(p.get(), "b", "u", RPY_PG_FLAG_TEMPORARY, below.get()), 0);
-	ASSERT_EQ(client.write(below.get(), {{"a", {"1"}}}), 1);
-	start();
-	Iter iter(rpy_iter_create(client.handle));
-	ASSERT_EQ(rpy_iter_instance_pgs(iter.get(), client.instance), 0);
-	EXPECT_EQ(client.names(iter.get()), std::vector<std::string>{"p"});
-	p = found("p");
-	ASSERT_EQ(rpy_iter_pg_pgs(iter.get(), p.get()), 0);
-	EXPECT_TRUE(client.names(iter.get()).empty());
-}
-
 TEST_F(Rpy, ListingsComeInPagesInOrderAndFiltered)
 {
 	std::vector<std::string> all;
@@ -165,26 +143,17 @@ TEST_F(Rpy, ListingsComeInPagesInOrderAndFiltered)
 	all.emplace_back("g7");
 	Iter iter(rpy_iter_create(client.handle));
 	ASSERT_EQ(rpy_iter_instance_pgs(iter.get(), client.instance), 0);
+	Iter like(rpy_iter_create(client.handle));
+	ASSERT_EQ(_rpy_iter_instance_pgs_like(like.get(), client.instance, "g7", nullptr), 0);
+	EXPECT_EQ(client.names(like.get()), (std::vector<std::string>{"G7", "g7"}));
+	ASSERT_EQ(_rpy_iter_instance_pgs_like(like.get(), client.instance, "g*", nullptr), 0);
+	EXPECT_EQ(client.names(like.get()), std::vector<std::string>());
+	EXPECT_EQ(_rpy_iter_instance_pgs_like(like.get(), client.instance, "a", "b"), -1);
 	daemon.kill(); // the listing is complete: it needs no daemon any more
 	EXPECT_EQ(client.names(iter.get()), all);
 	Pg last = client.group();
 	EXPECT_EQ(rpy_iter_next_pg(iter.get(), last.get()), 0);
 	FAILS(rpy_iter_instance_pgs(iter.get(), client.instance), RPY_ERROR_CONNECTION_BROKEN);
-
-	ASSERT_NO_FATAL_FAILURE(start());
-	for (const char *name : {"Foo", "bar", "FOO"})
-		ASSERT_EQ(client.add(name, name), RPY_ERROR_NONE);
-	auto like = [&](const char *name, const char *type) {
-		EXPECT_EQ(_rpy_iter_instance_pgs_like(iter.get(), client.instance, name, type), 0);
-		return client.names(iter.get());
-	};
-	using Names = std::vector<std::string>;
-	EXPECT_EQ(like("foo", nullptr), (Names{"Foo", "FOO"}));
-	EXPECT_EQ(like("fo*", nullptr), Names());
-	EXPECT_EQ(like(nullptr, "F*junk"), (Names{"Foo", "FOO"}));
-	EXPECT_EQ(like(nullptr, "Foo"), (Names{"Foo"}));
-	EXPECT_EQ(like(nullptr, "*"), (Names{"Foo", "bar", "FOO"}));
-	EXPECT_EQ(_rpy_iter_instance_pgs_like(iter.get(), client.instance, "a", "b"), -1);
 }
 
 TEST_F(Rpy, SnapshotsKeepTheStoredGroupsAsTheyWere)
