@@ -139,18 +139,6 @@ TEST_F(Cairn, AReadByTypeGrowsItsArrayAndLeavesPropertiesOutIfAskedTo)
 	}
 }
 
-TEST_F(Cairn, ADatabaseOpensOnlyIfItIsThere)
-{
-	ostrel_db_t none = nullptr;
-	EXPECT_EQ(ostrel_db_open("net/link:other", 0, ostrel_cairn_db_cmds, 0, &none), OSTREL_NOT_FOUND);
-	EXPECT_EQ(ostrel_db_open("other", 0, ostrel_cairn_db_cmds, 0, &none), OSTREL_NOT_FOUND);
-	EXPECT_EQ(ostrel_db_open(":default", 0, ostrel_cairn_db_cmds, 0, &none), OSTREL_INVALID_ARG);
-	EXPECT_EQ(ostrel_db_open(test_instance, 77, ostrel_cairn_db_cmds, 0, &none), OSTREL_INVALID_ARG);
-	here.daemon.stop();
-	EXPECT_EQ(ostrel_db_open(test_instance, 0, ostrel_cairn_db_cmds, 0, &none), OSTREL_FAILURE);
-	EXPECT_EQ(none, nullptr);
-}
-
 TEST_F(Cairn, OperationsOnALivingConnectionBuildNothingAndABrokenOneIsReplaced)
 {
 	ASSERT_EQ(put(db, "a:t", "p=1"), OSTREL_SUCCESS);

@@ -1,6 +1,5 @@
 // The repository through its client library, with a real daemon.
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <meridon/enclave.h>
 
@@ -106,29 +105,6 @@ TEST_F(Rpy, GroupsNestNoDeeperThanAnyClientFollows)
 		depth++;
 	EXPECT_EQ(rpy_error(), RPY_ERROR_CONSTRAINT_VIOLATED);
 	EXPECT_EQ(depth, rpy::depth_max);
-}
-
-// Working objects are kept for the next operation.
-TEST_F(Rpy, AWalkThatHasEndedKeepsLittleOfIt)
-{
-	for (int i = 0; i < 3000; i++)
-		ASSERT_EQ(client.add("group" + std::to_string(i), "t", RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
-	for (int i = 0; i < 3000; i += 3)
-		ASSERT_EQ(client.write("group" + std::to_string(i), {{"v", {std::string(2000, 'x')}}}), 1);
-	std::vector<std::pair<Iter, Pg>> walks;
-	const size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
-	for (int i = 0; i < 8; i++) {
-		auto &[iter, last] = walks.emplace_back(rpy_iter_create(client.handle), client.group());
-		ASSERT_EQ(rpy_iter_instance_pgs(iter.get(), client.instance), 0);
-		int seen = 0;
-		while (rpy_iter_next_pg(iter.get(), last.get()) == 1)
-			seen++;
-		EXPECT_EQ(seen, 3000);
-		char name[RPY_NAME_MAX];
-		EXPECT_EQ(rpy_pg_get_name(last.get(), name, sizeof(name)), 9);
-	}
-	const size_t kept = mallinfo2().uordblks + mallinfo2().hblkhd - before;
-	EXPECT_LT(kept, 8U * 1'000'000) << "of more than 2 MB each";
 }
 
 TEST_F(Rpy, ListingsComeInPagesInOrderAndFiltered)

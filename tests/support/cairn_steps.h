@@ -17,11 +17,21 @@ protected:
 
 	static std::string text_of(bool is_good) { return is_good ? "no error" : "an error"; }
 	static std::string text_of(ostrel_error_t result) { return ostrel_strerror(result); }
-	static uint64_t flags_of(Text how) { return how == "exact" ? OSTREL_DB_CASE_SENSITIVE : 0; }
+	ostrel_error_t open(const char *name, Text how)
+	{
+		const bool is_exact = how == "exact";
+		const auto enclave = static_cast<enclaveid_t>(atoi(how.c_str()));
+		db.reset();
+		const ostrel_error_t result = ostrel_db_open(
+		    name, enclave, ostrel_cairn_db_cmds, is_exact ? OSTREL_DB_CASE_SENSITIVE : 0, db.out());
+		EXPECT_EQ(!db, result != OSTREL_SUCCESS);
+		return result;
+	}
 
 	// What a step does with a group and what more it says, and what comes of it. A fixture may add to them.
 	std::map<std::string, std::function<std::string(Text group, Text more)>> verbs = {
-	    {"open", [this](Text name, Text how) { return text_of(!!(db = open_cairn(name.c_str(), flags_of(how)))); }},
+	    {"open", [this](Text name, Text how) { return text_of(open(name.c_str(), how)); }},
+	    {"stop", [this](Text, Text) { return here.daemon.stop(), text_of(true); }},
 	    {"put", [this](Text group, Text more) { return text_of(put(db, group, more)); }},
 	    {"put-temporary",
 		[this](Text group, Text more) { return text_of(put(db, group, more, OSTREL_FLAG_TEMPORARY)); }},
