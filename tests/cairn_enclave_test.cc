@@ -57,10 +57,8 @@ protected:
 	void SetUp() override
 	{
 		SKIP_WITHOUT_ENCLAVES(kind());
-#ifdef __SANITIZE_ADDRESS__
-		if (kind() == TestEnclave::UserNamespace)
+		if (sanitized && kind() == TestEnclave::UserNamespace)
 			GTEST_SKIP() << "a sanitized daemon needs /proc, which can't be mounted in this kind";
-#endif
 		// Mounts of the test's own, which go with it.
 		ASSERT_EQ(unshare(CLONE_NEWNS), 0);
 		ASSERT_EQ(mount("none", "/", "", MS_REC | MS_PRIVATE, ""), 0);
@@ -87,14 +85,8 @@ protected:
 			(void) umount2(enclave_path("/proc").c_str(), MNT_DETACH);
 	}
 
-	std::string enclave_path(const std::string &path) const
-	{
-		return enclave ? enclave->root() + path : path;
-	}
-	pid_t private_daemon() const
-	{
-		return server_of(enclave_path(private_hatch));
-	}
+	std::string enclave_path(const std::string &path) const { return enclave ? enclave->root() + path : path; }
+	pid_t private_daemon() const { return server_of(enclave_path(private_hatch)); }
 	static void end(pid_t pid, int signal = SIGKILL)
 	{
 		if (pid > 0 && ::kill(pid, signal) == 0)

@@ -101,15 +101,22 @@ TEST_F(ConfigdStore, ALockOfAStrangersStopsNoUpdateAndHidesNoJournal)
 {
 	SKIP_UNLESS_ROOT();
 	ASSERT_NO_FATAL_FAILURE(fill());
-	for (Stranger::Lock lock : {Stranger::Lock::process, Stranger::Lock::open_file}) {
-		Stranger stranger(daemon.file(), lock);
-		ASSERT_NE(stranger.pid, 0);
+	auto lock_with = [](int command) {
+		return [command](int fd) {
+			struct flock bytes = {};
+			bytes.l_type = F_RDLCK;
+			return fcntl(fd, command, &bytes);
+		};
+	};
+	for (int command : {F_SETLK, F_OFD_SETLK}) {
+		StayingChild stranger = lock_as_stranger(daemon.file(), lock_with(command));
+		ASSERT_NE(stranger.pid(), 0);
 		EXPECT_EQ(client.write("g7", {{"v", {"8"}}}), 1);
 		EXPECT_EQ(client.write("g7", {{"v", {"7"}}}), 1);
 	}
 	daemon.stop();
 	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), half_an_update, true));
-	Stranger stranger(daemon.file(), Stranger::Lock::process);
+	StayingChild stranger = lock_as_stranger(daemon.file(), lock_with(F_SETLK));
 	ASSERT_NO_FATAL_FAILURE(start());
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
 }
@@ -122,7 +129,7 @@ TEST_F(ConfigdStore, ALockOfRootsIsHeededAndKeepsNoDaemonFromEnding)
 	ASSERT_EQ(sqlite3_open(daemon.file().c_str(), tool.out()), SQLITE_OK);
 	ASSERT_EQ(sqlite3_exec(tool.get(), "begin immediate", nullptr, nullptr, nullptr), SQLITE_OK);
 	std::atomic<int> added{0};
-	std::vector<std::thread> threads;
+	std::vector<std::jthread> threads;
 	for (int i = 0; i < 30; i++)
 		threads.emplace_back([&, i] {
 			RepositoryClient other(daemon.hatch());
@@ -133,8 +140,7 @@ TEST_F(ConfigdStore, ALockOfRootsIsHeededAndKeepsNoDaemonFromEnding)
 	ASSERT_EQ(kill(pid, SIGTERM), 0);
 	EXPECT_TRUE(eventually([pid] { return is_gone(pid); }));
 	daemon.kill();
-	for (std::thread &thread : threads)
-		thread.join();
+	threads.clear();
 	EXPECT_EQ(added, 0);
 	tool.reset();
 	ASSERT_EQ(daemon.start(), 0);

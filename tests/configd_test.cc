@@ -93,10 +93,13 @@ TEST_F(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
 	daemon.stop();
 	// It is named, and not waited for.
 	for (bool outlives : {false, true}) {
-		Stranger stranger(daemon.file(), Stranger::Lock::whole, outlives);
-		ASSERT_NE(stranger.pid, 0);
+		auto lock = [](int fd) { return flock(fd, LOCK_SH | LOCK_NB); };
+		auto lock_and_end = [&](int fd) { return in_child([&] { return lock(fd); }); };
+		StayingChild stranger =
+		    outlives ? lock_as_stranger(daemon.file(), lock_and_end) : lock_as_stranger(daemon.file(), lock);
+		ASSERT_NE(stranger.pid(), 0);
 		EXPECT_EQ(daemon.start("hatch", &said), EIO);
-		EXPECT_NE(said.find("process " + std::to_string(stranger.pid) +
+		EXPECT_NE(said.find("process " + std::to_string(stranger.pid()) +
 				    " (configd_test), which is no repository daemon"),
 		    said.npos)
 		    << said;

@@ -225,7 +225,7 @@ TEST(ConfigdUpdates, WhateverCommitsComeToTheTreeShowsWhatTheStoreHolds)
 			return Committed::stale(RPY_ERROR_BACKEND_READONLY);
 		return world.store->asked % 5 == 0 ? RPY_ERROR_NO_RESOURCES : RPY_ERROR_NONE;
 	};
-	std::vector<std::thread> clients;
+	std::vector<std::jthread> clients;
 	for (const char *name : {"a", "b", "c", "d"})
 		clients.emplace_back([&world, name] {
 			uint64_t group = 0, snapshot = 0;
@@ -242,8 +242,7 @@ TEST(ConfigdUpdates, WhateverCommitsComeToTheTreeShowsWhatTheStoreHolds)
 					(void) world.ask(Op::revert_snapshot, snapshot);
 			}
 		});
-	for (std::thread &client : clients)
-		client.join();
+	clients.clear();
 	StoreContent shown = content_of(&world.daemon);
 	shown.next = world.store->disk->content.next;
 	EXPECT_TRUE(shown == world.store->disk->content);

@@ -10,9 +10,7 @@
 namespace {
 
 // A call that fails with that error.
-#define FAILS(call, error)                                                                                             \
-	EXPECT_EQ((call), -1) << #call;                                                                                \
-	EXPECT_EQ(rpy_error(), error) << #call
+#define FAILS(call, error) EXPECT_TRUE((call) == -1 && rpy_error() == (error)) << #call << ": " << rpy_error()
 
 class Rpy : public RepositoryTest {
 protected:

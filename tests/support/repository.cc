@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <iterator>
 #include <spawn.h>
-#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 
@@ -111,40 +110,12 @@ void Repository::freeze()
 		usleep(200);
 }
 
-Stranger::Stranger(const std::string &file, Lock lock, bool outlives)
+StayingChild lock_as_stranger(const std::string &file, const std::function<int(int fd)> &lock)
 {
-	int ends[2];
-	if (pipe2(ends, O_CLOEXEC) != 0)
-		return;
-	const pid_t child = fork();
-	if (child == 0) {
-		struct flock bytes = {};
-		bytes.l_type = F_RDLCK;
-		int fd = open(file.c_str(), O_RDONLY);
-		if (setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0 ||
-		    (lock == Lock::whole ? flock(fd, LOCK_SH | LOCK_NB)
-					 : fcntl(fd, lock == Lock::process ? F_SETLK : F_OFD_SETLK, &bytes)) != 0 ||
-		    (outlives && fork() != 0))
-			_exit(1);
-		const pid_t own = getpid();
-		(void) !::write(ends[1], &own, sizeof(own));
-		pause();
-	}
-	(void) close(ends[1]);
-	if (outlives)
-		(void) waitpid(child, nullptr, 0);
-	if (::read(ends[0], &pid, sizeof(pid)) != sizeof(pid))
-		pid = 0;
-	(void) close(ends[0]);
-}
-
-Stranger::~Stranger()
-{
-	if (pid == 0 || ::kill(pid, SIGKILL) != 0)
-		return;
-	if (waitpid(pid, nullptr, 0) == -1)
-		while (!is_gone(pid))
-			usleep(200);
+	return StayingChild([&] {
+		const int fd = open(file.c_str(), O_RDONLY);
+		return setresgid(1, 1, 1) == 0 && setresuid(1, 1, 1) == 0 && lock(fd) == 0;
+	});
 }
 
 RepositoryClient::~RepositoryClient()

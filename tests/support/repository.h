@@ -11,6 +11,7 @@
 #include <meridon/rpy.h>
 
 #include "base/guards.h"
+#include "child.h"
 #include "scratch.h"
 
 // Runs a program to its end, and gives its exit status; -1 if it died. What it prints goes to `output`, if given.
@@ -56,18 +57,8 @@ private:
 pid_t server_of(const std::string &hatch);
 bool is_gone(pid_t pid);
 
-// A process of another user that has locked all of a file for reading, which anybody could open once. The lock is
-// flock()'s, the process's or the open file's; it may outlive the process that took it.
-class Stranger {
-public:
-	enum class Lock { whole, process, open_file };
-	Stranger(const std::string &file, Lock lock, bool outlives = false);
-	Stranger(const Stranger &) = delete;
-	Stranger &operator=(const Stranger &) = delete;
-	~Stranger();
-
-	pid_t pid = 0; // of who has the lock; 0 if it couldn't be had
-};
+// A process of another user with a lock on a file that anybody could open once. Its pid() is 0 if the lock can't be had.
+StayingChild lock_as_stranger(const std::string &file, const std::function<int(int fd)> &lock);
 
 using Pg = Handle<rpy_propertygroup_t, rpy_pg_destroy>;
 using Iter = Handle<rpy_iter_t, rpy_iter_destroy>;
