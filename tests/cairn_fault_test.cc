@@ -137,7 +137,6 @@ protected:
 		db = open_cairn(test_service);
 		ASSERT_TRUE(db);
 	}
-	void fill() { fill(db); }
 	static void fill(const CairnDb &into)
 	{
 		for (const char *group : {"a", "new", "moved"})
@@ -220,7 +219,7 @@ int CairnFaults::sweep(const Errors &with, const Operation &operation, Check che
 	for (rpy_error_t error : with) {
 		for (int nth = 1;; nth++) {
 			SCOPED_TRACE("call " + std::to_string(nth) + ", error " + std::to_string(error));
-			fill();
+			fill(db);
 			const std::string before = all();
 			const Lists lists(operation);
 			trouble = {nth, error, false, false, 0};
@@ -299,7 +298,7 @@ protected:
 	void SetUp() override
 	{
 		CairnFaults::SetUp();
-		fill();
+		fill(db);
 		signal_often(SA_RESTART); // so that the clock is looked at
 	}
 	void TearDown() override { signal_no_more(); }
@@ -338,7 +337,7 @@ TEST_F(CairnStalls, ARenameWhoseRemoveComesLateLosesNothing)
 		EXPECT_EQ(at(rpy::Op::delete_group, how, [&] { return move(db, "m", "moved:t"); }), OSTREL_FAILURE);
 		EXPECT_TRUE(eventually([&] { return get(db, "m") == "? object not found"; }));
 		EXPECT_EQ(get(db, "moved"), "moved:t|p=m;");
-		fill();
+		fill(db);
 	}
 }
 
@@ -393,7 +392,7 @@ TEST_F(CairnFaults, FewCallsAreMade)
 
 TEST_F(CairnFaults, ACommitThatIsOvertakenAllTheTimeWaitsAndDoesntSpin)
 {
-	fill();
+	fill(db);
 	auto seconds = [](clockid_t clock) {
 		struct timespec now;
 		(void) clock_gettime(clock, &now);

@@ -83,6 +83,17 @@ TEST(ConfigdHolder, AStartThatCantServeEndsNoDaemonThatDoes)
 	EXPECT_EQ(start_daemon(daemon.place.write("text", "x"), daemon.file(), &said), EIO);
 	EXPECT_NE(said.find("something else"), said.npos) << said;
 	EXPECT_EQ(start_daemon(daemon.place.directory(), daemon.file(), &said), EIO);
+	// A relative path needs a working directory.
+	const Scratch place;
+	const std::string name = place.directory().substr(place.directory().rfind('/') + 1);
+	EXPECT_EQ(run_program({"/bin/sh", "-c",
+				  "mkdir " + place.path("gone") + "; cd " + place.path("gone") + "; rmdir " +
+				      place.path("gone") + "; exec " + daemon_program + " -d " + name + ".hatch -r " +
+				      name + ".db"},
+		      {}, &said),
+	    EIO);
+	EXPECT_NE(said.find("working directory"), said.npos) << said;
+	EXPECT_NE(access(("/" + name + ".db").c_str(), F_OK), 0);
 	EXPECT_EQ(server_of(daemon.hatch()), daemon.pid());
 	EXPECT_EQ(server_of(another.hatch()), another.pid());
 	RepositoryClient client(daemon.hatch());
@@ -136,20 +147,4 @@ TEST(ConfigdHolder, ASecondStartWaitsUntilTheFirstAnswers)
 	EXPECT_EQ(status, 0);
 	EXPECT_EQ(server_of(daemon.hatch()), daemon.pid());
 }
-
-TEST(ConfigdHolder, ARelativePathNeedsAWorkingDirectory)
-{
-	Scratch place;
-	std::string said;
-	const std::string name = place.directory().substr(place.directory().rfind('/') + 1);
-	EXPECT_EQ(run_program({"/bin/sh", "-c",
-				  "mkdir " + place.path("gone") + "; cd " + place.path("gone") + "; rmdir " +
-				      place.path("gone") + "; exec " + daemon_program + " -d " + name + ".hatch -r " +
-				      name + ".db"},
-		      {}, &said),
-	    EIO);
-	EXPECT_NE(said.find("working directory"), said.npos) << said;
-	EXPECT_NE(access(("/" + name + ".db").c_str(), F_OK), 0);
-}
-
 } // namespace

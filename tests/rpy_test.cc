@@ -5,7 +5,7 @@
 
 #include "repository.h"
 #include "rpy/wire.h"
-#include "scratch.h"
+#include "test_enclave.h"
 
 namespace {
 
@@ -246,34 +246,27 @@ TEST_F(Rpy, MisuseHasItsErrorAndChangesNothing)
 // A path of an enclave is one of the host's neither before nor after the registry knows the enclave.
 TEST_F(Rpy, ABindInADecoratedEnclaveGoesNowhereElse)
 {
-	Scratch host;
-	ASSERT_EQ(setenv("MERIDON_ROOT", host.directory().c_str(), 1), 0);
-	ASSERT_EQ(symlink(daemon.hatch().c_str(), host.path("planted").c_str()), 0);
+	TestEnclave enclave;
+	const std::string planted = enclave.host_path("/planted");
+	ASSERT_EQ(symlink(daemon.hatch().c_str(), planted.c_str()), 0);
 	Handle<rpy_handle_t, rpy_handle_destroy> handle(rpy_handle_create(RPY_CLIENT_VERSION));
-	Val path(rpy_value_create(handle.get())), enclave(rpy_value_create(handle.get()));
-	auto decorate = [&](uint64_t id) {
-		rpy_value_set_count(enclave.get(), id);
-		return rpy_handle_decorate(handle.get(), "enclave", enclave.get());
+	Val path(rpy_value_create(handle.get())), id(rpy_value_create(handle.get()));
+	auto decorate = [&](uint64_t number) {
+		rpy_value_set_count(id.get(), number);
+		return rpy_handle_decorate(handle.get(), "enclave", id.get());
 	};
 	FAILS(decorate(10000), RPY_ERROR_INVALID_ARGUMENT);
-	FAILS(rpy_handle_decorate(handle.get(), "hatch_path", enclave.get()), RPY_ERROR_TYPE_MISMATCH);
-	ASSERT_EQ(rpy_value_set_astring(path.get(), host.path("planted").c_str()), 0);
+	FAILS(rpy_handle_decorate(handle.get(), "hatch_path", id.get()), RPY_ERROR_TYPE_MISMATCH);
+	ASSERT_EQ(rpy_value_set_astring(path.get(), planted.c_str()), 0);
 	ASSERT_EQ(rpy_handle_decorate(handle.get(), "hatch_path", path.get()), 0);
-	ASSERT_EQ(decorate(5), 0);
+	ASSERT_EQ(decorate(6), 0);
 	FAILS(rpy_handle_bind(handle.get()), RPY_ERROR_NO_SERVER) << "no such enclave";
-
-	enclave_info_t info = {};
-	info.ei_id = 5;
-	info.ei_state = ENCLAVE_STATE_RUNNING;
-	strcpy(info.ei_name, "testing");
-	strcpy(info.ei_root, host.directory().c_str());
-	ASSERT_EQ(enclave_registry_add(&info), 0);
+	ASSERT_EQ(decorate(5), 0);
 	FAILS(rpy_handle_bind(handle.get()), RPY_ERROR_NO_SERVER) << "a link that leads out";
 	ASSERT_EQ(enclave_registry_remove(5), 0);
 	FAILS(rpy_handle_bind(handle.get()), RPY_ERROR_NO_SERVER) << "no such enclave any more";
 	ASSERT_EQ(rpy_handle_decorate(handle.get(), "enclave", nullptr), 0);
 	EXPECT_EQ(rpy_handle_bind(handle.get()), 0) << "a path of the host's";
-	unsetenv("MERIDON_ROOT");
 }
 
 } // namespace
