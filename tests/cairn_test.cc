@@ -8,7 +8,29 @@
 
 namespace {
 
-using Cairn = CairnStepsTest;
+// Also with steps that make all anew, as a restore does it.
+class Cairn : public CairnStepsTest {
+protected:
+	void SetUp() override
+	{
+		CairnStepsTest::SetUp();
+		ASSERT_EQ(other.bind(here.hatch()), RPY_ERROR_NONE);
+		verbs["restore-service"] = [this](Text, Text) {
+			return text_of(_rpy_service_delete(other.service, 1) == 0 &&
+				       other.bind(here.hatch()) == RPY_ERROR_NONE && other.add("g") == RPY_ERROR_NONE);
+		};
+		verbs["restore-instance"] = [this](Text, Text) {
+			return text_of(_rpy_instance_delete(other.instance, 1) == 0 &&
+				       rpy_service_add_instance(other.service, "default", other.instance) == 0 &&
+				       other.add("g") == RPY_ERROR_NONE);
+		};
+		verbs["delete-instance"] = [this](Text, Text) {
+			return text_of(_rpy_instance_delete(other.instance, 1) == 0);
+		};
+	}
+
+	RepositoryClient other;
+};
 
 const bool steps = register_steps<Cairn>("Cairn", "cairn.txt");
 
@@ -16,38 +38,19 @@ constexpr const char *not_found = "? object not found";
 constexpr const char *invalid = "? invalid argument";
 constexpr const char *failure = "? failure";
 
-std::string array_of(data_type_t type)
-{
-	return ":" + std::to_string(type) + "=";
-}
-const std::string int64s = array_of(DATA_TYPE_INT64_ARRAY), uint64s = array_of(DATA_TYPE_UINT64_ARRAY),
-		  booleans = array_of(DATA_TYPE_BOOLEAN_ARRAY), strings = array_of(DATA_TYPE_STRING_ARRAY);
-
 TEST_F(Cairn, EveryAttributeTypeIsStoredAndComesBackAsAnArrayOf64Bits)
 {
 	AttrList props;
 	ASSERT_EQ(attrlist_alloc(props.out(), ATL_UNIQUE_NAME, 0), 0);
-	int32_t ints[] = {-1, 2147483647};
-	uint32_t counts[] = {4294967295U, 0};
-	boolean_t truths[] = {B_TRUE, B_FALSE};
-	char one[] = "one", two[] = "two";
-	char *texts[] = {one, two};
 	ASSERT_EQ(attrlist_add_int32(props.get(), "i", -1), 0);
-	ASSERT_EQ(attrlist_add_int32_array(props.get(), "is", ints, 2), 0);
 	ASSERT_EQ(attrlist_add_int64(props.get(), "I", INT64_MIN), 0);
-	ASSERT_EQ(attrlist_add_int64_array(props.get(), "none", nullptr, 0), 0);
 	ASSERT_EQ(attrlist_add_uint32(props.get(), "c", 4294967295U), 0);
-	ASSERT_EQ(attrlist_add_uint32_array(props.get(), "cs", counts, 2), 0);
 	ASSERT_EQ(attrlist_add_uint64(props.get(), "C", UINT64_MAX), 0);
 	ASSERT_EQ(attrlist_add_boolean_value(props.get(), "b", B_FALSE), 0);
-	ASSERT_EQ(attrlist_add_boolean_array(props.get(), "bs", truths, 2), 0);
 	ASSERT_EQ(attrlist_add_string(props.get(), "s", ""), 0);
-	ASSERT_EQ(attrlist_add_string_array(props.get(), "ss", texts, 2), 0);
 	ASSERT_EQ(ostrel_db_write(db.get(), group_of("g:t").get(), 0, props.get()), OSTREL_SUCCESS);
-	EXPECT_EQ(typed(db, "g"), "i" + int64s + "-1;is" + int64s + "-1,2147483647;I" + int64s +
-				      "-9223372036854775808;none" + int64s + ";c" + uint64s + "4294967295;cs" +
-				      uint64s + "4294967295,0;C" + uint64s + "18446744073709551615;b" + booleans +
-				      "0;bs" + booleans + "1,0;s" + strings + "'';ss" + strings + "'one','two';");
+	EXPECT_EQ(typed(db, "g"), "i:15=-1;I:15=-9223372036854775808;c:16=4294967295;C:16=18446744073709551615;"
+				  "b:24=0;s:17='';");
 	ASSERT_EQ(attrlist_add_attrlist(props.get(), "nested", props_of("a=b").get()), 0);
 	EXPECT_EQ(ostrel_db_write(db.get(), group_of("h:t").get(), 0, props.get()), OSTREL_INVALID_ARG);
 	EXPECT_EQ(get(db, "h"), not_found) << "the group that the write had made is taken back";
@@ -55,7 +58,6 @@ TEST_F(Cairn, EveryAttributeTypeIsStoredAndComesBackAsAnArrayOf64Bits)
 
 TEST_F(Cairn, APropertyIsReadWithUpTo128ValuesAndOfTheKnownTypes)
 {
-	RepositoryClient other(here.hatch());
 	std::vector<std::string> values(128, "1");
 	ASSERT_EQ(other.add("g"), RPY_ERROR_NONE);
 	ASSERT_EQ(other.write("g", {{"p", values}}), 1);
@@ -85,37 +87,8 @@ TEST_F(Cairn, APropertyIsReadWithUpTo128ValuesAndOfTheKnownTypes)
 	EXPECT_EQ(get(db, "g"), "g:t|p=z;");
 }
 
-TEST_F(Cairn, APathThatCantBeOneIsRefusedAndNothingIsHit)
-{
-	const std::string nine = "a/b/c/d/e/f/g/h/i", nine_types = "t/t/t/t/t/t/t/t/t", name(255, 'n');
-	ASSERT_EQ(put(db, "a:t", "p=a"), OSTREL_SUCCESS);
-	ASSERT_EQ(put(db, name + ":t", "p=long"), OSTREL_SUCCESS);
-	// Each of these follows a look-up that found a group or failed, and must not act on what that left.
-	for (const std::string &bad : {std::string("/"), nine, std::string("a*"), name + "n", std::string("//")}) {
-		EXPECT_EQ(get(db, "a"), "a:t|p=a;");
-		EXPECT_EQ(drop(db, bad), OSTREL_INVALID_ARG) << bad;
-		EXPECT_EQ(get(db, "none"), not_found);
-		EXPECT_EQ(drop(db, bad), OSTREL_INVALID_ARG) << bad;
-		EXPECT_EQ(get(db, bad), invalid) << bad;
-		EXPECT_EQ(put(db, bad + ":" + nine_types, "p=x"), OSTREL_INVALID_ARG) << bad;
-		EXPECT_EQ(move(db, "a", bad + ":" + nine_types), OSTREL_INVALID_ARG) << bad;
-	}
-	EXPECT_EQ(walk(db, nine_types), invalid);
-	EXPECT_EQ(get(db, "a//b"), invalid);
-	for (const char *empty : {"", "/", "//"}) {
-		EXPECT_EQ(walk(db, empty), "") << "a type path without a component fits nothing";
-		EXPECT_EQ(get(db, std::string(":") + empty), not_found);
-	}
-	EXPECT_EQ(walk(db, "*"), "a:t " + name + ":t ");
-	EXPECT_EQ(ostrel_db_walk(
-		      db.get(), nullptr, 0, [](auto...) { return 0; }, nullptr, nullptr, nullptr),
-	    OSTREL_INVALID_ARG);
-	EXPECT_EQ(get(db, ";object-db-name=net/link"), invalid);
-}
-
 TEST_F(Cairn, PathsThatDontFitAreCutWhereTheyAreGivenOut)
 {
-	RepositoryClient other(here.hatch());
 	Pg top = other.group(), below = other.group();
 	const std::string name(200, 'n');
 	ASSERT_EQ(rpy_instance_add_pg(other.instance, name.c_str(), "t", 0, top.get()), 0);
@@ -137,6 +110,8 @@ TEST_F(Cairn, AReadByTypeGrowsItsArrayAndLeavesPropertiesOutIfAskedTo)
 		attrlist_t *idl, *props;
 		EXPECT_TRUE(fits == 0 || ostrel_object_look(objs[128], &idl, &props) == OSTREL_NOT_FOUND);
 	}
+	auto visit = [](auto...) { return 0; };
+	EXPECT_EQ(ostrel_db_walk(db.get(), nullptr, 0, visit, nullptr, nullptr, nullptr), OSTREL_INVALID_ARG);
 }
 
 TEST_F(Cairn, OperationsOnALivingConnectionBuildNothingAndABrokenOneIsReplaced)
@@ -166,40 +141,6 @@ TEST_F(Cairn, OperationsOnALivingConnectionBuildNothingAndABrokenOneIsReplaced)
 	EXPECT_EQ(put(db, "a", "p=2"), OSTREL_FAILURE);
 	here.start();
 	EXPECT_EQ(put(db, "a", "p=2"), OSTREL_SUCCESS);
-}
-
-// As a restore does it.
-TEST_F(Cairn, WhatWasDeletedAndMadeAgainIsFoundByTheNextOperationOfEveryOpenHandle)
-{
-	const std::string on_service = std::string(";object-db-name=") + test_service;
-	RepositoryClient restorer(here.hatch());
-	auto restored = [&](bool all) {
-		bool made =
-		    all ? _rpy_service_delete(restorer.service, 1) == 0 && restorer.bind(here.hatch()) == RPY_ERROR_NONE
-			: _rpy_instance_delete(restorer.instance, 1) == 0 &&
-			      rpy_service_add_instance(restorer.service, "default", restorer.instance) == 0;
-		return made && restorer.add("g") == RPY_ERROR_NONE;
-	};
-	for (bool all : {false, true}) {
-		ASSERT_TRUE(restored(all));
-		EXPECT_EQ(get(db, "g"), "g:t|");
-		ASSERT_TRUE(restored(all));
-		EXPECT_EQ(walk(db, "t"), "g:t ");
-		ASSERT_TRUE(restored(all));
-		EXPECT_EQ(put(db, "g", "p=1"), OSTREL_SUCCESS);
-		ASSERT_TRUE(restored(all));
-		EXPECT_EQ(move(db, "g", "h:t"), OSTREL_SUCCESS);
-		ASSERT_TRUE(restored(all));
-		EXPECT_EQ(drop(db, "g"), OSTREL_SUCCESS);
-	}
-	ASSERT_EQ(put(db, "s:t" + on_service, "p=1"), OSTREL_SUCCESS);
-	CairnDb service = open_cairn(test_service);
-	ASSERT_TRUE(restored(true));
-	EXPECT_EQ(put(db, "s:t" + on_service, "p=2"), OSTREL_SUCCESS);
-	EXPECT_EQ(get(service, "s"), "s:t|p=2;");
-	ASSERT_EQ(_rpy_instance_delete(restorer.instance, 1), 0);
-	EXPECT_EQ(get(db, "g"), failure);
-	EXPECT_EQ(get(db, "s" + on_service), "s:t|p=2;");
 }
 
 TEST_F(Cairn, TheThirtyThirdReaderWaitsWithoutTheLockUntilAnotherIsDone)

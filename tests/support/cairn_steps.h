@@ -61,6 +61,7 @@ public:
 			std::istringstream words(line.substr(0, arrow));
 			std::string verb, group, more;
 			words >> verb >> group >> more;
+			group = group == "''" ? "" : group;
 			std::string found = " -> " + this->verbs.at(verb)(group, more);
 			found.erase(found.find_last_not_of(' ') + 1);
 			EXPECT_EQ(found, arrow == line.npos ? " -> no error" : line.substr(arrow))
