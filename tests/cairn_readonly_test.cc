@@ -19,64 +19,40 @@ extern "C" unsigned int sleep(unsigned int)
 
 namespace {
 
-// The store lies on a file system of the test's own.
-class ReadOnly : public CairnTest {
-protected:
-	void SetUp() override
-	{
-		const std::string directory = place.path("store");
-		ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
-		if (mount("none", directory.c_str(), "tmpfs", 0, "size=16m") != 0)
-			GTEST_SKIP() << "needs the privilege to mount";
-		mounted = true;
-		here.daemon.stop();
-		here.daemon.files = directory;
-		here.start();
-		RepositoryClient maker(here.hatch());
-		ASSERT_EQ(maker.find(), RPY_ERROR_NONE);
-		CairnTest::SetUp();
-		ASSERT_EQ(put(db, "old:t", "p=1"), OSTREL_SUCCESS);
-		ASSERT_EQ(put(db, "moving:t", "p=1"), OSTREL_SUCCESS);
-	}
-	void TearDown() override
-	{
-		db.reset();
-		here.daemon.kill();
-		if (mounted)
-			(void) umount2(place.path("store").c_str(), MNT_DETACH);
-	}
-	// A second after its last update the daemon has nothing open for writing.
-	bool set_readonly(bool value)
-	{
-		const unsigned long flags = MS_REMOUNT | (value ? MS_RDONLY : 0);
-		return eventually(
-		    [&] { return mount("none", place.path("store").c_str(), "tmpfs", flags, nullptr) == 0; });
-	}
-	bool becomes(const std::string &group, const std::string &expected)
-	{
-		return eventually([&] { return get(db, group) == expected; });
-	}
-	static bool passes(int seconds)
-	{
-		const int end = seconds_slept + seconds;
-		return eventually([&] { return seconds_slept >= end; });
-	}
-
-	Scratch place{"/dev/shm"};
-	bool mounted = false;
-};
+using ReadOnly = CairnTest;
 
 TEST_F(ReadOnly, UpdatesSucceedAtOnceAndLandWhenTheStoreCanBeWrittenAgain)
 {
-	ASSERT_TRUE(set_readonly(true));
+	const Scratch place("/dev/shm");
+	const MemoryMount store(place);
+	if (!store.good)
+		GTEST_SKIP() << "needs the privilege to mount";
+	// A second after its last update the daemon has nothing open for writing.
+	auto set = [&](unsigned long flags) {
+		return eventually([&] { return store.set(MS_REMOUNT | flags, nullptr); });
+	};
+	auto becomes = [&](const char *group, const std::string &expected) {
+		return eventually([&] { return get(db, group) == expected; });
+	};
+	db.reset();
+	here.daemon.stop();
+	here.daemon.files = store.path;
+	here.start();
+	ASSERT_EQ(RepositoryClient(here.hatch()).find(), RPY_ERROR_NONE);
+	db = open_cairn();
+	ASSERT_EQ(put(db, "old:t", "p=1"), OSTREL_SUCCESS);
+	ASSERT_EQ(put(db, "moving:t", "p=1"), OSTREL_SUCCESS);
+
+	ASSERT_TRUE(set(MS_RDONLY));
 	EXPECT_EQ(put(db, "new/x:t/u", "p=2"), OSTREL_SUCCESS);
 	EXPECT_EQ(put(db, "old", "p=2"), OSTREL_SUCCESS);
 	EXPECT_EQ(move(db, "moving", "moved:t"), OSTREL_SUCCESS);
 	EXPECT_EQ(get(db, "old"), "old:t|p=1;") << "reads go on";
-	EXPECT_TRUE(passes(9)) << "three of each";
+	const int three_of_each = seconds_slept + 9;
+	EXPECT_TRUE(eventually([&] { return seconds_slept >= three_of_each; }));
 	EXPECT_EQ(get(db, "new"), "? object not found");
 	EXPECT_EQ(get(db, "moving"), "moving:t|p=1;");
-	ASSERT_TRUE(set_readonly(false));
+	ASSERT_TRUE(set(0));
 	EXPECT_TRUE(becomes("new/x", "new/x:t/u|p=2;"));
 	EXPECT_TRUE(becomes("old", "old:t|p=2;"));
 	EXPECT_TRUE(becomes("moved", "moved:t|p=1;"));
@@ -85,6 +61,8 @@ TEST_F(ReadOnly, UpdatesSucceedAtOnceAndLandWhenTheStoreCanBeWrittenAgain)
 	const int slept = seconds_slept;
 	usleep(100000);
 	EXPECT_EQ(seconds_slept, slept) << "no attempt follows";
+	db.reset();
+	here.daemon.kill();
 }
 
 } // namespace

@@ -6,7 +6,7 @@
 #include <sys/syscall.h>
 #include <thread>
 
-#include "cairn_db.h"
+#include "cairn_steps.h"
 #include "child.h"
 #include "hatch_peer.h"
 
@@ -33,12 +33,31 @@ namespace {
 
 constexpr useconds_t some_passes = 100'000;
 
-class Refresh : public CairnTest {
+class Refresh : public CairnStepsTest {
 protected:
 	void SetUp() override
 	{
 		CairnTest::SetUp();
 		ASSERT_EQ(client.bind(here.hatch()), RPY_ERROR_NONE);
+		verbs["clock"] = [](Text seconds, Text) { return wall_clock += atoi(seconds.c_str()), text_of(true); };
+		verbs["wait"] = [](Text, Text) { return usleep(some_passes), text_of(true); };
+		verbs["running"] = [this](Text, Text) { return running(); };
+		verbs["becomes"] = [this](Text value, Text) { return text_of(becomes(value)); };
+		verbs["forget"] = [this](Text, Text) { return text_of(forget_running()); };
+		verbs["close"] = [this](Text, Text) { return db.reset(), text_of(true); };
+		verbs["stop-passes"] = [this](
+					   Text, Text) { return ostrel_stop_refresh(resources_of(db)), text_of(true); };
+		verbs["restart"] = [this](Text, Text) {
+			here.restart();
+			return text_of(client.bind(here.hatch()) == RPY_ERROR_NONE);
+		};
+		verbs["refreshed"] = [this](Text, Text) {
+			const time_t last = resources_of(db)->nsr_last_refresh;
+			return last == 0 ? "never" : last == wall_clock ? "now" : "before";
+		};
+		verbs["pending"] = [this](Text, Text) { return resources_of(db)->nsr_last_tx != 0 ? "yes" : "no"; };
+		verbs["thread"] = [this](
+				      Text, Text) { return resources_of(db)->nsr_refresh_thread != 0 ? "yes" : "no"; };
 	}
 	// What the group "g" of the snapshot holds as "p"; "none" without a snapshot.
 	std::string running()
@@ -48,9 +67,15 @@ protected:
 			return "none";
 		Pg pg = client.group();
 		if (rpy_snapshot_get_pg(snapshot.get(), "g", pg.get()) != 0)
-			return "no group";
+			return "no-group";
 		Contents contents = client.contents(pg.get());
 		return contents["p"].empty() ? "no value" : contents["p"][0];
+	}
+	bool forget_running()
+	{
+		Snap snapshot(rpy_snapshot_create(client.handle));
+		return rpy_instance_get_snapshot(client.instance, "running", snapshot.get()) == 0 &&
+		       _rpy_snapshot_delete(snapshot.get()) == 0;
 	}
 	bool becomes(const std::string &value)
 	{
@@ -70,61 +95,7 @@ protected:
 	RepositoryClient client;
 };
 
-TEST_F(Refresh, ABurstOfUpdatesIsFollowedByASnapshotAfterFiveQuietSeconds)
-{
-	for (const char *value : {"p=a", "p=b", "p=c"}) {
-		ASSERT_EQ(put(db, "g:t", value), OSTREL_SUCCESS);
-		usleep(some_passes);
-		EXPECT_EQ(running(), "none");
-		wall_clock += 2;
-	}
-	wall_clock += 2;
-	usleep(some_passes);
-	EXPECT_EQ(running(), "none") << "four seconds";
-	wall_clock += 1;
-	EXPECT_TRUE(becomes("c"));
-	EXPECT_EQ(resources_of(db)->nsr_last_refresh, wall_clock.load());
-
-	ASSERT_EQ(put(db, "g", "p=d"), OSTREL_SUCCESS) << "in the second of the snapshot";
-	wall_clock += 5;
-	EXPECT_TRUE(becomes("d"));
-	ASSERT_EQ(drop(db, "g"), OSTREL_SUCCESS);
-	wall_clock += 5;
-	EXPECT_TRUE(becomes("no group"));
-}
-
-TEST_F(Refresh, ACloseTakesThePendingSnapshotAndNoOther)
-{
-	ASSERT_EQ(put(db, "g:t", "p=a"), OSTREL_SUCCESS);
-	db.reset();
-	EXPECT_EQ(running(), "a");
-	Snap snapshot(rpy_snapshot_create(client.handle));
-	ASSERT_EQ(rpy_instance_get_snapshot(client.instance, "running", snapshot.get()), 0);
-	ASSERT_EQ(_rpy_snapshot_delete(snapshot.get()), 0);
-	db = open_cairn();
-	EXPECT_EQ(get(db, "g"), "g:t|p=a;");
-	db.reset();
-	EXPECT_EQ(running(), "none");
-}
-
-TEST_F(Refresh, UpdatesOfAServiceTakeNoSnapshot)
-{
-	ASSERT_EQ(put(db, "g:t;object-db-name=net/link", "p=a"), OSTREL_SUCCESS);
-	EXPECT_EQ(resources_of(db)->nsr_last_tx, 0);
-	ASSERT_EQ(put(db, "g:t", "p=b"), OSTREL_SUCCESS);
-	ASSERT_EQ(put(db, "g;object-db-name=net/link", "p=c"), OSTREL_SUCCESS) << "doesn't hide the one before";
-	wall_clock += 5;
-	EXPECT_TRUE(becomes("b"));
-
-	CairnDb service = open_cairn(test_service);
-	EXPECT_EQ(resources_of(service)->nsr_refresh_thread, 0U);
-	ASSERT_EQ(put(service, "g;object-db-name=net/link:default", "p=d"), OSTREL_SUCCESS);
-	EXPECT_NE(resources_of(service)->nsr_last_tx, 0);
-	wall_clock += 5;
-	usleep(some_passes);
-	service.reset();
-	EXPECT_EQ(running(), "b");
-}
+const bool steps = register_steps<Refresh>("Refresh", "refresh.txt");
 
 // They share the flag, which any snapshot resets.
 TEST_F(Refresh, ADatabaseThatWaitsGetsItsSnapshotBesideThoseOfAnother)
@@ -141,30 +112,6 @@ TEST_F(Refresh, ADatabaseThatWaitsGetsItsSnapshotBesideThoseOfAnother)
 	EXPECT_EQ(running(), "none");
 	wall_clock += 3;
 	EXPECT_TRUE(becomes("a"));
-}
-
-TEST_F(Refresh, ACloseTakesThePendingSnapshotAlsoFromADaemonThatWasRestarted)
-{
-	ASSERT_EQ(put(db, "g:t", "p=a"), OSTREL_SUCCESS);
-	ostrel_stop_refresh(resources_of(db)); // a pass would replace the connection
-	here.restart();
-	db.reset();
-	ASSERT_EQ(client.bind(here.hatch()), RPY_ERROR_NONE);
-	EXPECT_EQ(running(), "a");
-}
-
-// A pass that finds no daemon is the last of its thread, and the next operation's resources start another one.
-TEST_F(Refresh, WhatWaitedOnABrokenConnectionIsTakenOnTheNext)
-{
-	ASSERT_EQ(put(db, "g:t", "p=a"), OSTREL_SUCCESS);
-	here.restart();
-	ASSERT_EQ(client.bind(here.hatch()), RPY_ERROR_NONE);
-	EXPECT_EQ(get(db, "g"), "g:t|p=a;");
-	wall_clock += 5;
-	EXPECT_TRUE(becomes("a"));
-	ASSERT_EQ(put(db, "g", "p=b"), OSTREL_SUCCESS);
-	wall_clock += 5;
-	EXPECT_TRUE(becomes("b")) << "the new resources have a thread";
 }
 
 TEST_F(Refresh, ACloseWaitsForAPassThatIsUnderWay)
@@ -188,12 +135,19 @@ TEST_F(Refresh, ACloseWaitsForAPassThatIsUnderWay)
 TEST_F(Refresh, AForkedChildUsesAndClosesADatabaseThoughTheThreadIsItsParents)
 {
 	ASSERT_EQ(put(db, "g:t", "p=parent"), OSTREL_SUCCESS);
+	std::vector<std::unique_ptr<RpyOperation>> readers; // as if so many threads were reading: the child has its own
+	for (int i = 0; i < OSTREL_RPY_MAX_READERS; i++) {
+		readers.push_back(std::make_unique<RpyOperation>(db.get()));
+		ASSERT_EQ(readers.back()->begin_read(nullptr), OSTREL_SUCCESS);
+	}
 	EXPECT_EQ(in_forked([&] {
 		const bool is_written = put(db, "g", "p=child") == OSTREL_SUCCESS;
+		const bool is_read = get(db, "g") == "g:t|p=child;";
 		db.reset();
-		return is_written;
+		return is_written && is_read;
 	}),
 	    0);
+	readers.clear();
 	EXPECT_EQ(running(), "child");
 	EXPECT_EQ(get(db, "g"), "g:t|p=child;");
 }
@@ -209,26 +163,8 @@ TEST_F(Refresh, AProgramThatForksIntoTheBackgroundGetsItsSnapshots)
 	EXPECT_TRUE(becomes("child"));
 }
 
-TEST_F(Refresh, AForkedChildReplacesBrokenConnectionsAndItsThreadsAsItsParentDoes)
-{
-	ASSERT_EQ(put(db, "g:t", "p=parent"), OSTREL_SUCCESS);
-	EXPECT_EQ(in_forked([&] {
-		for (const char *value : {"p=1", "p=2", "p=3"}) {
-			here.restart();
-			if (put(db, "g", value) != OSTREL_SUCCESS || resources_of(db)->nsr_refresh_thread == 0)
-				return false;
-			usleep(some_passes);
-		}
-		db.reset();
-		return true;
-	}),
-	    0);
-	if (const pid_t last = server_of(here.hatch()); last > 0)
-		(void) kill(last, SIGKILL); // the child's
-}
-
 // A pass replaces a broken connection with the lock held, and the new daemon takes its time.
-TEST_F(Refresh, AForkedChildWaitsForNoLockThatItsParentsThreadHeld)
+TEST_F(Refresh, AForkedChildWaitsForNoLockThatItsParentsThreadHeldAndReplacesConnections)
 {
 	ASSERT_EQ(put(db, "g:t", "p=1"), OSTREL_SUCCESS);
 	{
@@ -250,49 +186,63 @@ TEST_F(Refresh, AForkedChildWaitsForNoLockThatItsParentsThreadHeld)
 	}));
 	EXPECT_EQ(in_forked([&] {
 		here.daemon.go_on();
-		const bool reads = get(db, "g") == "g:t|p=1;";
+		bool is_good = get(db, "g") == "g:t|p=1;";
+		for (const char *value : {"p=2", "p=3"}) {
+			here.restart();
+			is_good = is_good && put(db, "g", value) == OSTREL_SUCCESS;
+			is_good = is_good && resources_of(db)->nsr_refresh_thread != 0; // the child's own
+			usleep(some_passes);
+		}
 		db.reset();
-		return reads;
+		return is_good;
 	}),
 	    0);
 	here.daemon.go_on();
+	if (const pid_t last = server_of(here.hatch()); last > 0)
+		(void) kill(last, SIGKILL); // the child's
 }
 
-TEST_F(Refresh, AForkedChildHasAPoolOfItsOwn)
+// Passes run beside them all the time.
+TEST_F(Refresh, ManyThreadsOnOneHandleSeeWholeObjects)
 {
-	ASSERT_EQ(put(db, "g:t", "p=1"), OSTREL_SUCCESS);
-	std::vector<std::unique_ptr<RpyOperation>> readers; // as if so many threads were reading
-	for (int i = 0; i < OSTREL_RPY_MAX_READERS; i++) {
-		readers.push_back(std::make_unique<RpyOperation>(db.get()));
-		ASSERT_EQ(readers.back()->begin_read(nullptr), OSTREL_SUCCESS);
-	}
-	EXPECT_EQ(in_forked([&] { return get(db, "g") == "g:t|p=1;"; }), 0);
-}
-
-TEST_F(Refresh, PassesRunBesideUpdatesWalksAndALostDaemon)
-{
+	constexpr int objects = 8, rounds = 20;
+	auto name = [](int i) { return "g" + std::to_string(i % objects); };
+	for (int i = 0; i < objects; i++)
+		ASSERT_EQ(put(db, name(i) + ":t", "a=0;b=0"), OSTREL_SUCCESS);
+	std::atomic<int> bad{0};
+	auto in_threads = [&](int count, auto body) {
+		std::vector<std::jthread> threads;
+		for (int t = 0; t < count; t++)
+			threads.emplace_back([&, t, body] {
+				for (int i = 0; i < rounds; i++)
+					bad += body(t, i) ? 0 : 1;
+			});
+		return threads;
+	};
 	std::jthread ticking([](const std::stop_token &stop) {
 		for (; !stop.stop_requested(); usleep(3000))
 			wall_clock += 3;
 	});
-	std::jthread walking([&](const std::stop_token &stop) {
-		while (!stop.stop_requested())
-			(void) walk(db, "*");
+	auto readers = in_threads(40, [&](int t, int i) {
+		const std::string found = get(db, name(t + i)), a = found.substr(found.find('|') + 3);
+		const std::string value = a.substr(0, a.find(';'));
+		return found == name(t + i) + ":t|a=" + value + ";b=" + value + ";";
 	});
-	int lost = 0;
-	for (int i = 0; i < 300; i++) {
-		if (i % 100 == 50)
-			here.restart();
-		lost += put(db, "g:t", "p=" + std::to_string(i)) != OSTREL_SUCCESS;
-		lost += put(db, "s:t;object-db-name=net/link", "p=1") != OSTREL_SUCCESS;
-	}
+	auto walkers =
+	    in_threads(2, [&](int, int) { return walk(db, "t").size() == static_cast<size_t>(objects * 5); });
+	CairnDb other = open_cairn(); // whose commits overtake the others'
+	auto writers = in_threads(4, [&](int t, int i) {
+		const std::string value = std::to_string(t * rounds + i);
+		return put(t % 2 == 0 ? db : other, name(i), "a=" + value + ";b=" + value) == OSTREL_SUCCESS &&
+		       put(db, "s:t;object-db-name=net/link", "p=1") == OSTREL_SUCCESS;
+	});
+	readers.clear();
+	walkers.clear();
+	writers.clear();
 	ticking = {};
-	walking = {};
-	EXPECT_LE(lost, 3);
-	EXPECT_EQ(put(db, "g", "p=end"), OSTREL_SUCCESS);
-	wall_clock += 5;
-	ASSERT_EQ(client.bind(here.hatch()), RPY_ERROR_NONE);
-	EXPECT_TRUE(becomes("end"));
+	EXPECT_EQ(bad, 0);
+	EXPECT_TRUE(eventually([&] { return resources_of(db)->nsr_refcnt == 1U; }));
+	EXPECT_EQ(get(db, "s;object-db-name=net/link"), "s:t|p=1;");
 	EXPECT_EQ(get(db, "s"), "? object not found") << "no update went to another level";
 }
 

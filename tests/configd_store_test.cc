@@ -83,27 +83,16 @@ constexpr const char *half_an_update =
     "pragma journal_mode=truncate; pragma synchronous=extra; pragma cache_size=1; begin immediate;"
     "update nodes set name = name || 'half'; delete from versions;";
 
-class ConfigdStore : public testing::Test {
+class ConfigdStore : public RepositoryTest {
 protected:
-	// Starts a daemon, and binds to it.
-	void restart()
-	{
-		daemon.stop();
-		ASSERT_EQ(daemon.start("hatch", &said), 0) << said;
-		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	}
 	// Starts one on a file with 50 groups in it.
 	void fill()
 	{
-		ASSERT_NO_FATAL_FAILURE(restart());
+		ASSERT_NO_FATAL_FAILURE(start());
 		for (int i = 0; i < 50; i++)
 			ASSERT_EQ(client.add("g" + std::to_string(i)), RPY_ERROR_NONE);
 		ASSERT_EQ(client.write("g7", {{"v", {"7"}}}), 1);
 	}
-
-	Repository daemon;
-	RepositoryClient client;
-	std::string said;
 };
 
 // SQLite's own locks are ones that a reader can take. A living writer's journal isn't rolled back, and a lock for reading
@@ -112,16 +101,23 @@ TEST_F(ConfigdStore, ALockOfAStrangersStopsNoUpdateAndHidesNoJournal)
 {
 	SKIP_UNLESS_ROOT();
 	ASSERT_NO_FATAL_FAILURE(fill());
-	for (Stranger::Lock lock : {Stranger::Lock::process, Stranger::Lock::open_file}) {
-		Stranger stranger(daemon.file(), lock);
-		ASSERT_NE(stranger.pid, 0);
+	auto lock_with = [](int command) {
+		return [command](int fd) {
+			struct flock bytes = {};
+			bytes.l_type = F_RDLCK;
+			return fcntl(fd, command, &bytes);
+		};
+	};
+	for (int command : {F_SETLK, F_OFD_SETLK}) {
+		StayingChild stranger = lock_as_stranger(daemon.file(), lock_with(command));
+		ASSERT_NE(stranger.pid(), 0);
 		EXPECT_EQ(client.write("g7", {{"v", {"8"}}}), 1);
 		EXPECT_EQ(client.write("g7", {{"v", {"7"}}}), 1);
 	}
 	daemon.stop();
 	ASSERT_NO_FATAL_FAILURE(run_on(daemon.file(), half_an_update, true));
-	Stranger stranger(daemon.file(), Stranger::Lock::process);
-	ASSERT_NO_FATAL_FAILURE(restart());
+	StayingChild stranger = lock_as_stranger(daemon.file(), lock_with(F_SETLK));
+	ASSERT_NO_FATAL_FAILURE(start());
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
 }
 
@@ -133,7 +129,7 @@ TEST_F(ConfigdStore, ALockOfRootsIsHeededAndKeepsNoDaemonFromEnding)
 	ASSERT_EQ(sqlite3_open(daemon.file().c_str(), tool.out()), SQLITE_OK);
 	ASSERT_EQ(sqlite3_exec(tool.get(), "begin immediate", nullptr, nullptr, nullptr), SQLITE_OK);
 	std::atomic<int> added{0};
-	std::vector<std::thread> threads;
+	std::vector<std::jthread> threads;
 	for (int i = 0; i < 30; i++)
 		threads.emplace_back([&, i] {
 			RepositoryClient other(daemon.hatch());
@@ -144,8 +140,7 @@ TEST_F(ConfigdStore, ALockOfRootsIsHeededAndKeepsNoDaemonFromEnding)
 	ASSERT_EQ(kill(pid, SIGTERM), 0);
 	EXPECT_TRUE(eventually([pid] { return is_gone(pid); }));
 	daemon.kill();
-	for (std::thread &thread : threads)
-		thread.join();
+	threads.clear();
 	EXPECT_EQ(added, 0);
 	tool.reset();
 	ASSERT_EQ(daemon.start(), 0);
@@ -168,7 +163,7 @@ TEST_F(ConfigdStore, WhatCanBeNoJournalIsRefusedAtOnce)
 		EXPECT_EQ(daemon.start("hatch", &said), EINVAL);
 		EXPECT_NE(said.find(journal + ": not a regular file"), said.npos) << said;
 		ASSERT_EQ(unlink(journal.c_str()), 0);
-		ASSERT_NO_FATAL_FAILURE(restart());
+		ASSERT_NO_FATAL_FAILURE(start());
 	}
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
 }
@@ -221,8 +216,8 @@ TEST_F(ConfigdStore, LimitsOfItsStarterAreErrorsAndNoEnd)
 	daemon.stop();
 	auto start_with = [&](const std::string &limit) {
 		return run_program({"/bin/sh", "-c",
-				       "ulimit " + limit + "; exec " TEST_BINARY_DIR "/repository/cairn.configd -d " +
-					   daemon.hatch() + " -r " + daemon.file()},
+				       "ulimit " + limit + "; exec " + daemon_program + " -d " + daemon.hatch() +
+					   " -r " + daemon.file()},
 		    {}, &said);
 	};
 	ASSERT_EQ(start_with("-f 100"), 0) << said; // of 512 or 1024 bytes
@@ -232,7 +227,7 @@ TEST_F(ConfigdStore, LimitsOfItsStarterAreErrorsAndNoEnd)
 	EXPECT_EQ(rpy_error(), RPY_ERROR_NO_RESOURCES);
 	EXPECT_EQ(client.read("g7"), (Contents{{"v", {"7"}}}));
 	ASSERT_EQ(daemon.start(), 0); // tells which process it is
-	ASSERT_NO_FATAL_FAILURE(restart());
+	ASSERT_NO_FATAL_FAILURE(start());
 	for (int i = 0; i < 20; i++)
 		ASSERT_EQ(client.write("g" + std::to_string(i), {{"w", values(100)}}), 1);
 	daemon.stop();
@@ -281,7 +276,7 @@ struct CommitFault {
 	int error;
 	int calls;
 };
-enum Outcome { made, made_without_fault, refused, unusable, ended = EIO, killed = 1000 + SIGKILL };
+enum Outcome { made, made_without_fault, refused, told_wrongly, unusable, ended = EIO, killed = 1000 + SIGKILL };
 
 // Makes the first commit of a store, and the one that meets the fault, in a process of its own. If that is refused, the
 // store is used again. A commit on a connection that isn't warm opens one, and makes the journal.
@@ -305,6 +300,8 @@ int commit_with(const CommitFault &fault, int nth, bool warm, const SqliteEngine
 			faults.pop_back();
 		if (error == RPY_ERROR_NONE)
 			return fired ? made : made_without_fault;
+		if (fault.call == FailNth::Write && fault.error == ENOSPC && error != RPY_ERROR_NO_RESOURCES)
+			return told_wrongly;
 		return store->commit(rows[2], 8).error == RPY_ERROR_NONE ? refused : unusable;
 	});
 }
@@ -331,6 +328,7 @@ TEST(ConfigdStoreFaults, AnyFailedCallLeavesTheOldOrTheNewWhole)
 			const bool may_be_old = outcome == ended || outcome == killed;
 			EXPECT_TRUE(left == (outcome == refused ? with_next : with_new) || (may_be_old && left == old));
 			EXPECT_NE(outcome, unusable);
+			EXPECT_NE(outcome, told_wrongly) << "of a full disk";
 			// Without any sync nothing is durable. SQLite itself ignores a failing one of the directory.
 			const bool syncs = fault.call == FailNth::Fsync || fault.call == FailNth::Fdatasync;
 			EXPECT_FALSE(outcome == made && syncs && fault.calls > 1 && nth == 1);

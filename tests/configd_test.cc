@@ -17,40 +17,9 @@
 
 namespace {
 
-constexpr const char *program = TEST_BINARY_DIR "/repository/cairn.configd";
-
-bool waits_for(const std::function<bool()> &condition)
-{
-	for (int tries = 0; tries < 5000; tries++, usleep(2000))
-		if (condition())
-			return true;
-	return false;
-}
-
-// A file system of a test's own, in memory. Without the privilege to mount there is none.
-struct Mount {
-	explicit Mount(const Scratch &place, const char *options = "size=16m")
-	    : path(place.path("mount")), good(mkdir(path.c_str(), 0755) == 0 && set(0, options))
-	{}
-	Mount(const Mount &) = delete;
-	Mount &operator=(const Mount &) = delete;
-	~Mount() { (void) umount2(path.c_str(), MNT_DETACH); }
-	bool set(unsigned long flags, const char *options) const
-	{
-		return mount("none", path.c_str(), "tmpfs", flags, options) == 0;
-	}
-	const std::string path;
-	const bool good;
-};
-
 // A daemon, a client of it, and in the repository a group "a" with one property "v".
-class Configd : public testing::Test {
+class Configd : public RepositoryTest {
 protected:
-	void start()
-	{
-		ASSERT_EQ(daemon.start(), 0);
-		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	}
 	void start_with(const std::string &value)
 	{
 		start();
@@ -67,26 +36,18 @@ protected:
 		const Contents found = client.read("a");
 		return found.count("v") == 1 && found.at("v").size() == 1 ? found.at("v")[0] : "";
 	}
-	int try_start(const std::string &hatch, const std::string &file)
-	{
-		return run_program({program, "-d", hatch, "-r", file}, {}, &said);
-	}
-
-	Repository daemon;
-	RepositoryClient client;
-	std::string said;
 };
 
 TEST_F(Configd, SaysWhyItCantServeAndEndsWithAnErrno)
 {
-	EXPECT_EQ(run_program({program}), EINVAL);
-	EXPECT_EQ(run_program({program, "-d"}), EINVAL);
-	EXPECT_EQ(run_program({program, "-d", "/tmp/x", "-r", "/tmp/y", "-q"}), EINVAL);
-	EXPECT_EQ(run_program({program, "--help"}, {}, &said), 0);
+	EXPECT_EQ(run_program({daemon_program}), EINVAL);
+	EXPECT_EQ(run_program({daemon_program, "-d"}), EINVAL);
+	EXPECT_EQ(run_program({daemon_program, "-d", "/tmp/x", "-r", "/tmp/y", "-q"}), EINVAL);
+	EXPECT_EQ(run_program({daemon_program, "--help"}, {}, &said), 0);
 	EXPECT_NE(said.find("cairn.configd -d"), said.npos);
 	start_with("1");
 	auto refused = [&](int status, const std::string &hatch, const std::string &file, const char *why) {
-		EXPECT_EQ(try_start(hatch, file), status) << file;
+		EXPECT_EQ(start_daemon(hatch, file, &said), status) << file;
 		EXPECT_NE(said.find(why), said.npos) << said;
 	};
 	refused(EIO, daemon.hatch(), daemon.place.path("other.db"), "living server");
@@ -106,33 +67,22 @@ TEST_F(Configd, SaysWhyItCantServeAndEndsWithAnErrno)
 	EXPECT_EQ(file_text(daemon.place.path("torn")), torn);
 }
 
-TEST_F(Configd, ASecondStartWaitsForTheFirstAndAnotherHatchTakesTheFileOver)
+TEST_F(Configd, ASecondStartWaitsForTheFirstAndLeavesItBe)
 {
-	std::vector<std::thread> starts;
-	std::atomic<int> bad{0};
+	std::vector<std::jthread> starts;
 	for (int i = 0; i < 4; i++)
 		starts.emplace_back([&] {
-			bad += run_program({program, "-d", daemon.hatch(), "-r", daemon.file()}) != 0;
-			bad += server_of(daemon.hatch()) == 0;
+			EXPECT_EQ(start_daemon(daemon.hatch(), daemon.file()), 0);
+			EXPECT_NE(server_of(daemon.hatch()), 0);
 		});
-	for (std::thread &thread : starts)
-		thread.join();
-	EXPECT_EQ(bad, 0);
+	starts.clear();
 	pid_t first = server_of(daemon.hatch());
 	start_with("1");
 	EXPECT_EQ(daemon.pid(), first);
 
 	// The same hatch by another name is no other hatch.
-	EXPECT_EQ(try_start(std::filesystem::relative(daemon.hatch()), daemon.file()), 0);
+	EXPECT_EQ(start_daemon(std::filesystem::relative(daemon.hatch()), daemon.file()), 0);
 	EXPECT_EQ(server_of(daemon.hatch()), first);
-
-	ASSERT_EQ(daemon.start("other"), 0);
-	EXPECT_NE(daemon.pid(), first);
-	EXPECT_TRUE(waits_for([first] { return is_gone(first); }));
-	EXPECT_EQ(server_of(daemon.hatch()), 0);
-	EXPECT_EQ(set("2"), RPY_ERROR_CONNECTION_BROKEN);
-	RepositoryClient next(daemon.hatch("other"));
-	EXPECT_EQ(set(next, "2"), RPY_ERROR_NONE);
 }
 
 TEST_F(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
@@ -143,10 +93,13 @@ TEST_F(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
 	daemon.stop();
 	// It is named, and not waited for.
 	for (bool outlives : {false, true}) {
-		Stranger stranger(daemon.file(), Stranger::Lock::whole, outlives);
-		ASSERT_NE(stranger.pid, 0);
+		auto lock = [](int fd) { return flock(fd, LOCK_SH | LOCK_NB); };
+		auto lock_and_end = [&](int fd) { return in_child([&] { return lock(fd); }); };
+		StayingChild stranger =
+		    outlives ? lock_as_stranger(daemon.file(), lock_and_end) : lock_as_stranger(daemon.file(), lock);
+		ASSERT_NE(stranger.pid(), 0);
 		EXPECT_EQ(daemon.start("hatch", &said), EIO);
-		EXPECT_NE(said.find("process " + std::to_string(stranger.pid) +
+		EXPECT_NE(said.find("process " + std::to_string(stranger.pid()) +
 				    " (configd_test), which is no repository daemon"),
 		    said.npos)
 		    << said;
@@ -161,7 +114,7 @@ TEST_F(Configd, NobodyElseCanHoldAStartUpByLockingTheFile)
 TEST_F(Configd, ALockOnAFileOfAnotherFileSystemIsNotTakenForOurs)
 {
 	Scratch elsewhere;
-	Mount ours(daemon.place), theirs(elsewhere);
+	MemoryMount ours(daemon.place), theirs(elsewhere);
 	if (!ours.good || !theirs.good)
 		GTEST_SKIP() << "mounting needs root";
 	daemon.files = ours.path;
@@ -184,10 +137,10 @@ TEST_F(Configd, EndsCleanlyAndLeavesTheFileAtTheHatchsPath)
 {
 	for (int signal : {SIGTERM, SIGINT}) {
 		Process serving([this] {
-			return execl(
-			    program, program, "-f", "-d", daemon.hatch().c_str(), "-r", daemon.file().c_str(), nullptr);
+			return execl(daemon_program, daemon_program, "-f", "-d", daemon.hatch().c_str(), "-r",
+			    daemon.file().c_str(), nullptr);
 		});
-		ASSERT_TRUE(waits_for([&] { return server_of(daemon.hatch()) == serving.pid(); }));
+		ASSERT_TRUE(eventually([&] { return server_of(daemon.hatch()) == serving.pid(); }));
 		ASSERT_EQ(kill(serving.pid(), signal), 0);
 		EXPECT_EQ(serving.wait(), 0);
 		struct stat there;
@@ -202,7 +155,7 @@ TEST_F(Configd, StartsFromAnyProcessAndTakesNothingAlong)
 {
 	int inherited = open(daemon.place.write("held", "x").c_str(), O_RDONLY); // not close-on-exec
 	int status = run_program({"/bin/sh", "-c",
-	    "umask 077; trap '' TERM HUP; cd " + daemon.place.directory() + "; exec 0<&-; exec " + program +
+	    "umask 077; trap '' TERM HUP; cd " + daemon.place.directory() + "; exec 0<&-; exec " + daemon_program +
 		" -d hatch -r repository.db"});
 	close(inherited);
 	ASSERT_EQ(status, 0);
@@ -214,75 +167,7 @@ TEST_F(Configd, StartsFromAnyProcessAndTakesNothingAlong)
 		EXPECT_EQ(link_text(proc + "/fd/" + fd).find("/held"), std::string::npos);
 	EXPECT_EQ(getsid(pid), pid);
 	ASSERT_EQ(kill(pid, SIGTERM), 0);
-	EXPECT_TRUE(waits_for([pid] { return is_gone(pid); }));
-}
-
-// Each commit adds 1 to two numbers of one group; nothing that was acknowledged may be missing, nothing half there.
-TEST_F(Configd, LosesNothingThatItAcknowledgedHoweverOftenItIsKilled)
-{
-	// In memory: a killed process that waits for a busy disk keeps its locks until the disk is done, and a start gives up.
-	Scratch memory(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
-	daemon.files = memory.directory();
-	start();
-	for (const char *name : {"g0", "g1", "g2"})
-		ASSERT_EQ(client.add(name), RPY_ERROR_NONE);
-	std::atomic<bool> end{false};
-	uint64_t acknowledged[3] = {}, tried[3] = {};
-	std::vector<std::thread> writers;
-	for (int i = 0; i < 3; i++)
-		writers.emplace_back([&, i] {
-			RepositoryClient writer;
-			const std::string name = "g" + std::to_string(i);
-			for (; !end; usleep(300))
-				for (bool alive = writer.bind(daemon.hatch()) == RPY_ERROR_NONE; alive && !end;) {
-					const std::string number = std::to_string(++tried[i]);
-					alive = writer.write(name, {{"a", {number}}, {"b", {number}}}) == 1;
-					if (alive)
-						acknowledged[i] = tried[i];
-				}
-		});
-	std::mt19937 random(7);
-	for (int kills = 0; kills < 200; kills++) {
-		usleep(static_cast<useconds_t>(random() % 6000));
-		daemon.kill();
-		EXPECT_EQ(daemon.start("hatch", &said), 0) << said;
-	}
-	end = true;
-	for (std::thread &thread : writers)
-		thread.join();
-	daemon.kill();
-	start();
-	for (int i = 0; i < 3; i++) {
-		Contents found = client.read("g" + std::to_string(i));
-		ASSERT_EQ(found.size(), 2U);
-		EXPECT_EQ(found["a"], found["b"]);
-		EXPECT_GE(std::stoull(found["a"].at(0)), acknowledged[i]);
-		EXPECT_LE(std::stoull(found["a"].at(0)), tried[i]);
-		EXPECT_GT(acknowledged[i], 0U);
-	}
-}
-
-TEST_F(Configd, AFullDiskRefusesAnUpdateAndHarmsNothing)
-{
-	Mount mount(daemon.place, "size=400k");
-	if (!mount.good)
-		GTEST_SKIP() << "mounting needs root";
-	daemon.files = mount.path;
-	start();
-	ASSERT_EQ(client.add("a"), RPY_ERROR_NONE);
-	const Contents large = {{"v", {std::string(20000, 'x')}}};
-	int written = 0;
-	for (std::string name = "g0"; client.add(name) == RPY_ERROR_NONE && client.write(name, large) == 1;)
-		name = "g" + std::to_string(++written);
-	EXPECT_EQ(rpy_error(), RPY_ERROR_NO_RESOURCES);
-	EXPECT_GT(written, 0);
-	EXPECT_EQ(client.read("g0"), large);
-	ASSERT_TRUE(mount.set(MS_REMOUNT, "size=2m"));
-	EXPECT_EQ(set("1"), RPY_ERROR_NONE);
-	daemon.kill();
-	start();
-	EXPECT_EQ(get(), "1");
-	daemon.stop();
+	EXPECT_TRUE(eventually([pid] { return is_gone(pid); }));
 }
 
 TEST_F(Configd, AcknowledgesNothingIntoAFileThatWasTakenAway)
@@ -362,29 +247,17 @@ TEST_F(Configd, GivesRightsByTheFile)
 	EXPECT_EQ(client.find(), RPY_ERROR_NONE);
 }
 
-TEST_F(Configd, KeepsItsFileFlatAndIsIdleWhenNobodyAsks)
+TEST_F(Configd, IsIdleWhenNobodyAsks)
 {
-	Scratch memory("/dev/shm"); // a busy disk would make each of the commits wait
-	daemon.files = memory.directory();
 	start_with("0");
-	auto size = [this] { return std::filesystem::file_size(daemon.file()); };
-	uintmax_t before = 0;
-	for (int i = 0; i < 2000; i++) {
-		ASSERT_EQ(set(std::to_string(i)), RPY_ERROR_NONE);
-		before = i == 100 ? size() : before;
-	}
-	EXPECT_EQ(size(), before);
+	usleep(1500000); // a second after its last update it closes what it had open for that
+	clockid_t clock;
+	struct timespec begin, later;
+	ASSERT_EQ(clock_getcpuclockid(daemon.pid(), &clock), 0);
+	ASSERT_EQ(clock_gettime(clock, &begin), 0);
 	usleep(1500000);
-	auto used = [&] {
-		std::string text = file_text("/proc/" + std::to_string(daemon.pid()) + "/stat");
-		unsigned long user = 0, system = 0;
-		(void) sscanf(text.substr(text.rfind(')') + 2).c_str(),
-		    "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user, &system);
-		return user + system;
-	};
-	unsigned long begin = used();
-	usleep(1500000);
-	EXPECT_EQ(used(), begin);
+	ASSERT_EQ(clock_gettime(clock, &later), 0);
+	EXPECT_LT((later.tv_sec - begin.tv_sec) * 1'000'000'000 + later.tv_nsec - begin.tv_nsec, 10'000'000);
 }
 
 } // namespace

@@ -35,29 +35,23 @@ struct OneRow : Update {
 TEST(ConfigdUpdates, AFailingAllocationRefusesOneAndStopsNone)
 {
 	SKIP_WITHOUT_ALLOC_FAULTS();
-	Model model;
-	FakeStore store;
-	Updates updates(&model, &store);
-	auto run = [&updates](uint64_t group) {
-		OneRow update(group);
-		return updates.run(&update);
+	struct Parts {
+		Model model;
+		FakeStore store;
+		Updates updates{&model, &store};
 	};
-	bool fired = true;
-	int refused = 0;
-	for (int nth = 1; fired; nth++) {
-		rpy_error_t error = RPY_ERROR_INTERNAL;
-		ASSERT_NO_THROW({
-			AllocFault fault(nth);
-			error = run(7);
-			fault.stop();
-			fired = fault.fired();
-		});
-		EXPECT_EQ(error, fired ? RPY_ERROR_NO_MEMORY : RPY_ERROR_NONE);
-		refused += fired ? 1 : 0;
-		EXPECT_EQ(run(0), RPY_ERROR_NONE);
-		EXPECT_EQ(store.rows_seen, 1U) << "what was refused is done with the next";
-	}
-	EXPECT_GT(refused, 0);
+	const int rounds = sweep_allocations([] { return std::make_unique<Parts>(); },
+	    [](const auto &parts) {
+		    OneRow update(7);
+		    return parts->updates.run(&update);
+	    },
+	    [](const auto &parts, rpy_error_t error, bool failed) {
+		    EXPECT_EQ(error, failed ? RPY_ERROR_NO_MEMORY : RPY_ERROR_NONE);
+		    OneRow next(0);
+		    EXPECT_EQ(parts->updates.run(&next), RPY_ERROR_NONE);
+		    EXPECT_EQ(parts->store.rows_seen, 1U) << "what was refused is done with the next";
+	    });
+	EXPECT_GT(rounds, 1);
 }
 
 // A part of a request, as it travels.
@@ -231,7 +225,7 @@ TEST(ConfigdUpdates, WhateverCommitsComeToTheTreeShowsWhatTheStoreHolds)
 			return Committed::stale(RPY_ERROR_BACKEND_READONLY);
 		return world.store->asked % 5 == 0 ? RPY_ERROR_NO_RESOURCES : RPY_ERROR_NONE;
 	};
-	std::vector<std::thread> clients;
+	std::vector<std::jthread> clients;
 	for (const char *name : {"a", "b", "c", "d"})
 		clients.emplace_back([&world, name] {
 			uint64_t group = 0, snapshot = 0;
@@ -248,8 +242,7 @@ TEST(ConfigdUpdates, WhateverCommitsComeToTheTreeShowsWhatTheStoreHolds)
 					(void) world.ask(Op::revert_snapshot, snapshot);
 			}
 		});
-	for (std::thread &client : clients)
-		client.join();
+	clients.clear();
 	StoreContent shown = content_of(&world.daemon);
 	shown.next = world.store->disk->content.next;
 	EXPECT_TRUE(shown == world.store->disk->content);

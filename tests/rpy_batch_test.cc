@@ -22,53 +22,38 @@ void in_threads(Read read)
 		threads.emplace_back([&read, i] { read(i); });
 }
 
-class RequestBatch : public testing::Test {
+class RequestBatch : public RepositoryTest {
 protected:
-	void SetUp() override
-	{
-		ASSERT_EQ(daemon.start(), 0);
-		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
-	}
+	void SetUp() override { start(); }
 	void fill(const std::string &padding)
 	{
 		for (int i = 0; i < readers; i++) {
 			const std::string name = "g" + std::to_string(i);
-			ASSERT_EQ(client.add(name, "t", RPY_PG_FLAG_TEMPORARY), RPY_ERROR_NONE);
+			(void) client.add(name, "t", RPY_PG_FLAG_TEMPORARY);
 			ASSERT_EQ(client.write(name, {{"v", {name + padding}}}), 1);
 		}
 	}
-
-	Repository daemon;
-	RepositoryClient client;
 };
 
 TEST_F(RequestBatch, EachThreadGetsItsOwnGroupOrItsOwnError)
 {
-	fill("");
-	std::atomic<int> wrong{0};
-	in_threads([&](int i) {
-		const std::string name = "g" + std::to_string(i);
-		for (int round = 0; round < 200; round++) {
-			const Contents found = client.read(round % 10 == 3 ? "none" : name);
-			if (round % 10 == 3 ? !found.empty() || rpy_error() != RPY_ERROR_NOT_FOUND
-					    : found != Contents{{"v", {name}}})
-				wrong++;
-		}
-	});
-	EXPECT_EQ(wrong, 0);
-}
-
-TEST_F(RequestBatch, GroupsThatNoReplyHasRoomForComeAlone)
-{
-	const std::string padding(2'000'000, 'x');
-	fill(padding);
-	std::atomic<int> wrong{0};
-	in_threads([&](int i) {
-		const std::string name = "g" + std::to_string(i);
-		for (int round = 0; round < 3; round++)
-			wrong += client.read(name) == Contents{{"v", {name + padding}}} ? 0 : 1;
-	});
-	EXPECT_EQ(wrong, 0);
+	const std::string much(2'000'000, 'x');
+	for (const auto &[rounds, padding] :
+	    {std::pair(200, std::string()), std::pair(3, much)}) { // no reply has room for it
+		fill(padding);
+		std::atomic<int> wrong{0};
+		in_threads([&, rounds = rounds, padding = padding](int i) {
+			const std::string name = "g" + std::to_string(i);
+			for (int round = 0; round < rounds; round++) {
+				const bool is_there = round % 10 != 3;
+				const Contents found = client.read(is_there ? name : "none");
+				if (is_there ? found != Contents{{"v", {name + padding}}}
+					     : !found.empty() || rpy_error() != RPY_ERROR_NOT_FOUND)
+					wrong++;
+			}
+		});
+		EXPECT_EQ(wrong, 0) << padding.size();
+	}
 }
 
 TEST_F(RequestBatch, NobodyWaitsForADaemonThatHasGone)

@@ -1,11 +1,12 @@
 #include "repository.h"
 
+#include <algorithm>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <iterator>
 #include <spawn.h>
-#include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 
 #include <meridon/hatch.h>
@@ -44,6 +45,14 @@ int run_program(const std::vector<std::string> &words, const std::vector<std::st
 	return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+const char *const daemon_program = TEST_BINARY_DIR "/repository/cairn.configd";
+
+int start_daemon(
+    const std::string &hatch, const std::string &file, std::string *output, const std::vector<std::string> &environment)
+{
+	return run_program({daemon_program, "-d", hatch, "-r", file}, environment, output);
+}
+
 pid_t server_of(const std::string &hatch)
 {
 	Fd fd(open(hatch.c_str(), O_RDONLY | O_CLOEXEC));
@@ -54,25 +63,29 @@ pid_t server_of(const std::string &hatch)
 	return info.di_target;
 }
 
+// The state of a process or a thread; "?" if there is none.
+static char state_in(const std::string &stat)
+{
+	const std::string text = file_text(stat);
+	const size_t state = text.rfind(") ");
+	return state == text.npos ? '?' : text[state + 2];
+}
+
 bool is_gone(pid_t pid)
 {
 	if (::kill(pid, 0) == -1)
 		return true;
 	const std::string directory = "/proc/" + std::to_string(pid);
-	std::string text = file_text(directory + "/stat");
-	size_t state = text.rfind(") ");
-	if (state == text.npos)
-		return true;
-	if (text[state + 2] != 'Z')
-		return false;
+	const char state = state_in(directory + "/stat");
+	if (state != 'Z')
+		return state == '?';
 	// Its other threads hold its files until they have ended, too.
 	return entries_of(directory + "/task").size() <= 1;
 }
 
 int Repository::start(const std::string &hatch_name, std::string *output)
 {
-	int status = run_program(
-	    {TEST_BINARY_DIR "/repository/cairn.configd", "-d", hatch(hatch_name), "-r", file()}, environment, output);
+	const int status = start_daemon(hatch(hatch_name), file(), output, environment);
 	if (status == 0)
 		pid_ = server_of(hatch(hatch_name));
 	return status;
@@ -88,74 +101,21 @@ void Repository::end(int signal)
 	pid_ = 0;
 }
 
-void Repository::stop()
-{
-	end(SIGTERM);
-}
-
-void Repository::kill()
-{
-	end(SIGKILL);
-}
-
-static bool is_stopped(pid_t pid)
-{
-	const std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
-	for (const std::string &task : entries_of(tasks)) {
-		const std::string text = file_text(tasks + task + "/stat");
-		const size_t state = text.rfind(") ");
-		if (state == text.npos || text[state + 2] != 'T')
-			return false;
-	}
-	return true;
-}
-
 void Repository::freeze()
 {
 	(void) ::kill(pid_, SIGSTOP);
-	while (!is_stopped(pid_))
+	const std::string tasks = "/proc/" + std::to_string(pid_) + "/task/";
+	while (!std::ranges::all_of(
+	    entries_of(tasks), [&](auto &task) { return state_in(tasks + task + "/stat") == 'T'; }))
 		usleep(200);
 }
 
-void Repository::go_on()
+StayingChild lock_as_stranger(const std::string &file, const std::function<int(int fd)> &lock)
 {
-	(void) ::kill(pid_, SIGCONT);
-}
-
-Stranger::Stranger(const std::string &file, Lock lock, bool outlives)
-{
-	int ends[2];
-	if (pipe2(ends, O_CLOEXEC) != 0)
-		return;
-	const pid_t child = fork();
-	if (child == 0) {
-		struct flock bytes = {};
-		bytes.l_type = F_RDLCK;
-		int fd = open(file.c_str(), O_RDONLY);
-		if (setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0 ||
-		    (lock == Lock::whole ? flock(fd, LOCK_SH | LOCK_NB)
-					 : fcntl(fd, lock == Lock::process ? F_SETLK : F_OFD_SETLK, &bytes)) != 0 ||
-		    (outlives && fork() != 0))
-			_exit(1);
-		const pid_t own = getpid();
-		(void) !::write(ends[1], &own, sizeof(own));
-		pause();
-	}
-	(void) close(ends[1]);
-	if (outlives)
-		(void) waitpid(child, nullptr, 0);
-	if (::read(ends[0], &pid, sizeof(pid)) != sizeof(pid))
-		pid = 0;
-	(void) close(ends[0]);
-}
-
-Stranger::~Stranger()
-{
-	if (pid == 0 || ::kill(pid, SIGKILL) != 0)
-		return;
-	if (waitpid(pid, nullptr, 0) == -1)
-		while (!is_gone(pid))
-			usleep(200);
+	return StayingChild([&] {
+		const int fd = open(file.c_str(), O_RDONLY);
+		return setresgid(1, 1, 1) == 0 && setresuid(1, 1, 1) == 0 && lock(fd) == 0;
+	});
 }
 
 RepositoryClient::~RepositoryClient()
@@ -204,28 +164,6 @@ rpy_error_t RepositoryClient::add(const std::string &name, const std::string &ty
 											       : rpy_error();
 }
 
-namespace {
-
-bool is_number_text(const std::string &text)
-{
-	return !text.empty() && text.find_first_not_of("0123456789") == text.npos;
-}
-
-bool add_values(
-    rpy_handle_t *handle, rpy_transaction_entry_t *entry, rpy_type_t type, const std::vector<std::string> &texts)
-{
-	for (const std::string &text : texts) {
-		Val value(rpy_value_create(handle));
-		if (rpy_value_set_from_string(value.get(), type, text.c_str()) != 0 ||
-		    rpy_entry_add_value(entry, value.get()) != 0)
-			return false;
-		(void) value.release();
-	}
-	return true;
-}
-
-} // namespace
-
 int RepositoryClient::write(const std::string &name, const Contents &contents)
 {
 	Pg pg = group();
@@ -235,7 +173,6 @@ int RepositoryClient::write(const std::string &name, const Contents &contents)
 int RepositoryClient::write(rpy_propertygroup_t *pg, const Contents &contents)
 {
 	Tx tx(rpy_transaction_create(handle));
-	Prop property(rpy_property_create(handle));
 	if (rpy_transaction_start(tx.get(), pg) != 0)
 		return -1;
 	bool good = true;
@@ -243,20 +180,35 @@ int RepositoryClient::write(rpy_propertygroup_t *pg, const Contents &contents)
 		if (contents.count(old) == 0)
 			good = good &&
 			       rpy_transaction_property_delete(tx.get(), rpy_entry_create(handle), old.c_str()) == 0;
-	for (const auto &[name, texts] : contents) {
-		rpy_type_t type = !texts.empty() && is_number_text(texts[0]) ? RPY_TYPE_COUNT : RPY_TYPE_ASTRING;
-		rpy_transaction_entry_t *entry = rpy_entry_create(handle);
-		bool exists = rpy_pg_get_property(pg, name.c_str(), property.get()) == 0;
-		if (exists)
-			(void) rpy_property_type(property.get(), &type);
-		good = good &&
-		       (exists ? rpy_transaction_property_change : rpy_transaction_property_new)(
-			   tx.get(), entry, name.c_str(), type) == 0 &&
-		       add_values(handle, entry, type, texts);
-	}
+	for (const auto &[name, texts] : contents)
+		good = good && put(tx.get(), pg, name, texts);
 	int result = good ? rpy_transaction_commit(tx.get()) : -1;
 	rpy_transaction_destroy_children(tx.get());
 	return result;
+}
+
+// Puts a property of the group, there or not, into a transaction.
+bool RepositoryClient::put(
+    rpy_transaction_t *tx, rpy_propertygroup_t *pg, const std::string &name, const std::vector<std::string> &texts)
+{
+	const bool is_count =
+	    !texts.empty() && !texts[0].empty() && texts[0].find_first_not_of("0123456789") == std::string::npos;
+	rpy_type_t type = is_count ? RPY_TYPE_COUNT : RPY_TYPE_ASTRING;
+	rpy_transaction_entry_t *entry = rpy_entry_create(handle);
+	Prop property(rpy_property_create(handle));
+	const bool exists = rpy_pg_get_property(pg, name.c_str(), property.get()) == 0;
+	if (exists)
+		(void) rpy_property_type(property.get(), &type);
+	bool good = (exists ? rpy_transaction_property_change : rpy_transaction_property_new)(
+			tx, entry, name.c_str(), type) == 0;
+	for (const std::string &text : texts) {
+		Val value(rpy_value_create(handle));
+		good = good && rpy_value_set_from_string(value.get(), type, text.c_str()) == 0 &&
+		       rpy_entry_add_value(entry, value.get()) == 0;
+		if (good)
+			(void) value.release();
+	}
+	return good;
 }
 
 Contents RepositoryClient::read(const std::string &name)
@@ -278,14 +230,17 @@ Contents RepositoryClient::contents(rpy_propertygroup_t *pg)
 		auto &texts = found[name];
 		EXPECT_EQ(rpy_iter_property_values(values.get(), property.get()), 0);
 		while (rpy_iter_next_value(values.get(), value.get()) == 1) {
+			uint8_t truth;
 			uint64_t number;
-			if (rpy_value_get_count(value.get(), &number) == 0) {
+			int64_t integer;
+			if (rpy_value_get_boolean(value.get(), &truth) == 0)
+				texts.push_back(std::to_string(truth));
+			else if (rpy_value_get_count(value.get(), &number) == 0)
 				texts.push_back(std::to_string(number));
-				continue;
-			}
-			std::string text(static_cast<size_t>(rpy_value_get_bytes(value.get(), nullptr, 0)), '\0');
-			(void) rpy_value_get_bytes(value.get(), text.data(), text.size());
-			texts.push_back(text);
+			else if (rpy_value_get_integer(value.get(), &integer) == 0)
+				texts.push_back(std::to_string(integer));
+			else if (const ssize_t size = rpy_value_get_bytes(value.get(), nullptr, 0); size >= 0)
+				(void) rpy_value_get_bytes(value.get(), texts.emplace_back(size, '\0').data(), size);
 		}
 	}
 	return found;
@@ -301,4 +256,18 @@ std::vector<std::string> RepositoryClient::names(rpy_iter_t *iter)
 		found.emplace_back(name);
 	}
 	return found;
+}
+
+MemoryMount::MemoryMount(const Scratch &place, const char *options)
+    : path(place.path("mount")), good(mkdir(path.c_str(), 0755) == 0 && set(0, options))
+{}
+
+MemoryMount::~MemoryMount()
+{
+	(void) umount2(path.c_str(), MNT_DETACH);
+}
+
+bool MemoryMount::set(unsigned long flags, const char *options) const
+{
+	return mount("none", path.c_str(), "tmpfs", flags, options) == 0;
 }

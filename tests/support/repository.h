@@ -2,6 +2,7 @@
 #ifndef TESTS_REPOSITORY_H
 #define TESTS_REPOSITORY_H
 
+#include <csignal>
 #include <map>
 #include <string>
 #include <sys/types.h>
@@ -10,11 +11,17 @@
 #include <meridon/rpy.h>
 
 #include "base/guards.h"
+#include "child.h"
 #include "scratch.h"
 
 // Runs a program to its end, and gives its exit status; -1 if it died. What it prints goes to `output`, if given.
 int run_program(const std::vector<std::string> &words, const std::vector<std::string> &environment = {},
     std::string *output = nullptr);
+
+// The daemon's program, and its exit status or that of its first process, once it serves.
+extern const char *const daemon_program;
+int start_daemon(const std::string &hatch, const std::string &file, std::string *output = nullptr,
+    const std::vector<std::string> &environment = {});
 
 class Repository {
 public:
@@ -25,11 +32,12 @@ public:
 
 	// Starts a daemon, and gives the status of its first process.
 	int start(const std::string &hatch_name = "hatch", std::string *output = nullptr);
-	void stop(); // with SIGTERM; returns when it has gone
-	void kill(); // with SIGKILL
+	// Each returns when it has gone.
+	void stop() { end(SIGTERM); }
+	void kill() { end(SIGKILL); }
 	// Stops it with SIGSTOP; returns when all its threads stand still. It goes on after go_on().
 	void freeze();
-	void go_on();
+	void go_on() { (void) ::kill(pid_, SIGCONT); }
 	pid_t pid() const { return pid_; }
 
 	std::string hatch(const std::string &name = "hatch") const { return place.path(name); }
@@ -49,18 +57,8 @@ private:
 pid_t server_of(const std::string &hatch);
 bool is_gone(pid_t pid);
 
-// A process of another user that has locked all of a file for reading, which anybody could open once. The lock is
-// flock()'s, the process's or the open file's; it may outlive the process that took it.
-class Stranger {
-public:
-	enum class Lock { whole, process, open_file };
-	Stranger(const std::string &file, Lock lock, bool outlives = false);
-	Stranger(const Stranger &) = delete;
-	Stranger &operator=(const Stranger &) = delete;
-	~Stranger();
-
-	pid_t pid = 0; // of who has the lock; 0 if it couldn't be had
-};
+// A process of another user with a lock on a file that anybody could open once. Its pid() is 0 if the lock can't be had.
+StayingChild lock_as_stranger(const std::string &file, const std::function<int(int fd)> &lock);
 
 using Pg = Handle<rpy_propertygroup_t, rpy_pg_destroy>;
 using Iter = Handle<rpy_iter_t, rpy_iter_destroy>;
@@ -99,6 +97,38 @@ public:
 	rpy_scope_t *scope = nullptr;
 	rpy_service_t *service = nullptr;
 	rpy_instance_t *instance = nullptr;
+
+private:
+	bool put(rpy_transaction_t *tx, rpy_propertygroup_t *pg, const std::string &name,
+	    const std::vector<std::string> &texts);
+};
+
+// A repository, and a client that is bound to its daemon once that is started.
+class RepositoryTest : public testing::Test {
+protected:
+	// Ends the daemon, if there is one, and starts the next.
+	void start()
+	{
+		daemon.stop();
+		ASSERT_EQ(daemon.start("hatch", &said), 0) << said;
+		ASSERT_EQ(client.bind(daemon.hatch()), RPY_ERROR_NONE);
+	}
+
+	Repository daemon;
+	RepositoryClient client;
+	std::string said;
+};
+
+// A file system in memory, below a directory of a test's own. Without the privilege to mount there is none.
+struct MemoryMount {
+	explicit MemoryMount(const Scratch &place, const char *options = "size=16m");
+	MemoryMount(const MemoryMount &) = delete;
+	MemoryMount &operator=(const MemoryMount &) = delete;
+	~MemoryMount();
+	bool set(unsigned long flags, const char *options) const;
+
+	const std::string path;
+	const bool good;
 };
 
 #endif

@@ -49,16 +49,12 @@ const char *why_no_enclaves(TestEnclave::Kind kind)
 
 TestEnclave::TestEnclave(Kind kind, enclaveid_t id) : id_(id)
 {
-	char name[] = "/tmp/enclave-test.XXXXXX";
-	must(mkdtemp(name) != nullptr, "mkdtemp");
-	must(chmod(name, 0755) == 0, "chmod");
-	prefix_ = name;
-	root_ = prefix_ + "/root";
+	must(chmod(prefix().c_str(), 0755) == 0, "chmod");
 	fs::create_directories(root_ + "/private");
 	if (kind == UserNamespace)
 		for (const std::string &path : {root_, root_ + "/private"})
 			must(chown(path.c_str(), 100000, 100000) == 0, "chown");
-	must(setenv("MERIDON_ROOT", prefix_.c_str(), 1) == 0, "setenv");
+	must(setenv("MERIDON_ROOT", prefix().c_str(), 1) == 0, "setenv");
 	if (kind != RootOnly)
 		start_leader(kind);
 
@@ -78,8 +74,6 @@ TestEnclave::~TestEnclave()
 {
 	kill_leader();
 	unsetenv("MERIDON_ROOT");
-	std::error_code ignored;
-	fs::remove_all(prefix_, ignored);
 }
 
 // What a leader does: it makes its namespaces and waits for its end.
@@ -152,12 +146,7 @@ void TestEnclave::write(const std::string &path, const std::string &text) const
 
 std::string TestEnclave::read(const std::string &path) const
 {
-	std::ifstream in(host_path(path), std::ios::binary);
-	if (!in)
-		return "<none>";
-	std::ostringstream text;
-	text << in.rdbuf();
-	return text.str();
+	return fs::exists(host_path(path)) ? file_text(host_path(path)) : "<none>";
 }
 
 void TestEnclave::set_state(enclave_state_t state)
@@ -170,5 +159,5 @@ void TestEnclave::set_state(enclave_state_t state)
 
 void TestEnclave::write_record(const std::string &text) const
 {
-	write_text(prefix_ + "/run/enclaves/" + std::to_string(id_), text);
+	write_text(prefix() + "/run/enclaves/" + std::to_string(id_), text);
 }

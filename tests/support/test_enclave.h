@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "child.h"
+#include "scratch.h"
 
 #include <meridon/enclave.h>
 
@@ -31,7 +32,7 @@ public:
 	enclaveid_t id() const { return id_; }
 	pid_t leader() const { return leader_; }
 	// The value of MERIDON_ROOT, and the enclave's root as the host sees it.
-	const std::string &prefix() const { return prefix_; }
+	const std::string &prefix() const { return place_.directory(); }
 	const std::string &root() const { return root_; }
 	// A path of the enclave as the host sees it. A leader has mounted something over /private that only it sees.
 	std::string host_path(const std::string &path) const { return root_ + path; }
@@ -48,8 +49,8 @@ public:
 private:
 	enclaveid_t id_;
 	pid_t leader_ = 0;
-	std::string prefix_;
-	std::string root_;
+	const Scratch place_;
+	const std::string root_ = place_.path("root");
 
 	void start_leader(Kind kind);
 };
