@@ -1,11 +1,15 @@
-// Long random runs of every changing operation, beside a plain model.
-#include <memory>
+// Long random runs of every changing operation, beside a plain model. Half of the calls run out of memory: such a call
+// changes nothing, and at the end nothing is left.
+#include <algorithm>
+#include <cerrno>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "alloc_fault.h"
 #include "base/guards.h"
 #include "list_text.h"
 
@@ -92,12 +96,28 @@ public:
 			start_again();
 	}
 
+	// The operations that ran out of memory.
+	const std::set<std::string> &hit() const { return hit_; }
 	std::string list() { return list_text(root_.get()); }
 	std::string model() { return text(model_); }
 
 private:
 	size_t below(size_t limit) { return random_() % limit; }
 	const std::string &any_name() { return names_[below(names_.size())]; }
+
+	// Makes a call that takes memory, of which some may be refused. Says whether it has worked.
+	template <typename Call>
+	bool takes(const char *operation, Call call, int expected = 0)
+	{
+		AllocFault fault(below(2) == 0 ? 1 + static_cast<int>(below(3)) : INT_MAX);
+		const int error = call();
+		fault.stop();
+		const bool ran_out = error == ENOMEM && fault.fired();
+		if (ran_out)
+			hit_.insert(operation);
+		EXPECT_TRUE(error == expected || ran_out) << operation << " gives " << error;
+		return error == 0;
+	}
 
 	// The outermost list, or some list in it.
 	Both any_list()
@@ -141,8 +161,9 @@ private:
 			value = static_cast<T>(random_() * (uint64_t{random_()} << 20));
 			pair.value.append(&value != values.data() ? "," : "").append(std::to_string(value));
 		}
-		ASSERT_EQ(call(to.list, pair.name.c_str(), values.data(), static_cast<uint_t>(values.size())), 0);
-		put(*to.model, pair);
+		const uint_t count = static_cast<uint_t>(values.size());
+		if (takes(__func__, [&] { return call(to.list, pair.name.c_str(), values.data(), count); }))
+			put(*to.model, pair);
 	}
 
 	void add_numbers()
@@ -177,8 +198,9 @@ private:
 			pointers.push_back(one.data());
 		}
 		uint_t count = static_cast<uint_t>(texts.size());
-		ASSERT_EQ(attrlist_add_string_array(to.list, pair.name.c_str(), pointers.data(), count), 0);
-		put(*to.model, pair);
+		const char *name = pair.name.c_str();
+		if (takes(__func__, [&] { return attrlist_add_string_array(to.list, name, pointers.data(), count); }))
+			put(*to.model, pair);
 	}
 
 	void add_scalar()
@@ -187,13 +209,15 @@ private:
 		std::string name = any_name();
 		if (below(2) != 0) {
 			std::string value = any_text();
-			ASSERT_EQ(attrlist_add_string(to.list, name.c_str(), value.c_str()), 0);
-			put(*to.model, {name, DATA_TYPE_STRING, std::string("'").append(value).append("'"), {}});
+			if (takes(
+				"add_text", [&] { return attrlist_add_string(to.list, name.c_str(), value.c_str()); }))
+				put(*to.model,
+				    {name, DATA_TYPE_STRING, std::string("'").append(value).append("'"), {}});
 			return;
 		}
 		auto number = static_cast<int32_t>(random_());
-		ASSERT_EQ(attrlist_add_int32(to.list, name.c_str(), number), 0);
-		put(*to.model, {name, DATA_TYPE_INT32, std::to_string(number), {}});
+		if (takes(__func__, [&] { return attrlist_add_int32(to.list, name.c_str(), number); }))
+			put(*to.model, {name, DATA_TYPE_INT32, std::to_string(number), {}});
 	}
 
 	// The value may be the list itself, lie in it, or hold it.
@@ -203,9 +227,9 @@ private:
 		Both to = any_list();
 		std::string name = any_name();
 		Model copy = *value.model;
-		bool deep = to.level + depth_of(copy) > ATTRLIST_DEPTH_MAX;
-		ASSERT_EQ(attrlist_add_attrlist(to.list, name.c_str(), value.list), deep ? EINVAL : 0);
-		if (!deep)
+		int expected = to.level + depth_of(copy) > ATTRLIST_DEPTH_MAX ? EINVAL : 0;
+		auto call = [&] { return attrlist_add_attrlist(to.list, name.c_str(), value.list); };
+		if (takes(__func__, call, expected))
 			put(*to.model, {name, DATA_TYPE_ATTRLIST, "", {std::move(copy)}});
 	}
 
@@ -225,8 +249,9 @@ private:
 		uint_t count = static_cast<uint_t>(lists.size());
 		if (to.level > 20)
 			return;
-		ASSERT_EQ(attrlist_add_attrlist_array(to.list, name.c_str(), lists.data(), count), 0);
-		put(*to.model, {name, DATA_TYPE_ATTRLIST_ARRAY, "", std::move(copies)});
+		auto call = [&] { return attrlist_add_attrlist_array(to.list, name.c_str(), lists.data(), count); };
+		if (takes(__func__, call))
+			put(*to.model, {name, DATA_TYPE_ATTRLIST_ARRAY, "", std::move(copies)});
 	}
 
 	void add_new_list()
@@ -236,7 +261,8 @@ private:
 		attrlist_t *made = nullptr;
 		if (to.level == ATTRLIST_DEPTH_MAX)
 			return;
-		ASSERT_EQ(attrlist_add_new_attrlist(to.list, name.c_str(), &made), 0);
+		if (!takes(__func__, [&] { return attrlist_add_new_attrlist(to.list, name.c_str(), &made); }))
+			return;
 		ASSERT_EQ(attrlist_add_int32(made, "n", 1), 0);
 		put(*to.model, {name, DATA_TYPE_ATTRLIST, "", {{{"n", DATA_TYPE_INT32, "1", {}}}}});
 	}
@@ -252,17 +278,29 @@ private:
 		ASSERT_EQ(attrlist_lookup_attrpair(from.list, copy.name.c_str(), &pair), 0);
 		if (to.level + depth_of({copy}) - 1 > ATTRLIST_DEPTH_MAX)
 			return;
-		ASSERT_EQ(attrlist_add_attrpair(to.list, pair), 0);
-		put(*to.model, std::move(copy));
+		if (takes(__func__, [&] { return attrlist_add_attrpair(to.list, pair); }))
+			put(*to.model, std::move(copy));
 	}
 
+	// By the name, or by name and type. It needs no memory.
 	void remove()
 	{
+		static constexpr data_type_t types[] = {DATA_TYPE_STRING, DATA_TYPE_INT64_ARRAY, DATA_TYPE_ATTRLIST};
 		Both from = any_list();
 		std::string name = any_name();
-		bool there = erase(*from.model, name);
+		const data_type_t type = types[below(std::size(types))];
+		const bool typed = below(2) != 0;
+		auto named = [&](const ModelPair &pair) { return pair.name == name; };
+		const auto found = std::find_if(from.model->begin(), from.model->end(), named);
+		const bool there = found != from.model->end(), goes = there && (!typed || found->type == type);
 		ASSERT_EQ(attrlist_exists(from.list, name.c_str()) != 0, there);
-		ASSERT_EQ(attrlist_remove_all(from.list, name.c_str()), there ? 0 : ENOENT);
+		AllocFault fault(1, AllocFault::After::Fail);
+		const int error = typed ? attrlist_remove(from.list, name.c_str(), type)
+					: attrlist_remove_all(from.list, name.c_str());
+		fault.stop();
+		ASSERT_EQ(error, goes ? 0 : ENOENT);
+		if (goes)
+			from.model->erase(found);
 	}
 
 	void merge()
@@ -272,8 +310,8 @@ private:
 		if (to.level + depth_of(*from.model) - 1 > ATTRLIST_DEPTH_MAX)
 			return;
 		Model copy = *from.model;
-		ASSERT_EQ(attrlist_merge(to.list, from.list, ATL_UNIQUE_NAME_TYPE), 0);
-		if (from.list == to.list)
+		auto call = [&] { return attrlist_merge(to.list, from.list, ATL_UNIQUE_NAME_TYPE); };
+		if (!takes(__func__, call) || from.list == to.list)
 			return;
 		for (ModelPair &pair : copy)
 			put(*to.model, pair);
@@ -291,8 +329,8 @@ private:
 	void replace_by_copy()
 	{
 		AttrList copy;
-		ASSERT_EQ(attrlist_dup(root_.get(), copy.out(), 0), 0);
-		root_ = std::move(copy);
+		if (takes(__func__, [&] { return attrlist_dup(root_.get(), copy.out(), 0); }))
+			root_ = std::move(copy);
 	}
 
 	void replace_by_unpacked()
@@ -300,9 +338,10 @@ private:
 		Heap<char> bytes;
 		size_t size = 0;
 		AttrList copy;
-		ASSERT_EQ(attrlist_pack(root_.get(), bytes.out(), &size, ATL_ENCODE_XDR, 0), 0);
-		ASSERT_EQ(attrlist_unpack(bytes.get(), size, copy.out(), 0), 0);
-		root_ = std::move(copy);
+		auto pack = [&] { return attrlist_pack(root_.get(), bytes.out(), &size, ATL_ENCODE_XDR, 0); };
+		auto unpack = [&] { return attrlist_unpack(bytes.get(), size, copy.out(), 0); };
+		if (takes("pack", pack) && takes("unpack", unpack))
+			root_ = std::move(copy);
 	}
 
 	// Outgrown: goes on with a part of it as the outermost list.
@@ -324,20 +363,28 @@ private:
 	std::vector<std::string> names_;
 	AttrList root_;
 	Model model_;
+	std::set<std::string> hit_;
 };
 
 class AttrListModel : public testing::TestWithParam<uint32_t> {};
 
 TEST_P(AttrListModel, AgreesAllTheWay)
 {
-	Journey journey(GetParam());
-	for (int step = 0; step < 2000; step++) {
-		journey.step();
-		ASSERT_FALSE(HasFatalFailure()) << "step " << step;
-		if (step % 4 == 0) {
+	const HeapUse before = heap_use();
+	{
+		Journey journey(GetParam());
+		for (int step = 0; step < 2000; step++) {
+			journey.step();
+			ASSERT_FALSE(HasFailure()) << "step " << step;
 			ASSERT_EQ(journey.list(), journey.model()) << "step " << step;
 		}
+		const std::set<std::string> all = {"add_array", "add_list", "add_lists", "add_new_list", "add_pair",
+		    "add_scalar", "add_text", "add_texts", "merge", "replace_by_copy", "pack", "unpack"};
+		if (AllocFault::available()) {
+			EXPECT_EQ(journey.hit(), all);
+		}
 	}
+	EXPECT_EQ(heap_use().blocks, before.blocks) << "something is left";
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, AttrListModel, testing::Range(1U, 9U));
