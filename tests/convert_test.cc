@@ -12,10 +12,9 @@
 
 #include "alloc_fault.h"
 #include "base/guards.h"
+#include "golden_rows.h"
 #include "list_text.h"
 #include "log_capture.h"
-#include "scratch.h"
-#include "test_paths.h"
 
 namespace {
 
@@ -51,17 +50,6 @@ std::string expanded(const std::string &text)
 	       expanded(text.substr(close + 1));
 }
 
-std::vector<std::string> parts(const std::string &text, char delimiter)
-{
-	std::vector<std::string> all;
-	std::istringstream in(text);
-	for (std::string part; std::getline(in, part, delimiter);)
-		all.push_back(part);
-	if (text.empty() || text.back() == delimiter)
-		all.emplace_back();
-	return all;
-}
-
 template <typename T, typename Add>
 int add_numbers(attrlist_t *list, const std::vector<std::string> &values, Add add)
 {
@@ -76,7 +64,8 @@ AttrList list_of(const std::string &form)
 {
 	AttrList list;
 	EXPECT_EQ(attrlist_alloc(list.out(), ATL_UNIQUE_NAME, 0), 0);
-	std::vector<std::string> values = form.size() < 2 ? std::vector<std::string>() : parts(form.substr(2), '|');
+	std::vector<std::string> values =
+	    form.size() < 2 ? std::vector<std::string>() : split_text(form.substr(2), '|');
 	std::vector<char *> texts;
 	for (std::string &value : values)
 		texts.push_back(value.data());
@@ -130,7 +119,7 @@ void describe(const std::string &text, Case &one)
 	    {"boolean", DATA_TYPE_BOOLEAN}, {"unknown", DATA_TYPE_UNKNOWN}};
 	ostrel_propdesc_t &desc = one.descs[0];
 	desc.npd_name = c("p");
-	const std::vector<std::string> quoted = parts(text, '\'');
+	const std::vector<std::string> quoted = split_text(text, '\'');
 	if (quoted.size() > 1) {
 		one.delimiters = quoted[1];
 		desc.npd_delimiters = one.delimiters.data();
@@ -148,13 +137,13 @@ void describe(const std::string &text, Case &one)
 
 void for_each_case(const std::function<void(const Case &)> &what)
 {
-	std::istringstream file(file_text(TEST_SOURCE_DIR "/tests/golden/conversions.txt"));
-	int cases = 0;
-	for (std::string line; std::getline(file, line);) {
-		if (line.empty() || line[0] == '#')
-			continue;
-		SCOPED_TRACE(line);
-		std::vector<std::string> fields = parts(expanded(line), '\t');
+	const std::vector<GoldenRow> rows = golden_rows("conversions.txt");
+	EXPECT_GT(rows.size(), 70U);
+	for (const GoldenRow &row : rows) {
+		SCOPED_TRACE(row.line);
+		std::vector<std::string> fields;
+		for (const std::string &field : row.fields)
+			fields.push_back(expanded(field));
 		ASSERT_GE(fields.size(), 4U);
 		Case one;
 		one.function =
@@ -164,9 +153,7 @@ void for_each_case(const std::function<void(const Case &)> &what)
 		one.after = list_text(list_of(fields[3]).get());
 		one.message = fields.size() > 4 ? fields[4] : "";
 		what(one);
-		cases++;
 	}
-	EXPECT_GT(cases, 70);
 }
 
 } // namespace
