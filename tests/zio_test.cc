@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "base/guards.h"
+#include "golden_rows.h"
 #include "scratch.h"
 #include "syscall_fault.h"
 #include "test_enclave.h"
@@ -87,7 +88,6 @@ void handle_quietly(int signal, void (*handler)(int))
 struct Shared {
 	int runs[2][2]; // by the two truth values
 	pid_t pids[2];
-	std::function<int()> body;
 };
 
 // With an enclave that is a root directory.
@@ -110,47 +110,26 @@ protected:
 	ZioCallback()
 	{
 		void *page = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-		if (page == MAP_FAILED)
-			abort();
-		shared = new (page) Shared();
+		shared = static_cast<Shared *>(page);
 	}
-	~ZioCallback() override
+	~ZioCallback() override { munmap(shared, sizeof(Shared)); }
+	// Runs `body` in the child, if there is one, and gives what the whole came to.
+	static int run(const std::function<int()> &in_the_child, enclaveid_t enclave)
 	{
-		shared->~Shared();
-		munmap(shared, sizeof(Shared));
+		body = in_the_child;
+		return ostrel_zfop("/x", enclave, note, nullptr);
 	}
 	static int note(zfarg_t *arg)
 	{
 		shared->runs[arg->zfarg_inglobalenclave][arg->zfarg_finglobalenclave]++;
 		shared->pids[arg->zfarg_inglobalenclave] = getpid();
-		return shared->body && !arg->zfarg_inglobalenclave ? shared->body() : 0;
+		return arg->zfarg_inglobalenclave ? 0 : body();
 	}
-	static Shared *shared;
+	static inline std::function<int()> body;
+	static inline Shared *shared;
 };
-Shared *ZioCallback::shared;
 
 } // namespace
-
-TEST_F(Zio, ReadsUpdatesRenamesAndUnlinksInsideTheEnclave)
-{
-	enclave->write("/db", "inside\n");
-	int error = -1;
-	Fd old(ostrel_zopen("/db", O_RDONLY, 0, enclave->id(), &error));
-	ASSERT_EQ(error, 0);
-	EXPECT_EQ(text_of(old.get()), "inside\n");
-	EXPECT_EQ(fcntl(old.get(), F_GETFD), FD_CLOEXEC);
-	EXPECT_EQ(fcntl(old.get(), F_GETFL) & O_NONBLOCK, 0);
-
-	Fd fresh(ostrel_zopen("/db.new", update_flags, 0644, enclave->id(), &error));
-	ASSERT_EQ(error, 0);
-	ASSERT_EQ(write(fresh.get(), "new\n", 4), 4);
-	EXPECT_EQ(ostrel_zrename("/db.new", "/db", enclave->id()), 0);
-	EXPECT_EQ(enclave->read("/db"), "new\n");
-	EXPECT_EQ(enclave->read("/db.new"), "<none>");
-	EXPECT_EQ(ostrel_zunlink("/db", enclave->id()), 0);
-	EXPECT_EQ(enclave->read("/db"), "<none>");
-	EXPECT_FALSE(has_zombie());
-}
 
 TEST_F(Zio, ANewFileGetsItsModeWhateverTheUmaskAndItsOwnerAndAnOldOneKeepsThem)
 {
@@ -183,9 +162,13 @@ TEST_F(Zio, AStreamModeDecidesTheFlags)
 {
 	enclave->write("/db", "old\n");
 	int error = -1;
+	Stream old(ostrel_zfopen("/db", "r", enclave->id(), &error));
+	ASSERT_TRUE(old);
+	EXPECT_EQ(fcntl(fileno(old.get()), F_GETFD), FD_CLOEXEC);
+	EXPECT_EQ(fcntl(fileno(old.get()), F_GETFL) & O_NONBLOCK, 0);
 	EXPECT_EQ(ostrel_zfopen("/db", "r+", enclave->id(), &error), nullptr); // the file is open for reading only
 	EXPECT_EQ(error, EINVAL);
-	EXPECT_EQ(enclave->read("/db"), "old\n");
+	EXPECT_EQ(text_of(fileno(old.get())), "old\n");
 
 	Stream appended(ostrel_zfopen("/db", "a", enclave->id(), &error));
 	ASSERT_TRUE(appended);
@@ -214,67 +197,59 @@ TEST_F(Zio, WhatFailsInsideArrivesAsItsErrorNumber)
 TEST(ZioKinds, TheGlobalEnclaveNeedsNoChildPipeOrTemplate)
 {
 	Scratch scratch;
-	std::string db = scratch.write("db", "here\n"), other = scratch.path("other");
-	int error = -1;
-	for (FailNth::Call call : {FailNth::Fork, FailNth::Socketpair, FailNth::Memfd, FailNth::Waitid}) {
-		FailNth fault(call, 1, EPERM);
-		EXPECT_EQ(read_all(db.c_str(), 0), "here\n");
-		EXPECT_EQ(ostrel_zrename(db.c_str(), other.c_str(), 0), 0);
-		EXPECT_EQ(ostrel_zrename(other.c_str(), db.c_str(), 0), 0);
-		EXPECT_FALSE(fault.fired());
-	}
-	EXPECT_EQ(ostrel_zunlink(db.c_str(), 0), 0);
-	EXPECT_EQ(ostrel_zfopen(db.c_str(), "r", 0, &error), nullptr);
-	EXPECT_EQ(error, ENOENT);
+	const std::string db = scratch.write("db", "here\n"), other = scratch.path("other");
+	FailNth fork(FailNth::Fork, 1, EPERM), pipe(FailNth::Socketpair, 1, EPERM), tmpl(FailNth::Memfd, 1, EPERM);
+	EXPECT_EQ(read_all(db.c_str(), 0), "here\n");
+	EXPECT_EQ(ostrel_zrename(db.c_str(), other.c_str(), 0), 0);
+	EXPECT_EQ(ostrel_zunlink(other.c_str(), 0), 0);
+	EXPECT_EQ(read_error(db.c_str(), 0), ENOENT);
+	EXPECT_FALSE(fork.fired() || pipe.fired() || tmpl.fired());
 }
 
 /* ---- What an enclave may have put in the way ---- */
 
-TEST_F(ZioPlanted, OnlyRegularFilesAreOpenedAndNothingWaits)
-{
-	ASSERT_EQ(mkfifo(enclave->host_path("/fifo").c_str(), 0666), 0);
-	ASSERT_EQ(mknod(enclave->host_path("/device").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
-	sockaddr_un address = {};
-	address.sun_family = AF_UNIX;
-	snprintf(address.sun_path, sizeof address.sun_path, "%s", enclave->host_path("/socket").c_str());
-	Fd socket(::socket(AF_UNIX, SOCK_STREAM, 0));
-	ASSERT_EQ(bind(socket.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-	ASSERT_EQ(symlink("/fifo", enclave->host_path("/to_fifo").c_str()), 0);
-
-	for (const char *path : {"/fifo", "/device", "/socket", "/to_fifo"}) {
-		mode_t mode = stat_of(enclave->host_path(path)).st_mode;
-		EXPECT_EQ(read_error(path, enclave->id()), EINVAL) << path;
-		EXPECT_EQ(update_error(path, enclave->id()), EINVAL) << path;
-		EXPECT_EQ(stat_of(enclave->host_path(path)).st_mode, mode) << path;
-	}
-}
-
-TEST_F(ZioPlanted, AnUpdateFollowsNoLinkAndEmptiesNoFileOfTwoNames)
-{
-	enclave->write("/victim", "keep me\n");
-	ASSERT_EQ(symlink("/victim", enclave->host_path("/link").c_str()), 0);
-	ASSERT_EQ(symlink("/not_there", enclave->host_path("/dangling").c_str()), 0);
-	ASSERT_EQ(link(enclave->host_path("/victim").c_str(), enclave->host_path("/hard").c_str()), 0);
-	for (const char *path : {"/link", "/dangling", "/hard"})
-		EXPECT_EQ(update_error(path, enclave->id()), EINVAL) << path;
-	EXPECT_EQ(enclave->read("/victim"), "keep me\n");
-	EXPECT_EQ(stat_of(enclave->host_path("/victim")).st_uid, 0U);
-	EXPECT_EQ(enclave->read("/not_there"), "<none>");
-	EXPECT_EQ(read_all("/hard", enclave->id()), "keep me\n"); // reading harms nobody
-}
-
-TEST_F(ZioPlanted, ALinkLeadsNowhereOutOfTheEnclave)
+TEST_F(ZioPlanted, OnlyRegularFilesOfTheEnclaveAreOpenedAndUpdatesFollowNoLink)
 {
 	Scratch host;
-	std::string secret = host.write("secret", "of the host\n");
-	ASSERT_EQ(symlink(secret.c_str(), enclave->host_path("/absolute").c_str()), 0);
-	ASSERT_EQ(symlink(("../../../../.." + secret).c_str(), enclave->host_path("/relative").c_str()), 0);
-	ASSERT_EQ(symlink(host.directory().c_str(), enclave->host_path("/directory").c_str()), 0);
-	for (const char *path : {"/absolute", "/relative", "/directory/secret"})
-		EXPECT_EQ(read_error(path, enclave->id()), ENOENT) << path;
-	EXPECT_EQ(ostrel_zunlink("/directory/secret", enclave->id()), ENOENT);
-	EXPECT_EQ(ostrel_zunlink("/../../../secret", enclave->id()), ENOENT);
+	const std::string secret = host.write("secret", "of the host\n"), upwards = "../../../../.." + secret;
+	enclave->write("/victim", "keep me\n");
+	auto at = [&](const char *path) { return enclave->host_path(path); };
+	ASSERT_EQ(mkfifo(at("/fifo").c_str(), 0666), 0);
+	ASSERT_EQ(mknod(at("/device").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
+	ASSERT_EQ(mknod(at("/socket").c_str(), S_IFSOCK | 0666, 0), 0);
+	ASSERT_EQ(link(at("/victim").c_str(), at("/hard").c_str()), 0);
+	const struct {
+		const char *path;
+		std::string link; // where it leads, if it is one
+		int read_error, update_error;
+	} rows[] = {
+	    {"/fifo", "", EINVAL, EINVAL},
+	    {"/device", "", EINVAL, EINVAL},
+	    {"/socket", "", EINVAL, EINVAL},
+	    {"/hard", "", 0, EINVAL}, // reading harms nobody
+	    {"/to_fifo", "/fifo", EINVAL, EINVAL},
+	    {"/link", "/victim", 0, EINVAL},
+	    {"/dangling", "/not_there", ENOENT, EINVAL},
+	    {"/absolute", secret, ENOENT, EINVAL},
+	    {"/relative", upwards, ENOENT, EINVAL},
+	    {"/directory", host.directory(), ENOENT, EINVAL},
+	    {"/directory/secret", "", ENOENT, ENOENT},
+	};
+	for (const auto &row : rows) {
+		if (!row.link.empty()) {
+			ASSERT_EQ(symlink(row.link.c_str(), at(row.path).c_str()), 0);
+		}
+		const mode_t mode = stat_of(at(row.path)).st_mode;
+		EXPECT_EQ(read_error(row.path, enclave->id()), row.read_error) << row.path;
+		EXPECT_EQ(update_error(row.path, enclave->id()), row.update_error) << row.path;
+		EXPECT_EQ(stat_of(at(row.path)).st_mode, mode) << row.path;
+	}
+	for (const char *path : {"/directory/secret", "/../../../secret"})
+		EXPECT_EQ(ostrel_zunlink(path, enclave->id()), ENOENT) << path;
 	EXPECT_EQ(file_text(secret), "of the host\n");
+	EXPECT_EQ(enclave->read("/victim"), "keep me\n");
+	EXPECT_EQ(stat_of(at("/victim")).st_uid, 0U);
+	EXPECT_EQ(enclave->read("/not_there"), "<none>");
 }
 
 /* ---- Enclaves that can't be entered ---- */
@@ -282,29 +257,12 @@ TEST_F(ZioPlanted, ALinkLeadsNowhereOutOfTheEnclave)
 TEST_F(ZioEnter, AnEnclaveThatIsNotUpIsNeverAMissingFile)
 {
 	enclave->write("/db", "inside\n");
-	const std::string record = "name=x\nroot=" + enclave->root() + "\nstate=";
-	const struct {
-		std::string record;
-		int error;
-	} rows[] = {
-	    {record + "ready\n", 0},
-	    {record + "running\n", 0},
-	    {record + "shutting_down", 0},
-	    {record + "configured\n", ESRCH},
-	    {record + "down\n", ESRCH},
-	    {record + "mounted\n", ESRCH},
-	    {record + "strange\n", ESRCH},
-	    {"name=x\nroot=" + enclave->root() + "/none\nstate=running\n", ESRCH},
-	    {"name=x\nroot=" + enclave->root() + "/db\nstate=running\n", ESRCH},
-	    {"name=x\nstate=running\n", ESRCH},
-	    {record + "running\nleader=1\nleader_start=1\n", ESRCH}, // another process has that id
-	    {record + "running\nleader=1\n", ESRCH},
-	    {record + "running\nleader=999999999\nleader_start=1\n", ESRCH},
-	    {"", ESRCH},
-	};
-	for (const auto &row : rows) {
-		enclave->write_record(row.record);
-		EXPECT_EQ(read_error("/db", enclave->id()), row.error) << row.record;
+	for (const GoldenRow &row : golden_rows("enclaves.txt", "entered")) {
+		std::string record = row[1];
+		if (size_t root = record.find("{root}"); root != std::string::npos)
+			record.replace(root, 6, enclave->root());
+		enclave->write_record(record);
+		EXPECT_EQ(read_error("/db", enclave->id()), row[0] == "yes" ? 0 : ESRCH) << row.line;
 	}
 	const int before = open_descriptors();
 	for (enclaveid_t unknown : {6, -1, 10000, INT32_MIN})
@@ -377,34 +335,30 @@ TEST(ZioKinds, JoinsTheNamespacesOfALeaderAndItsRoot)
 
 TEST_F(ZioCallback, RunsInTheChildFirstAndThenInTheCaller)
 {
-	EXPECT_EQ(ostrel_zfop("/x", enclave->id(), note, nullptr), 0);
+	EXPECT_EQ(run([] { return 0; }, enclave->id()), 0);
 	EXPECT_EQ(shared->runs[0][0], 1);
 	EXPECT_EQ(shared->runs[1][0], 1);
 	EXPECT_NE(shared->pids[0], getpid());
 	EXPECT_EQ(shared->pids[1], getpid());
 
-	shared->body = [] { return EDOM; };
-	EXPECT_EQ(ostrel_zfop("/x", enclave->id(), note, nullptr), EDOM);
+	EXPECT_EQ(run([] { return EDOM; }, enclave->id()), EDOM);
 	EXPECT_EQ(shared->runs[0][0], 2);
 	EXPECT_EQ(shared->runs[1][0], 1) << "the caller's turn comes only after success";
 
-	EXPECT_EQ(ostrel_zfop("/x", 0, note, nullptr), 0);
+	EXPECT_EQ(run([] { return EDOM; }, 0), 0);
 	EXPECT_EQ(shared->runs[1][1], 1);
 	EXPECT_EQ(shared->runs[0][1], 0);
 }
 
+// Signals have the numbers of errors that say "not found", "no permission", "no memory" and the like.
 TEST_F(ZioCallback, ADeathBySignalIsAFailureThatNobodyMisreads)
 {
-	// Numbers that say "not found", "no permission", "no memory" and the like as error numbers.
-	for (int signal : {SIGHUP, SIGINT, SIGUSR2, SIGPIPE, SIGALRM}) {
-		shared->body = [signal] { return kill(getpid(), signal); };
-		EXPECT_EQ(ostrel_zfop("/x", enclave->id(), note, nullptr), EINTR) << signal;
-	}
+	auto died_of = [&](int signal) { return run([signal] { return kill(getpid(), signal); }, enclave->id()); };
+	for (int signal : {SIGHUP, SIGINT, SIGUSR2, SIGPIPE, SIGALRM})
+		EXPECT_EQ(died_of(signal), EINTR) << signal;
 	for (int signal : {SIGKILL, SIGTERM, SIGABRT}) {
-		shared->body = [signal] { return kill(getpid(), signal); };
-		int error = ostrel_zfop("/x", enclave->id(), note, nullptr);
-		EXPECT_EQ(error, signal);
-		EXPECT_EQ(ostrel_errno2error(error), OSTREL_FAILURE);
+		EXPECT_EQ(died_of(signal), signal);
+		EXPECT_EQ(ostrel_errno2error(signal), OSTREL_FAILURE);
 	}
 }
 
@@ -412,13 +366,9 @@ TEST_F(ZioCallback, ACaughtSignalDoesNotEndTheWait)
 {
 	static std::atomic<int> alarms;
 	handle_quietly(SIGALRM, [](int) { alarms++; });
-	shared->body = [] {
-		usleep(60000);
-		return ENOTTY;
-	};
 	itimerval often = {{0, 5000}, {0, 5000}}, never = {};
 	ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
-	int error = ostrel_zfop("/x", enclave->id(), note, nullptr);
+	const int error = run([] { return usleep(60000) == 0 ? ENOTTY : EINTR; }, enclave->id());
 	ASSERT_EQ(setitimer(ITIMER_REAL, &never, nullptr), 0);
 	EXPECT_EQ(error, ENOTTY);
 	EXPECT_GT(alarms, 2);
@@ -438,10 +388,8 @@ TEST_F(ZioCallback, AChildBelongsToTheLibraryAlone)
 			usleep(50);
 		}
 	});
-	for (int i = 0; i < 20; i++) {
-		shared->body = [i] { return i % 5; };
-		ASSERT_EQ(ostrel_zfop("/x", enclave->id(), note, nullptr), i % 5);
-	}
+	for (int i = 0; i < 20; i++)
+		EXPECT_EQ(run([i] { return i % 5; }, enclave->id()), i % 5);
 	stop = true;
 	reaper.join();
 	EXPECT_EQ(stolen, 0);
@@ -578,20 +526,19 @@ TEST(ZioKinds, ThreadsDoNotDisturbEachOtherAndNoDescriptorIsLeft)
 {
 	SKIP_WITHOUT_ENCLAVES();
 	TestEnclave enclave(fullest_enclave());
-	int before = open_descriptors();
+	const int before = open_descriptors();
 	std::vector<std::thread> threads;
 	std::atomic<int> failures{0};
 	for (int t = 0; t < 6; t++)
 		threads.emplace_back([&, t] {
-			std::string db = "/db" + std::to_string(t), fresh = db + ".new";
+			const std::string db = "/db" + std::to_string(t), fresh = db + ".new";
 			for (int i = 0; i < rounds; i++) {
 				int error = -1;
-				Fd file(ostrel_zopen(fresh.c_str(), update_flags, 0644, enclave.id(), &error));
-				std::string text = std::to_string(t * 1000 + i);
-				failures +=
-				    !file || write(file.get(), text.data(), text.size()) != ssize_t(text.size());
+				Stream file(ostrel_zfopen(fresh.c_str(), "w", enclave.id(), &error));
+				failures += !file || fprintf(file.get(), "%d", t * 1000 + i) < 1;
+				file.reset();
 				failures += ostrel_zrename(fresh.c_str(), db.c_str(), enclave.id()) != 0;
-				failures += read_all(db.c_str(), enclave.id()) != text;
+				failures += read_all(db.c_str(), enclave.id()) != std::to_string(t * 1000 + i);
 				failures += ostrel_zunlink("/none", enclave.id()) != ENOENT;
 			}
 		});
