@@ -86,11 +86,15 @@ public:
 	void step()
 	{
 		using Step = void (Journey::*)();
-		static constexpr Step steps[] = {&Journey::add_numbers, &Journey::add_numbers, &Journey::add_numbers,
-		    &Journey::add_texts, &Journey::add_texts, &Journey::add_scalar, &Journey::add_scalar,
-		    &Journey::add_list, &Journey::add_lists, &Journey::add_new_list, &Journey::add_pair,
-		    &Journey::remove, &Journey::remove, &Journey::merge, &Journey::clear, &Journey::replace_by_copy,
-		    &Journey::replace_by_unpacked};
+		static constexpr Step steps[] = {
+		    &Journey::add_array<int32_t, DATA_TYPE_INT32_ARRAY, attrlist_add_int32_array>,
+		    &Journey::add_array<uint32_t, DATA_TYPE_UINT32_ARRAY, attrlist_add_uint32_array>,
+		    &Journey::add_array<int64_t, DATA_TYPE_INT64_ARRAY, attrlist_add_int64_array>,
+		    &Journey::add_array<uint64_t, DATA_TYPE_UINT64_ARRAY, attrlist_add_uint64_array>,
+		    &Journey::add_texts, &Journey::add_texts, &Journey::add_text, &Journey::add_number,
+		    &Journey::add_number, &Journey::add_list, &Journey::add_lists, &Journey::add_new_list,
+		    &Journey::add_pair, &Journey::remove, &Journey::remove, &Journey::merge, &Journey::clear,
+		    &Journey::replace_by_copy, &Journey::replace_by_unpacked};
 		(this->*steps[below(std::size(steps))])();
 		if (size_of(model_) > 200)
 			start_again();
@@ -117,6 +121,17 @@ private:
 			hit_.insert(operation);
 		EXPECT_TRUE(error == expected || ran_out) << operation << " gives " << error;
 		return error == 0;
+	}
+
+	// Makes such a call to add a pair to some list.
+	template <typename Call>
+	void add(const char *operation, ModelPair pair, Call call)
+	{
+		Both to = any_list();
+		const int expected = to.level + depth_of({pair}) - 1 > ATTRLIST_DEPTH_MAX ? EINVAL : 0;
+		if (takes(
+			operation, [&] { return call(to.list, pair.name.c_str()); }, expected))
+			put(*to.model, std::move(pair));
 	}
 
 	// The outermost list, or some list in it.
@@ -150,34 +165,19 @@ private:
 		return many[which];
 	}
 
-	template <typename T>
-	void add_array(data_type_t type, int (*call)(attrlist_t *, const char *, const T *, uint_t))
+	template <typename T, data_type_t Type, auto Add>
+	void add_array()
 	{
-		static constexpr size_t counts[] = {0, 1, 1, 1, 2, 3, 3, 40, 40, 600};
-		Both to = any_list();
-		ModelPair pair = {any_name(), type, "", {}};
+		static constexpr uint_t counts[] = {0, 1, 1, 1, 2, 3, 3, 40, 40, 600};
 		std::vector<T> values(counts[below(std::size(counts))]);
+		ModelPair pair = {any_name(), Type, "", {}};
 		for (T &value : values) {
 			value = static_cast<T>(random_() * (uint64_t{random_()} << 20));
 			pair.value.append(&value != values.data() ? "," : "").append(std::to_string(value));
 		}
 		const uint_t count = static_cast<uint_t>(values.size());
-		if (takes(__func__, [&] { return call(to.list, pair.name.c_str(), values.data(), count); }))
-			put(*to.model, pair);
-	}
-
-	void add_numbers()
-	{
-		switch (below(4)) {
-		case 0:
-			return add_array<int32_t>(DATA_TYPE_INT32_ARRAY, attrlist_add_int32_array);
-		case 1:
-			return add_array<uint32_t>(DATA_TYPE_UINT32_ARRAY, attrlist_add_uint32_array);
-		case 2:
-			return add_array<int64_t>(DATA_TYPE_INT64_ARRAY, attrlist_add_int64_array);
-		default:
-			return add_array<uint64_t>(DATA_TYPE_UINT64_ARRAY, attrlist_add_uint64_array);
-		}
+		add(__func__, pair,
+		    [&](attrlist_t *list, const char *name) { return Add(list, name, values.data(), count); });
 	}
 
 	std::string any_text()
@@ -188,7 +188,6 @@ private:
 
 	void add_texts()
 	{
-		Both to = any_list();
 		std::vector<std::string> texts(below(4));
 		std::vector<char *> pointers;
 		ModelPair pair = {any_name(), DATA_TYPE_STRING_ARRAY, "", {}};
@@ -197,89 +196,68 @@ private:
 			pair.value.append(&one != texts.data() ? ",'" : "'").append(one).append("'");
 			pointers.push_back(one.data());
 		}
-		uint_t count = static_cast<uint_t>(texts.size());
-		const char *name = pair.name.c_str();
-		if (takes(__func__, [&] { return attrlist_add_string_array(to.list, name, pointers.data(), count); }))
-			put(*to.model, pair);
+		add(__func__, pair, [&pointers](attrlist_t *list, const char *name) {
+			return attrlist_add_string_array(
+			    list, name, pointers.data(), static_cast<uint_t>(pointers.size()));
+		});
 	}
 
-	void add_scalar()
+	void add_text()
 	{
-		Both to = any_list();
-		std::string name = any_name();
-		if (below(2) != 0) {
-			std::string value = any_text();
-			if (takes(
-				"add_text", [&] { return attrlist_add_string(to.list, name.c_str(), value.c_str()); }))
-				put(*to.model,
-				    {name, DATA_TYPE_STRING, std::string("'").append(value).append("'"), {}});
-			return;
-		}
-		auto number = static_cast<int32_t>(random_());
-		if (takes(__func__, [&] { return attrlist_add_int32(to.list, name.c_str(), number); }))
-			put(*to.model, {name, DATA_TYPE_INT32, std::to_string(number), {}});
+		const std::string value = any_text();
+		add(__func__, {any_name(), DATA_TYPE_STRING, std::string("'").append(value).append("'"), {}},
+		    [&value](
+			attrlist_t *list, const char *name) { return attrlist_add_string(list, name, value.c_str()); });
+	}
+
+	void add_number()
+	{
+		const auto value = static_cast<int32_t>(random_());
+		add(__func__, {any_name(), DATA_TYPE_INT32, std::to_string(value), {}},
+		    [value](attrlist_t *list, const char *name) { return attrlist_add_int32(list, name, value); });
 	}
 
 	// The value may be the list itself, lie in it, or hold it.
 	void add_list()
 	{
 		Both value = any_list();
-		Both to = any_list();
-		std::string name = any_name();
-		Model copy = *value.model;
-		int expected = to.level + depth_of(copy) > ATTRLIST_DEPTH_MAX ? EINVAL : 0;
-		auto call = [&] { return attrlist_add_attrlist(to.list, name.c_str(), value.list); };
-		if (takes(__func__, call, expected))
-			put(*to.model, {name, DATA_TYPE_ATTRLIST, "", {std::move(copy)}});
+		add(__func__, {any_name(), DATA_TYPE_ATTRLIST, "", {*value.model}},
+		    [&value](
+			attrlist_t *list, const char *name) { return attrlist_add_attrlist(list, name, value.list); });
 	}
 
 	void add_lists()
 	{
 		std::vector<attrlist_t *> lists;
-		std::vector<Model> copies;
+		ModelPair pair = {any_name(), DATA_TYPE_ATTRLIST_ARRAY, "", {}};
 		for (size_t left = below(3); left > 0; left--) {
 			Both value = any_list();
-			if (value.level + depth_of(*value.model) > 20)
-				continue;
 			lists.push_back(value.list);
-			copies.push_back(*value.model);
+			pair.lists.push_back(*value.model);
 		}
-		Both to = any_list();
-		std::string name = any_name();
-		uint_t count = static_cast<uint_t>(lists.size());
-		if (to.level > 20)
-			return;
-		auto call = [&] { return attrlist_add_attrlist_array(to.list, name.c_str(), lists.data(), count); };
-		if (takes(__func__, call))
-			put(*to.model, {name, DATA_TYPE_ATTRLIST_ARRAY, "", std::move(copies)});
+		add(__func__, pair, [&lists](attrlist_t *list, const char *name) {
+			return attrlist_add_attrlist_array(list, name, lists.data(), static_cast<uint_t>(lists.size()));
+		});
 	}
 
 	void add_new_list()
 	{
-		Both to = any_list();
-		std::string name = any_name();
 		attrlist_t *made = nullptr;
-		if (to.level == ATTRLIST_DEPTH_MAX)
-			return;
-		if (!takes(__func__, [&] { return attrlist_add_new_attrlist(to.list, name.c_str(), &made); }))
-			return;
-		ASSERT_EQ(attrlist_add_int32(made, "n", 1), 0);
-		put(*to.model, {name, DATA_TYPE_ATTRLIST, "", {{{"n", DATA_TYPE_INT32, "1", {}}}}});
+		add(__func__, {any_name(), DATA_TYPE_ATTRLIST, "", {{}}}, [&made](attrlist_t *list, const char *name) {
+			return attrlist_add_new_attrlist(list, name, &made);
+		});
 	}
 
 	void add_pair()
 	{
 		Both from = any_list();
-		Both to = any_list();
 		if (from.model->empty())
 			return;
-		ModelPair copy = (*from.model)[below(from.model->size())];
+		const ModelPair &copy = (*from.model)[below(from.model->size())];
 		attrpair_t *pair = nullptr;
 		ASSERT_EQ(attrlist_lookup_attrpair(from.list, copy.name.c_str(), &pair), 0);
-		if (to.level + depth_of({copy}) - 1 > ATTRLIST_DEPTH_MAX)
-			return;
-		if (takes(__func__, [&] { return attrlist_add_attrpair(to.list, pair); }))
-			put(*to.model, std::move(copy));
+		add(__func__, copy,
+		    [pair](attrlist_t *list, const char *) { return attrlist_add_attrpair(list, pair); });
 	}
 
 	// By the name, or by name and type. It needs no memory.
@@ -307,11 +285,10 @@ private:
 	{
 		Both from = any_list();
 		Both to = any_list();
-		if (to.level + depth_of(*from.model) - 1 > ATTRLIST_DEPTH_MAX)
-			return;
 		Model copy = *from.model;
 		auto call = [&] { return attrlist_merge(to.list, from.list, ATL_UNIQUE_NAME_TYPE); };
-		if (!takes(__func__, call) || from.list == to.list)
+		const int expected = to.level + depth_of(copy) - 1 > ATTRLIST_DEPTH_MAX ? EINVAL : 0;
+		if (!takes(__func__, call, expected) || from.list == to.list)
 			return;
 		for (ModelPair &pair : copy)
 			put(*to.model, pair);
@@ -353,10 +330,6 @@ private:
 		ASSERT_EQ(attrlist_dup(part.list, copy.out(), 0), 0);
 		model_ = std::move(model);
 		root_ = std::move(copy);
-		if (size_of(model_) <= 100)
-			return;
-		ASSERT_EQ(attrlist_clear(root_.get()), 0);
-		model_.clear();
 	}
 
 	std::mt19937 random_;
@@ -379,7 +352,7 @@ TEST_P(AttrListModel, AgreesAllTheWay)
 			ASSERT_EQ(journey.list(), journey.model()) << "step " << step;
 		}
 		const std::set<std::string> all = {"add_array", "add_list", "add_lists", "add_new_list", "add_pair",
-		    "add_scalar", "add_text", "add_texts", "merge", "replace_by_copy", "pack", "unpack"};
+		    "add_number", "add_text", "add_texts", "merge", "replace_by_copy", "pack", "unpack"};
 		if (AllocFault::available()) {
 			EXPECT_EQ(journey.hit(), all);
 		}
