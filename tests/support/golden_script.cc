@@ -23,17 +23,33 @@ std::string error_name_of(ssize_t result)
 	return error_name(result < 0 ? errno : 0);
 }
 
-static std::string stat_text(const std::string &path)
+namespace {
+
+using Arguments = GoldenScript::Arguments;
+
+unsigned number(const std::string &text)
+{
+	return static_cast<unsigned>(std::stoul(text, nullptr, 0));
+}
+
+std::string written(const char *path, const char *, const Arguments &args)
+{
+	FILE *file = fopen(path, "we");
+	const bool whole = file != nullptr && fwrite(args[1].data(), 1, args[1].size(), file) == args[1].size();
+	return error_name(file != nullptr && fclose(file) == 0 && whole ? 0 : errno);
+}
+
+std::string state(const char *path, const char *, const Arguments &)
 {
 	struct stat st;
-	if (lstat(path.c_str(), &st) != 0)
-		return error_name(errno);
 	char text[64];
+	if (lstat(path, &st) != 0)
+		return error_name(errno);
 	snprintf(text, sizeof(text), "%04o %u %u", st.st_mode & 07777, st.st_uid, st.st_gid);
 	return text;
 }
 
-static std::string list_text(const std::string &path)
+std::string listed(const char *path, const char *, const Arguments &)
 {
 	std::vector<std::string> names = entries_of(path);
 	std::sort(names.begin(), names.end());
@@ -43,57 +59,45 @@ static std::string list_text(const std::string &path)
 	return text;
 }
 
+template <mode_t Mode>
+std::string made(const char *path, const char *, const Arguments &)
+{
+	return error_name_of(mknod(path, Mode | 0666, S_ISCHR(Mode) ? makedev(1, 3) : 0));
+}
+
+// With the first two arguments as paths below the root.
+const struct {
+	const char *name;
+	std::string (*run)(const char *path, const char *other, const Arguments &args);
+} file_commands[] = {
+    {"write", written},
+    {"stat", state},
+    {"list", listed},
+    {"fifo", made<S_IFIFO>},
+    {"socket", made<S_IFSOCK>},
+    {"device", made<S_IFCHR>},
+    {"text", [](auto path, auto, auto &) { return file_text(path); }},
+    {"mkdir", [](auto path, auto, auto &) { return error_name_of(mkdir(path, 0755)); }},
+    {"remove", [](auto path, auto, auto &) { return error_name_of(remove(path)); }},
+    {"link", [](auto path, auto other, auto &) { return error_name_of(link(path, other)); }},
+    {"rename", [](auto path, auto other, auto &) { return error_name_of(rename(path, other)); }},
+    {"symlink", [](auto path, auto, auto &args) { return error_name_of(symlink(args[1].c_str(), path)); }},
+    {"chmod", [](auto path, auto, auto &args) { return error_name_of(chmod(path, number(args[1]))); }},
+    {"chown", [](auto path, auto, auto &args) { return error_name_of(chown(path, number(args[1]), number(args[2]))); }},
+};
+
+} // namespace
+
 GoldenScript::GoldenScript(const std::string &root)
 {
-	auto on_files = [&](const char *name,
-			    const std::function<std::string(const Arguments &, const char *path)> &run,
-			    size_t path = 0) {
-		add(name, [=](const Arguments &args) { return run(args, (root + "/" + args[path]).c_str()); });
-	};
-	auto number = [](const std::string &text) { return static_cast<unsigned>(std::stoul(text, nullptr, 0)); };
-	auto node = [](mode_t mode, dev_t device) {
-		return [=](const Arguments &, const char *path) { return error_name_of(mknod(path, mode, device)); };
-	};
-	on_files("write", [](const Arguments &args, const char *path) {
-		FILE *file = fopen(path, "we");
-		const bool written =
-		    file != nullptr && fwrite(args[1].data(), 1, args[1].size(), file) == args[1].size();
-		return error_name(file != nullptr && fclose(file) == 0 && written ? 0 : errno);
+	for (const auto &command : file_commands)
+		add(command.name, [&command, root](const Arguments &args) {
+			return command.run((root + "/" + args[0]).c_str(), (root + "/" + args[1]).c_str(), args);
+		});
+	add("umask", [](const Arguments &args) {
+		(void) umask(number(args[0]));
+		return "ok";
 	});
-	add("umask", [number](const Arguments &args) { return (void) umask(number(args[0])), "ok"; });
-	on_files("text", [](const Arguments &, const char *path) { return file_text(path); });
-	on_files("stat", [](const Arguments &, const char *path) { return stat_text(path); });
-	on_files("list", [](const Arguments &, const char *path) { return list_text(path); });
-	on_files("remove", [](const Arguments &, const char *path) { return error_name_of(::remove(path)); });
-	on_files("mkdir", [](const Arguments &, const char *path) { return error_name_of(mkdir(path, 0755)); });
-	on_files("fifo", node(S_IFIFO | 0666, 0));
-	on_files("socket", node(S_IFSOCK | 0666, 0));
-	on_files("device", node(S_IFCHR | 0666, makedev(1, 3)));
-	on_files(
-	    "symlink",
-	    [](const Arguments &args, const char *path) { return error_name_of(symlink(args[0].c_str(), path)); }, 1);
-	on_files(
-	    "link",
-	    [root](const Arguments &args, const char *path) {
-		    return error_name_of(link((root + "/" + args[0]).c_str(), path));
-	    },
-	    1);
-	on_files(
-	    "rename",
-	    [root](const Arguments &args, const char *path) {
-		    return error_name_of(rename((root + "/" + args[0]).c_str(), path));
-	    },
-	    1);
-	on_files(
-	    "chmod",
-	    [number](const Arguments &args, const char *path) { return error_name_of(chmod(path, number(args[0]))); },
-	    1);
-	on_files(
-	    "chown",
-	    [number](const Arguments &args, const char *path) {
-		    return error_name_of(chown(path, number(args[0]), number(args[1])));
-	    },
-	    2);
 }
 
 std::string GoldenScript::filled(std::string text) const

@@ -11,8 +11,7 @@
 // of the test of that name. {name} stands for a variable, also in a result.
 //
 // Commands on files, whose paths are below a root: write P TEXT, text P, mkdir P, fifo P, device P, socket P, link OLD NEW,
-// symlink TO P, chmod MODE P, chown UID GID P, rename OLD NEW, remove P, list P, stat P (mode, owner and group),
-// umask MODE.
+// symlink P TO, chmod P MODE, chown P UID GID, rename OLD NEW, remove P, list P, stat P (mode, owner and group); and umask MODE.
 class GoldenScript {
 public:
 	using Arguments = std::vector<std::string>;
