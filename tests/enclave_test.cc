@@ -164,6 +164,7 @@ protected:
 			const int result = enclave_get_state(args[0].c_str(), &state);
 			return result == 0 ? enclave_state_name(state) : error_name_of(result);
 		});
+		script.add("no_prefix", [](auto &) { return error_name_of(unsetenv("MERIDON_ROOT")); });
 		script.add("hold", [](auto &args) { return error_name_of(_enclave_hold(std::stoi(args[0]), 0)); });
 		script.add("open", [](auto &args) { return text_at(_enclave_open(args[0].c_str())); });
 		script.add("open_in",
@@ -175,52 +176,10 @@ protected:
 };
 using Registry = EnclaveTest;
 using OwnEnclave = EnclaveTest;
-using EnclaveScript = EnclaveTest;
 
 } // namespace
 
-TEST_F(Registry, ARecordComesBackAsItWasWritten)
-{
-	play();
-}
-
-TEST_F(Registry, IdsAndNamesAreTakenOnce)
-{
-	play();
-}
-
-TEST_F(Registry, NothingIsWrittenThatWouldNotReadBack)
-{
-	play();
-}
-
-TEST_F(Registry, ABadRecordIsListedAsSuchAndCanBeReplacedOrRemoved)
-{
-	play();
-}
-
-TEST_F(OwnEnclave, IsWhatTheMarkSaysAndNeverTheGlobalOneByAMistake)
-{
-	play();
-}
-
-TEST_F(EnclaveScript, NameStateAndRootAreGiven)
-{
-	play();
-	char text[PATH_MAX];
-	unsetenv("MERIDON_ROOT");
-	EXPECT_EQ(given_text(enclave_getattr(0, ENCLAVE_ATTR_ROOT, text, sizeof(text)), text), "/");
-}
-
-TEST_F(EnclaveScript, FailuresAreNeverThoseOfAMissingFile)
-{
-	play();
-}
-
-TEST_F(EnclaveScript, AnEnclavesPathIsOpenedInsideItsRootOrNowhereWithoutWaiting)
-{
-	play();
-}
+static const bool registered = register_parts<EnclaveTest>("enclaves.txt");
 
 TEST_F(Registry, AFailedOrKilledUpdateLeavesTheOldRecordOrTheNewOneAndNoOther)
 {

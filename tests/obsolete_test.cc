@@ -127,20 +127,7 @@ protected:
 
 } // namespace
 
-TEST_F(Obsolete, WhatMatchesGetsItsNewNameAndNothingElse)
-{
-	play();
-}
-
-TEST_F(Obsolete, MissingDirectoryIsSilentAndOthersAreNot)
-{
-	play();
-}
-
-TEST_F(Obsolete, FailedEntryIsLoggedAndTheOthersGoOn)
-{
-	play();
-}
+static const bool registered = register_parts<Obsolete>("obsolete.txt");
 
 // Paths of 1023 bytes fit, the new one included.
 TEST_F(Obsolete, PathThatIsTooLongIsLoggedAndSkipped)

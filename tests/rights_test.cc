@@ -64,15 +64,7 @@ protected:
 	const uid_t uid_ = daemon_ == nullptr ? 0 : daemon_->pw_uid;
 };
 
-TEST_F(RightsCheck, UserAndGroupLinesCountForTheUserOfTheCredentialAndRootNeedsNone)
-{
-	play();
-}
-
-TEST_F(RightsCheck, ANameThatIsNotTheCredentialsHoldsNothing)
-{
-	play();
-}
+static const bool registered = register_parts<RightsCheck>("rights_checks.txt");
 
 TEST_F(RightsCheck, UnclearQuestionsAreANo)
 {

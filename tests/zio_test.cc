@@ -130,8 +130,6 @@ protected:
 		EXPECT_FALSE(has_zombie());
 	}
 };
-using ZioPlanted = ZioScript;
-using ZioEnter = ZioScript;
 
 class ZioCallback : public Zio {
 protected:
@@ -159,30 +157,7 @@ protected:
 
 } // namespace
 
-TEST_F(ZioScript, ANewFileGetsItsModeWhateverTheUmaskAndItsOwnerAndAnOldOneKeepsThem)
-{
-	play();
-}
-
-TEST_F(ZioScript, WhatFailsInsideArrivesAsItsErrorNumber)
-{
-	play();
-}
-
-TEST_F(ZioPlanted, OnlyRegularFilesOfTheEnclaveAreOpenedAndUpdatesFollowNoLink)
-{
-	play();
-}
-
-TEST_F(ZioEnter, AnEnclaveThatIsNotUpIsNeverAMissingFile)
-{
-	play();
-}
-
-TEST_F(ZioEnter, ARecordThatOthersCouldHaveWrittenIsNotFollowed)
-{
-	play();
-}
+static const bool registered = register_parts<ZioScript>("zio.txt");
 
 TEST_F(Zio, AStreamModeDecidesTheFlags)
 {

@@ -100,6 +100,17 @@ GoldenScript::GoldenScript(const std::string &root)
 	});
 }
 
+std::vector<std::string> golden_parts(const std::string &file)
+{
+	std::vector<std::string> parts;
+	for (const GoldenRow &row : golden_rows(file))
+		if (row.line[0] == '[' && row.line.find('.') != std::string::npos)
+			parts.push_back(row.line.substr(1, row.line.size() - 2));
+	if (parts.empty())
+		abort(); // tests that aren't there fail nowhere
+	return parts;
+}
+
 std::string GoldenScript::filled(std::string text) const
 {
 	for (const auto &[name, value] : variables_)
@@ -110,12 +121,13 @@ std::string GoldenScript::filled(std::string text) const
 
 void GoldenScript::play(const std::string &file)
 {
-	const std::string own = std::string("[") + testing::UnitTest::GetInstance()->current_test_info()->name() + "]";
+	const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
+	const std::string name = test->name(), own = std::string(test->test_suite_name()) + "." + name;
 	bool is_own = false;
 	int steps = 0;
 	for (const GoldenRow &row : golden_rows(file)) {
 		if (row.line[0] == '[')
-			is_own = row.line == own;
+			is_own = row.line == "[" + own + "]" || row.line == "[" + name + "]";
 		if (!is_own || row.line[0] == '[')
 			continue;
 		SCOPED_TRACE(file + ": " + row.line);
@@ -132,5 +144,5 @@ void GoldenScript::play(const std::string &file)
 		EXPECT_EQ(commands_.at(row[0])(args), expected);
 		steps++;
 	}
-	EXPECT_GT(steps, 0) << "no part " << own << " in " << file;
+	EXPECT_GT(steps, 0) << "no part of " << own << " in " << file;
 }

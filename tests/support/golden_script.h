@@ -7,8 +7,10 @@
 #include <string>
 #include <vector>
 
-// Rows as golden_rows() reads them: a command, its arguments, and "= result" if that isn't "ok". A row "[name]" begins the part
-// of the test of that name. {name} stands for a variable, also in a result.
+#include <gtest/gtest.h>
+
+// Rows as golden_rows() reads them: a command, its arguments, and "= result" if that isn't "ok". A row "[Suite.Name]" begins
+// the part of that test, which register_parts() makes; "[Name]" that of a test which does more than to play it. {name} stands for a variable, also in a result.
 //
 // Commands on files, whose paths are below a root: write P TEXT, text P, mkdir P, fifo P, device P, socket P, link OLD NEW,
 // symlink P TO, chmod P MODE, chown P UID GID, rename OLD NEW, remove P, list P, stat P (mode, owner and group); and umask MODE.
@@ -30,6 +32,24 @@ private:
 	std::map<std::string, Command> commands_;
 	std::map<std::string, std::string> variables_;
 };
+
+// The tests of a file, as "Suite.Name".
+std::vector<std::string> golden_parts(const std::string &file);
+
+// Makes the tests of a file, whose fixture plays their parts by play().
+template <typename Fixture>
+bool register_parts(const std::string &file)
+{
+	class Part : public Fixture {
+		void TestBody() override { this->play(); }
+	};
+	for (const std::string &part : golden_parts(file)) {
+		const size_t dot = part.find('.');
+		testing::RegisterTest(part.substr(0, dot).c_str(), part.substr(dot + 1).c_str(), nullptr, nullptr,
+		    file.c_str(), 0, []() -> Fixture * { return new Part; });
+	}
+	return true;
+}
 
 // "ok", or the name of an error number.
 std::string error_name(int error);
