@@ -27,6 +27,7 @@
 #include "alloc_fault.h"
 #include "base/guards.h"
 #include "child.h"
+#include "golden_script.h"
 #include "libostrel_log.h"
 #include "libostrel_trace.h"
 #include "scratch.h"
@@ -64,11 +65,50 @@ protected:
 	void make_device_file() const { (void) root_.write("dev/msglog", ""); }
 	std::string on_device() const { return file_text(device()); }
 
-	static std::string on_stderr(const std::function<void()> &what)
+	// Whether there is a stream of the device, and another one than at the last look.
+	static std::string look_at_device(FILE *&last, int &descriptor)
 	{
-		testing::internal::CaptureStderr();
-		what();
-		return testing::internal::GetCapturedStderr();
+		const FILE *before = std::exchange(last, ostrel_msglog_fp);
+		const int closed = std::exchange(descriptor, ostrel_msglog_fd);
+		if (last == nullptr) {
+			EXPECT_EQ(descriptor, -1);
+			EXPECT_EQ(fcntl(closed, F_GETFD), -1);
+			return "none";
+		}
+		EXPECT_EQ(fileno(last), descriptor);
+		EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+		return last == before ? "same" : "new";
+	}
+	void play()
+	{
+		FILE *last = nullptr;
+		int descriptor = -1;
+		GoldenScript script(root_.directory());
+		script.set("program", program());
+		script.set("1023 bytes", std::string(1023, 'x'));
+		script.add("env", [](auto &args) { return error_name_of(setenv("OSTREL_LOG", args[0].c_str(), 1)); });
+		script.add("no_env", [](auto &) { return error_name_of(unsetenv("OSTREL_LOG")); });
+		script.add("type", [](auto &) { return ostrel_log_type == nullptr ? "none" : "some"; });
+		script.add("open", [](auto &args) {
+			ostrel_log_open(args[0].empty() ? nullptr : args[0].c_str());
+			return "ok";
+		});
+		script.add("close", [](auto &) {
+			ostrel_log_close();
+			return "ok";
+		});
+		script.add("device", [&](auto &) { return look_at_device(last, descriptor); });
+		script.add("log", [](auto &args) {
+			testing::internal::CaptureStderr();
+			ostrel_log(std::stoi(args[0]), "%s and %d", args[1].c_str(), 7);
+			return testing::internal::GetCapturedStderr();
+		});
+		script.add("plain", [](auto &args) {
+			testing::internal::CaptureStderr();
+			ostrel_log_fmt(std::stoi(args[0]), args[1].c_str());
+			return testing::internal::GetCapturedStderr();
+		});
+		script.play("log.txt");
 	}
 
 	Scratch root_;
@@ -76,68 +116,7 @@ protected:
 
 } // namespace
 
-TEST_F(Log, DropsMessagesUntilTheEnvironmentNamesAType)
-{
-	EXPECT_EQ(on_stderr([] { ostrel_log(3, "nobody"); }), "");
-	EXPECT_EQ(ostrel_log_type, nullptr);
-	for (const char *unknown : {"", "STDERR", "stderr ", "console"}) {
-		setenv("OSTREL_LOG", unknown, 1);
-		EXPECT_EQ(on_stderr([] { ostrel_log(3, "nobody"); }), "") << unknown;
-	}
-	setenv("OSTREL_LOG", "stderr", 1);
-	EXPECT_EQ(on_stderr([] { ostrel_log(3, "%s and %d", "text", 7); }), line_of("text and 7"));
-	setenv("OSTREL_LOG", "console", 1);
-	EXPECT_EQ(on_stderr([] { ostrel_log_fmt(7, "100% still"); }), program() + ": 7: 100% still\n");
-	const std::string text(2000, 'x');
-	EXPECT_EQ(on_stderr([&] { ostrel_log(3, "%s", text.c_str()); }), line_of(text.substr(0, 1023)));
-}
-
-// After a close, or an unknown name, the next message chooses again, and the same name opens the device again.
-TEST_F(Log, OpensTheSameTypeOnceAndWritesNothingToWhatWasClosed)
-{
-	for (const char *next : {"console", static_cast<const char *>(nullptr)}) {
-		SCOPED_TRACE(next == nullptr ? "close" : next);
-		make_device_file();
-		ostrel_log_open("msglog");
-		FILE *stream = ostrel_msglog_fp;
-		const int fd = ostrel_msglog_fd;
-		ASSERT_NE(stream, nullptr);
-		EXPECT_EQ(fileno(stream), fd);
-		EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-		for (const char *same : {"msglog", static_cast<const char *>(nullptr)}) {
-			ostrel_log_open(same);
-			EXPECT_EQ(ostrel_msglog_fp, stream);
-		}
-		if (next == nullptr)
-			ostrel_log_close();
-		else
-			ostrel_log_open(next);
-		EXPECT_EQ(ostrel_msglog_fp, nullptr);
-		EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-		ostrel_log(3, "dropped");
-		setenv("OSTREL_LOG", "stderr", 1);
-		EXPECT_EQ(on_stderr([] { ostrel_log(3, "elsewhere"); }), line_of("elsewhere"));
-		unsetenv("OSTREL_LOG");
-		ostrel_log_open("msglog");
-		ostrel_log(3, "again");
-		EXPECT_EQ(on_device(), line_of("again"));
-		ostrel_log_open("syslog");
-		EXPECT_EQ(ostrel_msglog_fp, nullptr) << "another type's now";
-	}
-}
-
-TEST_F(Log, MissingDeviceLosesOnlyTheDevicesHalf)
-{
-	ostrel_log_open("msglog");
-	EXPECT_EQ(ostrel_msglog_fp, nullptr);
-	EXPECT_EQ(ostrel_msglog_fd, -1);
-	ostrel_log(3, "to syslog only");
-	make_device_file();
-	ostrel_log_close();
-	ostrel_log_open("msglog");
-	ostrel_log(3, "to both");
-	EXPECT_EQ(on_device(), line_of("to both"));
-}
+static const bool registered = register_parts<Log>("log.txt");
 
 // Where memory runs out the device's half is lost, and nothing else: no descriptor, no memory, no later message.
 TEST_F(Log, GivesBackAllItTookWhereAllocationsFail)
@@ -378,7 +357,8 @@ TEST_F(Log, ThreadsThatLogFirstAtTheSameMomentOpenOneDevice)
 	make_device_file();
 	setenv("OSTREL_LOG", "msglog", 1);
 	constexpr int count = 8;
-	const int before = open_descriptors();
+	const int lowest = dup(0);
+	(void) close(lowest);
 	std::atomic<int> ready = 0;
 	std::vector<std::thread> threads;
 	for (int i = 0; i < count; i++)
@@ -393,7 +373,7 @@ TEST_F(Log, ThreadsThatLogFirstAtTheSameMomentOpenOneDevice)
 		thread.join();
 		expected += line_of("first");
 	}
-	EXPECT_EQ(open_descriptors(), before + 1) << "opened once";
+	EXPECT_EQ(ostrel_msglog_fd, lowest) << "opened once";
 	EXPECT_EQ(on_device(), expected);
 }
 
