@@ -264,22 +264,20 @@ TEST(AttrListTime, ManyPairsStayFast)
 	constexpr int count = 100000;
 	AttrList list = make_list(), merged = make_list(), copy;
 	std::vector<std::string> names;
-	for (int i = 0; i < count; i++)
+	for (int i = 0; i < count; i++) {
 		names.push_back("name" + std::to_string(i * 7919LL % count));
-	for (const std::string &name : names)
-		ASSERT_EQ(attrlist_add_int32(list.get(), name.c_str(), 1), 0);
-	for (const std::string &name : names)
-		ASSERT_NE(attrlist_exists(list.get(), name.c_str()), 0);
-	ASSERT_EQ(attrlist_merge(merged.get(), list.get(), ATL_UNIQUE_NAME_TYPE), 0);
-	ASSERT_EQ(attrlist_merge(merged.get(), list.get(), ATL_UNIQUE_NAME_TYPE), 0);
-	Heap<char> bytes;
-	size_t size = 0;
-	ASSERT_EQ(attrlist_pack(merged.get(), bytes.out(), &size, ATL_ENCODE_XDR, 0), 0);
-	ASSERT_EQ(attrlist_unpack(bytes.get(), size, copy.out(), 0), 0);
-	int walked = 0;
-	for (attrpair_t *pair = nullptr; (pair = attrlist_next_attrpair(copy.get(), pair)) != nullptr; walked++)
-		ASSERT_EQ(names[static_cast<size_t>(walked)], attrpair_name(pair));
-	EXPECT_EQ(walked, count);
+		ASSERT_EQ(attrlist_add_int32(list.get(), names.back().c_str(), 1), 0);
+	}
+	for (int round = 0; round < 2; round++)
+		ASSERT_EQ(attrlist_merge(merged.get(), list.get(), ATL_UNIQUE_NAME_TYPE), 0);
+	ASSERT_EQ(attrlist_dup(merged.get(), copy.out(), 0), 0);
+	attrpair_t *pair = nullptr;
+	for (const std::string &name : names) {
+		ASSERT_NE(attrlist_exists(copy.get(), name.c_str()), 0);
+		pair = attrlist_next_attrpair(copy.get(), pair);
+		ASSERT_EQ(name, attrpair_name(pair));
+	}
+	EXPECT_EQ(attrlist_next_attrpair(copy.get(), pair), nullptr);
 	// From the front, from the back, and in between.
 	for (int i = 0; i < count / 2; i++)
 		ASSERT_EQ(
