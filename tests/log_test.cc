@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <initializer_list>
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
@@ -437,6 +438,19 @@ TEST_F(Log, IsFreeInAForkedChildAndInHandlersOfTheFork)
 	EXPECT_EQ(ended_well, 100);
 }
 
+// A child that logs to the last of these outputs, and ends.
+static pid_t fork_logger(std::initializer_list<const char *> outputs)
+{
+	const pid_t child = fork(); // in_child() would flush the stream that a writer waits in
+	if (child != 0)
+		return child;
+	alarm(60);
+	for (const char *output : outputs)
+		ostrel_log_open(output);
+	ostrel_log(3, "child");
+	_exit(0);
+}
+
 TEST_F(Log, AFullPipeHoldsUpNobodyButItsWriters)
 {
 	make_device_file();
@@ -451,13 +465,7 @@ TEST_F(Log, AFullPipeHoldsUpNobodyButItsWriters)
 	{
 		Writers writers(1, std::string(1000, 'x'));
 		writers.fill(STDERR_FILENO);
-		pid_t child = fork(); // in_child() would flush the stream that the writer waits in
-		if (child == 0) {
-			alarm(60);
-			ostrel_log_open("msglog");
-			ostrel_log(3, "child");
-			_exit(0);
-		}
+		const pid_t child = fork_logger({"msglog"});
 		int status = -1;
 		EXPECT_EQ(waitpid(child, &status, 0), child);
 		EXPECT_EQ(status, 0);
@@ -489,17 +497,11 @@ TEST_F(Log, AChildOfAProcessThatWaitsInSyslogLogs)
 		ostrel_log_open("syslog");
 		Writers writers(1, std::string(1000, 'x'));
 		writers.fill(output);
-		if (fork() == 0) {
-			alarm(60);
-			ostrel_log_open("stderr");
-			ostrel_log_open("syslog");
-			ostrel_log_fmt(LOG_ERR, "the child's");
-			_exit(0);
-		}
+		(void) fork_logger({"stderr", "syslog"});
 		char text[4096];
 		for (ssize_t length; (length = recv(log, text, sizeof(text) - 1, 0)) > 0;) {
 			text[length] = '\0';
-			if (strstr(text, "the child's") != nullptr)
+			if (strstr(text, "child") != nullptr)
 				_exit(0); // the writer waits
 		}
 		_exit(2);
