@@ -122,6 +122,7 @@ protected:
 		script.set("longest name", std::string(ENCLAVE_NAME_MAX, 'a'));
 		script.set("longest root", "/" + std::string(ENCLAVE_ROOT_MAX - 1, 'r'));
 		script.set("longer root", "/" + std::string(ENCLAVE_ROOT_MAX, 'r'));
+		script.set("longest prefix", std::string(PATH_MAX - strlen("/run/enclave") - 1, 'x'));
 		auto put = [](int (*call)(const enclave_info_t *)) {
 			return [call](const GoldenScript::Arguments &args) {
 				enclave_info_t info = record(std::stoi(args[0]), args[1], args[2]);
@@ -163,6 +164,13 @@ protected:
 			enclave_state_t state = ENCLAVE_STATE_INVALID;
 			const int result = enclave_get_state(args[0].c_str(), &state);
 			return result == 0 ? enclave_state_name(state) : error_name_of(result);
+		});
+		script.add(
+		    "prefix", [](auto &args) { return error_name_of(setenv("MERIDON_ROOT", args[0].c_str(), 1)); });
+		script.add("path", [](auto &args) {
+			char path[PATH_MAX];
+			const int error = meridon_path(args[0].c_str(), path);
+			return error == 0 ? path : error_name(error);
 		});
 		script.add("no_prefix", [](auto &) { return error_name_of(unsetenv("MERIDON_ROOT")); });
 		script.add("hold", [](auto &args) { return error_name_of(_enclave_hold(std::stoi(args[0]), 0)); });
@@ -289,22 +297,6 @@ TEST_F(OwnEnclave, IsAnotherOneAfterEntering)
 		return 0;
 	}),
 	    0);
-}
-
-TEST(Prefix, IsPutBeforeFixedPathsUnlessItIsTooLong)
-{
-	char path[PATH_MAX];
-	setenv("MERIDON_ROOT", "/some/where", 1);
-	EXPECT_EQ(meridon_path("run/enclave", path), 0);
-	EXPECT_STREQ(path, "/some/where/run/enclave");
-	setenv("MERIDON_ROOT", std::string(PATH_MAX - 13, 'x').c_str(), 1);
-	EXPECT_EQ(meridon_path("run/enclave", path), 0);
-	EXPECT_EQ(strlen(path), PATH_MAX - 1U);
-	setenv("MERIDON_ROOT", std::string(PATH_MAX - 12, 'x').c_str(), 1);
-	EXPECT_EQ(meridon_path("run/enclave", path), ENAMETOOLONG);
-	unsetenv("MERIDON_ROOT");
-	EXPECT_EQ(meridon_path("run/enclave", path), 0);
-	EXPECT_STREQ(path, "/run/enclave");
 }
 
 // A program with another user's rights doesn't let its caller choose where the registry is.

@@ -144,50 +144,33 @@ TEST_F(Log, GivesBackAllItTookWhereAllocationsFail)
 
 // ---- Records of the message device ----
 
-namespace {
-
-// Reads what is written to the device as records: a pipe in packet mode keeps the bounds of each write.
-class RecordReader {
-public:
-	explicit RecordReader(const std::string &path)
-	{
-		EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
-		in_ = Fd(open(path.c_str(), O_RDONLY | O_NONBLOCK));
-		EXPECT_TRUE(in_);
-		ostrel_log_open("msglog");
-		EXPECT_EQ(fcntl(ostrel_msglog_fd, F_SETFL, O_DIRECT | O_APPEND), 0);
-	}
-	std::string next()
-	{
-		char record[4096];
-		ssize_t length = read(in_.get(), record, sizeof(record));
-		return length < 0 ? "nothing there" : std::string(record, static_cast<size_t>(length));
-	}
-
-private:
-	Fd in_;
-};
-
-} // namespace
-
 TEST_F(Log, MakesOneRecordOfAMessageAndShortensTheProgramsNameBeforeTheText)
 {
-	RecordReader records(device());
+	ASSERT_EQ(mkfifo(device().c_str(), 0600), 0);
+	Fd in(open(device().c_str(), O_RDONLY | O_NONBLOCK));
+	ostrel_log_open("msglog");
+	// A pipe in packet mode keeps the bounds of each write.
+	ASSERT_EQ(fcntl(ostrel_msglog_fd, F_SETFL, O_DIRECT | O_APPEND), 0);
+	auto next = [&in] {
+		char record[4096];
+		ssize_t length = read(in.get(), record, sizeof(record));
+		return length < 0 ? "nothing there" : std::string(record, static_cast<size_t>(length));
+	};
 	for (int round = 0; round < 2; round++) { // the first write to a stream takes another way than the later ones
 		ostrel_log(3, "line one\nline two\n\nend");
-		EXPECT_EQ(records.next(), line_of("line one\nline two\n\nend"));
+		EXPECT_EQ(next(), line_of("line one\nline two\n\nend"));
 	}
-	EXPECT_EQ(records.next(), "nothing there");
+	EXPECT_EQ(next(), "nothing there");
 	const std::string fixed = ": 3: \n";
 	std::string text(1023 - fixed.size() - 4, 'x');
 	ostrel_log_fmt(3, text.c_str());
-	EXPECT_EQ(records.next(), program().substr(program().size() - 4) + ": 3: " + text + "\n");
+	EXPECT_EQ(next(), program().substr(program().size() - 4) + ": 3: " + text + "\n");
 	text.resize(1023, 'x');
 	ostrel_log_fmt(3, text.c_str());
-	EXPECT_EQ(records.next(), ": 3: " + text.substr(0, 1017) + "\n");
+	EXPECT_EQ(next(), ": 3: " + text.substr(0, 1017) + "\n");
 	text.resize(5000, 'x');
 	ostrel_log_fmt(-2147483647 - 1, text.c_str());
-	EXPECT_EQ(records.next().size(), 1023u);
+	EXPECT_EQ(next().size(), 1023u);
 }
 
 namespace {
