@@ -1,11 +1,15 @@
-// Long random runs of every changing operation, beside a plain model.
-#include <memory>
+// Long random runs of every changing operation, beside a plain model. Half of the calls run out of memory: such a call
+// changes nothing, and at the end nothing is left.
+#include <algorithm>
+#include <cerrno>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "alloc_fault.h"
 #include "base/guards.h"
 #include "list_text.h"
 
@@ -82,22 +86,53 @@ public:
 	void step()
 	{
 		using Step = void (Journey::*)();
-		static constexpr Step steps[] = {&Journey::add_numbers, &Journey::add_numbers, &Journey::add_numbers,
-		    &Journey::add_texts, &Journey::add_texts, &Journey::add_scalar, &Journey::add_scalar,
-		    &Journey::add_list, &Journey::add_lists, &Journey::add_new_list, &Journey::add_pair,
-		    &Journey::remove, &Journey::remove, &Journey::merge, &Journey::clear, &Journey::replace_by_copy,
-		    &Journey::replace_by_unpacked};
+		static constexpr Step steps[] = {
+		    &Journey::add_array<int32_t, DATA_TYPE_INT32_ARRAY, attrlist_add_int32_array>,
+		    &Journey::add_array<uint32_t, DATA_TYPE_UINT32_ARRAY, attrlist_add_uint32_array>,
+		    &Journey::add_array<int64_t, DATA_TYPE_INT64_ARRAY, attrlist_add_int64_array>,
+		    &Journey::add_array<uint64_t, DATA_TYPE_UINT64_ARRAY, attrlist_add_uint64_array>,
+		    &Journey::add_texts, &Journey::add_texts, &Journey::add_text, &Journey::add_number,
+		    &Journey::add_number, &Journey::add_list, &Journey::add_lists, &Journey::add_new_list,
+		    &Journey::add_pair, &Journey::remove, &Journey::remove, &Journey::merge, &Journey::clear,
+		    &Journey::replace_by_copy, &Journey::replace_by_unpacked};
 		(this->*steps[below(std::size(steps))])();
 		if (size_of(model_) > 200)
 			start_again();
 	}
 
+	// The operations that ran out of memory.
+	const std::set<std::string> &hit() const { return hit_; }
 	std::string list() { return list_text(root_.get()); }
 	std::string model() { return text(model_); }
 
 private:
 	size_t below(size_t limit) { return random_() % limit; }
 	const std::string &any_name() { return names_[below(names_.size())]; }
+
+	// Makes a call that takes memory, of which some may be refused. Says whether it has worked.
+	template <typename Call>
+	bool takes(const char *operation, Call call, int expected = 0)
+	{
+		AllocFault fault(below(2) == 0 ? 1 + static_cast<int>(below(3)) : INT_MAX);
+		const int error = call();
+		fault.stop();
+		const bool ran_out = error == ENOMEM && fault.fired();
+		if (ran_out)
+			hit_.insert(operation);
+		EXPECT_TRUE(error == expected || ran_out) << operation << " gives " << error;
+		return error == 0;
+	}
+
+	// Makes such a call to add a pair to some list.
+	template <typename Call>
+	void add(const char *operation, ModelPair pair, Call call)
+	{
+		Both to = any_list();
+		const int expected = to.level + depth_of({pair}) - 1 > ATTRLIST_DEPTH_MAX ? EINVAL : 0;
+		if (takes(
+			operation, [&] { return call(to.list, pair.name.c_str()); }, expected))
+			put(*to.model, std::move(pair));
+	}
 
 	// The outermost list, or some list in it.
 	Both any_list()
@@ -130,33 +165,19 @@ private:
 		return many[which];
 	}
 
-	template <typename T>
-	void add_array(data_type_t type, int (*call)(attrlist_t *, const char *, const T *, uint_t))
+	template <typename T, data_type_t Type, auto Add>
+	void add_array()
 	{
-		static constexpr size_t counts[] = {0, 1, 1, 1, 2, 3, 3, 40, 40, 600};
-		Both to = any_list();
-		ModelPair pair = {any_name(), type, "", {}};
+		static constexpr uint_t counts[] = {0, 1, 1, 1, 2, 3, 3, 40, 40, 600};
 		std::vector<T> values(counts[below(std::size(counts))]);
+		ModelPair pair = {any_name(), Type, "", {}};
 		for (T &value : values) {
 			value = static_cast<T>(random_() * (uint64_t{random_()} << 20));
 			pair.value.append(&value != values.data() ? "," : "").append(std::to_string(value));
 		}
-		ASSERT_EQ(call(to.list, pair.name.c_str(), values.data(), static_cast<uint_t>(values.size())), 0);
-		put(*to.model, pair);
-	}
-
-	void add_numbers()
-	{
-		switch (below(4)) {
-		case 0:
-			return add_array<int32_t>(DATA_TYPE_INT32_ARRAY, attrlist_add_int32_array);
-		case 1:
-			return add_array<uint32_t>(DATA_TYPE_UINT32_ARRAY, attrlist_add_uint32_array);
-		case 2:
-			return add_array<int64_t>(DATA_TYPE_INT64_ARRAY, attrlist_add_int64_array);
-		default:
-			return add_array<uint64_t>(DATA_TYPE_UINT64_ARRAY, attrlist_add_uint64_array);
-		}
+		const uint_t count = static_cast<uint_t>(values.size());
+		add(__func__, pair,
+		    [&](attrlist_t *list, const char *name) { return Add(list, name, values.data(), count); });
 	}
 
 	std::string any_text()
@@ -167,7 +188,6 @@ private:
 
 	void add_texts()
 	{
-		Both to = any_list();
 		std::vector<std::string> texts(below(4));
 		std::vector<char *> pointers;
 		ModelPair pair = {any_name(), DATA_TYPE_STRING_ARRAY, "", {}};
@@ -176,104 +196,99 @@ private:
 			pair.value.append(&one != texts.data() ? ",'" : "'").append(one).append("'");
 			pointers.push_back(one.data());
 		}
-		uint_t count = static_cast<uint_t>(texts.size());
-		ASSERT_EQ(attrlist_add_string_array(to.list, pair.name.c_str(), pointers.data(), count), 0);
-		put(*to.model, pair);
+		add(__func__, pair, [&pointers](attrlist_t *list, const char *name) {
+			return attrlist_add_string_array(
+			    list, name, pointers.data(), static_cast<uint_t>(pointers.size()));
+		});
 	}
 
-	void add_scalar()
+	void add_text()
 	{
-		Both to = any_list();
-		std::string name = any_name();
-		if (below(2) != 0) {
-			std::string value = any_text();
-			ASSERT_EQ(attrlist_add_string(to.list, name.c_str(), value.c_str()), 0);
-			put(*to.model, {name, DATA_TYPE_STRING, std::string("'").append(value).append("'"), {}});
-			return;
-		}
-		auto number = static_cast<int32_t>(random_());
-		ASSERT_EQ(attrlist_add_int32(to.list, name.c_str(), number), 0);
-		put(*to.model, {name, DATA_TYPE_INT32, std::to_string(number), {}});
+		const std::string value = any_text();
+		add(__func__, {any_name(), DATA_TYPE_STRING, std::string("'").append(value).append("'"), {}},
+		    [&value](
+			attrlist_t *list, const char *name) { return attrlist_add_string(list, name, value.c_str()); });
+	}
+
+	void add_number()
+	{
+		const auto value = static_cast<int32_t>(random_());
+		add(__func__, {any_name(), DATA_TYPE_INT32, std::to_string(value), {}},
+		    [value](attrlist_t *list, const char *name) { return attrlist_add_int32(list, name, value); });
 	}
 
 	// The value may be the list itself, lie in it, or hold it.
 	void add_list()
 	{
 		Both value = any_list();
-		Both to = any_list();
-		std::string name = any_name();
-		Model copy = *value.model;
-		bool deep = to.level + depth_of(copy) > ATTRLIST_DEPTH_MAX;
-		ASSERT_EQ(attrlist_add_attrlist(to.list, name.c_str(), value.list), deep ? EINVAL : 0);
-		if (!deep)
-			put(*to.model, {name, DATA_TYPE_ATTRLIST, "", {std::move(copy)}});
+		add(__func__, {any_name(), DATA_TYPE_ATTRLIST, "", {*value.model}},
+		    [&value](
+			attrlist_t *list, const char *name) { return attrlist_add_attrlist(list, name, value.list); });
 	}
 
 	void add_lists()
 	{
 		std::vector<attrlist_t *> lists;
-		std::vector<Model> copies;
+		ModelPair pair = {any_name(), DATA_TYPE_ATTRLIST_ARRAY, "", {}};
 		for (size_t left = below(3); left > 0; left--) {
 			Both value = any_list();
-			if (value.level + depth_of(*value.model) > 20)
-				continue;
 			lists.push_back(value.list);
-			copies.push_back(*value.model);
+			pair.lists.push_back(*value.model);
 		}
-		Both to = any_list();
-		std::string name = any_name();
-		uint_t count = static_cast<uint_t>(lists.size());
-		if (to.level > 20)
-			return;
-		ASSERT_EQ(attrlist_add_attrlist_array(to.list, name.c_str(), lists.data(), count), 0);
-		put(*to.model, {name, DATA_TYPE_ATTRLIST_ARRAY, "", std::move(copies)});
+		add(__func__, pair, [&lists](attrlist_t *list, const char *name) {
+			return attrlist_add_attrlist_array(list, name, lists.data(), static_cast<uint_t>(lists.size()));
+		});
 	}
 
 	void add_new_list()
 	{
-		Both to = any_list();
-		std::string name = any_name();
 		attrlist_t *made = nullptr;
-		if (to.level == ATTRLIST_DEPTH_MAX)
-			return;
-		ASSERT_EQ(attrlist_add_new_attrlist(to.list, name.c_str(), &made), 0);
-		ASSERT_EQ(attrlist_add_int32(made, "n", 1), 0);
-		put(*to.model, {name, DATA_TYPE_ATTRLIST, "", {{{"n", DATA_TYPE_INT32, "1", {}}}}});
+		add(__func__, {any_name(), DATA_TYPE_ATTRLIST, "", {{}}}, [&made](attrlist_t *list, const char *name) {
+			return attrlist_add_new_attrlist(list, name, &made);
+		});
 	}
 
 	void add_pair()
 	{
 		Both from = any_list();
-		Both to = any_list();
 		if (from.model->empty())
 			return;
-		ModelPair copy = (*from.model)[below(from.model->size())];
+		const ModelPair &copy = (*from.model)[below(from.model->size())];
 		attrpair_t *pair = nullptr;
 		ASSERT_EQ(attrlist_lookup_attrpair(from.list, copy.name.c_str(), &pair), 0);
-		if (to.level + depth_of({copy}) - 1 > ATTRLIST_DEPTH_MAX)
-			return;
-		ASSERT_EQ(attrlist_add_attrpair(to.list, pair), 0);
-		put(*to.model, std::move(copy));
+		add(__func__, copy,
+		    [pair](attrlist_t *list, const char *) { return attrlist_add_attrpair(list, pair); });
 	}
 
+	// By the name, or by name and type. It needs no memory.
 	void remove()
 	{
+		static constexpr data_type_t types[] = {DATA_TYPE_STRING, DATA_TYPE_INT64_ARRAY, DATA_TYPE_ATTRLIST};
 		Both from = any_list();
 		std::string name = any_name();
-		bool there = erase(*from.model, name);
+		const data_type_t type = types[below(std::size(types))];
+		const bool typed = below(2) != 0;
+		auto named = [&](const ModelPair &pair) { return pair.name == name; };
+		const auto found = std::find_if(from.model->begin(), from.model->end(), named);
+		const bool there = found != from.model->end(), goes = there && (!typed || found->type == type);
 		ASSERT_EQ(attrlist_exists(from.list, name.c_str()) != 0, there);
-		ASSERT_EQ(attrlist_remove_all(from.list, name.c_str()), there ? 0 : ENOENT);
+		AllocFault fault(1, AllocFault::After::Fail);
+		const int error = typed ? attrlist_remove(from.list, name.c_str(), type)
+					: attrlist_remove_all(from.list, name.c_str());
+		fault.stop();
+		ASSERT_EQ(error, goes ? 0 : ENOENT);
+		if (goes)
+			from.model->erase(found);
 	}
 
 	void merge()
 	{
 		Both from = any_list();
 		Both to = any_list();
-		if (to.level + depth_of(*from.model) - 1 > ATTRLIST_DEPTH_MAX)
-			return;
 		Model copy = *from.model;
-		ASSERT_EQ(attrlist_merge(to.list, from.list, ATL_UNIQUE_NAME_TYPE), 0);
-		if (from.list == to.list)
+		auto call = [&] { return attrlist_merge(to.list, from.list, ATL_UNIQUE_NAME_TYPE); };
+		const int expected = to.level + depth_of(copy) - 1 > ATTRLIST_DEPTH_MAX ? EINVAL : 0;
+		if (!takes(__func__, call, expected) || from.list == to.list)
 			return;
 		for (ModelPair &pair : copy)
 			put(*to.model, pair);
@@ -291,8 +306,8 @@ private:
 	void replace_by_copy()
 	{
 		AttrList copy;
-		ASSERT_EQ(attrlist_dup(root_.get(), copy.out(), 0), 0);
-		root_ = std::move(copy);
+		if (takes(__func__, [&] { return attrlist_dup(root_.get(), copy.out(), 0); }))
+			root_ = std::move(copy);
 	}
 
 	void replace_by_unpacked()
@@ -300,9 +315,10 @@ private:
 		Heap<char> bytes;
 		size_t size = 0;
 		AttrList copy;
-		ASSERT_EQ(attrlist_pack(root_.get(), bytes.out(), &size, ATL_ENCODE_XDR, 0), 0);
-		ASSERT_EQ(attrlist_unpack(bytes.get(), size, copy.out(), 0), 0);
-		root_ = std::move(copy);
+		auto pack = [&] { return attrlist_pack(root_.get(), bytes.out(), &size, ATL_ENCODE_XDR, 0); };
+		auto unpack = [&] { return attrlist_unpack(bytes.get(), size, copy.out(), 0); };
+		if (takes("pack", pack) && takes("unpack", unpack))
+			root_ = std::move(copy);
 	}
 
 	// Outgrown: goes on with a part of it as the outermost list.
@@ -314,30 +330,34 @@ private:
 		ASSERT_EQ(attrlist_dup(part.list, copy.out(), 0), 0);
 		model_ = std::move(model);
 		root_ = std::move(copy);
-		if (size_of(model_) <= 100)
-			return;
-		ASSERT_EQ(attrlist_clear(root_.get()), 0);
-		model_.clear();
 	}
 
 	std::mt19937 random_;
 	std::vector<std::string> names_;
 	AttrList root_;
 	Model model_;
+	std::set<std::string> hit_;
 };
 
 class AttrListModel : public testing::TestWithParam<uint32_t> {};
 
 TEST_P(AttrListModel, AgreesAllTheWay)
 {
-	Journey journey(GetParam());
-	for (int step = 0; step < 2000; step++) {
-		journey.step();
-		ASSERT_FALSE(HasFatalFailure()) << "step " << step;
-		if (step % 4 == 0) {
+	const HeapUse before = heap_use();
+	{
+		Journey journey(GetParam());
+		for (int step = 0; step < 2000; step++) {
+			journey.step();
+			ASSERT_FALSE(HasFailure()) << "step " << step;
 			ASSERT_EQ(journey.list(), journey.model()) << "step " << step;
 		}
+		const std::set<std::string> all = {"add_array", "add_list", "add_lists", "add_new_list", "add_pair",
+		    "add_number", "add_text", "add_texts", "merge", "replace_by_copy", "pack", "unpack"};
+		if (AllocFault::available()) {
+			EXPECT_EQ(journey.hit(), all);
+		}
 	}
+	EXPECT_EQ(heap_use().blocks, before.blocks) << "something is left";
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, AttrListModel, testing::Range(1U, 9U));

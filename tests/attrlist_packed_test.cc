@@ -17,6 +17,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+const fs::path corpus = fs::path(TEST_SOURCE_DIR) / "fuzz/corpus/attrlist_unpack";
+
 struct Golden {
 	std::string name;
 	std::string bytes;
@@ -26,7 +28,7 @@ struct Golden {
 std::vector<Golden> golden(const char *folder)
 {
 	std::vector<Golden> all;
-	fs::path path = fs::path(TEST_SOURCE_DIR) / "fuzz/corpus/attrlist_unpack" / folder;
+	fs::path path = corpus / folder;
 	for (const auto &entry : fs::directory_iterator(path))
 		all.push_back({entry.path().filename(), file_text(entry.path())});
 	EXPECT_GE(all.size(), 10U) << path;
@@ -49,38 +51,13 @@ int unpack(const std::string &bytes, AttrList &list)
 	return attrlist_unpack(block.data(), block.size(), list.out(), 0);
 }
 
-AttrList make_list()
-{
-	AttrList list;
-	EXPECT_EQ(attrlist_alloc(list.out(), ATL_UNIQUE_NAME, 0), 0);
-	return list;
-}
-
-AttrList make_object()
-{
-	AttrList list = make_list();
-	attrlist_t *ids = nullptr, *props = nullptr;
-	uint32_t mtu = 4711;
-	boolean_t on = B_TRUE;
-	int64_t ctr = 5123456789012;
-	char site[] = "lan,site7", role[] = "role123";
-	char *tags[] = {site, role};
-	EXPECT_EQ(attrlist_add_new_attrlist(list.get(), "object-idlist", &ids), 0);
-	EXPECT_EQ(attrlist_add_string(ids, "linkname", "net123"), 0);
-	EXPECT_EQ(attrlist_add_string(ids, "zone", "z26"), 0);
-	EXPECT_EQ(attrlist_add_new_attrlist(list.get(), "object-props", &props), 0);
-	EXPECT_EQ(attrlist_add_uint32_array(props, "mtu", &mtu, 1), 0);
-	EXPECT_EQ(attrlist_add_boolean_array(props, "on", &on, 1), 0);
-	EXPECT_EQ(attrlist_add_string_array(props, "tags", tags, 2), 0);
-	EXPECT_EQ(attrlist_add_int64_array(props, "ctr", &ctr, 1), 0);
-	return list;
-}
-
 TEST(PackedList, AnObjectHasTheseBytes)
 {
-	std::string file = file_text(fs::path(TEST_SOURCE_DIR) / "fuzz/corpus/attrlist_unpack/accepted/object");
-	AttrList object = make_object(), copy;
-	EXPECT_EQ(pack(object.get()), file);
+	AttrList object, copy;
+	ASSERT_EQ(unpack(file_text(corpus / "accepted/object"), object), 0);
+	EXPECT_EQ(list_text(object.get()),
+	    "object-idlist:19={linkname:9='net123';zone:9='z26';};"
+	    "object-props:19={mtu:14=4711;on:24=1;tags:17='lan,site7','role123';ctr:15=5123456789012;};");
 	SKIP_WITHOUT_ALLOC_FAULTS();
 	const HeapUse before = heap_use();
 	ASSERT_EQ(attrlist_dup(object.get(), copy.out(), 0), 0);
@@ -88,6 +65,7 @@ TEST(PackedList, AnObjectHasTheseBytes)
 	EXPECT_LE(heap_use().bytes - before.bytes, 114 * 37 / 10);
 }
 
+// Each in one block, of exactly the size of a copy's.
 TEST(PackedList, AcceptedFilesComeBackByteForByte)
 {
 	for (const Golden &file : golden("accepted")) {
@@ -97,11 +75,18 @@ TEST(PackedList, AcceptedFilesComeBackByteForByte)
 			std::vector<char> room(shift + file.bytes.size());
 			std::copy(file.bytes.begin(), file.bytes.end(), room.begin() + static_cast<ptrdiff_t>(shift));
 			AttrList list, copy;
+			const HeapUse before = heap_use();
 			ASSERT_EQ(attrlist_unpack(room.data() + shift, file.bytes.size(), list.out(), 0), 0);
+			const HeapUse unpacked = heap_use();
+			ASSERT_EQ(attrlist_dup(list.get(), copy.out(), 0), 0);
+			const HeapUse copied = heap_use();
 			EXPECT_EQ(pack(list.get()), file.bytes);
 			EXPECT_EQ(list_text(list.get()).find("lost"), std::string::npos);
-			ASSERT_EQ(attrlist_dup(list.get(), copy.out(), 0), 0);
 			EXPECT_EQ(pack(copy.get()), file.bytes);
+			EXPECT_EQ(unpacked.bytes - before.bytes, copied.bytes - unpacked.bytes);
+			EXPECT_LE(unpacked.bytes - before.bytes, static_cast<long>(9 * file.bytes.size()));
+			EXPECT_EQ(unpacked.blocks - before.blocks, AllocFault::available() ? 1 : 0);
+			EXPECT_EQ(copied.blocks - unpacked.blocks, AllocFault::available() ? 1 : 0);
 		}
 	}
 }
@@ -157,24 +142,6 @@ TEST(PackedList, ChangedBytesAreRefusedOrReadAsTheyStand)
 	}
 	EXPECT_GT(accepted, 1000);
 	EXPECT_GT(refused, 1000);
-}
-
-TEST(PackedList, TakesOneBlockOfExactlyTheSizeOfACopy)
-{
-	SKIP_WITHOUT_ALLOC_FAULTS();
-	for (const Golden &file : golden("accepted")) {
-		SCOPED_TRACE(file.name);
-		AttrList list, copy;
-		HeapUse before = heap_use();
-		ASSERT_EQ(unpack(file.bytes, list), 0);
-		HeapUse unpacked = heap_use();
-		ASSERT_EQ(attrlist_dup(list.get(), copy.out(), 0), 0);
-		HeapUse copied = heap_use();
-		EXPECT_EQ(unpacked.blocks - before.blocks, 1);
-		EXPECT_EQ(copied.blocks - unpacked.blocks, 1);
-		EXPECT_EQ(unpacked.bytes - before.bytes, copied.bytes - unpacked.bytes);
-		EXPECT_LE(unpacked.bytes - before.bytes, static_cast<long>(9 * file.bytes.size()));
-	}
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -63,21 +64,18 @@ TEST_F(Covenant, ATemplateTakesOnlyWhatIsSupported)
 	EXPECT_EQ(cv_pr_tmpl_set_fatal(tmpl.get(), COVENANT_EV_HWERR), 0);
 	EXPECT_EQ(cv_pr_tmpl_set_fatal(tmpl.get(), COVENANT_EV_HWERR | 1), EINVAL);
 	EXPECT_EQ(cv_pr_tmpl_set_param(tmpl.get(), 8), EINVAL);
-
-	Scratch scratch;
-	Fd file(open(scratch.write("f", std::string(100, 'x')).c_str(), O_RDWR));
-	Fd directory(open("/", O_RDONLY));
-	int ends[2];
-	ASSERT_EQ(pipe(ends), 0);
-	for (int fd : {file.get(), directory.get(), ends[0]}) {
-		EXPECT_EQ(cv_tmpl_set_critical(fd, 0), EINVAL);
-		EXPECT_EQ(cv_tmpl_activate(fd), EINVAL);
-	}
-	EXPECT_EQ(file_text(scratch.path("f")), std::string(100, 'x'));
-	close(ends[0]);
-	close(ends[1]);
 	EXPECT_EQ(cv_tmpl_activate(-1), EBADF);
 	EXPECT_EQ(cv_tmpl_clear(tmpl.get()), EINVAL); // nothing is active
+
+	Scratch scratch;
+	const std::string text(100, 'x'), file = scratch.write("f", text), fifo = scratch.path("fifo");
+	ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+	for (const std::string &path : {file, fifo, std::string("/")}) {
+		Fd other(open(path.c_str(), path == "/" ? O_RDONLY : O_RDWR));
+		EXPECT_EQ(cv_tmpl_set_critical(other.get(), 0), EINVAL) << path;
+		EXPECT_EQ(cv_tmpl_activate(other.get()), EINVAL) << path;
+	}
+	EXPECT_EQ(file_text(file), text);
 }
 
 TEST_F(Covenant, OnlyTheTemplateIsOpenedAndNoFailureReadsAsAMissingFile)
@@ -93,32 +91,37 @@ TEST_F(Covenant, OnlyTheTemplateIsOpenedAndNoFailureReadsAsAMissingFile)
 	EXPECT_EQ(errno, ENFILE);
 }
 
+// The last covenant of this thread, 0 without one.
+static covenant_id_t latest()
+{
+	covenant_id_t id = 0;
+	errno = 0;
+	const int result = covenant_latest(COVENANT_TYPE_PROCESS, &id);
+	EXPECT_EQ(result == 0 ? 0 : ESRCH, errno);
+	return id;
+}
+
 TEST_F(Covenant, OnlyTheForksOfTheActivatingThreadMakeOne)
 {
 	ASSERT_EQ(cv_tmpl_activate(tmpl.get()), 0);
-	std::thread other([] {
+	std::thread([] {
 		EXPECT_FALSE(Child(fork).has_group);
-		covenant_id_t id;
-		EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), -1);
-		EXPECT_EQ(errno, ESRCH);
-	});
-	other.join();
+		EXPECT_EQ(latest(), 0);
+	}).join();
 
 	const Child child(fork);
 	EXPECT_TRUE(child.has_group);
-	covenant_id_t id = 0;
-	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), 0);
+	covenant_id_t id = latest();
 	EXPECT_EQ(id, child.pid);
-
 	EXPECT_EQ(covenant_abandon_id(id + 1), -1);
 	EXPECT_EQ(covenant_abandon_id(id), 0);
-	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), -1);
+	EXPECT_EQ(latest(), 0);
 	EXPECT_EQ(covenant_latest(2, &id), -1);
 	EXPECT_EQ(errno, EINVAL);
 
 	ASSERT_EQ(cv_tmpl_clear(tmpl.get()), 0);
 	EXPECT_FALSE(Child(fork).has_group);
-	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), -1);
+	EXPECT_EQ(latest(), 0);
 }
 
 TEST_F(Covenant, ItsForkHonoursTheTemplateAsItWasWhenActivated)
@@ -127,14 +130,12 @@ TEST_F(Covenant, ItsForkHonoursTheTemplateAsItWasWhenActivated)
 	tmpl.reset(); // a copy is active: nothing is read from what may be another file by now
 	const Child child(covenant_fork);
 	EXPECT_TRUE(child.has_group);
-	covenant_id_t id = 0;
-	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), 0);
-	EXPECT_EQ(id, child.pid);
+	EXPECT_EQ(latest(), child.pid);
 
 	Fd without(covenant_open(COVENANT_PROCESS_TEMPLATE, O_RDWR));
 	ASSERT_EQ(cv_tmpl_activate(without.get()), 0);
 	EXPECT_FALSE(Child(covenant_fork).has_group);
-	EXPECT_EQ(covenant_latest(COVENANT_TYPE_PROCESS, &id), -1);
+	EXPECT_EQ(latest(), 0);
 	EXPECT_EQ(cv_tmpl_clear(without.get()), 0);
 }
 
@@ -168,8 +169,7 @@ TEST_F(Covenant, ItsForkIsInvisibleToOthersAndKeepsTheSignalMask)
 
 TEST_F(Covenant, WhatKillsTheParentsGroupDoesNotReachTheChild)
 {
-	pid_t parent = fork(); // a group to kill that isn't the test's own
-	if (parent == 0) {
+	EXPECT_EQ(in_child([&] { // a group to kill that isn't the test's own
 		setpgid(0, 0);
 		signal(SIGTERM, SIG_IGN);
 		(void) cv_tmpl_activate(tmpl.get());
@@ -180,7 +180,7 @@ TEST_F(Covenant, WhatKillsTheParentsGroupDoesNotReachTheChild)
 			_exit(3);
 		}
 		kill(0, SIGTERM);
-		_exit(status_of(child, __WALL));
-	}
-	EXPECT_EQ(status_of(parent, 0), 3);
+		return status_of(child, __WALL);
+	}),
+	    3);
 }

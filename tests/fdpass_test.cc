@@ -65,19 +65,15 @@ TEST_F(Fdpass, AFullTableOfDescriptorsIsSeen)
 {
 	Fd file = open_file("x");
 	ASSERT_EQ(fdpass_send(sender.get(), file.get()), 0);
-	rlimit before, few;
-	ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-	few = before;
-	few.rlim_cur = 3; // no new one below this
-	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-	int fd = -2;
-	int error = fdpass_receive(receiver.get(), &fd);
-	int ends[2];
-	int pair_error = fdpass_pair(ends);
-	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
-	EXPECT_EQ(error, EMFILE);
-	EXPECT_EQ(pair_error, EMFILE);
-	EXPECT_EQ(fd, -2);
+	EXPECT_EQ(in_child([&] {
+		const rlimit few = {3, 3}; // no new one below this
+		int fd = -2, ends[2];
+		return setrlimit(RLIMIT_NOFILE, &few) == 0 && fdpass_receive(receiver.get(), &fd) == EMFILE &&
+			       fd == -2 && fdpass_pair(ends) == EMFILE
+			   ? 0
+			   : 1;
+	}),
+	    0);
 }
 
 TEST_F(Fdpass, AFullPairAndAClosedEndDoNotHangOrKillTheSender)

@@ -1,10 +1,12 @@
 // The log: which output a message takes, in which form, and what happens between two outputs and between two threads.
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <initializer_list>
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
@@ -22,11 +24,11 @@
 #include <gtest/gtest.h>
 
 #include <meridon/msglog.h>
-#include <meridon/progpath.h>
 
 #include "alloc_fault.h"
 #include "base/guards.h"
 #include "child.h"
+#include "golden_script.h"
 #include "libostrel_log.h"
 #include "libostrel_trace.h"
 #include "scratch.h"
@@ -35,7 +37,13 @@ namespace {
 
 std::string program()
 {
-	return getprogpath();
+	return link_text("/proc/self/exe");
+}
+
+// A message of priority 3 as stderr and the device have it.
+std::string line_of(const std::string &text)
+{
+	return program() + ": 3: " + text + "\n";
 }
 
 // Starts each test with nothing chosen, and a directory of its own as the root of the message device.
@@ -56,12 +64,52 @@ protected:
 	}
 	std::string device() const { return root_.path("dev/msglog"); }
 	void make_device_file() const { (void) root_.write("dev/msglog", ""); }
+	std::string on_device() const { return file_text(device()); }
 
-	static std::string on_stderr(const std::function<void()> &what)
+	// Whether there is a stream of the device, and another one than at the last look.
+	static std::string look_at_device(FILE *&last, int &descriptor)
 	{
-		testing::internal::CaptureStderr();
-		what();
-		return testing::internal::GetCapturedStderr();
+		const FILE *before = std::exchange(last, ostrel_msglog_fp);
+		const int closed = std::exchange(descriptor, ostrel_msglog_fd);
+		if (last == nullptr) {
+			EXPECT_EQ(descriptor, -1);
+			EXPECT_EQ(fcntl(closed, F_GETFD), -1);
+			return "none";
+		}
+		EXPECT_EQ(fileno(last), descriptor);
+		EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+		return last == before ? "same" : "new";
+	}
+	void play()
+	{
+		FILE *last = nullptr;
+		int descriptor = -1;
+		GoldenScript script(root_.directory());
+		script.set("program", program());
+		script.set("1023 bytes", std::string(1023, 'x'));
+		script.add("env", [](auto &args) { return error_name_of(setenv("OSTREL_LOG", args[0].c_str(), 1)); });
+		script.add("no_env", [](auto &) { return error_name_of(unsetenv("OSTREL_LOG")); });
+		script.add("type", [](auto &) { return ostrel_log_type == nullptr ? "none" : "some"; });
+		script.add("open", [](auto &args) {
+			ostrel_log_open(args[0].empty() ? nullptr : args[0].c_str());
+			return "ok";
+		});
+		script.add("close", [](auto &) {
+			ostrel_log_close();
+			return "ok";
+		});
+		script.add("device", [&](auto &) { return look_at_device(last, descriptor); });
+		script.add("log", [](auto &args) {
+			testing::internal::CaptureStderr();
+			ostrel_log(std::stoi(args[0]), "%s and %d", args[1].c_str(), 7);
+			return testing::internal::GetCapturedStderr();
+		});
+		script.add("plain", [](auto &args) {
+			testing::internal::CaptureStderr();
+			ostrel_log_fmt(std::stoi(args[0]), args[1].c_str());
+			return testing::internal::GetCapturedStderr();
+		});
+		script.play("log.txt");
 	}
 
 	Scratch root_;
@@ -69,164 +117,60 @@ protected:
 
 } // namespace
 
-TEST_F(Log, DropsMessagesUntilTheEnvironmentNamesAType)
-{
-	EXPECT_EQ(on_stderr([] { ostrel_log(3, "nobody"); }), "");
-	EXPECT_EQ(ostrel_log_type, nullptr);
-	for (const char *unknown : {"", "STDERR", "stderr ", "console"}) {
-		setenv("OSTREL_LOG", unknown, 1);
-		EXPECT_EQ(on_stderr([] { ostrel_log(3, "nobody"); }), "") << unknown;
-	}
-	setenv("OSTREL_LOG", "stderr", 1);
-	EXPECT_EQ(on_stderr([] { ostrel_log(3, "%s and %d", "text", 7); }), program() + ": 3: text and 7\n");
-	setenv("OSTREL_LOG", "console", 1);
-	EXPECT_EQ(on_stderr([] { ostrel_log_fmt(7, "100% still"); }), program() + ": 7: 100% still\n");
-}
-
-TEST_F(Log, CutsAMessageAt1023Bytes)
-{
-	ostrel_log_open("stderr");
-	std::string text(2000, 'x');
-	EXPECT_EQ(
-	    on_stderr([&] { ostrel_log(3, "%s", text.c_str()); }), program() + ": 3: " + text.substr(0, 1023) + "\n");
-}
-
-TEST_F(Log, OpensTheSameTypeOnceAndClosesItForAnother)
-{
-	make_device_file();
-	ostrel_log_open("msglog");
-	FILE *stream = ostrel_msglog_fp;
-	int fd = ostrel_msglog_fd;
-	ASSERT_NE(stream, nullptr);
-	EXPECT_EQ(fileno(stream), fd);
-	EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-	ostrel_log_open("msglog");
-	EXPECT_EQ(ostrel_msglog_fp, stream);
-	ostrel_log_open(nullptr);
-	EXPECT_EQ(ostrel_msglog_fp, stream);
-	ostrel_log_open("syslog");
-	EXPECT_EQ(ostrel_msglog_fp, nullptr);
-	EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-}
-
-// After either, the next message chooses again, and the same name opens the device again.
-TEST_F(Log, WritesNothingToWhatWasClosed)
-{
-	make_device_file();
-	auto close_it = [] { ostrel_log_close(); };
-	auto name_nothing = [] { ostrel_log_open("console"); };
-	for (const std::function<void()> &close :
-	    {std::function<void()>(close_it), std::function<void()>(name_nothing)}) {
-		ASSERT_EQ(truncate(device().c_str(), 0), 0);
-		ostrel_log_open("msglog");
-		close();
-		ostrel_log(3, "dropped");
-		setenv("OSTREL_LOG", "stderr", 1);
-		EXPECT_EQ(on_stderr([] { ostrel_log(3, "elsewhere"); }), program() + ": 3: elsewhere\n");
-		ostrel_log_open("msglog");
-		ostrel_log(3, "again");
-		EXPECT_EQ(file_text(device()), program() + ": 3: again\n");
-		unsetenv("OSTREL_LOG");
-		ostrel_log_close();
-	}
-}
-
-TEST_F(Log, MissingDeviceLosesOnlyTheDevicesHalf)
-{
-	ostrel_log_open("msglog");
-	EXPECT_EQ(ostrel_msglog_fp, nullptr);
-	EXPECT_EQ(ostrel_msglog_fd, -1);
-	ostrel_log(3, "to syslog only");
-	make_device_file();
-	ostrel_log_close();
-	ostrel_log_open("msglog");
-	ostrel_log(3, "to both");
-	EXPECT_EQ(file_text(device()), program() + ": 3: to both\n");
-}
+static const bool registered = register_parts<Log>("log.txt");
 
 // Where memory runs out the device's half is lost, and nothing else: no descriptor, no memory, no later message.
 TEST_F(Log, GivesBackAllItTookWhereAllocationsFail)
 {
 	SKIP_WITHOUT_ALLOC_FAULTS();
 	make_device_file();
-	ostrel_log_fmt(3, "what the C library keeps for good is made by now");
-	ostrel_log_open("msglog");
-	ostrel_log_fmt(3, "first");
-	ostrel_log_close();
-	int free_fd = dup(0);
-	(void) close(free_fd);
+	auto log = [](int) {
+		ostrel_log_open("msglog");
+		ostrel_log(3, "%s", "message");
+		ostrel_log_close();
+		return 0;
+	};
+	log(0); // makes what the C library keeps for good
+	const int descriptors = open_descriptors();
 	int lost = 0;
-	sweep_allocations([] { return 0; },
-	    [](int) {
-		    ostrel_log_open("msglog");
-		    ostrel_log(3, "%s", "message");
-		    ostrel_log_close();
-		    return 0;
-	    },
-	    [&](int, int, bool) {
-		    lost += file_text(device()).find("message") == std::string::npos;
-		    ASSERT_EQ(truncate(device().c_str(), 0), 0);
-		    int now = dup(0);
-		    (void) close(now);
-		    EXPECT_EQ(now, free_fd);
-	    });
+	auto check = [&](int, int, bool failed) {
+		lost += failed && on_device().empty();
+		EXPECT_EQ(open_descriptors(), descriptors);
+		EXPECT_TRUE(failed || on_device() == line_of("message"));
+	};
+	sweep_allocations([&] { return truncate(device().c_str(), 0); }, log, check);
 	EXPECT_GT(lost, 0);
-	ostrel_log_open("msglog");
-	ostrel_log(3, "last");
-	EXPECT_EQ(file_text(device()), program() + ": 3: last\n");
 }
 
 // ---- Records of the message device ----
 
-namespace {
-
-// Reads what is written to the device as records: a pipe in packet mode keeps the bounds of each write.
-class RecordReader {
-public:
-	explicit RecordReader(const std::string &path)
-	{
-		EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
-		in_ = Fd(open(path.c_str(), O_RDONLY | O_NONBLOCK));
-		EXPECT_TRUE(in_);
-		ostrel_log_open("msglog");
-		EXPECT_EQ(fcntl(ostrel_msglog_fd, F_SETFL, O_DIRECT | O_APPEND), 0);
-	}
-	std::string next()
-	{
-		char record[4096];
-		ssize_t length = read(in_.get(), record, sizeof(record));
-		return length < 0 ? "nothing there" : std::string(record, static_cast<size_t>(length));
-	}
-
-private:
-	Fd in_;
-};
-
-} // namespace
-
-TEST_F(Log, MakesOneRecordOfAMessageAtOnce)
+TEST_F(Log, MakesOneRecordOfAMessageAndShortensTheProgramsNameBeforeTheText)
 {
-	RecordReader records(device());
+	ASSERT_EQ(mkfifo(device().c_str(), 0600), 0);
+	Fd in(open(device().c_str(), O_RDONLY | O_NONBLOCK));
+	ostrel_log_open("msglog");
+	// A pipe in packet mode keeps the bounds of each write.
+	ASSERT_EQ(fcntl(ostrel_msglog_fd, F_SETFL, O_DIRECT | O_APPEND), 0);
+	auto next = [&in] {
+		char record[4096];
+		ssize_t length = read(in.get(), record, sizeof(record));
+		return length < 0 ? "nothing there" : std::string(record, static_cast<size_t>(length));
+	};
 	for (int round = 0; round < 2; round++) { // the first write to a stream takes another way than the later ones
 		ostrel_log(3, "line one\nline two\n\nend");
-		EXPECT_EQ(records.next(), program() + ": 3: line one\nline two\n\nend\n");
+		EXPECT_EQ(next(), line_of("line one\nline two\n\nend"));
 	}
-	EXPECT_EQ(records.next(), "nothing there");
-}
-
-TEST_F(Log, ShortensTheProgramsNameBeforeTheText)
-{
-	RecordReader records(device());
+	EXPECT_EQ(next(), "nothing there");
 	const std::string fixed = ": 3: \n";
 	std::string text(1023 - fixed.size() - 4, 'x');
 	ostrel_log_fmt(3, text.c_str());
-	EXPECT_EQ(records.next(), program().substr(program().size() - 4) + ": 3: " + text + "\n");
+	EXPECT_EQ(next(), program().substr(program().size() - 4) + ": 3: " + text + "\n");
 	text.resize(1023, 'x');
 	ostrel_log_fmt(3, text.c_str());
-	EXPECT_EQ(records.next(), ": 3: " + text.substr(0, 1017) + "\n");
+	EXPECT_EQ(next(), ": 3: " + text.substr(0, 1017) + "\n");
 	text.resize(5000, 'x');
 	ostrel_log_fmt(-2147483647 - 1, text.c_str());
-	EXPECT_EQ(records.next().size(), 1023u);
+	EXPECT_EQ(next().size(), 1023u);
 }
 
 namespace {
@@ -269,7 +213,7 @@ TEST_F(Log, RefusedRecordComesShorterAndSpoilsNothing)
 	device.limit = 1023;
 	ostrel_log_fmt(3, "last");
 	EXPECT_EQ(device.records, (std::vector<std::string>{": 3: " + text.substr(0, MSGLOG_RECORD_MAX_OLD - 6) + "\n",
-				      program() + ": 3: short\n", program() + ": 3: last\n"}));
+				      line_of("short"), line_of("last")}));
 	ostrel_msglog_fp = real;
 	(void) fclose(stream);
 }
@@ -304,12 +248,11 @@ TEST_F(Log, ReachesTheKernelsLogWhereThereIsNoOtherDevice)
 namespace {
 
 // In a child with a /dev of its own: gives the datagrams that reach /dev/log there while `what` runs. It gets the socket.
-std::vector<std::string> syslog_lines(const std::function<void(int log)> &what, size_t expected)
+// The time and the process number vary, and are left out.
+std::string syslog_text(const std::function<int(int log)> &what, int expected)
 {
-	int out[2];
-	EXPECT_EQ(pipe(out), 0);
-	pid_t child = fork();
-	if (child == 0) {
+	Scratch scratch;
+	EXPECT_EQ(in_child([&] {
 		sockaddr_un address = {AF_UNIX, "/dev/log"};
 		Fd log(socket(AF_UNIX, SOCK_DGRAM, 0));
 		timeval patience = {2, 0};
@@ -317,35 +260,25 @@ std::vector<std::string> syslog_lines(const std::function<void(int log)> &what, 
 		    mount("none", "/dev", "tmpfs", 0, nullptr) != 0 ||
 		    bind(log.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
 		    setsockopt(log.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience)) != 0)
-			_exit(77);
+			return 77;
 		openlog(nullptr, 0, LOG_USER); // as in a process that never used syslog
 		closelog();
-		what(log.get());
-		char text[4096];
-		for (size_t i = 0; i < expected; i++) {
-			ssize_t length = recv(log.get(), text, sizeof(text) - 1, 0);
-			text[length < 0 ? 0 : length] = '\n';
-			if (length < 0 || write(out[1], text, static_cast<size_t>(length) + 1) < 0)
-				_exit(1);
+		const int status = what(log.get());
+		std::string text;
+		const std::string number = "[" + std::to_string(getpid()) + "]";
+		for (char line[4096]; expected > 0; expected--) {
+			ssize_t length = recv(log.get(), line, sizeof(line), 0);
+			std::string got(line, static_cast<size_t>(std::max<ssize_t>(length, 0)));
+			got.erase(std::min<size_t>(got.size(), 4), 16);
+			if (size_t at = got.find(number); at != std::string::npos)
+				got.erase(at + 1, number.size() - 2);
+			text += got + "\n";
 		}
-		_exit(0);
-	}
-	(void) close(out[1]);
-	Stream in(fdopen(out[0], "r"));
-	std::vector<std::string> lines;
-	char line[4096];
-	while (fgets(line, sizeof(line), in.get()) != nullptr)
-		lines.emplace_back(line, strlen(line) - 1);
-	int status = 0;
-	EXPECT_EQ(waitpid(child, &status, 0), child);
-	EXPECT_EQ(status, 0);
-	for (std::string &got : lines) { // the time and the process number vary
-		got.erase(4, 16);
-		size_t from = got.find('['), to = got.find(']');
-		if (from != std::string::npos && to != std::string::npos)
-			got.erase(from + 1, to - from - 1);
-	}
-	return lines;
+		(void) scratch.write("lines", text);
+		return status;
+	}),
+	    0);
+	return file_text(scratch.path("lines"));
 }
 
 } // namespace
@@ -353,27 +286,63 @@ std::vector<std::string> syslog_lines(const std::function<void(int log)> &what, 
 TEST_F(Log, SyslogGetsTheTextAsItStandsUnderTheProgramsName)
 {
 	SKIP_UNLESS_ROOT();
-	std::vector<std::string> lines = syslog_lines(
+	const std::string lines = syslog_text(
 	    [](int) {
 		    ostrel_log_open("msglog"); // with the identity that the platform gives
 		    ostrel_log_fmt(LOG_DEBUG, "to both");
 		    ostrel_log_open("syslog");
 		    ostrel_log_fmt(LOG_ERR, "100%s %n done");
+		    return 0;
 	    },
 	    2);
 	std::string path = program(), name = path.substr(path.rfind('/') + 1);
-	EXPECT_EQ(lines, (std::vector<std::string>{"<15>" + name + ": to both", "<27>" + path + "[]: 100%s %n done"}));
+	EXPECT_EQ(lines, "<15>" + name + ": to both\n<27>" + path + "[]: 100%s %n done\n");
 }
 
 // ---- Threads ----
+
+namespace {
+
+// Threads that log one message after the other as long as this lives.
+class Writers {
+public:
+	Writers(int count, const std::string &text)
+	{
+		for (int i = 0; i < count; i++)
+			threads_.emplace_back([this, text] {
+				while (!stop_)
+					ostrel_log(3, "%s", text.c_str());
+			});
+	}
+	~Writers()
+	{
+		stop_ = true;
+		for (std::thread &thread : threads_)
+			thread.join();
+	}
+	// Waits until an output takes no more. At the end what it holds has to be read.
+	void fill(int output) const
+	{
+		for (int full = 0; full < 5; usleep(10000)) {
+			struct pollfd look = {output, POLLOUT, 0};
+			full = poll(&look, 1, 0) == 0 ? full + 1 : 0;
+		}
+	}
+
+private:
+	std::atomic<bool> stop_ = false;
+	std::vector<std::thread> threads_;
+};
+
+} // namespace
 
 TEST_F(Log, ThreadsThatLogFirstAtTheSameMomentOpenOneDevice)
 {
 	make_device_file();
 	setenv("OSTREL_LOG", "msglog", 1);
 	constexpr int count = 8;
-	int before = dup(0);
-	(void) close(before);
+	const int lowest = dup(0);
+	(void) close(lowest);
 	std::atomic<int> ready = 0;
 	std::vector<std::thread> threads;
 	for (int i = 0; i < count; i++)
@@ -383,39 +352,32 @@ TEST_F(Log, ThreadsThatLogFirstAtTheSameMomentOpenOneDevice)
 				std::this_thread::yield();
 			ostrel_log(3, "first");
 		});
-	for (std::thread &thread : threads)
-		thread.join();
-	EXPECT_EQ(ostrel_msglog_fd, before) << "the lowest free descriptor: opened once";
 	std::string expected;
-	for (int i = 0; i < count; i++)
-		expected += program() + ": 3: first\n";
-	EXPECT_EQ(file_text(device()), expected);
+	for (std::thread &thread : threads) {
+		thread.join();
+		expected += line_of("first");
+	}
+	EXPECT_EQ(ostrel_msglog_fd, lowest) << "opened once";
+	EXPECT_EQ(on_device(), expected);
 }
 
 TEST_F(Log, IsClosedAndReopenedUnderThreadsThatWrite)
 {
 	make_device_file();
-	std::atomic<bool> stop = false;
-	std::vector<std::thread> threads;
-	for (int i = 0; i < 3; i++)
-		threads.emplace_back([&] {
-			while (!stop)
-				ostrel_log(3, "line");
-		});
-	for (int i = 0; i < 300; i++) {
-		ostrel_log_open(i % 2 == 0 ? "msglog" : "console");
-		ostrel_log_close();
+	{
+		Writers writers(3, "line");
+		for (int i = 0; i < 300; i++) {
+			ostrel_log_open(i % 2 == 0 ? "msglog" : "console");
+			ostrel_log_close();
+		}
+		ostrel_log_open("msglog");
 	}
-	ostrel_log_open("msglog");
-	stop = true;
-	for (std::thread &thread : threads)
-		thread.join();
 	ostrel_log(3, "last");
-	std::istringstream lines(file_text(device()));
+	std::istringstream lines(on_device());
 	std::string line, last;
 	for (; std::getline(lines, line); last = line)
-		ASSERT_TRUE(line == program() + ": 3: line" || line == program() + ": 3: last") << line;
-	EXPECT_EQ(last, program() + ": 3: last");
+		ASSERT_TRUE(line + "\n" == line_of("line") || line + "\n" == line_of("last")) << line;
+	EXPECT_EQ(last + "\n", line_of("last"));
 }
 
 namespace {
@@ -440,59 +402,37 @@ TEST_F(Log, IsFreeInAForkedChildAndInHandlersOfTheFork)
 	ASSERT_EQ(handlers_set, 0);
 	handlers_log = true;
 	ostrel_log_open("msglog");
-	std::atomic<bool> stop = false;
-	std::thread writer([&] {
-		while (!stop)
-			ostrel_log(3, "parent");
-	});
-	int ended_well = 0;
 	alarm(120); // ends a parent that waits for ever
-	for (int i = 0; i < 100; i++) {
-		const int status = in_child([] {
-			alarm(60);
-			ostrel_log(3, "child");
-			return 0;
-		});
-		ended_well += status == 0;
-		if (status != 0)
-			break;
+	int ended_well = 0;
+	{
+		Writers writers(1, "parent");
+		auto log_in_child = [] {
+			return in_child([] {
+				alarm(60);
+				ostrel_log(3, "child");
+				return 0;
+			});
+		};
+		while (ended_well < 100 && log_in_child() == 0)
+			ended_well++;
+		handlers_log = false;
 	}
 	alarm(0);
-	handlers_log = false;
-	stop = true;
-	writer.join();
 	EXPECT_EQ(ended_well, 100);
 }
 
-namespace {
-
-// Logs until the output takes no more.
-class Flood {
-public:
-	explicit Flood(int output)
-	    : writer_([this] {
-		      while (!stop_)
-			      ostrel_log(3, "%1000d", 1);
-	      })
-	{
-		for (int full = 0; full < 5; usleep(10000)) {
-			struct pollfd look = {output, POLLOUT, 0};
-			full = poll(&look, 1, 0) == 0 ? full + 1 : 0;
-		}
-	}
-	// What it has written is to be read from now on.
-	~Flood()
-	{
-		stop_ = true;
-		writer_.join();
-	}
-
-private:
-	std::atomic<bool> stop_ = false;
-	std::thread writer_;
-};
-
-} // namespace
+// A child that logs to the last of these outputs, and ends.
+static pid_t fork_logger(std::initializer_list<const char *> outputs)
+{
+	const pid_t child = fork(); // in_child() would flush the stream that a writer waits in
+	if (child != 0)
+		return child;
+	alarm(60);
+	for (const char *output : outputs)
+		ostrel_log_open(output);
+	ostrel_log(3, "child");
+	_exit(0);
+}
 
 TEST_F(Log, AFullPipeHoldsUpNobodyButItsWriters)
 {
@@ -506,20 +446,15 @@ TEST_F(Log, AFullPipeHoldsUpNobodyButItsWriters)
 	alarm(120);
 	std::thread reader;
 	{
-		Flood flood(STDERR_FILENO);
-		pid_t child = fork(); // in_child() would flush the stream that the writer waits in
-		if (child == 0) {
-			alarm(60);
-			ostrel_log_open("msglog");
-			ostrel_log(3, "child");
-			_exit(0);
-		}
+		Writers writers(1, std::string(1000, 'x'));
+		writers.fill(STDERR_FILENO);
+		const pid_t child = fork_logger({"msglog"});
 		int status = -1;
 		EXPECT_EQ(waitpid(child, &status, 0), child);
 		EXPECT_EQ(status, 0);
 		ostrel_log_open("msglog");
 		ostrel_log(3, "elsewhere");
-		EXPECT_NE(file_text(device()).find(program() + ": 3: elsewhere\n"), std::string::npos);
+		EXPECT_NE(on_device().find(line_of("elsewhere")), std::string::npos);
 		reader = std::thread([&] {
 			char drain[65536];
 			while (read(in.get(), drain, sizeof(drain)) > 0) {
@@ -529,7 +464,7 @@ TEST_F(Log, AFullPipeHoldsUpNobodyButItsWriters)
 	alarm(0);
 	(void) dup2(saved.get(), STDERR_FILENO);
 	reader.join();
-	EXPECT_EQ(file_text(device()).find(program() + ": 3: child\n"), 0u);
+	EXPECT_EQ(on_device().find(line_of("child")), 0u);
 }
 
 // The C library's own lock of syslog is another thread's in such a child, for good.
@@ -540,35 +475,19 @@ TEST_F(Log, AChildOfAProcessThatWaitsInSyslogLogs)
 		sockaddr_un address = {AF_UNIX, "/dev/log"};
 		int output = socket(AF_UNIX, SOCK_DGRAM, 0);
 		if (connect(output, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
-			_exit(1);
+			return 1;
 		alarm(120);
 		ostrel_log_open("syslog");
-		Flood flood(output);
-		pid_t child = fork();
-		if (child == 0) {
-			alarm(60);
-			ostrel_log_open("stderr");
-			ostrel_log_open("syslog");
-			ostrel_log_fmt(LOG_ERR, "the child's");
-			_exit(0);
-		}
+		Writers writers(1, std::string(1000, 'x'));
+		writers.fill(output);
+		(void) fork_logger({"stderr", "syslog"});
 		char text[4096];
 		for (ssize_t length; (length = recv(log, text, sizeof(text) - 1, 0)) > 0;) {
 			text[length] = '\0';
-			if (strstr(text, "the child's") != nullptr)
-				_exit(0);
+			if (strstr(text, "child") != nullptr)
+				_exit(0); // the writer waits
 		}
 		_exit(2);
 	};
-	EXPECT_EQ(syslog_lines(flood_and_fork, 0).size(), 0u);
-}
-
-// ---- The running program ----
-
-TEST(ProgramPath, IsThatOfTheRunningFile)
-{
-	char path[4096];
-	ssize_t length = readlink("/proc/self/exe", path, sizeof(path));
-	ASSERT_GT(length, 0);
-	EXPECT_EQ(program(), std::string(path, static_cast<size_t>(length)));
+	EXPECT_EQ(syslog_text(flood_and_fork, 0), "");
 }

@@ -1,4 +1,5 @@
 // Patterns, and the files that are set aside by them.
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +19,8 @@
 
 #include "alloc_fault.h"
 #include "base/guards.h"
+#include "golden_rows.h"
+#include "golden_script.h"
 #include "libostrel_obsolete.h"
 #include "log_capture.h"
 #include "scratch.h"
@@ -41,34 +44,22 @@ namespace {
 
 using Pattern = Heap<char>;
 
-// The part of the subject up to the end of the match, or "none".
-std::string match(const char *pattern, const char *subject)
+std::string match(const std::string &pattern, const std::string &subject)
 {
-	Pattern compiled(regcmp(pattern, nullptr));
-	const char *end = compiled ? regex(compiled.get(), subject) : nullptr;
-	return end == nullptr ? "none" : std::string(subject, end);
+	errno = 0;
+	Pattern compiled(regcmp(pattern.c_str(), nullptr));
+	if (!compiled)
+		return errno == EINVAL ? "refused" : "error " + std::to_string(errno);
+	const char *end = regex(compiled.get(), subject.c_str());
+	return end == nullptr ? "none" : std::string(subject.c_str(), end);
 }
 
 } // namespace
 
 TEST(Patterns, AreExtendedExpressionsThatMatchAnywhere)
 {
-	EXPECT_EQ(match("o+", "foo.conf"), "foo");
-	EXPECT_EQ(match("^o", "foo.conf"), "none");
-	EXPECT_EQ(match("(a|b)[0-9]{2}$", "x-b17"), "x-b17");
-	EXPECT_EQ(match("a?c", "bc"), "bc");
-	EXPECT_EQ(match("\\.", "x"), "none");
-	EXPECT_EQ(match("x*", "abc"), "") << "an empty match is one";
-	EXPECT_EQ(match("", ""), "");
-}
-
-TEST(Patterns, AreRefusedWhereTheyDontCompile)
-{
-	for (const char *bad : {"(", "[a", "a{2", "*a", "a{2,1}", "\\"}) {
-		errno = 0;
-		EXPECT_EQ(regcmp(bad, nullptr), nullptr) << bad;
-		EXPECT_EQ(errno, EINVAL) << bad;
-	}
+	for (const GoldenRow &row : golden_rows("patterns.txt"))
+		EXPECT_EQ(match(row[0], row[1]), row[2]) << row.line;
 	EXPECT_EQ(regcmp(nullptr), nullptr);
 	EXPECT_EQ(regex(nullptr, "x"), nullptr);
 	EXPECT_EQ(regex("x", nullptr), nullptr);
@@ -107,65 +98,36 @@ protected:
 		const std::vector<std::string> found = entries_of(dir_);
 		return {found.begin(), found.end()};
 	}
-	// Gives the log's messages.
-	std::vector<std::string> set_aside(const char *pattern) const { return set_aside(dir_, pattern); }
-	static std::vector<std::string> set_aside(const std::string &dir, const char *pattern)
+	// Gives the log's messages in order of their bytes.
+	static std::vector<std::string> set_aside(const std::string &dir, const std::string &pattern)
 	{
 		LogCapture log;
-		ostrel_make_files_obsolete(dir.c_str(), pattern);
+		ostrel_make_files_obsolete(dir.c_str(), pattern.c_str());
 		EXPECT_EQ(ostrel_file_regexp, nullptr);
-		return log.lines();
+		std::vector<std::string> lines = log.lines();
+		std::sort(lines.begin(), lines.end());
+		return lines;
+	}
+	void play() const
+	{
+		GoldenScript script(dir_);
+		script.set("root", dir_);
+		script.add("obsolete", [this](auto &args) {
+			std::string text;
+			for (const std::string &line : set_aside(dir_ + args[1], args[0]))
+				text += (text.empty() ? "" : "\n") + line;
+			return text.empty() ? "ok" : text;
+		});
+		script.play("obsolete.txt");
 	}
 
 	Scratch scratch_;
 	std::string dir_ = scratch_.directory();
-	std::vector<std::string> silence_;
 };
 
 } // namespace
 
-TEST_F(Obsolete, WhatMatchesGetsItsNewNameAndNothingElse)
-{
-	make({"net0.conf", "net1.conf", "net0.conf~", "other", "net2.conf.obsolete"});
-	fs::create_directory(dir_ + "/net9.conf");
-	EXPECT_EQ(set_aside("^net[0-9]\\.conf$"), silence_);
-	EXPECT_EQ(names(), (Names{"net0.conf.obsolete", "net1.conf.obsolete", "net9.conf.obsolete", "net0.conf~",
-			       "other", "net2.conf.obsolete"}));
-	EXPECT_EQ(set_aside("^net[0-9]\\.conf$"), silence_) << "nothing matches any more";
-	EXPECT_EQ(set_aside("^net2"), silence_);
-	EXPECT_EQ(names().count("net2.conf.obsolete.obsolete"), 1u);
-}
-
-TEST_F(Obsolete, MissingDirectoryIsSilentAndOthersAreNot)
-{
-	make({"file"});
-	EXPECT_EQ(set_aside(dir_ + "/missing", "x"), silence_);
-	EXPECT_EQ(set_aside(dir_ + "/file", "x"),
-	    std::vector<std::string>{"3: Rename obsolete files in " + dir_ + "/file failed: Not a directory"});
-	EXPECT_EQ(set_aside("^file$"), silence_) << "a failed scan leaves nothing behind";
-	EXPECT_EQ(names(), Names{"file.obsolete"});
-}
-
-TEST_F(Obsolete, PatternThatDoesntCompileRenamesNothing)
-{
-	make({"a", "("});
-	EXPECT_EQ(set_aside("("),
-	    std::vector<std::string>{"3: Rename obsolete files in " + dir_ + " failed: pattern (: Invalid argument"});
-	EXPECT_EQ(names(), (Names{"a", "("}));
-}
-
-// The directory and its parent are offered too, and can't be renamed.
-TEST_F(Obsolete, FailedEntryIsLoggedAndTheOthersGoOn)
-{
-	make({"a", "b"});
-	fs::create_directory(dir_ + "/a.obsolete"); // in the way of the file
-	std::vector<std::string> log = set_aside("^(.|..)$");
-	std::set<std::string> expected;
-	for (const char *name : {".", "..", "a"})
-		expected.insert("3: Rename obsolete file " + dir_ + "/" + name + " failed");
-	EXPECT_EQ(std::set<std::string>(log.begin(), log.end()), expected);
-	EXPECT_EQ(names(), (Names{"a", "a.obsolete", "b.obsolete"}));
-}
+static const bool registered = register_parts<Obsolete>("obsolete.txt");
 
 // Paths of 1023 bytes fit, the new one included.
 TEST_F(Obsolete, PathThatIsTooLongIsLoggedAndSkipped)
@@ -176,7 +138,7 @@ TEST_F(Obsolete, PathThatIsTooLongIsLoggedAndSkipped)
 	size_t room = 1023 - dir_.size() - 1 - strlen(".obsolete");
 	std::string fits(room, 'f'), slightly(room + 1, 'g'), far(room + 12, 'h');
 	make({fits, slightly, far, "short"});
-	std::vector<std::string> log = set_aside("^[^.]");
+	std::vector<std::string> log = set_aside(dir_, "^[^.]");
 	EXPECT_EQ(names(), (Names{fits + ".obsolete", slightly, far, "short.obsolete"}));
 	ASSERT_EQ(log.size(), 2u);
 	for (const std::string &line : log) // the message itself is cut at its end
@@ -199,20 +161,22 @@ TEST_F(Obsolete, SecondCallAtTheSameTimeAborts)
 TEST_F(Obsolete, LosesNoFileAndNoMemoryWhereAllocationsFail)
 {
 	SKIP_WITHOUT_ALLOC_FAULTS();
-	make({"a1", "a2", "keep"});
-	sweep_allocations([] { return 0; },
-	    [&](int) {
-		    ostrel_make_files_obsolete(dir_.c_str(), "^a[12]$");
-		    return 0;
-	    },
-	    [&](int, int, bool failed) {
-		    EXPECT_EQ(ostrel_file_regexp, nullptr);
-		    if (!failed) {
-			    EXPECT_EQ(names(), (Names{"a1.obsolete", "a2.obsolete", "keep"}));
-			    return;
-		    }
-		    for (const char *name : {"a1", "a2"})
-			    (void) rename((dir_ + "/" + name + ".obsolete").c_str(), (dir_ + "/" + name).c_str());
-		    EXPECT_EQ(names(), (Names{"a1", "a2", "keep"}));
-	    });
+	auto start_again = [&] {
+		for (const std::string &name : names())
+			fs::remove(dir_ + "/" + name);
+		make({"a1", "a2", "keep"});
+		return dir_;
+	};
+	auto run = [](const std::string &dir) {
+		ostrel_make_files_obsolete(dir.c_str(), "^a[12]$");
+		return ostrel_file_regexp == nullptr;
+	};
+	sweep_allocations(start_again, run, [&](const std::string &, bool is_over, bool failed) {
+		EXPECT_TRUE(is_over);
+		Names found = names();
+		EXPECT_TRUE(failed || found == (Names{"a1.obsolete", "a2.obsolete", "keep"}));
+		for (const char *name : {"a1", "a2"})
+			EXPECT_EQ(found.erase(name) + found.erase(std::string(name) + ".obsolete"), 1U) << name;
+		EXPECT_EQ(found, Names{"keep"});
+	});
 }

@@ -19,21 +19,17 @@
 
 #include "capabilities.h"
 #include "child.h"
-#include "hatch_peer.h"
 #include "kernel_audit.h"
 
 namespace {
 
-// Runs in a child without privileges that has the right to write records in its permitted set alone, as a program with
-// a file capability begins. The child's status counts the expectations that failed.
-int with_permitted_alone(const std::function<void()> &run)
+// Runs in a child whose status is 1 if an expectation failed there.
+int expect_in_child(const std::function<void()> &run)
 {
-	Process child([&] {
-		keep_audit_write(CapSets::Permitted);
+	return in_child([&] {
 		run();
 		return testing::Test::HasFailure() ? 1 : 0;
 	});
-	return child.wait();
 }
 
 class Elevate : public testing::Test {
@@ -43,7 +39,8 @@ protected:
 
 TEST_F(Elevate, RaisesOnThisThreadAloneAndPutsBack)
 {
-	EXPECT_EQ(with_permitted_alone([] {
+	EXPECT_EQ(expect_in_child([] {
+		keep_audit_write(CapSets::Permitted); // as a program with a file capability begins
 		const std::string before = capability_sets();
 		std::atomic<int> turn = 0;
 		std::string of_other;
@@ -67,37 +64,34 @@ TEST_F(Elevate, RaisesOnThisThreadAloneAndPutsBack)
 	    0);
 }
 
-TEST_F(Elevate, LeavesAPrivilegeThatWasInEffect)
+TEST_F(Elevate, LeavesAPrivilegeThatWasInEffectAndRefusesWhatMayNotBeHeld)
 {
-	const std::string before = capability_sets();
 	elevate_state_t state = 99;
+	const std::string full = capability_sets();
 	EXPECT_NE(__elevate_if_available("proc_audit", &state), 0);
 	EXPECT_EQ(state, 0);
 	__elevate_restore(state);
-	EXPECT_EQ(capability_sets(), before);
-}
-
-TEST_F(Elevate, RefusesWhatMayNotBeHeldOrIsntThere)
-{
-	elevate_state_t state = 99;
+	EXPECT_EQ(capability_sets(), full);
 	EXPECT_EQ(__elevate_if_available("proc_everything", &state), 0);
-	EXPECT_EQ(state, 0);
 	EXPECT_EQ(__elevate_if_available(nullptr, &state), 0);
 	EXPECT_EQ(__elevate_if_available("proc_audit", nullptr), 0);
-	Process child([&] {
+	EXPECT_EQ(expect_in_child([&] {
 		keep_audit_write(CapSets::None);
-		const std::string before = capability_sets();
-		const int held = __elevate_if_available("proc_audit", &state);
+		const std::string none = capability_sets();
+		state = 99;
+		EXPECT_EQ(__elevate_if_available("proc_audit", &state), 0);
+		EXPECT_EQ(state, 0);
 		__elevate_restore(state);
-		return held == 0 && state == 0 && capability_sets() == before ? 0 : 1;
-	});
-	EXPECT_EQ(child.wait(), 0);
+		EXPECT_EQ(capability_sets(), none);
+	}),
+	    0);
 }
 
 // A session with a user, and its data for one event; errors in between fail the test.
 struct Session {
 	trl_session_data_t *session = nullptr;
 	trl_event_data_t *data = nullptr;
+	std::string file = "links.db", name = "name=eth0;";
 
 	explicit Session(trl_event_t event = TRL_ostrel_update)
 	{
@@ -105,12 +99,15 @@ struct Session {
 		EXPECT_EQ(trl_set_user(session, 1, 2, 3, 4, nullptr, TRL_NEW), 0);
 		data = trl_alloc_event(session, event);
 		EXPECT_NE(data, nullptr);
+		trl_object_t &object = event == TRL_ostrel_remove ? data->trl_ostrel_remove : data->trl_ostrel_update;
+		object = {file.data(), name.data()};
 	}
 	~Session()
 	{
 		trl_free_event(data);
 		EXPECT_EQ(trl_end_session(session), 0);
 	}
+	int put(int status, int retval) { return trl_put_event(data, status, retval); }
 };
 
 class Trail : public testing::Test {
@@ -148,7 +145,8 @@ TEST_F(Trail, WritesTheRealIdsAndTheNumbersAsTheyAre)
 	{
 		Session session(TRL_ostrel_remove);
 		EXPECT_EQ(trl_set_user(session.session, 1, 2, 4'294'967'294U, 3'000'000'000U, nullptr, TRL_NEW), 0);
-		EXPECT_EQ(trl_put_event(session.data, -2'147'483'647 - 1, 2'147'483'647), 0);
+		session.data->trl_ostrel_remove = {nullptr, nullptr};
+		EXPECT_EQ(session.put(-2'147'483'647 - 1, 2'147'483'647), 0);
 	}
 	const std::vector<AuditRecord> found = audit.records();
 	ASSERT_EQ(found.size(), 1U);
@@ -165,8 +163,8 @@ TEST_F(Trail, ARecordThatIsTooLongIsRefusedWhole)
 	KernelAudit audit;
 	Session session;
 	std::string name(TRL_TEXT_MAX, 'x');
-	session.data->trl_ostrel_update.parent_file = name.data();
-	while (trl_put_event(session.data, TRL_SUCCESS, 7) != 0) {
+	session.data->trl_ostrel_update = {name.data(), nullptr};
+	while (session.put(TRL_SUCCESS, 7) != 0) {
 		ASSERT_EQ(errno, EMSGSIZE);
 		ASSERT_FALSE(name.empty());
 		name.pop_back();
@@ -202,77 +200,60 @@ struct Watch {
 	}
 };
 
-// A session and one object, where the host may have no audit: what the kernel makes of a record is of no interest.
-struct WatchedRecord {
-	Session session;
-	std::string file = "links.db", name = "name=eth0;";
-
-	explicit WatchedRecord(trl_event_t event = TRL_ostrel_update) : session(event)
-	{
-		trl_object_t &object =
-		    event == TRL_ostrel_remove ? session.data->trl_ostrel_remove : session.data->trl_ostrel_update;
-		object = {file.data(), name.data()};
-	}
-	int put(int status, int retval) { return trl_put_event(session.data, status, retval); }
-};
-
+// Where the host may have no audit: what the kernel makes of a record is of no interest here.
 TEST(TrailWatch, IsToldOfEachRecordOnTheThreadThatAsks)
 {
 	std::thread::id other;
-	{
-		Watch watch;
-		(void) WatchedRecord().put(TRL_SUCCESS, 0);
-		std::thread([&] {
-			other = std::this_thread::get_id();
-			(void) WatchedRecord(TRL_ostrel_remove).put(TRL_FAILURE, 1003);
-		}).join();
-		trl_watch(nullptr, nullptr);
-		trl_session_data_t *session = nullptr;
-		if (trl_start_session(&session, nullptr, 0) == 0) {
-			(void) WatchedRecord().put(TRL_SUCCESS, 0);
-			EXPECT_EQ(trl_end_session(session), 0);
-		}
-		const std::vector<Watch::Told> expected = {
-		    {TRL_ostrel_update, "links.db", "name=eth0;", TRL_SUCCESS, 0, std::this_thread::get_id()},
-		    {TRL_ostrel_remove, "links.db", "name=eth0;", TRL_FAILURE, 1003, other}};
-		EXPECT_EQ(watch.told, expected);
+	Watch watch;
+	(void) Session().put(TRL_SUCCESS, 0);
+	std::thread([&] {
+		other = std::this_thread::get_id();
+		(void) Session(TRL_ostrel_remove).put(TRL_FAILURE, 1003);
+	}).join();
+	trl_watch(nullptr, nullptr);
+	trl_session_data_t *session = nullptr;
+	if (trl_start_session(&session, nullptr, 0) == 0) {
+		(void) Session().put(TRL_SUCCESS, 0);
+		EXPECT_EQ(trl_end_session(session), 0);
 	}
+	const std::vector<Watch::Told> expected = {
+	    {TRL_ostrel_update, "links.db", "name=eth0;", TRL_SUCCESS, 0, std::this_thread::get_id()},
+	    {TRL_ostrel_remove, "links.db", "name=eth0;", TRL_FAILURE, 1003, other}};
+	EXPECT_EQ(watch.told, expected);
 }
 
 TEST(TrailWatch, IsToldWhereThereIsNoWayToTheLog)
 {
-	Process child([] {
+	EXPECT_EQ(expect_in_child([] {
 		const struct rlimit none = {0, 0};
 		EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
 		trl_session_data_t *session = nullptr;
 		EXPECT_NE(trl_start_session(&session, nullptr, 0), 0);
 		const int without = errno;
 		Watch watch;
-		WatchedRecord record;
-		EXPECT_EQ(record.put(TRL_SUCCESS, 0), -1);
+		EXPECT_EQ(Session().put(TRL_SUCCESS, 0), -1);
 		EXPECT_EQ(errno, without);
 		EXPECT_EQ(watch.told.size(), 1U);
-		return testing::Test::HasFailure() ? 1 : 0;
-	});
-	EXPECT_EQ(child.wait(), 0);
+	}),
+	    0);
 }
 
 TEST(TrailWatch, TakingItBackWaitsForACallThatRuns)
 {
 	Watch watch;
 	watch.held = true;
-	std::thread record([] { (void) WatchedRecord().put(TRL_SUCCESS, 0); });
+	std::thread record([] { (void) Session().put(TRL_SUCCESS, 0); });
 	watch.inside.wait(false);
-	Process child([] { // has no watcher, and waits for none
+	EXPECT_EQ(expect_in_child([] { // has no watcher, and waits for none
 		alarm(20);
 		trl_session_data_t *session = nullptr;
 		if (trl_start_session(&session, nullptr, 0) == 0)
-			(void) WatchedRecord().put(TRL_SUCCESS, 0);
+			(void) Session().put(TRL_SUCCESS, 0);
 		Watch own;
-		(void) WatchedRecord().put(TRL_SUCCESS, 0);
-		return own.told.size() == 1 ? 0 : 1;
-	});
-	EXPECT_EQ(child.wait(), 0);
+		(void) Session().put(TRL_SUCCESS, 0);
+		EXPECT_EQ(own.told.size(), 1U);
+	}),
+	    0);
 	std::atomic<bool> back = false;
 	std::thread taker([&] {
 		trl_watch(nullptr, nullptr);
