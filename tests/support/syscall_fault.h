@@ -13,6 +13,7 @@
 #ifndef TESTS_SYSCALL_FAULT_H
 #define TESTS_SYSCALL_FAULT_H
 
+#include <atomic>
 #include <csignal>
 #include <cstddef>
 #include <string>
@@ -35,7 +36,7 @@ public:
 		Fchown,
 		Ftruncate,
 		Stat,   // stat, lstat, fstat, fstatat
-		Rename, // rename, renameat, renameat2
+		Rename, // rename, renameat, renameat2 by syscall()
 		Unlink, // unlink, unlinkat
 		Fork,   // fork, and clone through syscall()
 		Waitid,
@@ -62,11 +63,14 @@ public:
 	// Ends the trouble before the assertions, which make calls too.
 	void stop() { nth_ = 0; }
 	// Whether the n-th call was made, here or in a forked child.
-	bool fired() const;
+	bool fired() const { return shared_->fired; }
 	// How many calls were seen so far, the failed one included.
-	int calls() const;
+	int calls() const { return shared_->calls; }
 
-	struct Shared;
+	struct Shared {
+		std::atomic<int> calls;
+		std::atomic<bool> fired;
+	};
 	Call call_;
 	int nth_;
 	Action action_;
