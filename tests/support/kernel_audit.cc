@@ -202,7 +202,7 @@ KernelAudit::~KernelAudit()
 	EXPECT_EQ(status, 0) << "audit isn't as it was";
 }
 
-std::vector<AuditRecord> KernelAudit::all_records()
+std::vector<AuditRecord> KernelAudit::records(pid_t sender)
 {
 	std::vector<AuditRecord> found;
 	const std::string mark = "op=mark_of_a_test mark=" + std::to_string(getpid()) + "." + std::to_string(++marks_);
@@ -214,16 +214,9 @@ std::vector<AuditRecord> KernelAudit::all_records()
 		if (type == 0 || (type == trusted_app && raw.find(mark) != std::string::npos))
 			break;
 		// Other programs of the machine have records, too.
-		if (type == trusted_app && raw.find("op=ostrel_") != std::string::npos)
-			found.push_back(record_of(raw));
-	}
-	return found;
-}
-
-std::vector<AuditRecord> KernelAudit::records(pid_t sender)
-{
-	std::vector<AuditRecord> found;
-	for (AuditRecord &record : all_records()) {
+		if (type != trusted_app || raw.find("op=ostrel_") == std::string::npos)
+			continue;
+		AuditRecord record = record_of(raw);
 		if (record.pid == sender)
 			found.push_back(std::move(record));
 	}

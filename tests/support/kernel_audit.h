@@ -35,10 +35,8 @@ public:
 	KernelAudit(const KernelAudit &) = delete;
 	KernelAudit &operator=(const KernelAudit &) = delete;
 
-	// The records of updates that were sent since the last look, whoever sent them, in order. All of them: the kernel
-	// delivers in order, and a mark of the test's own ends them.
-	std::vector<AuditRecord> all_records();
-	// Those that this process, or the one given, sent.
+	// The records of updates that this process, or the one given, sent since the last look, in order. All of them: the
+	// kernel delivers in order, and a mark of the test's own ends them.
 	std::vector<AuditRecord> records(pid_t sender = getpid());
 
 private:
