@@ -81,11 +81,6 @@ ostrel_error_t read_slot(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrli
 	return OSTREL_SUCCESS;
 }
 
-ostrel_error_t rename_slot(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl)
-{
-	return backend_of(db).note("rename", db, flags, idl, newidl);
-}
-
 constexpr struct ostrel_db_cmds all_slots = {
     .dbc_open =
 	[](ostrel_db_t db) {
@@ -98,7 +93,8 @@ constexpr struct ostrel_db_cmds all_slots = {
     .dbc_read = read_slot,
     .dbc_write = [](ostrel_db_t db, attrlist_t *idl, uint64_t flags,
 		     attrlist_t *props) { return backend_of(db).note("write", db, flags, idl, props); },
-    .dbc_rename = rename_slot,
+    .dbc_rename = [](ostrel_db_t db, attrlist_t *idl, uint64_t flags,
+		      attrlist_t *newidl) { return backend_of(db).note("rename", db, flags, idl, newidl); },
     .dbc_remove = [](ostrel_db_t db, attrlist_t *idl,
 		      uint64_t flags) { return backend_of(db).note("remove", db, flags, idl, nullptr); },
     .dbc_audit =
@@ -184,12 +180,10 @@ TEST_P(Dispatch, AnOpenKeepsTwoFlagsAndShowsACompleteHandle)
 
 TEST_P(Dispatch, AFailedOpenSlotEndsTheOpen)
 {
-	for (ostrel_error_t result : {OSTREL_NOT_FOUND, OSTREL_NEEDS_RETRY}) {
-		backend.result = result;
-		EXPECT_EQ(ostrel_db_open("x", 0, &all_slots, 0, &db), result);
-		EXPECT_EQ(db, nullptr);
-	}
-	EXPECT_EQ(backend.calls, Lines(2, line_of("x", "none", 0, " "))) << "what never opened isn't closed";
+	backend.result = OSTREL_NEEDS_RETRY;
+	EXPECT_EQ(ostrel_db_open("x", 0, &all_slots, 0, &db), OSTREL_NEEDS_RETRY);
+	EXPECT_EQ(db, nullptr);
+	EXPECT_EQ(backend.calls, Lines{line_of("x", "none", 0, " ")}) << "what never opened isn't closed";
 }
 
 TEST_P(Dispatch, EmptySlotsRefuseOperationsAndNothingElse)
@@ -314,29 +308,6 @@ TEST_P(Dispatch, AnUpdateAndItsAuditRunUnderOneWriteLockWithTheCallersFlags)
 	}
 }
 
-ostrel_error_t reading_rename_slot(ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *newidl)
-    REQUIRES(db->db_lock)
-{
-	AttrList props;
-	ostrel_db_unlock(db);
-	ostrel_error_t result = ostrel_db_read(db, idl, flags, props.out());
-	ostrel_db_wrlock(db);
-	return result != OSTREL_SUCCESS ? result : rename_slot(db, newidl, flags, props.get());
-}
-
-TEST_P(Dispatch, AnUpdateSlotMayGiveUpTheLockToRead)
-{
-	struct ostrel_db_cmds cmds = all_slots;
-	cmds.dbc_rename = reading_rename_slot;
-	cmds.dbc_audit = nullptr;
-	open(0, &cmds);
-	backend.hold("a=1", "p=x");
-	EXPECT_EQ(ostrel_db_rename(db, idl_of("a=1").get(), 0, idl_of("a=2").get()), OSTREL_SUCCESS);
-	EXPECT_EQ(
-	    backend.calls, (Lines{line_of("read", "read", 3, "a=1; "), line_of("rename", "write", 0, "a=2; p=x;")}));
-	close(); // while its table lives
-}
-
 // ---- Walk ----
 
 struct Visits {
@@ -346,6 +317,9 @@ struct Visits {
 	{
 		Visits &visits = *static_cast<Visits *>(arg);
 		visits.seen.push_back(line_of("visit", lock_of(db), flags, text_of(idl) + text_of(props)));
+		EXPECT_EQ(ostrel_idlist_add(idl, "b", std::string(5000, 'f').c_str()), OSTREL_SUCCESS)
+		    << "they are its own";
+		EXPECT_EQ(attrlist_remove_all(props, "p"), 0);
 		return visits.seen.size() == visits.halt_at ? 7 : 0;
 	}
 	// What it sees of these objects, which all have the property p=x.
@@ -387,13 +361,13 @@ TEST_P(Dispatch, AWalkVisitsInTheBackEndsOrderOrSorted)
 TEST_P(Dispatch, AWalkHaltsAtTheFirstCallbackThatSaysSo)
 {
 	open();
-	for (const char *id : {"a=1", "a=2", "a=3", "a=4"})
+	for (const char *id : {"a=1", "a=2", "a=3"})
 		backend.hold(id, "p=x");
 	int returned = 42;
 	for (int *cbret : {&returned, static_cast<int *>(nullptr)}) {
-		Visits visits = {{}, 3};
+		Visits visits = {{}, 2};
 		EXPECT_EQ(ostrel_db_walk(db, nullptr, 0, Visits::visit, nullptr, &visits, cbret), OSTREL_WALK_HALTED);
-		EXPECT_EQ(visits.seen.size(), 3U);
+		EXPECT_EQ(visits.seen.size(), 2U);
 	}
 	EXPECT_EQ(returned, 7);
 }
@@ -424,26 +398,6 @@ TEST_P(Dispatch, AWalkOverNothingSucceedsAndAFailedOneEndsWhereItFails)
 	expect(OSTREL_NOT_FOUND);
 	EXPECT_EQ(visits.seen, Visits::of({"a=1"}));
 	EXPECT_EQ(returned, 42);
-}
-
-TEST_P(Dispatch, AWalksCallbackMayUpdateTheDatabaseAndChangeItsLists)
-{
-	open();
-	for (const char *id : {"a=1", "a=2"})
-		backend.hold(id, "p=x");
-	auto change = [](ostrel_db_t handle, attrlist_t *idl, attrlist_t *props, uint64_t, void *) {
-		const std::string filler(5000, 'f'), before = text_of(idl);
-		EXPECT_EQ(ostrel_idlist_add(idl, "b", filler.c_str()), OSTREL_SUCCESS);
-		EXPECT_EQ(attrlist_remove_all(props, "p"), 0);
-		for (int i = 0; i < 100; i++)
-			EXPECT_EQ(ostrel_atl_add_one_string(props, ("q" + std::to_string(i)).c_str(), "y"), 0);
-		EXPECT_EQ(text_of(idl), before + "b=" + filler + ";");
-		return static_cast<int>(ostrel_db_write(handle, idl, 0, props));
-	};
-	EXPECT_EQ(ostrel_db_walk(db, nullptr, 0, change, nullptr, nullptr, nullptr), OSTREL_SUCCESS);
-	ASSERT_EQ(backend.calls.size(), 5U);
-	EXPECT_EQ(backend.calls[3].find("write, lock write, 0, a=2;b=fff"), 0U);
-	EXPECT_NE(backend.calls[3].find("fff; q0=y;q1=y;"), std::string::npos);
 }
 
 } // namespace
