@@ -194,14 +194,34 @@ static void expect_agreement(ostrel_db_t db, const std::string &text, attrlist_t
 	}
 }
 
+// What random files hardly hold: lines of about the longest length or far beyond it, and objects at the edges of blocks.
+static std::vector<std::string> texts_at_limits()
+{
+	const std::string longest = "b=" + std::string(2043, 'v') + ";";
+	std::string pieces; // which would be objects by themselves
+	while (pieces.size() < 1 << 20)
+		pieces += "id=1;";
+	std::vector<std::string> texts = {longest + "\n" + longest + "v\n", longest + "v", longest + "vv",
+	    std::string(2044, ' ') + "b=1\n", "id=7;\n" + pieces + "\nid=2;\n" + pieces};
+	for (size_t edge : {65530U, 65535U, 65536U, 65537U, 131072U}) {
+		// After a comment that is too long to be kept.
+		std::string text = "#" + std::string(edge - 5, '-') + "\nid=7;\tx=int32,7;\n";
+		while (text.size() < 3 * 65536)
+			text += "id=" + std::to_string(text.size()) + ";\n";
+		texts.push_back(text);
+	}
+	return texts;
+}
+
 TEST(FilesPaths, ReadsAndWalksAgreeWithTheGeneralReader)
 {
+	const std::vector<std::string> limits = texts_at_limits();
 	Scratch scratch;
 	for (unsigned seed = 0; seed < 150; seed++) {
 		Generator generator(seed);
 		std::string text = generator.file(seed % 10 == 0 ? 1500 : 1 + generator.below(200));
-		if (seed == 0)
-			text = "b=" + std::string(2044, 'v') + ";"; // the longest line, without its newline
+		if (seed < limits.size())
+			text = limits[seed];
 		std::string path = scratch.write("db", text);
 		std::vector<ModelObject> objects = model_objects(text);
 		for (uint64_t flags : {uint64_t{0}, uint64_t{OSTREL_DB_CASE_SENSITIVE}}) {
