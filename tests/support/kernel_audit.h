@@ -7,10 +7,12 @@
 #include <vector>
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "base/guards.h"
+#include "hatch_peer.h"
 
 // One record, taken apart without mercy: whatever isn't a row of fields fails the test.
 struct AuditRecord {
@@ -40,11 +42,9 @@ public:
 	std::vector<AuditRecord> records(pid_t sender = getpid());
 
 private:
-	Fd lock_;
-	Fd reader_;
-	Fd keeper_pipe_;
-	pid_t keeper_ = -1;
-	int marks_ = 0;
+	Fd socket_;
+	Process reader_;
+	Stream output_;
 };
 
 #define SKIP_WITHOUT_KERNEL_AUDIT()                                                                                    \

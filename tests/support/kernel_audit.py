@@ -6,6 +6,7 @@ import os
 import re
 import socket
 import struct
+import sys
 
 NETLINK_AUDIT, GET, SET, TRUSTED_APP = 9, 1000, 1001, 1121
 LOCK = "/run/ostrel-test-audit.lock"
@@ -109,3 +110,18 @@ class KernelAudit:
             rows.append(f"{fields['op'][7:]} {os.path.relpath(path, directory)} {decoded(fields['object_name'])} "
                         f"{fields['status']}")
         return rows
+
+
+# For tests in other languages: an empty line once audit is on; then, for each line of input, the texts since the last one in
+# hexadecimal digits and an empty line.
+if __name__ == "__main__":
+    why = why_not()
+    if why:
+        sys.exit(why)
+    audit = KernelAudit()
+    print(flush=True)
+    for _ in sys.stdin:
+        for text in audit.texts():
+            print(text.encode().hex().upper())
+        print(flush=True)
+    audit.close()
