@@ -208,31 +208,27 @@ TEST_F(FilesFaults, AShortWriteThatCantBeContinuedFailsTheUpdate)
 // A daemon that closed its standard streams, and something in it that writes to them all the same.
 TEST_F(FilesFaults, MessagesOfAProcessWithoutStandardStreamsStayOutOfTheFile)
 {
-	std::string expected;
-	for (int i = 0; i < 20; i++)
-		expected += "n=" + std::to_string(i) + ";\tx=int32,1;\n";
 	const int status = in_child([&] {
 		for (int fd = 0; fd < 3; fd++)
 			(void) close(fd);
 		std::atomic<bool> done = false;
 		std::thread talker([&] {
-			while (!done)
-				for (int fd = 0; fd < 3; fd++)
-					(void) syscall(SYS_write, fd, "n=noise;\n", 9); // a sanitizer minds write()
+			for (int fd = 0; !done; fd = (fd + 1) % 3)
+				(void) syscall(SYS_write, fd, "n=noise;\n", 9); // a sanitizer minds write()
 		});
 		bool good = true;
 		{
 			TestDb db(path);
+			AttrList one = ids("n=1"), written = props("x=int32,1");
 			for (int i = 0; i < 400; i++)
-				good = good && ostrel_db_write(db, ids("n=" + std::to_string(i % 20)).get(), 0,
-						   props("x=int32,1").get()) == OSTREL_SUCCESS;
+				good = good && ostrel_db_write(db, one.get(), 0, written.get()) == OSTREL_SUCCESS;
 		}
 		done = true;
 		talker.join();
 		return good ? 0 : 1;
 	});
 	EXPECT_EQ(status, 0);
-	EXPECT_EQ(file_text(path), expected);
+	EXPECT_EQ(file_text(path), "n=1;\tx=int32,1;\n");
 }
 
 TEST_F(FilesFaults, AReadThatFailsHandsOutNothing)
@@ -350,36 +346,4 @@ TEST_F(FilesFaults, MissingRightsAreSaidSoAndADirectoryThatMayBeWrittenAloneTake
 		EXPECT_EQ(file_text(path), directory.result == OSTREL_EPERM ? "a=1;\t\n" : "");
 		EXPECT_FALSE(scratch.has("db.new"));
 	}
-}
-
-// ---- Readers beside a writer ----
-
-// An update changes two objects at once, far apart in the file.
-TEST_F(FilesFaults, ReadersSeeWholeVersionsWhileAWriterUpdates)
-{
-	scratch.write("db", "v=x;\tn=int32,0;\n" + many_lines(1600) + "v=X;\tn=int32,0;\n");
-	TestDb db(path);
-	std::atomic<bool> done = false;
-	std::atomic<int> reads = 0;
-	const auto read = [&] {
-		for (; !done; reads++) {
-			Objects objects;
-			ASSERT_EQ(ostrel_read_objects_from_file(
-				      db, nullptr, OSTREL_FLAG_WITH_PROPS, objects.out(), objects.out_count()),
-			    OSTREL_SUCCESS);
-			ASSERT_EQ(objects.count(), 1602U);
-			const std::string first = show_object(objects[0]), last = show_object(objects[1601]);
-			ASSERT_EQ(first.substr(first.find(' ')), last.substr(last.find(' ')));
-		}
-	};
-	std::thread readers[] = {std::thread(read), std::thread(read)};
-	for (int i = 1; i <= 1000; i++) {
-		// Of differing length, so that a mixture of two versions couldn't look whole.
-		std::string properties = "n=int32," + std::to_string(i) + ";s=string," + std::string(i % 300U, 's');
-		EXPECT_EQ(ostrel_db_write(db, ids("v=x").get(), 0, props(properties).get()), OSTREL_SUCCESS);
-	}
-	done = true;
-	for (std::thread &reader : readers)
-		reader.join();
-	EXPECT_GT(reads, 10);
 }

@@ -32,8 +32,8 @@ using Addresses = std::array<Address, 2>;
 
 std::string file_with(int value)
 {
-	std::string text;
-	for (int i = 0; i < 100; i++)
+	std::string text; // more than a read takes at once, so that a mixture of two versions shows
+	for (int i = 0; i < 3000; i++)
 		text += "other=" + std::to_string(i) + ";\tx=string,some text;\n";
 	for (int i = 0; i < writers; i++)
 		text += "w=" + std::to_string(i) + ";\tx=int32," + std::to_string(value) + ";\n";
