@@ -52,22 +52,15 @@ std::string in_short(const AuditRecord &record)
 
 // A file database whose updates answer what the test says, and do nothing, until it says OSTREL_SUCCESS.
 std::function<ostrel_error_t()> answer;
-ostrel_error_t next_answer()
-{
-	return answer ? answer() : OSTREL_SUCCESS;
-}
-
-struct ostrel_db_cmds answering_cmds()
-{
+const struct ostrel_db_cmds answering = [] {
 	struct ostrel_db_cmds cmds = *ostrel_files_db_cmds;
 	cmds.dbc_write = [](ostrel_db_t db, attrlist_t *idl, uint64_t flags, attrlist_t *props) {
-		ostrel_error_t result = next_answer();
+		ostrel_error_t result = answer();
 		return result == OSTREL_SUCCESS ? ostrel_write_object_to_file(db, idl, flags, props) : result;
 	};
-	cmds.dbc_remove = [](ostrel_db_t, attrlist_t *, uint64_t) { return next_answer(); };
+	cmds.dbc_remove = [](ostrel_db_t, attrlist_t *, uint64_t) { return answer(); };
 	return cmds;
-}
-const struct ostrel_db_cmds answering = answering_cmds();
+}();
 
 class Audit : public testing::Test {
 protected:
@@ -76,9 +69,9 @@ protected:
 		SKIP_WITHOUT_KERNEL_AUDIT();
 		audit_ = std::make_unique<KernelAudit>();
 		(void) chmod(file_.scratch.directory().c_str(), 0777);
+		answer = [] { return OSTREL_SUCCESS; };
 		db_ = open_database(file_.path);
 	}
-	void TearDown() override { answer = nullptr; }
 
 	static ostrel_error_t write(ostrel_db_t db, const char *ids)
 	{
@@ -149,14 +142,13 @@ TEST_F(Audit, UpdatesOfTheRepositoryAreRecordedToo)
 	EXPECT_EQ(put(db, "a:t", "p=1"), OSTREL_SUCCESS);
 	EXPECT_EQ(move(db, "a:t", "b:t"), OSTREL_SUCCESS);
 	EXPECT_EQ(drop(db, "a:t"), OSTREL_NOT_FOUND);
-	EXPECT_EQ(drop(db, "b:t"), OSTREL_SUCCESS);
 	// A rename's read adds what is stored to the list that the record is made from; the longest types make no text with it.
 	EXPECT_EQ(put(db, "c:" + std::string(225, 't'), "p=1"), OSTREL_SUCCESS);
 	EXPECT_EQ(move(db, "c", "d:t"), OSTREL_SUCCESS);
-	const std::string a = "object-pgname=a;object-pgtype=t;", b = "object-pgname=b;object-pgtype=t;";
-	EXPECT_EQ(recorded(test_instance), (Lines{"0: update " + a + " 0 0 success", "0: update " + a + " 0 0 success",
-					       "0: remove " + a + " -1 -1 failed", "0: remove " + b + " 0 0 success",
-					       "0: update object-pgname=c; 0 0 success"}));
+	const std::string a = "object-pgname=a;object-pgtype=t;";
+	EXPECT_EQ(recorded(test_instance),
+	    (Lines{"0: update " + a + " 0 0 success", "0: update " + a + " 0 0 success",
+		"0: remove " + a + " -1 -1 failed", "0: update object-pgname=c; 0 0 success"}));
 }
 
 TEST_F(Audit, ReadsWalksAndWhatNeverReachesAStoreAreNot)
