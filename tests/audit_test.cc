@@ -34,8 +34,9 @@ extern "C" unsigned int sleep(unsigned int)
 
 namespace {
 
-const std::string all_fields = "op event parent_file object_name subj_uid subj_gid status retval exe hostname addr "
-			       "terminal res";
+const std::string all_fields =
+    "pid uid op event parent_file object_name subj_uid subj_gid status retval exe hostname addr "
+    "terminal res";
 
 using Lines = std::vector<std::string>;
 
@@ -83,7 +84,7 @@ protected:
 		Lines lines;
 		for (const AuditRecord &record : audit_->records(sender)) {
 			EXPECT_EQ(record["parent_file"], database);
-			EXPECT_EQ(record.uid, sender_user);
+			EXPECT_EQ(record["uid"], std::to_string(sender_user));
 			lines.push_back(in_short(record));
 		}
 		return lines;

@@ -121,12 +121,7 @@ public:
 			text.pop_back();
 		return text;
 	}
-	std::string search()
-	{
-		return one_of({"id=7", "ID=7", "id=", "id=7;zone=alpha", "zone=BETA", "zone=Beta;id=3",
-		    "zone=", "zone=z-9;id=12", "zone=alpha;id=", "id=99", "b=a\\\\b", "=", "b=\xe4", "object-pgname=x",
-		    "id=1;zone=alpha;c=", "zone=Z-9", "b=x,y", "zone=alph"});
-	}
+	std::string search() { return one_of(searches_); }
 
 private:
 	std::string one_of(const std::vector<std::string> &texts) { return texts[below(texts.size())]; }
@@ -134,27 +129,12 @@ private:
 	std::string line()
 	{
 		if (once_in(4))
-			return one_of(unusual_);
-		std::string line = one_of({"", "", "", "", " ", "\t", " \t\v", "\f\r"}) + usual_line();
+			return one_of(unusual_[below(std::size(unusual_))]);
+		std::string line = one_of({"", "", "", "", " ", "\t", " \t\v", "\f\r"}) + one_of(usual_);
 		for (size_t changes = once_in(6) ? 1 + below(3) : 0; changes > 0 && !line.empty(); changes--)
 			mutate(&line);
 		if (once_in(8) && !line.empty())
 			line.pop_back();
-		return line;
-	}
-	// A line that the writer could have left.
-	std::string usual_line()
-	{
-		static const std::vector<std::string> values = {"int32,1", "int32", "int32,-5,0,2147483647,-2147483648",
-		    "uint32,-1", "uint32,4711", "int64,5123456789012", "int64,-9223372036854775808", "uint64,-1,1",
-		    "boolean,true", "boolean,false,true", "string,plain", "string,a\\,b,c\\;d", "string,\\\\,,x",
-		    "string,a=b\tc", "string", "string,lan\\,site7,role123"};
-		std::string line = "id=" + std::to_string(below(30)) + ";";
-		if (once_in(2))
-			line += "zone=" + one_of({"alpha", "Beta", "z-9"}) + ";";
-		line += "\t";
-		for (size_t i = below(5); i > 0; i--)
-			line += "p" + std::to_string(i) + "=" + one_of(values) + ";";
 		return line;
 	}
 	void mutate(std::string *line)
@@ -169,18 +149,11 @@ private:
 		else
 			(*line)[at] = bytes[below(sizeof(bytes))];
 	}
-	static std::vector<std::string> unusual_lines()
-	{
-		std::vector<std::string> lines = {
-		    "", "# c", " # a=1;", "\t", "\r", ";", "=", "\t\t;", "#a=1;\t\\", "\x01"};
-		for (const char *name : {"accepted.db", "refused.db"})
-			for (const std::string &line : golden_lines(name))
-				lines.push_back(line);
-		return lines;
-	}
-
 	std::mt19937 random_;
-	const std::vector<std::string> unusual_ = unusual_lines();
+	using Texts = std::vector<std::string>;
+	inline static const Texts usual_ = golden_lines("usual.db"), searches_ = golden_lines("searches.txt");
+	inline static const Texts unusual_[] = {
+	    golden_lines("accepted.db"), golden_lines("refused.db"), golden_lines("passed-over.db")};
 };
 
 // ---- Comparisons ----

@@ -14,12 +14,11 @@
 #include "base/guards.h"
 #include "hatch_peer.h"
 
-// One record, taken apart without mercy: whatever isn't a row of fields fails the test.
+// One record, taken apart. Whatever isn't a row of fields, each once, ends the reader and so fails the test.
 struct AuditRecord {
 	std::string raw;
-	pid_t pid; // of the sender, as the kernel says it
-	uid_t uid;
-	std::string names; // of the fields, in order, with blanks between them
+	std::string
+	    names; // of the fields, in order, with blanks between them; first the kernel's of the sender, pid and uid
 	std::map<std::string, std::string> fields;
 
 	const std::string &operator[](const char *name) const;
