@@ -1,5 +1,5 @@
-// What a read of a large file takes: a point read next to nothing, a walk about the text of its lines. Measured in a child
-// of its own, by the kernel's count of the pages that it touched, so that whatever takes them is seen.
+// What a read of a large file takes: a point read next to nothing, a walk about the text of its lines. Each has to do with so
+// much memory, in a child of its own that can't have more.
 #include "libostrel_files.h"
 
 #include <fstream>
@@ -13,14 +13,7 @@
 #include "scratch.h"
 
 static constexpr int line_count = 500000;
-static constexpr long kib = 1024, mib = 1024 * kib;
-
-static long bytes_touched()
-{
-	rusage usage = {};
-	(void) getrusage(RUSAGE_SELF, &usage);
-	return usage.ru_maxrss * kib;
-}
+static constexpr long mib = 1024 * 1024;
 
 class FilesMemory : public testing::Test {
 protected:
@@ -30,6 +23,7 @@ protected:
 
 	void SetUp() override
 	{
+		SKIP_WITHOUT_ALLOC_FAULTS();
 		std::ofstream file(path, std::ios::binary);
 		for (int i = 0; i < line_count; i++)
 			file << "name=route" << i
@@ -39,57 +33,49 @@ protected:
 		size = static_cast<long>(file.tellp());
 	}
 
-	// How many units the most memory that the process ever had grows by an operation on a database, after the same on a
-	// small one has touched what is touched once. 255: it failed.
-	int growth(uint64_t flags, long unit, const std::function<bool(ostrel_db_t)> &operation)
+	// What an operation comes to that may have so much memory more than the process has, after the same on a small database
+	// has taken what is taken once.
+	ostrel_error_t result_within(
+	    long bytes, uint64_t flags, const std::function<ostrel_error_t(ostrel_db_t)> &operation)
 	{
 		std::string small = scratch.write("small", "name=route;\tx=int32,1;\n");
-		return in_child([&] {
+		return static_cast<ostrel_error_t>(in_child([&] {
 			(void) operation(TestDb(small, flags));
 			TestDb db(path, flags);
-			long before = bytes_touched();
-			if (!operation(db))
-				return 255;
-			long units = (bytes_touched() - before + unit - 1) / unit;
-			return static_cast<int>(units < 254 ? units : 254);
-		});
+			const rlim_t pages = strtoul(file_text("/proc/self/statm").c_str(), nullptr, 10);
+			const rlim_t room = pages * static_cast<rlim_t>(getpagesize()) + static_cast<rlim_t>(bytes);
+			const rlimit limit = {room, room};
+			return setrlimit(RLIMIT_AS, &limit) == 0 ? operation(db) : OSTREL_FAILURE;
+		}));
 	}
 };
 
 TEST_F(FilesMemory, APointReadTakesLessThanAMebibyte)
 {
-	SKIP_WITHOUT_ALLOC_FAULTS();
-	static constexpr long unit = 64 * kib;
-	for (uint64_t flags : {uint64_t{0}, uint64_t{OSTREL_DB_CASE_SENSITIVE}}) {
-		auto growth_of_read = [&](const std::string &identifiers, ostrel_error_t expected) {
-			return growth(flags, unit, [&](ostrel_db_t db) {
+	const std::string last = "route" + std::to_string(line_count - 1);
+	const struct {
+		std::string name;
+		ostrel_error_t result;
+	} reads[] = {{"route0", OSTREL_SUCCESS}, {last, OSTREL_SUCCESS}, {"route", OSTREL_NOT_FOUND},
+	    {"route7\xc3\xa9", OSTREL_NOT_FOUND}}; // which the search for bytes can't help with
+	for (const auto &row : reads) {
+		for (uint64_t flags : {uint64_t{0}, uint64_t{OSTREL_DB_CASE_SENSITIVE}}) {
+			const auto read = [&](ostrel_db_t db) {
 				AttrList found;
-				return ostrel_db_read(db, ids(identifiers).get(), 0, found.out()) == expected;
-			});
-		};
-		for (int i : {0, line_count / 2, line_count - 1})
-			EXPECT_LE(growth_of_read("name=route" + std::to_string(i) + ";kind=static", OSTREL_SUCCESS),
-			    mib / unit);
-		// One that isn't there, and one that the search for bytes can't help with.
-		EXPECT_LE(growth_of_read("name=route;kind=static", OSTREL_NOT_FOUND), mib / unit);
-		EXPECT_LE(growth_of_read("name=route7\xc3\xa9;kind=static", OSTREL_NOT_FOUND), mib / unit);
+				return ostrel_db_read(
+				    db, ids("name=" + row.name + ";kind=static").get(), 0, found.out());
+			};
+			EXPECT_EQ(result_within(mib, flags, read), row.result) << row.name;
+		}
 	}
-}
-
-static int count_object(ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *count)
-{
-	++*static_cast<int *>(count);
-	return 0;
 }
 
 TEST_F(FilesMemory, AWalkTakesAboutTheTextOfItsLines)
 {
-	SKIP_WITHOUT_ALLOC_FAULTS();
-	int grown = growth(0, mib, [](ostrel_db_t db) {
-		int count = 0;
-		return ostrel_db_walk(db, nullptr, 0, count_object, nullptr, &count, nullptr) == OSTREL_SUCCESS &&
-		       count == line_count;
-	});
-	EXPECT_LE(grown, (size + size / 4) / mib);
-	EXPECT_GE(grown, size / 2 / mib) << "the measure doesn't see what the walk keeps";
+	const auto walk = [](ostrel_db_t db) {
+		const auto visit = [](ostrel_db_t, attrlist_t *, attrlist_t *, uint64_t, void *) { return 0; };
+		return ostrel_db_walk(db, nullptr, 0, visit, nullptr, nullptr, nullptr);
+	};
+	EXPECT_EQ(result_within(size + size / 4, 0, walk), OSTREL_SUCCESS);
+	EXPECT_EQ(result_within(size / 2, 0, walk), OSTREL_NO_MEMORY) << "the limit doesn't see what the walk keeps";
 }

@@ -121,12 +121,7 @@ public:
 			text.pop_back();
 		return text;
 	}
-	std::string search()
-	{
-		return one_of({"id=7", "ID=7", "id=", "id=7;zone=alpha", "zone=BETA", "zone=Beta;id=3",
-		    "zone=", "zone=z-9;id=12", "zone=alpha;id=", "id=99", "b=a\\\\b", "=", "b=\xe4", "object-pgname=x",
-		    "id=1;zone=alpha;c=", "zone=Z-9", "b=x,y", "zone=alph"});
-	}
+	std::string search() { return one_of(searches_); }
 
 private:
 	std::string one_of(const std::vector<std::string> &texts) { return texts[below(texts.size())]; }
@@ -134,27 +129,12 @@ private:
 	std::string line()
 	{
 		if (once_in(4))
-			return one_of(unusual_);
-		std::string line = one_of({"", "", "", "", " ", "\t", " \t\v", "\f\r"}) + usual_line();
+			return one_of(unusual_[below(std::size(unusual_))]);
+		std::string line = one_of({"", "", "", "", " ", "\t", " \t\v", "\f\r"}) + one_of(usual_);
 		for (size_t changes = once_in(6) ? 1 + below(3) : 0; changes > 0 && !line.empty(); changes--)
 			mutate(&line);
 		if (once_in(8) && !line.empty())
 			line.pop_back();
-		return line;
-	}
-	// A line that the writer could have left.
-	std::string usual_line()
-	{
-		static const std::vector<std::string> values = {"int32,1", "int32", "int32,-5,0,2147483647,-2147483648",
-		    "uint32,-1", "uint32,4711", "int64,5123456789012", "int64,-9223372036854775808", "uint64,-1,1",
-		    "boolean,true", "boolean,false,true", "string,plain", "string,a\\,b,c\\;d", "string,\\\\,,x",
-		    "string,a=b\tc", "string", "string,lan\\,site7,role123"};
-		std::string line = "id=" + std::to_string(below(30)) + ";";
-		if (once_in(2))
-			line += "zone=" + one_of({"alpha", "Beta", "z-9"}) + ";";
-		line += "\t";
-		for (size_t i = below(5); i > 0; i--)
-			line += "p" + std::to_string(i) + "=" + one_of(values) + ";";
 		return line;
 	}
 	void mutate(std::string *line)
@@ -169,18 +149,11 @@ private:
 		else
 			(*line)[at] = bytes[below(sizeof(bytes))];
 	}
-	static std::vector<std::string> unusual_lines()
-	{
-		std::vector<std::string> lines = {
-		    "", "# c", " # a=1;", "\t", "\r", ";", "=", "\t\t;", "#a=1;\t\\", "\x01"};
-		for (const char *name : {"accepted.db", "refused.db"})
-			for (const std::string &line : golden_lines(name))
-				lines.push_back(line);
-		return lines;
-	}
-
 	std::mt19937 random_;
-	const std::vector<std::string> unusual_ = unusual_lines();
+	using Texts = std::vector<std::string>;
+	inline static const Texts usual_ = golden_lines("usual.db"), searches_ = golden_lines("searches.txt");
+	inline static const Texts unusual_[] = {
+	    golden_lines("accepted.db"), golden_lines("refused.db"), golden_lines("passed-over.db")};
 };
 
 // ---- Comparisons ----
@@ -194,14 +167,34 @@ static void expect_agreement(ostrel_db_t db, const std::string &text, attrlist_t
 	}
 }
 
+// What random files hardly hold: lines of about the longest length or far beyond it, and objects at the edges of blocks.
+static std::vector<std::string> texts_at_limits()
+{
+	const std::string longest = "b=" + std::string(2043, 'v') + ";";
+	std::string pieces; // which would be objects by themselves
+	while (pieces.size() < 1 << 20)
+		pieces += "id=1;";
+	std::vector<std::string> texts = {longest + "\n" + longest + "v\n", longest + "v", longest + "vv",
+	    std::string(2044, ' ') + "b=1\n", "id=7;\n" + pieces + "\nid=2;\n" + pieces};
+	for (size_t edge : {65530U, 65535U, 65536U, 65537U, 131072U}) {
+		// After a comment that is too long to be kept.
+		std::string text = "#" + std::string(edge - 5, '-') + "\nid=7;\tx=int32,7;\n";
+		while (text.size() < 3 * 65536)
+			text += "id=" + std::to_string(text.size()) + ";\n";
+		texts.push_back(text);
+	}
+	return texts;
+}
+
 TEST(FilesPaths, ReadsAndWalksAgreeWithTheGeneralReader)
 {
+	const std::vector<std::string> limits = texts_at_limits();
 	Scratch scratch;
 	for (unsigned seed = 0; seed < 150; seed++) {
 		Generator generator(seed);
 		std::string text = generator.file(seed % 10 == 0 ? 1500 : 1 + generator.below(200));
-		if (seed == 0)
-			text = "b=" + std::string(2044, 'v') + ";"; // the longest line, without its newline
+		if (seed < limits.size())
+			text = limits[seed];
 		std::string path = scratch.write("db", text);
 		std::vector<ModelObject> objects = model_objects(text);
 		for (uint64_t flags : {uint64_t{0}, uint64_t{OSTREL_DB_CASE_SENSITIVE}}) {

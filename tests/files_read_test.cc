@@ -1,7 +1,6 @@
 // Reading flat files and raw files: which lines become objects, and which of them a search selects.
 #include "libostrel_files.h"
 
-#include <algorithm>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <thread>
@@ -56,40 +55,6 @@ TEST(FilesRead, TakesObjectLinesInTheOrderOfTheFile)
 	    Shown({"(a:9='1';) (-)", "(b:9='2';) (-)"}));
 	EXPECT_EQ(read(scratch.write("db", "b=2;\tx=int32,1;\n\t a=1;# no comment\n#c=3;\nd=4")),
 	    Shown({"(b:9='2';) (x:13=1;)", "(a:9='1';# no comment:9='';) ()", "(d:9='4';) ()"}));
-}
-
-TEST(FilesRead, CountsALineThatIsTooLongAsOneThatDoesNotParse)
-{
-	Scratch scratch;
-	// Pieces of a long line would be objects by themselves.
-	std::string pieces;
-	while (pieces.size() < 1 << 20)
-		pieces += "p=1;";
-	EXPECT_EQ(read(scratch.write("db", "a=1;\n" + pieces + "\nb=2;\n" + pieces)),
-	    Shown({"(a:9='1';) ()", "(b:9='2';) ()"}));
-
-	std::string longest = "a=" + std::string(2043, 'v') + ";";
-	EXPECT_EQ(read(scratch.write("db", longest + "\n" + longest + "v\n")).size(), 1U);
-	EXPECT_EQ(read(scratch.write("db", longest + "v")).size(), 1U);
-	EXPECT_EQ(read(scratch.write("db", longest + "vv")).size(), 0U);
-	// White space before an object counts as part of the line.
-	EXPECT_EQ(read(scratch.write("db", std::string(2044, ' ') + "a=1\n")).size(), 0U);
-}
-
-TEST(FilesRead, LosesNothingAtTheEdgesOfItsBlocks)
-{
-	Scratch scratch;
-	for (size_t edge : {65530U, 65535U, 65536U, 65537U, 131072U}) {
-		std::string text = "#";
-		text.resize(edge - 4, '-'); // a comment that is too long to be kept
-		text += "\na=1;\tx=int32,7;\n";
-		while (text.size() < 3 * 65536)
-			text += "b=" + std::to_string(text.size()) + ";\n";
-		Shown shown = read(scratch.write("db", text));
-		ASSERT_GT(shown.size(), 128U);
-		EXPECT_EQ(shown.front(), "(a:9='1';) (x:13=7;)") << edge;
-		EXPECT_EQ(static_cast<ptrdiff_t>(shown.size()), std::count(text.begin(), text.end(), '\n') - 1);
-	}
 }
 
 TEST(FilesRead, TakesTheFileThatTheListNames)

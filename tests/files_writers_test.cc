@@ -2,13 +2,12 @@
 // update, and none fails because of another.
 #include <array>
 #include <atomic>
-#include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <thread>
 
+#include "hatch_peer.h"
 #include "line_lists.h"
 #include "scratch.h"
 #include "test_enclave.h"
@@ -33,8 +32,8 @@ using Addresses = std::array<Address, 2>;
 
 std::string file_with(int value)
 {
-	std::string text;
-	for (int i = 0; i < 100; i++)
+	std::string text; // more than a read takes at once, so that a mixture of two versions shows
+	for (int i = 0; i < 3000; i++)
 		text += "other=" + std::to_string(i) + ";\tx=string,some text;\n";
 	for (int i = 0; i < writers; i++)
 		text += "w=" + std::to_string(i) + ";\tx=int32," + std::to_string(value) + ";\n";
@@ -73,28 +72,22 @@ void run_writers(const Addresses &addresses, int updates, int kills)
 	ASSERT_NE(memory, MAP_FAILED);
 	Progress *progress = static_cast<Progress *>(memory);
 	auto start = [&](int writer) {
-		pid_t child = fork();
-		if (child != 0)
-			return child;
-		const Address &address = addresses[static_cast<size_t>(writer) % 2];
-		count_up(progress, TestDb(address.path, 0, address.enclave), writer, updates);
-		_exit(0);
+		return Process([&] {
+			const Address &address = addresses[static_cast<size_t>(writer) % 2];
+			count_up(progress, TestDb(address.path, 0, address.enclave), writer, updates);
+			return 0;
+		});
 	};
-	pid_t child[writers];
+	std::vector<Process> running;
 	for (int i = 0; i < writers; i++)
-		child[i] = start(i);
+		running.push_back(start(i));
 	for (int i = 0; i < kills; i++) {
-		pid_t &victim = child[i % writers];
 		(void) usleep(static_cast<useconds_t>(500 + 7919 * i % 3000));
-		(void) kill(victim, SIGKILL);
-		ASSERT_EQ(waitpid(victim, nullptr, 0), victim);
-		victim = start(i % writers);
+		running[static_cast<size_t>(i % writers)].kill();
+		running[static_cast<size_t>(i % writers)] = start(i % writers);
 	}
-	for (pid_t each : child) {
-		int status = -1;
-		ASSERT_EQ(waitpid(each, &status, 0), each);
-		EXPECT_EQ(status, 0);
-	}
+	for (Process &each : running)
+		EXPECT_EQ(each.wait(), 0);
 	EXPECT_EQ(progress->wrong, 0);
 	(void) munmap(memory, sizeof(Progress));
 }

@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <gtest/gtest.h>
-#include <map>
 
 #include "line_lists.h"
 
@@ -32,40 +31,6 @@ static ostrel_error_t format(attrlist_t *idlist, attrlist_t *props, std::string 
 	ostrel_error_t result = ostrel_format_object(idlist, props, &line);
 	text->assign(line.text, line.length);
 	return result;
-}
-
-TEST(LineTokens, AreSplitAtDelimitersThatNoBackslashHides)
-{
-	using Tokens = std::vector<std::string>;
-	static const std::map<std::string, Tokens> cases = {{"a;", {"a"}}, {";a", {"", "a"}}, {"a;;b", {"a", "", "b"}},
-	    {"", {""}}, {";", {""}}, {"a\\;b;c", {"a\\;b", "c"}}, {"a\\\\;b", {"a\\\\", "b"}},
-	    {"a\\x;b", {"a\\x", "b"}}};
-	for (const auto &[text, tokens] : cases) {
-		Tokens found;
-		std::string copy = text;
-		char *next = copy.data();
-		while (char *token = ostrel_tokenize_by_unescaped_delim(next, ';', &next))
-			found.emplace_back(token);
-		EXPECT_EQ(found, tokens) << text;
-	}
-}
-
-TEST(LineValues, ArraysGrowBeyondTheirFirstRoomAndHaveTheExactCount)
-{
-	for (int wanted : {0, 1, 127, 128, 129, 256, 1000}) {
-		std::string text;
-		for (int i = 0; i < wanted; i++)
-			text += std::to_string(i) + ",";
-		char **words = nullptr;
-		int count = -1;
-		ASSERT_EQ(
-		    ostrel_parse_string_array(wanted > 0 ? text.data() : nullptr, &words, &count), OSTREL_SUCCESS);
-		Heap<char *> held(words);
-		ASSERT_NE(words, nullptr);
-		ASSERT_EQ(count, wanted);
-		for (int i = 0; i < wanted; i++)
-			EXPECT_EQ(Heap<char>(words[i]).get(), std::to_string(i));
-	}
 }
 
 // ---- Golden files ----

@@ -91,21 +91,14 @@ long bytes_of(void *memory)
 	return static_cast<long>(malloc_usable_size(memory) + sizeof(size_t));
 }
 
-void *taken(void *memory)
+// Counts a block that was taken, with 1, or given back, with -1.
+void *counted(void *memory, long times = 1)
 {
 	if (memory != nullptr) {
-		state.use.blocks++;
-		state.use.bytes += bytes_of(memory);
+		state.use.blocks += times;
+		state.use.bytes += times * bytes_of(memory);
 	}
 	return memory;
-}
-
-void given(void *memory)
-{
-	if (memory != nullptr) {
-		state.use.blocks--;
-		state.use.bytes -= bytes_of(memory);
-	}
 }
 
 } // namespace
@@ -115,32 +108,29 @@ extern "C" {
 
 void *malloc(size_t size) noexcept
 {
-	return fails() ? nullptr : taken(__libc_malloc(size));
+	return fails() ? nullptr : counted(__libc_malloc(size));
 }
 
 void *calloc(size_t count, size_t size) noexcept
 {
-	return fails() ? nullptr : taken(__libc_calloc(count, size));
+	return fails() ? nullptr : counted(__libc_calloc(count, size));
 }
 
 void *realloc(void *memory, size_t size) noexcept
 {
 	if (fails())
 		return nullptr;
-	long old = memory != nullptr ? bytes_of(memory) : 0;
+	const HeapUse before = state.use;
+	(void) counted(memory, -1);
 	void *moved = __libc_realloc(memory, size);
 	if (moved == nullptr && size != 0)
-		return nullptr;
-	if (memory != nullptr) {
-		state.use.blocks--;
-		state.use.bytes -= old;
-	}
-	return taken(moved);
+		state.use = before; // the old block stays
+	return counted(moved);
 }
 
 void *memalign(size_t alignment, size_t size) noexcept
 {
-	return fails() ? nullptr : taken(__libc_memalign(alignment, size));
+	return fails() ? nullptr : counted(__libc_memalign(alignment, size));
 }
 
 void *aligned_alloc(size_t alignment, size_t size) noexcept
@@ -161,7 +151,7 @@ int posix_memalign(void **memory, size_t alignment, size_t size) noexcept
 
 void free(void *memory) noexcept
 {
-	given(memory);
+	(void) counted(memory, -1);
 	__libc_free(memory);
 }
 }

@@ -7,17 +7,18 @@
 #include <vector>
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "base/guards.h"
+#include "hatch_peer.h"
 
-// One record, taken apart without mercy: whatever isn't a row of fields fails the test.
+// One record, taken apart. Whatever isn't a row of fields, each once, ends the reader and so fails the test.
 struct AuditRecord {
 	std::string raw;
-	pid_t pid; // of the sender, as the kernel says it
-	uid_t uid;
-	std::string names; // of the fields, in order, with blanks between them
+	std::string
+	    names; // of the fields, in order, with blanks between them; first the kernel's of the sender, pid and uid
 	std::map<std::string, std::string> fields;
 
 	const std::string &operator[](const char *name) const;
@@ -35,18 +36,14 @@ public:
 	KernelAudit(const KernelAudit &) = delete;
 	KernelAudit &operator=(const KernelAudit &) = delete;
 
-	// The records of updates that were sent since the last look, whoever sent them, in order. All of them: the kernel
-	// delivers in order, and a mark of the test's own ends them.
-	std::vector<AuditRecord> all_records();
-	// Those that this process, or the one given, sent.
+	// The records of updates that this process, or the one given, sent since the last look, in order. All of them: the
+	// kernel delivers in order, and a mark of the test's own ends them.
 	std::vector<AuditRecord> records(pid_t sender = getpid());
 
 private:
-	Fd lock_;
-	Fd reader_;
-	Fd keeper_pipe_;
-	pid_t keeper_ = -1;
-	int marks_ = 0;
+	Fd socket_;
+	Process reader_;
+	Stream output_;
 };
 
 #define SKIP_WITHOUT_KERNEL_AUDIT()                                                                                    \

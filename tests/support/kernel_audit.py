@@ -6,6 +6,7 @@ import os
 import re
 import socket
 import struct
+import sys
 
 NETLINK_AUDIT, GET, SET, TRUSTED_APP = 9, 1000, 1001, 1121
 LOCK = "/run/ostrel-test-audit.lock"
@@ -50,10 +51,21 @@ def why_not():
     return None
 
 
-def decoded(value):
-    if value.startswith('"'):
-        return value.strip('"')
-    return bytes.fromhex(value).decode(errors="replace")
+# Taken apart without mercy: whatever isn't a row of fields, each once, is an error, and so is a value in another form than
+# its own. Gives the sender's pid and uid, and each field's name and bytes.
+def fields_of(text):
+    head = r"audit\([\d.:]+\): pid=(\d+) uid=(\d+) auid=\d+ ses=\d+(?: subj=[^ ]*)? msg='([^']*)'\n*"
+    pid, uid, rows = re.fullmatch(head, text).groups()
+    found = {"pid": pid.encode(), "uid": uid.encode()}
+    for row in rows.split(" "):
+        name, value = re.fullmatch(r"(\w+)=(.*)", row).groups()
+        assert name not in found, text
+        if name in ("parent_file", "object_name", "exe"):
+            quoted, digits = re.fullmatch(r'"([^"]*)"|((?:[0-9A-F]{2})+)', value).groups()
+            found[name] = bytes.fromhex(digits) if digits else quoted.encode()
+        else:
+            found[name] = value.encode()
+    return found
 
 
 class KernelAudit:
@@ -102,10 +114,25 @@ class KernelAudit:
     def records(self, directory):
         rows = []
         for text in self.texts():
-            fields = dict(re.findall(r"(\w+)=(\"[^\"]*\"|\S*)", text.split("msg='")[1]))
-            path = decoded(fields["parent_file"])
+            fields = {name: value.decode(errors="replace") for name, value in fields_of(text).items()}
+            path = fields["parent_file"]
             if not path.startswith("/"):
                 continue  # a repository's locator, of some other program
-            rows.append(f"{fields['op'][7:]} {os.path.relpath(path, directory)} {decoded(fields['object_name'])} "
+            rows.append(f"{fields['op'][7:]} {os.path.relpath(path, directory)} {fields['object_name']} "
                         f"{fields['status']}")
         return rows
+
+
+# For tests in other languages: an empty line once audit is on; then, for each line of input, the records since the last one
+# and an empty line. A record is its text and its fields, "NAME=BYTES" each, where a text and bytes are hexadecimal digits.
+if __name__ == "__main__":
+    why = why_not()
+    if why:
+        sys.exit(why)
+    audit = KernelAudit()
+    print(flush=True)
+    for _ in sys.stdin:
+        for text in audit.texts():
+            print(text.encode().hex(), *(f"{name}={value.hex()}" for name, value in fields_of(text).items()))
+        print(flush=True)
+    audit.close()

@@ -1,5 +1,7 @@
 #include "list_text.h"
 
+#include <map>
+
 namespace {
 
 std::string text_of(char *text)
@@ -21,14 +23,14 @@ std::string text_of(T number)
 }
 
 template <typename T>
-std::string single(const attrpair_t *pair, int (*get)(const attrpair_t *, T *))
+std::string value_text(const attrpair_t *pair, int (*get)(const attrpair_t *, T *))
 {
 	T value;
 	return get(pair, &value) == 0 ? text_of(value) : "no value";
 }
 
 template <typename T>
-std::string array(const attrpair_t *pair, int (*get)(const attrpair_t *, T **, uint_t *))
+std::string value_text(const attrpair_t *pair, int (*get)(const attrpair_t *, T **, uint_t *))
 {
 	T *values = nullptr;
 	uint_t count = 0;
@@ -40,48 +42,37 @@ std::string array(const attrpair_t *pair, int (*get)(const attrpair_t *, T **, u
 	return text;
 }
 
-std::string value_text(const attrpair_t *pair)
+template <auto get>
+std::string value_by(const attrpair_t *pair)
 {
-	switch (attrpair_type(pair)) {
-	case DATA_TYPE_BOOLEAN_VALUE:
-		return single(pair, attrpair_value_boolean_value);
-	case DATA_TYPE_INT32:
-		return single(pair, attrpair_value_int32);
-	case DATA_TYPE_UINT32:
-		return single(pair, attrpair_value_uint32);
-	case DATA_TYPE_INT64:
-		return single(pair, attrpair_value_int64);
-	case DATA_TYPE_UINT64:
-		return single(pair, attrpair_value_uint64);
-	case DATA_TYPE_STRING:
-		return single(pair, attrpair_value_string);
-	case DATA_TYPE_ATTRLIST:
-		return single(pair, attrpair_value_attrlist);
-	case DATA_TYPE_BOOLEAN_ARRAY:
-		return array(pair, attrpair_value_boolean_array);
-	case DATA_TYPE_INT32_ARRAY:
-		return array(pair, attrpair_value_int32_array);
-	case DATA_TYPE_UINT32_ARRAY:
-		return array(pair, attrpair_value_uint32_array);
-	case DATA_TYPE_INT64_ARRAY:
-		return array(pair, attrpair_value_int64_array);
-	case DATA_TYPE_UINT64_ARRAY:
-		return array(pair, attrpair_value_uint64_array);
-	case DATA_TYPE_STRING_ARRAY:
-		return array(pair, attrpair_value_string_array);
-	case DATA_TYPE_ATTRLIST_ARRAY:
-		return array(pair, attrpair_value_attrlist_array);
-	default:
-		return "unknown type";
-	}
+	return value_text(pair, get);
 }
+
+const std::map<data_type_t, std::string (*)(const attrpair_t *)> value_texts = {
+    {DATA_TYPE_BOOLEAN_VALUE, value_by<attrpair_value_boolean_value>},
+    {DATA_TYPE_INT32, value_by<attrpair_value_int32>},
+    {DATA_TYPE_UINT32, value_by<attrpair_value_uint32>},
+    {DATA_TYPE_INT64, value_by<attrpair_value_int64>},
+    {DATA_TYPE_UINT64, value_by<attrpair_value_uint64>},
+    {DATA_TYPE_STRING, value_by<attrpair_value_string>},
+    {DATA_TYPE_ATTRLIST, value_by<attrpair_value_attrlist>},
+    {DATA_TYPE_BOOLEAN_ARRAY, value_by<attrpair_value_boolean_array>},
+    {DATA_TYPE_INT32_ARRAY, value_by<attrpair_value_int32_array>},
+    {DATA_TYPE_UINT32_ARRAY, value_by<attrpair_value_uint32_array>},
+    {DATA_TYPE_INT64_ARRAY, value_by<attrpair_value_int64_array>},
+    {DATA_TYPE_UINT64_ARRAY, value_by<attrpair_value_uint64_array>},
+    {DATA_TYPE_STRING_ARRAY, value_by<attrpair_value_string_array>},
+    {DATA_TYPE_ATTRLIST_ARRAY, value_by<attrpair_value_attrlist_array>},
+};
 
 } // namespace
 
 std::string pair_text(const attrpair_t *pair)
 {
-	std::string type = std::to_string(static_cast<uint32_t>(attrpair_type(pair)));
-	return std::string(attrpair_name(pair)) + ":" + type + "=" + value_text(pair) + ";";
+	const auto found = value_texts.find(attrpair_type(pair));
+	const std::string type = std::to_string(static_cast<uint32_t>(attrpair_type(pair)));
+	const std::string value = found != value_texts.end() ? found->second(pair) : "unknown type";
+	return std::string(attrpair_name(pair)) + ":" + type + "=" + value + ";";
 }
 
 std::string list_text(attrlist_t *list)

@@ -2,14 +2,11 @@
 #ifndef TESTS_SCRATCH_H
 #define TESTS_SCRATCH_H
 
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <dirent.h>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -70,21 +67,16 @@ inline std::string file_text(const std::string &path)
 inline std::vector<std::string> entries_of(const std::string &path)
 {
 	std::vector<std::string> names;
-	DIR *directory = opendir(path.c_str());
-	while (const dirent *entry = directory == nullptr ? nullptr : readdir(directory)) {
-		if (std::string_view(entry->d_name) != "." && std::string_view(entry->d_name) != "..")
-			names.emplace_back(entry->d_name);
-	}
-	if (directory != nullptr)
-		(void) closedir(directory);
+	std::error_code gone;
+	for (std::filesystem::directory_iterator at(path, gone), end; at != end; at.increment(gone))
+		names.push_back(at->path().filename());
 	return names;
 }
 
 inline std::string link_text(const std::string &path)
 {
-	char text[PATH_MAX];
-	const ssize_t length = readlink(path.c_str(), text, sizeof(text));
-	return {text, length > 0 ? static_cast<size_t>(length) : 0};
+	std::error_code gone;
+	return std::filesystem::read_symlink(path, gone);
 }
 
 // How many descriptors the process has open.

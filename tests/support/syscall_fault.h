@@ -13,6 +13,7 @@
 #ifndef TESTS_SYSCALL_FAULT_H
 #define TESTS_SYSCALL_FAULT_H
 
+#include <atomic>
 #include <csignal>
 #include <cstddef>
 #include <string>
@@ -35,7 +36,7 @@ public:
 		Fchown,
 		Ftruncate,
 		Stat,   // stat, lstat, fstat, fstatat
-		Rename, // rename, renameat, renameat2
+		Rename, // rename, renameat, renameat2 by syscall()
 		Unlink, // unlink, unlinkat
 		Fork,   // fork, and clone through syscall()
 		Waitid,
@@ -62,11 +63,14 @@ public:
 	// Ends the trouble before the assertions, which make calls too.
 	void stop() { nth_ = 0; }
 	// Whether the n-th call was made, here or in a forked child.
-	bool fired() const;
+	bool fired() const { return shared_->fired; }
 	// How many calls were seen so far, the failed one included.
-	int calls() const;
+	int calls() const { return shared_->calls; }
 
-	struct Shared;
+	struct Shared {
+		std::atomic<int> calls;
+		std::atomic<bool> fired;
+	};
 	Call call_;
 	int nth_;
 	Action action_;
@@ -75,11 +79,13 @@ public:
 	FailNth *outer_; // faults may be nested: each counts by itself
 };
 
-// What an operation meets in a sweep: a call that fails with `error`, for which it gives `result`; or a kill before the call.
+// What an operation meets in a sweep: a call that fails with `error`, for which it gives `result`; one that moves `most` bytes
+// at most, if that is given; or a kill before the call.
 struct Fault {
 	FailNth::Call call;
 	int error; // 0: a kill
 	int result = 0;
+	int most = 0;
 };
 
 // One round of a sweep: which of the fault's calls was hit, if it was, and what the operation gave.
@@ -103,11 +109,12 @@ int sweep_faults(const std::vector<Fault> &faults, Prepare prepare, Operation op
 	for (const Fault &fault : faults) {
 		for (int nth = 1; nth < 1000; nth++) {
 			SCOPED_TRACE("call " + std::to_string(fault.call) + ", number " + std::to_string(nth) +
-				     ", error " + std::to_string(fault.error));
+				     ", error " + std::to_string(fault.error) + ", at most " +
+				     std::to_string(fault.most));
 			auto subject = prepare();
 			const int descriptors = open_descriptors();
 			Round round = {&fault, nth, false, 0};
-			if (fault.error == 0) {
+			if (fault.error == 0 && fault.most == 0) {
 				const int status = in_child([&] {
 					FailNth fatal(fault.call, nth, FailNth::Kill);
 					return operation(subject);
@@ -115,7 +122,9 @@ int sweep_faults(const std::vector<Fault> &faults, Prepare prepare, Operation op
 				round.hit = status == 1000 + SIGKILL;
 				round.result = round.hit ? 0 : status;
 			} else {
-				FailNth armed(fault.call, nth, fault.error);
+				const bool cut = fault.most != 0;
+				FailNth armed(fault.call, nth, cut ? FailNth::Short : FailNth::Fail,
+				    cut ? fault.most : fault.error);
 				round.result = operation(subject);
 				armed.stop();
 				round.hit = armed.fired();
