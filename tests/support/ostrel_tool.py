@@ -39,7 +39,8 @@ def document(*objects):
         for id, props in objects]}).encode()
 
 
-# Users besides root can't reach a build tree that lies in root's home: the tests of a class run an installed tool.
+# Users besides root can't reach a build tree that lies in root's home: the tests of a class run an installed tool. Gives
+# the directories in which all tools are.
 def install_tool(cls):
     tree = tempfile.mkdtemp(prefix="ostrel-installed-")
     os.chmod(tree, 0o755)
@@ -48,6 +49,7 @@ def install_tool(cls):
     global OSTREL
     cls.addClassCleanup(globals().__setitem__, "OSTREL", OSTREL)
     OSTREL = os.path.join(tree, "bin", "ostrel")
+    return [os.path.join(tree, folder) for folder in ("bin", "sbin")]
 
 
 class Result:
@@ -165,12 +167,6 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _$name; for reply in "${COMPREPLY[@]}
                               cwd=self.dir, env=self.env, capture_output=True, timeout=60)
         self.assertEqual((done.returncode, done.stderr), (0, b""))
         return done.stdout.decode().splitlines()
-
-    # Runs a script of bash in a mount namespace of its own, with the tool as the variable `tool`.
-    @needs_root
-    def with_mounts(self, script, *words):
-        return subprocess.run(["unshare", "-m", "bash", "-c", f"set -e; tool={OSTREL}\n{script}", "sh", *words],
-                              cwd=self.dir, env=self.env, capture_output=True, timeout=120)
 
 
 def main():
