@@ -10,33 +10,47 @@
 #
 # Each case is run by one bash, in an empty directory `here` of a new MERIDON_ROOT. Its commands come after those that stand
 # before the first title of the file. All that a command prints is compared, and its exit code, which is 0 where no ? says
-# otherwise. In what is expected, ROOT is that root, and … is any text within a line, for a value that varies. "[root]"
-# after a title: the case needs root.
+# otherwise. In what is expected, ROOT is that root, <ff> is a byte that isn't UTF-8, and … is any text within a line, for a
+# value that varies. "[root]" after a title: the case needs root.
 #
-# Beside the tools a command may call: daemon (starts the repository's daemon), serve DATABASE HATCH (starts a server and
-# returns once it can be called; its process is $server), as USER COMMAND, and mounts COMMAND (in a mount namespace).
+# Beside the tools a command may call
+#     daemon [ROOT]           starts the repository's daemon of this or another root; its process is $daemon
+#     serve DATABASE HATCH    starts a server, and returns once it can be called; its process is $server
+#     as USER COMMAND         runs a command as that user
+#     mounts COMMAND          runs a command in a mount namespace of its own
+#     offers TOOL WORD...     prints what bash offers for the last word; what it runs comes from the directory $first first
 import glob
 import os
 import re
+import shutil
 import subprocess
+import tempfile
 import unittest
 
 import ostrel_tool as t
 
 FRAME = """set -o pipefail
+umask 022
 trap 'kill $(jobs -p) 2>/dev/null; wait' EXIT
 as() { local user=$1; shift; setpriv --reuid="$user" --regid="$(id -g "$user")" --clear-groups "$@"; }
 mounts() { unshare -m bash -ec "$1"; }
 daemon() {
-	mkdir -p "$MERIDON_ROOT"/{system/transient,store}
-	cairn.configd -f -d "$MERIDON_ROOT/system/transient/repository_hatch" -r "$MERIDON_ROOT/store/repository.db" &
+	local root=${1:-$MERIDON_ROOT}
+	local hatch=$root/system/transient/repository_hatch
+	mkdir -p "$root"/{system/transient,store}
+	cairn.configd -f -d "$hatch" -r "$root/store/repository.db" &
 	daemon=$!
-	until cairnctl status >/dev/null 2>&1 || ! kill -0 "$daemon"; do sleep 0.01; done
+	until cairnctl --hatch "$hatch" status >/dev/null 2>&1 || ! kill -0 "$daemon"; do sleep 0.01; done
 }
 serve() {
+	: >"$MERIDON_ROOT/served"
 	ostrel serve --json "$@" >"$MERIDON_ROOT/served" &
 	server=$!
 	until [ -s "$MERIDON_ROOT/served" ] || ! kill -0 "$server"; do sleep 0.01; done
+}
+offers() {
+	bash -uc 'source <("$0" completion bash); PATH=$1:$PATH; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _$1
+		for reply in "${COMPREPLY[@]}"; do printf "%s\\n" "$reply"; done' "$(type -P "$1")" "${first:-/}" "$@"
 }
 """
 
@@ -83,10 +97,17 @@ def agrees(expected, lines):
 
 
 class Transcripts(t.ToolTest):
+    # Users besides root can't reach a build tree that lies in root's home.
     @classmethod
     def setUpClass(cls):
-        tools = t.install_tool(cls) if os.geteuid() == 0 else [os.path.dirname(t.OSTREL)]
-        cls.search = ":".join([*tools, os.path.dirname(t.program("cairn.configd", "repository")), os.environ["PATH"]])
+        folders = [os.path.dirname(t.OSTREL)]
+        if os.geteuid() == 0:
+            tree = tempfile.mkdtemp(prefix="ostrel-installed-")
+            os.chmod(tree, 0o755)
+            cls.addClassCleanup(shutil.rmtree, tree, ignore_errors=True)
+            subprocess.run(["cmake", "--install", t.BUILD, "--prefix", tree], check=True, stdout=subprocess.DEVNULL)
+            folders = [f"{tree}/bin", f"{tree}/sbin"]
+        cls.search = ":".join([*folders, os.path.dirname(t.program("cairn.configd", "repository")), os.environ["PATH"]])
 
     # What each step of a case printed, as lines, and its exit code: (out, err, code).
     def run_steps(self, steps):
@@ -104,7 +125,8 @@ class Transcripts(t.ToolTest):
         return [(self.lines(f"out.{i}"), self.lines(f"err.{i}"), int(self.read(f"code.{i}"))) for i in range(len(steps))]
 
     def lines(self, name):
-        text = self.read(name).decode(errors="backslashreplace").replace(self.dir, "ROOT")
+        text = self.read(name).replace(self.dir.encode(), b"ROOT").decode(errors="surrogateescape")
+        text = re.sub("[\udc80-\udcff]", lambda byte: f"<{ord(byte[0]) - 0xdc00:02x}>", text)
         lines = text.split("\n")
         return lines[:-1] if lines[-1] == "" else lines[:-1] + [lines[-1] + "<no newline>"]
 
