@@ -54,18 +54,6 @@ class Frame(t.ToolTest):
             for json_too in (["--json", "version"], ["version", "--json"]):
                 self.assertEqual(f"{name} {self.tool(*json_too).json()['version']}\n", self.text("version"))
 
-    def test_a_wrong_command_line_names_the_word_and_the_next_step(self):
-        for name in self.each():
-            for words, said in (([], "a command"), (["frob"], "'frob'"), (["version", "--frob"], "--frob"), (["show"], "required"),
-                                (["completion", "csh"], "csh"), (["version", "extra"], "extra")):
-                error = self.error(2, *words)
-                self.assertEqual(error["name"], "usage")
-                self.assertIn(said, error["message"])
-                self.assertIn(f"{name} --help", error["hint"])
-                result = self.tool(*words, code=2)
-                self.assertEqual([line.split(": ")[:2] for line in result.err.decode().splitlines()[:1]], [[name, "error"]])
-                self.assertEqual((result.out, self.tool(*words, "--json", code=2).error()), (b"", error))
-
     def test_output_that_cannot_be_written_is_a_failure_and_a_closed_pipe_an_end(self):
         self.write("d", "n=a;\tx=int32,1;\n" * 3)
         for name in self.each():
@@ -78,21 +66,6 @@ class Frame(t.ToolTest):
                 done = subprocess.run(["bash", "-c", script, "sh", *self.command, *words], capture_output=True, cwd=self.dir)
                 self.assertIn(done.stdout, (b"141\n", b"0\n"))  # of the signal, or it was written in time
                 self.assertEqual((self.read("err"), done.returncode), (b"", 1))
-
-    # They make one name look like another: no program shows them, and in JSON they are escaped.
-    def test_marks_that_turn_the_writing_or_hide_are_shown_by_all_programs(self):
-        marks = "a\u061c\u200e\u202e\u2066\u2069\u2063\U000e0041"
-        os.mkdir(self.path(marks))
-        self.write("run/enclaves/7", f"name=web\nroot={self.path(marks)}\nstate=ready\n")
-        self.write("d", f"n={marks};\tx=string,{marks};\n")
-        for name, *words in (["ostrel", "walk", "d"], ["ostrel", "enclaves"], ["ostrel", "get", marks, "a=1"], ["ostrel", marks],
-                             ["enclavectl", "list"], ["enclavectl", "show", marks], ["cairnctl", "--hatch", "/no" + marks, "list"]):
-            self.command = [t.program(name)]
-            for json_too, shown in (([], rb"a\xd8\x9c\xe2\x80\x8e\xe2\x80\xae"), (["--json"], rb"\u061c\u200e\u202e\u2066")):
-                done = self.run_tool(*words, *json_too)
-                said = done.out + done.err
-                self.assertTrue(said.isascii(), said)
-                self.assertTrue(shown in said or rb"\xe2\x80\xae" in said.replace(rb"\\", b"\\"), said)
 
     def test_colour_is_for_terminals_that_want_it(self):
         self.write("d", "n=a;\tx=int32,1;\n")
@@ -119,27 +92,6 @@ class Completion(t.ToolTest):
                 if shutil.which(shell):
                     done = subprocess.run([shell, "-n", self.write("script", script)], capture_output=True)
                     self.assertEqual((done.returncode, done.stderr), (0, b""), shell)
-
-    def test_bash_completes_commands_options_and_files(self):
-        self.write("links.db", "")
-        for words, offered in ((["ostrel", "re"], ["rename", "remove"]), (["ostrel", "--json", "wa"], ["walk"]),
-                               (["ostrel", "walk", "--so"], ["--sort"]), (["ostrel", "ls", "--so"], ["--sort"]),
-                               (["ostrel", "put", "--so"], []), (["ostrel", "get", "li"], ["links.db"]),
-                               (["ostrel", "get", "file", ":", "li"], ["links.db"]), (["ostrel", "walk", "links.db", "-s", ""], []),
-                               (["ostrel", "completion", "f"], ["fish"]), (["ostrel", "version", ""], []),
-                               (["ostrel", "convert", "-t", "l"], ["links.db"]), (["cairnctl", "sh"], ["show"]),
-                               (["cairnctl", "del"], ["delete"]), (["cairnctl", "--hatch", "li"], ["links.db"]),
-                               (["cairnctl", "--hatch", "=", "li"], ["links.db"]), (["cairnctl", "backup", "li"], ["links.db"]),
-                               (["enclavectl", "set"], ["set-state"]), (["enclavectl", "add", "--na"], ["--name"])):
-            with self.subTest(words):
-                self.assertEqual(self.complete(*words), offered)
-
-    def test_bash_completes_enclaves_and_runs_nothing_that_they_are_called(self):
-        for name in ("ostrel", "enclavectl"):
-            os.chmod(self.write(name, "#!/bin/sh\nprintf '7\\tweb\\n8\\tdb\\n9\\tw$(touch ran)\\n'\n"), 0o755)
-        for words in (["ostrel", "walk", "-E"], ["ostrel", "diff", "a", "--other-enclave"], ["enclavectl", "show"], ["cairnctl", "-E"]):
-            self.assertEqual(self.complete(*words, "w", path=self.dir), ["web", "w\\$\\(touch\\ ran\\)"])
-        self.assertFalse(os.path.exists(self.path("ran")))
 
 
 if __name__ == "__main__":

@@ -2,7 +2,6 @@
 import json
 import os
 import pty
-import pwd
 import select
 import shutil
 import signal
@@ -11,6 +10,7 @@ import subprocess
 import sys
 import tempfile
 import termios
+import time
 import fcntl
 import unittest
 
@@ -37,17 +37,6 @@ def document(*objects):
     return json.dumps({"format": "ostrel-objects", "version": 2, "objects": [
         {"id": id, "props": {name: {"type": "string", "values": [value]} for name, value in props.items()}}
         for id, props in objects]}).encode()
-
-
-# Users besides root can't reach a build tree that lies in root's home: the tests of a class run an installed tool.
-def install_tool(cls):
-    tree = tempfile.mkdtemp(prefix="ostrel-installed-")
-    os.chmod(tree, 0o755)
-    cls.addClassCleanup(shutil.rmtree, tree, ignore_errors=True)
-    subprocess.run(["cmake", "--install", BUILD, "--prefix", tree], check=True, stdout=subprocess.DEVNULL)
-    global OSTREL
-    cls.addClassCleanup(globals().__setitem__, "OSTREL", OSTREL)
-    OSTREL = os.path.join(tree, "bin", "ostrel")
 
 
 class Result:
@@ -106,13 +95,6 @@ class ToolTest(unittest.TestCase):
         self.assertEqual(result.error()["code"], code)
         return result.error()
 
-    def as_user(self, user, *words, **more):
-        entry = pwd.getpwnam(user)
-        return self.tool(*words, user=entry.pw_uid, group=entry.pw_gid, extra_groups=[], **more)
-
-    def user_error(self, user, code, *words, **more):
-        return self.as_user(user, "--json", *words, code=code, **more).error()
-
     # Starts a program that is ended with the test, if it hasn't ended by then.
     def start(self, *words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **more):
         process = subprocess.Popen(words, cwd=self.dir, env=self.env, stdout=stdout, stderr=stderr, **more)
@@ -157,20 +139,27 @@ class ToolTest(unittest.TestCase):
         self.assertEqual(child.wait(60), code)
         return seen.replace(b"\r\n", b"\n")
 
-    # What bash offers for the last of these words, each cut as bash cuts it; what it runs meanwhile comes from `path` first.
-    def complete(self, name, *words, path=None):
-        script = """source <("$0" completion bash); name=$1; PATH=$2:$PATH; shift 2
-COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _$name; for reply in "${COMPREPLY[@]}"; do printf '%s\\n' "$reply"; done"""
-        done = subprocess.run(["bash", "-uc", script, program(name), name, path or os.path.dirname(OSTREL), name, *words],
-                              cwd=self.dir, env=self.env, capture_output=True, timeout=60)
-        self.assertEqual((done.returncode, done.stderr), (0, b""))
-        return done.stdout.decode().splitlines()
 
-    # Runs a script of bash in a mount namespace of its own, with the tool as the variable `tool`.
-    @needs_root
-    def with_mounts(self, script, *words):
-        return subprocess.run(["unshare", "-m", "bash", "-c", f"set -e; tool={OSTREL}\n{script}", "sh", *words],
-                              cwd=self.dir, env=self.env, capture_output=True, timeout=120)
+# With a repository's daemon of the test's own, whose store is a file in a directory of its own.
+class DaemonTest(ToolTest):
+    def setUp(self):
+        super().setUp()
+        for directory in ("system/transient", "store"):
+            os.makedirs(self.path(directory))
+        self.env["MERIDON_ROOT"] = self.dir
+        self.start_daemon()
+
+    def start_daemon(self):
+        self.daemon = self.start(program("cairn.configd", "repository"), "-f", "-r", self.path("store/repository.db"),
+                                 "-d", self.path("system/transient/repository_hatch"), stderr=subprocess.DEVNULL)
+        for _ in range(500):
+            if subprocess.run([CAIRNCTL, "status"], env=self.env, capture_output=True).returncode == 0:
+                return
+            time.sleep(0.02)
+        self.fail("the daemon doesn't answer")
+
+    def cairnctl(self, *words):
+        subprocess.run([CAIRNCTL, *words], env=self.env, check=True, capture_output=True)
 
 
 def main():
