@@ -225,6 +225,7 @@ TEST_F(HatchLife, AHandlerCanRevokeItsOwnHatchAndReply)
 TEST_F(HatchLife, RevokingWaitsForHandlersAndTheirRepliesStillArriveUnderLoad)
 {
 	static std::atomic<int> replies;
+	replies = 0;
 	struct Cookie {
 		std::atomic<int> running = 0;
 		std::string text = "what the cookie holds";

@@ -138,6 +138,7 @@ TEST_F(HatchReplies, OfEveryLengthComeThroughWholeAndLeaveNothingBehind)
 	int objects = 0;
 	EXPECT_EQ(ostrel_db_walk(db.get(), nullptr, 0, count, nullptr, &objects, nullptr), OSTREL_SUCCESS);
 	EXPECT_EQ(objects, 10'000);
+	store = {};
 }
 
 // ---- Who may do what ----
@@ -192,6 +193,7 @@ TEST_F(HatchRights, EachUserMayDoWhatTheFileSays)
 	EXPECT_EQ(may("sys"), "PPPPPP");
 	EXPECT_EQ(may("root"), "......");
 	EXPECT_EQ(may(3'000'000'000U), "PPPPPP") << "a user that nobody knows";
+	EXPECT_EQ(answers(user("daemon"), file_.hatch, {"remove ids=a=#1"}), "i") << "an update that leaves no record";
 	EXPECT_EQ(file_.text(), first_text);
 	// A file that is changed counts at once.
 	file_.write_rights("%bin: ostrel.*\n");
