@@ -96,8 +96,10 @@ TEST_F(Rpy, GroupsNestAndGoWithTheirParents)
 
 TEST_F(Rpy, GroupsNestNoDeeperThanAnyClientFollows)
 {
-	Pg pg = client.group();
+	Pg pg = client.group(), stored = client.group();
 	ASSERT_EQ(rpy_instance_add_pg(client.instance, "g", "t", RPY_PG_FLAG_TEMPORARY, pg.get()), 0);
+	FAILS(rpy_pg_add_pg(pg.get(), "s", "t", 0, stored.get()), RPY_ERROR_CONSTRAINT_VIOLATED)
+	    << "it would go with it";
 	int depth = 1;
 	while (rpy_pg_add_pg(pg.get(), "g", "t", RPY_PG_FLAG_TEMPORARY, pg.get()) == 0)
 		depth++;
