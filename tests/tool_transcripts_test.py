@@ -1,4 +1,5 @@
-# Runs the transcripts in tests/golden/tools: command lines of the tools, what each prints, and how it ends.
+# Runs the transcripts in tests/golden/tools: command lines of the tools, what each prints, and how it ends. usage:
+# tool_transcripts_test.py BUILD_DIR SOURCE_DIR [TRANSCRIPT...]
 #
 #     # A comment. Lines that aren't indented are comments, titles or empty.
 #     == The title of a case, a sentence [root]
@@ -24,6 +25,7 @@ import os
 import re
 import shutil
 import subprocess
+import sys
 import tempfile
 import unittest
 
@@ -143,21 +145,21 @@ def shown(out, err, code):
     return [*("  " + line for line in out), *("  ! " + line for line in err), f"  ? {code}"]
 
 
-def add_tests():
-    paths = sorted(glob.glob(os.path.join(t.SOURCE, "tests", "golden", "tools", "*.txt")))
+# One test for each case of a transcript; of all that there are, if none is named.
+def add_tests(*paths):
+    paths = paths or sorted(glob.glob(os.path.join(t.SOURCE, "tests", "golden", "tools", "*.txt")))
     if not paths:
         raise ValueError("no transcripts")
     for path in paths:
         for case in parse(path):
             def test(self, path=path, case=case):
                 self.check(path, case)
-            title = re.sub(r"\W+", "_", case.title)
-            name = f"test_{os.path.basename(path)[:-4]}_{title}"
+            name = f"test_{os.path.basename(path)[:-4]}_" + re.sub(r"\W+", "_", case.title)
             if hasattr(Transcripts, name):
                 raise ValueError(f"{path}: two cases '{case.title}'")
             setattr(Transcripts, name, t.needs_root(test) if case.title.endswith("[root]") else test)
 
 
 if __name__ == "__main__":
-    add_tests()
-    t.main()
+    add_tests(*sys.argv[3:])
+    unittest.main(argv=sys.argv[:1])
