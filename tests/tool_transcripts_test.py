@@ -1,4 +1,5 @@
-# Runs the transcripts in tests/golden/tools: command lines of the tools, what each prints, and how it ends.
+# Runs the transcripts in tests/golden/tools: command lines of the tools, what each prints, and how it ends. usage:
+# tool_transcripts_test.py BUILD_DIR SOURCE_DIR [TRANSCRIPT...]
 #
 #     # A comment. Lines that aren't indented are comments, titles or empty.
 #     == The title of a case, a sentence [root]
@@ -23,7 +24,9 @@ import glob
 import os
 import re
 import shutil
+import signal
 import subprocess
+import sys
 import tempfile
 import unittest
 
@@ -31,6 +34,7 @@ import ostrel_tool as t
 
 FRAME = """set -o pipefail
 umask 022
+cd "$MERIDON_ROOT/here"
 trap 'kill $(jobs -p) 2>/dev/null; wait' EXIT
 as() { local user=$1; shift; setpriv --reuid="$user" --regid="$(id -g "$user")" --clear-groups "$@"; }
 mounts() { unshare -m bash -ec "$1"; }
@@ -117,12 +121,20 @@ class Transcripts(t.ToolTest):
         script = FRAME
         for i, step in enumerate(steps):
             self.write(f"in.{i}", "".join(line + "\n" for line in step.stdin))
-            files = " ".join(f"{redirect}\"$MERIDON_ROOT\"/{name}.{i}" for redirect, name in (("<", "in"), (">", "out"), ("2>", "err")))
-            script += f"{{ {step.command}\n}} {files}; echo $? >\"$MERIDON_ROOT\"/code.{i}\n"
+            files = f"<{self.path('in')}.{i} >{self.path('out')}.{i} 2>{self.path('err')}.{i}"
+            script += f"{{ {step.command}\n}} {files}; echo $? >{self.path('code')}.{i}\n"
         self.env.update(PATH=self.search, MERIDON_ROOT=self.dir, LC_ALL="C.UTF-8")
-        shell = subprocess.run(["bash", "-c", script], cwd=self.path("here"), env=self.env, capture_output=True, timeout=250)
-        self.assertEqual((shell.stdout, shell.stderr), (b"", b""))
+        shell = self.start("bash", "-c", script, stdin=subprocess.DEVNULL, start_new_session=True)
+        self.addCleanup(self.end_all_of, shell.pid)
+        self.assertEqual(shell.communicate(timeout=250), (b"", b""))
         return [(self.lines(f"out.{i}"), self.lines(f"err.{i}"), int(self.read(f"code.{i}"))) for i in range(len(steps))]
+
+    # Whatever a shell that came to no end has left.
+    def end_all_of(self, group):
+        try:
+            os.killpg(group, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
 
     def lines(self, name):
         text = self.read(name).replace(self.dir.encode(), b"ROOT").decode(errors="surrogateescape")
@@ -136,28 +148,29 @@ class Transcripts(t.ToolTest):
             if not agrees(step.out, out) or not agrees(step.err, err) or step.code != code:
                 wrong += [f"{path}:{step.line}: $ {step.command}", "expected:", *shown(step.out, step.err, step.code), "got:",
                           *shown(out, err, code)]
-        self.assertFalse(wrong, "\n" + "\n".join(wrong))
+        if wrong:
+            self.fail("\n".join(["not as expected", *wrong]))
 
 
 def shown(out, err, code):
     return [*("  " + line for line in out), *("  ! " + line for line in err), f"  ? {code}"]
 
 
-def add_tests():
-    paths = sorted(glob.glob(os.path.join(t.SOURCE, "tests", "golden", "tools", "*.txt")))
+# One test for each case of a transcript; of all that there are, if none is named.
+def add_tests(*paths):
+    paths = paths or sorted(glob.glob(os.path.join(t.SOURCE, "tests", "golden", "tools", "*.txt")))
     if not paths:
         raise ValueError("no transcripts")
     for path in paths:
         for case in parse(path):
             def test(self, path=path, case=case):
                 self.check(path, case)
-            title = re.sub(r"\W+", "_", case.title)
-            name = f"test_{os.path.basename(path)[:-4]}_{title}"
+            name = f"test_{os.path.basename(path)[:-4]}_" + re.sub(r"\W+", "_", case.title)
             if hasattr(Transcripts, name):
                 raise ValueError(f"{path}: two cases '{case.title}'")
             setattr(Transcripts, name, t.needs_root(test) if case.title.endswith("[root]") else test)
 
 
 if __name__ == "__main__":
-    add_tests()
-    t.main()
+    add_tests(*sys.argv[3:])
+    unittest.main(argv=sys.argv[:1])
