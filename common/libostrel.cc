@@ -27,6 +27,7 @@ static constexpr struct ostrel_db_cmds files_db_cmds = {
     .dbc_more = &ostrel_more,
     .dbc_commit = ostrel_commit_batch_to_file,
     .dbc_version = ostrel_version_of_file,
+    .dbc_notify = ostrel_notify_of_file,
 };
 
 // Read only, by having no slots to update with.
@@ -40,6 +41,9 @@ static constexpr struct ostrel_db_cmds rawfiles_db_cmds = {
     .dbc_audit = nullptr,
     .dbc_auth = nullptr,
     .dbc_stays = ostrel_idlist_stays,
+    .dbc_more = &ostrel_more,
+    .dbc_version = ostrel_version_of_file,
+    .dbc_notify = ostrel_notify_of_file,
 };
 
 // No audit records here: the server's back end makes them. Where a list leads to, the server alone knows.

@@ -6,6 +6,7 @@
  *   _update              write, rename and remove, and the replacement of a file in its steps
  *   _content             the old file, and what the new one will hold
  *   _batch               many changes in one replacement, with conditions
+ *   _notify              tells when the file may have changed
  *   _newfile, _lock      the new file beside the database, and the lock of updates that lies on it
  *   _select, _scan       the lines of a file that hold a selected object
  *   _fields              the fast path through a line; the general one is the format's, libostrel_lines.h
@@ -50,6 +51,7 @@ ostrel_removecmd_t ostrel_remove_object_from_file;
 ostrel_visitcmd_t ostrel_visit_objects_of_file;
 ostrel_commitcmd_t ostrel_commit_batch_to_file;
 ostrel_versioncmd_t ostrel_version_of_file; // of a raw file, too
+ostrel_notifycmd_t ostrel_notify_of_file;   // of a raw file, too
 
 // ---- What they are made of ----
 

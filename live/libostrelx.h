@@ -118,6 +118,77 @@ typedef int ostrelx_changecb_t(attrlist_t *idl, attrlist_t *props, boolean_t exi
 ostrelx_error_t ostrelx_modify(
     ostrel_db_t db, attrlist_t *idl, uint64_t flags, ostrelx_changecb_t *change, void *arg, int *stopped);
 
+/* ---- Watches ---- */
+
+typedef struct ostrelx_watch *ostrelx_watch_t;
+
+typedef enum ostrelx_event_kind MERIDON_ENUM32 {
+	OSTRELX_EVENT_RESET =
+	    1, /* forget everything: all objects follow. The first event, unless a token could be resumed */
+	OSTRELX_EVENT_PUT = 2,     /* an object is there, with these properties */
+	OSTRELX_EVENT_REMOVE = 3,  /* an object isn't there any more, or isn't selected any more */
+	OSTRELX_EVENT_SYNCED = 4,  /* what came so far is a state of the store: act on it, keep `token` */
+	OSTRELX_EVENT_CHANGED = 5, /* OSTRELX_WATCH_BARE: something may have changed */
+	OSTRELX_EVENT_LOST =
+	    6 /* no server, no daemon, no right: `error`. What is held may be old. The watch goes on trying */
+} ostrelx_event_kind_t;
+
+typedef struct ostrelx_event {
+	ostrelx_event_kind_t kind;
+	ostrelx_error_t error;
+	attrlist_t *idl;     /* PUT, REMOVE */
+	attrlist_t *props;   /* PUT */
+	const char *version; /* PUT */
+	const char *token;   /* SYNCED */
+} ostrelx_event_t;
+
+#define OSTRELX_WATCH_BARE 0x10000 /* no contents: RESET and CHANGED alone; nothing is read, nothing is kept */
+#define OSTRELX_TOKEN_SIZE 64      /* room for a token, NUL included */
+
+/*
+ * Watches the objects that `idl` selects, as a walk does; NULL: all. `token` is what an earlier watch of the same selection gave,
+ * or NULL. `flags` are OSTRELX_WATCH_BARE, and those of a walk.
+ *
+ * What a watch promises, between what was handed out up to one SYNCED (S1) and up to the next one (S2):
+ *   - S2 is what the store held: a file's whole content at one moment, in the repository each object at a moment between the two.
+ *   - It never goes back: no object of S2 is older than in S1.
+ *   - It gets there: if nothing changes any more, a SYNCED with all changes comes, whatever was missed, overflowed or restarted
+ *     meanwhile. Not promised is each state in between: changes are coalesced, and what was changed and changed back needn't show.
+ *   - An object comes once between two SYNCED, but for a RESET, after which only what follows counts.
+ *   - Of a file: an update that was acknowledged before a call of ostrelx_watch_next() that gives OSTRELX_NOTHING is in what was
+ *     handed out. Elsewhere it comes soon after.
+ * With a token nothing but SYNCED comes at first, if the selection holds what it held then; else RESET and everything.
+ * Of several objects with the same identifiers one is kept, and may be handed out again at each change of the database.
+ *
+ * Opening reads nothing and waits for nobody. A file that isn't there holds no object; it is watched for.
+ * Not seen in a file are changes by mmap(), by another host and below an overlay.
+ *
+ * Forks:   a watch stays its process's: a child closes it, or leaves it alone.
+ * Owns:    *watchp is new; close it before the database. `idl` and `token` are copied.
+ * Errors:  OSTREL_NOTSUP; OSTREL_NO_MEMORY; OSTREL_INVALID_ARG; what making its descriptors gave
+ * Limits:  100 bytes and the identifiers' text for each object that is watched; while events wait to be taken, their contents too
+ */
+ostrelx_error_t ostrelx_watch_open(
+    ostrel_db_t db, attrlist_t *idl, uint64_t flags, const char *token, ostrelx_watch_t *watchp);
+
+/*
+ * Gives the descriptor to wait on for POLLIN, one for the watch's whole life: an epoll set, so that poll(), epoll and every event
+ * loop take it. It is level-triggered: readable as long as next() may have something, and at first. Not to be read, closed or
+ * passed on. -1 for NULL.
+ */
+int ostrelx_watch_fd(ostrelx_watch_t watch);
+
+/*
+ * Gives the next event. It doesn't wait for changes; it reads the store.
+ *
+ * Owns:    the event's lists and texts are the watch's, until the next call. The caller may change them.
+ * Errors:  OSTRELX_NOTHING; OSTREL_NO_MEMORY: call it again, nothing is lost, though everything may come again after a RESET
+ */
+ostrelx_error_t ostrelx_watch_next(ostrelx_watch_t watch, ostrelx_event_t *event);
+
+/* Ends a watch. Takes NULL. */
+void ostrelx_watch_close(ostrelx_watch_t watch);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
