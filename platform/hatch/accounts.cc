@@ -36,7 +36,8 @@ Peer *holding_of(const Account &account)
 	return peer;
 }
 
-// The idle ones first, then those that hold something, those with a dedicated thread, and the ready ones.
+// The idle ones first, then the parked ones, which only ask again, those that hold something, those with a dedicated thread, and
+// the ready ones.
 Peer *unused_of(const Account &account, const Peer *but)
 {
 	Peer *dedicated = nullptr;
@@ -50,6 +51,8 @@ Peer *unused_of(const Account &account, const Peer *but)
 		if (!peer->dedicated)
 			break; // it holds something, and many may follow
 	}
+	if (account.parked.first != nullptr)
+		return account.parked.first;
 	if (Peer *holding = holding_of(account))
 		return holding;
 	if (dedicated != nullptr)
@@ -101,6 +104,7 @@ bool join(Hatch *hatch, Peer *peer)
 void leave(Hatch *hatch, Peer *peer)
 {
 	Account *account = peer->account;
+	end_ticket(hatch, peer);
 	count_out(hatch, peer);
 	hatch->peers.leave(peer);
 	if (--account->connections > 0)
@@ -119,11 +123,19 @@ void become_idle(Peer *peer)
 	peer->account->idle.join(peer);
 }
 
+void become_parked(Peer *peer)
+{
+	peer->in_queue = Queue::parked;
+	peer->account->parked.join(peer);
+}
+
 void leave_queue(Peer *peer)
 {
 	Account *account = peer->account;
 	if (peer->in_queue == Queue::idle)
 		account->idle.leave(peer);
+	else if (peer->in_queue == Queue::parked)
+		account->parked.leave(peer);
 	else if (peer->in_queue == Queue::ready) {
 		account->ready.leave(peer);
 		account->queued--;

@@ -11,6 +11,7 @@
 #include "base/clock.h"
 #include "base/fail.h"
 #include "hatch/call.h"
+#include "hatch/call_steps.h"
 #include "hatch/connections.h"
 #include "hatch/hatches.h"
 #include "hatch/wire.h"
@@ -21,18 +22,25 @@ namespace {
 thread_local bool open_fate = false;
 thread_local FollowUp *follow_up = nullptr;
 
-// What a call came to: its errno value, and whether the connection can serve another one.
+// What a call came to: its errno value, whether the connection can serve another one, and whether the server said anything.
 struct Outcome {
 	int error;
 	bool reusable;
+	bool heard;
 };
 
 constexpr Outcome broken(int error)
 {
-	return {error, false};
+	return {error, false, true};
 }
 
-// A connection that fails has lost its server. Errors that the caller can do something about stay what they are.
+constexpr Outcome unheard(int error)
+{
+	return {error, false, false};
+}
+
+} // namespace
+
 int connection_error(int error)
 {
 	switch (error) {
@@ -48,31 +56,7 @@ int connection_error(int error)
 	}
 }
 
-// The end of a call, whatever the server does meanwhile: sending a byte now and then doesn't prolong it. A process that was
-// stopped beyond it gets one more second, once: the server may have been stopped as well.
-class CallEnd {
-public:
-	explicit CallEnd(int seconds) : end_(seconds > 0 ? Deadline::in(seconds * second_ns) : Deadline::never()) {}
-
-	// Seconds that the next step may wait, rounded up, or `without_end`. False if the time is over.
-	bool left(int *seconds)
-	{
-		*seconds = without_end;
-		if (end_.is_never())
-			return true;
-		*seconds = end_.left_seconds();
-		if (*seconds == 0 && !late_) {
-			late_ = true;
-			end_ = Deadline::in(second_ns);
-			*seconds = 1;
-		}
-		return *seconds > 0;
-	}
-
-private:
-	Deadline end_;
-	bool late_ = false;
-};
+namespace {
 
 // Sets the timeout of each message. A connection keeps it, so that calls with one bound set it once.
 void set_timeout(Connection *connection, int seconds)
@@ -107,6 +91,8 @@ int send(Connection *connection, CallEnd &end, const iovec *parts, size_t count)
 	return ETIMEDOUT;
 }
 
+} // namespace
+
 // Once the time is over, it takes what has arrived.
 int receive(Connection *connection, CallEnd &end, iovec *parts, size_t count, Message *message)
 {
@@ -126,14 +112,17 @@ int receive(Connection *connection, CallEnd &end, iovec *parts, size_t count, Me
 	}
 }
 
-int send_first(Connection *connection, const hatch_arg_t &arg, CallEnd &end, size_t *sent)
+int send_first(Connection *connection, const Request &request, CallEnd &end, size_t *sent)
 {
-	RequestHead head = {wire_magic, 0, arg.data_size};
+	const hatch_arg_t &arg = request.arg;
+	RequestHead head = {wire_magic, request.channel, arg.data_size};
 	size_t size = std::min(arg.data_size, connection->piece);
 	iovec parts[] = {{&head, sizeof head}, {arg.data_ptr, size}};
 	*sent = size;
 	return send(connection, end, parts, size == 0 ? 1 : 2);
 }
+
+namespace {
 
 // The server has hung up in the middle of a request: the reason, if it sent one, or `error`.
 int refusal_or(const Connection &connection, int error)
@@ -147,6 +136,8 @@ int refusal_or(const Connection &connection, int error)
 	}
 	return error;
 }
+
+} // namespace
 
 int send_rest(Connection *connection, const hatch_arg_t &arg, CallEnd &end, size_t sent)
 {
@@ -162,6 +153,8 @@ int send_rest(Connection *connection, const hatch_arg_t &arg, CallEnd &end, size
 	}
 	return 0;
 }
+
+namespace {
 
 // Receives the `size` bytes that follow the first message. Memory of our own gets its pages here, as far as the next piece can
 // reach.
@@ -186,12 +179,7 @@ int receive_rest(Connection *connection, CallEnd &end, char *data, size_t size, 
 	return 0;
 }
 
-// The first message of a reply.
-struct FirstMessage {
-	ReplyHead head;
-	size_t size;      // payload bytes in this message
-	size_t in_buffer; // how many of them are in the caller's buffer; the others are in the connection's spill
-};
+} // namespace
 
 int receive_first(Connection *connection, const hatch_arg_t &arg, CallEnd &end, FirstMessage *first)
 {
@@ -212,13 +200,12 @@ int receive_first(Connection *connection, const hatch_arg_t &arg, CallEnd &end, 
 	return first->size <= first->head.size ? 0 : EPROTO;
 }
 
-// Gathers a reply that the caller has no room for in a fresh mapping.
-int gather(Connection *connection, const hatch_arg_t &arg, CallEnd &end, const FirstMessage &first, Mapping *reply)
+// A size is only a claim, as long as the bytes haven't come.
+bool begin_gathering(Connection *connection, const hatch_arg_t &arg, const FirstMessage &first, Mapping *reply)
 {
 	size_t size = first.head.size;
-	// A size is only a claim, as long as the bytes haven't come.
 	if (!reply->map(size, first.size == size ? Fill::now : Fill::on_use))
-		return ENOMEM;
+		return false;
 	if (first.size < size)
 		fill_pages(reply->data(), first.size);
 	if (first.in_buffer > 0)
@@ -226,17 +213,27 @@ int gather(Connection *connection, const hatch_arg_t &arg, CallEnd &end, const F
 	size_t others = first.size - first.in_buffer;
 	if (others > 0)
 		memcpy(reply->data() + first.in_buffer, connection->spill.data(), others);
-	return receive_rest(connection, end, reply->data() + first.size, size - first.size, Memory::own);
+	return true;
+}
+
+namespace {
+
+// Gathers a reply that the caller has no room for.
+int gather(Connection *connection, const hatch_arg_t &arg, CallEnd &end, const FirstMessage &first, Mapping *reply)
+{
+	if (!begin_gathering(connection, arg, first, reply))
+		return ENOMEM;
+	return receive_rest(connection, end, reply->data() + first.size, first.head.size - first.size, Memory::own);
 }
 
 Outcome receive_reply(Connection *connection, CallEnd &end, size_t reply_max, hatch_arg_t *arg)
 {
 	FirstMessage first;
 	if (int error = receive_first(connection, *arg, end, &first))
-		return broken(error);
+		return unheard(error);
 	if (first.head.refusal != 0) {
 		open_fate = first.head.refusal == static_cast<uint32_t>(Refusal::no_reply); // the handler ran
-		return {refusal_errno(first.head.refusal), first.head.size == 0};
+		return {refusal_errno(first.head.refusal), first.head.size == 0, true};
 	}
 	size_t size = first.head.size;
 	if (reply_max != 0 && size > reply_max)
@@ -254,16 +251,17 @@ Outcome receive_reply(Connection *connection, CallEnd &end, size_t reply_max, ha
 		arg->rsize = size;
 	}
 	arg->data_size = size;
-	return {0, true};
+	return {0, true, true};
 }
 
 // How often a server with too many connections may drop a new one before anything was sent over it.
 constexpr int attempts_max = 20;
 
-// Sends the first message over a kept connection, or a new one. Kept connections that the server has closed meanwhile don't
-// count as attempts: nothing of the call was sent over them.
+} // namespace
+
+// Kept connections that the server has closed meanwhile don't count as attempts: nothing of the call was sent over them.
 int begin_call(
-    int fd, const Attachment &attachment, const hatch_arg_t &arg, CallEnd &end, Connection **out, size_t *sent)
+    int fd, const Attachment &attachment, const Request &request, CallEnd &end, Connection **out, size_t *sent)
 {
 	const uid_t user = getuid();
 	int error = EBADF;
@@ -277,7 +275,7 @@ int begin_call(
 			if (unconnected != 0)
 				return unconnected == EAGAIN || unconnected == EINTR ? ETIMEDOUT : unconnected;
 		}
-		error = send_first(*out, arg, end, sent);
+		error = send_first(*out, request, end, sent);
 		if (error == 0)
 			return 0;
 		drop_connection(*out);
@@ -287,7 +285,29 @@ int begin_call(
 	return connection_error(error);
 }
 
-int call(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
+namespace {
+
+// Whether a server that hung up on a request lives and serves, as nothing but an answer can tell: one that is about to end holds
+// its record still. A request of a size that nobody may have is refused, and reaches no handler, by any server.
+bool still_serves(int fd, const Attachment &attachment, CallEnd &end)
+{
+	int seconds;
+	Connection *connection;
+	if (!record_is_locked(fd) || !end.left(&seconds) ||
+	    make_connection(fd, attachment, getuid(), seconds, &connection) != 0)
+		return false;
+	RequestHead head = {wire_magic, 0, UINT64_MAX};
+	ReplyHead answer = {};
+	iovec sent = {&head, sizeof head}, received = {&answer, sizeof answer};
+	Message message;
+	const bool answered =
+	    send(connection, end, &sent, 1) == 0 && receive(connection, end, &received, 1, &message) == 0 &&
+	    message.size == static_cast<ssize_t>(head_size) && answer.magic == wire_magic && answer.refusal != 0;
+	drop_connection(connection);
+	return answered;
+}
+
+int call(int fd, uint32_t channel, hatch_arg_t *arg, int seconds, size_t reply_max)
 {
 	RecordState state;
 	if (!read_state(fd, &state))
@@ -295,9 +315,9 @@ int call(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 	CallEnd end(seconds);
 	Connection *connection;
 	size_t sent;
-	if (int error = begin_call(fd, state.attachment, *arg, end, &connection, &sent))
+	if (int error = begin_call(fd, state.attachment, {channel, *arg}, end, &connection, &sent))
 		return error;
-	Outcome outcome = broken(send_rest(connection, *arg, end, sent));
+	Outcome outcome = unheard(send_rest(connection, *arg, end, sent));
 	if (outcome.error == 0) {
 		open_fate = true;
 		outcome = receive_reply(connection, end, reply_max, arg);
@@ -306,7 +326,11 @@ int call(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 		if (open_fate && follow_up != nullptr)
 			follow_up->send(connection->socket.get());
 		drop_connection(connection);
-		return outcome.error;
+		const bool unknown = channel != 0 && outcome.error == EBADF && !outcome.heard;
+		if (!unknown || !still_serves(fd, state.attachment, end))
+			return outcome.error;
+		open_fate = false;
+		return ENOSYS;
 	}
 	keep_connection(connection);
 	if (!state.marked)
@@ -382,7 +406,7 @@ int hatch_call(int fd, hatch_arg_t *arg)
 	return hatch_call_bounded(fd, arg, 0, 0);
 }
 
-int hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
+static int call_checked(int fd, uint32_t channel, hatch_arg_t *arg, int seconds, size_t reply_max)
 {
 	CancellationWaits cancellation; // a call that is cancelled half-way would leak its connection
 	hatch::open_fate = false;
@@ -390,7 +414,17 @@ int hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
 		return fail_with(EFAULT);
 	if (arg->desc_num != 0)
 		return fail_with(ENOTSUP);
-	return fail_with(hatch::call(fd, arg, seconds, reply_max));
+	return fail_with(hatch::call(fd, channel, arg, seconds, reply_max));
+}
+
+int hatch_call_bounded(int fd, hatch_arg_t *arg, int seconds, size_t reply_max)
+{
+	return call_checked(fd, 0, arg, seconds, reply_max);
+}
+
+int hatch_call_channel(int fd, uint32_t channel, int seconds, hatch_arg_t *arg)
+{
+	return call_checked(fd, channel, arg, seconds, 0);
 }
 
 int hatch_info(int fd, hatch_info_t *info)

@@ -174,6 +174,7 @@ void keep_connection(Connection *connection)
 
 void drop_connection(Connection *connection)
 {
+	enter_process(); // the first call of a child may be this one
 	MutexLock hold(table_lock);
 	table.used.leave(connection);
 	delete connection;

@@ -10,6 +10,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "base/fail.h"
 #include "base/memory_gate.h"
 #include "base/process_mark.h"
 #include "hatch/server.h"
@@ -113,7 +114,7 @@ struct Call {
 	Peer *peer;
 	CallMemory *memory;
 	ProcessMark process; // that it was made in
-	bool answered;
+	bool answered;       // or to be parked: its handler has ended it
 };
 
 struct ReplyMemory {
@@ -129,7 +130,7 @@ extern "C" void hatch_enter_handler(Call *call, char *data, size_t size) __attri
 extern "C" void hatch_enter_handler(Call *call, char *data, size_t size)
 {
 	if (sigsetjmp(call->back, 0) == 0)
-		call->hatch->handler(call->hatch->cookie, data, size, nullptr, 0);
+		call->peer->channel->handler(call->peer->channel->cookie, data, size, nullptr, 0);
 }
 
 Call *running_call()
@@ -149,7 +150,8 @@ bool room_soon(const Hatch &hatch, const Peer &peer)
 void settle(Hatch *hatch, Peer *peer)
 {
 	unhold(hatch, peer);
-	if (Call *call = current)
+	Call *call = current;
+	if (call != nullptr && call->peer == peer) // and not that of a handler which answers another one's call
 		call->memory->give_back();
 }
 
@@ -235,12 +237,16 @@ void run_call(Hatch *hatch, Peer *peer, char *data, size_t size)
 	// A forked child has nobody to reply to, and must not touch what it shares with its parent.
 	if (!call.process.is_own())
 		_exit(EXIT_FAILURE);
+	if (peer->ticket != nullptr && !peer->parks) {
+		MutexLock hold_lock(hatch->lock);
+		end_ticket(hatch, peer);
+	}
 	if (!call.answered)
 		send_reply(hatch, peer, Refusal::no_reply, nullptr, 0);
 	give_up_large_memory();
 }
 
-void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, size_t size)
+void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, size_t size, Patience patience)
 {
 	size_t sent = std::min(size, peer->piece);
 	if (sent == size)
@@ -251,7 +257,7 @@ void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, siz
 		error = send_pieces(hatch, peer, data, size, &sent);
 		if (error != EAGAIN)
 			continue;
-		if (!room_soon(*hatch, *peer))
+		if (patience == Patience::none || !room_soon(*hatch, *peer))
 			return put_aside(hatch, peer, data + sent, size - sent);
 		error = 0;
 	}
@@ -290,6 +296,34 @@ int hatch_return(const char *data, size_t size, hatch_desc_t *descs, unsigned in
 	}
 	call->answered = true;
 	siglongjmp(call->back, 1);
+}
+
+int hatch_ticket(uint64_t *ticket)
+{
+	hatch::Call *call = ticket == nullptr ? nullptr : hatch::running_call();
+	return fail_with(call == nullptr ? EINVAL : hatch::give_ticket(call->hatch, call->peer, ticket));
+}
+
+int hatch_park(void)
+{
+	hatch::Call *call = hatch::running_call();
+	if (call == nullptr || call->peer->ticket == nullptr)
+		return fail_with(EINVAL);
+	{
+		CancellationWaits cancellation;
+		hatch::settle(call->hatch, call->peer);
+	}
+	call->answered = call->peer->parks = true;
+	siglongjmp(call->back, 1);
+}
+
+int hatch_will_wait(void)
+{
+	hatch::Call *call = hatch::running_call();
+	if (call == nullptr)
+		return fail_with(EINVAL);
+	hatch::ensure_waiting(call->hatch);
+	return 0;
 }
 
 void *hatch_reply_memory(size_t size)

@@ -112,7 +112,7 @@ int watch(const Hatch &hatch, const Fd &fd, uint32_t how)
 {
 	struct epoll_event event = {};
 	event.events = how;
-	event.data.ptr = const_cast<Fd *>(&fd);
+	event.data.u64 = event_of(&fd);
 	return epoll_ctl(hatch.events.get(), EPOLL_CTL_ADD, fd.get(), &event) == -1 ? errno : 0;
 }
 
@@ -142,8 +142,8 @@ int make(hatch_handler_t *handler, void *cookie, int *fd)
 	auto *hatch = new (std::nothrow) Hatch{};
 	if (hatch == nullptr)
 		return ENOMEM;
-	hatch->handler = handler;
-	hatch->cookie = cookie;
+	hatch->main.handler = handler;
+	hatch->main.cookie = cookie;
 	hatch->lock.init();
 	hatch->accept_lock.init();
 	hatch->ended.init();
@@ -193,12 +193,12 @@ void unlist(Hatch *hatch)
 	*link = hatch->next;
 }
 
-// Returns when no other thread of the hatch is left. True if the calling thread isn't one of them either.
+// Returns when no other thread of the hatch is left, nor one that answers a call. True if the calling thread isn't one of them either.
 bool wait_for_threads(Hatch *hatch)
 {
 	int own = running_hatch() == hatch ? 1 : 0;
 	MutexLock hold(hatch->lock);
-	while (hatch->threads > own)
+	while (hatch->threads > own || hatch->uses > 0)
 		hatch->ended.wait(hatch->lock);
 	hatch->orphan = own != 0;
 	return own == 0;
@@ -292,6 +292,8 @@ void destroy(Hatch *hatch) NO_THREAD_SAFETY_ANALYSIS
 		leave(hatch, peer);
 		delete peer;
 	}
+	forget_sources(hatch);
+	forget_channels(hatch);
 	assert(hatch->held == 0 && hatch->live == 0 && hatch->in_ring == 0 && hatch->ring.empty());
 	hatch->lock.destroy();
 	hatch->accept_lock.destroy();

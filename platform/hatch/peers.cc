@@ -55,7 +55,7 @@ bool add_peer(Hatch *hatch, Fd socket)
 			become_idle(peer);
 		}
 	}
-	if (joined && arm(*hatch, EPOLL_CTL_ADD, fd, EPOLLIN | EPOLLRDHUP, peer) == 0) {
+	if (joined && arm(*hatch, EPOLL_CTL_ADD, fd, EPOLLIN | EPOLLRDHUP, event_of(peer)) == 0) {
 		if (all_live > connections_max())
 			evict_connection(peer);
 		return true;
@@ -111,11 +111,11 @@ bool accept_one(Hatch *hatch)
 
 } // namespace
 
-int arm(const Hatch &hatch, int how, int fd, uint32_t events, void *what)
+int arm(const Hatch &hatch, int how, int fd, uint32_t events, uint64_t what)
 {
 	struct epoll_event event = {};
 	event.events = events | EPOLLONESHOT;
-	event.data.ptr = what;
+	event.data.u64 = what;
 	return epoll_ctl(hatch.events.get(), how, fd, &event) == -1 ? errno : 0;
 }
 
@@ -123,7 +123,7 @@ int watch_listener(Hatch *hatch)
 {
 	MutexLock hold_accept(hatch->accept_lock);
 	hatch->listening = hatch->point.listener.get();
-	return arm(*hatch, EPOLL_CTL_ADD, hatch->listening, EPOLLIN, &hatch->point.listener);
+	return arm(*hatch, EPOLL_CTL_ADD, hatch->listening, EPOLLIN, event_of(&hatch->point.listener));
 }
 
 void forget_listener(Hatch *hatch)
@@ -137,7 +137,7 @@ void resume_accepting(Hatch *hatch)
 	hatch->paused = false;
 	MutexLock hold_accept(hatch->accept_lock);
 	if (hatch->listening != -1)
-		(void) arm(*hatch, EPOLL_CTL_MOD, hatch->listening, EPOLLIN, &hatch->point.listener);
+		(void) arm(*hatch, EPOLL_CTL_MOD, hatch->listening, EPOLLIN, event_of(&hatch->point.listener));
 }
 
 void accept_peers(Hatch *hatch)
@@ -152,10 +152,13 @@ void accept_peers(Hatch *hatch)
 }
 
 // The thread that reads the resulting event closes it. What an idle client has sent already is still served, and what it
-// sends from now on fails on its side, so that no call is lost. The caller of an unfinished request gets a refusal.
+// sends from now on fails on its side, so that no call is lost. The caller of an unfinished request, and
+// of a parked call, gets a refusal.
 void drop(Hatch *hatch, Peer *peer)
 {
-	if (!peer->dedicated && peer->request)
+	if (peer->in_queue == Queue::parked)
+		let_go(hatch, peer);
+	else if (!peer->dedicated && peer->request)
 		send_refusal(*peer, Refusal::no_memory);
 	(void) shutdown(peer->socket.get(), peer->held > 0 ? SHUT_RDWR : SHUT_RD);
 	count_out(hatch, peer);

@@ -34,13 +34,15 @@ void refuse(Hatch *hatch, Peer *peer, Refusal refusal, bool whole)
 
 void complete(Hatch *hatch, Peer *peer, char *data, size_t size)
 {
-	if (size < hatch->data_min)
+	const Channel &channel = *peer->channel;
+	if (channel.number == 0 && size < hatch->data_min)
 		return refuse(hatch, peer, Refusal::too_short, true);
 	if (hatch->revoked) {
 		peer->finished = true;
 		return;
 	}
-	ensure_waiting(hatch);
+	if ((channel.flags & HATCH_NEVER_WAITS) == 0)
+		ensure_waiting(hatch);
 	run_call(hatch, peer, data, size);
 }
 
@@ -261,7 +263,8 @@ void serve_request(Hatch *hatch, Peer *peer, RequestMemory *memory, const Messag
 	RequestHead head = {};
 	memcpy(&head, memory->map.data(), head_size);
 	size_t have = static_cast<size_t>(message.size) - head_size;
-	if (message.size < static_cast<ssize_t>(head_size) || head.magic != wire_magic || head.zero != 0 ||
+	peer->channel = find_channel(*hatch, head.channel);
+	if (message.size < static_cast<ssize_t>(head_size) || head.magic != wire_magic || peer->channel == nullptr ||
 	    have > head.size) {
 		peer->finished = true;
 		return;
@@ -281,7 +284,7 @@ void serve_request(Hatch *hatch, Peer *peer, RequestMemory *memory, const Messag
 
 bool is_idle(const Peer &peer)
 {
-	return !peer.finished && !peer.request && !peer.rest;
+	return !peer.finished && !peer.parks && !peer.request && !peer.rest;
 }
 
 // Waits a little for the next request of a client that asks again and again. That is cheaper than to arm its event. Meanwhile
@@ -319,9 +322,10 @@ void serve_requests(Hatch *hatch, Peer *peer, RequestMemory *memory)
 		serve_request(hatch, peer, memory, message);
 }
 
-// Ends the turn of a connection: it is closed, or idle with its event armed. Another thread may then have it at once, but
-// can't close it before this one has given up the lock.
-void end(Hatch *hatch, Peer *peer)
+} // namespace
+
+// Another thread may have the connection as soon as its event is armed, but can't close it before this one has given up the lock.
+void finish_turn(Hatch *hatch, Peer *peer)
 {
 	const uint32_t events = peer->rest ? EPOLLOUT : EPOLLIN | EPOLLRDHUP;
 	bool finished = peer->finished;
@@ -331,7 +335,7 @@ void end(Hatch *hatch, Peer *peer)
 		if (!finished) {
 			peer->in_hand = false;
 			become_idle(peer);
-			finished = arm(*hatch, EPOLL_CTL_MOD, peer->socket.get(), events, peer) != 0;
+			finished = arm(*hatch, EPOLL_CTL_MOD, peer->socket.get(), events, event_of(peer)) != 0;
 			if (finished)
 				leave_queue(peer);
 		}
@@ -345,8 +349,6 @@ void end(Hatch *hatch, Peer *peer)
 		delete peer;
 }
 
-} // namespace
-
 void serve_peer(Hatch *hatch, Peer *peer, RequestMemory *memory)
 {
 	if (peer->finished)
@@ -358,7 +360,8 @@ void serve_peer(Hatch *hatch, Peer *peer, RequestMemory *memory)
 	else
 		serve_requests(hatch, peer, memory);
 	peer->since = now_ns();
-	end(hatch, peer);
+	if (!peer->parks || !park(hatch, peer))
+		finish_turn(hatch, peer);
 }
 
 } // namespace hatch

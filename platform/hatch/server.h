@@ -21,12 +21,15 @@
 //   then the connection is idle again, with its event armed, or it is closed.
 //   Another thread may end a connection from outside only by drop(): it shuts the socket down and stops counting it; the
 //   thread that reads the resulting event closes it.
+//   A call may be parked at the end of its turn (tickets.h): its connection is in nobody's hand, with its event armed for a
+//   hang-up alone, and is found by its ticket. Whoever takes the ticket out of the table has the connection: a thread that
+//   answers (hatch_answer(), any thread of the process), that reads the hang-up, or that drops it.
 //
 // Life of a hatch
 //   hatch_create() makes it, in the list of the process. fattach() puts its record and its listening socket into the file
 //   system (attach_point.h) and starts its first thread. hatch_revoke() takes the record and the socket away, refuses new
-//   requests, waits for its threads (running handlers reply before) and frees it. A handler that revokes its own hatch
-//   leaves it an orphan, which its last thread frees. A forked child gets none of it: renew() in hatches.cc.
+//   requests, waits for its threads (running handlers reply before) and for answers on their way, and frees it with what
+//   is parked. A handler that revokes its own hatch leaves it an orphan, which its last thread frees. A forked child gets none of it: renew() in hatches.cc.
 //
 // Locks, in the order in which they are taken
 //   the list's (hatches.cc)   which hatches there are; held around attaching, evicting, draining
@@ -62,6 +65,7 @@
 #include "hatch/mapping.h"
 #include "hatch/pool.h"
 #include "hatch/record.h"
+#include "hatch/tickets.h"
 #include "hatch/user_table.h"
 #include "hatch/wire.h"
 
@@ -87,9 +91,30 @@ struct RequestMemory {
 
 struct Account;
 
-// Which queue of its user a connection is in: `idle` with its event armed, `ready` for a thread, or none while a thread has
-// it. One with a dedicated thread stays in `idle`, so that it can be dropped.
-enum class Queue { none, idle, ready };
+// Which queue of its user a connection is in: `idle` with its event armed, `ready` for a thread, `parked` with its call, or
+// none while a thread has it. One with a dedicated thread stays in `idle`, so that it can be dropped.
+enum class Queue { none, idle, ready, parked };
+
+// A handler, for the requests that name its channel. Never changed nor freed while the hatch lives, so that it is read without a lock.
+struct Channel {
+	uint32_t number;
+	hatch_handler_t *handler;
+	void *cookie;
+	unsigned int flags;
+	std::atomic<Channel *> next{nullptr};
+};
+
+// A descriptor that the hatch's threads wait for. Guarded by the hatch's lock.
+struct Source {
+	Source *next;
+	const uint64_t number;
+	const int fd;
+	void (*const ready)(void *);
+	void *const cookie;
+	bool runs = false;
+	bool removed = false; // while it ran
+	pthread_t runner = {};
+};
 
 // A connection from a client. Fields without another word are those of the thread that has the connection.
 struct Peer {
@@ -99,13 +124,14 @@ struct Peer {
 
 	// Guarded by the hatch's lock.
 	Links<Peer> all;   // in the hatch
-	Links<Peer> queue; // in its user's idle or ready ones
+	Links<Peer> queue; // in one of its user's queues
 	Links<Peer> hold;  // in its user's holding ones
 	Account *account = nullptr;
 	Queue in_queue = Queue::none;
-	int64_t held_since = 0; // when it began to hold something
-	bool dropped = false;   // shut down from outside; it doesn't count any more
-	bool dedicated = false; // a thread waits for its next request
+	int64_t held_since = 0;   // when it began to hold something
+	bool dropped = false;     // shut down from outside; it doesn't count any more
+	bool dedicated = false;   // a thread waits for its next request
+	Ticket *ticket = nullptr; // of its call; changed under the lock
 
 	Fd socket;
 	const uid_t connector;                // the user who connected
@@ -118,10 +144,12 @@ struct Peer {
 	Mapping request;                      // a request that comes slowly, or is too large for the thread's memory
 	size_t request_size = 0;
 	size_t request_have = 0;
-	struct ucred sender = {}; // who sent the request
-	Mapping rest;             // what is left of a reply that the client didn't take at once
+	const Channel *channel = nullptr; // that the request is for
+	struct ucred sender = {};         // who sent the request
+	Mapping rest;                     // what is left of a reply that the client didn't take at once
 	size_t rest_sent = 0;
 	bool called = false;   // it has sent a request
+	bool parks = false;    // its call is to be parked at the end of the turn
 	bool finished = false; // its thread is to close it
 };
 
@@ -140,6 +168,7 @@ struct Account {
 	int running = 0;         // threads that have one of its connections
 	PeerQueue idle;          // by their last use
 	PeerQueue ready;
+	PeerQueue parked;               // by the time when they were
 	Row<Peer, &Peer::hold> holding; // by the time when it began
 
 	Links<Account> turn; // in the ring: it has ready connections, and may have another thread
@@ -180,8 +209,7 @@ struct Hatch {
 	int fd;      // what the owner was given, and which socket it must still be
 	ino_t inode;
 
-	hatch_handler_t *handler;
-	void *cookie;
+	Channel main; // channel 0, with the others in its list
 	std::atomic<size_t> data_min;
 
 	Fd events;        // the epoll set
@@ -191,14 +219,18 @@ struct Hatch {
 	sigset_t signals; // what handler threads block
 
 	Mutex lock;
-	CondVar ended; // a thread has ended
+	CondVar ended; // a thread has ended, a use, or the run of a source
 	AttachPoint point GUARDED_BY(lock);
 	Row<Peer, &Peer::all> peers GUARDED_BY(lock);
+	TicketTable tickets GUARDED_BY(lock);
+	Source *sources GUARDED_BY(lock);
+	uint64_t sources_made GUARDED_BY(lock);
 	UserTable<Account, 256> accounts GUARDED_BY(lock);
 	Row<Account, &Account::turn> ring GUARDED_BY(lock);
 	Ranking<&Account::by_peers, &Account::peers, &Account::peers_rank> most_peers GUARDED_BY(lock);
 	Ranking<&Account::by_held, &Account::held, &Account::held_rank> most_held GUARDED_BY(lock);
 	int threads GUARDED_BY(lock);
+	int uses GUARDED_BY(lock);    // by threads of others, which a revoke waits for
 	bool orphan GUARDED_BY(lock); // revoked by a handler of its own: its last thread frees it
 	bool paused GUARDED_BY(lock); // no descriptors to accept with
 	bool timer_runs GUARDED_BY(lock);
@@ -231,6 +263,7 @@ bool join(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock);
 // Takes out a connection that is in no queue. The caller deletes it, best without the lock.
 void leave(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock);
 void become_idle(Peer *peer);
+void become_parked(Peer *peer);
 // Takes a connection out of its queue, if it is in one.
 void leave_queue(Peer *peer);
 // Makes a connection ready for a thread.
@@ -255,10 +288,33 @@ int start_thread(Hatch *hatch) REQUIRES(hatch->lock);
 // Has another thread ready before the calling one runs a handler.
 void ensure_waiting(Hatch *hatch);
 
+// ---- Events ----
+
+// What an event in the epoll set is about: an address, or with one of these in its lowest bits the number of a ticket or a source.
+inline constexpr int event_tag_bits = 64 - TicketTable::number_bits;
+enum class EventTag : uint64_t { address, ticket, source };
+
+inline uint64_t event_of(const void *what)
+{
+	return reinterpret_cast<uintptr_t>(what);
+}
+inline uint64_t event_of(const Ticket &ticket)
+{
+	return ticket.number << event_tag_bits | static_cast<uint64_t>(EventTag::ticket);
+}
+inline uint64_t event_of(const Source &source)
+{
+	return source.number << event_tag_bits | static_cast<uint64_t>(EventTag::source);
+}
+inline EventTag tag_of(uint64_t event)
+{
+	return static_cast<EventTag>(event & ((uint64_t{1} << event_tag_bits) - 1));
+}
+
 // ---- Connections (peers.cc) ----
 
 // Arms one event of a descriptor in the epoll set. Errors: 0, or an errno value.
-int arm(const Hatch &hatch, int how, int fd, uint32_t events, void *what);
+int arm(const Hatch &hatch, int how, int fd, uint32_t events, uint64_t what);
 // Accepts connections that wait at the listener.
 void accept_peers(Hatch *hatch);
 // Drops what is held for too long, and resumes accepting.
@@ -282,6 +338,35 @@ void unhold(Hatch *hatch, Peer *peer);
 
 // Serves a connection that has something to read, or room to send into, and ends its turn.
 void serve_peer(Hatch *hatch, Peer *peer, RequestMemory *memory);
+// Ends the turn of a connection: it is closed, or idle with its event armed. Another thread may then have it at once.
+void finish_turn(Hatch *hatch, Peer *peer);
+
+// ---- Parked calls (tickets.cc) ----
+
+// Gives the running call of a connection its ticket. Errors: 0, ENOMEM.
+int give_ticket(Hatch *hatch, Peer *peer, uint64_t *number);
+// Ends the ticket of a connection, if it has one.
+void end_ticket(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock);
+// Parks the call of a connection, and ends its turn. False: the call was over already, and the calling thread has the connection still.
+bool park(Hatch *hatch, Peer *peer);
+// Gives the calling thread the connection of a parked call whose client has hung up; NULL if somebody else has it.
+Peer *unpark_gone(Hatch *hatch, uint64_t number) REQUIRES(hatch->lock);
+// Has a parked call's client ask again, and makes the connection an idle one.
+void let_go(Hatch *hatch, Peer *peer) REQUIRES(hatch->lock);
+// Ends what `uses` counts.
+void end_use(Hatch *hatch);
+// For tests: the tickets of a hatch that stand.
+size_t standing_tickets(int fd);
+
+// ---- Channels and sources (channels.cc, sources.cc) ----
+
+// NULL: there is no such channel.
+const Channel *find_channel(const Hatch &hatch, uint32_t number);
+// Runs what a source is for, unless it was removed.
+void run_source(Hatch *hatch, uint64_t number);
+// For the end of the hatch.
+void forget_channels(Hatch *hatch);
+void forget_sources(Hatch *hatch) REQUIRES(hatch->lock);
 
 // ---- Calls (handler.cc) ----
 
@@ -293,8 +378,11 @@ Hatch *running_hatch();
 void leave_call();
 // Frees what the thread kept for replies.
 void free_reply_memory();
+// Whether a client gets some milliseconds to read on.
+enum class Patience { some, none };
 // Sends a reply: a head, then `size` bytes from `data`. What the client doesn't take soon becomes the peer's rest.
-void send_reply(Hatch *hatch, Peer *peer, Refusal refusal, const char *data, size_t size);
+void send_reply(
+    Hatch *hatch, Peer *peer, Refusal refusal, const char *data, size_t size, Patience patience = Patience::some);
 // Sends a refusal to a connection that is dropped.
 void send_refusal(const Peer &peer, Refusal refusal);
 // Goes on sending a rest.

@@ -70,22 +70,36 @@ bool has_ended(const Peer &peer, uint32_t events)
 struct Batch {
 	Peer *ready[batch_max];
 	Peer *ended[batch_max];
+	uint64_t gone[batch_max];    // tickets whose clients have hung up
+	uint64_t sources[batch_max]; // that have something to read
 	int ready_count = 0;
 	int ended_count = 0;
+	int gone_count = 0;
+	int sources_count = 0;
 	bool timer = false;
 	bool listener = false;
 
 	Batch(const Hatch &hatch, const struct epoll_event *events, int count)
 	{
 		for (int i = 0; i < count; i++) {
-			void *what = events[i].data.ptr;
-			if (what == &hatch.timer)
-				timer = true;
-			else if (what == &hatch.point.listener)
-				listener = true;
-			else if (what != &hatch.stop && what != &hatch.wake)
-				add(static_cast<Peer *>(what), events[i].events);
+			const uint64_t what = events[i].data.u64;
+			if (tag_of(what) == EventTag::ticket)
+				gone[gone_count++] = what >> event_tag_bits;
+			else if (tag_of(what) == EventTag::source)
+				sources[sources_count++] = what >> event_tag_bits;
+			else
+				add(hatch, events[i].data.ptr, events[i].events);
 		}
+	}
+	bool has_duties() const { return listener || timer || sources_count > 0; }
+	void add(const Hatch &hatch, void *what, uint32_t events)
+	{
+		if (what == &hatch.timer)
+			timer = true;
+		else if (what == &hatch.point.listener)
+			listener = true;
+		else if (what != &hatch.stop && what != &hatch.wake)
+			add(static_cast<Peer *>(what), events);
 	}
 	void add(Peer *peer, uint32_t events)
 	{
@@ -97,9 +111,13 @@ struct Batch {
 };
 
 // Makes connections ready, and takes out those that have ended. Gives the one whose turn it is.
-Peer *deal_out(Hatch *hatch, const Batch &batch)
+Peer *deal_out(Hatch *hatch, Batch &batch)
 {
 	MutexLock hold(hatch->lock);
+	for (int i = 0; i < batch.gone_count; i++) {
+		if (Peer *peer = unpark_gone(hatch, batch.gone[i]))
+			batch.add(peer, EPOLLRDHUP); // what it sent before is served
+	}
 	for (int i = 0; i < batch.ready_count; i++)
 		enqueue(hatch, batch.ready[i]);
 	for (int i = 0; i < batch.ended_count; i++) {
@@ -108,7 +126,7 @@ Peer *deal_out(Hatch *hatch, const Batch &batch)
 	}
 	if (batch.ended_count > 0 && hatch->paused)
 		resume_accepting(hatch);
-	return batch.listener || batch.timer ? nullptr : begin_turn(hatch);
+	return batch.has_duties() ? nullptr : begin_turn(hatch);
 }
 
 // Gives the next connection to serve; NULL when the thread has to end.
@@ -119,7 +137,7 @@ Peer *next_peer(Hatch *hatch, RequestMemory *memory)
 		int count = wait_for_events(hatch, memory, events);
 		if (count < 0)
 			return nullptr;
-		const Batch batch(*hatch, events, count);
+		Batch batch(*hatch, events, count);
 		Peer *peer = deal_out(hatch, batch);
 		for (int i = 0; i < batch.ended_count; i++)
 			delete batch.ended[i];
@@ -131,6 +149,8 @@ Peer *next_peer(Hatch *hatch, RequestMemory *memory)
 			tick(hatch);
 		if (batch.listener)
 			accept_peers(hatch);
+		for (int i = 0; i < batch.sources_count; i++)
+			run_source(hatch, batch.sources[i]);
 		hatch->waiting++;
 	}
 }

@@ -13,7 +13,7 @@ namespace {
 #define SO_PASSRIGHTS 83
 #endif
 
-constexpr int refusal_errnos[] = {0, ENOBUFS, ENOTSUP, ECONNABORTED, ENOMEM, EBADF};
+constexpr int refusal_errnos[] = {0, ENOBUFS, ENOTSUP, ECONNABORTED, ENOMEM, EBADF, ECANCELED};
 
 // Room for a credential and as many descriptors as a message can have: the kernel would close what doesn't fit, and may wait.
 constexpr size_t descriptors_max = 253;

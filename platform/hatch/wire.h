@@ -17,7 +17,7 @@ inline constexpr size_t piece_max = 256 * 1024;
 
 struct RequestHead {
 	uint32_t magic;
-	uint32_t zero;
+	uint32_t channel;
 	uint64_t size;
 };
 
@@ -31,7 +31,7 @@ inline constexpr size_t head_size = 16;
 static_assert(sizeof(RequestHead) == head_size && sizeof(ReplyHead) == head_size);
 
 // Why a call got no reply from the handler.
-enum class Refusal : uint32_t { none, too_short, descriptors, no_reply, no_memory, other_user };
+enum class Refusal : uint32_t { none, too_short, descriptors, no_reply, no_memory, other_user, let_go };
 
 // The errno value that a client sees for it. EPROTO for numbers that no server of ours sends.
 int refusal_errno(uint32_t refusal);

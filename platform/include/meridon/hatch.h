@@ -9,6 +9,7 @@
  *   Users:   a connection is used by the real user who made it. After a change of that the next call makes one.
  *   Forks:   a forked child makes connections of its own, and serves none of its parent's hatches: there the
  *            descriptors of those are EBADF. A child that a handler forks is no handler, and ends if it returns from one.
+ *            It has no tickets, and of its parent's pending calls it can do nothing but cancel its copies.
  *   Needs:   /proc, on the client's side.
  */
 #ifndef MERIDON_HATCH_H
@@ -49,7 +50,9 @@ typedef struct {
 #define HATCH_REVOKED 0x8U      /* in di_attributes: the hatch was revoked, or its server has gone */
 #define HATCH_REFUSE_DESC 0x40U /* in di_attributes, and for hatch_create(): calls that pass descriptors are refused */
 
-#define HATCH_PARAM_DATA_MIN 3 /* the fewest bytes that a call must have; 0 at first */
+#define HATCH_PARAM_DATA_MIN 3 /* the fewest bytes that a call on channel 0 must have; 0 at first */
+
+#define HATCH_NEVER_WAITS 0x1U /* for hatch_channel(): its handler is quick, and says so by hatch_will_wait() when it isn't */
 
 /*
  * Handlers of one hatch that run at once; calls beyond wait. A user other than root and the server's own has 4 for each
@@ -87,7 +90,39 @@ typedef void hatch_handler_t(void *cookie, char *arg, size_t arg_size, hatch_des
 int hatch_create(hatch_handler_t *handler, void *cookie, unsigned int attributes);
 
 /*
- * Sets a parameter. HATCH_PARAM_DATA_MIN is the only one: calls with fewer bytes are refused with ENOBUFS, and the
+ * Gives a hatch a further handler, for the calls on `channel`: a second language on the same path, ended by the same revoke.
+ * Channel 0 is the handler of hatch_create(). A client's call on a channel that has none is hung up on, as by a server that
+ * knows no channels: hatch_call_channel() there is ENOSYS. A channel can be given at any time, and stays.
+ *
+ * `flags` is 0 or HATCH_NEVER_WAITS: no other thread is made ready before the handler runs. A handler that waits all the same,
+ * for a disk, a lock or another call, keeps everybody waiting, unless it calls hatch_will_wait() before.
+ *
+ * Errors:  EBADF   not a hatch of this process
+ *          EEXIST  the channel has a handler
+ *          EINVAL  no handler, or an unknown flag
+ *          ENOMEM
+ */
+int hatch_channel(int hatch, uint32_t channel, hatch_handler_t *handler, void *cookie, unsigned int flags);
+
+/*
+ * Has the hatch's threads wait for a descriptor too, without one more thread: `ready` runs with `cookie` on one of them when
+ * there is something to read, and again as long as there is; never on two at once. It may answer parked calls and may
+ * wait, and must not revoke the hatch. A hatch that isn't attached yet begins when it is.
+ *
+ * NULL for `ready` ends that, before the descriptor is closed: when it returns, `ready` doesn't run any more and what the
+ * cookie points to can be given up, unless `ready` itself makes the call. hatch_revoke() ends it too.
+ *
+ * Owns:    the descriptor stays the caller's
+ * Errors:  EBADF   not a hatch of this process, or fd isn't open
+ *          EEXIST  the descriptor is a source of this hatch
+ *          ENOENT  it is none, with NULL for `ready`
+ *          EPERM   nobody can wait for such a descriptor
+ *          ENOMEM, ENOSPC
+ */
+int hatch_source(int hatch, int fd, void (*ready)(void *cookie), void *cookie);
+
+/*
+ * Sets a parameter. HATCH_PARAM_DATA_MIN is the only one: calls on channel 0 with fewer bytes are refused with ENOBUFS, and the
  * handler doesn't run.
  *
  * Errors:  EBADF   not a hatch of this process
@@ -122,13 +157,38 @@ int fdetach(const char *path);
 /*
  * Ends a hatch for all clients. New calls are refused at once, and calls that have not begun fail; the attached file is
  * empty again, if it is still this hatch's. Returns when no handler of this hatch runs any more, the calling one
- * excepted, so that what the cookie points to can be given up. Replies of handlers that run still reach their clients
- * unless sending would have to wait.
+ * excepted, no source's `ready` and no hatch_answer(), so that what the cookies point to can be given up. Replies of
+ * handlers that run and answers on their way still reach their clients unless sending would have to wait. Calls that are parked
+ * end, as those of a server that has gone.
  *
  * Owns:    closes the descriptor.
  * Errors:  EBADF  not a hatch of this process, or revoked already
  */
 int hatch_revoke(int hatch);
+
+/*
+ * Answers a parked call: the client gets `size` bytes from `data`, as by hatch_return(). Any thread may, also one that runs a
+ * handler. It never waits for the client: what that doesn't take at once is copied, counted as the client's, and sent by the
+ * hatch's threads. That the client goes meanwhile is a success.
+ *
+ * An answer that comes before the handler has parked its call is kept, and sent then. It is lost if the handler ends with
+ * hatch_return() instead.
+ *
+ * Owns:    `data` stays the caller's
+ * Errors:  EBADF   not a hatch of this process, or revoked
+ *          ENOENT  no such call any more: it was answered, its client has gone, or the connection was needed for another
+ *          EFAULT  data is NULL and size isn't 0
+ *          ENOMEM  the call isn't parked yet, and the answer can't be kept; the ticket stands
+ */
+int hatch_answer(int hatch, uint64_t ticket, const char *data, size_t size);
+
+/*
+ * Whether a ticket stands: its call runs or is parked, and has no answer yet. Clients come and go: who keeps a list of tickets looks
+ * through it now and then, as when it has twice as many as after the last look.
+ *
+ * Errors:  EBADF, ENOENT, as hatch_answer()
+ */
+int hatch_ticket_check(int hatch, uint64_t ticket);
 
 /* ---- Within a handler ---- */
 
@@ -141,6 +201,34 @@ int hatch_revoke(int hatch);
  *          EFAULT   data is NULL and size isn't 0
  */
 int hatch_return(const char *data, size_t size, hatch_desc_t *descs, unsigned int ndescs);
+
+/*
+ * Names the running call, so that it can be answered after it is parked, or before. A second time it is the same ticket. Tickets are
+ * never 0, and no two calls of a process's hatch have the same. One ends with its answer or with its call. Take it and put it
+ * where those who answer look, then look at what the client waits for, then park: nothing is missed.
+ *
+ * Errors:  EINVAL  not in a handler, or ticket is NULL
+ *          ENOMEM  or that is more than the caller may have now. Each ticket counts as HATCH_TICKET_BYTES of the user's share
+ */
+#define HATCH_TICKET_BYTES 1024
+int hatch_ticket(uint64_t *ticket);
+
+/*
+ * Ends the handler without an answer, as hatch_return() does. The call stays open, and costs its connection, its ticket and no
+ * thread. The connection counts as any other of its user's. It may be dropped for another's sake after those that are idle: its
+ * client gets ECANCELED, has missed nothing, and asks again. A client that hangs up is found, and the ticket ends.
+ *
+ * Errors:  EINVAL  not in a handler, or the call has no ticket
+ */
+int hatch_park(void);
+
+/*
+ * For a handler of a HATCH_NEVER_WAITS channel that is about to wait: has another thread ready for the other clients first.
+ * Elsewhere in a handler it does nothing.
+ *
+ * Errors:  EINVAL  not in a handler
+ */
+int hatch_will_wait(void);
 
 /*
  * Gives `size` bytes of memory for a reply that is too large for a stack. It belongs to the handler's thread: it is not
@@ -191,6 +279,7 @@ int hatch_peercred(peercred_t **cred);
  *          EFAULT        arg is NULL, or data_ptr is NULL and data_size isn't 0
  *          ENOMEM        here, or of the server, which can't have so much of this user's now; also when it says so in the
  *                        middle of the request. The call wasn't carried out then
+ *          ECANCELED     the server had parked the call, and needed its connection: ask again
  *          EMFILE, ENFILE
  * Limits:  requests and replies of any length that memory allows
  */
@@ -205,6 +294,67 @@ int hatch_call(int hatch, hatch_arg_t *arg);
  * Errors:  as hatch_call(), ETIMEDOUT, and EMSGSIZE for a reply that is too long
  */
 int hatch_call_bounded(int hatch, hatch_arg_t *arg, int seconds, size_t reply_max);
+
+/*
+ * hatch_call_bounded() on another channel than 0, with no bound for the reply. On channel 0 it is hatch_call_bounded().
+ *
+ * Errors:  those, and ENOSYS: the server lives and serves, and has no such channel. Nothing was carried out. A server that
+ *          went is EBADF
+ */
+int hatch_call_channel(int hatch, uint32_t channel, int seconds, hatch_arg_t *arg);
+
+/* ---- Calls that wait: one thread, any number of them ---- */
+
+/*
+ * A call that was begun and isn't finished. It has a connection of its own. One thread at a time uses it. A program has no
+ * bound for them but its descriptors.
+ */
+typedef struct hatch_pending hatch_pending_t;
+
+/* Connecting and sending wait for the server for so many seconds at most; so does a reply that has begun for its end. */
+#define HATCH_PENDING_SECONDS 10
+
+/*
+ * Begins a call: connects, sends the request and returns. The reply is fetched by hatch_finish().
+ *
+ * Owns:    *pending is new; free it with hatch_cancel(). Untouched on failure. `arg` is only read, and data_ptr and data_size
+ *          are all of it that counts.
+ * Errors:  as hatch_call(), EFAULT also for a NULL `pending`; ETIMEDOUT
+ */
+int hatch_begin(int hatch, uint32_t channel, const hatch_arg_t *arg, hatch_pending_t **pending);
+
+/*
+ * The descriptor to poll for reading before hatch_finish(). It is good for nothing else, is the same for the life of
+ * `pending`, and -1 in a forked child.
+ */
+int hatch_pending_fd(const hatch_pending_t *pending);
+
+/*
+ * Fetches the reply as hatch_call() hands it out, if it has come. It never waits. After a success, or ECANCELED, ECONNABORTED
+ * or ENOBUFS, the connection can be used again by hatch_again(); after any other error but EAGAIN it can't.
+ *
+ * Errors:  EAGAIN     it hasn't come, or not all of it: poll, and call again
+ *          EBADF      the server went, or hung up: look at hatch_info(). A server that lives may not know the channel;
+ *                     hatch_call_channel() tells
+ *          ECANCELED  the server needed the connection for another client: nothing was missed. It hangs up then
+ *          EINVAL     nothing is pending: the reply was fetched already
+ *          ETIMEDOUT  the reply has begun, and isn't whole after HATCH_PENDING_SECONDS
+ *          others as hatch_call()
+ */
+int hatch_finish(hatch_pending_t *pending, hatch_arg_t *arg);
+
+/*
+ * Makes the next call over the connection of one that is finished, on the same channel.
+ *
+ * Errors:  EBUSY  the last one isn't finished
+ *          EBADF  the server has closed the connection, or the process has another user: cancel, and begin again. Nothing
+ *                 was carried out, unless the request is larger than 256 KiB
+ *          as hatch_begin()
+ */
+int hatch_again(hatch_pending_t *pending, const hatch_arg_t *arg);
+
+/* Frees it. What hasn't been finished is given up: a server finds that out at once. NULL is no error. */
+void hatch_cancel(hatch_pending_t *pending);
 
 /*
  * Tells about a hatch: `hatch` is a descriptor of an attached path, or one from hatch_create() in this process.
