@@ -52,7 +52,7 @@ typedef struct {
 
 #define HATCH_PARAM_DATA_MIN 3 /* the fewest bytes that a call on channel 0 must have; 0 at first */
 
-#define HATCH_NEVER_WAITS 0x1U /* for hatch_channel(): its handler is quick, and says so by hatch_will_wait() when it isn't */
+#define HATCH_NEVER_WAITS 0x1U /* for hatch_channel(): a handler that is quick, or calls hatch_will_wait() */
 
 /*
  * Handlers of one hatch that run at once; calls beyond wait. A user other than root and the server's own has 4 for each
@@ -330,8 +330,8 @@ int hatch_begin(int hatch, uint32_t channel, const hatch_arg_t *arg, hatch_pendi
 int hatch_pending_fd(const hatch_pending_t *pending);
 
 /*
- * Fetches the reply as hatch_call() hands it out, if it has come. It never waits. After a success, or ECANCELED, ECONNABORTED
- * or ENOBUFS, the connection can be used again by hatch_again(); after any other error but EAGAIN it can't.
+ * Fetches the reply as hatch_call() hands it out, if it has come. It never waits. After a success, or ECONNABORTED or ENOBUFS,
+ * the connection can be used again by hatch_again(); after any other error but EAGAIN it can't.
  *
  * Errors:  EAGAIN     it hasn't come, or not all of it: poll, and call again
  *          EBADF      the server went, or hung up: look at hatch_info(). A server that lives may not know the channel;
