@@ -6,15 +6,22 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <meridon/hatch.h>
+#include <mutex>
 #include <sched.h>
 #include <string>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
+
+#include "base/clock.h"
 
 namespace {
 
@@ -190,9 +197,8 @@ void echo_bare(int fd, size_t size)
 }
 
 template <typename Around>
-void bare(benchmark::State &state, int type, const Around &around)
+void bare(benchmark::State &state, int type, size_t size, const Around &around)
 {
-	stay_on(true);
 	int ends[2];
 	must(socketpair(AF_UNIX, type, 0, ends) == 0);
 	if (type == SOCK_SEQPACKET) {
@@ -202,10 +208,10 @@ void bare(benchmark::State &state, int type, const Around &around)
 	Server server([&](int ready) {
 		(void) close(ends[0]);
 		must(write(ready, "", 1) == 1);
-		echo_bare(ends[1], bytes_of(state));
+		echo_bare(ends[1], size);
 	});
 	(void) close(ends[1]);
-	std::string request(bytes_of(state), 'x'), room(bytes_of(state), '\0');
+	std::string request(size, 'x'), room(size, '\0');
 	for (auto _ : state) {
 		send_all(ends[0], request.data(), request.size());
 		must(receive_all(ends[0], room.data(), room.size()));
@@ -216,13 +222,16 @@ void bare(benchmark::State &state, int type, const Around &around)
 
 void call_with_room_limit(benchmark::State &state)
 {
-	bare(state, bytes_of(state) > piece ? SOCK_STREAM : SOCK_SEQPACKET, [](const std::string &) {});
+	stay_on(true);
+	bare(
+	    state, bytes_of(state) > piece ? SOCK_STREAM : SOCK_SEQPACKET, bytes_of(state), [](const std::string &) {});
 }
 
 // The same, with a mapping made, touched and given up, and a copy on the heap.
 void client_road_limit(benchmark::State &state)
 {
-	bare(state, SOCK_SEQPACKET, [](const std::string &reply) {
+	stay_on(true);
+	bare(state, SOCK_SEQPACKET, bytes_of(state), [](const std::string &reply) {
 		void *map = mmap(nullptr, reply.size(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
 		must(map != MAP_FAILED);
 		memcpy(map, reply.data(), reply.size());
@@ -392,11 +401,178 @@ void many_clients_bus(benchmark::State &state)
 		sd_bus_unref(bus);
 }
 
+// ---- Clients that wait ----
+
+// Parks calls on one channel. A call on channel 0 gives their number, and with 'r' rings a bell, at which all are answered with the
+// moment when that began.
+struct Waiting {
+	int hatch;
+	int bell = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+	std::mutex lock;
+	std::vector<uint64_t> tickets;
+
+	static void park(void *cookie, char *, size_t, hatch_desc_t *, unsigned int)
+	{
+		auto *waiting = static_cast<Waiting *>(cookie);
+		uint64_t ticket;
+		must(hatch_ticket(&ticket) == 0);
+		{
+			const std::lock_guard<std::mutex> hold(waiting->lock);
+			waiting->tickets.push_back(ticket);
+		}
+		(void) hatch_park();
+	}
+	static void ring(void *cookie, char *arg, size_t, hatch_desc_t *, unsigned int)
+	{
+		auto *waiting = static_cast<Waiting *>(cookie);
+		uint64_t count = 0;
+		{
+			const std::lock_guard<std::mutex> hold(waiting->lock);
+			count = waiting->tickets.size();
+		}
+		if (*arg == 'r')
+			must(eventfd_write(waiting->bell, 1) == 0);
+		(void) hatch_return(reinterpret_cast<char *>(&count), sizeof count, nullptr, 0);
+	}
+	static void tell(void *cookie)
+	{
+		auto *waiting = static_cast<Waiting *>(cookie);
+		const int64_t begin = now_ns();
+		eventfd_t rung;
+		(void) eventfd_read(waiting->bell, &rung);
+		std::vector<uint64_t> told;
+		{
+			const std::lock_guard<std::mutex> hold(waiting->lock);
+			told.swap(waiting->tickets);
+		}
+		for (uint64_t ticket : told)
+			must(hatch_answer(
+				 waiting->hatch, ticket, reinterpret_cast<const char *>(&begin), sizeof begin) == 0);
+	}
+};
+
+void allow_descriptors()
+{
+	struct rlimit limit;
+	must(getrlimit(RLIMIT_NOFILE, &limit) == 0);
+	limit.rlim_cur = limit.rlim_max;
+	must(setrlimit(RLIMIT_NOFILE, &limit) == 0);
+}
+
+[[noreturn]] void serve_waiting(const std::string &path, int ready)
+{
+	allow_descriptors();
+	Waiting waiting;
+	waiting.hatch = hatch_create(Waiting::ring, &waiting, HATCH_REFUSE_DESC);
+	const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+	must(file >= 0 && hatch_channel(waiting.hatch, 1, Waiting::park, &waiting, HATCH_NEVER_WAITS) == 0);
+	must(hatch_source(waiting.hatch, waiting.bell, Waiting::tell, &waiting) == 0);
+	must(fattach(waiting.hatch, path.c_str()) == 0 && write(ready, "", 1) == 1);
+	for (;;)
+		(void) pause();
+}
+
+uint64_t ask(int hatch, char what)
+{
+	uint64_t count = 0;
+	hatch_arg_t arg = {&what, 1, nullptr, 0, reinterpret_cast<char *>(&count), sizeof count};
+	must(hatch_call(hatch, &arg) == 0 && arg.data_size == sizeof count);
+	return count;
+}
+
+class Waiters {
+public:
+	Waiters(int hatch, size_t count) : hatch_(hatch), calls_(count)
+	{
+		for (hatch_pending_t *&call : calls_) {
+			struct epoll_event event = {};
+			must(hatch_begin(hatch, 1, &request_, &call) == 0);
+			event.events = EPOLLIN;
+			event.data.ptr = call;
+			must(epoll_ctl(set_, EPOLL_CTL_ADD, hatch_pending_fd(call), &event) == 0);
+		}
+	}
+	Waiters(const Waiters &) = delete;
+	Waiters &operator=(const Waiters &) = delete;
+	~Waiters()
+	{
+		for (hatch_pending_t *call : calls_)
+			hatch_cancel(call);
+		(void) close(set_);
+	}
+	// Has all told. Gives the time until the first was, and the last.
+	std::pair<int64_t, int64_t> tell()
+	{
+		while (ask(hatch_, 'n') < calls_.size())
+			(void) usleep(100);
+		int64_t begin = 0, first = 0;
+		(void) ask(hatch_, 'r');
+		for (size_t told = 0; told < calls_.size();) {
+			struct epoll_event events[64];
+			const int count = epoll_wait(set_, events, 64, -1);
+			for (int i = 0; i < count; i++) {
+				hatch_arg_t arg = {
+				    nullptr, 0, nullptr, 0, reinterpret_cast<char *>(&begin), sizeof begin};
+				must(hatch_finish(static_cast<hatch_pending_t *>(events[i].data.ptr), &arg) == 0);
+				if (told++ == 0)
+					first = now_ns();
+			}
+		}
+		const int64_t last = now_ns();
+		for (hatch_pending_t *call : calls_)
+			must(hatch_again(call, &request_) == 0);
+		return {first - begin, last - begin};
+	}
+
+private:
+	char byte_ = 'w';
+	const hatch_arg_t request_ = {&byte_, 1, nullptr, 0, nullptr, 0};
+	int hatch_;
+	int set_ = epoll_create1(EPOLL_CLOEXEC);
+	std::vector<hatch_pending_t *> calls_;
+};
+
+template <int64_t std::pair<int64_t, int64_t>::*which>
+void told(benchmark::State &state)
+{
+	stay_on(false);
+	allow_descriptors();
+	const Directory directory;
+	const Server server([&](int ready) { serve_waiting(directory.hatch(), ready); });
+	const int hatch = open(directory.hatch().c_str(), O_RDONLY | O_CLOEXEC);
+	{
+		Waiters waiters(hatch, bytes_of(state));
+		for (auto _ : state)
+			state.SetIterationTime(static_cast<double>(waiters.tell().*which) / second_ns);
+	}
+	(void) close(hatch);
+}
+
+// One round trip, however many wait.
+void told_limit(benchmark::State &state)
+{
+	stay_on(false);
+	bare(state, SOCK_SEQPACKET, sizeof(int64_t), [](const std::string &) {});
+}
+
+void told_first(benchmark::State &state)
+{
+	told<&std::pair<int64_t, int64_t>::first>(state);
+}
+
+void told_last(benchmark::State &state)
+{
+	told<&std::pair<int64_t, int64_t>::second>(state);
+}
+
 constexpr int64_t kib = 1024;
 
 BENCHMARK(call_with_room)->Arg(64)->Arg(kib)->Arg(64 * kib)->Arg(kib *kib)->UseRealTime();
 BENCHMARK(call_with_room_bus)->Arg(64)->Arg(kib)->Arg(64 * kib)->Arg(kib *kib)->UseRealTime();
 BENCHMARK(call_with_room_limit)->Arg(64)->Arg(kib)->Arg(64 * kib)->Arg(kib *kib)->UseRealTime();
+BENCHMARK(told_limit)->Arg(1)->Arg(100)->Arg(1000)->UseRealTime();
+BENCHMARK(told_first)->Arg(1)->Arg(100)->Arg(1000)->UseManualTime()->Iterations(100);
+BENCHMARK(told_last)->Arg(1)->Arg(100)->Arg(1000)->UseManualTime()->Iterations(100);
 BENCHMARK(client_road)->Arg(kib)->Arg(64 * kib)->UseRealTime();
 BENCHMARK(client_road_limit)->Arg(kib)->Arg(64 * kib)->UseRealTime();
 BENCHMARK(many_clients)->Arg(64)->UseRealTime();

@@ -191,6 +191,7 @@ bool park(Hatch *hatch, Peer *peer)
 		}
 		ticket = take_out(hatch, peer);
 	}
+	(void) ticket->charge.resize(0); // before the client can call again
 	const Refusal refusal = ticket->answered ? Refusal::none : Refusal::let_go;
 	send_reply(hatch, peer, refusal, ticket->answer.get(), ticket->answer_size);
 	peer->finished |= refusal != Refusal::none;
