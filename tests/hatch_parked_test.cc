@@ -35,12 +35,12 @@ enum Command : char { commit = 'c', tickets = 't' };
 // A store of one number, with clients that wait for it to become another one.
 class Board {
 public:
-	explicit Board(const std::string &path) : hatch_(path)
+	explicit Board(const std::string &path) : hatch_(path), fd_(hatch_.fd())
 	{
 		EXPECT_EQ(hatch_channel(fd(), waits, wait, this, HATCH_NEVER_WAITS), 0);
 		EXPECT_EQ(hatch_channel(fd(), commands, command, this, 0), 0);
 	}
-	int fd() const { return hatch_.fd(); }
+	int fd() const { return fd_; }
 	void revoke() { hatch_.revoke(); }
 	uint64_t change()
 	{
@@ -94,6 +94,7 @@ private:
 	uint64_t position_ = 0;
 	std::vector<uint64_t> waiting_;
 	LocalHatch hatch_; // revoked before what its handlers use is gone
+	const int fd_;     // of the hatch, beside a revoke too
 };
 
 // A client's begun call.
