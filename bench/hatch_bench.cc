@@ -1,6 +1,7 @@
 // Calls between processes, beside a bare round trip of the same bytes over a SOCK_SEQPACKET socket, and beside a bus
 // connection from peer to peer. For latency both ends are on one CPU; the many clients use all there are.
 #include <benchmark/benchmark.h>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -20,8 +21,6 @@
 #include <unistd.h>
 #include <utility>
 #include <vector>
-
-#include "base/clock.h"
 
 namespace {
 
@@ -403,6 +402,11 @@ void many_clients_bus(benchmark::State &state)
 
 // ---- Clients that wait ----
 
+int64_t now_ns()
+{
+	return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+}
+
 // Parks calls on one channel. A call on channel 0 gives their number, and with 'r' rings a bell, at which all are answered with the
 // moment when that began.
 struct Waiting {
@@ -543,7 +547,7 @@ void told(benchmark::State &state)
 	{
 		Waiters waiters(hatch, bytes_of(state));
 		for (auto _ : state)
-			state.SetIterationTime(static_cast<double>(waiters.tell().*which) / second_ns);
+			state.SetIterationTime(static_cast<double>(waiters.tell().*which) / 1e9);
 	}
 	(void) close(hatch);
 }

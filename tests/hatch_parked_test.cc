@@ -187,15 +187,10 @@ protected:
 	// A board in a process of its own, which may have so many descriptors.
 	Process serve_board(unsigned long descriptors = 16'384)
 	{
-		const Signal ready;
-		Process server([&] {
+		return keep_in_process([&] {
 			(void) allow_descriptors(descriptors);
-			const Board board(path_);
-			ready.raise();
-			return wait_for_ever();
+			return Board(path_);
 		});
-		ready.wait();
-		return server;
 	}
 
 	Scratch scratch_;
