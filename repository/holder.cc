@@ -39,6 +39,8 @@ Failure errno_failure(const std::string &path, const char *what)
 
 // ---- The file ----
 
+// Opens the file, or makes an empty one. A path may be mistyped: nothing about a file of something else is changed, and it
+// isn't even locked.
 Failure open_file(const std::string &path, Fd *file)
 {
 	file->reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
@@ -51,8 +53,11 @@ Failure open_file(const std::string &path, Fd *file)
 		return errno_failure(path, "can't be looked at");
 	if (!S_ISREG(kind.st_mode))
 		return {EINVAL, path + ": not a regular file"};
+	const SqliteFile content = look_at_sqlite_file(path, file->get());
+	if (content == SqliteFile::foreign)
+		return {EIO, path + ": not a repository"};
 	// A process that can open it can lock it, and hold a start up. Where the mode can't be changed it stays.
-	if ((kind.st_mode & 077) != 0)
+	if ((kind.st_mode & 077) != 0 && content != SqliteFile::unsettled)
 		(void) fchmod(file->get(), kind.st_mode & 07700);
 	return {};
 }

@@ -29,7 +29,8 @@ struct Start {
 // that one answers: *hold is `served_already`, and nothing was locked.
 //
 // Owns:    *held is the locked file; the lock ends with the descriptor.
-// Errors:  EBUSY  a process that is no daemon holds it, or a daemon that a private one can't take it from, or the holder
+// Errors:  EIO    the file is neither empty nor a repository: it stays as it is
+//          EBUSY  a process that is no daemon holds it, or a daemon that a private one can't take it from, or the holder
 //                 doesn't let go in 7 s
 //          EINVAL not a regular file; what opening, locking and Start::can_serve fail with; EPERM if the holder can't be
 //                 asked to end

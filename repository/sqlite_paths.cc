@@ -2,17 +2,35 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <endian.h>
+#include <fcntl.h>
 #include <filesystem>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/directory.h"
 #include "base/guards.h"
+#include "store.h"
 
 namespace repository {
 namespace {
 
 constexpr const char *journal_end = "-journal"; // SQLite's name for it
+constexpr std::string_view journal_mark = "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7";
+
+// A database begins with the mark, and has its application id, big-endian, at the offset.
+constexpr std::string_view database_mark("SQLite format 3\0", 16);
+constexpr size_t application_id_at = 68;
+
+std::string first_bytes(int file, size_t size)
+{
+	std::string bytes(size, '\0');
+	const ssize_t got = pread(file, bytes.data(), size, 0);
+	bytes.resize(got < 0 ? 0 : static_cast<size_t>(got));
+	return bytes;
+}
 
 std::string directory_of(const std::string &path)
 {
@@ -41,6 +59,25 @@ StorePath::Journal StorePath::journal_state() const
 	return S_ISREG(there.st_mode) && there.st_nlink == 1 ? Journal::regular : Journal::other;
 }
 
+// What the journal begins with: as many bytes as the mark of one has, or fewer. Empty if it can't be read.
+std::string StorePath::journal_start() const
+{
+	Fd journal(open(journal_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+	return journal ? first_bytes(journal.get(), journal_mark.size()) : std::string();
+}
+
+bool StorePath::has_live_journal() const
+{
+	return journal_state() == Journal::regular && journal_start() == journal_mark;
+}
+
+// SQLite marks a journal that is done with by a zero in front.
+bool StorePath::has_foreign_journal() const
+{
+	const std::string start = journal_start();
+	return !start.empty() && start[0] != '\0' && start != journal_mark;
+}
+
 bool StorePath::takes_writes() const
 {
 	return access(path_.c_str(), W_OK) == 0 && (access(journal_.c_str(), W_OK) == 0 || errno == ENOENT);
@@ -61,6 +98,26 @@ uint64_t StorePath::bytes() const
 {
 	struct stat there;
 	return fstat(file_, &there) == 0 ? static_cast<uint64_t>(there.st_size) : 0;
+}
+
+// The mark and the application id lie in the first sector, and no commit changes them: only the very first one writes them,
+// and the journal beside it says so.
+SqliteFile look_at_sqlite_file(const std::string &path, int file)
+{
+	const StorePath store(path, file);
+	struct stat there;
+	if (fstat(file, &there) == -1)
+		return SqliteFile::foreign;
+	if (there.st_size == 0)
+		return SqliteFile::empty;
+	uint32_t id = 0;
+	const std::string head = first_bytes(file, application_id_at + sizeof(id));
+	if (head.starts_with(database_mark) && head.size() == application_id_at + sizeof(id)) {
+		memcpy(&id, &head[application_id_at], sizeof(id));
+		if (be32toh(id) == store_application_id)
+			return SqliteFile::store;
+	}
+	return store.has_live_journal() ? SqliteFile::unsettled : SqliteFile::foreign;
 }
 
 PrivateCopy::PrivateCopy(const StorePath &store)

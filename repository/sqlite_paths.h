@@ -10,6 +10,8 @@
 
 namespace repository {
 
+constexpr uint32_t store_application_id = 0x4341524e; // what a file of this kind says it is
+
 class StorePath {
 public:
 	// `file` is open on the store and locked by this process. It stays the caller's.
@@ -26,6 +28,10 @@ public:
 	// What is in the journal's place: nothing, what can be a journal, or what can't.
 	enum class Journal { none, regular, other };
 	Journal journal_state() const;
+	// Whether the journal has something in it that a crash of SQLite's left there.
+	bool has_live_journal() const;
+	// Whether something lies in the journal's place that SQLite wouldn't roll back, but delete: a note of somebody's.
+	bool has_foreign_journal() const;
 	// Whether the file and its journal may be written, as far as that can be seen. A connection that was opened for
 	// writing doesn't show that the mount or the file was made read-only since, and fails half-way through.
 	bool takes_writes() const;
@@ -36,6 +42,8 @@ public:
 	uint64_t bytes() const;
 
 private:
+	std::string journal_start() const;
+
 	const std::string path_, journal_;
 	const std::string directory_; // "." if the path names none
 	const int file_;

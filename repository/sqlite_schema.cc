@@ -8,8 +8,6 @@
 namespace repository {
 namespace {
 
-constexpr int application_id = 0x4341524e; // what a file of this kind says it is
-
 constexpr const char *schema = R"(
 create table nodes(id integer primary key, kind integer not null, parent integer references nodes(id), name text not null,
 	type text not null, version integer not null);
@@ -116,7 +114,7 @@ Failure check_format(SqliteConnection *store, const std::string &path, bool *fre
 	*fresh = kind == 0 && format == 0 && tables == 0;
 	if (*fresh)
 		return {};
-	if (kind != application_id)
+	if (static_cast<uint32_t>(kind) != store_application_id)
 		return {EIO, path + ": not a repository"};
 	if (format != static_cast<int>(store_format))
 		return {EIO, path + ": has format " + std::to_string(format) + ", and this daemon knows " +
@@ -134,7 +132,7 @@ Failure check_format(SqliteConnection *store, const std::string &path, bool *fre
 
 int make_format(SqliteConnection *store)
 {
-	const std::string text = schema + ("pragma application_id=" + std::to_string(application_id)) +
+	const std::string text = schema + ("pragma application_id=" + std::to_string(store_application_id)) +
 				 ";pragma user_version=" + std::to_string(store_format);
 	return store->run(text.c_str());
 }

@@ -26,6 +26,7 @@ namespace {
 
 constexpr int64_t idle_ns = second_ns;
 constexpr const char *no_journal = ": not a regular file, or one with several links: nobody's journal";
+constexpr const char *no_leftover = ": in the place of a new repository's journal, and no journal";
 
 // `lock_` guards the connection and what is known of the last commit. It is held around a whole commit, and while the
 // file is verified or copied: these wait for one another. What the file system shows is looked at without it.
@@ -117,6 +118,9 @@ Failure SqliteStore::open(const Loader &loader, uint64_t *next)
 	MutexLock hold(lock_);
 	if (paths_.journal_state() == StorePath::Journal::other)
 		return {EINVAL, paths_.journal() + no_journal};
+	if (paths_.bytes() == 0 &&
+	    paths_.has_foreign_journal()) // an empty database can have none, so SQLite deletes it
+		return {EINVAL, paths_.journal() + no_leftover};
 	std::unique_ptr<PrivateCopy> copy; // which goes after the connection to it
 	bool read_only = false;
 	const int code = connect_to_look(&copy, &read_only);

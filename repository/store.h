@@ -160,6 +160,16 @@ public:
 	virtual StoreFile *file() { return nullptr; }
 };
 
+// What lies where a SQLite store is to be, seen without SQLite, which writes as it opens: it takes back what a crash left of a
+// transaction, and makes a database of a file of a few bytes.
+enum class SqliteFile {
+	empty,     // a store can be made of it
+	store,     // says that it is one; open() looks closer
+	unsettled, // with a journal that a crash left: what it is shows when that has been rolled back
+	foreign,   // something else's, or not to be read
+};
+SqliteFile look_at_sqlite_file(const std::string &path, int file);
+
 // The store in a SQLite file.
 //
 // `file` is open on `path` and locked by this process (holder.h), so that no other daemon writes to it, and stays so as long as the

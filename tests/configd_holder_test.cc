@@ -147,4 +147,49 @@ TEST(ConfigdHolder, ASecondStartWaitsUntilTheFirstAnswers)
 	EXPECT_EQ(status, 0);
 	EXPECT_EQ(server_of(daemon.hatch()), daemon.pid());
 }
+
+// What a file is to the one who mistyped a path: its content and its mode.
+std::string state_of(const std::string &file)
+{
+	struct stat there = {};
+	(void) stat(file.c_str(), &there);
+	return std::to_string(there.st_mode & 07777) + file_text(file);
+}
+
+TEST(ConfigdHolder, AFileOfSomethingElseIsRefusedAsItIs)
+{
+	Repository daemon;
+	const std::string file = daemon.file(), journal = file + "-journal";
+	const std::string text(5000, 'x'), database = "SQLite format 3" + std::string(4081, '\0');
+	std::string said;
+	for (const std::string &content : {std::string("x"), text, database, std::string(200, '\0')}) {
+		daemon.place.write("repository.db", content);
+		ASSERT_EQ(chmod(file.c_str(), 0644), 0);
+		const std::string before = state_of(file);
+		EXPECT_EQ(start_daemon(daemon.hatch(), file, &said), EIO);
+		EXPECT_NE(said.find("not a repository"), said.npos) << said;
+		EXPECT_TRUE(state_of(file) == before) << content.substr(0, 16);
+	}
+	daemon.place.write("repository.db", "");
+	const std::string notes = state_of(daemon.place.write("repository.db-journal", text));
+	EXPECT_EQ(start_daemon(daemon.hatch(), file, &said), EINVAL);
+	EXPECT_TRUE(state_of(journal) == notes);
+	ASSERT_EQ(unlink(journal.c_str()), 0);
+	const std::string other = daemon.place.write("text", text), before = state_of(other);
+	EXPECT_EQ(start_daemon(other, file, &said), EIO);
+	EXPECT_TRUE(state_of(other) == before);
+}
+
+// The first commit of all, cut short: the journal says that the file was empty before it.
+TEST(ConfigdHolder, AStoreThatWasHalfMadeIsTakenBackAndMade)
+{
+	Repository daemon;
+	daemon.place.write("repository.db", std::string(8192, '\0'));
+	std::string journal = "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7" + std::string(504, '\0');
+	journal[22] = 2;  // sectors of 512 bytes
+	journal[26] = 16; // pages of 4096
+	daemon.place.write("repository.db-journal", journal);
+	EXPECT_EQ(daemon.start(), 0);
+}
+
 } // namespace

@@ -1,5 +1,6 @@
 // The daemon and its store: backup, verify, status.
 #include <algorithm>
+#include <sys/stat.h>
 
 #include <fmt/format.h>
 
@@ -14,9 +15,28 @@ void declare_backup(CLI::App &app, Options &options)
 	app.add_option("FILE", options.file, "Where the copy goes; replaced if it is there")->required();
 }
 
+rpy_status_t status_of(const Repository &repository)
+{
+	rpy_status_t state;
+	if (_rpy_status(repository.handle(), &state) == -1)
+		fail("the daemon's state");
+	return state;
+}
+
+// A daemon writes into no other file than the one that it has locked: with a copy in its place it would refuse all updates.
+void check_is_not_store(const std::string &path, const char *store)
+{
+	struct stat given, served;
+	if (stat(path.c_str(), &given) == 0 && stat(store, &served) == 0 && given.st_dev == served.st_dev &&
+	    given.st_ino == served.st_ino)
+		throw Failure(Exit::invalid, fmt::format("{}: is the store itself", visible(path)))
+		    .next("give another path");
+}
+
 Exit backup(const Options &options)
 {
 	Repository repository = open_repository(options);
+	check_is_not_store(options.file, status_of(repository).rs_file);
 	void *bytes = nullptr;
 	size_t size = 0;
 	if (_rpy_backup(repository.handle(), &bytes, &size) == -1)
@@ -51,9 +71,7 @@ Exit verify(const Options &options)
 Exit status(const Options &options)
 {
 	Repository repository = open_repository(options);
-	rpy_status_t state;
-	if (_rpy_status(repository.handle(), &state) == -1)
-		fail("the daemon's state");
+	const rpy_status_t state = status_of(repository);
 	if (options.json) {
 		write_json({{"pid", state.rs_pid}, {"file", visible(state.rs_file)}, {"format", state.rs_format},
 		    {"writable", state.rs_writable != 0}, {"groups", number_to_json(state.rs_groups)},
