@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <type_traits>
 
+#include "attrlist/list.h"
 #include "attrlist/make.h"
 
 using atl::Key;
@@ -310,10 +311,10 @@ int attrlist_remove(attrlist_t *list, const char *name, data_type_t type)
 {
 	if (list == nullptr || name == nullptr)
 		return EINVAL;
-	atl::Place place = atl::find(list, atl::key_for(list, name, strlen(name)));
-	if (place.pair == nullptr || place.pair->type != type)
+	atl::Position at = atl::find(list, atl::key_for(list, name, strlen(name)));
+	if (at.pair == nullptr || at.pair->type != type)
 		return ENOENT;
-	atl::remove_at(list, place);
+	atl::remove_at(list, at);
 	return 0;
 }
 
@@ -321,10 +322,10 @@ int attrlist_remove_all(attrlist_t *list, const char *name)
 {
 	if (list == nullptr || name == nullptr)
 		return EINVAL;
-	atl::Place place = atl::find(list, atl::key_for(list, name, strlen(name)));
-	if (place.pair == nullptr)
+	atl::Position at = atl::find(list, atl::key_for(list, name, strlen(name)));
+	if (at.pair == nullptr)
 		return ENOENT;
-	atl::remove_at(list, place);
+	atl::remove_at(list, at);
 	return 0;
 }
 

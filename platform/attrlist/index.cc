@@ -1,9 +1,8 @@
-// The index of a long list: which pair has a name, and which pair stands before it.
-#include <atomic>
+#include "attrlist/index.h"
+
+#include <cerrno>
 #include <sys/random.h>
 #include <time.h>
-
-#include "attrlist/list.h"
 
 namespace atl {
 
@@ -175,7 +174,7 @@ size_t long_index_size(size_t count)
 	return size_with(slots_for(count));
 }
 
-Place find_in_index(attrlist *list, const Key &key)
+Position find_in_index(attrlist *list, const Key &key)
 {
 	Index *index = list->index;
 	for (size_t at = key.hash & index->mask; index->slots()[at].hash != 0; at = (at + 1) & index->mask) {
@@ -222,16 +221,16 @@ void insert_in_index(attrlist *list, attrpair *before, uint32_t hash)
 	put_slot(list->index, before, hash);
 }
 
-void erase_from_index(attrlist *list, const Place &place)
+void erase_from_index(attrlist *list, const Position &position)
 {
 	Index *index = list->index;
-	if (place.pair != index->last) {
+	if (position.pair != index->last) {
 		// The next pair has another one before it now.
-		attrpair *next = place.pair->next;
-		Slot *following = slot_after(list, place.pair, hash_name(name_of(next), next->name_length));
-		following->before = place.slot->before;
+		attrpair *next = position.pair->next;
+		Slot *following = slot_after(list, position.pair, hash_name(name_of(next), next->name_length));
+		following->before = position.slot->before;
 	}
-	empty_slot(index, static_cast<size_t>(place.slot - index->slots()));
+	empty_slot(index, static_cast<size_t>(position.slot - index->slots()));
 }
 
 } // namespace atl

@@ -1,5 +1,5 @@
 // Making, copying, linking and giving back pairs.
-#include <cstdlib>
+#include "attrlist/list.h"
 
 #include "attrlist/make.h"
 
@@ -54,29 +54,6 @@ attrpair *copy_record(attrlist *root, const attrpair *pair, TypeInfo info)
 
 } // namespace
 
-size_t long_record_size(const attrpair *pair)
-{
-	TypeInfo info = info_of(pair->type);
-	size_t back = info.kind == Kind::Text ? text_size(pair->count) : 0;
-	if (info.kind == Kind::Texts && pair->count > 0) {
-		// The texts lie one after the other, after the name.
-		const char *last = pair->value.texts[pair->count - 1];
-		back = static_cast<size_t>(last - name_of(pair)) + strlen(last) - pair->name_length;
-	}
-	return record_size(front_size(info, pair->count), pair->name_length, back);
-}
-
-Arena *make_arena(attrlist *root)
-{
-	auto *arena = static_cast<Arena *>(malloc(sizeof(Arena) + first_room));
-	root->arena = arena;
-	if (arena == nullptr)
-		return nullptr;
-	arena_start(arena);
-	arena->run = nullptr; // there are records in the list's own block already
-	return arena;
-}
-
 Made make_lists(attrlist *list, const Key &key, uint8_t type, attrlist *const *from, size_t count)
 {
 	if (list->level >= ATTRLIST_DEPTH_MAX && count > 0)
@@ -119,16 +96,16 @@ int copy_pairs(attrlist *to, attrlist *from)
 	return 0;
 }
 
-void remove_at(attrlist *list, const Place &place)
+void remove_at(attrlist *list, const Position &position)
 {
 	if ((list->flags & LIST_INDEXED) != 0)
-		erase_from_index(list, place);
+		erase_from_index(list, position);
 	attrpair *&last = last_of(list);
-	place.before->next = place.pair->next;
-	if (place.pair == last)
-		last = place.before == place.pair ? nullptr : place.before;
+	position.before->next = position.pair->next;
+	if (position.pair == last)
+		last = position.before == position.pair ? nullptr : position.before;
 	list->count--;
-	release_pair(root_of(list), place.pair);
+	release_pair(root_of(list), position.pair);
 }
 
 void release_pair(attrlist *root, attrpair *pair)

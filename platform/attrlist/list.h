@@ -5,33 +5,9 @@
 
 #include <cerrno>
 
-#include "attrlist/pair.h"
+#include "attrlist/index.h"
 
 namespace atl {
-
-struct Slot {
-	attrpair *before; // the pair before the one of this slot; NULL for the list's first
-	uint32_t hash;    // 0 for an empty slot
-};
-
-// Open addressing. It follows its list's ring, and shares the arena.
-struct Index {
-	attrpair *last;
-	size_t mask;
-	uint32_t used;
-	bool large;
-	Slot *slots() { return reinterpret_cast<Slot *>(this + 1); }
-};
-
-inline attrlist *root_of(attrlist *list)
-{
-	return (list->flags & LIST_NESTED) != 0 ? list->root : list;
-}
-
-inline attrpair *&last_of(attrlist *list)
-{
-	return (list->flags & LIST_INDEXED) != 0 ? list->index->last : list->last;
-}
 
 inline attrpair *first_of(attrlist *list)
 {
@@ -44,16 +20,6 @@ inline attrpair *after(attrlist *list, const attrpair *pair)
 	return pair == last_of(list) ? nullptr : pair->next;
 }
 
-// Where a pair is: `pair` is NULL if there is none.
-struct Place {
-	attrpair *pair;
-	attrpair *before;
-	Slot *slot;
-};
-
-// Never 0. Depends on a secret of the process, so that names can't be chosen to collide.
-uint32_t hash_name(const char *name, size_t length);
-
 inline uint32_t hash_for(const attrlist *list, const char *name, size_t length)
 {
 	return (list->flags & LIST_INDEXED) != 0 ? hash_name(name, length) : 0;
@@ -64,8 +30,7 @@ inline Key key_for(const attrlist *list, const char *name, size_t length)
 	return {name, length, load_head(name, length), hash_for(list, name, length)};
 }
 
-Place find_in_index(attrlist *list, const Key &key);
-inline Place find(attrlist *list, const Key &key)
+inline Position find(attrlist *list, const Key &key)
 {
 	if ((list->flags & LIST_INDEXED) != 0)
 		return find_in_index(list, key);
@@ -87,24 +52,15 @@ inline void start_list(attrlist *list, attrlist *parent)
 	list->flags = LIST_NESTED;
 }
 
-// The bytes of the index that a list of `count` pairs has when it's made in one go; 0 for a short list.
-size_t long_index_size(size_t count);
 inline size_t index_size(size_t count)
 {
 	return count <= linear_max ? 0 : long_index_size(count);
 }
-// Makes sure that `more` pairs can be appended without memory for the index. 0, ENOMEM or EINVAL (too many pairs).
-int grow_index(attrlist *list, size_t more);
 inline int reserve_index(attrlist *list, size_t more)
 {
 	bool no_index = (list->flags & LIST_INDEXED) == 0 && more <= linear_max && list->count + more <= linear_max;
 	return no_index ? 0 : grow_index(list, more);
 }
-void insert_in_index(attrlist *list, attrpair *before, uint32_t hash);
-void erase_from_index(attrlist *list, const Place &place);
-// Gives the index back. The list is without one, and its last pair to be set.
-void release_index(attrlist *list);
-
 // Puts a pair after the last one. Its name isn't in the list, and the index has room.
 inline void append(attrlist *list, attrpair *pair, uint32_t hash)
 {
@@ -122,18 +78,11 @@ inline void append(attrlist *list, attrpair *pair, uint32_t hash)
 }
 
 // Takes a pair out of the ring and gives its memory back.
-void remove_at(attrlist *list, const Place &place);
+void remove_at(attrlist *list, const Position &position);
 // Gives back a pair that is in no ring, with all that lies in it.
 void release_pair(attrlist *root, attrpair *pair);
 // Removes all pairs, one by one.
 void release_pairs(attrlist *list);
-
-// The arena of an outermost list, made if need be; NULL without memory.
-Arena *make_arena(attrlist *root);
-inline Arena *arena_of(attrlist *root)
-{
-	return root->arena != nullptr ? root->arena : make_arena(root);
-}
 
 // A pair that isn't in a ring yet; without one, why.
 struct Made {
@@ -150,7 +99,7 @@ int copy_pairs(attrlist *to, attrlist *from);
 // Puts a made pair at the end of the list, in place of one with its name. The index has room.
 inline void put_pair(attrlist *list, const Key &key, attrpair *pair)
 {
-	if (Place old = find(list, key); old.pair != nullptr)
+	if (Position old = find(list, key); old.pair != nullptr)
 		remove_at(list, old);
 	append(list, pair, key.hash);
 }

@@ -2,7 +2,7 @@
 #ifndef MERIDON_ATTRLIST_MAKE_H
 #define MERIDON_ATTRLIST_MAKE_H
 
-#include "attrlist/list.h"
+#include "attrlist/pair.h"
 
 namespace atl {
 

@@ -216,6 +216,18 @@ inline attrpair *start_pair(void *record, size_t front, const Key &key, uint8_t 
 	return pair;
 }
 
+inline attrlist *root_of(attrlist *list)
+{
+	return (list->flags & LIST_NESTED) != 0 ? list->root : list;
+}
+
+// The arena of an outermost list, made if need be; NULL without memory.
+Arena *make_arena(attrlist *root);
+inline Arena *arena_of(attrlist *root)
+{
+	return root->arena != nullptr ? root->arena : make_arena(root);
+}
+
 } // namespace atl
 
 #endif

@@ -1,4 +1,4 @@
-// Enclaves: which one this process is in, and entering another.
+// Enclaves: which one this process is in, entering another, and what a process may have there.
 #include "enclave/enclave_impl.h"
 
 #include <atomic>
@@ -207,4 +207,22 @@ int _enclave_confine(uint64_t capabilities)
 	if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == -1)
 		return -1;
 	return syscall(SYS_capset, &header, sets) == 0 ? 0 : -1;
+}
+
+int _enclave_capabilities(enclaveid_t id, uint64_t *capabilities)
+{
+	CancellationWaits cancellation;
+	enclave_info_t info = {};
+	int error = capabilities == nullptr ? EINVAL : 0;
+	if (error == 0 && id != ENCLAVE_ID_GLOBAL && id != getenclaveid())
+		error = enclave_find_record(id, &info);
+	uint64_t found = UINT64_MAX;
+	if (error == 0 && info.ei_leader != 0)
+		error = enclave_read_bounding_set(info, &found);
+	if (error == 0) {
+		*capabilities = found;
+		return 0;
+	}
+	errno = error;
+	return -1;
 }

@@ -45,4 +45,7 @@ struct EnclaveLeader {
 // Opens the leader that a record names. ESRCH if it has ended.
 int enclave_open_leader(const enclave_info_t *info, EnclaveLeader *leader);
 
+// Reads the capability bounding set of the leader that a record names. ESRCH if it has ended.
+int enclave_read_bounding_set(const enclave_info_t &info, uint64_t *capabilities);
+
 #endif

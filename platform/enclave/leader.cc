@@ -71,18 +71,6 @@ int parse_bounding_set(string_view status, uint64_t *capabilities)
 	return result.ec == std::errc() ? 0 : EBADMSG;
 }
 
-// Looks for the leader after its status was read: what was read is then its own.
-int read_bounding_set(const enclave_info_t &info, uint64_t *capabilities)
-{
-	char text[16384];
-	ssize_t len = meridon_read_file(ProcPath(info.ei_leader, "status").text, text, sizeof text);
-	if (len == -1)
-		return proc_error(errno);
-	if (!enclave_leader_alive(&info))
-		return ESRCH;
-	return parse_bounding_set({text, static_cast<size_t>(len)}, capabilities);
-}
-
 struct Namespace {
 	const char *name;
 	int flag;
@@ -188,20 +176,14 @@ int enclave_open_leader(const enclave_info_t *info, EnclaveLeader *leader)
 	return 0;
 }
 
-int _enclave_capabilities(enclaveid_t id, uint64_t *capabilities)
+int enclave_read_bounding_set(const enclave_info_t &info, uint64_t *capabilities)
 {
-	CancellationWaits cancellation;
-	enclave_info_t info = {};
-	int error = capabilities == nullptr ? EINVAL : 0;
-	if (error == 0 && id != ENCLAVE_ID_GLOBAL && id != getenclaveid())
-		error = enclave_find_record(id, &info);
-	uint64_t found = UINT64_MAX;
-	if (error == 0 && info.ei_leader != 0)
-		error = read_bounding_set(info, &found);
-	if (error == 0) {
-		*capabilities = found;
-		return 0;
-	}
-	errno = error;
-	return -1;
+	char text[16384];
+	ssize_t len = meridon_read_file(ProcPath(info.ei_leader, "status").text, text, sizeof text);
+	if (len == -1)
+		return proc_error(errno);
+	// Looked for after its status was read: what was read is then its own.
+	if (!enclave_leader_alive(&info))
+		return ESRCH;
+	return parse_bounding_set({text, static_cast<size_t>(len)}, capabilities);
 }

@@ -1,5 +1,6 @@
 // Property groups: looking one up, adding, updating and deleting it.
 #include "rpy/object.h"
+#include "rpy/request_batch.h"
 
 using namespace rpy;
 

@@ -1,30 +1,16 @@
-// A handle: the connection that all client objects are made against, and the texts that callers give and get.
+// A handle: the connection that all client objects are made against.
 #ifndef MERIDON_RPY_HANDLE_H
 #define MERIDON_RPY_HANDLE_H
 
 #include <cstdint>
-#include <string_view>
 
 #include <meridon/enclave.h>
 #include <meridon/rpy.h>
 
 #include "base/guards.h"
 #include "base/process_mark.h"
-#include "rpy/request_batch.h"
-
-namespace rpy {
-
-// A text in memory of its own.
-using Text = Handle<char, free_heap>;
-bool copy_text(std::string_view from, Text *to);
-
-// Copies a text out, cut to fit. Gives its length.
-ssize_t give_text(std::string_view text, char *buffer, size_t size);
-
-// A name or type that a caller gives; empty if it can't be one.
-std::string_view name_of(const char *text);
-
-} // namespace rpy
+#include "rpy/batch_state.h"
+#include "rpy/texts.h"
 
 // Threads share a handle, and what it is bound to stays as it is meanwhile: decorating, binding and unbinding are for one
 // thread, with no other at the handle. `change` belongs to the update that runs.

@@ -1,9 +1,9 @@
 // The repository's client: what its objects hold.
 //
 // Layers, each on those before it: wire.h (the bytes), requests.h (what client and daemon know of each request), error.h
-// (rpy_error() of a thread), handle.h (the connection), call.h (one request and its reply), request_batch.h (reads that share a
-// call). The objects stand on these: entities.cc, groups.cc, listings.cc, properties.cc, values.cc, transaction.cc, and
-// maintenance.cc, which has none.
+// (rpy_error() of a thread), texts.h, handle.h (the connection), call.h (one request and its reply), request_batch.h (reads that
+// share a call). The objects stand on these: binding.cc (handles), entities.cc, groups.cc, listings.cc, properties.cc, values.cc,
+// transaction.cc, and maintenance.cc, which has none.
 //
 // Replies. The daemon isn't trusted, since that of another enclave may send anything. A reply is checked as a whole before an
 // object points into it: magic, error number, every length, name, type and value. Walking through what was checked can't fail.

@@ -1,4 +1,4 @@
-// The table of commands, and what several of them share.
+// What several commands share.
 #include "command.h"
 
 #include <cstdio>
@@ -9,27 +9,6 @@
 #include "document.h"
 #include "stores.h"
 #include "text.h"
-
-const Command *const commands[] = {
-    &walk_command,
-    &get_command,
-    &put_command,
-    &set_command,
-    &unset_command,
-    &rename_command,
-    &remove_command,
-    &export_command,
-    &import_command,
-    &copy_command,
-    &diff_command,
-    &check_command,
-    &convert_command,
-    &obsolete_command,
-    &serve_command,
-    &auth_command,
-    &enclaves_command,
-    nullptr,
-};
 
 void declare_database(CLI::App &app, Options &options)
 {

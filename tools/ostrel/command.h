@@ -44,9 +44,6 @@ extern const Command walk_command, get_command, put_command, set_command, unset_
     export_command, import_command, copy_command, diff_command, check_command, convert_command, obsolete_command,
     serve_command, auth_command, enclaves_command;
 
-// All commands, in the order in which help lists them; ends with a NULL.
-extern const Command *const commands[];
-
 // ---- What several commands declare ----
 
 void declare_database(CLI::App &app, Options &options);

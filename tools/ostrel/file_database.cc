@@ -13,11 +13,11 @@
 #include <fmt/format.h>
 
 #include "database.h"
+#include "database_kinds.h"
 #include "file_place.h"
 #include "libostrel_files_newfile.h"
 #include "lines.h"
 #include "scratch.h"
-#include "stores.h"
 #include "trail.h"
 
 namespace {

@@ -7,6 +7,31 @@
 
 const char *const program_name = "ostrel";
 
+namespace {
+
+const Command *const commands[] = {
+    &walk_command,
+    &get_command,
+    &put_command,
+    &set_command,
+    &unset_command,
+    &rename_command,
+    &remove_command,
+    &export_command,
+    &import_command,
+    &copy_command,
+    &diff_command,
+    &check_command,
+    &convert_command,
+    &obsolete_command,
+    &serve_command,
+    &auth_command,
+    &enclaves_command,
+    nullptr,
+};
+
+} // namespace
+
 int main(int argc, char **argv)
 {
 	static constexpr Completer completers[] = {{"NAME|ID", "ostrel enclaves | cut -f2"}};

@@ -6,10 +6,10 @@
 #include <meridon/rpy.h>
 
 #include "base/clock.h"
+#include "database_kinds.h"
 #include "group_database.h"
 #include "groups.h"
 #include "shared/rights.h"
-#include "stores.h"
 #include "update_threads.h"
 
 namespace {

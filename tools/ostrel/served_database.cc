@@ -2,11 +2,11 @@
 // its store defers, also when this process has ended.
 #include <fmt/format.h>
 
+#include "database_kinds.h"
 #include "group_database.h"
 #include "groups.h"
 #include "hatch.h"
 #include "scratch.h"
-#include "stores.h"
 #include "update_threads.h"
 
 namespace {

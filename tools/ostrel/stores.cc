@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include "database_kinds.h"
+
 namespace {
 
 struct Store {

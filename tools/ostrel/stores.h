@@ -16,10 +16,4 @@ void require_servable(const std::string &name);
 // How databases are written, for messages.
 std::string database_forms();
 
-// One for each kind. None opens anything.
-std::unique_ptr<Database> make_file_database(DatabaseName &&name);
-std::unique_ptr<Database> make_raw_file_database(DatabaseName &&name);
-std::unique_ptr<Database> make_repository_database(DatabaseName &&name);
-std::unique_ptr<Database> make_served_database(DatabaseName &&name);
-
 #endif
