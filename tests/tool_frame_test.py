@@ -40,6 +40,8 @@ class Frame(t.ToolTest):
                     self.assertIn(f"Usage: {name} {names[0]} ", shown)
                     for option in re.findall(r"^ .*--([\w-]+)", shown, re.M):
                         self.assertIn(f" -{option}", text + " -help", f"{word} --{option}")
+            listed = re.findall(r"\d+", self.text("--help").partition("Exit codes:")[2].partition(".\n")[0])
+            self.assertEqual(listed, re.findall(r"\b\d+\b", text.partition("EXIT STATUS")[2].partition(".Sh")[0].replace("2n", "")))
             if shutil.which("mandoc"):
                 done = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", page], capture_output=True)
                 self.assertEqual((done.returncode, done.stdout), (0, b""))

@@ -32,9 +32,10 @@ int main(int argc, char **argv)
 {
 	static constexpr Completer completers[] = {{"LOCATOR", "cairnctl \"$@\" list"},
 	    {"PATTERN", "cairnctl \"$@\" list"}, {"NAME|ID", "ostrel enclaves | cut -f2"}};
+	static constexpr Exit exits[] = {Exit::busy, Exit::differences, Exit::findings, Exit::no_server};
 	const Tool<Options> tool = {"Looks at and changes the service repository of this host.",
 	    "A locator is NAME[/NAME...] for a service, NAME[/NAME...]:INSTANCE for an instance.\n"
 	    "cairnctl(8) has the whole story.",
-	    commands, declare_repository, completers};
+	    commands, declare_repository, completers, exits};
 	return run_tool(tool, argc, argv);
 }

@@ -224,6 +224,6 @@ int main(int argc, char **argv)
 	static constexpr Completer completers[] = {{"ENCLAVE", "enclavectl list | cut -f2"}};
 	const Tool<Options> tool = {"Registers, lists and removes the enclaves of this host.",
 	    "MERIDON_ROOT is put before the registry's path, run/enclaves. enclavectl(8) has the whole story.",
-	    commands, declare_nothing<Options>, completers};
+	    commands, declare_nothing<Options>, completers, {}};
 	return run_tool(tool, argc, argv);
 }

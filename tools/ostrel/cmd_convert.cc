@@ -57,7 +57,7 @@ Exit run(const Options &options)
 	Identifiers id = parse_identifiers(options.words);
 	if (id.empty())
 		throw Failure(Exit::usage, "convert needs the identifiers of an object")
-		    .next(fmt::format("ostrel walk {} lists the objects", options.database));
+		    .next(fmt::format("ostrel list {} lists the objects", options.database));
 	PropertyTable table(options.table);
 	const std::unique_ptr<Database> database = open_database(options);
 	Object object = database->get(id);

@@ -33,7 +33,7 @@ Exit run(const Options &options)
 			throw Failure(Exit::not_found, fmt::format("{} has no property {}", id_text(object.id), name))
 			    .in(database->label())
 			    .next(
-				fmt::format("nothing was changed; ostrel get {} shows the object", database->label()));
+				fmt::format("nothing was changed; ostrel show {} shows the object", database->label()));
 		object.props.erase(found);
 	}
 	database->rehearse(object, before);

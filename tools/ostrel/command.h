@@ -40,9 +40,9 @@ struct Options : CommonOptions {
 
 using Command = CommandOf<Options>;
 
-extern const Command walk_command, get_command, put_command, set_command, unset_command, rename_command, remove_command,
-    export_command, import_command, copy_command, diff_command, check_command, convert_command, obsolete_command,
-    serve_command, auth_command, enclaves_command;
+extern const Command list_command, show_command, put_command, set_command, unset_command, rename_command,
+    remove_command, export_command, import_command, copy_command, diff_command, check_command, convert_command,
+    obsolete_command, serve_command, auth_command, enclaves_command;
 
 // ---- What several commands declare ----
 

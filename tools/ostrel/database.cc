@@ -174,13 +174,13 @@ Object Database::get(const Identifiers &id)
 	std::vector<Object> near = objects(id); // a missing file ends here, with its own message
 	Failure missing(Exit::not_found, fmt::format("there is no object {}", id_text(id)));
 	if (near.empty())
-		missing.next(fmt::format("ostrel walk {} lists what is there", label()));
+		missing.next(fmt::format("ostrel list {} lists what is there", label()));
 	else if (near.size() == 1)
 		missing.next(fmt::format("an object is named by all its identifiers:{}", shell_words(near[0].id)));
 	else
 		missing.next(
 		    fmt::format("an object is named by all its identifiers; {} objects have these among theirs: "
-				"ostrel walk {}{}",
+				"ostrel list {}{}",
 			near.size(), label(), shell_words(id)));
 	throw missing.in(label());
 }

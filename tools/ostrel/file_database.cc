@@ -82,7 +82,7 @@ protected:
 	{
 		throw Failure(Exit::invalid, "the lines of a raw file can't be selected by identifiers")
 		    .in(label())
-		    .next(fmt::format("ostrel walk {} shows all of them", label()));
+		    .next(fmt::format("ostrel list {} shows all of them", label()));
 	}
 };
 

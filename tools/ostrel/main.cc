@@ -10,8 +10,8 @@ const char *const program_name = "ostrel";
 namespace {
 
 const Command *const commands[] = {
-    &walk_command,
-    &get_command,
+    &list_command,
+    &show_command,
     &put_command,
     &set_command,
     &unset_command,
@@ -35,8 +35,10 @@ const Command *const commands[] = {
 int main(int argc, char **argv)
 {
 	static constexpr Completer completers[] = {{"NAME|ID", "ostrel enclaves | cut -f2"}};
+	static constexpr Exit exits[] = {
+	    Exit::deferred, Exit::busy, Exit::unsupported, Exit::differences, Exit::findings, Exit::no_connection};
 	const Tool<Options> tool = {"Reads and changes databases of network configuration.",
-	    "ostrel(1) has the whole story.", commands, declare_nothing<Options>, completers};
+	    "ostrel(1) has the whole story.", commands, declare_nothing<Options>, completers, exits};
 	const int code = run_tool(tool, argc, argv);
 	if (updates_left_running()) {
 		(void) std::fflush(nullptr); // was flushed and looked at before

@@ -72,7 +72,7 @@ std::optional<Failure> ServedDatabase::diagnose(ostrel_error_t result, const std
 	if (result == OSTREL_INVALID_ARG)
 		return general_failure(result, what,
 		    fmt::format(
-			"the store that is served may be one that can only be walked: ostrel walk {}", label()));
+			"the store that is served may be one that can only be listed: ostrel list {}", label()));
 	if (result == OSTREL_FAILURE)
 		return general_failure(result, what,
 		    "the server is there; the store behind it may not be: look at the server's log, and for a "

@@ -49,6 +49,7 @@ struct Tool {
 	const CommandOf<Options> *const *commands;        // in the order in which help lists them; a NULL ends them
 	void (*declare)(CLI::App &app, Options &options); // what stands before the command as well as after it
 	std::span<const Completer> completers;
+	std::span<const Exit> exits; // causes to end that not every tool has
 };
 
 // A command as the frame sees it, with the options bound.
@@ -64,6 +65,7 @@ struct Program {
 	CommonOptions &options;
 	std::function<void(CLI::App &app)> declare;
 	std::span<const Completer> completers;
+	std::span<const Exit> exits;
 	std::vector<BoundCommand> commands;
 };
 

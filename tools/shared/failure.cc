@@ -1,6 +1,7 @@
 // Errors, warnings and notes on the standard error.
 #include "failure.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <unistd.h>
@@ -15,26 +16,30 @@ namespace {
 
 bool as_json = false;
 
+enum class Given { by_every_tool, by_some };
+
 constexpr struct {
 	Exit cause;
 	int code;
 	const char *word;
+	const char *help;
+	Given given = Given::by_some;
 } exits[] = {
-    {Exit::done, 0, "done"},
-    {Exit::failure, 1, "failure"},
-    {Exit::usage, 2, "usage"},
-    {Exit::permission, 3, "permission"},
-    {Exit::not_found, 4, "not_found"},
-    {Exit::exists, 5, "exists"},
-    {Exit::invalid, 6, "invalid"},
-    {Exit::deferred, 7, "deferred"},
-    {Exit::busy, 7, "busy"},
-    {Exit::unsupported, 8, "unsupported"},
-    {Exit::memory, 9, "memory"},
-    {Exit::differences, 10, "differences"},
-    {Exit::findings, 10, "findings"},
-    {Exit::no_connection, 11, "no_connection"},
-    {Exit::no_server, 11, "no_server"},
+    {Exit::done, 0, "done", "done", Given::by_every_tool},
+    {Exit::failure, 1, "failure", "failure", Given::by_every_tool},
+    {Exit::usage, 2, "usage", "usage", Given::by_every_tool},
+    {Exit::permission, 3, "permission", "permission", Given::by_every_tool},
+    {Exit::not_found, 4, "not_found", "not found", Given::by_every_tool},
+    {Exit::exists, 5, "exists", "exists", Given::by_every_tool},
+    {Exit::invalid, 6, "invalid", "invalid argument", Given::by_every_tool},
+    {Exit::deferred, 7, "deferred", "deferred"},
+    {Exit::busy, 7, "busy", "busy"},
+    {Exit::unsupported, 8, "unsupported", "unsupported"},
+    {Exit::memory, 9, "memory", "no memory", Given::by_every_tool},
+    {Exit::differences, 10, "differences", "differences"},
+    {Exit::findings, 10, "findings", "findings"},
+    {Exit::no_connection, 11, "no_connection", "no connection"},
+    {Exit::no_server, 11, "no_server", "no server"},
 };
 
 constexpr struct {
@@ -101,9 +106,26 @@ void print(const char *kind, const Failure &failure)
 
 } // namespace
 
-const char *const exit_codes_help =
-    "Exit codes: 0 done, 1 failure, 2 usage, 3 permission, 4 not found, 5 exists, 6 invalid argument,\n"
-    "7 deferred or busy, 8 unsupported, 9 no memory, 10 differences or findings, 11 no connection.\n";
+std::string exit_codes_help(std::span<const Exit> further)
+{
+	std::string text;
+	int before = -1;
+	for (const auto &row : exits) {
+		if (row.given == Given::by_some &&
+		    std::find(further.begin(), further.end(), row.cause) == further.end())
+			continue;
+		if (row.code == before)
+			text += fmt::format(" or {}", row.help);
+		else
+			text += fmt::format("{}{} {}",
+			    text.empty()  ? "Exit codes: "
+			    : before == 6 ? ",\n"
+					  : ", ",
+			    row.code, row.help);
+		before = row.code;
+	}
+	return text + ".\n";
+}
 
 int exit_code(Exit cause)
 {

@@ -35,8 +35,8 @@ int exit_code(Exit cause);
 const char *exit_word(Exit cause);
 // That of a failed call, by its errno value.
 Exit exit_of_errno(int error);
-// The exit codes as help lists them.
-extern const char *const exit_codes_help;
+// The exit codes as help lists them: those that every tool gives, and those of further causes.
+std::string exit_codes_help(std::span<const Exit> further);
 
 class Failure : public std::exception {
 public:

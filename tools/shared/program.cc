@@ -57,7 +57,7 @@ void declare(CLI::App &app, const Program &program)
 	app.require_subcommand(1);
 	app.fallthrough();
 	app.set_version_flag("--version", fmt::format("{} {}", program_name, TOOL_VERSION), "Print the version");
-	app.footer(fmt::format("{}{}", exit_codes_help, program.footer));
+	app.footer(fmt::format("{}{}", exit_codes_help(program.exits), program.footer));
 	declare_common(app);
 	for (const BoundCommand &command : program.commands) {
 		const CommandText &text = *command.text;

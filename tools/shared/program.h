@@ -28,7 +28,7 @@ int run_tool(const Tool<Options> &tool, int argc, char **argv)
 	return run_safely([&] {
 		Options options;
 		Program program = {tool.summary, tool.footer, options,
-		    [&](CLI::App &app) { tool.declare(app, options); }, tool.completers, {}};
+		    [&](CLI::App &app) { tool.declare(app, options); }, tool.completers, tool.exits, {}};
 		for (auto row = tool.commands; *row != nullptr; row++) {
 			const CommandOf<Options> *command = *row;
 			program.commands.push_back(

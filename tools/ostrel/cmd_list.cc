@@ -246,4 +246,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command walk_command = {{"list", "List the objects that identifiers select", {"walk", "ls"}}, declare, run};
+const Command list_command = {{"list", "List the objects that identifiers select", {"walk", "ls"}}, declare, run};

@@ -35,7 +35,7 @@ Exit run(const Options &options)
 	Identifiers id = parse_identifiers(options.words);
 	if (id.empty())
 		throw Failure(Exit::usage, fmt::format("{} needs the identifiers of an object", options.command))
-		    .next(fmt::format("ostrel walk {} lists the objects", options.database));
+		    .next(fmt::format("ostrel list {} lists the objects", options.database));
 	Object object = database->get(id);
 
 	Object chosen = {object.id, {}};
@@ -59,4 +59,4 @@ Exit run(const Options &options)
 
 } // namespace
 
-const Command get_command = {{"show", "Print one object, or single properties of it", {"get"}}, declare, run};
+const Command show_command = {{"show", "Print one object, or single properties of it", {"get"}}, declare, run};
