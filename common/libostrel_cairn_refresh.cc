@@ -1,5 +1,11 @@
 // The snapshot "running" of an instance is taken some seconds after its last update, so that a burst of updates costs one
 // snapshot. An update notes the time; a thread of the native resources looks every few seconds.
+//
+// A snapshot may be taken once too often, never once too seldom: whatever is in doubt counts as an update without one. It is a
+// comfort, and no part of the update: that was reported long before, and what becomes of the snapshot isn't.
+//
+// Locks: the gate's lock guards which thread goes on. It is never held during a pass. A pass takes the lock of the resources for
+// a step at a time, and calls the daemon without any.
 #include <cstdlib>
 #include <new>
 #include <pthread.h>

@@ -1,5 +1,8 @@
 // Renaming. The repository has no rename: the object is read, written under its new name, and the old group removed. What
 // fails is taken back if that can't destroy what others have written.
+//
+// The order is what loses nothing: at every point the object is there under one of its names, or under both. A rename that is cut
+// short leaves two objects at worst, and a caller that repeats it brings it to its end.
 #include <cstring>
 
 #include "libostrel_cairn.h"

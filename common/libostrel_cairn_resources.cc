@@ -1,5 +1,9 @@
 // Building and freeing resources: a handle that is bound to a daemon, the client objects made against it, and the service or
 // instance that the database is named by.
+//
+// Resources are built whole or not at all: a step that fails ends the private daemon that was started for them, if any, and
+// frees the steps before it. Nobody else sees them until they are returned. Objects are destroyed before the handle that they
+// were made against.
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -69,7 +73,8 @@ static ostrel_error_t look_up_locator(ostrel_rpy_resources_t *res)
 	return OSTREL_SUCCESS;
 }
 
-// *is_lost: the daemon was a private one of others, which ended with them before the first call.
+// *is_lost: the daemon was a private one of others, which ended with them before the first call. That is nobody's fault, and the
+// next try finds another one or starts it: pid 0 tells that this process didn't start the one that was lost.
 static ostrel_error_t build_once(ostrel_db_t db, enclaveid_t enclave, NewResources *out, bool *is_lost)
 {
 	NewResources res(allocate_resources(db, enclave));

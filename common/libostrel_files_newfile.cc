@@ -1,4 +1,15 @@
 // The new file of an update, from its opening to the rename.
+//
+// What is on the disk at each point, if the machine stops there:
+//   before the sync of the file   the old database; the temporary file holds anything
+//   before the rename             the old database; the temporary file is whole
+//   after it                      the old database or the new one: the directory may not have been written
+//   after the sync of the directory   the new one
+// The update is reported as done at the last point alone. If only the last step fails, the caller hears of a failure though the new
+// file stands: then nobody can tell what a restart will find.
+//
+// A temporary file that a failed or killed update leaves is no database and in nobody's way: it is the lock of this database, and
+// the next update empties it. It is removed only if nothing was written to it and it was made for this update.
 #include "libostrel_files_newfile.h"
 
 #include <cerrno>
@@ -97,6 +108,7 @@ int NewFile::set_owner_and_mode(const struct stat *like) const
 		const bool keeps = enclave_ != 0 && !lock_.is_unused();
 		return keeps || fchmod(lock_.fd(), 0644) == 0 ? 0 : errno;
 	}
+	// The owner first: a change of it takes bits from the mode.
 	struct stat now;
 	if (fstat(lock_.fd(), &now) != 0)
 		return errno;
@@ -108,6 +120,7 @@ int NewFile::set_owner_and_mode(const struct stat *like) const
 
 int NewFile::begin(size_t expected, const struct stat *like)
 {
+	// A short file leaves in one write.
 	room_ = expected < buffer_size - small_buffer_size ? expected + small_buffer_size : buffer_size;
 	buffer_.reset(static_cast<char *>(malloc(room_)));
 	if (!buffer_)
@@ -159,6 +172,7 @@ int NewFile::append(const char *text, size_t length)
 	return 0;
 }
 
+// The old file is only ever replaced, so it is as long as when it was measured; another program may have cut it all the same.
 int NewFile::copy(int from, off_t begin, off_t end)
 {
 	while (begin < end) {

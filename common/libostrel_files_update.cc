@@ -4,6 +4,11 @@
 //
 // A line that is in the writer's form already is copied as it stands, straight from the old file to the new one. So an update
 // needs memory only for the lines that it formats.
+//
+// The decision comes twice, if need be. First without the lock: what is refused, or matches nothing, makes no file and keeps nobody
+// waiting. Then the lock is taken, and if another update has replaced the file meanwhile, the decision is made again on what is
+// there now. Updates replace the file, so another version is another inode; the version that was read stays open until then,
+// or a later file could get its number.
 #include "libostrel_files_update.h"
 
 #include <cassert>

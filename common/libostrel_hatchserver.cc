@@ -3,6 +3,9 @@
 // A request passes, in this order: its lengths, its lists, its command, the caller's right to the operation, the right to leave
 // the served database (if it does), and what an update needs for its audit record. Nothing of a request that fails one of
 // these is carried out, and its answer doesn't depend on what the database holds.
+//
+// Requests run on the hatch's threads, several at a time. The database is the caller's, and has to outlive the hatch:
+// ostrel_hatchserver_destroy() returns when no request runs any more.
 #include "libostrel_hatches.h"
 
 #include <cerrno>
@@ -317,6 +320,7 @@ ostrel_error_t ostrel_hatchserver_create(
 	if (fattach(hatch.get(), path) == -1)
 		return ostrel_errno2error(errno);
 	*hatch_fd = hatch.release();
+	// From now on there is an audit record of each update, also when clients have used up this process's descriptors.
 	trl_keep_way();
 	return OSTREL_SUCCESS;
 }

@@ -17,6 +17,9 @@
 namespace repository {
 namespace {
 
+// Who the caller is comes from the kernel, by its connection; nothing of the request counts. Root and the daemon's own user
+// hold every right, since both could open the file. A user that this namespace doesn't know holds none: many users of others
+// share its number.
 constexpr size_t rights_max = 1U << 20;
 
 using Credential = Handle<peercred_t, peercred_free>;

@@ -1,3 +1,14 @@
+// What each update looks at, the rows that it makes, and what it changes in the tree. updates.h has the rules of these steps.
+//
+// Rows stand in an order in which each finds what it needs: a parent and a version before the node that names them; going, what
+// hangs below before what it hangs from, and a node before its version; and what gives up a name before what takes it, since
+// the store has an index of names that is never wrong, not even within a transaction.
+//
+// A version's row goes with the last stored node that holds it. It is held by one group at most, and by the frozen groups that
+// were made of it: so no two commits of a batch, which are of different groups, give up the same one.
+//
+// prepare() may run again: it begins by clearing what an earlier run left in the update.
+//
 // Divisions: new nodes; removing; adding; commits; snapshots.
 #include "changes.h"
 
@@ -35,6 +46,7 @@ void NewNodes::copy_groups(Model *model, const Node *from, uint64_t to, NodeKind
 	}
 }
 
+// The rows refer to the names in the nodes, which stay where they are until put().
 void NewNodes::add_rows(Rows *rows) const
 {
 	for (const auto &[node, parent] : nodes_)
@@ -44,6 +56,8 @@ void NewNodes::add_rows(Rows *rows) const
 			    node->type == nullptr ? std::string_view() : *node->type, {}});
 }
 
+// A parent may have gone since the rows were prepared, if others change the store as well. What should hang below it is left
+// out, and then what should hang below that, since it finds no parent either.
 AllTouched NewNodes::put(Model *model, const Committed &made)
 {
 	AllTouched added;
@@ -77,6 +91,7 @@ int depth_of(const Node *node)
 // last node that holds it. Copies that take the tree's place hold no such version, since what they are copies of stays.
 void remove_tree(const std::vector<Node *> &tree, AllTouched *removed, Rows *rows)
 {
+	// Several nodes of one tree may hold a version: its row goes with the last of them, if nothing else holds it.
 	std::unordered_map<const Version *, uint32_t> released;
 	for (const Node *node : tree)
 		removed->push_back({node->kind, node->id, node->version ? node->version->id : 0});
@@ -124,6 +139,7 @@ rpy_error_t WithdrawGroup::prepare(Model &model, Rows *rows)
 		node = model.child(node, NodeKind::group, name);
 	if (node == nullptr || node->kind != NodeKind::group)
 		return RPY_ERROR_NOT_FOUND;
+	// One group of somebody else's, however deep, keeps all of it: it can't be there without what it hangs below.
 	const std::vector<Node *> tree = Model::tree(node);
 	for (const Node *each : tree)
 		if (each->change != change)
@@ -148,6 +164,7 @@ rpy_error_t AddNode::prepare(Model &model, Rows *rows)
 		return RPY_ERROR_DELETED;
 	if (model.child(above, kind, name) != nullptr)
 		return RPY_ERROR_EXISTS;
+	// After a restart it would hang below nothing.
 	if (above != nullptr && is_stored && !above->stored())
 		return RPY_ERROR_CONSTRAINT_VIOLATED;
 	if (depth_of(above) >= depth_max)
@@ -172,7 +189,9 @@ void AddNode::apply(Model &model, const Committed &made)
 
 namespace {
 
-// The properties of a group with the entries applied to them.
+// The properties of a group with the entries applied to them: those that stay keep their order, new ones follow in that of
+// the entries. All entries fit, or the commit is refused: a property to be created that is there, one to be changed or
+// removed that isn't, and two entries of one name.
 rpy_error_t merge(const std::string &before, Entries *entries, std::string *after)
 {
 	std::unordered_map<std::string_view, Entry *> by_name;
@@ -228,6 +247,7 @@ rpy_error_t Commit::prepare(Model &model, Rows *rows)
 		return RPY_ERROR_DELETED;
 	const Version &old = *node->version;
 	before = after = old.id;
+	// Somebody committed since the client read the group. It is told so, and may read again: nothing is overwritten unseen.
 	nothing = old.id != base;
 	if (nothing)
 		return RPY_ERROR_NONE;
@@ -235,6 +255,7 @@ rpy_error_t Commit::prepare(Model &model, Rows *rows)
 	if (rpy_error_t refused = merge(old.properties, &entries, &version_->properties); refused != RPY_ERROR_NONE)
 		return refused;
 	version_->id = model.take_id(node->stored());
+	// A temporary group's version is in memory alone.
 	if (node->stored()) {
 		rows->push_back(Row::put_version(version_->id, version_->properties));
 		rows->push_back(Row::set_version(group, version_->id));
@@ -262,6 +283,7 @@ rpy_error_t TakeSnapshot::prepare(Model &model, Rows *rows)
 	if (from == nullptr)
 		return RPY_ERROR_DELETED;
 	Node *old = model.child(from, NodeKind::snapshot, name);
+	// A replaced snapshot is removed in the same commit: at no time are there two of its name, or none.
 	if ((old != nullptr) != replace)
 		return replace ? RPY_ERROR_DELETED : RPY_ERROR_EXISTS;
 	replaced = old == nullptr ? 0 : old->id;
@@ -289,6 +311,8 @@ rpy_error_t RevertSnapshot::prepare(Model &model, Rows *rows)
 	const Node *from = model.find(NodeKind::snapshot, snapshot);
 	if (from == nullptr)
 		return RPY_ERROR_DELETED;
+	// Everything stored goes and is made again, with new ids: a client that holds a group of before finds it deleted, and can't
+	// take what was reverted for what it read.
 	Node *to = from->parent;
 	instance = to->id;
 	std::vector<Node *> gone;

@@ -1,3 +1,17 @@
+// Taking a file over from the daemon that holds it.
+//
+//   the holder ...                                                  the start ...
+//   is ending, or can't be seen yet                                 waits
+//   is no daemon                                                    fails
+//   is an enclave's own daemon, and the start is a private one's    fails
+//   serves the start's hatch and answers                            leaves it the file, and is done
+//   serves the start's hatch and is silent                          waits for its answer
+//   is for that hatch, but young or in the foreground               waits: it may be about to serve
+//   is for another hatch, or has lost its own                       asks it to end, once, and waits
+//
+// All waiting together ends after 7 s, with the last holder's name in the message. Each look decides by what it sees, since the
+// holder may have changed; only who was asked is remembered.
+//
 // Divisions: the file; the hatch of its holder; what to do about the holder; taking the file.
 #include "holder.h"
 

@@ -1,3 +1,12 @@
+// The tree, and the ways to find a node in it.
+//
+// A node is in all of these or in none: by its id (`nodes_`, which owns it), by parent, kind and name (`names_`), and in one list
+// by id: `services_`, or the groups or members of its parent. add() and unlink() alone change them. Neither can be taken
+// back: they run after the commit, where memory that runs out ends the daemon (updates.h), or while a start loads the store,
+// which then fails as a whole.
+//
+// The lists are sorted by id, and no id comes again: so a listing can go on after the last id that it gave, whatever was added
+// or removed meanwhile.
 #include "model.h"
 
 #include <algorithm>
@@ -13,6 +22,8 @@ char folded(char c)
 	return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
 }
 
+// Without regard to case, since child() and children_without_case() look in the same index: what has the key is compared
+// once more.
 size_t name_key(const Node *parent, NodeKind kind, std::string_view name)
 {
 	uint64_t hash = 14695981039346656037U ^ (parent == nullptr ? 0 : parent->id * 31) ^ static_cast<uint64_t>(kind);
@@ -59,6 +70,8 @@ Model::Model() : next_passing_(first_passing_id())
 	uint32_t count = 0;
 	none.properties.assign(reinterpret_cast<const char *>(&count), sizeof(count));
 	empty_ = std::make_shared<const Version>(std::move(none));
+	// By default readers come first, and readers that overlap would keep an update waiting for ever. The price: a thread that
+	// has the lock for reading and takes it again waits for the writer, which waits for the thread.
 	pthread_rwlockattr_t attributes;
 	(void) pthread_rwlockattr_init(&attributes);
 	(void) pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
@@ -109,6 +122,7 @@ void Model::add(std::unique_ptr<Node> owned)
 	else
 		insert_by_id(node->is_group() ? &node->parent->groups : &node->parent->members, node);
 	groups_ += node->kind == NodeKind::group ? 1 : 0;
+	// Only what is stored counts: the last holder's removal takes the version's row along (changes.cc).
 	if (node->version && node->stored())
 		node->version->holders++;
 }
@@ -130,6 +144,7 @@ void Model::unlink(Node *node)
 		node->version->holders--;
 }
 
+// From the leaves up, since each node is taken out of its parent's list.
 void Model::remove(Node *node)
 {
 	std::vector<Node *> all = tree(node);
@@ -140,6 +155,7 @@ void Model::remove(Node *node)
 	}
 }
 
+// The version before lives on with its snapshots, and with readers that share it.
 void Model::set_version(Node *node, std::shared_ptr<const Version> version)
 {
 	if (node->stored()) {
@@ -149,6 +165,7 @@ void Model::set_version(Node *node, std::shared_ptr<const Version> version)
 	node->version = std::move(version);
 }
 
+// Level by level: what comes later in the vector never lies above what comes earlier.
 std::vector<Node *> Model::tree(Node *node)
 {
 	std::vector<Node *> all = {node};

@@ -1,3 +1,8 @@
+// What /proc says of another process.
+//
+// All of it may be old when it is read: a process ends, and its id comes to mean another one. Nothing here is more than a
+// hint; who acts on it holds the process by a descriptor first, and looks again (ask_to_end() in holder.cc). Without /proc every
+// answer is the careful one: no holder, no daemon, not of ours.
 #include "process.h"
 
 #include <algorithm>
@@ -63,6 +68,7 @@ std::string program_of(const std::string &process)
 	char path[PATH_MAX];
 	ssize_t size = readlink(("/proc/" + process + "/exe").c_str(), path, sizeof(path));
 	std::string text(path, size > 0 ? static_cast<size_t>(size) : 0);
+	// An upgrade takes the program's file away from under a daemon that runs on.
 	if (size_t gone = text.rfind(" (deleted)"); gone != text.npos)
 		text.resize(gone);
 	return text.substr(text.find_last_of('/') + 1);
@@ -92,6 +98,9 @@ pid_t lock_holder(int file)
 	return 0;
 }
 
+// The list of locks names the process that took a lock, which may have ended since: a lock of flock() belongs to the open file,
+// and lives on in whoever inherited that. This looks at every descriptor of every process, and is for the case that the
+// list leads nowhere.
 pid_t lock_holder_by_descriptor(int file)
 {
 	namespace fs = std::filesystem;
@@ -136,6 +145,7 @@ bool is_daemon(pid_t pid)
 	return is_of_ours(pid) && proc_text(pid, "comm") == own.substr(0, name_max) + "\n";
 }
 
+// By all four ids: a set-user-id program is still its starter's by one of them.
 bool is_of_ours(pid_t pid)
 {
 	unsigned int users[4] = {};
@@ -148,6 +158,7 @@ bool is_of_ours(pid_t pid)
 	    std::begin(users), std::end(users), [](uid_t user) { return user == 0 || user == geteuid(); });
 }
 
+// By the clock that goes on while the machine sleeps, from which the kernel counts. What can't be told counts as old.
 bool is_younger(pid_t pid, int seconds)
 {
 	const std::string text = proc_text(pid, "stat");

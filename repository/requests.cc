@@ -1,4 +1,10 @@
 // The table of handlers, and the way of one request through it.
+//
+// A reply is a head, the magic and an error, and what the handler wrote, which is there only if the error is none. The head is
+// written first and its error patched: a handler that fails half-way, or runs out of memory, leaves no half reply.
+//
+// The right comes before everything else that depends on the repository: a caller without it learns nothing of what is there.
+// It is asked for again with each request, since rights change while a connection lasts.
 #include "requests.h"
 
 #include <cstring>

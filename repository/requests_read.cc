@@ -1,4 +1,10 @@
 // Reads: what one request finds by itself, a batch of reads, and what an operator asks for.
+//
+// The model's lock is held for the look-up alone. A FoundGroup shares the version, which never changes, so that a reply is
+// measured and written without the lock, however large the group is.
+//
+// What a reply takes is asked for before it is written (make_room()), and counts as the caller's: one that may not have so
+// much gets RPY_ERROR_NO_MEMORY, and nobody else notices.
 #include <cerrno>
 #include <unistd.h>
 

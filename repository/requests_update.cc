@@ -1,4 +1,7 @@
 // Requests that change something: each is taken apart into an update (changes.h), which is carried out.
+//
+// A request is checked whole, to its last byte, before its update is run. Updates refer to names in the request's bytes, which
+// stay until the call ends. A handler may write its reply although the update failed: requests.cc cuts it off then.
 #include "changes.h"
 #include "requests_handlers.h"
 
@@ -19,6 +22,7 @@ constexpr size_t entry_least = 5 * sizeof(uint32_t) + 1; // bytes: four numbers 
 rpy_error_t take_entries(Reader *in, Entries *entries)
 {
 	const uint32_t count = in->u32();
+	// The number comes from the client: without this bound it would choose how much memory is taken.
 	if (!in->ok() || count > in->left() / entry_least)
 		return RPY_ERROR_INVALID_ARGUMENT;
 	// The entries and what finds them by name, and the properties while they are put together.

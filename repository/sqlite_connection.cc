@@ -9,6 +9,8 @@ namespace {
 
 constexpr int busy_ms = 5000; // how long an update waits for somebody else's lock
 
+// No mapping of the file: if somebody cut it short, a read would be a signal instead of an error. Cells are checked, since a
+// file may be damaged, or come from an enclave. And a commit that returned is on the disk.
 constexpr const char *settings =
     "pragma mmap_size=0; pragma foreign_keys=on; pragma cell_size_check=on; pragma synchronous=extra";
 
@@ -38,6 +40,7 @@ int SqliteConnection::open(int flags, const std::string &path)
 		return code;
 	(void) sqlite3_extended_result_codes(opened, 1);
 	(void) sqlite3_busy_timeout(opened, busy_ms);
+	// Nothing of the file's own runs in the daemon, and SQL that damages the file is refused.
 	(void) sqlite3_db_config(opened, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
 	(void) sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
 	(void) sqlite3_db_config(opened, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
@@ -50,6 +53,7 @@ int SqliteConnection::open(int flags, const std::string &path)
 
 void SqliteConnection::close()
 {
+	// Before the connection: a statement that is still there would keep it open.
 	for (Statement &statement : kept_)
 		statement.reset();
 	database_.reset();
@@ -74,6 +78,7 @@ int SqliteConnection::change_one(sqlite3_stmt *statement)
 	return sqlite3_changes(database_.get()) == 1 ? SQLITE_OK : SQLITE_CORRUPT;
 }
 
+// Memory and rights have exit codes of their own (main.cc); to the starter all else is EIO, and the text tells.
 Failure SqliteConnection::failure(int code, const char *what) const
 {
 	int error = EIO;
@@ -85,6 +90,7 @@ Failure SqliteConnection::failure(int code, const char *what) const
 	return {error, paths_->path() + ": " + what + ": " + describe(code)};
 }
 
+// SQLite's own text is there only for its own failures: SQLITE_READONLY for a read-only mount, say, is the store's finding.
 std::string SqliteConnection::describe(int code) const
 {
 	const bool knows = is_open() && sqlite3_errcode(database_.get()) != SQLITE_OK;
@@ -93,6 +99,8 @@ std::string SqliteConnection::describe(int code) const
 	return holder.empty() ? text : text + " by " + holder;
 }
 
+// The system's error comes first where there is one: SQLite folds a read-only mount, a quota and a full disk into the code of
+// a failed write, and a client that is told which of them it was knows whether it should try again.
 rpy_error_t SqliteConnection::error_of(int code) const
 {
 	sqlite3 *database = database_.get();

@@ -1,3 +1,5 @@
+// Names in a directory that others may change at any time: an answer may be old when it is used. So what has to hold for a
+// commit is asked before it and again after it (sqlite_store.cc), by the descriptor that holds the lock.
 #include "sqlite_paths.h"
 
 #include <cerrno>
@@ -44,6 +46,7 @@ StorePath::StorePath(const std::string &path, int file)
     : path_(path), journal_(path + journal_end), directory_(directory_of(path)), file_(file)
 {}
 
+// An emptied file is the same file still, but SQLite would take it for a new database and write on.
 bool StorePath::leads_to_file() const
 {
 	struct stat ours, there;
@@ -51,6 +54,7 @@ bool StorePath::leads_to_file() const
 	       ours.st_ino == there.st_ino && there.st_size > 0;
 }
 
+// A second name of the journal would be somebody's file that a commit writes over, put there by who may write to the directory.
 StorePath::Journal StorePath::journal_state() const
 {
 	struct stat there;
@@ -120,6 +124,7 @@ SqliteFile look_at_sqlite_file(const std::string &path, int file)
 	return store.has_live_journal() ? SqliteFile::unsettled : SqliteFile::foreign;
 }
 
+// The first place that has room for the file and its journal. What a place that is too full got of them is removed.
 PrivateCopy::PrivateCopy(const StorePath &store)
 {
 	const char *const places[] = {"/dev/shm", getenv("TMPDIR"), "/run", "/tmp"}; // in memory, if it can be

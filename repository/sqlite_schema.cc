@@ -8,6 +8,8 @@
 namespace repository {
 namespace {
 
+// `version` is 0 for what has no properties. Names are compared with case. A parent has a lower id than what hangs below it, since ids
+// rise and nothing moves: sorted by id, parents come first.
 constexpr const char *schema = R"(
 create table nodes(id integer primary key, kind integer not null, parent integer references nodes(id), name text not null,
 	type text not null, version integer not null);
@@ -18,6 +20,7 @@ insert into state values(1, 0, 2);
 )";
 
 // By Row::What. Each has to change exactly one row.
+// A parameter means the same in all of them, so that one piece of code binds a row; a statement takes those that it names.
 constexpr const char *row_statements[] = {
     "insert into nodes values(?1, ?2, nullif(?3, 0), ?4, ?5, ?6)",
     "update nodes set version = ?6 where id = ?1",
@@ -47,6 +50,7 @@ int schema_of(sqlite3 *database, std::string *text)
 	return code == SQLITE_DONE ? SQLITE_OK : code;
 }
 
+// What `schema` comes to in the words in which this version of SQLite keeps it.
 int own_schema(std::string *text)
 {
 	Database made;
@@ -103,6 +107,8 @@ uint64_t number_of(sqlite3_stmt *statement, int column)
 
 } // namespace
 
+// From the cheap to the dear: the numbers in the head of the file, its schema, its content. Only a file that has passed the one
+// before is worth the next; and until all have passed, nothing of what the file holds is believed.
 Failure check_format(SqliteConnection *store, const std::string &path, bool *fresh)
 {
 	int kind = 0, format = 0, tables = 0;
@@ -149,6 +155,8 @@ int read_state(SqliteConnection *store, StoreState *state)
 	return SQLITE_OK;
 }
 
+// In the caller's transaction, so that versions, nodes and state are of one moment. What the file holds is checked as if a
+// stranger had written it: properties here, and the tree by the loader.
 Failure load(SqliteConnection *store, const std::string &path, const Store::Loader &loader, StoreState *state)
 {
 	Statement versions, nodes;

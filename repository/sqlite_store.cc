@@ -142,6 +142,8 @@ Failure SqliteStore::open(const Loader &loader, uint64_t *next)
 
 // ---- The idle connection ----
 
+// A thread closes the connection, since hours may pass until the next request. A commit that opens it wakes the thread, which
+// then sleeps until a second has gone by since the last one.
 void SqliteStore::close_when_idle()
 {
 	MutexLock hold(lock_);
@@ -172,6 +174,18 @@ SqliteStore::~SqliteStore()
 
 // ---- Committing ----
 
+// What a failure leaves, by when it comes:
+//   before the transaction  nothing was written: refused, and the next update may work
+//   before the COMMIT       as refuse() says: nothing, once the connection is closed
+//   at the COMMIT           all or nothing, which settle() finds out, or the daemon ends
+//   after it                the update stands. A file that isn't at its path any more would be lost with it: the daemon ends
+//
+// `commits_` is the number in the file's row `state`. A commit replaces that row only if it has the number before: so a
+// file that somebody restored or wrote to in the meantime fails the update instead of getting rows of another history. And
+// after a COMMIT of unknown fate the number tells what became of it.
+//
+// Everything runs under `lock_`, also while SQLite waits 5 s for a lock of somebody else's.
+
 // Whether the file is there to be written, and nothing is in its journal's place that SQLite mustn't touch.
 bool SqliteStore::may_commit()
 {
@@ -193,6 +207,8 @@ bool SqliteStore::may_commit()
 // Opens a transaction, and writes all of it but the COMMIT.
 int SqliteStore::write(const Rows &rows, const StoreState &state)
 {
+	// Looked at before the transaction, which makes the journal: if it is new, its name has to be on the disk before the COMMIT,
+	// or a power failure could leave the half-written file without it.
 	const bool makes_journal = paths_.journal_state() == StorePath::Journal::none;
 	int code = connection_.is_open() ? SQLITE_OK : connection_.open(SQLITE_OPEN_READWRITE);
 	if (code == SQLITE_OK && (connection_.is_read_only() || !paths_.takes_writes()))
@@ -225,7 +241,8 @@ rpy_error_t SqliteStore::refuse(int code)
 }
 
 // After a COMMIT that failed: did it take effect? A fresh connection is asked for what the disk holds. If it can't tell,
-// or the update stands although it was reported as failed, the daemon ends.
+// or the update stands although it was reported as failed, the daemon ends: where a sync failed, what is read back now may be
+// in the kernel's memory alone, so the update can't be called done, and it can't be called failed either.
 rpy_error_t SqliteStore::settle(int code)
 {
 	const rpy_error_t error = connection_.error_of(code);

@@ -1,3 +1,12 @@
+// How a batch is put together, and what becomes of it.
+//
+// Order. Updates of one group are carried out in the order in which they came: the second waits for a later batch. One that
+// may change anything (group 0) has a batch of its own, and none that came after it overtakes it.
+//
+// A leader's batch needn't hold its own update. It leads, or waits for other leaders, until that one is done.
+//
+// The updates lie on the stacks of threads that wait in run(), and so do the names and properties that rows refer to: they are
+// there until `done` is set.
 #include "updates.h"
 
 #include <new>
@@ -67,12 +76,18 @@ Rows Updates::prepare(const UpdateList &batch)
 		const size_t before = rows.size();
 		update->nothing = false;
 		update->error = update->prepare(*model_, &rows);
+		// One that is refused half-way leaves no rows among those of the others.
 		if (!update->takes_effect())
 			rows.erase(rows.begin() + static_cast<ptrdiff_t>(before), rows.end());
 	}
 	return rows;
 }
 
+// Readers go on during the first two steps: the model's lock is taken for writing only once everything is durable. No rows,
+// of temporary groups alone for instance, need no commit.
+//
+// noexcept is the rule of updates.h: what apply() throws can't be taken back any more, so it ends the daemon. Before the
+// commit, memory that runs out refuses the whole batch, since it may be short because of any of them.
 void Updates::carry_out(const UpdateList &batch) noexcept
 {
 	Committed made;

@@ -1,4 +1,10 @@
 // Lists in one block of exactly the size that they need: what copies and unpacked lists are.
+//
+// Such a list has no arena: freeing it is freeing one block. It gets an arena with its first change (make_arena()), for what is
+// added from then on; the block, and what lies in it, stays where it is.
+//
+// A list that was only ever appended to lies in one run of memory: it is copied as that, and all pointers into it are moved
+// by the distance. Any other list is measured and copied pair by pair.
 #include <cstdlib>
 
 #include "attrlist/list.h"

@@ -1,3 +1,13 @@
+// Open addressing with steps of one; at most three quarters of the slots are in use, and their number is a power of two.
+//
+// A slot names the pair in front of its own: the ring is linked one way, and whoever takes a pair out needs the one in front of it.
+// So when a pair goes, the slot of the pair after it has to name another one (erase_from_index()). The first pair's slot says
+// NULL, not the last pair, which changes with each pair that is appended.
+//
+// Names come from strangers, in packed lists: with a hash that they could work out they would choose names that all fall on
+// one slot. So it depends on a secret of the process, and no hash is ever written down.
+//
+// An index never shrinks. A larger one is filled before the old one is given back, so that a failure leaves the list as it was.
 #include "attrlist/index.h"
 
 #include <cerrno>
@@ -86,6 +96,7 @@ attrpair *pair_of(attrlist *list, const Slot &slot)
 }
 
 // The slot of the pair that follows `before`.
+// It is there. Other pairs may have the same hash, but none has the same pair in front.
 Slot *slot_after(attrlist *list, attrpair *before, uint32_t hash)
 {
 	Index *index = list->index;
@@ -166,6 +177,7 @@ uint32_t hash_name(const char *name, size_t length)
 	state.round();
 	state.round();
 	state.round();
+	// The top bit is set: 0 is an empty slot.
 	return static_cast<uint32_t>(state.a ^ state.b ^ state.c ^ state.d) | 0x80000000U;
 }
 
@@ -174,6 +186,7 @@ size_t long_index_size(size_t count)
 	return size_with(slots_for(count));
 }
 
+// Every search ends, at an empty slot at the latest.
 Position find_in_index(attrlist *list, const Key &key)
 {
 	Index *index = list->index;
@@ -206,6 +219,7 @@ int grow_index(attrlist *list, size_t more)
 	return 0;
 }
 
+// `last` and `index` share their memory in a list, so the caller puts one of them in place afterwards.
 void release_index(attrlist *list)
 {
 	if ((list->flags & LIST_INDEXED) == 0)

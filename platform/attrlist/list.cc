@@ -1,4 +1,9 @@
 // Making, copying, linking and giving back pairs.
+//
+// A pair is made whole before it is put into a ring. What fails half-way is given back by release_pair(), so a pair of nested
+// lists is one from the start: its lists are empty ones until they are filled.
+//
+// Lists lie in lists up to ATTRLIST_DEPTH_MAX levels, which make_lists() sees to: that bounds every recursion here.
 #include "attrlist/list.h"
 
 #include "attrlist/make.h"
@@ -34,6 +39,7 @@ void move_pointers(attrpair *copy, TypeInfo info, ptrdiff_t distance)
 }
 
 // A pair without nested lists is copied as the record that it is.
+// It holds no pointer out of itself.
 attrpair *copy_record(attrlist *root, const attrpair *pair, TypeInfo info)
 {
 	Arena *arena = arena_of(root);
@@ -96,6 +102,7 @@ int copy_pairs(attrlist *to, attrlist *from)
 	return 0;
 }
 
+// The index first: it looks for the next pair by way of the one that goes.
 void remove_at(attrlist *list, const Position &position)
 {
 	if ((list->flags & LIST_INDEXED) != 0)
@@ -128,6 +135,7 @@ void release_pairs(attrlist *list)
 		release_pair(root, pair);
 		pair = next;
 	}
+	// The index's slots lead to pairs that are gone, but giving it back looks at none of them.
 	release_index(list);
 	list->last = nullptr;
 	list->count = 0;

@@ -1,4 +1,5 @@
-// From a list to its packed form.
+// From a list to its packed form: measured, then written without a check of the end. Both go over the list in the same way, and
+// nobody else changes it meanwhile: a list is used by one thread at a time.
 #include <cstdlib>
 
 #include "attrlist/packed.h"

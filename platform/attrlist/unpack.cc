@@ -2,6 +2,13 @@
 //
 //   scan   goes over all bytes, proves each length before it's used, and measures the memory of the list
 //   build  makes the list in one block; what is left to be refused is a name that stands twice
+//
+// Rules of the scan: a length is compared with what is left before anything is read or skipped by it; a count is at most
+// ATTRLIST_ELEMENTS_MAX before it is multiplied, so that no product overflows; a loop over a count that isn't bounded yet takes
+// bytes in each turn, so it ends with them; the levels are bounded, and so is the stack.
+//
+// The build checks nothing of that again, and takes its memory without a look at its end. So the two have to go over the
+// bytes in the same way, to the byte: what changes in one changes in the other, and in what a record is measured by.
 #include "attrlist/packed.h"
 #include "base/memory_gate.h"
 
@@ -21,6 +28,7 @@ struct Scan {
 
 bool scan_list(Scan &scan, int level);
 
+// Copied out, since the bytes may begin anywhere.
 PairHeader load_header(const char *at)
 {
 	auto head = load<PairHeader>(at);
@@ -177,6 +185,9 @@ bool build_lists(Build &build, attrlist *list, attrpair *pair, TypeInfo info)
 	return true;
 }
 
+// The pair is in the list before its value is: the lists in it are built where they stay.
+// Names are looked up one by one as they come, in a long list through its index: so a list costs as much as its pairs are
+// many, also if a stranger chose the names.
 bool build_pair(Build &build, attrlist *list)
 {
 	PairHeader head = load_header(build.in);
@@ -232,7 +243,7 @@ int attrlist_unpack(const char *buf, size_t len, attrlist_t **outp, int zero)
 	bool unique = build_list(build, list);
 	close_exact(list);
 	if (!unique) {
-		attrlist_free(list);
+		attrlist_free(list); // half a list lies in one block as well
 		return EINVAL;
 	}
 	*outp = list;

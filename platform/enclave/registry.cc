@@ -1,5 +1,12 @@
 // The registry of a host's enclaves: one file for each, of lines `key=value`, replaced whole by a rename.
 //
+// Readers take no lock: a record that they open is a whole one, the old or the new. Updates hold the lock of the registry from
+// the look to the rename, so that none overwrites what another one has just checked. The lock is of the open file: it ends
+// with the process that has it, however that ends, and a forked child shares it with its parent.
+//
+// A record is as good as the one who could write it. It is read by descriptor, without a link or a wait, and counts only if
+// root or this process's user owns it and nobody else may write it (check_owner()).
+//
 // Divisions: fields, reading a record, writing one, the calls.
 #include "enclave/enclave_impl.h"
 

@@ -1,3 +1,13 @@
+// At most two calls of a handle are under way. Each has its turn, and a turn ends in one of three ways: it is passed to the thread
+// that has waited longest; nobody waits, and there is one call less; or the daemon has gone, and all that wait are told so,
+// instead of each of them waiting for its own failure.
+//
+// A waiter belongs to the queue, then to the leader that took it out of there, then, once its state is set, to its own thread
+// again, which may return at once. So the state is the last thing that a leader writes to it.
+//
+// A reply that doesn't hold a waiter's part is no failure: that thread asks again in a call of its own, with a budget that
+// began when it did.
+//
 // Divisions: a thread that waits; one call for several; the turns.
 #include "rpy/request_batch.h"
 

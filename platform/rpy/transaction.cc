@@ -1,5 +1,8 @@
 // Transactions: entries are gathered here, with the properties of the group at the start as their measure, and carried out by the
 // daemon in one call. Values belong to their entry, entries to their transaction, once they are attached.
+//
+// The transaction holds the group's block from its start on, so what it measures by can't change under it. If somebody
+// else commits in between, the daemon changes nothing and says so; the caller starts again with what is there then.
 #include "rpy/object.h"
 
 using namespace rpy;

@@ -213,6 +213,8 @@ void trl_watch(trl_watcher_t *new_watcher, void *cookie)
 	has_watcher = new_watcher != nullptr;
 }
 
+// Without a way to the log the session fails here, but where a watcher listens: for that one it is made, and each event then
+// fails with the reason.
 int trl_start_session(trl_session_data_t **session, const void *imported, unsigned int flags)
 {
 	CancellationWaits cancellation;
@@ -255,6 +257,8 @@ trl_event_data_t *trl_alloc_event(const trl_session_data_t *session, trl_event_t
 	return &made->data;
 }
 
+// The watcher is told even if there is no way to the log, and before the record is sent: it has seen the event whatever becomes
+// of that. A record that doesn't fit is refused rather than cut: half a name would be another object's.
 int trl_put_event(const trl_event_data_t *data, int status, int retval)
 {
 	CancellationWaits cancellation;
