@@ -48,6 +48,7 @@ constexpr Handled handlers[] = {
     {Op::backup, backup},
     {Op::read_batch, read_batch},
     {Op::withdraw_group, withdraw_group},
+    {Op::batch, batch},
 };
 static_assert(has_a_row_for_each_request(handlers));
 

@@ -22,7 +22,7 @@ Handler get_status, decode, get_group, read_group, read_batch, get_snapshot, ver
 Handler list_services, list_instances, list_snapshots, list_groups;
 // requests_update.cc
 Handler add_service, add_instance, add_group, delete_entity, delete_group, withdraw_group, commit, take_snapshot,
-    delete_snapshot, revert_snapshot;
+    delete_snapshot, revert_snapshot, batch;
 
 // A group as a reader found it. Versions never change, so that the reply is filled without the lock.
 struct FoundGroup {

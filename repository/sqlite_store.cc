@@ -293,7 +293,9 @@ Committed SqliteStore::commit(const Rows &rows, uint64_t next)
 		end_daemon("%s: the file was replaced during an update; ending", paths_.path().c_str());
 	if (opens)
 		changed_.notify_all(); // for who closes it
-	return RPY_ERROR_NONE;
+	Committed made;
+	made.revision = static_cast<uint64_t>(commits_);
+	return made;
 }
 
 bool SqliteStore::writable()

@@ -75,6 +75,7 @@ struct Committed {
 
 	rpy_error_t error; // RPY_ERROR_NONE: all rows are durable. Otherwise none is.
 	bool is_stale = false;
+	uint64_t revision = 0; // the number of this commit: it rises with each, over all daemons of a store
 
 	// The id that a node or a version got. A store that numbers its rows by itself puts the others here, by the provisional
 	// id that the rows have; nodes and versions take theirs from one sequence.

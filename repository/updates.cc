@@ -108,8 +108,10 @@ void Updates::carry_out(const UpdateList &batch) noexcept
 		return refuse(batch, made.error);
 	WriteLock hold(model_->lock);
 	for (Update *update = batch.first(); update != nullptr; update = update->next)
-		if (update->takes_effect())
+		if (update->takes_effect()) {
+			update->revision = made.revision;
 			update->apply(*model_, made);
+		}
 }
 
 rpy_error_t Updates::run(Update *update)

@@ -44,6 +44,7 @@ struct Update {
 	const uint64_t group;
 	bool nothing = false;
 	rpy_error_t error = RPY_ERROR_NONE;
+	uint64_t revision = 0; // of the commit that made it durable; 0: nothing of it is kept
 
 	// Its place in Updates.
 	bool done = false;

@@ -6,7 +6,7 @@ import struct
 HERE = os.path.dirname(os.path.abspath(__file__))
 (STATUS, DECODE, LIST_SERVICES, LIST_INSTANCES, LIST_SNAPSHOTS, ADD_SERVICE, ADD_INSTANCE, DELETE_ENTITY, GET_GROUP,
  READ_GROUP, LIST_GROUPS, ADD_GROUP, DELETE_GROUP, COMMIT, GET_SNAPSHOT, TAKE_SNAPSHOT, DELETE_SNAPSHOT,
- REVERT_SNAPSHOT, VERIFY, BACKUP, TOGETHER) = range(21)
+ REVERT_SNAPSHOT, VERIFY, BACKUP, TOGETHER, WITHDRAW_GROUP, BATCH) = range(23)
 SERVICE, INSTANCE, GROUP, SNAPSHOT, FROZEN = range(1, 6)
 
 
@@ -56,6 +56,11 @@ REQUESTS = {
                     (LIST_SNAPSHOTS, u64(3) + u64(0)), (GET_GROUP, u32(INSTANCE) + u64(3) + text("g")), (READ_GROUP, u64(4)),
                     (LIST_GROUPS, u32(INSTANCE) + u64(3) + u32(1) + text("G") + u64(0)),
                     (LIST_GROUPS, u32(INSTANCE) + u64(3) + u32(3) + text("") + u64(0)), (VERIFY, b""), (BACKUP, b"")],
+    "batch": BASE + [(BATCH, u32(2) + u32(0) + u64(4) + u64(5) + u32(1) + u32(INSTANCE) + u64(3) + text("h") +
+                      u32(4) + u32(0) + u32(INSTANCE) + u64(3) + text("h") + text("t") + u32(0) +
+                      u32(0) + u32(0) + u64(0) + text("n") + text("t") + u32(0) +
+                      u32(1) + u32(0) + u64(1) + u64(0) + u32(1) + u32(0) + prop("p", 2, 1) +
+                      u32(2) + u64(4) + u32(1) + u64(9))],
     "change": BASE + [(COMMIT, u64(4) + u64(5) + u32(1) + u32(2) + prop("p", 2)), (COMMIT, u64(4) + u64(5) + u32(0)),
                       (TAKE_SNAPSHOT, u64(3) + text("running") + u32(1)), (REVERT_SNAPSHOT, u64(7)), (REVERT_SNAPSHOT, u64(10))],
     "delete": BASE + [(DELETE_GROUP, u64(4)), (DELETE_SNAPSHOT, u64(7)), (DELETE_ENTITY, u64(2) + u32(0)),

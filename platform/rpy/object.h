@@ -3,7 +3,7 @@
 // Layers, each on those before it: wire.h (the bytes), requests.h (what client and daemon know of each request), error.h
 // (rpy_error() of a thread), texts.h, handle.h (the connection), call.h (one request and its reply), request_batch.h (reads that
 // share a call). The objects stand on these: binding.cc (handles), entities.cc, groups.cc, listings.cc, properties.cc, values.cc,
-// transaction.cc, and maintenance.cc, which has none.
+// transaction.cc, update_batch.cc, and maintenance.cc, which has none.
 //
 // Replies. The daemon isn't trusted, since that of another enclave may send anything. A reply is checked as a whole before an
 // object points into it: magic, error number, every length, name, type and value. Walking through what was checked can't fail.
@@ -104,6 +104,14 @@ struct rpy_transaction_entry {
 	rpy_value_t *last = nullptr;
 };
 
+struct rpy_batch {
+	rpy_handle_t *handle = nullptr;
+	rpy::Writer conditions, steps; // as they travel
+	uint32_t condition_count = 0;
+	uint32_t step_count = 0;
+	uint64_t adds[RPY_BATCH_MAX / 64] = {}; // a bit for each step: whether it adds a group
+};
+
 namespace rpy {
 
 // An empty object of a handle. NULL with rpy_error() if there is no handle, or no memory.
@@ -131,6 +139,9 @@ struct Top {
 bool set_top(Top *top, Parent kind, const rpy_entity *entity);
 bool set_top(Top *top, const rpy_propertygroup_t *pg);
 bool is_set(const rpy_propertygroup_t *pg);
+
+// Writes the entries of a transaction, as a commit has them. RPY_ERROR_TYPE_MISMATCH: a value has another type than its entry.
+rpy_error_t put_entries(Writer *out, const rpy_transaction_t *transaction);
 
 // Finds a property of a group. False if there is none.
 bool find_property(const Group &group, std::string_view name, Property *found);

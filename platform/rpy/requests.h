@@ -48,6 +48,7 @@ constexpr Request requests[] = {
     {"backup", Op::backup, Request::repeatable | Request::privileged},
     {"read_batch", Op::read_batch, Request::repeatable},
     {"withdraw_group", Op::withdraw_group, Request::privileged},
+    {"batch", Op::batch, Request::privileged},
 };
 
 constexpr const Request &request_of(Op op)

@@ -91,6 +91,17 @@ bool put_entry(Writer *out, const rpy_transaction_entry_t *entry)
 
 } // namespace
 
+rpy_error_t rpy::put_entries(Writer *out, const rpy_transaction_t *transaction)
+{
+	const size_t count_at = out->reserve();
+	uint32_t count = 0;
+	for (const rpy_transaction_entry_t *entry = transaction->first; entry != nullptr; entry = entry->next, count++)
+		if (!put_entry(out, entry))
+			return RPY_ERROR_TYPE_MISMATCH;
+	out->patch(count_at, count);
+	return RPY_ERROR_NONE;
+}
+
 rpy_transaction_t *rpy_transaction_create(rpy_handle_t *handle)
 {
 	return make_object<rpy_transaction_t>(handle);
@@ -145,6 +156,23 @@ int rpy_transaction_start(rpy_transaction_t *transaction, const rpy_propertygrou
 		return fail(RPY_ERROR_IN_USE);
 	transaction->block = pg->block;
 	transaction->group = pg->group;
+	return 0;
+}
+
+int rpy_transaction_start_new(rpy_transaction_t *transaction)
+{
+	if (transaction == nullptr)
+		return fail(RPY_ERROR_INVALID_ARGUMENT);
+	if (transaction->block)
+		return fail(RPY_ERROR_IN_USE);
+	constexpr uint32_t no_properties = 0;
+	BlockRef block(make_block(sizeof(no_properties)));
+	if (!block)
+		return fail(RPY_ERROR_NO_MEMORY);
+	memcpy(block->data(), &no_properties, sizeof(no_properties));
+	transaction->group = {};
+	transaction->group.properties = {block->data(), sizeof(no_properties)};
+	transaction->block = std::move(block);
 	return 0;
 }
 
@@ -212,17 +240,13 @@ int rpy_transaction_commit(rpy_transaction_t *transaction)
 {
 	if (transaction == nullptr)
 		return fail(RPY_ERROR_INVALID_ARGUMENT);
-	if (!transaction->block)
+	if (!transaction->block || transaction->group.id == 0)
 		return fail(RPY_ERROR_NOT_SET);
 	Call call(Op::commit);
 	call.out.u64(transaction->group.id);
 	call.out.u64(transaction->group.version);
-	size_t count_at = call.out.reserve();
-	uint32_t count = 0;
-	for (rpy_transaction_entry_t *entry = transaction->first; entry != nullptr; entry = entry->next, count++)
-		if (!put_entry(&call.out, entry))
-			return fail(RPY_ERROR_TYPE_MISMATCH);
-	call.out.patch(count_at, count);
+	if (rpy_error_t error = put_entries(&call.out, transaction); error != RPY_ERROR_NONE)
+		return fail(error);
 	call.out.u64(transaction->handle->change);
 	if (!call.send(transaction->handle))
 		return -1;

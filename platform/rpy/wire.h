@@ -43,6 +43,7 @@ enum class Op : uint32_t {
 	backup,          // -> the store's bytes
 	read_batch,      // texts, each a whole batchable request -> the replies, as texts
 	withdraw_group,  // parent, name text or empty, change: the group there, or `parent`, goes if that is all of it
+	batch, // count u32, conditions, count u32, steps, change -> outcome u32, its number u32, error u32, revision u64
 	count_
 };
 
@@ -54,6 +55,26 @@ enum class Filter : uint32_t { all, name_without_case, type, type_prefix };
 
 // What an entry of a commit does.
 enum class Change : uint32_t { create, change, remove };
+
+// A condition of a batch, and what follows its number.
+enum class Expect : uint32_t {
+	version, // group u64, version u64
+	absent,  // parent, name text: there is no group of this name
+};
+
+// A step of a batch, and what follows its number. A `place` is a parent or, with 0 as its kind, the number of an earlier step, for
+// the group that it added.
+enum class Step : uint32_t {
+	add, // place, name text, type text, flags u32
+	commit, // place, version u64, count u32, entries. The version is that before the first step; of a new group it doesn't count
+	remove, // group u64, all u32: 0 if nothing may hang below it
+};
+
+// What became of a batch: carried out; not, since a condition doesn't hold or a group has another version than its commit names;
+// not, since a step can't be carried out, for what `error` says. The number is that of the condition or step, conditions first.
+enum class Outcome : uint32_t { done, conflict, failed };
+
+constexpr uint32_t batch_most = RPY_BATCH_MAX; // conditions, and steps
 
 // The members of one page: groups of a listing, or names. A page ends before `page_most` once it has `page_bytes` and
 // `page_least` members, or if the daemon gets no more memory for its reader. Each page but the last has a member.
@@ -155,6 +176,16 @@ public:
 	{
 		if (ok_)
 			memcpy(data_ + at, &value, sizeof(value));
+	}
+	// Begins again, also after memory has run out.
+	void clear()
+	{
+		::free(heap_);
+		heap_ = nullptr;
+		data_ = small_;
+		size_ = 0;
+		room_ = sizeof(small_);
+		ok_ = true;
 	}
 	// Takes back what was written after `size` bytes.
 	void cut(size_t size) { size_ = size; }

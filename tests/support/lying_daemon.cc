@@ -90,6 +90,9 @@ void put_reply(Writer *reply, Lie lie, Reader in)
 		put_head(reply);
 		put_group(reply, in.u64(), "g");
 		break;
+	case rpy::Op::batch: // which an older daemon doesn't know
+		put_head(reply, RPY_ERROR_INVALID_ARGUMENT);
+		break;
 	default: // the service and the instance
 		put_head(reply);
 		reply->u64(2);

@@ -52,6 +52,7 @@ extern "C" {
 #define RPY_NAME_MAX 256 /* bytes of a name or type, its NUL included; they have no '/' */
 #define RPY_SCOPE_LOCAL "localhost"
 #define RPY_PG_FLAG_TEMPORARY 1U /* the group lives as long as the daemon, and is in no snapshot */
+#define RPY_BATCH_MAX 1024       /* conditions of a batch, and steps */
 #define RPY_CALL_SECONDS 60      /* how long a call of the daemon may take, in all */
 
 typedef enum rpy_error MERIDON_ENUM32 {
@@ -110,6 +111,7 @@ typedef struct rpy_value rpy_value_t;
 typedef struct rpy_iter rpy_iter_t;
 typedef struct rpy_transaction rpy_transaction_t;
 typedef struct rpy_transaction_entry rpy_transaction_entry_t;
+typedef struct rpy_batch rpy_batch_t;
 
 /* Why the last failing call of this thread failed; RPY_ERROR_NONE before any did. */
 rpy_error_t rpy_error(void);
@@ -381,6 +383,68 @@ void rpy_entry_destroy(rpy_transaction_entry_t *entry);          /* detaches it 
  * Errors: RPY_ERROR_DELETED, RPY_ERROR_NOT_SET if it wasn't started, and those of every change
  */
 int rpy_transaction_commit(rpy_transaction_t *transaction);
+
+/*
+ * Starts a transaction on a group that isn't there yet and has no properties: for rpy_batch_commit_new().
+ * Errors: RPY_ERROR_IN_USE if it was started before
+ */
+int rpy_transaction_start_new(rpy_transaction_t *transaction);
+
+/* ---- Batches ---- */
+
+/*
+ * A batch is several updates in one: conditions, and steps that are carried out in their order if all conditions hold, all of
+ * them or none. Nobody sees a part of it, and all of it is durable at once. Each step is what the call of its own is, with its
+ * rules; it meets the repository as the steps before it leave it.
+ *
+ * A new batch is empty; what is put into it is copied. Each call that puts something in fails with
+ *         RPY_ERROR_NO_RESOURCES  there are RPY_BATCH_MAX of its kind
+ *         RPY_ERROR_CONSTRAINT_VIOLATED  a group of a snapshot
+ */
+rpy_batch_t *rpy_batch_create(rpy_handle_t *handle);
+void rpy_batch_destroy(rpy_batch_t *batch);
+int rpy_batch_reset(rpy_batch_t *batch); /* makes it empty */
+
+/* Conditions: the group is there and has the version that `pg` holds; there is no group of that name directly below a thing. */
+int rpy_batch_expect_version(rpy_batch_t *batch, const rpy_propertygroup_t *pg);
+int rpy_batch_expect_absent_in_service(rpy_batch_t *batch, const rpy_service_t *service, const char *name);
+int rpy_batch_expect_absent_in_instance(rpy_batch_t *batch, const rpy_instance_t *instance, const char *name);
+int rpy_batch_expect_absent_in_pg(rpy_batch_t *batch, const rpy_propertygroup_t *pg, const char *name);
+
+/*
+ * Steps. Each call gives the step's number, from 0 on. By it other steps name the group that it adds: the last call adds a group
+ * below that of an earlier step. Errors: RPY_ERROR_NOT_FOUND if that step adds none
+ */
+int rpy_batch_service_add_pg(
+    rpy_batch_t *batch, const rpy_service_t *service, const char *name, const char *type, uint32_t flags);
+int rpy_batch_instance_add_pg(
+    rpy_batch_t *batch, const rpy_instance_t *instance, const char *name, const char *type, uint32_t flags);
+int rpy_batch_pg_add_pg(
+    rpy_batch_t *batch, const rpy_propertygroup_t *pg, const char *name, const char *type, uint32_t flags);
+int rpy_batch_new_add_pg(rpy_batch_t *batch, int step, const char *name, const char *type, uint32_t flags);
+
+/*
+ * Carries out what is attached to the transaction. The group has to have the version of the transaction's start when the batch
+ * begins; that is a condition. The second commits to the group that an earlier step adds.
+ * Errors: RPY_ERROR_NOT_SET if it wasn't started, RPY_ERROR_TYPE_MISMATCH as for rpy_transaction_commit(), RPY_ERROR_NOT_FOUND
+ *         if that step adds none, RPY_ERROR_INVALID_ARGUMENT if the transaction was started for the other call
+ */
+int rpy_batch_commit(rpy_batch_t *batch, const rpy_transaction_t *transaction);
+int rpy_batch_commit_new(rpy_batch_t *batch, int step, const rpy_transaction_t *transaction);
+
+/* Deletes a group with the groups below it; with `all` 0 one that has any there is RPY_ERROR_IN_USE. */
+int rpy_batch_delete_pg(rpy_batch_t *batch, const rpy_propertygroup_t *pg, int all);
+
+/*
+ * Carries the batch out: 1 if all of it took effect and is durable, 0 if a condition doesn't hold and nothing took effect, -1 on
+ * failure. The batch stays as it is, and can be run again.
+ * *failed, which may be NULL, becomes the number of the condition or step that didn't hold or failed, counted from the first
+ * condition on, steps after conditions; -1 if it is none of them.
+ * *revision, which may be NULL, becomes the number of the commit; 0 if it changed nothing that is kept.
+ * Errors: those of the steps, and of every change
+ *         RPY_ERROR_VERSION_MISMATCH  the daemon is older and knows no batches
+ */
+int rpy_batch_run(rpy_batch_t *batch, int *failed, uint64_t *revision);
 
 /* ---- The daemon ---- */
 
