@@ -21,8 +21,9 @@ public:
 	/*
 	 * Takes what has been told so far, without waiting. *changed: since the last call the database may have changed. It is set
 	 * in doubt, and never left out: whoever reads after each true one holds, at rest, what the store holds.
-	 * Errors: why nothing is told at present (no server, no right, no descriptors). The notifier goes on trying, sets *changed
-	 *         once it is back, and fd() is readable then
+	 * Errors: why not everything is told at present (no server, no right, no descriptors). *changed counts all the same; it isn't
+	 *         set in each call, so that a caller who looks until nothing comes gets to an end. The notifier goes on trying, sets
+	 *         *changed once it is back, and fd() is readable then
 	 */
 	virtual ostrel_error_t look(bool *changed) = 0;
 	// Gives everything up, the object included.

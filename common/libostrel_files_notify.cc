@@ -2,7 +2,7 @@
 //
 // One inotify descriptor has a watch on each directory of the path, from the root down, and on those of what symbolic links on
 // the way lead to. An event counts if it names the next step of the path in such a directory; so the temporary file of an update
-// is none. What changes the way itself (a directory that comes, goes or is moved, a mount, events that were lost) has all watches
+// is none. What changes the way itself (a directory that comes, goes or is moved, the end of a mount, lost events) has all watches
 // placed again, until two rounds give the same ones: a change between a look at a directory and the watch on it would be missed
 // otherwise. Only then is the change told, so that whoever reads afterwards misses nothing.
 //
@@ -10,8 +10,8 @@
 // Events arrive here; the end of that mount is one, too. So the child makes nothing but system calls, and leaves what it placed
 // in memory that both have.
 //
-// A directory that may be passed and not read can't be watched, and inotify may be out of watches: then the notifier tells of a
-// change each few seconds, since there may have been one.
+// A directory that may be passed and not read can't be watched, and inotify may be out of watches: then the watches are placed
+// again each few seconds, and a change is told, since there may have been one. The lack of watches is an error besides.
 #include "libostrel_files.h"
 
 #include <cerrno>
@@ -33,7 +33,8 @@
 namespace {
 
 constexpr int look_seconds = 5;
-constexpr int links_max = 40; // as the kernel follows
+constexpr unsigned child_seconds = 15; // for a child, whose enclave may have a file system that doesn't answer
+constexpr int links_max = 40;          // as the kernel follows
 constexpr int rounds_max = 100;
 constexpr size_t steps_max = 192;
 
@@ -51,7 +52,7 @@ struct PathStep {
 // The whole way, in memory that a child shares. The last step is the file's.
 struct Way {
 	size_t count;
-	bool is_partly_watched; // a directory can't be read
+	bool is_partly_watched; // a directory can't be read, or there are too many steps
 	int error;              // why no more can be watched
 	PathStep steps[steps_max];
 };
@@ -144,7 +145,11 @@ void place_once(int inotify, const char (&path)[PATH_MAX], Way *way)
 	way->count = 0;
 	way->is_partly_watched = false;
 	way->error = 0;
-	for (PathWalk walk(path); way->count < steps_max && walk.next();) {
+	for (PathWalk walk(path); walk.next();) {
+		if (way->count == steps_max) {
+			way->is_partly_watched = true;
+			return;
+		}
 		const int watch = inotify_add_watch(inotify, walk.directory(), way_events | content_events);
 		if (watch == -1 && (errno == ENOENT || errno == ENOTDIR))
 			return;
@@ -164,7 +169,7 @@ void place_once(int inotify, const char (&path)[PATH_MAX], Way *way)
 
 class FileNotifier final : public Notifier {
 public:
-	FileNotifier(enclaveid_t enclave) : enclave_(enclave) {}
+	explicit FileNotifier(enclaveid_t enclave) : enclave_(enclave) {}
 
 	ostrel_error_t begin(const char *path);
 	int fd() const override { return set_.get(); }
@@ -192,7 +197,9 @@ private:
 	Fd set_, inotify_, timer_;
 	Way *way_ = nullptr;
 	Way *before_ = nullptr;
-	bool placed_ = false;
+	bool placed_ = false; // both ways are of rounds without an error
+	bool tried_ = false;  // look() was called
+	int place_error_ = 0; // of the last placing
 };
 
 int FileNotifier::add_to_set(int fd) const
@@ -211,7 +218,8 @@ Way *map_way()
 ostrel_error_t FileNotifier::begin(const char *path)
 {
 	char directory[PATH_MAX] = "";
-	if (*path != '/' && getcwd(directory, sizeof(directory)) == nullptr)
+	// A child in an enclave begins at its root, as the one that opens the file does.
+	if (*path != '/' && enclave_ == ENCLAVE_ID_GLOBAL && getcwd(directory, sizeof(directory)) == nullptr)
 		return SETERRNO(errno);
 	if (!join(path_, directory, path))
 		return SETERROR(OSTREL_INVALID_ARG);
@@ -231,6 +239,8 @@ ostrel_error_t FileNotifier::begin(const char *path)
 
 int FileNotifier::place_round()
 {
+	way_->count = 0; // a child may never get to it
+	way_->error = 0;
 	if (enclave_ == ENCLAVE_ID_GLOBAL) {
 		place_once(inotify_.get(), path_, way_);
 		return way_->error;
@@ -238,6 +248,7 @@ int FileNotifier::place_round()
 	pid_t child;
 	int error = ostrel_zfork(enclave_, B_TRUE, &child);
 	if (error == 0 && child == 0) {
+		ostrel_zlimit(child_seconds);
 		place_once(inotify_.get(), path_, way_);
 		_exit(0);
 	}
@@ -261,9 +272,10 @@ int FileNotifier::place()
 {
 	for (int round = 0; round < rounds_max; round++) {
 		std::swap(way_, before_);
-		if (int error = place_round())
-			return error;
+		const int error = place_round();
 		drop_unused();
+		if (error != 0)
+			return error;
 		if (placed_ && same_watches(*way_, *before_))
 			return 0;
 		placed_ = true;
@@ -295,6 +307,7 @@ bool FileNotifier::counts(const inotify_event &event, bool *lost) const
 	return found;
 }
 
+// Takes all events, and the tick of the timer, which is as good as an event that was lost.
 bool FileNotifier::drain(bool *lost)
 {
 	bool found = false;
@@ -312,7 +325,8 @@ bool FileNotifier::drain(bool *lost)
 		}
 	}
 	uint64_t ticks;
-	return read(timer_.get(), &ticks, sizeof(ticks)) == sizeof(ticks) || found;
+	*lost = read(timer_.get(), &ticks, sizeof(ticks)) == sizeof(ticks) || *lost;
+	return found || *lost;
 }
 
 void FileNotifier::look_again_later(bool wanted) const
@@ -322,17 +336,19 @@ void FileNotifier::look_again_later(bool wanted) const
 	(void) timerfd_settime(timer_.get(), 0, &when, nullptr);
 }
 
+// While watches are lacking, each tick and each event of those that there are places them again, and nothing else does: a caller
+// may look as often as it likes.
 ostrel_error_t FileNotifier::look(bool *changed)
 {
-	bool lost = !placed_;
+	bool lost = !tried_;
+	tried_ = true;
 	*changed = drain(&lost) || lost;
-	if (!*changed)
-		return OSTREL_SUCCESS;
-	int error = lost || way_->error != 0 ? place() : 0;
-	look_again_later(error != 0 || way_->is_partly_watched);
-	if (error != 0)
-		placed_ = false;
-	return error != 0 ? SETERRNO(error) : OSTREL_SUCCESS;
+	if (*changed && (lost || place_error_ != 0)) {
+		place_error_ = place();
+		placed_ = placed_ && place_error_ == 0;
+		look_again_later(place_error_ != 0 || way_->is_partly_watched);
+	}
+	return place_error_ != 0 ? SETERRNO(place_error_) : OSTREL_SUCCESS;
 }
 
 } // namespace

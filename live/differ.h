@@ -1,5 +1,5 @@
 /*
- * The differ: what a watch has handed out, in 32 bytes an object beside its identifiers, and what changed since.
+ * The differ: what a watch has handed out, as digests beside the identifiers, and what changed since.
  *
  * One reading after the other: begin(), see() for each object that the store holds, next_removed() until there is no more. What it
  * keeps is what it reported, so it may leave out what didn't change.
@@ -43,8 +43,8 @@ public:
 private:
 	struct Entry {
 		Digest content;
-		char *ids;        // packed
-		uint32_t size;    // of the packed identifiers
+		char *ids;        // in the form of pack_identifiers()
+		uint32_t size;    // of that
 		uint32_t reading; // that saw it last
 	};
 

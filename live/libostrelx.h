@@ -130,7 +130,7 @@ typedef enum ostrelx_event_kind MERIDON_ENUM32 {
 	OSTRELX_EVENT_SYNCED = 4,  /* what came so far is a state of the store: act on it, keep `token` */
 	OSTRELX_EVENT_CHANGED = 5, /* OSTRELX_WATCH_BARE: something may have changed */
 	OSTRELX_EVENT_LOST =
-	    6 /* no server, no daemon, no right: `error`. What is held may be old. The watch goes on trying */
+	    6 /* no server, no daemon, no right, no inotify watches: `error`. What is held may be old, until a SYNCED */
 } ostrelx_event_kind_t;
 
 typedef struct ostrelx_event {
@@ -161,12 +161,18 @@ typedef struct ostrelx_event {
  * Of several objects with the same identifiers one is kept, and may be handed out again at each change of the database.
  *
  * Opening reads nothing and waits for nobody. A file that isn't there holds no object; it is watched for.
- * Not seen in a file are changes by mmap(), by another host and below an overlay.
+ * LOST comes once for each reason, and the watch goes on trying, each 5 s at the latest. SYNCED tells when it is over, also if
+ * nothing has changed. If inotify has no more watches to give, what is held after a SYNCED may be 5 s old.
  *
- * Forks:   a watch stays its process's: a child closes it, or leaves it alone.
+ * Of a file, too, the watch looks each 5 s alone where a directory of its path may be passed and not read. Not seen before the
+ * next look are a mount over such a directory, and changes by mmap(), by another host, below an overlay, or by another name of
+ * the file.
+ *
+ * Forks:   a watch stays its process's. A child may close it, which the parent doesn't notice; next() is OSTREL_INVALID_ARG there.
  * Owns:    *watchp is new; close it before the database. `idl` and `token` are copied.
  * Errors:  OSTREL_NOTSUP; OSTREL_NO_MEMORY; OSTREL_INVALID_ARG; what making its descriptors gave
- * Limits:  100 bytes and the identifiers' text for each object that is watched; while events wait to be taken, their contents too
+ * Limits:  100 bytes and the identifiers' text for each object that is watched; while events wait to be taken, their contents too.
+ *          Six descriptors, one of them inotify's: a user has 128 of those as a rule
  */
 ostrelx_error_t ostrelx_watch_open(
     ostrel_db_t db, attrlist_t *idl, uint64_t flags, const char *token, ostrelx_watch_t *watchp);
@@ -179,7 +185,7 @@ ostrelx_error_t ostrelx_watch_open(
 int ostrelx_watch_fd(ostrelx_watch_t watch);
 
 /*
- * Gives the next event. It doesn't wait for changes; it reads the store.
+ * Gives the next event. It doesn't wait for changes; it reads the store, which takes the time that a walk does.
  *
  * Owns:    the event's lists and texts are the watch's, until the next call. The caller may change them.
  * Errors:  OSTRELX_NOTHING; OSTREL_NO_MEMORY: call it again, nothing is lost, though everything may come again after a RESET

@@ -5,7 +5,10 @@
 // reading begins when that is empty.
 //
 // A reading that fails in its middle has noted objects in the differ that nobody was told of. Then everything is forgotten, and
-// the next reading begins with RESET.
+// the next reading begins with RESET. One that fails before its first object, as in a store that can't be reached, leaves what
+// is held. It is repeated each few seconds, whatever the notifier says: it may know nothing of what ended the failure.
+//
+// A notifier that is blind, and says so, is told as LOST, once. What can be read is handed out all the same.
 //
 // Divisions: begin; reading; handing out; the calls.
 #include <cerrno>
@@ -13,6 +16,8 @@
 #include <new>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include "base/growing_array.h"
 #include "base/guards.h"
@@ -20,6 +25,8 @@
 #include "store.h"
 
 namespace {
+
+constexpr int retry_seconds = 5;
 
 struct Waiting {
 	ostrelx_event_kind_t kind;
@@ -70,17 +77,27 @@ private:
 	ostrelx_error_t read_all();
 	ostrelx_error_t resume(bool *same);
 	ostrelx_error_t begin_again();
+	ostrelx_error_t read_contents(bool is_blind);
+	void give_up_reading();
+	void hand_out_bare(bool is_blind, ostrelx_event_t *event);
+	ostrelx_error_t nothing();
 	ostrelx_error_t report_lost(ostrelx_error_t error, ostrelx_event_t *event);
 	ostrelx_error_t hand_out(ostrelx_event_t *event);
 	ostrelx_error_t make_token();
+	void empty_queue();
 	void stay_readable(bool wanted);
+	void retry_later(bool wanted);
 
 	ostrel_db_t db_ = nullptr;
 	AttrList idl_;
 	uint64_t flags_ = 0;
 	Handle<Notifier, end_notifier> notifier_;
-	Fd set_, more_; // more_ is readable while next() has something by itself
+	Fd set_;
+	Fd more_;  // readable while next() has something by itself
+	Fd retry_; // the timer of a reading that failed
 	bool is_signalled_ = false;
+	bool retries_ = false;
+	pid_t owner_ = getpid();
 
 	Differ differ_;
 	GrowingArray<Waiting, free_waiting> queue_;
@@ -88,10 +105,11 @@ private:
 	bool reports_ = false; // the walk that runs fills the queue
 	ostrelx_error_t walk_error_ = OSTREL_SUCCESS;
 
-	bool is_fresh_ = true; // nothing was handed out, or all is to be forgotten
-	bool is_due_ = true;   // a reading is owed
-	ostrelx_error_t lost_ = OSTREL_SUCCESS;
-	ObjectVersion wanted_ = {}; // the token to resume by; empty: none
+	bool is_fresh_ = true;                  // nothing was handed out, or all is to be forgotten
+	bool is_due_ = true;                    // a reading is owed
+	bool is_noted_ = false;                 // the reading that runs has changed the differ
+	ostrelx_error_t lost_ = OSTREL_SUCCESS; // what the last LOST said, if no state has ended it
+	ObjectVersion wanted_ = {};             // the token to resume by; empty: none
 	ObjectVersion token_ = {};
 	ObjectVersion version_ = {};
 	AttrList event_idl_, event_props_;
@@ -112,13 +130,14 @@ ostrelx_error_t ostrelx_watch::begin(
 		memcpy(wanted_.text, token, strlen(token) + 1); // the caller looked at its length
 	set_.reset(epoll_create1(EPOLL_CLOEXEC));
 	more_.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-	if (!set_ || !more_)
+	retry_.reset(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+	if (!set_ || !more_ || !retry_)
 		return ostrel_errno2error(errno);
 	Notifier *notifier;
 	if (ostrel_error_t result = store.notify(db, idl, &notifier))
 		return result;
 	notifier_.reset(notifier);
-	for (int part : {more_.get(), notifier->fd()}) {
+	for (int part : {more_.get(), retry_.get(), notifier->fd()}) {
 		struct epoll_event event = {};
 		event.events = EPOLLIN;
 		if (epoll_ctl(set_.get(), EPOLL_CTL_ADD, part, &event) == -1)
@@ -140,7 +159,26 @@ void ostrelx_watch::stay_readable(bool wanted)
 	is_signalled_ = wanted;
 }
 
+// Whatever the timer has told so far is over.
+void ostrelx_watch::retry_later(bool wanted)
+{
+	if (!wanted && !retries_)
+		return;
+	struct itimerspec when = {};
+	when.it_value.tv_sec = wanted ? retry_seconds : 0;
+	(void) timerfd_settime(retry_.get(), 0, &when, nullptr);
+	retries_ = wanted;
+}
+
 // ---- Reading ----
+
+// With its block: a first reading makes it large.
+void ostrelx_watch::empty_queue()
+{
+	queue_.clear();
+	(void) queue_.cut_to_size(); // else it stays as large as it is
+	at_ = 0;
+}
 
 ostrelx_error_t ostrelx_watch::add(ostrelx_event_kind_t kind, attrlist_t *idl, attrlist_t *props)
 {
@@ -163,6 +201,7 @@ ostrelx_error_t ostrelx_watch::add(ostrelx_event_kind_t kind, attrlist_t *idl, a
 ostrelx_error_t ostrelx_watch::note(attrlist_t *idl, attrlist_t *props)
 {
 	bool is_new;
+	is_noted_ = true;
 	if (ostrel_error_t result = differ_.see(idl, props, &is_new))
 		return result;
 	if (!is_new || !reports_)
@@ -199,6 +238,7 @@ ostrelx_error_t ostrelx_watch::read_whole(bool reports)
 	reports_ = reports;
 	if (ostrelx_error_t result = walk())
 		return result;
+	is_noted_ = true;
 	for (;;) {
 		AttrList gone;
 		if (ostrel_error_t result = differ_.next_removed(gone.out()))
@@ -237,7 +277,6 @@ ostrelx_error_t ostrelx_watch::resume(bool *same)
 ostrelx_error_t ostrelx_watch::begin_again()
 {
 	differ_.clear();
-	queue_.clear();
 	is_fresh_ = true;
 	return add(OSTRELX_EVENT_RESET, nullptr, nullptr);
 }
@@ -245,8 +284,7 @@ ostrelx_error_t ostrelx_watch::begin_again()
 // Fills the queue with what has changed; nothing, if nothing has.
 ostrelx_error_t ostrelx_watch::read_all()
 {
-	queue_.clear();
-	at_ = 0;
+	is_noted_ = false;
 	if (is_fresh_) {
 		bool same = false;
 		if (*wanted_.text != '\0') {
@@ -265,6 +303,32 @@ ostrelx_error_t ostrelx_watch::read_all()
 	if (ostrelx_error_t result = make_token())
 		return result;
 	return add(OSTRELX_EVENT_SYNCED, nullptr, nullptr);
+}
+
+// Reads, and knows afterwards whether what is held is a state of the store.
+ostrelx_error_t ostrelx_watch::read_contents(bool is_blind)
+{
+	if (ostrelx_error_t error = read_all())
+		return error;
+	if (queue_.empty() && lost_ != OSTREL_SUCCESS && !is_blind) { // what is held is a state again
+		if (ostrelx_error_t error = add(OSTRELX_EVENT_SYNCED, nullptr, nullptr))
+			return error;
+	}
+	is_due_ = is_fresh_ = false;
+	*wanted_.text = '\0';
+	if (!is_blind)
+		lost_ = OSTREL_SUCCESS;
+	retry_later(false);
+	return OSTREL_SUCCESS;
+}
+
+void ostrelx_watch::give_up_reading()
+{
+	empty_queue();
+	if (!is_noted_)
+		return;
+	differ_.clear();
+	is_fresh_ = true;
 }
 
 // ---- Handing out ----
@@ -287,17 +351,30 @@ ostrelx_error_t ostrelx_watch::hand_out(ostrelx_event_t *event)
 	if (waiting.kind == OSTRELX_EVENT_SYNCED)
 		event->token = token_.text;
 	if (++at_ == queue_.size())
-		queue_.clear();
+		empty_queue();
 	return OSTREL_SUCCESS;
 }
 
-// Once for each time that it is lost: what is held may be old from now on.
+void ostrelx_watch::hand_out_bare(bool is_blind, ostrelx_event_t *event)
+{
+	*event = {is_fresh_ ? OSTRELX_EVENT_RESET : OSTRELX_EVENT_CHANGED, OSTREL_SUCCESS, nullptr, nullptr, nullptr,
+	    nullptr};
+	is_fresh_ = is_due_ = false;
+	if (!is_blind)
+		lost_ = OSTREL_SUCCESS;
+}
+
+ostrelx_error_t ostrelx_watch::nothing()
+{
+	stay_readable(false);
+	return OSTRELX_NOTHING;
+}
+
+// Once for each reason: what is held may be old from now on.
 ostrelx_error_t ostrelx_watch::report_lost(ostrelx_error_t error, ostrelx_event_t *event)
 {
-	is_due_ = true;
-	stay_readable(false);
 	if (lost_ == error)
-		return OSTRELX_NOTHING;
+		return nothing();
 	lost_ = error;
 	*event = {OSTRELX_EVENT_LOST, error, nullptr, nullptr, nullptr, nullptr};
 	return OSTREL_SUCCESS;
@@ -305,37 +382,33 @@ ostrelx_error_t ostrelx_watch::report_lost(ostrelx_error_t error, ostrelx_event_
 
 ostrelx_error_t ostrelx_watch::next(ostrelx_event_t *event)
 {
+	if (getpid() != owner_) // a forked child would take its parent's events
+		return OSTREL_INVALID_ARG;
 	if (!queue_.empty())
 		return hand_out(event);
 	bool changed = false;
-	if (ostrel_error_t error = notifier_->look(&changed))
-		return report_lost(error, event);
-	is_due_ = is_due_ || changed || lost_ != OSTREL_SUCCESS;
-	if (!is_due_) {
-		stay_readable(false);
-		return OSTRELX_NOTHING;
+	const ostrelx_error_t blind = notifier_->look(&changed);
+	is_due_ = is_due_ || changed || (lost_ != OSTREL_SUCCESS && blind == OSTREL_SUCCESS);
+	if (blind != OSTREL_SUCCESS && blind != lost_) {
+		is_due_ = true;
+		stay_readable(true);
+		return report_lost(blind, event);
 	}
+	if (!is_due_)
+		return nothing();
 	stay_readable(true);
 	if ((flags_ & OSTRELX_WATCH_BARE) != 0) {
-		*event = {is_fresh_ ? OSTRELX_EVENT_RESET : OSTRELX_EVENT_CHANGED, OSTREL_SUCCESS, nullptr, nullptr,
-		    nullptr, nullptr};
-		is_fresh_ = is_due_ = false;
-		lost_ = OSTREL_SUCCESS;
+		hand_out_bare(blind != OSTREL_SUCCESS, event);
 		return OSTREL_SUCCESS;
 	}
-	if (ostrelx_error_t error = read_all()) {
-		differ_.clear();
-		queue_.clear();
-		is_fresh_ = true;
-		return error == OSTREL_NO_MEMORY ? error : report_lost(error, event);
+	if (ostrelx_error_t error = read_contents(blind != OSTREL_SUCCESS)) {
+		give_up_reading();
+		if (error == OSTREL_NO_MEMORY)
+			return error;
+		retry_later(true);
+		return blind != OSTREL_SUCCESS ? nothing() : report_lost(error, event);
 	}
-	const bool was_lost = lost_ != OSTREL_SUCCESS;
-	is_due_ = is_fresh_ = false;
-	*wanted_.text = '\0';
-	lost_ = OSTREL_SUCCESS;
-	if (queue_.empty() && was_lost) // what is held is a state of the store again
-		(void) add(OSTRELX_EVENT_SYNCED, nullptr, nullptr);
-	return queue_.empty() ? next(event) : hand_out(event);
+	return queue_.empty() ? nothing() : hand_out(event);
 }
 
 // ---- The calls ----
