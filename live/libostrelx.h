@@ -1,6 +1,7 @@
 /*
  * libostrelx: what a daemon needs to live with configuration that others change: versions and batches, so that no update is
- * lost; watches; updates that roll themselves back; history. It works on handles of ostrel_db_open(), of each back end.
+ * lost; watches; and what else stands below. It works on handles of ostrel_db_open(). Flat files have versions, batches and
+ * watches, raw files all of these but batches; another store may lack an operation, which is OSTREL_NOTSUP then.
  *
  * Rules for every call, unless its comment says otherwise:
  *   Results: those of libostrel.h, and the two below. The returned value is the whole report.
@@ -97,7 +98,7 @@ ostrelx_error_t ostrelx_batch_remove(ostrelx_batch_t batch, attrlist_t *idl, uin
  *          conditions first, from 0; -1 if it was none of them. `failed` may be NULL.
  * Errors:  OSTRELX_CONFLICT    a condition doesn't hold
  *          OSTREL_INVALID_ARG  no step; a step that this batch can't have
- *          OSTREL_NOTSUP       a raw file; an older server or daemon
+ *          OSTREL_NOTSUP       a raw file; a store, a server or a daemon that has no batches
  *          those of the steps
  */
 ostrelx_error_t ostrelx_commit(ostrel_db_t db, ostrelx_batch_t batch, int *failed);
