@@ -20,7 +20,7 @@ public:
 	virtual int fd() const = 0;
 	/*
 	 * Takes what has been told so far, without waiting. *changed: since the last call the database may have changed. It is set
-	 * in doubt, and never left out: whoever reads after each true one holds, at rest, what the store holds.
+	 * in doubt, and never left out: a caller that reads after each true one holds, at rest, what the store holds.
 	 * Errors: why not everything is told at present (no server, no right, no descriptors). *changed counts all the same; it isn't
 	 *         set in each call, so that a caller who looks until nothing comes gets to an end. The notifier goes on trying, sets
 	 *         *changed once it is back, and fd() is readable then
@@ -107,7 +107,7 @@ struct ostrel_db_cmds {
 
 	// ---- What libostrelx reaches: libostrel_more.h ----
 
-	// The same table for all back ends.
+	// The same table for all back ends. A new back end's own table also goes into the list of live/store.cc.
 	const struct ostrel_more *dbc_more = nullptr;
 	// With db_lock held for writing: looks at all conditions against one state of the store, then carries the steps out in
 	// their order, each as the slot of its kind; all of it or nothing, durable at the return. *failed is the number of the

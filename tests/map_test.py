@@ -22,9 +22,10 @@ def files_named(name):
 
 
 def holds(path, name):
-    """Whether a source declares or defines a function, a type or a member of that name outside of its comments."""
+    """Whether a source declares or defines a function, a type or a member of that name outside of its comments; of a member,
+    also its class."""
     code = re.sub(r"//.*|/\*.*?\*/", "", CODE[path])
-    return re.search(rf"\b{re.escape(name.split('::')[-1])}\b", code) is not None
+    return all(re.search(rf"\b{re.escape(part)}\b", code) for part in name.split("::"))
 
 
 def steps():
@@ -62,6 +63,15 @@ class Map(unittest.TestCase):
                                     f"{where}\n{word} isn't in {[path.name for path in sources]}")
                     counted += 1
         self.assertGreater(counted, 30)
+
+    def test_each_source_of_the_library_has_its_layer(self):
+        table = MAP.partition("## Layers of the library")[2].partition("\n## ")[0]
+        listed = {word for word in tokens(table) if word.startswith("libostrel")}
+        sources = [path for path in CODE if path.parent == SOURCE / "common" and path.suffix == ".cc"]
+        self.assertTrue(sources)
+        for path in sources:
+            families = {name for name in listed if name.endswith(".h") and path.stem.startswith(name[:-len(".h")] + "_")}
+            self.assertTrue(path.name in listed or f"{path.stem}.h" in listed or families, f"{path.name} stands in no layer of the map")
 
     def test_the_divisions_of_a_source_are_those_of_its_head(self):
         for path, code in CODE.items():
