@@ -20,7 +20,7 @@ Exit run(const Options &options)
 	const std::unique_ptr<Database> database = open_database(options);
 	Identifiers from = parse_identifiers(options.words), to = parse_identifiers(options.tail);
 	if (from.empty() || to.empty())
-		throw Failure(Exit::usage, "rename needs the old identifiers before --, and the new ones behind it");
+		throw Failure(Exit::usage, "rename needs the old identifiers before --, and the new ones after it");
 	begin_update(*database, options);
 	bool known = database->readable();
 	Object object = known ? database->get(from) : Object{from, {}};

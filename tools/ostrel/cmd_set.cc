@@ -73,7 +73,7 @@ Exit run(const Options &options)
 	const std::unique_ptr<Database> database = open_database(options);
 	Identifiers id = parse_identifiers(options.words);
 	if (id.empty() || options.tail.empty())
-		throw Failure(Exit::usage, "set needs identifiers before --, and properties behind it");
+		throw Failure(Exit::usage, "set needs identifiers before --, and properties after it");
 	std::vector<PropertyWord> words;
 	for (const std::string &text : options.tail)
 		words.push_back(parse_property_word(text));

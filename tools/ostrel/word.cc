@@ -15,7 +15,7 @@ Identifiers parse_identifiers(const std::vector<std::string> &words)
 		size_t equals = word.find('=');
 		if (equals == std::string::npos || equals == 0)
 			throw Failure(Exit::usage, fmt::format("'{}' isn't an identifier", word))
-			    .next("identifiers are written key=value; properties stand behind --");
+			    .next("identifiers are written key=value; properties stand after --");
 		std::string key = word.substr(0, equals);
 		if (std::any_of(id.begin(), id.end(), [&](const auto &pair) { return pair.first == key; }))
 			throw Failure(Exit::usage, fmt::format("the identifier {} is given twice", key));

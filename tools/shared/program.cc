@@ -220,7 +220,7 @@ Exit run_command(Program &program, int argc, char **argv)
 		throw Failure(Exit::usage, "a command is needed");
 	if (command->text->tail != nullptr && !has_tail)
 		throw Failure(Exit::usage,
-		    fmt::format("{} needs -- and behind it {}", program.options.command, command->text->tail))
+		    fmt::format("{} needs -- and after it {}", program.options.command, command->text->tail))
 		    .next(fmt::format("{} {} --help", program_name, program.options.command));
 	return command->run();
 }
