@@ -88,7 +88,7 @@ ostrel_error_t ostrel_attempt_update(const ostrel_update_arg_t &update)
 {
 	const UpdateOp *op = find_op(update.nua_op);
 	if (op == nullptr)
-		return OSTREL_INVALID_ARG;
+		return SETERROR(OSTREL_INVALID_ARG);
 	const bool is_possible = update.nua_db != nullptr && op->has_slot(update.nua_db->db_cmds);
 	ostrel_error_t result = is_possible ? call_and_audit(*op, update) : SETERROR(OSTREL_INVALID_ARG);
 	// A remove that is refused here is the one result without a trace point of its own.

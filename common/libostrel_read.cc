@@ -30,7 +30,7 @@ static ostrel_error_t hand_out_the_one(Objects &objs, attrlist_t *idl, attrlist_
 		return result;
 	if (objl != nullptr) {
 		if (int error = attrlist_dup(stored_props, objl, 0))
-			return ostrel_errno2error(error);
+			return SETERRNO(error);
 	}
 	// The object was found, so the read succeeds even if the caller's list can't take all its identifiers.
 	(void) attrlist_merge(idl, stored_idl, ATL_UNIQUE_NAME_TYPE);
