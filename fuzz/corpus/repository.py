@@ -6,7 +6,7 @@ import struct
 HERE = os.path.dirname(os.path.abspath(__file__))
 (STATUS, DECODE, LIST_SERVICES, LIST_INSTANCES, LIST_SNAPSHOTS, ADD_SERVICE, ADD_INSTANCE, DELETE_ENTITY, GET_GROUP,
  READ_GROUP, LIST_GROUPS, ADD_GROUP, DELETE_GROUP, COMMIT, GET_SNAPSHOT, TAKE_SNAPSHOT, DELETE_SNAPSHOT,
- REVERT_SNAPSHOT, VERIFY, BACKUP, TOGETHER, WITHDRAW_GROUP, BATCH) = range(23)
+ REVERT_SNAPSHOT, VERIFY, BACKUP, READ_BATCH, WITHDRAW_GROUP, BATCH) = range(23)
 SERVICE, INSTANCE, GROUP, SNAPSHOT, FROZEN = range(1, 6)
 
 
@@ -68,10 +68,10 @@ REQUESTS = {
     "temporary": BASE + [(ADD_GROUP, u32(GROUP) + u64(4) + text("t") + text("t") + u32(1)),
                          (ADD_GROUP, u32(GROUP) + u64(11) + text("t") + text("t") + u32(0)),
                          (COMMIT, u64(11) + u64(0) + u32(1) + u32(0) + prop("p", 6, b"\0"))],
-    "together": BASE + [(TOGETHER, together((GET_GROUP, u32(INSTANCE) + u64(3) + text("g")), (READ_GROUP, u64(99)),
-                                            (READ_GROUP, u64(4)), (GET_GROUP, b""))), (TOGETHER, b""),
-                        (TOGETHER, together((TOGETHER, together((READ_GROUP, u64(4)))))),
-                        (TOGETHER, together((DELETE_GROUP, u64(4))) + u32(9))],
+    "together": BASE + [(READ_BATCH, together((GET_GROUP, u32(INSTANCE) + u64(3) + text("g")), (READ_GROUP, u64(99)),
+                                            (READ_GROUP, u64(4)), (GET_GROUP, b""))), (READ_BATCH, b""),
+                        (READ_BATCH, together((READ_BATCH, together((READ_GROUP, u64(4)))))),
+                        (READ_BATCH, together((DELETE_GROUP, u64(4))) + u32(9))],
     "short": [(ADD_SERVICE, u32(4000000000)), (COMMIT, u64(0)), (99, b"")],
 }
 HEAD = u32(0x31595052) + u32(1000)

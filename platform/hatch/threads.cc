@@ -22,7 +22,7 @@ constexpr int threads_min = 8;
 constexpr size_t thread_memory = size_t{16} << 20;
 
 // Events that a thread reads at once if no other thread waits for any.
-constexpr int batch_max = 64;
+constexpr int events_max = 64;
 
 // How long a thread waits for an event: that depends on how many wait. One that keeps memory gives that back first.
 int timeout_of(const Hatch &hatch, const RequestMemory &memory)
@@ -40,7 +40,7 @@ int wait_for_events(Hatch *hatch, RequestMemory *memory, struct epoll_event *eve
 {
 	for (;;) {
 		const int timeout_ms = timeout_of(*hatch, *memory);
-		const int most = timeout_ms == 0 || hatch->waiting <= 1 ? batch_max : 1;
+		const int most = timeout_ms == 0 || hatch->waiting <= 1 ? events_max : 1;
 		int count = epoll_wait(hatch->events.get(), events, most, timeout_ms);
 		int error = errno;
 		int waiting = hatch->waiting--;
@@ -67,11 +67,11 @@ bool has_ended(const Peer &peer, uint32_t events)
 }
 
 // Events, by what they are about.
-struct Batch {
-	Peer *ready[batch_max];
-	Peer *ended[batch_max];
-	uint64_t gone[batch_max];    // tickets whose clients have hung up
-	uint64_t sources[batch_max]; // that have something to read
+struct Events {
+	Peer *ready[events_max];
+	Peer *ended[events_max];
+	uint64_t gone[events_max];    // tickets whose clients have hung up
+	uint64_t sources[events_max]; // that have something to read
 	int ready_count = 0;
 	int ended_count = 0;
 	int gone_count = 0;
@@ -79,7 +79,7 @@ struct Batch {
 	bool timer = false;
 	bool listener = false;
 
-	Batch(const Hatch &hatch, const struct epoll_event *events, int count)
+	Events(const Hatch &hatch, const struct epoll_event *events, int count)
 	{
 		for (int i = 0; i < count; i++) {
 			const uint64_t what = events[i].data.u64;
@@ -111,46 +111,46 @@ struct Batch {
 };
 
 // Makes connections ready, and takes out those that have ended. Gives the one whose turn it is.
-Peer *deal_out(Hatch *hatch, Batch &batch)
+Peer *deal_out(Hatch *hatch, Events &events)
 {
 	MutexLock hold(hatch->lock);
-	for (int i = 0; i < batch.gone_count; i++) {
-		if (Peer *peer = unpark_gone(hatch, batch.gone[i]))
-			batch.add(peer, EPOLLRDHUP); // what it sent before is served
+	for (int i = 0; i < events.gone_count; i++) {
+		if (Peer *peer = unpark_gone(hatch, events.gone[i]))
+			events.add(peer, EPOLLRDHUP); // what it sent before is served
 	}
-	for (int i = 0; i < batch.ready_count; i++)
-		enqueue(hatch, batch.ready[i]);
-	for (int i = 0; i < batch.ended_count; i++) {
-		leave_queue(batch.ended[i]);
-		leave(hatch, batch.ended[i]);
+	for (int i = 0; i < events.ready_count; i++)
+		enqueue(hatch, events.ready[i]);
+	for (int i = 0; i < events.ended_count; i++) {
+		leave_queue(events.ended[i]);
+		leave(hatch, events.ended[i]);
 	}
-	if (batch.ended_count > 0 && hatch->paused)
+	if (events.ended_count > 0 && hatch->paused)
 		resume_accepting(hatch);
-	return batch.has_duties() ? nullptr : begin_turn(hatch);
+	return events.has_duties() ? nullptr : begin_turn(hatch);
 }
 
 // Gives the next connection to serve; NULL when the thread has to end.
 Peer *next_peer(Hatch *hatch, RequestMemory *memory)
 {
 	for (;;) {
-		struct epoll_event events[batch_max];
-		int count = wait_for_events(hatch, memory, events);
+		struct epoll_event ready[events_max];
+		int count = wait_for_events(hatch, memory, ready);
 		if (count < 0)
 			return nullptr;
-		Batch batch(*hatch, events, count);
-		Peer *peer = deal_out(hatch, batch);
-		for (int i = 0; i < batch.ended_count; i++)
-			delete batch.ended[i];
+		Events events(*hatch, ready, count);
+		Peer *peer = deal_out(hatch, events);
+		for (int i = 0; i < events.ended_count; i++)
+			delete events.ended[i];
 		if (hatch->in_ring > 0 && hatch->waiting > 0)
 			(void) eventfd_write(hatch->wake.get(), 1);
 		if (peer != nullptr)
 			return peer;
-		if (batch.timer)
+		if (events.timer)
 			tick(hatch);
-		if (batch.listener)
+		if (events.listener)
 			accept_peers(hatch);
-		for (int i = 0; i < batch.sources_count; i++)
-			run_source(hatch, batch.sources[i]);
+		for (int i = 0; i < events.sources_count; i++)
+			run_source(hatch, events.sources[i]);
 		hatch->waiting++;
 	}
 }
