@@ -19,14 +19,7 @@ attrpair *make_empty_lists(attrlist *list, const Key &key, uint8_t type, size_t 
 	attrpair *pair = take_pair(root_of(list), key, type, count, front_size(info, count), 0);
 	if (pair == nullptr)
 		return nullptr;
-	attrlist *lists = pair->value.list;
-	if (info.kind == Kind::Lists)
-		pair->value.lists = reinterpret_cast<attrlist **>(lists + pair->count);
-	for (uint32_t i = 0; i < pair->count; i++) {
-		start_list(&lists[i], list);
-		if (info.kind == Kind::Lists)
-			pair->value.lists[i] = &lists[i];
-	}
+	(void) start_lists(pair, info, list);
 	return pair;
 }
 

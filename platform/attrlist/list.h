@@ -52,6 +52,20 @@ inline void start_list(attrlist *list, attrlist *parent)
 	list->flags = LIST_NESTED;
 }
 
+// Makes the nested lists of a pair, whose room was taken with its record, empty ones of `list`.
+inline attrlist *start_lists(attrpair *pair, TypeInfo info, attrlist *list)
+{
+	attrlist *lists = lists_of(pair, info);
+	if (info.kind == Kind::Lists)
+		pair->value.lists = reinterpret_cast<attrlist **>(lists + pair->count);
+	for (uint32_t i = 0; i < pair->count; i++) {
+		start_list(&lists[i], list);
+		if (info.kind == Kind::Lists)
+			pair->value.lists[i] = &lists[i];
+	}
+	return lists;
+}
+
 inline size_t index_size(size_t count)
 {
 	return count <= linear_max ? 0 : long_index_size(count);

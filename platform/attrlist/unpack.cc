@@ -172,13 +172,8 @@ char *build_value(Build &build, attrpair *pair, TypeInfo info)
 
 bool build_lists(Build &build, attrlist *list, attrpair *pair, TypeInfo info)
 {
-	attrlist *lists = lists_of(pair, info);
-	if (info.kind == Kind::Lists)
-		pair->value.lists = reinterpret_cast<attrlist **>(lists + pair->count);
+	attrlist *lists = start_lists(pair, info, list);
 	for (uint32_t i = 0; i < pair->count; i++) {
-		start_list(&lists[i], list);
-		if (info.kind == Kind::Lists)
-			pair->value.lists[i] = &lists[i];
 		if (!build_list(build, &lists[i]))
 			return false;
 	}
