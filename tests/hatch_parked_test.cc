@@ -510,8 +510,7 @@ TEST_F(HatchParked, NobodyIsLeftUntoldInAStorm)
 
 TEST_F(HatchParked, AStrangersTicketsAndHalfRequestsCostNobodyElse)
 {
-	if (geteuid() != 0)
-		GTEST_SKIP() << "other users need root";
+	SKIP_UNLESS_ROOT();
 	set_pool_size(pool_min / 128); // 256 KiB: 112 KiB for a stranger alone
 	{
 		Board board(path_);
