@@ -7,7 +7,7 @@
 
 #include <meridon/enclave.h>
 
-// These two require rpy_lock, which stands for db_privlock here.
+// These two require rpy_lock, which stands for db_privlock here: that db_priv is guarded by that one, the analysis can't know.
 ostrel_rpy_resources_t *ostrel_native_rpy_resources(ostrel_db_t db) NO_THREAD_SAFETY_ANALYSIS
 {
 	return static_cast<ostrel_rpy_resources_t *>(ostrel_db_get_priv(db));

@@ -1,5 +1,12 @@
 // The line format: `name=value;...<TAB>name=type,value...;...` and what stands in it.
 // Divisions: splitting, values, reading a line, writing a line.
+//
+// Lines that the writer leaves take the fast path of libostrel_files_fields.h. What this one reads beyond that decides what the
+// format means, since people write such files by hand:
+// - The words of the types and of booleans in any case; numbers as strtoll() takes them: white space or a plus sign in front, any
+//   rest, any length, no digits at all.
+// - An identifier without `=`; the same name twice, of which the later one counts; a backslash at the end of the line; bytes
+//   below TAB; more pieces and values than the fast path has room for.
 #include "libostrel_lines.h"
 
 #include <cerrno>

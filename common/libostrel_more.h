@@ -3,7 +3,7 @@
  *
  * libostrelx is another shared library, and no name is exported for it. It finds the table below through the slot dbc_more of a
  * handle's back end, and uses it only if mark and version are those that it was built with: a libostrel of another build is
- * OSTREL_NOTSUP then, and never misread. So whoever changes this table, or what it hands over, counts the version up.
+ * OSTREL_NOTSUP then, and never misread. So a change of this table, or of what it hands over, counts the version up.
  */
 #ifndef LIBOSTREL_MORE_H
 #define LIBOSTREL_MORE_H

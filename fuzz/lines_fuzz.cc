@@ -1,4 +1,4 @@
-// Any bytes as a database file. The road that the library takes through it must give what the general reader gives line by
+// Any bytes as a database file. The path that the library takes through it must give what the general reader gives line by
 // line, and what the writer takes must come back as it was.
 #include <cstdint>
 #include <cstdlib>

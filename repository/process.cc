@@ -99,7 +99,7 @@ pid_t lock_holder(int file)
 }
 
 // The list of locks names the process that took a lock, which may have ended since: a lock of flock() belongs to the open file,
-// and lives on in whoever inherited that. This looks at every descriptor of every process, and is for the case that the
+// and lives on in each process that inherited that. This looks at every descriptor of every process, and is for the case that the
 // list leads nowhere.
 pid_t lock_holder_by_descriptor(int file)
 {

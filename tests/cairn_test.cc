@@ -8,7 +8,7 @@
 
 namespace {
 
-// Also with steps that make all anew, as a restore does it.
+// Also with steps that make everything again, as a restore does.
 class Cairn : public CairnStepsTest {
 protected:
 	void SetUp() override

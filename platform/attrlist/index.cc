@@ -1,6 +1,6 @@
 // Open addressing with steps of one; at most three quarters of the slots are in use, and their number is a power of two.
 //
-// A slot names the pair in front of its own: the ring is linked one way, and whoever takes a pair out needs the one in front of it.
+// A slot names the pair in front of its own: the ring is linked one way, and to take a pair out one needs the pair in front of it.
 // So when a pair goes, the slot of the pair after it has to name another one (erase_from_index()). The first pair's slot says
 // NULL, not the last pair, which changes with each pair that is appended.
 //

@@ -263,7 +263,7 @@ struct RecordText {
 	}
 };
 
-// The registry's directory, locked against other updates. Who wants to write gets it made.
+// The registry's directory, locked against other updates. It is made for a caller who is about to write.
 class LockedRegistry {
 public:
 	int open(bool make)

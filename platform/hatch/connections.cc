@@ -52,13 +52,13 @@ void renew() NO_THREAD_SAFETY_ANALYSIS // no other thread has it yet
 	table.servers_met = 0; // in another namespace they have other numbers
 }
 
-void before_fork() NO_THREAD_SAFETY_ANALYSIS
+void before_fork() NO_THREAD_SAFETY_ANALYSIS // in_parent() gives the lock up, or in_child()
 {
 	table_process.enter(renew); // another thread may be about to make the lock
 	table_lock.lock();
 }
 
-void in_parent() NO_THREAD_SAFETY_ANALYSIS
+void in_parent() NO_THREAD_SAFETY_ANALYSIS // before_fork() took it
 {
 	table_lock.unlock();
 }

@@ -72,7 +72,7 @@ void renew() NO_THREAD_SAFETY_ANALYSIS // no other thread has any of it yet
 	}
 }
 
-void before_fork() NO_THREAD_SAFETY_ANALYSIS
+void before_fork() NO_THREAD_SAFETY_ANALYSIS // in_parent() gives these locks up, or in_child()
 {
 	list_process.enter(renew); // another thread may be about to make the lock
 	list_lock.lock();
@@ -81,7 +81,7 @@ void before_fork() NO_THREAD_SAFETY_ANALYSIS
 	lock_pool();
 }
 
-void in_parent() NO_THREAD_SAFETY_ANALYSIS
+void in_parent() NO_THREAD_SAFETY_ANALYSIS // before_fork() took them
 {
 	unlock_pool();
 	for (Hatch *hatch = list; hatch != nullptr; hatch = hatch->next)
@@ -245,6 +245,7 @@ int attach(Hatch *hatch, const char *path)
 
 } // namespace
 
+// It holds list_lock as long as it lives. No header shows that lock, so the analysis can't be told.
 FoundHatch::FoundHatch(int fd) NO_THREAD_SAFETY_ANALYSIS
 {
 	enter_process();
@@ -285,7 +286,7 @@ bool is_own_hatch(int fd)
 	return static_cast<bool>(FoundHatch(fd));
 }
 
-void destroy(Hatch *hatch) NO_THREAD_SAFETY_ANALYSIS
+void destroy(Hatch *hatch) NO_THREAD_SAFETY_ANALYSIS // no other thread has it any more
 {
 	while (Peer *peer = hatch->peers.first) {
 		leave_queue(peer);

@@ -101,7 +101,7 @@ bool is_exempt(uid_t user)
 	return user == 0 || (user == geteuid() && user != overflow_user);
 }
 
-void lock_pool() NO_THREAD_SAFETY_ANALYSIS
+void lock_pool() NO_THREAD_SAFETY_ANALYSIS // around a fork: held until unlock_pool()
 {
 	pool_lock.lock();
 }

@@ -22,7 +22,7 @@
 //   Another thread may end a connection from outside only by drop(): it shuts the socket down and stops counting it; the
 //   thread that reads the resulting event closes it.
 //   A call may be parked at the end of its turn (tickets.h): its connection is in nobody's hand, with its event armed for a
-//   hang-up alone, and is found by its ticket. Whoever takes the ticket out of the table has the connection: a thread that
+//   hang-up alone, and is found by its ticket. The thread that takes the ticket out of the table has the connection: one that
 //   answers (hatch_answer(), any thread of the process), that reads the hang-up, or that drops it.
 //
 // Life of a hatch

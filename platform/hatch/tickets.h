@@ -1,7 +1,7 @@
 // Tickets: the numbers by which calls are known that may be parked, and the table of those that stand.
 //
-// A ticket belongs to one connection, and ends when its call is answered, ends otherwise, or loses its connection. Whoever
-// takes it out of the table under the hatch's lock has the connection from then on: a parked one is in nobody's hand. Outside
+// A ticket belongs to one connection, and ends when its call is answered, ends otherwise, or loses its connection. The
+// thread that takes it out of the table under the hatch's lock has the connection from then on: a parked one is in nobody's hand. Outside
 // this table a parked call is known by the number alone, in the epoll set too: the connection may be gone by the time when a
 // thread comes to an event.
 #ifndef MERIDON_HATCH_TICKETS_H

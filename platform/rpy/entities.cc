@@ -1,4 +1,7 @@
 // Scopes, services, instances and snapshots: objects with an id and a name; locators; listings of them.
+//
+// Unlike that of a group (groups.cc), the addition of a service or an instance takes no undo along: if its reply is lost, it may be
+// there after the failure.
 #include "rpy/object.h"
 
 using namespace rpy;

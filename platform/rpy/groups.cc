@@ -1,4 +1,8 @@
 // Property groups: looking one up, adding, updating and deleting it.
+//
+// An addition takes its undo along (Call::send_before()): both requests are written before the first is sent, with the same
+// change number. So the undo can follow over the connection on which the addition's fate was left open, after it in the daemon's
+// order. The daemon takes a group back only if that change is all of it (Op::withdraw_group, wire.h).
 #include "rpy/object.h"
 #include "rpy/request_batch.h"
 

@@ -2,8 +2,8 @@
 //
 // - The socket is opened for the first who asks that it be kept, and closed with the last. If it couldn't be opened, the next
 //   who asks tries again; until then sessions find no reserve.
-// - One session has it at a time: replies of the kernel come back over it, and would reach the wrong one. Whoever waits longer
-//   than a second goes without, and reports why it has no way to the log.
+// - One session has it at a time: replies of the kernel come back over it, and would reach the wrong one. A session that waits
+//   longer than a second goes without, and reports why it has no way to the log.
 // - The last keeper may leave while a session has it. Then the session's end closes it.
 // - A forked child shares the socket's file with its parent, and would take the replies meant for that. It never uses it, and
 //   closes its copy when it keeps a reserve of its own.

@@ -146,8 +146,8 @@ int rpy_handle_decorate(rpy_handle_t *handle, const char *name, rpy_value_t *val
 
 /*
  * Binds a handle to the daemon behind its hatch: the decorated path, or the repository of the enclave that the process
- * is in. A path below the root of a registered enclave is resolved inside that root, whatever links lie on it; whoever
- * knows the enclave says so by a decoration, since the registry may change meanwhile. After a failure it can be tried again.
+ * is in. A path below the root of a registered enclave is resolved inside that root, whatever links lie on it; a caller
+ * that knows the enclave says so by a decoration, since the registry may change meanwhile. After a failure it can be tried again.
  * Errors: RPY_ERROR_NO_SERVER        no daemon serves there, or the decorated enclave isn't there
  *         RPY_ERROR_IN_USE           bound already
  *         RPY_ERROR_PERMISSION_DENIED, RPY_ERROR_NO_RESOURCES, RPY_ERROR_NO_MEMORY
