@@ -427,6 +427,7 @@ TEST_F(Audit, EveryAttemptOfManyClientsIsRecordedInTheStoresOrder)
 		all_are_there.raise();
 	for (Process &process : processes)
 		EXPECT_EQ(process.wait(), 0);
+	server.stop(); // no thread of its adds any more
 	EXPECT_EQ(seen.size(), size_t{clients} * updates);
 	EXPECT_EQ(recorded(), seen);
 }
