@@ -7,7 +7,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "manual_pages_test: $*" >&2; exit 1; }
 
-for page in "$man"/*.7; do
+for page in "$man"/*.[37]; do
 	faults=$(mandoc -T lint -W warning "$page" 2>&1) || true
 	[ -z "$faults" ] || fail "$faults"
 done

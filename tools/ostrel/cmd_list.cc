@@ -82,27 +82,6 @@ void sort_objects(std::vector<Object> &objects, const std::string &name)
 
 // ---- Printing ----
 
-std::string property_label(const Property &property, bool types)
-{
-	std::string label = escape(property.name);
-	return types ? fmt::format("{}:{}", label, property.type->word) : label;
-}
-
-std::string property_text(const Property &property, bool types)
-{
-	return fmt::format("{}={}", property_label(property, types), value_text(property));
-}
-
-void print_line(const Object &object, bool types)
-{
-	std::string line;
-	for (const auto &[name, value] : object.id)
-		line += fmt::format("{}{}={}", line.empty() ? "" : "\t", escape(name), escape(value));
-	for (const Property &property : object.props)
-		line += "\t" + property_text(property, types);
-	fmt::print("{}\n", line);
-}
-
 void add_once(std::vector<std::string> &names, const std::string &name)
 {
 	if (std::find(names.begin(), names.end(), name) == names.end())
@@ -212,7 +191,7 @@ Exit run(const Options &options)
 	auto print = [&](Object &&object) {
 		keep_chosen(object, options.props);
 		if (!options.json)
-			return print_line(object, options.types);
+			return fmt::print("{}\n", object_line(object, options.types));
 		if (!document)
 			document.emplace();
 		document->add(object);

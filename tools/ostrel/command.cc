@@ -34,6 +34,22 @@ std::unique_ptr<Database> open_database(const Options &options)
 	return open_database(options.database, enclave_option(options.enclave), options.case_sensitive);
 }
 
+std::string property_text(const Property &property, bool types)
+{
+	const std::string type = types ? fmt::format(":{}", property.type->word) : "";
+	return fmt::format("{}{}={}", escape(property.name), type, value_text(property));
+}
+
+std::string object_line(const Object &object, bool types)
+{
+	std::string line;
+	for (const auto &[name, value] : object.id)
+		line += fmt::format("{}{}={}", line.empty() ? "" : "\t", escape(name), escape(value));
+	for (const Property &property : object.props)
+		line += "\t" + property_text(property, types);
+	return line;
+}
+
 void print_object(const Object &object)
 {
 	for (const auto &[name, value] : object.id)

@@ -36,13 +36,16 @@ struct Options : CommonOptions {
 	std::string write_auth = "ostrel.write";
 	bool to_persist = false;
 	bool from_persist = false;
+	bool once = false;
+	std::string exec;  // what runs after each state
+	std::string token; // the file that keeps a watch's token
 };
 
 using Command = CommandOf<Options>;
 
 extern const Command list_command, show_command, put_command, set_command, unset_command, rename_command,
-    remove_command, export_command, import_command, copy_command, diff_command, check_command, convert_command,
-    obsolete_command, serve_command, auth_command, enclaves_command;
+    remove_command, export_command, import_command, copy_command, diff_command, watch_command, check_command,
+    convert_command, obsolete_command, serve_command, auth_command, enclaves_command;
 
 // ---- What several commands declare ----
 
@@ -54,9 +57,13 @@ void declare_update(CLI::App &app, Options &options);
 // ---- What several commands do ----
 
 struct Object;
+struct Property;
 
 // Opens the database that declare_database() declared.
 std::unique_ptr<Database> open_database(const Options &options);
+// An object as one line of fields separated by TABs, without its end.
+std::string object_line(const Object &object, bool types);
+std::string property_text(const Property &property, bool types);
 // Prints an object as text: a line for each identifier, and one for each property.
 void print_object(const Object &object);
 // Prints what an update did, or would do: as JSON with --json, as a line in a dry run, otherwise not at all.

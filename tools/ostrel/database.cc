@@ -4,6 +4,7 @@
 #include <exception>
 
 #include <fmt/format.h>
+#include <libostrelx.h>
 
 #include "text.h"
 
@@ -79,13 +80,18 @@ Failure Database::general_failure(ostrel_error_t result, const std::string &what
 	return failure;
 }
 
-void Database::fail(ostrel_error_t result, const std::string &what)
+Failure Database::failure_of(ostrel_error_t result, const std::string &what)
 {
 	if (std::optional<Failure> found = diagnose(result, what))
-		throw found->in(label());
+		return found->in(label());
 	if (result == OSTREL_NO_MEMORY)
-		throw Failure(Exit::memory, fmt::format("{}: there is no memory, or no space left", what)).in(label());
-	throw general_failure(result, what).in(label());
+		return Failure(Exit::memory, fmt::format("{}: there is no memory, or no space left", what)).in(label());
+	return general_failure(result, what).in(label());
+}
+
+void Database::fail(ostrel_error_t result, const std::string &what)
+{
+	throw failure_of(result, what);
 }
 
 // ---- Reading ----
@@ -188,6 +194,29 @@ Object Database::get(const Identifiers &id)
 Object Database::get_for_update(const Identifiers &id)
 {
 	return get(id);
+}
+
+void EndWatch::operator()(struct ostrelx_watch *watch) const
+{
+	ostrelx_watch_close(watch);
+}
+
+Watch Database::watch(const Identifiers &id, bool exact, const char *token)
+{
+	if (!id.empty())
+		require_selection();
+	List ids = id.empty() ? List() : list(id);
+	ostrelx_watch_t watch = nullptr;
+	const ostrelx_error_t result =
+	    ostrelx_watch_open(db_, ids.get(), exact ? OSTREL_FLAG_EXACT_MATCH : 0, token, &watch);
+	if (result == OSTREL_NOTSUP)
+		throw Failure(Exit::unsupported, "can't be watched")
+		    .in(label())
+		    .next(fmt::format("ostrel list {} shows what is there now", label()));
+	if (result != OSTREL_SUCCESS)
+		throw failure_of(static_cast<ostrel_error_t>(result), "can't be watched")
+		    .next("a user has few descriptors of inotify: fs.inotify.max_user_instances is their number");
+	return Watch(watch);
 }
 
 Presence Database::presence(const Identifiers &id)

@@ -37,6 +37,11 @@
 
 struct Line;
 
+struct EndWatch {
+	void operator()(struct ostrelx_watch *watch) const;
+};
+using Watch = std::unique_ptr<struct ostrelx_watch, EndWatch>;
+
 // Whether an object is there, and the object, unless it can't be read.
 struct Presence {
 	bool there = false;
@@ -106,6 +111,10 @@ public:
 	virtual bool is_gone(const Identifiers &id);
 	// The number of objects, also of those that can't be read; nothing if there is no database, or the caller may not read it.
 	virtual std::optional<size_t> count();
+	// Watches the objects that walk() would select, from what `token` stands for on, which may be NULL.
+	Watch watch(const Identifiers &id, bool exact, const char *token);
+	// What a result of the library means here; `what` says it in words ("can't be read").
+	Failure failure_of(ostrel_error_t result, const std::string &what);
 	// Warns of what is stored and can't be read, and so is missing from what was shown.
 	virtual void warn_of_unread() const {}
 	// Shows the stored form. Throws Failure (unsupported) if that is no matter of lines.

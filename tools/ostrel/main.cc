@@ -21,6 +21,7 @@ const Command *const commands[] = {
     &import_command,
     &copy_command,
     &diff_command,
+    &watch_command,
     &check_command,
     &convert_command,
     &obsolete_command,
