@@ -8,6 +8,7 @@
 
 #include "base/guards.h"
 #include "libostrel_cairn.h"
+#include "libostrel_hatches_live.h"
 #include "libostrel_more.h"
 #include "libostrel_trace.h"
 
@@ -56,6 +57,10 @@ static constexpr struct ostrel_db_cmds hatches_db_cmds = {
     .dbc_remove = ostrel_remove_object_from_hatch,
     .dbc_audit = nullptr,
     .dbc_auth = ostrel_hatch_check_auth,
+    .dbc_more = &ostrel_more,
+    .dbc_commit = ostrel_commit_batch_to_hatch,
+    .dbc_version = ostrel_version_of_hatch,
+    .dbc_notify = ostrel_notify_of_hatch,
 };
 
 static constexpr struct ostrel_db_cmds cairn_db_cmds = {

@@ -59,6 +59,9 @@ ostrel_notifycmd_t ostrel_notify_of_file;   // of a raw file, too
 ostrel_error_t ostrel_read_objects_from_file_common(
     boolean_t raw, ostrel_db_t db, attrlist_t *idlist, uint64_t flags, attrlist_t ***objlist, uint_t *nobjs);
 
+// A notifier of a path in an enclave, as the slot dbc_notify. Owns: *notifier is new, for its end().
+ostrel_error_t ostrel_notify_of_path(const char *path, enclaveid_t enclave, Notifier **notifier);
+
 // Removes a database file. Errors: OSTREL_INVALID_ARG for another enclave than the caller's, outside the global one.
 ostrel_error_t ostrel_destroy_db_file(const char *name, enclaveid_t enclave);
 

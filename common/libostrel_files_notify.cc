@@ -353,12 +353,8 @@ ostrel_error_t FileNotifier::look(bool *changed)
 
 } // namespace
 
-ostrel_error_t ostrel_notify_of_file(ostrel_db_t db, attrlist_t *idl, Notifier **notifier)
+ostrel_error_t ostrel_notify_of_path(const char *path, enclaveid_t enclave, Notifier **notifier)
 {
-	const char *path = ostrel_file_path(db, idl);
-	if (path == nullptr)
-		return SETERROR(OSTREL_INVALID_ARG);
-	const enclaveid_t enclave = getenclaveid() == ENCLAVE_ID_GLOBAL ? ostrel_db_get_enclaveid(db) : 0;
 	auto *made = new (std::nothrow) FileNotifier(enclave);
 	if (made == nullptr)
 		return SETERROR(OSTREL_NO_MEMORY);
@@ -368,4 +364,13 @@ ostrel_error_t ostrel_notify_of_file(ostrel_db_t db, attrlist_t *idl, Notifier *
 	}
 	*notifier = made;
 	return OSTREL_SUCCESS;
+}
+
+ostrel_error_t ostrel_notify_of_file(ostrel_db_t db, attrlist_t *idl, Notifier **notifier)
+{
+	const char *path = ostrel_file_path(db, idl);
+	if (path == nullptr)
+		return SETERROR(OSTREL_INVALID_ARG);
+	return ostrel_notify_of_path(
+	    path, getenclaveid() == ENCLAVE_ID_GLOBAL ? ostrel_db_get_enclaveid(db) : 0, notifier);
 }

@@ -1,8 +1,9 @@
 // The hatch back end: a database that another process serves. Each operation is one call, which is never repeated. A handle
 // keeps nothing but an open descriptor of the path, and opens the path again if the server has gone.
+//
+// Divisions: the descriptor; calls; the slots.
 #include "libostrel_hatches.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -15,27 +16,9 @@
 
 namespace {
 
-// What db_priv points to: the open descriptor of the path. NULL after the server has gone, until the path can be opened again.
-// The handle is one of its users, and each call another: so no thread closes the descriptor, and its number goes to no other
-// file, while a call is about to use it.
-struct Cell {
-	int fd;
-	std::atomic<unsigned int> users;
-};
-
-void leave_cell(Cell *cell)
+HatchCell *cell_of(ostrel_db_t db) REQUIRES(db->db_privlock)
 {
-	if (cell->users.fetch_sub(1, std::memory_order_acq_rel) > 1)
-		return;
-	hatch_forget(cell->fd);
-	(void) close(cell->fd); // it was only read from
-	delete cell;
-}
-using CellUse = Handle<Cell, leave_cell>;
-
-Cell *cell_of(ostrel_db_t db) REQUIRES(db->db_privlock)
-{
-	return static_cast<Cell *>(ostrel_db_get_priv(db));
+	return static_cast<HatchCell *>(ostrel_db_get_priv(db));
 }
 
 // Opens the path and makes the handle's cell of it.
@@ -48,7 +31,7 @@ ostrel_error_t open_cell(ostrel_db_t db) REQUIRES(db->db_privlock)
 	Fd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 	if (!fd)
 		return ostrel_errno2error(errno);
-	Cell *cell = new (std::nothrow) Cell{fd.get(), 1};
+	HatchCell *cell = new (std::nothrow) HatchCell{fd.get(), 1};
 	if (cell == nullptr)
 		return OSTREL_NO_MEMORY;
 	(void) fd.release(); // the cell's now
@@ -60,28 +43,6 @@ ostrel_error_t open_cell(ostrel_db_t db) REQUIRES(db->db_privlock)
 void enter_process(ostrel_db_t db)
 {
 	db->db_priv_process.enter([db] { db->db_privlock.init(); });
-}
-
-// Gives the handle's cell, whose server lives or whose path was opened just now. Errors: 0, or an errno value.
-int use_cell(ostrel_db_t db, CellUse *use)
-{
-	enter_process(db);
-	MutexLock lock(db->db_privlock);
-	Cell *cell = cell_of(db);
-	hatch_info_t info;
-	if (cell != nullptr && !is_living_hatch(cell->fd, &info)) {
-		ostrel_db_set_priv(db, nullptr);
-		leave_cell(cell);
-		cell = nullptr;
-	}
-	if (cell == nullptr) {
-		if (ostrel_error_t result = open_cell(db))
-			return ostrel_error2errno(result);
-		cell = cell_of(db);
-	}
-	cell->users.fetch_add(1, std::memory_order_relaxed);
-	use->reset(cell);
-	return 0;
 }
 
 // Whether a reply holds all that its head says. The server may be anybody's program, and may send anything.
@@ -131,14 +92,46 @@ bool sends_list(ostrel_hatch_cmd_t cmd)
 
 } // namespace
 
+// ---- The descriptor ----
+
+void ostrel_leave_hatch(HatchCell *cell)
+{
+	if (cell->users.fetch_sub(1, std::memory_order_acq_rel) > 1)
+		return;
+	hatch_forget(cell->fd);
+	(void) close(cell->fd); // it was only read from
+	delete cell;
+}
+
+int ostrel_use_hatch(ostrel_db_t db, HatchUse *use)
+{
+	enter_process(db);
+	MutexLock lock(db->db_privlock);
+	HatchCell *cell = cell_of(db);
+	hatch_info_t info;
+	if (cell != nullptr && !is_living_hatch(cell->fd, &info)) {
+		ostrel_db_set_priv(db, nullptr);
+		ostrel_leave_hatch(cell);
+		cell = nullptr;
+	}
+	if (cell == nullptr) {
+		if (ostrel_error_t result = open_cell(db))
+			return ostrel_error2errno(result);
+		cell = cell_of(db);
+	}
+	cell->users.fetch_add(1, std::memory_order_relaxed);
+	use->reset(cell);
+	return 0;
+}
+
 // ---- Calls ----
 
 int ostrel_make_hatch_call(ostrel_db_t db, ostrel_hatch_arg_t *request, size_t size, ostrel_hatch_arg_t **reply)
 {
 	// No buffer for the reply: it comes in a fresh mapping, whatever its size.
 	hatch_arg_t arg = {reinterpret_cast<char *>(request), size, nullptr, 0, nullptr, 1};
-	CellUse cell;
-	if (int error = use_cell(db, &cell))
+	HatchUse cell;
+	if (int error = ostrel_use_hatch(db, &cell))
 		return error;
 	if (hatch_call(cell->fd, &arg) == -1)
 		return errno;
@@ -216,7 +209,7 @@ void ostrel_hatch_db_close(ostrel_db_t db)
 {
 	enter_process(db);
 	MutexLock lock(db->db_privlock);
-	CellUse closing(cell_of(db));
+	HatchUse closing(cell_of(db));
 	ostrel_db_set_priv(db, nullptr);
 }
 

@@ -5,10 +5,12 @@
 #ifndef LIBOSTREL_HATCHES_H
 #define LIBOSTREL_HATCHES_H
 
+#include <atomic>
 #include <cstddef>
 
 #include <meridon/hatch.h>
 
+#include "base/guards.h"
 #include "libostrel_backend.h"
 
 typedef enum ostrel_hatch_cmd MERIDON_ENUM32 {
@@ -47,6 +49,19 @@ inline bool ostrel_hatch_block_size(const ostrel_hatch_arg_t *head, size_t *size
 	return !__builtin_add_overflow(head->nda_idlen, head->nda_datalen, size) &&
 	       !__builtin_add_overflow(*size, sizeof(ostrel_hatch_arg_t), size);
 }
+
+// What a client's handle points to: the open descriptor of the path. NULL after the server has gone, until the path can be opened
+// again. The handle is one of its users, and each call another: so no thread closes the descriptor, and its number goes to no other
+// file, while a call is about to use it.
+struct HatchCell {
+	int fd;
+	std::atomic<unsigned int> users;
+};
+void ostrel_leave_hatch(HatchCell *cell);
+using HatchUse = Handle<HatchCell, ostrel_leave_hatch>;
+
+// Gives the handle's cell, whose server lives or whose path was opened just now. Errors: 0, or an errno value.
+int ostrel_use_hatch(ostrel_db_t db, HatchUse *use);
 
 // The slots of the client.
 ostrel_opencmd_t ostrel_hatch_db_open;

@@ -12,16 +12,21 @@
 #include <cstring>
 #include <fcntl.h>
 #include <libgen.h>
+#include <memory>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <meridon/trail.h>
 
 #include "base/guards.h"
+#include "base/process_mark.h"
 #include "libostrel_auth.h"
 #include "libostrel_error.h"
 #include "libostrel_handle.h"
-#include "libostrel_idlist.h"
+#include "libostrel_hatches_live.h"
+#include "libostrel_hatchserver_live.h"
+#include "libostrel_hatchserver_rules.h"
 #include "libostrel_objects.h"
 
 namespace {
@@ -89,30 +94,6 @@ const Command *find_command(ostrel_hatch_cmd_t cmd)
 	return nullptr;
 }
 
-// Whether a list stays within the served database. Otherwise a caller with rights on this database could reach any file of the
-// server's, and any enclave's repository.
-bool stays(ostrel_db_t db, attrlist_t *idl)
-{
-	ostrel_stayscmd_t *answer = ostrel_db_get_cmds(db)->dbc_stays;
-	return answer != nullptr ? answer(db, idl) : !ostrel_idlist_chooses(idl);
-}
-
-// Takes the handle's own enclave out of a list: it changes nothing, but with it the list has no text for an audit record. A
-// back end that passes lists on (no dbc_stays) gets them as they are.
-void drop_own_enclave(ostrel_db_t db, attrlist_t *idl)
-{
-	int64_t enclave;
-	if (ostrel_db_get_cmds(db)->dbc_stays != nullptr &&
-	    attrlist_lookup_int64(idl, OSTREL_ID_ENCLAVE, &enclave) == 0 && enclave == ostrel_db_get_enclaveid(db))
-		(void) attrlist_remove(idl, OSTREL_ID_ENCLAVE, DATA_TYPE_INT64); // it is there
-}
-
-// An update whose identifiers have no text leaves no audit record. Only root may do that.
-bool may_update(const Request &request)
-{
-	return peercred_getruid(request.cred.get()) == 0 || ostrel_idlist_has_text(request.ids.get());
-}
-
 ostrel_error_t carry_out(ostrel_hatch_cmd_t cmd, Request &request)
 {
 	const Command *command = find_command(cmd);
@@ -123,13 +104,13 @@ ostrel_error_t carry_out(ostrel_hatch_cmd_t cmd, Request &request)
 	if (command->run == nullptr)
 		return OSTREL_SUCCESS;
 	attrlist_t *newids = cmd == OSTREL_HATCH_CMD_RENAME_REQ ? request.data.get() : nullptr;
-	if (!stays(request.db, request.ids.get()) || !stays(request.db, newids)) {
+	if (!ostrel_request_stays(request.db, request.ids.get()) || !ostrel_request_stays(request.db, newids)) {
 		if (ostrel_error_t result = ostrel_check_elsewhere_auth(request.cred.get()))
 			return result;
 	}
-	drop_own_enclave(request.db, request.ids.get());
-	drop_own_enclave(request.db, newids);
-	if (cmd != OSTREL_HATCH_CMD_READ_REQ && !may_update(request))
+	ostrel_drop_own_enclave(request.db, request.ids.get());
+	ostrel_drop_own_enclave(request.db, newids);
+	if (cmd != OSTREL_HATCH_CMD_READ_REQ && !ostrel_may_update(request.cred.get(), request.ids.get()))
 		return OSTREL_INVALID_ARG;
 	return command->run(request);
 }
@@ -191,12 +172,25 @@ __attribute__((noinline)) void make_answer(ostrel_db_t db, const ostrel_hatch_ar
 constexpr size_t stack_max = 65536;
 constexpr size_t stack_alignment_bits = 16 * 8;
 
-} // namespace
+bool is_update(const char *arg, size_t size)
+{
+	ostrel_hatch_cmd_t cmd;
+	if (size < sizeof(cmd))
+		return false;
+	memcpy(&cmd, arg, sizeof(cmd));
+	return cmd == OSTREL_HATCH_CMD_WRITE_REQ || cmd == OSTREL_HATCH_CMD_RENAME_REQ ||
+	       cmd == OSTREL_HATCH_CMD_REMOVE_REQ;
+}
 
-void ostrel_hatch_handler(void *cookie, char *arg, size_t arg_size, hatch_desc_t *, unsigned int)
+// Without a hub nobody waits for what a request changes.
+void answer_request(ostrel_db_t db, Hub *hub, char *arg, size_t arg_size)
 {
 	Answer answer;
-	make_answer(static_cast<ostrel_db_t>(cookie), reinterpret_cast<ostrel_hatch_arg_t *>(arg), arg_size, &answer);
+	if (hub != nullptr && !is_update(arg, arg_size))
+		hub = nullptr;
+	if (hub != nullptr)
+		hub->begin_update();
+	make_answer(db, reinterpret_cast<ostrel_hatch_arg_t *>(arg), arg_size, &answer);
 	size_t size = sizeof(answer.head) + answer.head.nda_datalen;
 	void *block =
 	    size <= stack_max ? __builtin_alloca_with_align(size, stack_alignment_bits) : hatch_reply_memory(size);
@@ -211,12 +205,78 @@ void ostrel_hatch_handler(void *cookie, char *arg, size_t arg_size, hatch_desc_t
 	if (answer.head.nda_datalen > 0)
 		memcpy(static_cast<char *>(block) + sizeof(answer.head), answer.packed, answer.head.nda_datalen);
 	free(answer.packed);
+	if (hub != nullptr)
+		hub->end_update();
 	(void) hatch_return(static_cast<char *>(block), size, nullptr, 0); // on success it doesn't come back
+}
+
+} // namespace
+
+void ostrel_hatch_handler(void *cookie, char *arg, size_t arg_size, hatch_desc_t *, unsigned int)
+{
+	answer_request(static_cast<ostrel_db_t>(cookie), nullptr, arg, arg_size);
 }
 
 // ---- The server ----
 
 namespace {
+
+// A database that is served: the cookie of both channels.
+struct Served {
+	explicit Served(ostrel_db_t which) : db(which), hub(which) {}
+
+	ostrel_db_t db;
+	Hub hub;
+	int hatch = -1;
+	Served *next = nullptr;
+};
+
+extern "C" void handle_request(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
+{
+	auto *served = static_cast<Served *>(cookie);
+	answer_request(served->db, &served->hub, arg, size);
+}
+
+extern "C" void handle_live_request(void *cookie, char *arg, size_t size, hatch_desc_t *, unsigned int)
+{
+	auto *served = static_cast<Served *>(cookie);
+	ostrel_answer_live_request(served->db, served->hub, arg, size);
+}
+
+// What is served, by the hatch's number, since that is all that a server's end is told. A forked child serves nothing of it.
+Mutex list_lock;
+Served *list GUARDED_BY(list_lock);
+ProcessMark list_process;
+
+void enter_list()
+{
+	list_process.enter([]() NO_THREAD_SAFETY_ANALYSIS {
+		list_lock.init();
+		list = nullptr;
+	});
+}
+
+// NULL: there is none with that number.
+Served *take_served(int hatch)
+{
+	enter_list();
+	MutexLock hold(list_lock);
+	Served **link = &list;
+	while (*link != nullptr && (*link)->hatch != hatch)
+		link = &(*link)->next;
+	Served *served = *link;
+	if (served != nullptr)
+		*link = served->next;
+	return served;
+}
+
+void keep_served(Served *served)
+{
+	enter_list();
+	MutexLock hold(list_lock);
+	served->next = list;
+	list = served;
+}
 
 // The directory of a hatch: its mode, and the user and group that own it.
 constexpr mode_t directory_mode = 0755;
@@ -313,13 +373,23 @@ ostrel_error_t ostrel_hatchserver_create(
 	if (ostrel_error_t result = prepare_file(path))
 		return result;
 
-	NewHatch hatch(hatch_create(ostrel_hatch_handler, db, HATCH_REFUSE_DESC));
-	if (hatch.get() == -1 || hatch_setparam(hatch.get(), HATCH_PARAM_DATA_MIN, request_min) == -1)
+	// Given up after the hatch, which is revoked first.
+	std::unique_ptr<Served> made(new (std::nothrow) Served(db));
+	Served *served = made.get();
+	if (served == nullptr)
+		return OSTREL_NO_MEMORY;
+	NewHatch hatch(hatch_create(handle_request, served, HATCH_REFUSE_DESC));
+	if (hatch.get() == -1 || hatch_setparam(hatch.get(), HATCH_PARAM_DATA_MIN, request_min) == -1 ||
+	    hatch_channel(hatch.get(), ostrel_live_channel, handle_live_request, served, HATCH_NEVER_WAITS) == -1)
 		return ostrel_errno2error(errno);
+	served->hatch = hatch.get();
+	served->hub.serve_at(hatch.get());
 	(void) fdetach(path); // what an older or dead server left there; there may be nothing
 	if (fattach(hatch.get(), path) == -1)
 		return ostrel_errno2error(errno);
+	delete take_served(hatch.get()); // one that the program revoked by itself
 	*hatch_fd = hatch.release();
+	keep_served(made.release());
 	// From now on there is an audit record of each update, also when clients have used up this process's descriptors.
 	trl_keep_way();
 	return OSTREL_SUCCESS;
@@ -329,7 +399,11 @@ void ostrel_hatchserver_destroy(const char *path, int hatch_fd)
 {
 	CancellationWaits cancellation;
 	if (hatch_fd != -1) {
-		(void) hatch_revoke(hatch_fd);
+		Served *served = take_served(hatch_fd); // before the number can be another hatch's
+		if (hatch_revoke(hatch_fd) == 0)
+			delete served;
+		else if (served != nullptr) // its handlers may run: the program revokes it by itself
+			keep_served(served);
 		trl_leave_way();
 	}
 	if (path != nullptr)

@@ -51,13 +51,15 @@ LAYERS = {
         ['libostrel_lines'],
         ['libostrel_files*'],
         ['libostrel_cairn*'],
-        ['libostrel_hatches'],
+        ['libostrel_hatches*'],
         # On the back ends, or beside them.
         ['libostrel_audit', 'libostrel_auth', 'libostrel_convert', 'libostrel_obsolete'],
         ['libostrel_attempt', 'libostrel_more'],
         ['libostrel_deferred'],
         ['libostrel_impl'],
         ['libostrel'],
+        ['libostrel_hatchserver_rules'],
+        ['libostrel_hatchserver_hub', 'libostrel_hatchserver_live'],
         ['libostrel_hatchserver'],
     ],
     'platform': [
