@@ -2,7 +2,9 @@
 #ifndef OSTREL_TOOL_COMMAND_H
 #define OSTREL_TOOL_COMMAND_H
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,13 +38,16 @@ struct Options : CommonOptions {
 	std::string write_auth = "ostrel.write";
 	bool to_persist = false;
 	bool from_persist = false;
+	uint64_t since = 0; // a revision
+	bool show_version = false;
+	std::optional<std::string> if_version;
 };
 
 using Command = CommandOf<Options>;
 
 extern const Command list_command, show_command, put_command, set_command, unset_command, rename_command,
     remove_command, export_command, import_command, copy_command, diff_command, check_command, convert_command,
-    obsolete_command, serve_command, auth_command, enclaves_command;
+    obsolete_command, serve_command, auth_command, enclaves_command, edit_command, history_command, undo_command;
 
 // ---- What several commands declare ----
 
