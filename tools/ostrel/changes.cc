@@ -107,7 +107,9 @@ void require_version(Database &database, const Options &options, const Identifie
 
 void update_if_version(Database &database, const Options &options, const Step &step)
 {
-	const Changes changes = {{{step.id, *options.if_version}}, {}, {step}};
+	Changes changes = {{{step.id, *options.if_version}}, {}, {step}};
+	if (step.kind == Step::Kind::rename && database.key(step.id) != database.key(step.new_id))
+		changes.conditions.push_back({step.new_id, ""}); // the store itself may let two objects have them
 	const Outcome outcome = commit_or_wait(database, options, changes);
 	if (outcome == Outcome::conflict)
 		throw conflict(database, changes.conditions);
