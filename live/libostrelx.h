@@ -196,6 +196,53 @@ ostrelx_error_t ostrelx_watch_next(ostrelx_watch_t watch, ostrelx_event_t *event
 /* Ends a watch. Takes NULL. */
 void ostrelx_watch_close(ostrelx_watch_t watch);
 
+/* ---- History: the repository; other stores are OSTREL_NOTSUP ---- */
+
+typedef enum ostrelx_change MERIDON_ENUM32 {
+	OSTRELX_ADDED = 1,
+	OSTRELX_CHANGED = 2,
+	OSTRELX_REMOVED = 3,
+	OSTRELX_REVERTED = 4 /* by going back to a snapshot */
+} ostrelx_change_t;
+
+/* One change of one object. Later versions of the library may add members at the end. */
+typedef struct ostrelx_history_entry {
+	uint64_t revision; /* of the commit; it grows, with gaps */
+	uint32_t part;     /* of that commit, from 0 */
+	ostrelx_change_t what;
+	int64_t at_ns; /* nanoseconds since 1970 */
+	uid_t uid;     /* who asked for it, as the kernel said */
+	uid_t behalf;  /* for whom: what a server of root's said; only if has_behalf */
+	boolean_t has_behalf;
+	boolean_t is_hidden; /* the properties aren't for this caller, and are NULL */
+	attrlist_t *idl;
+	attrlist_t *before; /* the properties before and after it; NULL: there was no object */
+	attrlist_t *after;
+} ostrelx_history_entry_t;
+
+/*
+ * Calls `cb` for each recorded change after the revision `since`, oldest first, of the objects that `idl` selects; NULL: all.
+ * Anything but 0 from `cb` ends the call.
+ *
+ * Owns:    the entry and its lists are the library's until `cb` returns. `cb` may use the handle.
+ * Errors:  OSTREL_WALK_HALTED  `cb` ended it
+ *          OSTREL_NOTSUP       the store keeps no history; an older server or daemon
+ *          OSTREL_EPERM        no right to read; those of a walk
+ */
+typedef int ostrelx_historycb_t(const ostrelx_history_entry_t *entry, void *arg);
+ostrelx_error_t ostrelx_history(ostrel_db_t db, attrlist_t *idl, uint64_t since, ostrelx_historycb_t *cb, void *arg);
+
+/*
+ * Makes the batch that takes a revision back, with the conditions that nothing it changed was changed since. It changes nothing
+ * itself: ostrelx_commit() does, and the undo is a revision of its own, which can be undone, too.
+ *
+ * Owns:    *batchp is new; free it with ostrelx_batch_free(). Untouched on failure.
+ * Errors:  OSTREL_NOT_FOUND    there is no such revision, or it isn't kept any more
+ *          OSTREL_NOTSUP       as of ostrelx_history()
+ *          OSTREL_EPERM        the values aren't for this caller
+ */
+ostrelx_error_t ostrelx_undo(ostrel_db_t db, uint64_t revision, ostrelx_batch_t *batchp);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

@@ -1,7 +1,9 @@
 /*
  * Many objects at once. A plan compares them with those that are stored, which tells what to write and what to remove; nothing
  * is changed before it is complete. A store that can replace its content in one step does that: a file would otherwise be
- * rewritten for each object, and be half done after a failure. Any other store gets one update after the other.
+ * rewritten for each object, and be half done after a failure. Any other store gets the plan as one batch, under the conditions
+ * that nobody has changed what the plan is about; if somebody has, there is a new plan. A store that takes no batch, or none of
+ * this size, gets one update after the other.
  *
  * Divisions: interruption; the plan.
  */
@@ -15,6 +17,7 @@
 
 #include <fmt/format.h>
 
+#include "changes.h"
 #include "deferred.h"
 #include "document.h"
 #include "groups.h"
@@ -136,12 +139,20 @@ public:
 		}
 	}
 
+	std::vector<const Object *> removed_objects() const
+	{
+		std::vector<const Object *> all;
+		for (size_t i = 0; replace_ && i < before_.size(); i++)
+			if (!kept_[i])
+				all.push_back(&before_[i]);
+		return all;
+	}
+
 	std::vector<const Identifiers *> removals() const
 	{
 		std::vector<const Identifiers *> all;
-		for (size_t i = 0; replace_ && i < before_.size(); i++)
-			if (!kept_[i])
-				all.push_back(&before_[i].id);
+		for (const Object *object : removed_objects())
+			all.push_back(&object->id);
 		return all;
 	}
 
@@ -277,6 +288,45 @@ void write_singly(Database &database, ImportPlan &plan, Complaints &complaints, 
 		await();
 }
 
+// The plan as one batch. A group is listed before those below it, and is removed after them.
+Changes changes_of(const ImportPlan &plan)
+{
+	Changes changes;
+	for (const Object *object : plan.writes()) {
+		const Presence before = plan.before(*object);
+		changes.conditions.push_back(
+		    before.there ? Condition{before.object->id, before.object->version} : Condition{object->id, ""});
+		changes.steps.push_back({Step::Kind::put, object->id, object->props});
+	}
+	const std::vector<const Object *> removals = plan.removed_objects();
+	std::for_each(removals.rbegin(), removals.rend(), [&](const Object *object) {
+		changes.conditions.push_back({object->id, object->version});
+		changes.steps.push_back({Step::Kind::remove, object->id});
+	});
+	return changes;
+}
+
+// `version`: of the whole database before the plan was made, if the plan is about all of it.
+Outcome write_together(Database &database, ImportPlan &plan, const std::optional<std::string> &version,
+    Complaints &complaints, const Options &options)
+{
+	for (;;) {
+		Changes changes = changes_of(plan);
+		changes.database_version = version;
+		const std::vector<const Object *> writes = plan.writes();
+		if (changes.steps.empty())
+			return Outcome::done;
+		try {
+			return commit_or_wait(database, options, changes, SignalGuard::check);
+		} catch (const RefusedStep &failure) {
+			if (failure.step >= writes.size())
+				throw;
+			complaints.take(failure);
+			plan.take_back(writes[failure.step]);
+		}
+	}
+}
+
 void tell(const ImportPlan &plan, const Complaints &complaints, const Options &options)
 {
 	if (options.json) {
@@ -315,10 +365,11 @@ void Complaints::take(const Failure &failure)
 	warn(failure);
 }
 
-Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints &complaints, const Options &options)
+// One try; an empty result: somebody changed meanwhile what the plan is about, and nothing was done.
+static std::optional<Exit> write_once(Database &database, std::vector<Incoming> &&objects, Complaints &complaints,
+    const Options &options, bool is_one_file)
 {
-	begin_update(database, options, options.replace ? Database::Loss::meant : Database::Loss::refused);
-	SignalGuard signals;
+	const std::optional<std::string> version = options.replace && !is_one_file ? database.version() : std::nullopt;
 	ImportPlan plan(database, complaints, options.replace);
 	Progress progress("object", objects.size());
 	for (Incoming &incoming : objects) {
@@ -332,11 +383,33 @@ Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints 
 		database.require_place();
 	if (!options.dry_run && plan.changes()) {
 		plan.check_removals();
+		const Outcome outcome =
+		    whole ? Outcome::done : write_together(database, plan, version, complaints, options);
+		if (outcome == Outcome::conflict)
+			return std::nullopt;
 		if (whole)
 			whole->commit(plan.writes(), plan.removals());
-		else
+		else if (outcome == Outcome::unsupported)
 			write_singly(database, plan, complaints, options);
 	}
 	tell(plan, complaints, options);
 	return complaints.count() > 0 ? Exit::invalid : Exit::done;
+}
+
+Exit write_many(Database &database, std::vector<Incoming> &&objects, Complaints &complaints, const Options &options)
+{
+	begin_update(database, options, options.replace ? Database::Loss::meant : Database::Loss::refused);
+	SignalGuard signals;
+	if (database.replacement({}))
+		return *write_once(database, std::move(objects), complaints, options, true);
+	database.want_versions();
+	for (int attempt = 0; attempt < change_tries_max; attempt++) {
+		Complaints told = complaints;
+		if (std::optional<Exit> end =
+			write_once(database, std::vector<Incoming>(objects), told, options, false))
+			return *end;
+	}
+	throw Failure(Exit::conflict, "others change the database all the time")
+	    .in(database.label())
+	    .next("nothing was changed; run the command again");
 }

@@ -1,6 +1,7 @@
 // ostrel remove: removes an object, or a whole database.
 #include <fmt/format.h>
 
+#include "changes.h"
 #include "command.h"
 #include "database.h"
 #include "deferred.h"
@@ -14,6 +15,7 @@ void declare(CLI::App &app, Options &options)
 	declare_database(app, options);
 	declare_identifiers(app, options);
 	declare_update(app, options);
+	declare_if_version(app, options);
 	app.add_flag("--all", options.all, "Remove the whole database");
 	app.add_flag("--yes", options.yes, "With --all: really");
 }
@@ -61,13 +63,18 @@ Exit run(const Options &options)
 		    options.all ? "remove --all takes no identifiers" : "remove needs the identifiers of an object")
 		    .next("remove DB ID... removes an object, remove DB --all --yes the whole database");
 	if (options.all) {
+		if (options.if_version)
+			throw Failure(Exit::usage, "--if-version is about one object");
 		database.require_updates(Database::Loss::meant, Database::Hold::no); // the library holds it itself
 		return remove_all(database, options);
 	}
 	begin_update(database, options, Database::Loss::refused, Database::Hold::for_owner);
+	require_version(database, options, id);
 	Object object = database.readable() ? database.get_for_update(id) : Object{id, {}};
 	database.require_place();
-	if (!options.dry_run) {
+	if (!options.dry_run && options.if_version) {
+		update_if_version(database, options, {Step::Kind::remove, id});
+	} else if (!options.dry_run) {
 		Retries retries = database.remove(id);
 		await_update(database, options, retries, [&] {
 			const bool gone = database.is_gone(object.id);

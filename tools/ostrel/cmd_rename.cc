@@ -1,6 +1,7 @@
 // ostrel rename: gives an object other identifiers.
 #include <fmt/format.h>
 
+#include "changes.h"
 #include "command.h"
 #include "database.h"
 #include "deferred.h"
@@ -13,6 +14,7 @@ void declare(CLI::App &app, Options &options)
 	declare_database(app, options);
 	declare_identifiers(app, options);
 	declare_update(app, options);
+	declare_if_version(app, options);
 }
 
 Exit run(const Options &options)
@@ -22,6 +24,7 @@ Exit run(const Options &options)
 	if (from.empty() || to.empty())
 		throw Failure(Exit::usage, "rename needs the old identifiers before --, and the new ones after it");
 	begin_update(*database, options);
+	require_version(*database, options, from);
 	bool known = database->readable();
 	Object object = known ? database->get(from) : Object{from, {}};
 	bool same = identity(from, options.case_sensitive) == identity(to, options.case_sensitive);
@@ -33,7 +36,9 @@ Exit run(const Options &options)
 	const Identifiers before = object.id;
 	object.id = to;
 	database->rehearse_rename(before, object);
-	if (!options.dry_run) {
+	if (!options.dry_run && options.if_version) {
+		update_if_version(*database, options, {Step::Kind::rename, from, {}, to});
+	} else if (!options.dry_run) {
 		Retries retries = database->rename(from, to);
 		await_update(*database, options, retries, [&] {
 			const bool there = database->presence(to).there;

@@ -3,9 +3,9 @@
 
 #include <fmt/format.h>
 
+#include "changes.h"
 #include "command.h"
 #include "database.h"
-#include "deferred.h"
 #include "text.h"
 #include "word.h"
 
@@ -16,6 +16,7 @@ void declare(CLI::App &app, Options &options)
 	declare_database(app, options);
 	declare_identifiers(app, options);
 	declare_update(app, options);
+	declare_if_version(app, options);
 }
 
 bool holds(const std::vector<std::string> &values, const std::string &value)
@@ -77,19 +78,10 @@ Exit run(const Options &options)
 	std::vector<PropertyWord> words;
 	for (const std::string &text : options.tail)
 		words.push_back(parse_property_word(text));
-	begin_update(*database, options);
-	Object before = database->get(id);
-	Object after = before;
-	for (const PropertyWord &word : words)
-		apply(after, word);
-	if (same_props(before, after))
-		return tell_update(options, "unchanged", after);
-	database->rehearse(after, {true, before});
-	if (!options.dry_run) {
-		Retries retries = database->put(after);
-		await_object(*database, options, retries, after, {true, before});
-	}
-	return tell_update(options, "changed", after);
+	return change_object(*database, options, id, [&](Object &object) {
+		for (const PropertyWord &word : words)
+			apply(object, word);
+	});
 }
 
 } // namespace

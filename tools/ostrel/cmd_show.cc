@@ -19,6 +19,9 @@ void declare(CLI::App &app, Options &options)
 	app.add_option("-p,--prop", options.props, "Print the values of this property, one a line; can be repeated")
 	    ->type_name("PROP")
 	    ->allow_extra_args(false);
+	app.add_flag("--show-version", options.show_version,
+	       "Print its version, for --if-version; with --json beside the object")
+	    ->excludes("--prop");
 }
 
 // A script gets the bytes as they are; a terminal never gets them raw.
@@ -36,6 +39,8 @@ Exit run(const Options &options)
 	if (id.empty())
 		throw Failure(Exit::usage, fmt::format("{} needs the identifiers of an object", options.command))
 		    .next(fmt::format("ostrel list {} lists the objects", options.database));
+	if (options.show_version)
+		database->want_versions();
 	Object object = database->get(id);
 
 	Object chosen = {object.id, {}};
@@ -47,13 +52,19 @@ Exit run(const Options &options)
 		chosen.props.push_back(*property);
 	}
 	const Object &shown = options.props.empty() ? object : chosen;
-	if (options.json)
-		write_json(object_to_json(shown));
-	else if (options.props.empty())
+	if (options.json) {
+		Json json = object_to_json(shown);
+		if (options.show_version)
+			json["version"] = object.version;
+		write_json(json);
+	} else if (options.show_version) {
+		fmt::print("{}\n", object.version);
+	} else if (options.props.empty()) {
 		print_object(shown);
-	else
+	} else {
 		for (const Property &property : shown.props)
 			print_values(property);
+	}
 	return Exit::done;
 }
 

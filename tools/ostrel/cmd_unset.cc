@@ -3,9 +3,9 @@
 
 #include <fmt/format.h>
 
+#include "changes.h"
 #include "command.h"
 #include "database.h"
-#include "deferred.h"
 #include "word.h"
 
 namespace {
@@ -15,6 +15,7 @@ void declare(CLI::App &app, Options &options)
 	declare_database(app, options);
 	declare_identifiers(app, options);
 	declare_update(app, options);
+	declare_if_version(app, options);
 }
 
 Exit run(const Options &options)
@@ -23,25 +24,19 @@ Exit run(const Options &options)
 	Identifiers id = parse_identifiers(options.words);
 	if (id.empty() || options.tail.empty())
 		throw Failure(Exit::usage, "unset needs identifiers before --, and names of properties behind it");
-	begin_update(*database, options);
-	Object object = database->get(id);
-	const Presence before = {true, object};
-	for (const std::string &name : options.tail) {
-		auto found = std::find_if(
-		    object.props.begin(), object.props.end(), [&](const Property &p) { return p.name == name; });
-		if (found == object.props.end())
-			throw Failure(Exit::not_found, fmt::format("{} has no property {}", id_text(object.id), name))
-			    .in(database->label())
-			    .next(
-				fmt::format("nothing was changed; ostrel show {} shows the object", database->label()));
-		object.props.erase(found);
-	}
-	database->rehearse(object, before);
-	if (!options.dry_run) {
-		Retries retries = database->put(object);
-		await_object(*database, options, retries, object, before);
-	}
-	return tell_update(options, "changed", object);
+	return change_object(*database, options, id, [&](Object &object) {
+		for (const std::string &name : options.tail) {
+			auto found = std::find_if(object.props.begin(), object.props.end(),
+			    [&](const Property &p) { return p.name == name; });
+			if (found == object.props.end())
+				throw Failure(
+				    Exit::not_found, fmt::format("{} has no property {}", id_text(object.id), name))
+				    .in(database->label())
+				    .next(fmt::format(
+					"nothing was changed; ostrel show {} shows the object", database->label()));
+			object.props.erase(found);
+		}
+	});
 }
 
 } // namespace

@@ -2,7 +2,9 @@
 #ifndef OSTREL_TOOL_COMMAND_H
 #define OSTREL_TOOL_COMMAND_H
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,6 +41,9 @@ struct Options : CommonOptions {
 	bool once = false;
 	std::string exec;  // what runs after each state
 	std::string token; // the file that keeps a watch's token
+	uint64_t since = 0; // a revision
+	bool show_version = false;
+	std::optional<std::string> if_version;
 };
 
 using Command = CommandOf<Options>;
@@ -46,6 +51,8 @@ using Command = CommandOf<Options>;
 extern const Command list_command, show_command, put_command, set_command, unset_command, rename_command,
     remove_command, export_command, import_command, copy_command, diff_command, watch_command, check_command,
     convert_command, obsolete_command, serve_command, auth_command, enclaves_command;
+    remove_command, export_command, import_command, copy_command, diff_command, check_command, convert_command,
+    obsolete_command, serve_command, auth_command, enclaves_command, edit_command, history_command, undo_command;
 
 // ---- What several commands declare ----
 

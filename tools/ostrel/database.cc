@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <libostrelx.h>
 
+#include "libostrel_version.h"
 #include "text.h"
 
 namespace {
@@ -15,27 +16,31 @@ bool left_running = false;
 // The callback of a walk runs below a C library: it keeps what `visit` throws, and walk_once() throws it again.
 struct WalkState {
 	const Database::Visit *visit;
+	bool versions;
 	std::exception_ptr thrown;
 };
+
+std::string version_of(attrlist_t *id, attrlist_t *props)
+{
+	ObjectVersion version;
+	if (ostrel_version_of(id, props, &version) != OSTREL_SUCCESS)
+		throw std::bad_alloc();
+	return version.text;
+}
 
 int visit_object(ostrel_db_t, attrlist_t *id, attrlist_t *props, uint64_t, void *arg)
 {
 	auto *state = static_cast<WalkState *>(arg);
 	try {
-		(*state->visit)(object_from_lists(id, props));
+		Object object = object_from_lists(id, props);
+		if (state->versions)
+			object.version = version_of(id, props);
+		(*state->visit)(std::move(object));
 		return 0;
 	} catch (...) {
 		state->thrown = std::current_exception();
 		return 1;
 	}
-}
-
-std::string shell_words(const Identifiers &id)
-{
-	std::string words;
-	for (const auto &[name, value] : id)
-		words += fmt::format(" '{}={}'", visible(name), visible(value));
-	return words;
 }
 
 const char *done_by(Step::Kind kind)
@@ -104,7 +109,7 @@ List Database::list(const Identifiers &id)
 ostrel_error_t Database::walk_once(const Identifiers &id, bool exact, const Visit &visit)
 {
 	List ids = list(id);
-	WalkState state = {&visit, nullptr};
+	WalkState state = {&visit, versions_, nullptr};
 	ostrel_error_t result =
 	    ostrel_db_walk(db_, ids.get(), exact ? OSTREL_FLAG_EXACT_MATCH : 0, visit_object, nullptr, &state, nullptr);
 	if (state.thrown)
@@ -150,12 +155,59 @@ std::optional<std::vector<Object>> Database::objects_if_any(const Identifiers &i
 ostrel_error_t Database::read(const Identifiers &id, std::optional<Object> *object)
 {
 	List ids = list(id);
+	if (versions_) {
+		Object found;
+		ostrel_error_t result = read_with_version(ids.get(), &found);
+		if (result == OSTREL_SUCCESS)
+			*object = std::move(found);
+		return result;
+	}
 	attrlist_t *props = nullptr;
 	ostrel_error_t result = ostrel_db_read(db_, ids.get(), 0, &props);
 	List owned(props);
 	if (result == OSTREL_SUCCESS)
 		*object = object_from_lists(ids.get(), props);
 	return result;
+}
+
+ostrel_error_t Database::read_with_version(attrlist_t *ids, Object *object)
+{
+	attrlist_t *props = nullptr;
+	char version[OSTRELX_VERSION_SIZE];
+	const auto result = static_cast<ostrel_error_t>(ostrelx_read(db_, ids, 0, &props, version));
+	List owned(props);
+	if (result == OSTREL_SUCCESS) {
+		*object = object_from_lists(ids, props);
+		object->version = version;
+	}
+	return result;
+}
+
+std::optional<std::string> Database::version(const Identifiers &id)
+{
+	List ids = list(id);
+	Object object;
+	ostrel_error_t result = read_with_version(ids.get(), &object);
+	if (result != OSTREL_SUCCESS && result != OSTREL_NOT_FOUND)
+		return std::nullopt;
+	return object.version;
+}
+
+std::optional<std::string> Database::version()
+{
+	char text[OSTRELX_VERSION_SIZE];
+	return ostrelx_db_version(db_, text) == OSTREL_SUCCESS ? std::optional<std::string>(text) : std::nullopt;
+}
+
+std::vector<Condition> Database::unmet(const std::vector<Condition> &conditions)
+{
+	std::vector<Condition> found;
+	for (const Condition &condition : conditions) {
+		const std::optional<std::string> now = version(condition.id);
+		if (!now || (condition.version == "*" ? now->empty() : *now != condition.version))
+			found.push_back({condition.id, now.value_or("?")});
+	}
+	return found;
 }
 
 std::optional<Object> Database::find(const Identifiers &id)
@@ -314,19 +366,99 @@ ostrel_error_t call(ostrel_db_t db, Step::Kind kind, attrlist_t *id, attrlist_t 
 
 Retries Database::update(const Step &step)
 {
-	const bool is_put = step.kind == Step::Kind::put;
 	List id = list(step.id);
-	List more = is_put ? props_list(step.props) : step.kind == Step::Kind::rename ? list(step.new_id) : List();
+	List more = more_of(step);
 	begin_update();
 	ostrel_error_t result = call(db_, step.kind, id.get(), more.get());
-	if (result == OSTREL_INVALID_ARG) {
-		const Object object = {step.id, step.props};
-		throw refused(step.kind == Step::Kind::rename ? step.new_id : step.id, is_put ? &object : nullptr)
-		    .in(label());
-	}
+	if (result == OSTREL_INVALID_ARG)
+		throw refused_step(step);
 	if (result != OSTREL_SUCCESS)
 		fail(result, fmt::format("{} can't be {}", id_text(step.id), done_by(step.kind)));
 	return find_retries();
+}
+
+namespace {
+
+struct FreeBatch {
+	void operator()(ostrelx_batch_t batch) const { ostrelx_batch_free(batch); }
+};
+using BatchHandle = std::unique_ptr<struct ostrelx_batch, FreeBatch>;
+
+BatchHandle new_batch()
+{
+	ostrelx_batch_t made = nullptr;
+	if (ostrelx_batch_create(&made) != OSTREL_SUCCESS)
+		throw std::bad_alloc();
+	return BatchHandle(made);
+}
+
+ostrelx_error_t add_step(ostrelx_batch_t batch, Step::Kind kind, attrlist_t *id, attrlist_t *more)
+{
+	if (kind == Step::Kind::put)
+		return ostrelx_batch_write(batch, id, 0, more);
+	return kind == Step::Kind::rename ? ostrelx_batch_rename(batch, id, 0, more)
+					  : ostrelx_batch_remove(batch, id, 0);
+}
+
+constexpr struct {
+	ostrelx_error_t result;
+	Outcome outcome;
+} outcomes[] = {
+    {OSTREL_SUCCESS, Outcome::done},
+    {OSTRELX_CONFLICT, Outcome::conflict},
+    {OSTREL_NEEDS_RETRY, Outcome::deferred},
+    {OSTREL_NOTSUP, Outcome::unsupported},
+};
+
+} // namespace
+
+List Database::more_of(const Step &step)
+{
+	if (step.kind == Step::Kind::put)
+		return props_list(step.props);
+	return step.kind == Step::Kind::rename ? list(step.new_id) : List();
+}
+
+Failure Database::refused_step(const Step &step)
+{
+	const Object object = {step.id, step.props};
+	return refused(
+	    step.kind == Step::Kind::rename ? step.new_id : step.id, step.kind == Step::Kind::put ? &object : nullptr)
+	    .in(label());
+}
+
+// A batch that is too large for the library, or for the store, is one that it can't carry out.
+Outcome Database::commit(const Changes &changes)
+{
+	const size_t conditions = changes.conditions.size() + (changes.database_version ? 1 : 0);
+	if (conditions + changes.steps.size() > OSTRELX_BATCH_MAX)
+		return Outcome::unsupported;
+	const BatchHandle batch = new_batch();
+	ostrelx_error_t result = OSTREL_SUCCESS;
+	if (changes.database_version)
+		result = ostrelx_batch_expect_db(batch.get(), changes.database_version->c_str());
+	for (size_t i = 0; result == OSTREL_SUCCESS && i < changes.conditions.size(); i++)
+		result = ostrelx_batch_expect(
+		    batch.get(), list(changes.conditions[i].id).get(), changes.conditions[i].version.c_str());
+	for (size_t i = 0; result == OSTREL_SUCCESS && i < changes.steps.size(); i++) {
+		const Step &step = changes.steps[i];
+		result = add_step(batch.get(), step.kind, list(step.id).get(), more_of(step).get());
+	}
+	int failed = -1;
+	if (result == OSTREL_SUCCESS)
+		result = ostrelx_commit(db_, batch.get(), &failed);
+	for (const auto &row : outcomes)
+		if (row.result == result)
+			return row.outcome;
+	const size_t number = static_cast<size_t>(failed) - conditions;
+	const bool is_step = failed >= 0 && static_cast<size_t>(failed) >= conditions;
+	if (result == OSTREL_INVALID_ARG) {
+		if (!is_step)
+			return Outcome::unsupported;
+		throw RefusedStep(refused_step(changes.steps.at(number)), number);
+	}
+	const Step &step = changes.steps.at(is_step ? number : 0);
+	fail(static_cast<ostrel_error_t>(result), fmt::format("{} can't be {}", id_text(step.id), done_by(step.kind)));
 }
 
 Retries Database::rename(const Identifiers &from, const Identifiers &to)

@@ -58,6 +58,35 @@ struct Step {
 	Identifiers new_id = {};          // rename
 };
 
+// A condition of an update: the object has this version; "" is none, "*" is any.
+struct Condition {
+	Identifiers id;
+	std::string version;
+};
+
+// Steps that are carried out together under conditions, all or none.
+struct Changes {
+	std::vector<Condition> conditions = {};
+	std::optional<std::string> database_version = {}; // another condition
+	std::vector<Step> steps = {};
+};
+
+// How that ended: anything but `done` has changed nothing.
+enum class Outcome {
+	done,
+	conflict,   // a condition doesn't hold
+	deferred,   // the store can't be written now; nobody goes on with it
+	unsupported // the store, or its other side, can't carry these out together
+};
+
+// A step of several that the store refused.
+class RefusedStep : public Failure {
+public:
+	RefusedStep(Failure &&failure, size_t number) : Failure(std::move(failure)), step(number) {}
+
+	size_t step;
+};
+
 // An update of many objects as one step, which was prepared and changes nothing before commit().
 class Replacement {
 public:
@@ -115,6 +144,14 @@ public:
 	Watch watch(const Identifiers &id, bool exact, const char *token);
 	// What a result of the library means here; `what` says it in words ("can't be read").
 	Failure failure_of(ostrel_error_t result, const std::string &what);
+	// From now on objects that are read come with their versions. Object and version are of one moment.
+	void want_versions() { versions_ = true; }
+	// The version of one object, empty if there is none; nothing if that can't be told.
+	std::optional<std::string> version(const Identifiers &id);
+	// The version of the whole, which changes with anything in it; nothing if that can't be told.
+	std::optional<std::string> version();
+	// The conditions of these that don't hold, each with the version that its object has now, or ? where that can't be told.
+	std::vector<Condition> unmet(const std::vector<Condition> &conditions);
 	// Warns of what is stored and can't be read, and so is missing from what was shown.
 	virtual void warn_of_unread() const {}
 	// Shows the stored form. Throws Failure (unsupported) if that is no matter of lines.
@@ -156,6 +193,11 @@ public:
 	// ---- Updates ----
 
 	virtual Retries update(const Step &step);
+	/*
+	 * Carries out changes under their conditions. Nothing of it is deferred: what isn't done at the return isn't done later.
+	 * Throws Failure, and RefusedStep for a step that the store refuses; nothing was changed then.
+	 */
+	virtual Outcome commit(const Changes &changes);
 	Retries put(const Object &object) { return update({Step::Kind::put, object.id, object.props}); }
 	Retries rename(const Identifiers &from, const Identifiers &to);
 	Retries remove(const Identifiers &id) { return update({Step::Kind::remove, id}); }
@@ -201,6 +243,7 @@ protected:
 	// The general message. Without a hint of the store's own, it gets the one that fits every store.
 	Failure general_failure(ostrel_error_t result, const std::string &what, const std::string &hint = "") const;
 	ostrel_error_t read(const Identifiers &id, std::optional<Object> *object);
+	ostrel_error_t read_with_version(attrlist_t *ids, Object *object);
 	ostrel_error_t walk_once(const Identifiers &id, bool exact, const Visit &visit);
 	ostrel_error_t try_remove_all();
 	// The threads of the update that was just made.
@@ -212,6 +255,8 @@ protected:
 	void leave_open() { left_open_ = true; }
 
 private:
+	List more_of(const Step &step);
+	Failure refused_step(const Step &step);
 	void begin_update();
 
 	DatabaseName name_;
@@ -219,6 +264,7 @@ private:
 	ostrel_db_t db_ = nullptr;
 	std::unique_ptr<RetryFinder> finder_; // from the first update on
 	std::optional<bool> readable_;
+	bool versions_ = false;
 	bool given_up_ = false;
 	bool left_open_ = false;
 };

@@ -33,6 +33,7 @@ public:
 	void rehearse(const Object &object, const Presence &before) override;
 	void check_import(const Object &object, const Presence &before) override;
 	Retries update(const Step &step) override;
+	Outcome commit(const Changes &changes) override;
 	std::unique_ptr<Replacement> replacement(const std::vector<const Object *> &content) override;
 
 	// Puts this text in the place of a file that is held, and leaves the audit records. Throws Failure.
@@ -52,6 +53,7 @@ private:
 	int take_hold();
 	std::string changed_text(const Identifiers &id, const std::function<bool(Object &)> &change) const;
 	std::string text_after(const Step &step) const;
+	void apply(const Step &step, std::vector<Object> &content);
 	void replace_held(const std::string &text);
 	[[noreturn]] void fail_replace(int error);
 
@@ -257,6 +259,58 @@ Retries FileDatabase::update(const Step &step)
 	else
 		replace(text, {&object}, {});
 	return Retries();
+}
+
+// While the file is held nothing comes between the look at the conditions and the replacement.
+Outcome FileDatabase::commit(const Changes &changes)
+{
+	if (!holds_)
+		return Database::commit(changes);
+	if (hold_error_ == 0) {
+		const std::optional<std::string> &whole = changes.database_version;
+		if (!unmet(changes.conditions).empty() || (whole && whole != version()))
+			return Outcome::conflict;
+	}
+	if (changes.steps.size() == 1) {
+		(void) update(changes.steps[0]);
+		return Outcome::done;
+	}
+	std::vector<Object> content = objects_if_any().value_or(std::vector<Object>());
+	std::vector<const Object *> all, writes;
+	std::vector<const Identifiers *> removals;
+	std::vector<Object> named;
+	named.reserve(changes.steps.size());
+	for (const Step &step : changes.steps) {
+		apply(step, content);
+		if (step.kind == Step::Kind::remove)
+			removals.push_back(&step.id);
+		else
+			writes.push_back(&named.emplace_back(Object{step.id, {}}));
+	}
+	for (const Object &object : content)
+		all.push_back(&object);
+	replacement(all)->commit(writes, removals);
+	return Outcome::done;
+}
+
+// Carries a step out on the objects of the file.
+void FileDatabase::apply(const Step &step, std::vector<Object> &content)
+{
+	const std::string wanted = key(step.id);
+	bool found = false;
+	for (size_t i = 0; i < content.size(); i++) {
+		if (key(content[i].id) != wanted)
+			continue;
+		found = true;
+		if (step.kind == Step::Kind::put)
+			content[i].props = step.props;
+		else if (step.kind == Step::Kind::rename)
+			content[i].id = step.new_id;
+		else
+			content.erase(content.begin() + static_cast<std::ptrdiff_t>(i--));
+	}
+	if (!found && step.kind == Step::Kind::put)
+		content.push_back({step.id, step.props});
 }
 
 std::unique_ptr<Replacement> FileDatabase::replacement(const std::vector<const Object *> &content)

@@ -15,6 +15,7 @@ const Command *const commands[] = {
     &put_command,
     &set_command,
     &unset_command,
+    &edit_command,
     &rename_command,
     &remove_command,
     &export_command,
@@ -22,6 +23,8 @@ const Command *const commands[] = {
     &copy_command,
     &diff_command,
     &watch_command,
+    &history_command,
+    &undo_command,
     &check_command,
     &convert_command,
     &obsolete_command,
@@ -36,8 +39,8 @@ const Command *const commands[] = {
 int main(int argc, char **argv)
 {
 	static constexpr Completer completers[] = {{"NAME|ID", "ostrel enclaves | cut -f2"}};
-	static constexpr Exit exits[] = {
-	    Exit::deferred, Exit::busy, Exit::unsupported, Exit::differences, Exit::findings, Exit::no_connection};
+	static constexpr Exit exits[] = {Exit::deferred, Exit::busy, Exit::unsupported, Exit::differences,
+	    Exit::findings, Exit::no_connection, Exit::conflict};
 	const Tool<Options> tool = {"Reads and changes databases of network configuration.",
 	    "ostrel(1) has the whole story.", commands, declare_nothing<Options>, completers, exits};
 	const int code = run_tool(tool, argc, argv);

@@ -328,6 +328,14 @@ std::string id_text(const Identifiers &id)
 	return text;
 }
 
+std::string shell_words(const Identifiers &id)
+{
+	std::string words;
+	for (const auto &[name, value] : id)
+		words += fmt::format(" '{}={}'", visible(name), visible(value));
+	return words;
+}
+
 std::string value_text(const Property &property)
 {
 	return join_values(property.values);

@@ -54,6 +54,7 @@ using Identifiers = std::vector<std::pair<std::string, std::string>>;
 struct Object {
 	Identifiers id;
 	std::vector<Property> props;
+	std::string version = {}; // where it was asked for
 
 	const Property *find(const std::string &name) const;
 };
@@ -71,6 +72,8 @@ List props_list(const std::vector<Property> &props);
 std::string identity(const Identifiers &id, bool case_sensitive);
 // Identifiers for messages and tables: `name=value` words with blanks between them.
 std::string id_text(const Identifiers &id);
+// Identifiers as words of a command line, with a blank before each.
+std::string shell_words(const Identifiers &id);
 std::string value_text(const Property &property);
 
 #endif

@@ -40,6 +40,7 @@ constexpr struct {
     {Exit::findings, 10, "findings", "findings"},
     {Exit::no_connection, 11, "no_connection", "no connection"},
     {Exit::no_server, 11, "no_server", "no server"},
+    {Exit::conflict, 12, "conflict", "changed meanwhile"},
 };
 
 constexpr struct {
@@ -92,6 +93,8 @@ void print_json(const char *kind, const Failure &failure)
 		body["path"] = visible(failure.path);
 	if (!failure.hint.empty())
 		body["hint"] = visible(failure.hint);
+	if (!failure.more.empty())
+		body.update(Json::parse(failure.more));
 	write_json(Json{{kind, body}}, stderr);
 }
 

@@ -24,6 +24,7 @@ enum class Exit {
 	busy,     // 7: the store can't take it now
 	unsupported,
 	memory,
+	conflict,      // 12: somebody changed it meanwhile
 	differences,   // 10
 	findings,      // 10
 	no_connection, // 11: to the server of a database
@@ -56,6 +57,7 @@ public:
 	std::string path;  // an element of a JSON document, as a JSON pointer
 	size_t line = 0;
 	std::string hint;
+	std::string more; // further members of its JSON form, as an object of JSON; or nothing
 };
 
 // What an error number of a library means to the user of a tool.
