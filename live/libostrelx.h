@@ -242,6 +242,146 @@ ostrelx_error_t ostrelx_history(ostrel_db_t db, attrlist_t *idl, uint64_t since,
  *          OSTREL_EPERM        the values aren't for this caller
  */
 ostrelx_error_t ostrelx_undo(ostrel_db_t db, uint64_t revision, ostrelx_batch_t *batchp);
+/* ---- Updates that roll themselves back ---- */
+
+/*
+ * An apply is a commit that is taken back by itself unless somebody confirms it in time: for changes that may cut off whoever
+ * makes them. Its way back, an undo record, is durable before its first step. A guard looks after the records: ostrelx_guard(),
+ * which the service manager starts as soon as there is one. Neither the caller's death nor the guard's, nor a restart of either,
+ * loses the way back, and a boot takes back at once what no confirm has come for before it.
+ *
+ * Records lie in /var/lib/ostrel/pending for root, else in $XDG_STATE_HOME/ostrel/pending (~/.local/state), and are for their
+ * user alone, as are these calls. They hold the values that the apply replaced, and those that it wrote, until its end.
+ *
+ * Confirming is one removal of the record, rolling back begins with one rename of it: the kernel lets one of the two win.
+ */
+
+#define OSTRELX_APPLY_ID_SIZE 17        /* room for the name of an apply, NUL included */
+#define OSTRELX_APPLY_SECONDS_MAX 86400 /* so nothing can be left over for longer */
+
+/*
+ * Commits a batch that is rolled back after `seconds`, or at the next boot, unless ostrelx_confirm() comes first. The time runs
+ * from the call on; up to 5 s of it go by while a guard is waited for. `run`, unless NULL, is a command that is handed to whoever
+ * rolls it back, to be run then.
+ *
+ * What is recorded of each object is what this commit replaced: it carries conditions of its own for that, and begins again if
+ * another writer is faster.
+ *
+ * Owns:    `id` has room for OSTRELX_APPLY_ID_SIZE bytes. *failed is as of ostrelx_commit(); `failed` may be NULL.
+ * Errors:  those of ostrelx_commit(), and nothing is pending then. If that is OSTREL_FAILURE, some of which leave open whether
+ *          the batch was carried out, the guard takes back at once what was
+ *          OSTREL_INVALID_ARG  also: `seconds` is 0 or above OSTRELX_APPLY_SECONDS_MAX; a rename to identifiers that an object has
+ *                              already; a relative path in another enclave
+ *          OSTREL_EXISTS       one of the objects is in an apply that is pending already, whose name `id` is then
+ *          OSTREL_NOTSUP       also: within 5 s there was no guard; nothing was applied
+ *          OSTREL_EPERM        also: the directory of the records, or the one above it, is somebody else's, or open to others
+ */
+ostrelx_error_t ostrelx_apply(ostrel_db_t db, ostrelx_batch_t batch, unsigned seconds, const char *run,
+    char id[OSTRELX_APPLY_ID_SIZE], int *failed);
+
+/*
+ * Lets an apply stand: nothing takes it back any more once this has returned OSTREL_SUCCESS.
+ *
+ * Errors:  OSTREL_NOT_FOUND    nothing of that name is pending: it was confirmed, or its rollback has begun
+ *          OSTREL_INVALID_ARG  `id` can't be a name
+ *          OSTREL_FAILURE      the record is removed, but the directory couldn't be synced: a crash may bring it back
+ */
+ostrelx_error_t ostrelx_confirm(const char *id);
+
+/*
+ * Puts the rollback of an apply off: it comes `seconds` from now, sooner or later than before.
+ *
+ * Errors:  those of ostrelx_confirm(); OSTREL_INVALID_ARG also for `seconds` as in ostrelx_apply()
+ */
+ostrelx_error_t ostrelx_confirm_later(const char *id, unsigned seconds);
+
+/* What a rollback does to one object, or did. The lists are the library's until the callback returns. */
+typedef struct ostrelx_undone {
+	attrlist_t *idl;
+	attrlist_t *found; /* the properties before the rollback; NULL: there was no object */
+	attrlist_t *left;  /* the properties after it; NULL: there is none */
+	attrlist_t *kept;  /* what others changed since the apply, and it had not: stays */
+	attrlist_t
+	    *overruled; /* what the apply had changed, and others since: is taken back all the same, if by force */
+} ostrelx_undone_t;
+typedef void ostrelx_undonecb_t(const ostrelx_undone_t *undone, void *arg);
+
+#define OSTRELX_ROLLBACK_FORCE 0x1  /* takes back too what others have changed since, as the guard does */
+#define OSTRELX_ROLLBACK_IF_DUE 0x2 /* only if its time has passed, or the host was booted since */
+#define OSTRELX_ROLLBACK_PLAN 0x4   /* tells what it would do, and does nothing */
+
+/*
+ * Takes an apply back, in one batch, property by property: what the apply changed goes back, whatever else others did to the
+ * objects stays. An object that the apply made goes, unless others added to it; one that it removed is made again, unless
+ * others made one; one that others removed is made again. An apply that was never carried out takes nothing back.
+ *
+ * Calls `cb`, which may be NULL, for each object that changes, or that others have changed; all of them come before the record
+ * goes. If this is cut short by a death, it is carried out again, and `cb` may be called again.
+ *
+ * Errors:  OSTRELX_CONFLICT    without OSTRELX_ROLLBACK_FORCE: others changed what the apply had changed, too. `cb` was called
+ *                              for these objects, nothing was changed, and it is pending as before
+ *          OSTREL_NOT_FOUND    nothing of that name is pending, or none that is due
+ *          OSTREL_NEEDS_RETRY  the apply, or another rollback of it, is at work now
+ *          OSTREL_INVALID_ARG  `id` can't be a name; also: an object of the apply is there twice
+ *          OSTREL_EPERM        also: the record isn't this user's alone
+ *          those of opening and reading the database, and of ostrelx_commit(): the guard tries again
+ */
+ostrelx_error_t ostrelx_rollback(const char *id, uint64_t flags, ostrelx_undonecb_t *cb, void *arg);
+
+typedef enum ostrelx_pending_state MERIDON_ENUM32 {
+	OSTRELX_PENDING_WAITING = 1,
+	OSTRELX_PENDING_EXPIRED = 2,    /* its time has passed */
+	OSTRELX_PENDING_OTHER_BOOT = 3, /* the host was booted since */
+	OSTRELX_PENDING_ROLLING = 4     /* its rollback has begun */
+} ostrelx_pending_state_t;
+
+/* An apply that is pending. All texts are the library's until the callback returns. */
+typedef struct ostrelx_pending_apply {
+	const char *id;
+	const char *store;    /* "file", "repo" or "hatch" */
+	const char *database; /* the name of the open; a path is absolute */
+	enclaveid_t enclave;
+	uid_t uid;
+	uint32_t objects;
+	uint32_t seconds_left; /* rounded up */
+	int64_t
+	    until; /* by the calendar, in seconds since 1970: for people; a change of the time of day moves nothing */
+	ostrelx_pending_state_t state;
+	const char *run; /* NULL: none */
+} ostrelx_pending_t;
+typedef int ostrelx_pendingcb_t(const ostrelx_pending_t *pending, void *arg);
+
+/*
+ * Calls `cb` for each apply of this user that is pending. Anything but 0 halts it.
+ *
+ * Errors:  OSTREL_WALK_HALTED; OSTREL_NO_MEMORY; OSTREL_EPERM as ostrelx_apply(). Records that can't be read are passed over.
+ */
+ostrelx_error_t ostrelx_pending(ostrelx_pendingcb_t *cb, void *arg);
+
+/*
+ * Tells when an apply was rolled back, in seconds since 1970. Kept for a day.
+ *
+ * Errors:  OSTREL_NOT_FOUND    it wasn't, or longer ago; OSTREL_INVALID_ARG
+ */
+ostrelx_error_t ostrelx_rolled_back(const char *id, int64_t *when);
+
+/* What a guard tells: what it did to an object, that it rolled an apply back (OSTREL_SUCCESS), or why it can't now. */
+typedef struct ostrelx_guarded {
+	const char *id;
+	const ostrelx_pending_t *pending; /* NULL for a record that can't be read, which was set aside */
+	const ostrelx_undone_t *undone;   /* NULL: this is the result of the whole */
+	ostrelx_error_t result;
+} ostrelx_guarded_t;
+typedef void ostrelx_guardedcb_t(const ostrelx_guarded_t *guarded, void *arg);
+
+/*
+ * Guards this user's pending applies until there is none: rolls back, by force, what is due. One process guards; others wait in
+ * case it dies. Looks at the records once a second; what can't be rolled back now is tried again then, and told once for each result.
+ * `linger` is how many seconds it waits for a first record.
+ *
+ * Errors:  OSTREL_EPERM as ostrelx_apply(); OSTREL_NO_MEMORY and OSTREL_FAILURE if it can't look
+ */
+ostrelx_error_t ostrelx_guard(unsigned linger, ostrelx_guardedcb_t *cb, void *arg);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus
