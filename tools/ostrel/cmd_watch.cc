@@ -16,7 +16,6 @@
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/signalfd.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -292,11 +291,14 @@ std::string read_token(const std::string &path)
 	return line.substr(0, end);
 }
 
+// By a new file: what stands under its name, such as a link, is never followed.
 void keep_token(const std::string &path, const std::string &token)
 {
 	const std::string made = path + ".new";
-	const Stream file(std::fopen(made.c_str(), "we"));
-	if (!file || std::fprintf(file.get(), "%s\n", token.c_str()) < 0 || std::fflush(file.get()) != 0 ||
+	const std::string line = token + "\n";
+	(void) unlink(made.c_str());
+	const Fd file(open(made.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+	if (!file || write(file.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()) ||
 	    std::rename(made.c_str(), path.c_str()) != 0)
 		throw system_failure("the token can't be kept").in(path);
 }
