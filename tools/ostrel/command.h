@@ -39,8 +39,8 @@ struct Options : CommonOptions {
 	bool to_persist = false;
 	bool from_persist = false;
 	bool once = false;
-	std::string exec;  // what runs after each state
-	std::string token; // the file that keeps a watch's token
+	std::string exec;   // what runs after each state
+	std::string token;  // the file that keeps a watch's token
 	uint64_t since = 0; // a revision
 	bool show_version = false;
 	std::optional<std::string> if_version;
@@ -50,9 +50,8 @@ using Command = CommandOf<Options>;
 
 extern const Command list_command, show_command, put_command, set_command, unset_command, rename_command,
     remove_command, export_command, import_command, copy_command, diff_command, watch_command, check_command,
-    convert_command, obsolete_command, serve_command, auth_command, enclaves_command;
-    remove_command, export_command, import_command, copy_command, diff_command, check_command, convert_command,
-    obsolete_command, serve_command, auth_command, enclaves_command, edit_command, history_command, undo_command;
+    convert_command, obsolete_command, serve_command, auth_command, enclaves_command, edit_command, history_command,
+    undo_command;
 
 // ---- What several commands declare ----
 
