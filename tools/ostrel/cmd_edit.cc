@@ -205,25 +205,28 @@ void declare(CLI::App &app, Options &options)
 	app.add_option("--continue", options.other, "Go on with a text that was kept")->type_name("FILE");
 }
 
-std::vector<Object> objects_to_edit(Database &database, const Options &options)
+std::vector<Object> selected(Database &database, const Options &options)
 {
-	if (!options.other.empty())
-		return objects_of(database, read_edit_text(options.other));
 	std::vector<Object> found = database.objects(parse_identifiers(options.words));
 	if (found.empty())
 		throw Failure(Exit::not_found, "no object is selected")
 		    .in(database.label())
 		    .next(fmt::format("ostrel list {} lists what is there", database.label()));
+	require_single(database, found, database.label());
 	return found;
 }
 
-// Everything after the text is there. `path` is it; *done: it isn't needed any more.
-Exit edit(
-    Database &database, const Options &options, const std::vector<Object> &base, const std::string &path, bool *done)
+// Everything after the text is there. `path` is it; *done: it isn't needed any more. A text that was kept is compared with what
+// is stored once the editor has ended: until then it may be one that can't be read.
+Exit edit(Database &database, const Options &options, std::vector<Object> &&base, const std::string &path, bool *done)
 {
 	run_editor(path);
 	const EditText text = read_edit_text(path);
 	require_single(database, text.objects, path);
+	if (!options.other.empty()) {
+		base = objects_of(database, text);
+		require_single(database, base, database.label());
+	}
 	const std::vector<Difference> differences = compare(base, text.objects, database.case_sensitive());
 	*done = options.dry_run || differences.empty();
 	if (differences.empty()) {
@@ -261,13 +264,15 @@ Exit run(const Options &options)
 	begin_update(*database, options, Database::Loss::refused, Database::Hold::no);
 	database->require_place();
 	database->want_versions();
-	const std::vector<Object> base = objects_to_edit(*database, options);
-	require_single(*database, base, database->label());
-	const std::string path =
-	    options.other.empty() ? make_text_file(edit_text(database->label(), base)) : options.other;
+	std::vector<Object> base;
+	std::string path = options.other;
+	if (path.empty()) {
+		base = selected(*database, options);
+		path = make_text_file(edit_text(database->label(), base));
+	}
 	bool done = false;
 	try {
-		const Exit end = edit(*database, options, base, path, &done);
+		const Exit end = edit(*database, options, std::move(base), path, &done);
 		if (done && !(options.dry_run && !options.other.empty()))
 			(void) unlink(path.c_str()); // what stays harms nobody
 		return end;
