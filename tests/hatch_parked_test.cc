@@ -426,6 +426,8 @@ int threads_of(pid_t pid)
 TEST_F(HatchParked, ManyWaitersTakeNoThreadsAndLittleMemory)
 {
 	constexpr size_t many = sanitized ? 400 : 2'000;
+	// A sanitizer has a thread of its own, and so slow ones that more are made ready.
+	constexpr int threads_max = sanitized ? 16 : 8;
 	Process server = serve_board();
 	Fd client = open_hatch(path_);
 	uint64_t now = ask(client.get(), commit);
@@ -449,15 +451,15 @@ TEST_F(HatchParked, ManyWaitersTakeNoThreadsAndLittleMemory)
 	});
 	for (int round = 0; round < 3; round++) {
 		ASSERT_TRUE(eventually([&] { return ask(client.get(), tickets) == many; }));
-		EXPECT_LE(threads_of(server.pid()), 8);
+		EXPECT_LE(threads_of(server.pid()), threads_max);
 		EXPECT_TRUE(sanitized || anonymous_kib(server.pid()) - before <= 4'096);
 		(void) ask(client.get(), commit);
-		EXPECT_LE(threads_of(server.pid()), 8);
+		EXPECT_LE(threads_of(server.pid()), threads_max);
 	}
 	EXPECT_TRUE(eventually([&] { return ask(client.get(), tickets) == many; }));
 	waiting.kill();
 	EXPECT_TRUE(eventually([&] { return ask(client.get(), tickets) == 0; }));
-	EXPECT_LE(threads_of(server.pid()), 8);
+	EXPECT_LE(threads_of(server.pid()), threads_max);
 }
 
 // Waits, gives up, asks again, until it is told the last position. Gives 0, or what was wrong.
