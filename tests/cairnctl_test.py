@@ -90,8 +90,11 @@ class Cairnctl(t.DaemonTest):
                 self.run_tool("snapshot", "s:i", *change)
         for change in (["take", "running"], ["revert", "kept"]):
             self.beside(lambda: export(change), lambda: self.run_tool("snapshot", "s:i", *change))
-            out = later[-1].communicate()[0]  # what it tried in vain beside the changes it tried again
-            self.assertEqual((later[-1].returncode, json.loads(out)), (0, whole))
+            out = later[-1].communicate()[0]  # what it tried in vain beside the changes it tried again, within its bound
+            if later[-1].returncode == 7:
+                self.assertEqual(out, b"")
+                out = self.tool("export").out
+            self.assertEqual(json.loads(out), whole)
 
     def test_listings_pass_over_what_goes_meanwhile(self):
         services = [service(f"s{i}", [group("g")]) for i in range(200)]
